@@ -1,0 +1,50 @@
+#pragma once
+
+#include <condition_variable>
+#include <coroutine>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kestrowan {
+
+/// A few threads that resume coroutines in the order in which they were posted.
+///
+/// The process has one, `shared()`, made on first use and never destroyed. Safe from every thread.
+/// Coroutines must not block its threads; a coroutine that throws out of its frame is fatal.
+class Executor {
+ public:
+  explicit Executor(unsigned threadCount);
+  Executor(const Executor&) = delete;
+  Executor& operator=(const Executor&) = delete;
+  /// Runs what has been posted, then joins the threads.
+  ~Executor();
+
+  static Executor& shared();
+
+  /// Resumes `handle` on one of the executor's threads, later.
+  void post(std::coroutine_handle<> handle);
+
+  /// Awaitable: `co_await executor.schedule()` continues on one of the executor's threads.
+  auto schedule() {
+    struct Awaiter {
+      Executor& executor;
+      bool await_ready() const noexcept { return false; }
+      void await_suspend(std::coroutine_handle<> handle) { executor.post(handle); }
+      void await_resume() const noexcept {}
+    };
+    return Awaiter{*this};
+  }
+
+ private:
+  void run();
+
+  std::mutex mutex_;
+  std::condition_variable posted_;
+  std::deque<std::coroutine_handle<>> queue_;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace kestrowan

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kestrowan {
+
+/// How far the body of one request has come; counts are bytes and written by the transfer thread.
+struct TransferStatus {
+  std::string httpMethod;
+  std::string url;
+  std::int64_t bytesSent = 0;
+  std::int64_t bytesReceived = 0;
+  /// Of the body that is sent; absent for a request without one.
+  std::optional<std::int64_t> bytesExpectedToSend;
+  /// As the server announced it; absent while or when unknown.
+  std::optional<std::int64_t> bytesExpectedToReceive;
+};
+
+/// The transfers in flight in this process, for whoever shows progress. Usable from every thread.
+class TransferMonitor {
+ public:
+  /// One transfer in flight: registered while it lives.
+  class Entry {
+   public:
+    Entry(TransferMonitor& monitor, TransferStatus status);
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    ~Entry();
+
+    /// The counts so far; each call replaces the value of the one before.
+    void sent(std::int64_t bytes);
+    void received(std::int64_t bytes);
+    void expectToReceive(std::int64_t bytes);
+
+   private:
+    friend class TransferMonitor;
+    TransferMonitor& monitor_;
+    TransferStatus status_;  // guarded by the monitor's mutex
+  };
+
+  static TransferMonitor& shared();
+
+  std::vector<TransferStatus> transfers() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::set<const Entry*> entries_;
+};
+
+}  // namespace kestrowan
