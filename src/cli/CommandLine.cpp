@@ -1,0 +1,194 @@
+#include "cli/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "cli/ServerPath.h"
+#include "cli/commands/Commands.h"
+#include "cli/drive/Driver.h"
+#include "extension/FileProviderExtension.h"
+#include "platform/foundation/Logger.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+using Action = std::function<ExitCode()>;
+
+/// Drops what the extension logs: a direct command reports failures itself.
+class SilentSink : public LogSink {
+ public:
+  void error(std::string_view, std::string_view, std::string_view,
+             std::span<const std::string_view>) override {}
+};
+
+/// The command line's form and, once parsed, its values. One command's action is chosen by parsing.
+class CommandLine {
+ public:
+  CommandLine() : app_("Works with the storage that the host application serves on this machine.") {
+    app_.name("kestrowan");
+    app_.set_version_flag("--version", KFP_VERSION);
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.add_option("--container", global_.container,
+                    "directory with the bridge file \"fp-webdav.json\"; otherwise "
+                    "$KESTROWAN_CONTAINER, else " +
+                        std::string(FPBridge::kGroupIdentifier) +
+                        " in $XDG_DATA_HOME or ~/.local/share")
+        ->type_name("DIR");
+    app_.add_flag("--json", global_.json, "report in JSON, one object a line");
+    app_.add_flag("--verbose", global_.verbose, "show the extension's log on standard error");
+    app_.footer(
+        "Exit codes: 0 done; 1 the request failed; 2 wrong usage; 3 not configured;\n"
+        "4 some of several failed; 5 standard output or a local file cannot be written.");
+    addReadingCommands();
+    addWritingCommands();
+    addHostCommands();
+  }
+
+  int run(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+      return app_.exit(problem) == 0 ? static_cast<int>(ExitCode::done)
+                                     : static_cast<int>(ExitCode::usage);
+    }
+    if (global_.container) ::setenv("KESTROWAN_CONTAINER", global_.container->c_str(), 1);
+    return static_cast<int>(carryOut());
+  }
+
+ private:
+  ExitCode carryOut() {
+    try {
+      const ExitCode code = action_();
+      Output::standard().flush();
+      return code;
+    } catch (const UsageError& problem) {
+      complain(problem.what());
+      return ExitCode::usage;
+    } catch (const OutputUnwritable& problem) {
+      complain(escapedForDisplay(problem.what()));
+      return ExitCode::outputUnwritable;
+    }
+  }
+
+  /// A command whose action works on an extension of its own.
+  CLI::App* addDirect(const std::string& name, const std::string& summary,
+                      const std::string& examples,
+                      std::function<ExitCode(CommandContext&)> action) {
+    auto* command = app_.add_subcommand(name, summary);
+    command->footer("Examples:\n" + examples);
+    command->callback([this, action = std::move(action)] {
+      action_ = [this, action] { return direct(action); };
+    });
+    return command;
+  }
+
+  ExitCode direct(const std::function<ExitCode(CommandContext&)>& action) {
+    if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
+    CommandContext context(global_);
+    try {
+      return action(context);
+    } catch (const RequestFailure& failure) {
+      const ExitCode code = context.fail(failure.path, failure.error);
+      Output::standard().flush();
+      return code;
+    }
+  }
+
+  void addReadingCommands() {
+    auto* ls = addDirect("ls", "list a folder", "  kestrowan ls -l /Home\n  kestrowan ls -R",
+                         [this](CommandContext& context) { return list(context, listOptions_); });
+    ls->add_flag("-l", listOptions_.longFormat, "with kind, capabilities, size and date (UTC)");
+    ls->add_flag("-R", listOptions_.recursive, "with all folders below");
+    ls->add_option("PATH", listOptions_.path, "folder on the server; the root when left out");
+
+    auto* stat = addDirect("stat", "show one item", "  kestrowan stat /Home/a.txt",
+                           [this](CommandContext& context) { return cli::stat(context, path_); });
+    stat->add_option("PATH", path_, "item on the server")->required();
+
+    auto* get =
+        addDirect("get", "download a file",
+                  "  kestrowan get /Home/a.txt\n  kestrowan get /Home/a.txt - | less",
+                  [this](CommandContext& context) { return cli::get(context, path_, file_); });
+    get->add_option("PATH", path_, "file on the server")->required();
+    get->add_option("FILE", file_,
+                    "local file or folder, \"-\" for standard output; the current folder when "
+                    "left out. A file that is there is replaced once the download is whole.");
+  }
+
+  void addWritingCommands() {
+    auto* put =
+        addDirect("put", "upload a file", "  kestrowan put a.txt /Home/",
+                  [this](CommandContext& context) { return cli::put(context, source_, path_); });
+    put->add_option("FILE", source_, "local file")->required();
+    put->add_option("PATH", path_,
+                    "file on the server, which is replaced when it is there; the file's own name "
+                    "in a folder when it ends in \"/\"")
+        ->required();
+
+    auto* mkdir = addDirect("mkdir", "make a folder", "  kestrowan mkdir /Home/New",
+                            [this](CommandContext& context) { return makeFolder(context, path_); });
+    mkdir->add_option("PATH", path_, "folder on the server")->required();
+
+    auto* mv =
+        addDirect("mv", "rename or move an item; never replaces another",
+                  "  kestrowan mv /Home/a.txt /Home/b.txt\n  kestrowan mv /Home/a.txt "
+                  "/Home/New/",
+                  [this](CommandContext& context) { return cli::move(context, source_, path_); });
+    mv->add_option("FROM", source_, "item on the server")->required();
+    mv->add_option("TO", path_, "its new path; a folder when it ends in \"/\"")->required();
+
+    auto* rm = addDirect(
+        "rm", "remove an item", "  kestrowan rm /Home/a.txt\n  kestrowan rm -r /Home/New",
+        [this](CommandContext& context) { return cli::remove(context, path_, recursive_); });
+    rm->add_flag("-r", recursive_, "also a folder, with all that is in it");
+    rm->add_option("PATH", path_, "item on the server")->required();
+  }
+
+  void addHostCommands() {
+    auto* drive =
+        app_.add_subcommand("drive", "answer requests in JSON, a line each, from standard input");
+    drive->footer(
+        "Example:\n  echo '{\"id\":1,\"request\":\"item\",\"identifier\":\"/Home\"}' | kestrowan "
+        "drive");
+    drive->callback([this] {
+      action_ = [] {
+        return Driver(std::make_shared<FileProviderExtension>(
+                          NSFileProviderDomain{"kestrowan", "Kestrowan"}))
+            .run();
+      };
+    });
+    auto* doctor = app_.add_subcommand("doctor", "check what is needed, and say what to do");
+    doctor->footer("Example:\n  kestrowan doctor");
+    doctor->callback([this] {
+      action_ = [this] {
+        if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
+        return cli::doctor(global_);
+      };
+    });
+  }
+
+  CLI::App app_;
+  GlobalOptions global_;
+  Action action_;
+  ListOptions listOptions_;
+  std::string path_;
+  std::string source_;
+  std::optional<std::string> file_;
+  bool recursive_ = false;
+};
+
+}  // namespace
+
+int run(int argc, char** argv) {
+  return CommandLine().run(argc, argv);
+}
+
+}  // namespace kestrowan::cli

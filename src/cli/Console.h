@@ -1,0 +1,43 @@
+#pragma once
+
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace kestrowan::cli {
+
+/// Standard output cannot be written any more: its reader is gone, or its disk is full.
+class OutputUnwritable : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Standard output: gathered and written in large pieces. Usable from every thread.
+class Output {
+ public:
+  static Output& standard();
+
+  /// Throws `OutputUnwritable`.
+  void write(std::string_view text);
+  /// Writes what has been gathered. Throws `OutputUnwritable`.
+  void flush();
+
+  bool isTerminal() const;
+  /// `name` as it is for a pipe or a file; escaped for a terminal.
+  std::string forDisplay(std::string_view name) const;
+
+ private:
+  void flushLocked();
+
+  std::mutex mutex_;
+  std::string gathered_;
+};
+
+/// One line on standard error: "kestrowan: " and `message`.
+void complain(std::string_view message);
+
+/// Whether standard error is a terminal, so that progress can be shown there.
+bool standardErrorIsTerminal();
+
+}  // namespace kestrowan::cli

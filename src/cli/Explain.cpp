@@ -1,0 +1,122 @@
+#include "cli/Explain.h"
+
+#include "bridge/FPBridge.h"
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/Logger.h"
+#include "platform/foundation/NSFileManager.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+struct Advice {
+  std::string_view domain;
+  std::int64_t code;
+  std::string_view whatHappened;
+  std::string_view whatToDo;
+};
+
+constexpr auto code(NSFileProviderErrorCode value) {
+  return static_cast<std::int64_t>(value);
+}
+
+constexpr Advice kAdvice[] = {
+    {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::notAuthenticated),
+     "the server refused the user name and password",
+     "restart the host application, so that it writes a fresh bridge file"},
+    {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::serverUnreachable),
+     "the server refused the request (missing, already there, forbidden or out of order)",
+     "list the folder to see what is there; the server's own log knows the status"},
+    {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::noSuchItem), "there is no such item",
+     "list the folder to see what is there"},
+    {NSPOSIXErrorDomain, 1, "not permitted: the folder is protected or the name is not allowed",
+     "choose another folder or name"},
+    {NSCocoaErrorDomain, NSFileWriteFileExistsError, "the destination exists already",
+     "choose another name, or remove what is there first"},
+    {NSCocoaErrorDomain, NSFileWriteOutOfSpaceError, "the local disk is full",
+     "make room, then try again"},
+    {NSURLErrorDomain, NSURLErrorCancelled,
+     "the server on this port does not present the expected certificate",
+     "another program may hold the port, or the host application made a new certificate: restart "
+     "it, so that it writes a fresh bridge file"},
+    {NSURLErrorDomain, NSURLErrorBadURL, "the bridge file names an impossible port",
+     "restart the host application, so that it writes a fresh bridge file"},
+    {NSURLErrorDomain, NSURLErrorTimedOut, "the server did not answer in time",
+     "check whether the host application is stuck, then try again"},
+    {NSURLErrorDomain, NSURLErrorCannotConnectToHost, "nothing answers on the server's port",
+     "check that the host application is running"},
+    {NSURLErrorDomain, NSURLErrorNetworkConnectionLost,
+     "the connection broke before the answer was whole",
+     "check that the host application is running, then try again"},
+    {NSURLErrorDomain, NSURLErrorBadServerResponse, "the answer is no proper HTTP",
+     "another program may hold the port: check that the host application is running"},
+    {NSURLErrorDomain, NSURLErrorCannotParseResponse, "the answer is no proper HTTP",
+     "another program may hold the port: check that the host application is running"},
+    {NSURLErrorDomain, NSURLErrorSecureConnectionFailed, "no secure connection could be made",
+     "another program may hold the port: check that the host application is running"},
+    {NSURLErrorDomain, NSURLErrorFileDoesNotExist, "the local file is not there",
+     "check the path of the local file"},
+    {NSURLErrorDomain, NSURLErrorFileIsDirectory, "the local file is a directory",
+     "make folders with mkdir, and put their files one by one"},
+    {NSURLErrorDomain, NSURLErrorNoPermissionsToReadFile, "the local file cannot be read",
+     "check the permissions of the local file"},
+    {NSURLErrorDomain, NSURLErrorRequestBodyStreamExhausted,
+     "the local file shrank while it was sent", "try again when nothing writes to the file"},
+    {NSURLErrorDomain, NSURLErrorCannotCreateFile, "no local file could be made",
+     "check the target folder's permissions and free space"},
+    {NSURLErrorDomain, NSURLErrorCannotWriteToFile, "the local file could not be written",
+     "check the free space on the disk, then try again"},
+};
+
+std::string place(const NSURL& url) {
+  return escapedForDisplay(url.path());
+}
+
+std::string inWords(std::string_view path, const NSError& error) {
+  std::string text = escapedForDisplay(path) + ": ";
+  for (const auto& advice : kAdvice) {
+    if (!error.is(advice.domain, advice.code)) continue;
+    return text.append(advice.whatHappened)
+        .append(" (" + error.domain() + " " + std::to_string(error.code()) + ": " +
+                error.localizedDescription() + ")\n  ")
+        .append(advice.whatToDo);
+  }
+  return text + error.localizedDescription() + " (" + error.domain() + " " +
+         std::to_string(error.code()) + ")\n  run \"kestrowan doctor\" to see what is wrong";
+}
+
+}  // namespace
+
+std::optional<std::string> bridgeProblem() {
+  const auto container = FPBridge::groupURL();
+  if (!container) {
+    return "not configured: there is no container directory\n"
+           "  looked for $KESTROWAN_CONTAINER, else the directory " +
+           std::string(FPBridge::kGroupIdentifier) +
+           " in $XDG_DATA_HOME or ~/.local/share\n"
+           "  start the host application, or name the directory with --container";
+  }
+  try {
+    FPBridge::loadConfig();
+    return std::nullopt;
+  } catch (const NSError& error) {
+    const std::string file = place(container->appendingPathComponent(FPBridge::kConfigFileName));
+    if (error.is(NSCocoaErrorDomain, NSCoderReadCorruptError) ||
+        error.is(NSCocoaErrorDomain, NSCoderValueNotFoundError)) {
+      return "not configured: " + file +
+             " is not a JSON object with \"port\" (a whole number), \"user\", \"pass\" and "
+             "\"certPEM\" (texts)\n  restart the host application, so that it writes the file anew";
+    }
+    return "not configured: " + file + ": " + error.localizedDescription() +
+           "\n  check that the host application is running and may write there";
+  }
+}
+
+Explanation explain(std::string_view path, const NSError& error) {
+  if (error.is(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::notAuthenticated))) {
+    if (auto problem = bridgeProblem()) return {ExitCode::notConfigured, *std::move(problem)};
+  }
+  return {ExitCode::requestFailed, inWords(path, error)};
+}
+
+}  // namespace kestrowan::cli
