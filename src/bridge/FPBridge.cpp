@@ -15,7 +15,9 @@ std::optional<std::string_view> Config::CodingKeys::key(std::string_view stringV
   return *found;
 }
 
-std::optional<std::string_view> Config::CodingKeys::key(std::int64_t) { return std::nullopt; }
+std::optional<std::string_view> Config::CodingKeys::key(std::int64_t) {
+  return std::nullopt;
+}
 
 Config Config::decode(std::string_view json) {
   const KeyedDecodingContainer container(json);

@@ -49,8 +49,8 @@ struct Config {
 /// The group's container directory; nothing when the system gives none. Creates nothing.
 std::optional<NSURL> groupURL();
 
-/// Reads and decodes the configuration file. Throws `NSError`: absent container (`NSCocoaErrorDomain`,
-/// `NSFileNoSuchFileError`), unreadable file or undecodable contents.
+/// Reads and decodes the configuration file. Throws `NSError`: absent container
+/// (`NSCocoaErrorDomain`, `NSFileNoSuchFileError`), unreadable file or undecodable contents.
 Config loadConfig();
 
 }  // namespace kestrowan::FPBridge

@@ -38,10 +38,10 @@ class FileProviderExtension : public NSFileProviderReplicatedExtension {
 
   /// Downloads, then asks for fresh metadata; when that fails the item describes the local file.
   /// The progress counts 0 of 100, then 100 of 100.
-  std::shared_ptr<NSProgress> fetchContents(
-      const NSFileProviderItemIdentifier& forIdentifier,
-      const std::optional<NSFileProviderItemVersion>& version, const NSFileProviderRequest& request,
-      FetchCompletion completionHandler) override;
+  std::shared_ptr<NSProgress> fetchContents(const NSFileProviderItemIdentifier& forIdentifier,
+                                            const std::optional<NSFileProviderItemVersion>& version,
+                                            const NSFileProviderRequest& request,
+                                            FetchCompletion completionHandler) override;
 
   /// Makes a folder, or a file with `contents` (empty when there are none).
   std::shared_ptr<NSProgress> createItem(NSFileProviderItemPtr basedOnTemplate,

@@ -23,8 +23,7 @@ Task<void> create(std::shared_ptr<WebDAVClient> client, std::string path, bool i
     const auto entry = co_await client->stat(path);
     item = writtenItem(path, isDir, entry, "new");
   } catch (const NSError& error) {
-    fpLog().error("createItem %{public}s failed: %{public}s",
-                  {path, error.localizedDescription()});
+    fpLog().error("createItem %{public}s failed: %{public}s", {path, error.localizedDescription()});
     failure = error;
   }
   completionHandler(std::move(item), 0, false, std::move(failure));
@@ -32,10 +31,12 @@ Task<void> create(std::shared_ptr<WebDAVClient> client, std::string path, bool i
 
 }  // namespace
 
-std::shared_ptr<NSProgress> FileProviderExtension::createItem(
-    NSFileProviderItemPtr basedOnTemplate, NSFileProviderItemFields, std::optional<NSURL> contents,
-    NSFileProviderCreateItemOptions, const NSFileProviderRequest&,
-    WriteCompletion completionHandler) {
+std::shared_ptr<NSProgress> FileProviderExtension::createItem(NSFileProviderItemPtr basedOnTemplate,
+                                                              NSFileProviderItemFields,
+                                                              std::optional<NSURL> contents,
+                                                              NSFileProviderCreateItemOptions,
+                                                              const NSFileProviderRequest&,
+                                                              WriteCompletion completionHandler) {
   auto progress = std::make_shared<NSProgress>();
   if (!client_) {
     completeWithError(completionHandler, nullptr,
@@ -53,8 +54,8 @@ std::shared_ptr<NSProgress> FileProviderExtension::createItem(
     completeWithError(completionHandler, nullptr, permDenied());
     return progress;
   }
-  startDetached(create(client_, std::move(path), isDir, std::move(contents),
-                       std::move(completionHandler)));
+  startDetached(
+      create(client_, std::move(path), isDir, std::move(contents), std::move(completionHandler)));
   return progress;
 }
 

@@ -15,8 +15,7 @@ Task<void> deletePath(std::shared_ptr<WebDAVClient> client, std::string path,
   try {
     co_await client->delete_(path);
   } catch (const NSError& error) {
-    fpLog().error("deleteItem %{public}s failed: %{public}s",
-                  {path, error.localizedDescription()});
+    fpLog().error("deleteItem %{public}s failed: %{public}s", {path, error.localizedDescription()});
     failure = error;
   }
   completionHandler(std::move(failure));

@@ -69,9 +69,9 @@ std::shared_ptr<NSProgress> FileProviderExtension::item(
     ItemCompletion completionHandler) {
   auto progress = std::make_shared<NSProgress>();
   if (forIdentifier == NSFileProviderRootContainerItemIdentifier) {
-    completionHandler(std::make_shared<const FPItem>(WebDAVClient::normalize("/"), true, 0, "root",
-                                                     std::nullopt),
-                      std::nullopt);
+    completionHandler(
+        std::make_shared<const FPItem>(WebDAVClient::normalize("/"), true, 0, "root", std::nullopt),
+        std::nullopt);
     return progress;
   }
   if (!client_) {

@@ -24,8 +24,7 @@ std::string FileProviderExtension::childPath(const NSFileProviderItemIdentifier&
 }
 
 bool FileProviderExtension::validName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find('/') == std::string_view::npos;
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
 NSURL FileProviderExtension::emptyTempFile() {

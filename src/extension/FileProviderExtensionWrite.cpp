@@ -6,7 +6,9 @@
 
 namespace kestrowan {
 
-bool isFolder(const NSFileProviderItem& item) { return item.contentType() == UTType::folder(); }
+bool isFolder(const NSFileProviderItem& item) {
+  return item.contentType() == UTType::folder();
+}
 
 std::shared_ptr<const FPItem> writtenItem(std::string_view path, bool isDir,
                                           const std::optional<WebDAVEntry>& entry,

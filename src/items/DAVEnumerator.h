@@ -27,8 +27,8 @@ class DAVEnumerator : public NSFileProviderEnumerator,
   void enumerateChanges(std::shared_ptr<NSFileProviderChangeObserver> observer,
                         NSFileProviderSyncAnchor fromSyncAnchor) override;
   /// Answers at once, with an anchor that changes every 30 seconds.
-  void currentSyncAnchor(std::function<void(std::optional<NSFileProviderSyncAnchor>)>
-                             completionHandler) override;
+  void currentSyncAnchor(
+      std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) override;
 
   /// The anchor at a time in seconds since 1970-01-01 UTC; fatal outside the signed 64-bit range.
   static NSFileProviderSyncAnchor syncAnchor(NSDate at);

@@ -16,8 +16,7 @@ constexpr std::string_view kHomePrefix = "/Home/";
 namespace Capability = NSFileProviderItemCapability;
 constexpr auto kReading = Capability::allowsReading;
 constexpr auto kReadingWriting = kReading | Capability::allowsWriting;
-constexpr auto kFull =
-    kReadingWriting | Capability::allowsRenaming | Capability::allowsDeleting;
+constexpr auto kFull = kReadingWriting | Capability::allowsRenaming | Capability::allowsDeleting;
 
 /// The first piece of `text` between slashes that is not empty; empty when there is none.
 std::string_view firstComponent(std::string_view text) {
@@ -96,7 +95,9 @@ std::optional<std::int64_t> FPItem::documentSize() const {
   return size_;
 }
 
-std::optional<NSDate> FPItem::contentModificationDate() const { return modified_; }
+std::optional<NSDate> FPItem::contentModificationDate() const {
+  return modified_;
+}
 
 NSFileProviderItemVersion FPItem::itemVersion() const {
   const std::int64_t seconds = modified_ ? wholeSeconds(modified_->timeIntervalSince1970) : 0;

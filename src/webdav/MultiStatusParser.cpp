@@ -45,10 +45,9 @@ Element elementNamed(std::string_view name) {
 }  // namespace
 
 const NSDateFormatter& MultiStatusParser::httpDate() {
-  static const auto* formatter = new NSDateFormatter(
-      {.localeIdentifier = "en_US_POSIX",
-       .dateFormat = "EEE, dd MMM yyyy HH:mm:ss zzz",
-       .timeZoneIdentifier = "GMT"});
+  static const auto* formatter = new NSDateFormatter({.localeIdentifier = "en_US_POSIX",
+                                                      .dateFormat = "EEE, dd MMM yyyy HH:mm:ss zzz",
+                                                      .timeZoneIdentifier = "GMT"});
   return *formatter;
 }
 
@@ -66,7 +65,9 @@ void MultiStatusParser::didStartElement(std::string_view elementName) {
   }
 }
 
-void MultiStatusParser::foundCharacters(std::string_view characters) { text_ += characters; }
+void MultiStatusParser::foundCharacters(std::string_view characters) {
+  text_ += characters;
+}
 
 void MultiStatusParser::didEndElement(std::string_view elementName) {
   const Element element = elementNamed(elementName);

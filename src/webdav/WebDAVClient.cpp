@@ -20,8 +20,7 @@ WebDAVClient::WebDAVClient(FPBridge::Config config, std::optional<NSData> pinned
 
 std::shared_ptr<WebDAVClient> WebDAVClient::make(FPBridge::Config config,
                                                  std::optional<NSData> pinnedDER) {
-  return std::shared_ptr<WebDAVClient>(
-      new WebDAVClient(std::move(config), std::move(pinnedDER)));
+  return std::shared_ptr<WebDAVClient>(new WebDAVClient(std::move(config), std::move(pinnedDER)));
 }
 
 std::shared_ptr<NSURLSession> WebDAVClient::session() {

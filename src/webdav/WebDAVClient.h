@@ -74,8 +74,7 @@ class WebDAVClient : public NSURLSessionDelegate,
  private:
   WebDAVClient(FPBridge::Config config, std::optional<NSData> pinnedDER);
 
-  NSURLRequest request(std::string_view method, std::string_view path) const;
-  Task<void> sendWithoutBody(std::string method, std::string path);
+  NSURLRequest request(std::string_view method, std::string_view path, HTTPHeaders headers) const;
 
   const FPBridge::Config config_;
   std::shared_ptr<NSURLSession> session_;  // guarded by sessionOnce_

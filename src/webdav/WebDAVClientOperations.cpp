@@ -54,49 +54,35 @@ NSURL downloadDestination(const std::string& path) {
   return directory.appendingPathComponent(prefix + name);
 }
 
-}  // namespace
+// Each operation is a coroutine that keeps its client alive by an argument: the client is the
+// delegate of its session, and must be there when the server has to be trusted.
+using Client = std::shared_ptr<WebDAVClient>;
 
-NSURLRequest WebDAVClient::request(std::string_view method, std::string_view path) const {
-  return NSURLRequest{.url = url(path),
-                      .cachePolicy = NSURLRequestCachePolicy::useProtocolCachePolicy,
-                      .timeoutInterval = kTimeout,
-                      .httpMethod = std::string(method)};
+Task<std::vector<WebDAVEntry>> propfind(Client client, NSURLRequest request) {
+  auto receiver = std::make_shared<MultiStatusReceiver>();
+  const auto response = co_await client->session()->dataTask(std::move(request), receiver);
+  WebDAVClient::check(*response);
+  co_return receiver->takeEntries();
 }
 
-Task<std::vector<WebDAVClient::Entry>> WebDAVClient::list(std::string path) {
-  const auto self = shared_from_this();
-  std::string folder = path;
-  if (folder.empty() || folder.back() != '/') folder += '/';
-  auto propfind = request("PROPFIND", folder);
-  propfind.headers = {{"Depth", "1"}, {"Content-Type", "application/xml"}};
-  auto receiver = std::make_shared<MultiStatusReceiver>();
-  const auto response = co_await session()->dataTask(std::move(propfind), receiver);
-  check(*response);
-  auto entries = receiver->takeEntries();
-  const std::string own = normalize(path);
-  std::erase_if(entries,
-                [&](const Entry& entry) { return isEqualToString(normalize(entry.path), own); });
+Task<std::vector<WebDAVEntry>> children(Client client, NSURLRequest request, std::string own) {
+  auto entries = co_await propfind(std::move(client), std::move(request));
+  std::erase_if(entries, [&](const WebDAVEntry& entry) {
+    return isEqualToString(WebDAVClient::normalize(entry.path), own);
+  });
   co_return entries;
 }
 
-Task<std::optional<WebDAVClient::Entry>> WebDAVClient::stat(std::string path) {
-  const auto self = shared_from_this();
-  auto propfind = request("PROPFIND", path);
-  propfind.headers = {{"Depth", "0"}};
-  auto receiver = std::make_shared<MultiStatusReceiver>();
-  const auto response = co_await session()->dataTask(std::move(propfind), receiver);
-  check(*response);
-  auto entries = receiver->takeEntries();
+Task<std::optional<WebDAVEntry>> firstEntry(Client client, NSURLRequest request) {
+  auto entries = co_await propfind(std::move(client), std::move(request));
   if (entries.empty()) co_return std::nullopt;
   co_return std::move(entries.front());
 }
 
-Task<NSURL> WebDAVClient::download(std::string path) {
-  const auto self = shared_from_this();
-  auto get = request("GET", path);
-  const auto download = co_await session()->downloadTask(std::move(get));
+Task<NSURL> fetch(Client client, NSURLRequest request, std::string path) {
+  const auto download = co_await client->session()->downloadTask(std::move(request));
   try {
-    check(*download.response);
+    WebDAVClient::check(*download.response);
     const NSURL destination = downloadDestination(path);
     removeIfPresent(destination);
     NSFileManager::defaultManager()->moveItem(download.location, destination);
@@ -107,38 +93,69 @@ Task<NSURL> WebDAVClient::download(std::string path) {
   }
 }
 
-Task<void> WebDAVClient::put(std::string path, NSURL from) {
-  const auto self = shared_from_this();
-  auto put = request("PUT", path);
-  const auto response = co_await session()->uploadTask(std::move(put), std::move(from));
-  check(*response);
+Task<void> upload(Client client, NSURLRequest request, NSURL from) {
+  const auto response = co_await client->session()->uploadTask(std::move(request), std::move(from));
+  WebDAVClient::check(*response);
 }
 
-Task<void> WebDAVClient::mkcol(std::string path) {
-  return sendWithoutBody("MKCOL", std::move(path));
+Task<void> send(Client client, NSURLRequest request) {
+  const auto response = co_await client->session()->dataTask(std::move(request), nullptr);
+  WebDAVClient::check(*response);
 }
 
-Task<void> WebDAVClient::delete_(std::string path) {
-  return sendWithoutBody("DELETE", std::move(path));
-}
-
-Task<void> WebDAVClient::sendWithoutBody(std::string method, std::string path) {
-  const auto self = shared_from_this();
-  auto plain = request(method, path);
-  const auto response = co_await session()->dataTask(std::move(plain), nullptr);
-  check(*response);
-}
-
-Task<void> WebDAVClient::move(std::string from, std::string to) {
-  const auto self = shared_from_this();
-  auto move = request("MOVE", from);
-  move.headers = {{"Destination", url(to).absoluteString()}, {"Overwrite", "F"}};
-  const auto response = co_await session()->dataTask(std::move(move), nullptr);
+Task<void> sendMove(Client client, NSURLRequest request) {
+  const auto response = co_await client->session()->dataTask(std::move(request), nullptr);
   if (const auto* http = dynamic_cast<const NSHTTPURLResponse*>(response.get());
       http != nullptr && http->statusCode() == kPreconditionFailed) {
     throw NSError(NSCocoaErrorDomain, NSFileWriteFileExistsError);
   }
-  check(*response);
+  WebDAVClient::check(*response);
+}
+
+}  // namespace
+
+NSURLRequest WebDAVClient::request(std::string_view method, std::string_view path,
+                                   HTTPHeaders headers) const {
+  return NSURLRequest{.url = url(path),
+                      .cachePolicy = NSURLRequestCachePolicy::useProtocolCachePolicy,
+                      .timeoutInterval = kTimeout,
+                      .httpMethod = std::string(method),
+                      .headers = std::move(headers)};
+}
+
+Task<std::vector<WebDAVClient::Entry>> WebDAVClient::list(std::string path) {
+  const bool endsInSlash = !path.empty() && path.back() == '/';
+  return children(shared_from_this(),
+                  request("PROPFIND", endsInSlash ? path : path + "/",
+                          {{"Depth", "1"}, {"Content-Type", "application/xml"}}),
+                  normalize(path));
+}
+
+Task<std::optional<WebDAVClient::Entry>> WebDAVClient::stat(std::string path) {
+  return firstEntry(shared_from_this(), request("PROPFIND", path, {{"Depth", "0"}}));
+}
+
+Task<NSURL> WebDAVClient::download(std::string path) {
+  auto get = request("GET", path, {});
+  return fetch(shared_from_this(), std::move(get), std::move(path));
+}
+
+Task<void> WebDAVClient::put(std::string path, NSURL from) {
+  return upload(shared_from_this(), request("PUT", path, {}), std::move(from));
+}
+
+Task<void> WebDAVClient::mkcol(std::string path) {
+  return send(shared_from_this(), request("MKCOL", path, {}));
+}
+
+Task<void> WebDAVClient::delete_(std::string path) {
+  return send(shared_from_this(), request("DELETE", path, {}));
+}
+
+Task<void> WebDAVClient::move(std::string from, std::string to) {
+  return sendMove(
+      shared_from_this(),
+      request("MOVE", from, {{"Destination", url(to).absoluteString()}, {"Overwrite", "F"}}));
 }
 
 }  // namespace kestrowan

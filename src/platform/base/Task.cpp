@@ -26,6 +26,8 @@ Detached run(Task<void> task) {
 
 }  // namespace
 
-void startDetached(Task<void> task) { run(std::move(task)); }
+void startDetached(Task<void> task) {
+  run(std::move(task));
+}
 
 }  // namespace kestrowan

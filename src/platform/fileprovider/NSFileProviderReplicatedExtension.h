@@ -79,11 +79,13 @@ class NSFileProviderReplicatedExtension {
                                                  WriteCompletion completionHandler) = 0;
 
   /// Applies `changedFields` of `item`. `contents` must not change until completion.
-  virtual std::shared_ptr<NSProgress> modifyItem(
-      NSFileProviderItemPtr item, const NSFileProviderItemVersion& baseVersion,
-      NSFileProviderItemFields changedFields, std::optional<NSURL> contents,
-      NSFileProviderModifyItemOptions options, const NSFileProviderRequest& request,
-      WriteCompletion completionHandler) = 0;
+  virtual std::shared_ptr<NSProgress> modifyItem(NSFileProviderItemPtr item,
+                                                 const NSFileProviderItemVersion& baseVersion,
+                                                 NSFileProviderItemFields changedFields,
+                                                 std::optional<NSURL> contents,
+                                                 NSFileProviderModifyItemOptions options,
+                                                 const NSFileProviderRequest& request,
+                                                 WriteCompletion completionHandler) = 0;
 
   virtual std::shared_ptr<NSProgress> deleteItem(const NSFileProviderItemIdentifier& identifier,
                                                  const NSFileProviderItemVersion& baseVersion,

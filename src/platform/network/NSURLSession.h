@@ -70,8 +70,8 @@ class NSURLSession {
  public:
   virtual ~NSURLSession() = default;
 
-  using Factory = std::function<std::shared_ptr<NSURLSession>(
-      const NSURLSessionConfiguration&, std::weak_ptr<NSURLSessionDelegate>)>;
+  using Factory = std::function<std::shared_ptr<NSURLSession>(const NSURLSessionConfiguration&,
+                                                              std::weak_ptr<NSURLSessionDelegate>)>;
 
   /// A new session with a serial delegate queue of its own.
   static std::shared_ptr<NSURLSession> session(const NSURLSessionConfiguration& configuration,

@@ -26,6 +26,8 @@ inline std::optional<std::vector<SecCertificate>> SecTrustCopyCertificateChain(
 }
 
 /// The DER encoding of the whole certificate.
-inline NSData SecCertificateCopyData(const SecCertificate& certificate) { return certificate.der; }
+inline NSData SecCertificateCopyData(const SecCertificate& certificate) {
+  return certificate.der;
+}
 
 }  // namespace kestrowan

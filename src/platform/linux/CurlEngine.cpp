@@ -1,0 +1,258 @@
+#include "platform/linux/CurlEngine.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <csignal>
+#include <new>
+#include <utility>
+
+#include "platform/linux/CurlError.h"
+
+namespace kestrowan {
+
+namespace {
+
+/// Transfers, and so connections, at a time.
+constexpr std::size_t kConnections = 16;
+/// Of which so many may move whole files.
+constexpr std::size_t kFileConnections = 12;
+
+/// Keeps signals, a closed connection's SIGPIPE above all, away from the thread that it starts.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP}) {
+      sigdelset(&blocked, fault);
+    }
+    pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+void initializeCurl() {
+  static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (result != CURLE_OK) throw urlErrorForCurl(result, false, {});
+}
+
+CURLM* makeMulti() {
+  initializeCurl();
+  auto* multi = curl_multi_init();
+  if (!multi) throw std::bad_alloc();
+  curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_NOTHING);
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(kConnections));
+  curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, static_cast<long>(kConnections));
+  return multi;
+}
+
+}  // namespace
+
+CurlEngine::CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate)
+    : challenger_(std::move(delegate)) {}
+
+CurlEngine::~CurlEngine() = default;
+
+void CurlEngine::setSession(std::weak_ptr<NSURLSession> session) {
+  challenger_.setSession(std::move(session));
+}
+
+void CurlEngine::submit(std::shared_ptr<CurlTransfer> transfer) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!stopping_) {
+      if (!multi_) startThread();
+      submitted_.push_back(std::move(transfer));
+      wake();
+      return;
+    }
+  }
+  transfer->fail(urlError(NSURLErrorCancelled));
+}
+
+void CurlEngine::resume(std::shared_ptr<CurlTransfer> transfer) {
+  std::lock_guard lock(mutex_);
+  if (stopping_) return;
+  resumed_.push_back(std::move(transfer));
+  wake();
+}
+
+void CurlEngine::stop() {
+  std::unique_lock lock(mutex_);
+  stopping_ = true;
+  if (!thread_.joinable()) return;
+  auto thread = std::move(thread_);
+  wake();
+  lock.unlock();
+  if (thread.get_id() == std::this_thread::get_id()) {
+    thread.detach();
+  } else {
+    thread.join();
+  }
+}
+
+void CurlEngine::startThread() {
+  multi_ = makeMulti();
+  SignalsBlocked blocked;
+  thread_ = std::thread([self = shared_from_this()] { self->run(); });
+}
+
+void CurlEngine::wake() {
+  if (!std::exchange(woken_, true)) curl_multi_wakeup(multi_);
+}
+
+void CurlEngine::run() noexcept {
+  while (takeOrders()) {
+    admit();
+    int stillRunning = 0;
+    curl_multi_perform(multi_, &stillRunning);
+    // Places that have become free are taken before waiting.
+    if (reapFinished()) continue;
+    failIdle();
+    curl_multi_poll(multi_, nullptr, 0, millisecondsToNextCheck(), nullptr);
+  }
+  cancelAll();
+}
+
+bool CurlEngine::takeOrders() {
+  Transfers submitted;
+  Transfers resumed;
+  {
+    std::lock_guard lock(mutex_);
+    woken_ = false;
+    if (stopping_) return false;
+    submitted.swap(submitted_);
+    resumed.swap(resumed_);
+  }
+  for (auto& transfer : submitted) {
+    auto& waiting = transfer->movesFile() ? waitingFiles_ : waitingRequests_;
+    waiting.push_back(std::move(transfer));
+  }
+  for (const auto& transfer : resumed) {
+    const bool isRunning = std::find(running_.begin(), running_.end(), transfer) != running_.end();
+    if (isRunning) transfer->resume();
+  }
+  return true;
+}
+
+void CurlEngine::admit() {
+  // Files first: they cannot take all places, so neither kind keeps the other waiting for ever.
+  while (running_.size() < kConnections && runningFiles_ < kFileConnections &&
+         admitFrom(waitingFiles_)) {
+  }
+  while (running_.size() < kConnections && admitFrom(waitingRequests_)) {
+  }
+}
+
+bool CurlEngine::admitFrom(Transfers& waiting) {
+  if (waiting.empty()) return false;
+  auto transfer = std::move(waiting.front());
+  waiting.pop_front();
+  begin(std::move(transfer));
+  return true;
+}
+
+void CurlEngine::begin(std::shared_ptr<CurlTransfer> transfer) {
+  CURL* easy = nullptr;
+  if (spareHandles_.empty()) {
+    easy = curl_easy_init();
+    if (!easy) throw std::bad_alloc();
+  } else {
+    easy = spareHandles_.back();
+    spareHandles_.pop_back();
+  }
+  try {
+    transfer->prepare(easy, challenger_);
+  } catch (const NSError& error) {
+    curl_easy_reset(easy);
+    spareHandles_.push_back(easy);
+    transfer->fail(error);
+    return;
+  }
+  runningFiles_ += transfer->movesFile() ? 1 : 0;
+  running_.push_back(std::move(transfer));
+  curl_multi_add_handle(multi_, easy);
+}
+
+bool CurlEngine::reapFinished() {
+  bool any = false;
+  int left = 0;
+  while (const auto* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    any = true;
+    const auto code = message->data.result;
+    auto* easy = message->easy_handle;
+    const auto place = std::find_if(running_.begin(), running_.end(),
+                                    [easy](const auto& each) { return each->easy() == easy; });
+    const auto transfer = *place;
+    if (transfer->end(code) == CurlTransfer::Verdict::runAgain) {
+      curl_multi_remove_handle(multi_, easy);
+      curl_multi_add_handle(multi_, easy);
+    } else {
+      leave(static_cast<std::size_t>(place - running_.begin()));
+    }
+  }
+  return any;
+}
+
+void CurlEngine::failIdle() {
+  const auto now = CurlTransfer::Clock::now();
+  for (std::size_t i = 0; i < running_.size();) {
+    const auto transfer = running_[i];
+    if (transfer->nextCheck() <= now && transfer->isIdle(now)) {
+      // No callback may follow the result.
+      curl_multi_remove_handle(multi_, transfer->easy());
+      transfer->end(CURLE_OPERATION_TIMEDOUT);
+      leave(i);
+    } else {
+      ++i;
+    }
+  }
+}
+
+int CurlEngine::millisecondsToNextCheck() const {
+  constexpr auto kLongestWait = std::chrono::minutes(10);
+  const auto now = CurlTransfer::Clock::now();
+  auto wait = std::chrono::ceil<std::chrono::milliseconds>(kLongestWait);
+  for (const auto& transfer : running_) {
+    wait =
+        std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(transfer->nextCheck() - now));
+  }
+  return static_cast<int>(std::max<std::int64_t>(wait.count(), 0));
+}
+
+void CurlEngine::leave(std::size_t index) {
+  const auto transfer = std::move(running_[index]);
+  running_.erase(running_.begin() + static_cast<std::ptrdiff_t>(index));
+  runningFiles_ -= transfer->movesFile() ? 1 : 0;
+  auto* easy = transfer->easy();
+  curl_multi_remove_handle(multi_, easy);
+  curl_easy_reset(easy);
+  spareHandles_.push_back(easy);
+}
+
+void CurlEngine::cancelAll() {
+  const auto cancelled = urlError(NSURLErrorCancelled);
+  Transfers submitted;
+  {
+    std::lock_guard lock(mutex_);
+    submitted.swap(submitted_);
+  }
+  while (!running_.empty()) {
+    const auto transfer = running_.back();
+    leave(running_.size() - 1);
+    transfer->fail(cancelled);
+  }
+  for (auto* transfers : {&waitingFiles_, &waitingRequests_, &submitted}) {
+    for (const auto& transfer : *transfers) transfer->fail(cancelled);
+    transfers->clear();
+  }
+  for (auto* easy : spareHandles_) curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi_);
+}
+
+}  // namespace kestrowan

@@ -1,0 +1,148 @@
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/linux/CurlBodyPipe.h"
+#include "platform/linux/CurlDownloadFile.h"
+#include "platform/linux/CurlEngine.h"
+#include "platform/network/NSURLSession.h"
+
+namespace kestrowan {
+
+namespace {
+
+using Response = std::shared_ptr<const NSURLResponse>;
+using Headers = std::shared_ptr<const HTTPHeaders>;
+
+/// Awaited once: submits a transfer with its reader already waiting, so that the reader continues
+/// on the executor however fast the answer comes.
+struct Submission {
+  std::shared_ptr<CurlEngine> engine;
+  std::shared_ptr<CurlTransfer> transfer;
+  CurlBodyPipe* pipe;
+
+  bool await_ready() const noexcept { return false; }
+  bool await_suspend(std::coroutine_handle<> reader) {
+    pipe->wait(reader);
+    // The reader may run, and this awaiter be gone, before `submit` returns.
+    const auto submitTo = std::move(engine);
+    auto submitted = std::move(transfer);
+    submitTo->submit(std::move(submitted));
+    return true;
+  }
+  void await_resume() const noexcept {}
+};
+
+struct MoreData {
+  CurlBodyPipe* pipe;
+
+  bool await_ready() const noexcept { return false; }
+  bool await_suspend(std::coroutine_handle<> reader) { return pipe->wait(reader); }
+  void await_resume() const noexcept {}
+};
+
+Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
+                           NSURLRequest request,
+                           std::shared_ptr<NSURLSessionDataReceiver> receiver) {
+  const auto pipe = std::make_shared<CurlBodyPipe>();
+  const auto transfer =
+      std::make_shared<CurlTransfer>(CurlTransfer::Kind::data, std::move(request), *headers, pipe);
+  Submission submission{engine, transfer, pipe.get()};
+  co_await submission;
+  std::string piece;
+  while (true) {
+    const auto taken = pipe->take(piece);
+    if (taken.wasFull) engine->resume(transfer);
+    if (!piece.empty()) receiver->didReceiveData(piece);
+    if (taken.ended) break;
+    MoreData more{pipe.get()};
+    co_await more;
+  }
+  co_return pipe->response();
+}
+
+Task<Response> sendDiscarding(std::shared_ptr<CurlEngine> engine, Headers headers,
+                              CurlTransfer::Kind kind, NSURLRequest request,
+                              std::optional<NSURL> upload) {
+  const auto result = std::make_shared<CurlDiscardingSink::Result>();
+  const auto sink = std::make_shared<CurlDiscardingSink>(result);
+  engine->submit(
+      std::make_shared<CurlTransfer>(kind, std::move(request), *headers, sink, std::move(upload)));
+  auto end = CurlDiscardingSink::Result::result(result);
+  co_return co_await std::move(end);
+}
+
+Task<NSURLSessionDownload> sendForFile(std::shared_ptr<CurlEngine> engine, Headers headers,
+                                       NSURLRequest request) {
+  const auto result = std::make_shared<CurlDownloadSink::Result>();
+  const auto sink = std::make_shared<CurlDownloadSink>(result);
+  engine->submit(std::make_shared<CurlTransfer>(CurlTransfer::Kind::download, std::move(request),
+                                                *headers, sink));
+  auto end = CurlDownloadSink::Result::result(result);
+  co_return co_await std::move(end);
+}
+
+/// A session on curl. Its tasks keep the engine, not the session, so that releasing the session
+/// ends them.
+class CurlSession : public NSURLSession {
+ public:
+  CurlSession(const NSURLSessionConfiguration& configuration,
+              std::weak_ptr<NSURLSessionDelegate> delegate)
+      : headers_(std::make_shared<HTTPHeaders>(configuration.HTTPAdditionalHeaders)),
+        engine_(std::make_shared<CurlEngine>(std::move(delegate))) {}
+  ~CurlSession() override { engine_->stop(); }
+
+  CurlEngine& engine() { return *engine_; }
+
+  Task<Response> dataTask(NSURLRequest request,
+                          std::shared_ptr<NSURLSessionDataReceiver> receiver) override {
+    if (receiver) return sendForData(engine_, headers_, std::move(request), std::move(receiver));
+    return sendDiscarding(engine_, headers_, CurlTransfer::Kind::data, std::move(request), {});
+  }
+
+  Task<NSURLSessionDownload> downloadTask(NSURLRequest request) override {
+    return sendForFile(engine_, headers_, std::move(request));
+  }
+
+  Task<Response> uploadTask(NSURLRequest request, NSURL fromFile) override {
+    return sendDiscarding(engine_, headers_, CurlTransfer::Kind::upload, std::move(request),
+                          std::move(fromFile));
+  }
+
+ private:
+  Headers headers_;
+  std::shared_ptr<CurlEngine> engine_;
+};
+
+struct FactoryPlace {
+  std::mutex mutex;
+  NSURLSession::Factory factory;
+};
+
+FactoryPlace& factoryPlace() {
+  static FactoryPlace place;
+  return place;
+}
+
+}  // namespace
+
+std::shared_ptr<NSURLSession> NSURLSession::session(const NSURLSessionConfiguration& configuration,
+                                                    std::weak_ptr<NSURLSessionDelegate> delegate) {
+  Factory factory;
+  {
+    std::lock_guard lock(factoryPlace().mutex);
+    factory = factoryPlace().factory;
+  }
+  if (factory) return factory(configuration, std::move(delegate));
+  auto session = std::make_shared<CurlSession>(configuration, std::move(delegate));
+  session->engine().setSession(session);
+  return session;
+}
+
+void NSURLSession::setFactory(Factory factory) {
+  std::lock_guard lock(factoryPlace().mutex);
+  factoryPlace().factory = std::move(factory);
+}
+
+}  // namespace kestrowan

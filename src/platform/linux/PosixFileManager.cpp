@@ -1,0 +1,176 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "platform/base/UniqueFd.h"
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/NSFileManager.h"
+#include "platform/linux/PosixFileMove.h"
+
+namespace kestrowan {
+
+namespace {
+
+constexpr std::size_t kLargestContents = 1 << 20;
+constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
+constexpr std::size_t kUsualNameLength = 255;
+
+/// The value of an environment variable; empty when unset.
+std::string environmentValue(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+std::string absolutePath(const std::string& path) {
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.string();
+}
+
+/// Where a group's container would be; empty when the environment does not say.
+std::string containerPath(std::string_view group) {
+  if (const auto own = environmentValue("KESTROWAN_CONTAINER"); !own.empty()) {
+    return absolutePath(own);
+  }
+  auto base = environmentValue("XDG_DATA_HOME");
+  // The base directory rules of the desktop say that a relative one is to be ignored.
+  if (!base.starts_with('/')) {
+    const auto home = environmentValue("HOME");
+    if (home.empty()) return {};
+    base = home + "/.local/share";
+  }
+  return base + "/" + std::string(group);
+}
+
+struct stat statusOf(const UniqueFd& file, const std::string& path) {
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0) throw cocoaReadError(errno, path);
+  return status;
+}
+
+/// Reads up to `limit` bytes; throws when there are more.
+NSData readAtMost(std::size_t limit, int file, const std::string& path) {
+  // One byte more than allowed shows that the file has grown since its size was taken.
+  NSData data(limit + 1, '\0');
+  std::size_t length = 0;
+  while (length < data.size()) {
+    const auto count = ::read(file, data.data() + length, data.size() - length);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw cocoaReadError(errno, path);
+    if (count == 0) break;
+    length += static_cast<std::size_t>(count);
+  }
+  if (length > limit) throw cocoaReadError(EFBIG, path);
+  data.resize(length);
+  return data;
+}
+
+bool writeAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const auto written = ::write(file, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+class PosixFileManager : public NSFileManager {
+ public:
+  std::optional<NSURL> containerURL(std::string_view group) override {
+    const auto path = containerPath(group);
+    struct stat status;
+    if (path.empty() || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      return std::nullopt;
+    }
+    return NSURL::fileURLWithPath(path);
+  }
+
+  NSURL temporaryDirectory() override {
+    const auto path = environmentValue("TMPDIR");
+    return NSURL::fileURLWithPath(path.empty() ? "/tmp" : absolutePath(path));
+  }
+
+  NSData contents(const NSURL& at) override {
+    // Without waiting, so that a FIFO in the file's place cannot hang the process.
+    const UniqueFd file(::open(at.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const auto status = statusOf(file, at.path());
+    if (!S_ISREG(status.st_mode)) throw cocoaReadError(EINVAL, at.path());
+    if (static_cast<std::size_t>(status.st_size) > kLargestContents) {
+      throw cocoaReadError(EFBIG, at.path());
+    }
+    return readAtMost(kLargestContents, file.get(), at.path());
+  }
+
+  bool createFile(const NSURL& at, std::string_view contents) override {
+    const auto& path = at.path();
+    const UniqueFd file(::open(path.c_str(),
+                               O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+                               kPrivate));
+    struct stat status;
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (::fchmod(file.get(), kPrivate) == 0 && ::ftruncate(file.get(), 0) == 0 &&
+        writeAll(file.get(), contents)) {
+      return true;
+    }
+    ::unlink(path.c_str());
+    return false;
+  }
+
+  void moveItem(const NSURL& at, const NSURL& to) override {
+    if (const int error = moveFileExclusively(at.path(), to.path())) {
+      throw cocoaWriteError(error, error == EEXIST ? to.path() : at.path());
+    }
+  }
+
+  void removeItem(const NSURL& at) override {
+    std::error_code error;
+    const auto removed = std::filesystem::remove_all(at.path(), error);
+    if (error) throw cocoaWriteError(error.value(), at.path());
+    if (removed == 0) throw cocoaWriteError(ENOENT, at.path());
+  }
+
+  std::optional<std::int64_t> fileSize(const NSURL& of) override {
+    struct stat status;
+    if (::stat(of.path().c_str(), &status) != 0) return std::nullopt;
+    return status.st_size;
+  }
+
+  std::size_t maximumNameLength(const NSURL& directory) override {
+    const auto length = ::pathconf(directory.path().c_str(), _PC_NAME_MAX);
+    return length > 0 ? static_cast<std::size_t>(length) : kUsualNameLength;
+  }
+};
+
+struct DefaultManager {
+  std::mutex mutex;
+  std::shared_ptr<NSFileManager> manager;
+};
+
+DefaultManager& sharedDefault() {
+  // Never destroyed: a background task may outlive the program's static objects.
+  static auto* shared = new DefaultManager;
+  return *shared;
+}
+
+}  // namespace
+
+std::shared_ptr<NSFileManager> NSFileManager::defaultManager() {
+  auto& shared = sharedDefault();
+  std::lock_guard lock(shared.mutex);
+  if (!shared.manager) shared.manager = std::make_shared<PosixFileManager>();
+  return shared.manager;
+}
+
+void NSFileManager::setDefaultManager(std::shared_ptr<NSFileManager> manager) {
+  auto& shared = sharedDefault();
+  std::lock_guard lock(shared.mutex);
+  shared.manager.swap(manager);
+}
+
+}  // namespace kestrowan

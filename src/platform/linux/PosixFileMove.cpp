@@ -1,0 +1,102 @@
+#include "platform/linux/PosixFileMove.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/UniqueFd.h"
+
+namespace kestrowan {
+
+namespace {
+
+constexpr std::size_t kBufferSize = 128 * 1024;
+constexpr mode_t kPermissionBits = 07777;
+
+/// Removes the file at its path unless told to keep it.
+class PartialFile {
+ public:
+  explicit PartialFile(const std::string& path) : path_(path) {}
+  PartialFile(const PartialFile&) = delete;
+  PartialFile& operator=(const PartialFile&) = delete;
+  ~PartialFile() {
+    if (!kept_) ::unlink(path_.c_str());
+  }
+  void keep() { kept_ = true; }
+
+ private:
+  const std::string& path_;
+  bool kept_ = false;
+};
+
+int writeAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const auto written = ::write(file, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+int copyBytes(int source, int target) {
+  std::vector<char> buffer(kBufferSize);
+  while (true) {
+    const auto count = ::read(source, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return errno;
+    if (count == 0) return 0;
+    const int error = writeAll(target, {buffer.data(), static_cast<std::size_t>(count)});
+    if (error != 0) return error;
+  }
+}
+
+}  // namespace
+
+int moveFileByLink(const std::string& from, const std::string& to) {
+  if (::link(from.c_str(), to.c_str()) != 0) return errno;
+  PartialFile target(to);
+  if (::unlink(from.c_str()) != 0) return errno;
+  target.keep();
+  return 0;
+}
+
+int moveFileByCopy(const std::string& from, const std::string& to) {
+  const UniqueFd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!source) return errno;
+  struct stat status;
+  if (::fstat(source.get(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode)) return EXDEV;
+  UniqueFd copy(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!copy) return errno;
+  PartialFile target(to);
+  if (const int error = copyBytes(source.get(), copy.get())) return error;
+  const timespec times[] = {status.st_atim, status.st_mtim};
+  if (::futimens(copy.get(), times) != 0) return errno;
+  if (::fchmod(copy.get(), status.st_mode & kPermissionBits) != 0) return errno;
+  if (::unlink(from.c_str()) != 0) return errno;
+  target.keep();
+  return 0;
+}
+
+int moveFileExclusively(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  switch (errno) {
+    case EINVAL:
+    case ENOSYS:
+      break;
+    case EXDEV:
+      return moveFileByCopy(from, to);
+    default:
+      return errno;
+  }
+  const int error = moveFileByLink(from, to);
+  return error == EXDEV ? moveFileByCopy(from, to) : error;
+}
+
+}  // namespace kestrowan

@@ -1,0 +1,108 @@
+#include "platform/base/Task.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "platform/foundation/NSError.h"
+#include "support/TaskResult.h"
+
+namespace kestrowan {
+namespace {
+
+Task<int> answer(int value) {
+  co_return value;
+}
+
+Task<int> failure() {
+  throw NSError("d", 1);
+  co_return 0;
+}
+
+Task<std::unique_ptr<int>> movable() {
+  co_return std::make_unique<int>(7);
+}
+
+Task<int> sum(int depth) {
+  if (depth == 0) co_return 0;
+  auto rest = sum(depth - 1);
+  co_return 1 + co_await std::move(rest);
+}
+
+Task<int> repeatedly(int times) {
+  int total = 0;
+  for (int i = 0; i < times; ++i) {
+    auto one = answer(1);
+    total += co_await std::move(one);
+  }
+  co_return total;
+}
+
+Task<void> set(bool* started) {
+  *started = true;
+  co_return;
+}
+
+using test::resultOf;
+
+TEST(TaskTest, ValuesReachTheAwaiter) {
+  EXPECT_EQ(resultOf(answer(5)), 5);
+  EXPECT_EQ(*resultOf(movable()), 7);
+}
+
+TEST(TaskTest, ErrorsReachTheAwaiterWithTheirIdentity) {
+  try {
+    resultOf(failure());
+    FAIL() << "no error";
+  } catch (const NSError& error) {
+    EXPECT_TRUE(error.is("d", 1));
+  }
+}
+
+TEST(TaskTest, TasksMayNest) {
+  EXPECT_EQ(resultOf(sum(500)), 500);
+}
+
+TEST(TaskTest, TasksMayBeAwaitedOneAfterTheOther) {
+  EXPECT_EQ(resultOf(repeatedly(500)), 500);
+}
+
+TEST(TaskTest, UnawaitedTaskNeverStarts) {
+  bool started = false;
+  { const auto task = set(&started); }
+  EXPECT_FALSE(started);
+}
+
+Task<std::thread::id> currentThread() {
+  co_return std::this_thread::get_id();
+}
+
+TEST(TaskTest, DetachedTasksRunOnTheSharedExecutor) {
+  EXPECT_NE(resultOf(currentThread()), std::this_thread::get_id());
+}
+
+TEST(TaskTest, TasksWithoutAValueEndToo) {
+  bool started = false;
+  resultOf(set(&started));
+  EXPECT_TRUE(started);
+}
+
+Task<void> fail() {
+  throw NSError("d", 1);
+  co_return;
+}
+
+TEST(TaskDeathTest, ErrorOfADetachedTaskIsFatal) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        startDetached(fail());
+        std::promise<void>().get_future().wait_for(std::chrono::seconds(60));
+      },
+      "fatal error: an error left a background task unhandled");
+}
+
+}  // namespace
+}  // namespace kestrowan
