@@ -136,7 +136,8 @@ void ScriptedServer::disconnect() {
   waitUntil([this] { return countOf("disconnected") == countOf("connected"); }, "disconnection");
 }
 
-std::vector<ScriptedServer::Request> ScriptedServer::requests() const {
+std::vector<ScriptedServer::Request> ScriptedServer::requests() {
+  synchronize();
   std::lock_guard lock(mutex_);
   std::vector<Request> requests;
   for (const auto& event : events_) {
@@ -145,12 +146,13 @@ std::vector<ScriptedServer::Request> ScriptedServer::requests() const {
   return requests;
 }
 
-std::vector<ScriptedServer::Request> ScriptedServer::waitForRequests(std::size_t count) const {
+std::vector<ScriptedServer::Request> ScriptedServer::waitForRequests(std::size_t count) {
   waitForEvents("request", count);
   return requests();
 }
 
-std::size_t ScriptedServer::eventCount(std::string_view kind) const {
+std::size_t ScriptedServer::eventCount(std::string_view kind) {
+  synchronize();
   std::lock_guard lock(mutex_);
   return countOf(kind);
 }
@@ -170,6 +172,16 @@ void ScriptedServer::waitUntil(const std::function<bool()>& condition,
   std::unique_lock lock(mutex_);
   changed_.wait_for(lock, kLongestWait, [&] { return ended_ || condition(); });
   if (!condition()) throw std::runtime_error("waited in vain for: " + std::string(what));
+}
+
+void ScriptedServer::synchronize() {
+  std::size_t before = 0;
+  {
+    std::lock_guard lock(mutex_);
+    before = countOf("synced");
+  }
+  send(JSONValue::Object{{"sync", JSONValue(true)}});
+  waitForEvents("synced", before + 1);
 }
 
 void ScriptedServer::readEvents() {

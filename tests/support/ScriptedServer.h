@@ -54,14 +54,16 @@ class ScriptedServer {
   /// Breaks off all connections and waits until the server is rid of them.
   void disconnect();
 
-  std::vector<Request> requests() const;
-  std::vector<Request> waitForRequests(std::size_t count) const;
-  /// How many events of a kind have come, such as "connected" or "secured".
-  std::size_t eventCount(std::string_view kind) const;
+  /// All that were read before the call.
+  std::vector<Request> requests();
+  std::vector<Request> waitForRequests(std::size_t count);
+  /// How many events of a kind, such as "connected" or "secured", came before the call.
+  std::size_t eventCount(std::string_view kind);
   void waitForEvents(std::string_view kind, std::size_t count) const;
 
  private:
   void readEvents();
+  void synchronize();
   void send(const JSONValue& command);
   std::string readLine();
   void waitUntil(const std::function<bool()>& condition, std::string_view what) const;

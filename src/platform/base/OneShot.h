@@ -34,7 +34,10 @@ class OneShot {
   static Task<T> result(std::shared_ptr<OneShot> shot) {
     Wait wait{*shot};
     co_await wait;
-    if (shot->exception_) std::rethrow_exception(shot->exception_);
+    // Taken out, so that the other holder of the shot is not the one that frees it.
+    if (auto exception = std::exchange(shot->exception_, nullptr)) {
+      std::rethrow_exception(std::move(exception));
+    }
     co_return std::move(*shot->value_);
   }
 

@@ -10,7 +10,8 @@ namespace kestrowan {
 /// Text rules of the platform, for UTF-8 text in standard strings. All are pure functions, usable
 /// from every thread, and keep every byte that they do not have to change.
 
-/// The text after the last "/", trailing slashes ignored; "/" for a text of slashes only, "" for "".
+/// The text after the last "/", trailing slashes ignored; "/" for a text of slashes only, "" for
+/// "".
 std::string lastPathComponent(std::string_view path);
 
 /// The text before the last component without the slashes between; "/" for "/" and "/x", "" for a

@@ -48,7 +48,7 @@ bool CurlBodyPipe::wait(std::coroutine_handle<> reader) {
 CurlBodyPipe::Taken CurlBodyPipe::take(std::string& piece) {
   piece.clear();
   std::lock_guard lock(mutex_);
-  if (error_) std::rethrow_exception(error_);
+  if (auto error = std::exchange(error_, nullptr)) std::rethrow_exception(std::move(error));
   piece.swap(gathered_);
   return {std::exchange(full_, false), ended_};
 }

@@ -29,7 +29,7 @@ NSError fileError(NSURLErrorCode code, int number) {
 std::string randomName() {
   constexpr std::string_view kDigits = "0123456789abcdef";
   unsigned char bytes[12];
-  if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes) {
+  if (getentropy(bytes, sizeof bytes) != 0) {
     throw fileError(NSURLErrorCannotCreateFile, errno);
   }
   std::string name;
@@ -43,7 +43,9 @@ std::string randomName() {
 }  // namespace
 
 CurlDownloadFile::CurlDownloadFile(std::string directory) : directory_(std::move(directory)) {
+#ifdef O_TMPFILE
   fd_.reset(::open(directory_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
+#endif
   if (fd_) {
     if (::fchmod(fd_.get(), kOwnerOnly) != 0) throw fileError(NSURLErrorCannotCreateFile, errno);
     return;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include "platform/linux/CurlError.h"
@@ -12,11 +13,6 @@
 namespace kestrowan {
 
 namespace {
-
-/// Transfers, and so connections, at a time.
-constexpr std::size_t kConnections = 16;
-/// Of which so many may move whole files.
-constexpr std::size_t kFileConnections = 12;
 
 /// Keeps signals, a closed connection's SIGPIPE above all, away from the thread that it starts.
 class SignalsBlocked {
@@ -40,20 +36,20 @@ void initializeCurl() {
   if (result != CURLE_OK) throw urlErrorForCurl(result, false, {});
 }
 
-CURLM* makeMulti() {
+CURLM* makeMulti(std::size_t connections) {
   initializeCurl();
   auto* multi = curl_multi_init();
   if (!multi) throw std::bad_alloc();
   curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_NOTHING);
-  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(kConnections));
-  curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, static_cast<long>(kConnections));
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(connections));
+  curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, static_cast<long>(connections));
   return multi;
 }
 
 }  // namespace
 
-CurlEngine::CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate)
-    : challenger_(std::move(delegate)) {}
+CurlEngine::CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits)
+    : challenger_(std::move(delegate)), limits_(limits) {}
 
 CurlEngine::~CurlEngine() = default;
 
@@ -96,9 +92,14 @@ void CurlEngine::stop() {
 }
 
 void CurlEngine::startThread() {
-  multi_ = makeMulti();
-  SignalsBlocked blocked;
-  thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  multi_ = makeMulti(limits_.transfers);
+  const SignalsBlocked blocked;
+  try {
+    thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  } catch (const std::system_error& error) {
+    curl_multi_cleanup(std::exchange(multi_, nullptr));
+    throw urlError(NSURLErrorUnknown, error.what());
+  }
 }
 
 void CurlEngine::wake() {
@@ -112,6 +113,7 @@ void CurlEngine::run() noexcept {
     curl_multi_perform(multi_, &stillRunning);
     // Places that have become free are taken before waiting.
     if (reapFinished()) continue;
+    for (const auto& transfer : running_) transfer->resumeSending();
     failIdle();
     curl_multi_poll(multi_, nullptr, 0, millisecondsToNextCheck(), nullptr);
   }
@@ -141,10 +143,10 @@ bool CurlEngine::takeOrders() {
 
 void CurlEngine::admit() {
   // Files first: they cannot take all places, so neither kind keeps the other waiting for ever.
-  while (running_.size() < kConnections && runningFiles_ < kFileConnections &&
+  while (running_.size() < limits_.transfers && runningFiles_ < limits_.files &&
          admitFrom(waitingFiles_)) {
   }
-  while (running_.size() < kConnections && admitFrom(waitingRequests_)) {
+  while (running_.size() < limits_.transfers && admitFrom(waitingRequests_)) {
   }
 }
 
@@ -167,6 +169,9 @@ void CurlEngine::begin(std::shared_ptr<CurlTransfer> transfer) {
   }
   try {
     transfer->prepare(easy, challenger_);
+    if (const auto code = curl_multi_add_handle(multi_, easy); code != CURLM_OK) {
+      throw urlError(NSURLErrorUnknown, curl_multi_strerror(code));
+    }
   } catch (const NSError& error) {
     curl_easy_reset(easy);
     spareHandles_.push_back(easy);
@@ -175,7 +180,6 @@ void CurlEngine::begin(std::shared_ptr<CurlTransfer> transfer) {
   }
   runningFiles_ += transfer->movesFile() ? 1 : 0;
   running_.push_back(std::move(transfer));
-  curl_multi_add_handle(multi_, easy);
 }
 
 bool CurlEngine::reapFinished() {

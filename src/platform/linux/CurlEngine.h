@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -13,14 +14,22 @@
 
 namespace kestrowan {
 
+/// How much a session does at a time. The defaults are what bench/network.py found best.
+struct CurlLimits {
+  /// Transfers, and so connections.
+  std::size_t transfers = 8;
+  /// Of which so many may move whole files; fewer than all, so that short requests pass them.
+  std::size_t files = 6;
+};
+
 /// Runs the transfers of one session on a thread of its own, which starts with the first of them.
 ///
-/// At most `kConnections` transfers run at a time, the others wait in the order of submission;
-/// files never take all places, so that short requests pass them. Shared between the session,
-/// the thread and running tasks. `submit`, `resume` and `stop` may be called from every thread.
+/// Transfers beyond the limits wait in the order of submission, files apart from the others. Shared
+/// between the session, the thread and running tasks. `submit`, `resume` and `stop` may be called
+/// from every thread.
 class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
  public:
-  explicit CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate);
+  CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits);
   CurlEngine(const CurlEngine&) = delete;
   CurlEngine& operator=(const CurlEngine&) = delete;
   ~CurlEngine();
@@ -52,6 +61,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   void cancelAll();
 
   CurlChallenger challenger_;
+  const CurlLimits limits_;
 
   std::mutex mutex_;
   // Guarded by mutex_.

@@ -1,3 +1,5 @@
+#include "platform/linux/CurlSession.h"
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -5,8 +7,6 @@
 
 #include "platform/linux/CurlBodyPipe.h"
 #include "platform/linux/CurlDownloadFile.h"
-#include "platform/linux/CurlEngine.h"
-#include "platform/network/NSURLSession.h"
 
 namespace kestrowan {
 
@@ -88,9 +88,9 @@ Task<NSURLSessionDownload> sendForFile(std::shared_ptr<CurlEngine> engine, Heade
 class CurlSession : public NSURLSession {
  public:
   CurlSession(const NSURLSessionConfiguration& configuration,
-              std::weak_ptr<NSURLSessionDelegate> delegate)
+              std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits)
       : headers_(std::make_shared<HTTPHeaders>(configuration.HTTPAdditionalHeaders)),
-        engine_(std::make_shared<CurlEngine>(std::move(delegate))) {}
+        engine_(std::make_shared<CurlEngine>(std::move(delegate), limits)) {}
   ~CurlSession() override { engine_->stop(); }
 
   CurlEngine& engine() { return *engine_; }
@@ -127,6 +127,14 @@ FactoryPlace& factoryPlace() {
 
 }  // namespace
 
+std::shared_ptr<NSURLSession> makeCurlSession(const NSURLSessionConfiguration& configuration,
+                                              std::weak_ptr<NSURLSessionDelegate> delegate,
+                                              CurlLimits limits) {
+  auto session = std::make_shared<CurlSession>(configuration, std::move(delegate), limits);
+  session->engine().setSession(session);
+  return session;
+}
+
 std::shared_ptr<NSURLSession> NSURLSession::session(const NSURLSessionConfiguration& configuration,
                                                     std::weak_ptr<NSURLSessionDelegate> delegate) {
   Factory factory;
@@ -135,9 +143,7 @@ std::shared_ptr<NSURLSession> NSURLSession::session(const NSURLSessionConfigurat
     factory = factoryPlace().factory;
   }
   if (factory) return factory(configuration, std::move(delegate));
-  auto session = std::make_shared<CurlSession>(configuration, std::move(delegate));
-  session->engine().setSession(session);
-  return session;
+  return makeCurlSession(configuration, std::move(delegate));
 }
 
 void NSURLSession::setFactory(Factory factory) {

@@ -1,11 +1,44 @@
 #include "platform/linux/CurlSocket.h"
 
+#ifdef __APPLE__
+#include <netinet/tcp.h>
+#else
 #include <linux/tcp.h>
+#endif
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace kestrowan {
+
+#ifdef __APPLE__
+
+int openSocketCloseOnExec(int family, int type, int protocol) {
+  const int socket = ::socket(family, type, protocol);
+  if (socket >= 0) ::fcntl(socket, F_SETFD, FD_CLOEXEC);
+  return socket;
+}
+
+std::uint64_t bytesMoved(int socket) {
+  tcp_connection_info info{};
+  socklen_t size = sizeof info;
+  if (socket < 0 || ::getsockopt(socket, IPPROTO_TCP, TCP_CONNECTION_INFO, &info, &size) != 0) {
+    return 0;
+  }
+  return info.tcpi_rxbytes + info.tcpi_txbytes;
+}
+
+bool hasInput(int socket) {
+  pollfd entry{socket, POLLIN, 0};
+  return ::poll(&entry, 1, 0) != 0;
+}
+
+#else
+
+int openSocketCloseOnExec(int family, int type, int protocol) {
+  return ::socket(family, type | SOCK_CLOEXEC, protocol);
+}
 
 std::uint64_t bytesMoved(int socket) {
   tcp_info info{};
@@ -18,5 +51,7 @@ bool hasInput(int socket) {
   pollfd entry{socket, POLLIN | POLLRDHUP, 0};
   return ::poll(&entry, 1, 0) != 0;
 }
+
+#endif
 
 }  // namespace kestrowan

@@ -1,11 +1,10 @@
-#include <fcntl.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
 
 #include <new>
 #include <string>
 
 #include "platform/linux/CurlError.h"
+#include "platform/linux/CurlSocket.h"
 #include "platform/linux/CurlTransfer.h"
 
 namespace kestrowan {
@@ -15,7 +14,7 @@ namespace {
 // A connection attempt is bounded by the idle time-out alone.
 constexpr long kLongestConnectMilliseconds = 7L * 24 * 60 * 60 * 1000;
 constexpr long kFileReceiveBufferBytes = 128 * 1024;
-constexpr long kFileSendBufferBytes = 256 * 1024;
+constexpr long kFileSendBufferBytes = 64 * 1024;
 
 template <typename Value>
 void set(CURL* easy, CURLoption option, Value value) {
@@ -33,8 +32,7 @@ struct CurlTransfer::Callbacks {
   static curl_socket_t openSocket(void* pointer, curlsocktype, curl_sockaddr* address) noexcept {
     auto& transfer = self(pointer);
     if (!transfer.mayConnect()) return CURL_SOCKET_BAD;
-    const int socket =
-        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    const int socket = openSocketCloseOnExec(address->family, address->socktype, address->protocol);
     transfer.socket_ = socket;
     transfer.madeConnection_ = true;
     return socket < 0 ? CURL_SOCKET_BAD : socket;
@@ -77,7 +75,7 @@ struct CurlTransfer::Callbacks {
                             void* pointer) noexcept {
     auto& transfer = self(pointer);
     try {
-      return transfer.give(buffer, capacity);
+      return transfer.give(buffer, capacity).value_or(CURL_READFUNC_PAUSE);
     } catch (const NSError& error) {
       transfer.stopWith(error);
       return CURL_READFUNC_ABORT;

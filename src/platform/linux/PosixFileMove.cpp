@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,24 @@ class PartialFile {
   const std::string& path_;
   bool kept_ = false;
 };
+
+/// Renames without replacing; as the system call does, gives -1 and sets `errno`.
+int renameExclusively(const char* from, const char* to) {
+#ifdef __APPLE__
+  return ::renamex_np(from, to, RENAME_EXCL);
+#else
+  return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+#endif
+}
+
+/// When a file was last read and changed, as `futimens` takes them.
+std::array<timespec, 2> timesOf(const struct stat& status) {
+#ifdef __APPLE__
+  return {status.st_atimespec, status.st_mtimespec};
+#else
+  return {status.st_atim, status.st_mtim};
+#endif
+}
 
 int writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -76,8 +95,7 @@ int moveFileByCopy(const std::string& from, const std::string& to) {
   if (!copy) return errno;
   PartialFile target(to);
   if (const int error = copyBytes(source.get(), copy.get())) return error;
-  const timespec times[] = {status.st_atim, status.st_mtim};
-  if (::futimens(copy.get(), times) != 0) return errno;
+  if (::futimens(copy.get(), timesOf(status).data()) != 0) return errno;
   if (::fchmod(copy.get(), status.st_mode & kPermissionBits) != 0) return errno;
   if (::unlink(from.c_str()) != 0) return errno;
   target.keep();
@@ -85,10 +103,11 @@ int moveFileByCopy(const std::string& from, const std::string& to) {
 }
 
 int moveFileExclusively(const std::string& from, const std::string& to) {
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (renameExclusively(from.c_str(), to.c_str()) == 0) return 0;
   switch (errno) {
     case EINVAL:
     case ENOSYS:
+    case ENOTSUP:
       break;
     case EXDEV:
       return moveFileByCopy(from, to);

@@ -1,9 +1,11 @@
 #include "platform/linux/PosixFileMove.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -16,13 +18,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Move = std::function<int(const std::string&, const std::string&)>;
+struct Way {
+  std::string name;
+  std::function<int(const std::string&, const std::string&)> move;
+  friend std::ostream& operator<<(std::ostream& out, const Way& way) { return out << way.name; }
+};
 
 /// Every way of moving keeps the same promises.
-class PosixFileMoveTest : public testing::TestWithParam<std::pair<const char*, Move>> {
+class PosixFileMoveTest : public testing::TestWithParam<Way> {
  protected:
   int move(const std::string& from, const std::string& to) const {
-    return GetParam().second(path(from), path(to));
+    return GetParam().move(path(from), path(to));
   }
   std::string path(const std::string& name) const { return directory.path() + "/" + name; }
   void write(const std::string& name, const std::string& text) const {
@@ -84,11 +90,10 @@ TEST_P(PosixFileMoveTest, NameThatIsTooLongLeavesTheSource) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryWay, PosixFileMoveTest,
-                         testing::Values(std::pair<const char*, Move>("Exclusively",
-                                                                      moveFileExclusively),
-                                         std::pair<const char*, Move>("ByLink", moveFileByLink),
-                                         std::pair<const char*, Move>("ByCopy", moveFileByCopy)),
-                         [](const auto& way) { return way.param.first; });
+                         testing::Values(Way{"Exclusively", moveFileExclusively},
+                                         Way{"ByLink", moveFileByLink},
+                                         Way{"ByCopy", moveFileByCopy}),
+                         [](const auto& way) { return way.param.name; });
 
 TEST(PosixFileMoveByCopyTest, OnlyRegularFilesAreCopied) {
   const test::TemporaryDirectory directory;
@@ -103,14 +108,21 @@ TEST(PosixFileMoveByCopyTest, OnlyRegularFilesAreCopied) {
   EXPECT_TRUE(fs::is_directory(folder));
 }
 
-TEST(PosixFileMoveByCopyTest, CopyThatRunsOutOfSpaceLeavesNothing) {
+TEST(PosixFileMoveByCopyTest, CopyThatDoesNotFitLeavesNothing) {
   const test::TemporaryDirectory directory;
   const auto from = directory.path() + "/a";
-  std::ofstream(from) << "text";
-  // Copying to the device that is always full fails at its name, which is never replaced.
-  EXPECT_EQ(moveFileByCopy(from, "/dev/full"), EEXIST);
-  EXPECT_TRUE(fs::exists(from));
-  EXPECT_TRUE(fs::exists("/dev/full"));
+  std::ofstream(from) << std::string(5000, 'x');
+  rlimit old;
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small = {1000, old.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  const int error = moveFileByCopy(from, directory.path() + "/b");
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+  std::signal(SIGXFSZ, oldHandler);
+  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(fs::file_size(from), 5000U);
+  EXPECT_FALSE(fs::exists(directory.path() + "/b"));
 }
 
 TEST(PosixFileMoveAcrossFileSystemsTest, FileIsCopiedAndTheSourceGoes) {

@@ -10,7 +10,7 @@
 #include "platform/foundation/NSFileManager.h"
 #include "support/Cases.h"
 #include "support/Fixture.h"
-#include "support/SyncWait.h"
+#include "support/TaskResult.h"
 #include "webdav/WebDAVClient.h"
 
 namespace kestrowan {
@@ -18,7 +18,7 @@ namespace {
 
 using test::multistatus;
 using test::response;
-using test::syncWait;
+using test::resultOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -27,7 +27,7 @@ class WebDAVClientOperations : public test::ExtensionFixture {
   template <typename Operation>
   std::optional<NSError> failure(Operation operation) {
     try {
-      syncWait(operation());
+      resultOf(operation());
       return std::nullopt;
     } catch (const NSError& error) {
       return error;
@@ -42,7 +42,7 @@ class WebDAVClientOperations : public test::ExtensionFixture {
 
   std::vector<std::string> listed(const std::string& path) {
     std::vector<std::string> paths;
-    for (const auto& entry : syncWait(client_->list(path))) paths.push_back(entry.path);
+    for (const auto& entry : resultOf(client_->list(path))) paths.push_back(entry.path);
     return paths;
   }
 
@@ -136,7 +136,7 @@ TEST_F(WebDAVClientOperations, ATransportErrorIsPassedOnUnchanged) {
 
 TEST_F(WebDAVClientOperations, StatAsksForThePathAsItIsWithDepthZero) {
   network_.answer({.body = multistatus(response("/a.txt") + response("/b"))});
-  const auto entry = syncWait(client_->stat("/a.txt"));
+  const auto entry = resultOf(client_->stat("/a.txt"));
   ASSERT_TRUE(entry);
   EXPECT_EQ(entry->path, "/a.txt");
   EXPECT_EQ(network_.requests().at(0).line, "PROPFIND https://127.0.0.1:8443/a.txt");
@@ -145,7 +145,7 @@ TEST_F(WebDAVClientOperations, StatAsksForThePathAsItIsWithDepthZero) {
 
 TEST_F(WebDAVClientOperations, StatOfAReplyWithoutAResponseIsAbsent) {
   network_.answer({.body = multistatus("")});
-  EXPECT_EQ(syncWait(client_->stat("/a")), std::nullopt);
+  EXPECT_EQ(resultOf(client_->stat("/a")), std::nullopt);
 }
 
 TEST_F(WebDAVClientOperations, StatOfAMissingResourceFailsWithItsStatus) {
@@ -155,7 +155,7 @@ TEST_F(WebDAVClientOperations, StatOfAMissingResourceFailsWithItsStatus) {
 
 TEST_F(WebDAVClientOperations, DownloadGivesAFileNamedByAUUIDAndTheLastComponent) {
   network_.answer({.status = 200, .body = "contents"});
-  const NSURL file = syncWait(client_->download("/Home/a.txt"));
+  const NSURL file = resultOf(client_->download("/Home/a.txt"));
   EXPECT_EQ(readFile(file.path()), "contents");
   EXPECT_THAT(file.path(),
               ::testing::MatchesRegex(temporary() +
@@ -169,8 +169,8 @@ TEST_F(WebDAVClientOperations, DownloadGivesAFileNamedByAUUIDAndTheLastComponent
 TEST_F(WebDAVClientOperations, DownloadsOfLikeNamedFilesAreKeptApart) {
   network_.answer({.status = 200, .body = "1"});
   network_.answer({.status = 200, .body = "2"});
-  const NSURL first = syncWait(client_->download("/A/x.txt"));
-  const NSURL second = syncWait(client_->download("/B/x.txt"));
+  const NSURL first = resultOf(client_->download("/A/x.txt"));
+  const NSURL second = resultOf(client_->download("/B/x.txt"));
   EXPECT_NE(first, second);
   EXPECT_TRUE(first.path().ends_with("-x.txt"));
   EXPECT_TRUE(second.path().ends_with("-x.txt"));
@@ -183,7 +183,7 @@ TEST_F(WebDAVClientOperations, DownloadAnswersEveryKnownCaseOfItsName) {
       [this](const test::Case& one) -> JSONValue {
         network_.answer({.status = 200});
         try {
-          const NSURL file = syncWait(client_->download(*one.input.member("path")->string()));
+          const NSURL file = resultOf(client_->download(*one.input.member("path")->string()));
           return "UUID" + file.path().substr(temporary().size() + 1 + kUUIDLength);
         } catch (const NSError& error) {
           return JSONValue::Object{
@@ -197,7 +197,7 @@ TEST_F(WebDAVClientOperations, AnOverlongNameKeepsItsEndAndItsExtension) {
   network_.answer({.status = 200, .body = "x"});
   std::string name;
   for (int i = 0; i < 120; ++i) name += "é";
-  const NSURL file = syncWait(client_->download("/" + name + ".jpeg"));
+  const NSURL file = resultOf(client_->download("/" + name + ".jpeg"));
   const std::string made = std::filesystem::path(file.path()).filename();
   EXPECT_LE(made.size(), 255u);
   EXPECT_GE(made.size(), 254u);
@@ -224,7 +224,7 @@ TEST_F(WebDAVClientOperations, PutStreamsTheFileAndLeavesItAlone) {
   const NSURL file = NSURL::fileURLWithPath(temporary() + "/upload");
   std::ofstream(file.path()) << "body";
   network_.answer({.status = 204});
-  syncWait(client_->put("/a b", file));
+  resultOf(client_->put("/a b", file));
   EXPECT_EQ(network_.requests().at(0).line, "PUT https://127.0.0.1:8443/a%20b");
   EXPECT_THAT(network_.requests().at(0).headers, IsEmpty());
   EXPECT_EQ(network_.requests().at(0).body, "body");
@@ -242,8 +242,8 @@ TEST_F(WebDAVClientOperations, PutAnswered412FailsLikeAnyOtherStatus) {
 TEST_F(WebDAVClientOperations, MkcolAndDeleteSendThePathAsItIs) {
   network_.answer({.status = 201});
   network_.answer({.status = 204});
-  syncWait(client_->mkcol("/new"));
-  syncWait(client_->delete_("/new/"));
+  resultOf(client_->mkcol("/new"));
+  resultOf(client_->delete_("/new/"));
   EXPECT_THAT(network_.lines(), ElementsAre("MKCOL /new", "DELETE /new/"));
   EXPECT_THAT(network_.requests().at(0).headers, IsEmpty());
   EXPECT_THAT(network_.requests().at(1).headers, IsEmpty());
@@ -259,7 +259,7 @@ TEST_F(WebDAVClientOperations, MkcolAndDeleteFailWithTheirStatus) {
 
 TEST_F(WebDAVClientOperations, MoveNamesItsDestinationAndNeverOverwrites) {
   network_.answer({.status = 201});
-  syncWait(client_->move("/a b", "/c#d"));
+  resultOf(client_->move("/a b", "/c#d"));
   EXPECT_EQ(network_.requests().at(0).line, "MOVE https://127.0.0.1:8443/a%20b");
   EXPECT_THAT(network_.requests().at(0).headers,
               ElementsAre("Destination: https://127.0.0.1:8443/c%23d", "Overwrite: F"));
@@ -282,7 +282,7 @@ TEST_F(WebDAVClientOperations, MoveAnsweredOtherwiseFailsWithItsStatus) {
 TEST_F(WebDAVClientOperations, ResponsesThatAreNotOfHTTPPass) {
   network_.answerWithoutHTTP();
   network_.answer({});
-  syncWait(client_->move("/a", "/b"));
+  resultOf(client_->move("/a", "/b"));
   EXPECT_EQ(network_.requests().size(), 1u);
 }
 
@@ -293,7 +293,7 @@ TEST_F(WebDAVClientOperations, AnOperationKeepsItsClientAlive) {
   auto task = client->list("/");
   client.reset();
   EXPECT_FALSE(observed.expired());
-  EXPECT_EQ(syncWait(std::move(task)).size(), 1u);
+  EXPECT_EQ(resultOf(std::move(task)).size(), 1u);
 }
 
 }  // namespace

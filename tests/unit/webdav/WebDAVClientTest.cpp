@@ -7,7 +7,7 @@
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "support/Cases.h"
 #include "support/FakeSession.h"
-#include "support/SyncWait.h"
+#include "support/TaskResult.h"
 
 namespace kestrowan {
 namespace {

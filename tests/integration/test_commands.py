@@ -1,0 +1,315 @@
+"""The direct commands: what they print, what they send, and how they end."""
+
+import json
+import subprocess
+
+import pytest
+
+from driver import COCOA, FILE_PROVIDER, POSIX, ROOT, start
+from multistatus import multistatus, response, status
+
+DONE, FAILED, USAGE, NOT_CONFIGURED, PARTLY_FAILED, UNWRITABLE = range(6)
+DATE = "Tue, 15 Nov 1994 08:12:31 GMT"
+FILE = response("/Home/a.txt", size=12, etag='"abc"', modified=DATE)
+FOLDER = response("/Home/", folder=True)
+
+
+def report(result):
+    """The one JSON object that a command printed."""
+    [line] = result.stdout.decode("utf-8").splitlines()
+    return json.loads(line)
+
+
+def error(result):
+    assert result.stderr == b""
+    value = report(result)["error"]
+    assert set(value) == {"domain", "code", "localizedDescription", "userInfo"}
+    return value["domain"], value["code"]
+
+
+# ---- usage ---------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("arguments", [
+    [], ["explode"], ["ls", "/a", "/b"], ["ls", "--wrong"], ["stat"], ["get"], ["put", "x"],
+    ["mv", "/a"], ["mkdir"], ["rm"], ["--container"], ["rm", "-x", "/a"], ["drive", "extra"],
+    ["rm", "/"], ["rm", "-r", "/"], ["rm", "-r", "//"], ["mkdir", "/"], ["mv", "/", "/a"],
+    ["stat", "/a/../b"], ["ls", ".."], ["rm", "-r", "/a/."], ["put", __file__, "/a/.."]])
+def test_wrong_usage_sends_nothing(scene, arguments):
+    result = scene.run(*arguments)
+    assert result.returncode == USAGE
+    assert result.stdout == b""
+    assert result.stderr
+    assert scene.asked() == []
+
+
+@pytest.mark.parametrize("arguments", [
+    ["--help"], ["--version"], *([command, "--help"] for command in (
+        "ls", "stat", "get", "put", "mkdir", "mv", "rm", "drive", "doctor"))])
+def test_help_is_given(scene, arguments):
+    result = scene.run(*arguments)
+    assert (result.returncode, result.stderr) == (DONE, b"")
+    assert result.stdout
+    if arguments[0] != "--version" and len(arguments) == 2:
+        assert b"kestrowan " + arguments[0].encode() in result.stdout, "an example is shown"
+
+
+# ---- ls and stat ---------------------------------------------------------------------------------
+
+
+def test_ls_prints_names_in_the_servers_order(scene):
+    scene.script(multistatus(FOLDER, response("/Home/z"), response("/Home/a b"),
+                             response("/Home/ü", folder=True)))
+    result = scene.run("ls", "/Home")
+    assert (result.returncode, result.stderr) == (DONE, b"")
+    assert result.stdout.decode() == "z\na b\nü\n"
+    assert scene.asked() == [("PROPFIND", "/Home/")]
+
+
+@pytest.mark.parametrize("path", [None, "/", "//", ""])
+def test_ls_lists_the_root_when_nothing_else_is_said(scene, path):
+    scene.script(multistatus(response("/Home/", folder=True)))
+    result = scene.run("ls", *([] if path is None else [path]))
+    assert result.stdout == b"Home\n"
+    assert scene.asked() == [("PROPFIND", "/")]
+
+
+def test_ls_long_shows_kind_capabilities_size_and_date(scene):
+    scene.script(multistatus(FOLDER, FILE, response("/Home/d/", folder=True),
+                             response("/Home/Apps/", folder=True)))
+    result = scene.run("ls", "-l", "/Home")
+    lines = [line.split() for line in result.stdout.decode().splitlines()]
+    assert lines == [["-rwnx", "12", "1994-11-15", "08:12:31", "a.txt"],
+                     ["drwnx", "-", "-", "d"], ["dr---", "-", "-", "Apps"]]
+
+
+def test_ls_recursive_walks_the_tree(scene):
+    scene.routes({
+        "PROPFIND /": multistatus(response("/", folder=True), response("/b/", folder=True),
+                                  response("/f")),
+        "PROPFIND /b/": multistatus(response("/b/", folder=True), response("/b/c/", folder=True)),
+        "PROPFIND /b/c/": multistatus(response("/b/c/", folder=True), response("/b/c/g"))})
+    result = scene.run("ls", "-R")
+    assert result.returncode == DONE
+    assert result.stdout.decode() == "/:\nb\nf\n\n/b:\nc\n\n/b/c:\ng\n"
+
+
+def test_ls_recursive_goes_on_after_a_failure_and_says_so(scene):
+    scene.routes({
+        "PROPFIND /": multistatus(response("/a/", folder=True), response("/b/", folder=True)),
+        "PROPFIND /a/": status(403), "PROPFIND /b/": multistatus(response("/b/g"))})
+    result = scene.run("ls", "-R")
+    assert result.returncode == PARTLY_FAILED
+    assert b"/b:\ng\n" in result.stdout
+    assert b"/a: " in result.stderr
+
+
+def test_ls_in_json_gives_whole_items(scene):
+    scene.script(multistatus(FOLDER, FILE))
+    result = scene.run("--json", "ls", "/Home")
+    assert set(report(result)) == {"items"}
+    [item] = report(result)["items"]
+    assert item["itemIdentifier"] == "/Home/a.txt"
+    assert item["itemVersion"] == {"contentVersion": "abc|784887151|12",
+                                   "metadataVersion": "abc|784887151|12"}
+
+
+def test_stat_shows_one_item(scene):
+    scene.script(multistatus(FILE))
+    result = scene.run("stat", "/Home/a.txt")
+    assert result.returncode == DONE
+    for text in (b"/Home/a.txt", b"public.plain-text", b"12 bytes", b"abc|784887151|12"):
+        assert text in result.stdout
+    result = scene.run("--json", "stat", "/Home/a.txt")
+    assert set(report(result)) == {"item"}
+    assert report(result)["item"]["filename"] == "a.txt"
+
+
+def test_stat_of_the_root_asks_nobody(scene):
+    result = scene.run("--json", "stat", "/")
+    assert report(result)["item"]["itemIdentifier"] == ROOT
+    assert scene.asked() == []
+
+
+# ---- get and put ---------------------------------------------------------------------------------
+
+
+def test_get_writes_the_file_it_is_told(scene):
+    scene.script({"body": "data"}, multistatus(FILE))
+    target = scene.directory / "target"
+    target.write_text("before")
+    result = scene.run("get", "/Home/a.txt", target)
+    assert (result.returncode, result.stdout, result.stderr) == (DONE, b"", b"")
+    assert target.read_text() == "data"
+    assert scene.asked() == [("GET", "/Home/a.txt"), ("PROPFIND", "/Home/a.txt")]
+
+
+@pytest.mark.parametrize("argument", [None, ".", "folder"])
+def test_get_takes_the_servers_name_in_a_folder(scene, argument):
+    scene.script({"body": "data"}, multistatus(FILE))
+    (scene.directory / "folder").mkdir()
+    result = scene.run("get", "/Home/a.txt", *([argument] if argument else []),
+                       cwd=scene.directory)
+    assert result.returncode == DONE, result
+    folder = scene.directory / (argument if argument == "folder" else ".")
+    assert (folder / "a.txt").read_text() == "data"
+
+
+def test_get_writes_to_standard_output(scene):
+    scene.script({"fill": 300000}, multistatus(FILE))
+    result = scene.run("get", "/Home/a.txt", "-")
+    assert result.returncode == DONE
+    assert result.stdout == (bytes(range(256)) * 1172)[:300000]
+    assert scene.leftovers() == []
+
+
+def test_a_failed_get_keeps_the_old_file(scene):
+    target = scene.directory / "target"
+    target.write_text("before")
+    for answer in (status(404), {"fill": 10000, "cut": 5000}):
+        scene.script(answer)
+        before = sorted(path.name for path in scene.directory.iterdir())
+        assert scene.run("get", "/a", target).returncode == FAILED
+        assert target.read_text() == "before"
+        assert sorted(path.name for path in scene.directory.iterdir()) == before
+
+
+def test_put_sends_a_file_under_the_name_it_is_told(scene):
+    body = scene.directory / "body.bin"
+    body.write_bytes(b"\0\1\2")
+    scene.script(status(201), multistatus(FILE))
+    result = scene.run("put", body, "/Home/a.txt")
+    assert (result.returncode, result.stdout, result.stderr) == (DONE, b"", b"")
+    assert scene.raw(0).endswith(b"\r\n\r\n\0\1\2")
+    scene.run("put", body, "/Home/")
+    assert scene.asked() == [("PUT", "/Home/a.txt"), ("PROPFIND", "/Home/a.txt"),
+                             ("PUT", "/Home/body.bin"), ("PROPFIND", "/Home/body.bin")]
+
+
+def test_put_of_what_is_no_file_sends_nothing(scene):
+    for path in (scene.directory / "missing", scene.directory):
+        result = scene.run("put", path, "/a")
+        assert result.returncode == FAILED
+        assert result.stderr
+    assert scene.asked() == []
+
+
+# ---- mkdir, mv, rm -------------------------------------------------------------------------------
+
+
+def test_mkdir_makes_a_folder(scene):
+    scene.script(status(201), multistatus(response("/New/", folder=True)))
+    result = scene.run("--json", "mkdir", "/New")
+    assert report(result)["item"]["contentType"] == "public.folder"
+    assert scene.asked() == [("MKCOL", "/New"), ("PROPFIND", "/New")]
+
+
+@pytest.mark.parametrize("to, target", [("/Home/b.txt", "/Home/b.txt"), ("/Docs/", "/Docs/a.txt"),
+                                        ("/", "/a.txt")])
+def test_mv_moves(scene, to, target):
+    scene.script(multistatus(FILE), status(201), multistatus(FILE))
+    result = scene.run("mv", "/Home/a.txt", to)
+    assert (result.returncode, result.stderr) == (DONE, b"")
+    assert scene.asked() == [("PROPFIND", "/Home/a.txt"), ("MOVE", "/Home/a.txt"),
+                             ("PROPFIND", target)]
+    assert f"Destination: https://127.0.0.1:{scene.server.port}{target}\r\n".encode() in scene.raw(1)
+
+
+def test_mv_does_not_overwrite(scene):
+    scene.script(multistatus(FILE), status(412))
+    result = scene.run("--json", "mv", "/Home/a.txt", "/Home/b.txt")
+    assert result.returncode == FAILED
+    assert error(result) == (COCOA, 516)
+
+
+def test_rm_removes_a_file_and_asks_before_a_folder(scene):
+    scene.script(multistatus(FILE), status(204))
+    assert scene.run("rm", "/Home/a.txt").returncode == DONE
+    assert scene.asked()[-1] == ("DELETE", "/Home/a.txt")
+    scene.script(multistatus(response("/Home/d/", folder=True)), status(204))
+    result = scene.run("rm", "/Home/d")
+    assert result.returncode == USAGE
+    assert b"-r" in result.stderr
+    scene.script(multistatus(response("/Home/d/", folder=True)), status(204))
+    assert scene.run("rm", "-r", "/Home/d").returncode == DONE
+    assert [method for method, _ in scene.asked()].count("DELETE") == 2
+
+
+@pytest.mark.parametrize("arguments", [
+    ["mkdir", "/Home/Apps/x"], ["put", __file__, "/Home/.hidden/x"],
+    ["mv", "/Home/Apps", "/Home/x"], ["mv", "/Home/a.txt", "/Home/Caches/a.txt"],
+    ["rm", "-r", "/Home/Backups"]])
+def test_protected_folders_refuse_and_nothing_is_changed(scene, arguments):
+    scene.script(multistatus(FILE))
+    result = scene.run("--json", *arguments)
+    assert result.returncode == FAILED
+    assert error(result) == (POSIX, 1)
+    assert all(method == "PROPFIND" for method, _ in scene.asked())
+
+
+def test_what_may_not_be_deleted_is_not(scene):
+    scene.script(multistatus(FOLDER))
+    assert error(scene.run("--json", "rm", "-r", "/Home")) == (POSIX, 1)
+    assert error(scene.run("--json", "mv", "/Home", "/House")) == (POSIX, 1)
+    assert all(method == "PROPFIND" for method, _ in scene.asked())
+
+
+@pytest.mark.parametrize("identifier", ["https://127.0.0.1/x", "opaquelocktoken:1"])
+def test_an_answer_with_another_path_does_not_delete_the_root(scene, identifier):
+    scene.script(multistatus(response(identifier, raw=True)), status(204))
+    scene.run("rm", "-r", "/Home/x")
+    assert ("DELETE", "/") not in scene.asked()
+
+
+# ---- failures ------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("arguments", [
+    ["ls", "/Home"], ["stat", "/Home/a"], ["get", "/Home/a", "-"], ["put", __file__, "/Home/a"],
+    ["mkdir", "/Home/a"], ["mv", "/Home/a", "/Home/b"], ["rm", "/Home/a"]])
+@pytest.mark.parametrize("code, expected", [(401, -1000), (404, -1004), (500, -1004)])
+def test_a_refused_request_is_told_in_words_or_json(scene, arguments, code, expected):
+    scene.script(status(code))
+    result = scene.run("--json", *arguments)
+    assert result.returncode == FAILED
+    assert error(result) == (FILE_PROVIDER, expected)
+    result = scene.run(*arguments)
+    assert (result.returncode, result.stdout) == (FAILED, b"")
+    assert f"{FILE_PROVIDER} {expected}".encode() in result.stderr
+    assert b"/Home" in result.stderr
+
+
+def test_the_extensions_log_is_shown_on_demand(scene):
+    scene.script(status(500))
+    log = b"[com.kestrowan.app.FileProvider:ext] error: enumerate /Home failed: "
+    assert log not in scene.run("ls", "/Home").stderr
+    assert log in scene.run("--verbose", "ls", "/Home").stderr
+
+
+@pytest.mark.parametrize("arguments", [["ls", "-l"], ["--json", "ls"], ["get", "/a", "-"],
+                                       ["stat", "/"], ["doctor"]])
+def test_a_full_output_is_an_error(scene, arguments):
+    scene.script(multistatus(*(response(f"/{n}") for n in range(1000))))
+    with open("/dev/full", "wb") as full:
+        result = scene.run(*arguments, stdout=full)
+    assert result.returncode == UNWRITABLE
+    assert b"No space left" in result.stderr
+    assert scene.leftovers() == []
+
+
+def test_a_reader_that_goes_away_ends_the_command(scene):
+    scene.script({"fill": 20 << 20}, multistatus())
+    process = start("get", "/a", "-", container=scene.container, env=scene.environment())
+    process.stdout.read(1000)
+    process.stdout.close()
+    assert process.wait(120) == UNWRITABLE
+    assert b"Broken pipe" in process.stderr.read()
+    process.stderr.close()
+    assert scene.leftovers() == []
+
+
+def test_a_closed_standard_output_is_an_error(scene):
+    scene.script(multistatus(response("/a")))
+    result = scene.run("ls", preexec_fn=lambda: __import__("os").close(1),
+                       stderr=subprocess.PIPE, stdout=None)
+    assert result.returncode == UNWRITABLE

@@ -1,0 +1,228 @@
+"""Local files that vanish, shrink or find no room, signals, and readers that go away."""
+
+import contextlib
+import os
+import signal
+import subprocess
+import threading
+from pathlib import Path
+
+import pytest
+
+from driver import ROOT, URL, children, error_of, start
+from multistatus import multistatus, response, status
+
+UNWRITABLE = 5
+SIZE = 64 << 20
+
+
+def new_item(name="a"):
+    return {"filename": name, "parentItemIdentifier": ROOT}
+
+
+@contextlib.contextmanager
+def small_disk(directory, kibibytes):
+    """A file system of that size at `directory`; only root can make one."""
+    if os.geteuid() != 0:
+        pytest.skip("only root can mount a small file system to fill")
+    directory.mkdir(exist_ok=True)
+    mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={kibibytes}k", "none",
+                              str(directory)], capture_output=True, text=True, check=False)
+    if mounted.returncode != 0:
+        pytest.skip(f"no small file system can be mounted here: {mounted.stderr.strip()}")
+    try:
+        yield directory
+    finally:
+        subprocess.run(["umount", "-l", str(directory)], check=True)
+
+
+# ---- uploads -------------------------------------------------------------------------------------
+
+
+def test_a_missing_file_is_not_uploaded(scene):
+    with scene.drive() as drive:
+        reply = drive.call("createItem", item=new_item(), contents=str(scene.directory / "gone"))
+        assert error_of(reply) == (URL, -1100)
+        text = reply["error"]["localizedDescription"]
+        assert drive.log_lines(1) == [f"createItem /a failed: {text}"]
+    assert scene.asked() == []
+
+
+def test_a_folder_is_not_uploaded(scene):
+    with scene.drive() as drive:
+        reply = drive.call("createItem", item=new_item(), contents=str(scene.directory))
+        assert error_of(reply) == (URL, -1101)
+    assert scene.asked() == []
+
+
+def test_a_pipe_is_not_waited_for(scene):
+    pipe = scene.directory / "pipe"
+    os.mkfifo(pipe)
+    with scene.drive() as drive:
+        reply = drive.call("createItem", item=new_item(), contents=str(pipe))
+        assert reply["error"]["domain"] == URL
+    assert scene.asked() == []
+
+
+def test_a_file_that_vanishes_during_the_upload_is_sent_whole(scene):
+    body = scene.directory / "body"
+    body.write_bytes(b"x" * SIZE)
+    scene.script(status(201, readBytes=1, readBody=False, holdFor="unused"), multistatus())
+    scene.script(status(201), multistatus())
+    with scene.drive() as drive:
+        number = drive.send("createItem", item=new_item(), contents=str(body))
+        scene.server.waitForEvents("secured", 1)
+        body.unlink(missing_ok=True)
+        reply = drive.reply(number)
+    # Either it was open already and is sent whole, or nothing was sent at all.
+    if reply["error"] is None:
+        assert scene.server.requests[0]["bodyLength"] == SIZE
+    else:
+        assert error_of(reply) == (URL, -1100)
+        assert scene.asked() == []
+
+
+def test_a_file_that_shrinks_during_the_upload_is_an_error(scene):
+    body = scene.directory / "body"
+    with body.open("wb") as file:
+        file.truncate(256 << 20)
+    # The server reads nothing until the file has shrunk.
+    gate = threading.Event()
+    answer = scene.server.answer
+
+    def wait_then_answer(method, target):
+        gate.wait(60)
+        return answer(method, target)
+
+    scene.server.answer = wait_then_answer
+    scene.script(status(201), multistatus())
+    with scene.drive() as drive:
+        number = drive.send("createItem", item=new_item(), contents=str(body))
+        scene.server.waitForEvents("secured", 1)
+        os.truncate(body, 100)
+        gate.set()
+        reply = drive.reply(number)
+        assert reply["error"] is not None
+        assert reply["error"]["domain"] == URL
+        assert drive.call("item", identifier=ROOT)["error"] is None
+    assert all(not request["complete"] for request in scene.server.requests)
+
+
+# ---- downloads -----------------------------------------------------------------------------------
+
+
+def test_a_download_without_room_is_an_error_and_leaves_nothing(scene):
+    with small_disk(scene.directory / "disk", 512) as disk:
+        scene.script({"fill": 4 << 20}, {"body": "small"}, multistatus())
+        with scene.drive(env={"TMPDIR": str(disk)}) as drive:
+            reply = drive.call("fetchContents", identifier="/large")
+            assert error_of(reply) == (URL, -3003)
+            assert os.listdir(disk) == []
+            text = reply["error"]["localizedDescription"]
+            assert drive.log_lines(1) == [f"fetch /large failed: {text}"]
+            # The room is free again.
+            reply = drive.call("fetchContents", identifier="/small")
+            assert Path(reply["url"]).read_text() == "small"
+
+
+def test_get_without_room_keeps_the_old_file(scene):
+    with small_disk(scene.directory / "disk", 512) as disk:
+        target = disk / "target"
+        target.write_text("before")
+        scene.script({"fill": 4 << 20})
+        result = scene.run("get", "/large", target)
+        assert result.returncode in (1, UNWRITABLE)
+        assert result.stderr
+        assert target.read_text() == "before"
+        assert os.listdir(disk) == ["target"]
+
+
+@pytest.mark.parametrize("place", ["missing", "file"])
+def test_without_a_temporary_directory_a_fetch_is_an_error(scene, place):
+    (scene.directory / "file").write_text("")
+    scene.script({"body": "x"})
+    with scene.drive(env={"TMPDIR": str(scene.directory / place)}) as drive:
+        reply = drive.call("fetchContents", identifier="/a")
+        assert reply["error"] is not None
+        assert drive.call("item", identifier=ROOT)["error"] is None
+        drive.finish()
+
+
+def test_get_into_a_folder_that_is_not_there_is_an_error(scene):
+    scene.script({"body": "x"}, multistatus())
+    result = scene.run("get", "/a", scene.directory / "missing" / "a")
+    assert result.returncode in (1, UNWRITABLE)
+    assert not (scene.directory / "missing").exists()
+
+
+# ---- signals and readers -------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_an_interrupted_download_leaves_no_partial_file(scene, number):
+    target = scene.directory / "downloads" / "a"
+    target.parent.mkdir()
+    scene.script({"fill": SIZE, "pauseAt": SIZE // 2, "pauseFor": "never"})
+    process = start("get", "/a", target, container=scene.container, env=scene.environment())
+    scene.server.waitForRequests(1)
+    process.send_signal(number)
+    process.communicate(timeout=60)
+    assert process.returncode == -number or process.returncode == 128 + number
+    assert list(target.parent.iterdir()) == []
+    assert scene.leftovers() == []
+
+
+def test_an_interrupted_driver_leaves_no_partial_file(scene):
+    scene.script({"fill": SIZE, "pauseAt": SIZE // 2, "pauseFor": "never"})
+    drive = scene.drive()
+    drive.send("fetchContents", identifier="/a")
+    scene.server.waitForRequests(1)
+    drive.process.send_signal(signal.SIGINT)
+    assert drive.finish() != 0
+    assert scene.leftovers() == []
+
+
+def test_the_driver_ends_when_nobody_reads(scene):
+    scene.script(multistatus())
+    process = start("drive", container=scene.container, env=scene.environment(),
+                    stdin=subprocess.PIPE)
+    process.stdout.close()
+    request = b'{"id":1,"request":"enumerateItems","identifier":"/"}\n'
+    with contextlib.suppress(BrokenPipeError):
+        for _ in range(20):
+            process.stdin.write(request)
+            process.stdin.flush()
+    with contextlib.suppress(BrokenPipeError):
+        process.stdin.close()
+    assert process.wait(60) == UNWRITABLE
+    assert b"Broken pipe" in process.stderr.read()
+    process.stderr.close()
+
+
+def test_no_child_process_is_left(scene):
+    scene.script(multistatus(response("/a")))
+    with scene.drive() as drive:
+        drive.call("enumerateItems", identifier=ROOT)
+        drive.call("fetchContents", identifier="/a")
+        assert children(drive.process.pid) == []
+
+
+def test_descriptors_do_not_pile_up(scene):
+    body = scene.directory / "body"
+    body.write_text("data")
+    scene.script(multistatus(response("/a")))
+
+    def descriptors(drive):
+        return len(os.listdir(f"/proc/{drive.process.pid}/fd"))
+
+    with scene.drive() as drive:
+        counts = []
+        for _ in range(3):
+            for _ in range(30):
+                drive.call("enumerateItems", identifier=ROOT)
+                drive.call("createItem", item=new_item(), contents=str(body))
+                drive.call("createItem", item=new_item(), contents="/missing")
+                reply = drive.call("fetchContents", identifier="/a")
+                os.unlink(reply["url"])
+            counts.append(descriptors(drive))
+    assert counts[-1] <= counts[0]

@@ -1,0 +1,108 @@
+#!/usr/bin/python3
+"""Tests of the checks themselves: each finds what it is for and lets the rest pass."""
+
+import sys
+import unittest
+from pathlib import PurePosixPath
+
+sys.dont_write_bytecode = True
+import co_await_temporaries  # noqa: E402
+import include_rules  # noqa: E402
+import sources  # noqa: E402
+
+
+class IncludeRules(unittest.TestCase):
+    def problems(self, path, text, existing=True):
+        return include_rules.check(PurePosixPath(path), text, lambda header: existing)
+
+    def assertPasses(self, path, text):
+        self.assertEqual(self.problems(path, text), [])
+
+    def assertRefused(self, path, text):
+        self.assertEqual(len(self.problems(path, text)), 1, self.problems(path, text))
+
+    def test_layers_include_what_their_arrows_reach(self):
+        self.assertPasses("webdav/A.cpp", '#include "bridge/FPBridge.h"\n#include "platform/x/Y.h"')
+        self.assertPasses("cli/A.cpp", '#include "extension/FileProviderExtension.h"')
+        self.assertPasses("host/A.cpp", '#include "mount/M.h"\n#include "extension/E.h"')
+        self.assertPasses("items/A.cpp", '#include "items/B.h"')
+
+    def test_layers_do_not_include_against_their_arrows(self):
+        self.assertRefused("bridge/A.cpp", '#include "webdav/WebDAVClient.h"')
+        self.assertRefused("platform/base/A.cpp", '#include "bridge/FPBridge.h"')
+        self.assertRefused("mount/A.cpp", '#include "extension/FileProviderExtension.h"')
+        self.assertRefused("replica/A.h", '#include "mount/M.h"')
+        self.assertRefused("extension/A.h", '#include "host/H.h"')
+
+    def test_the_logger_is_a_leaf(self):
+        self.assertPasses("webdav/A.cpp", '#include "extension/fpLog.h"')
+        self.assertPasses("items/A.cpp", '#include "extension/fpLog.h"')
+        self.assertRefused("bridge/A.cpp", '#include "extension/fpLog.h"')
+        self.assertRefused("webdav/A.cpp", '#include "extension/FileProviderExtension.h"')
+
+    def test_headers_of_other_projects_have_one_place(self):
+        self.assertPasses("platform/linux/A.cpp", "#include <curl/curl.h>\n#include <expat.h>")
+        self.assertRefused("webdav/A.cpp", "#include <curl/curl.h>")
+        self.assertRefused("platform/foundation/A.cpp", "#include <openssl/evp.h>")
+        self.assertRefused("cli/A.cpp", "#include <nlohmann/json.hpp>")
+        self.assertPasses("replica/sqlite/A.cpp", "#include <sqlite3.h>")
+        self.assertRefused("replica/A.cpp", "#include <sqlite3.h>")
+        self.assertPasses("mount/A.cpp", "#include <fuse3/fuse_lowlevel.h>")
+        self.assertRefused("host/A.cpp", "#include <fuse_lowlevel.h>")
+        self.assertPasses("cli/A.cpp", "#include <CLI/CLI.hpp>")
+        self.assertRefused("cli/A.cpp", "#include <boost/asio.hpp>")
+
+    def test_system_headers_are_free(self):
+        self.assertPasses("webdav/A.cpp",
+                          "#include <string>\n#include <unistd.h>\n#include <sys/stat.h>")
+
+    def test_comments_do_not_include(self):
+        self.assertPasses("bridge/A.cpp", '// #include "webdav/A.h"\n/*\n#include "cli/B.h"\n*/')
+
+    def test_quoted_headers_are_ours(self):
+        self.assertEqual(len(self.problems("bridge/A.cpp", '#include "bridge/Gone.h"', False)), 1)
+
+    def test_unknown_layers_are_refused(self):
+        self.assertRefused("util/A.cpp", "")
+
+
+class CoAwaitTemporaries(unittest.TestCase):
+    def assertFinds(self, text):
+        self.assertTrue(co_await_temporaries.check("a.cpp", text), text)
+
+    def assertPasses(self, text):
+        self.assertEqual(co_await_temporaries.check("a.cpp", text), [])
+
+    def test_braced_temporaries_are_found(self):
+        self.assertFinds('co_await send(Request{"GET", url});')
+        self.assertFinds("auto x = co_await client->send({method, url});")
+        self.assertFinds("auto x = co_await send(std::vector<int>{1, 2});")
+        self.assertFinds("co_await send(\n    first,\n    Header{name, value});")
+        self.assertFinds("co_return co_await Awaiter{state};")
+
+    def test_capturing_lambdas_are_found(self):
+        self.assertFinds("co_await run([this] { go(); });")
+        self.assertFinds("co_await run(executor, [&x](int y) { return x + y; });")
+
+    def test_the_rest_passes(self):
+        self.assertPasses("co_await send(std::move(request));")
+        self.assertPasses("co_await run([](int y) { return Pair{y, y}; });")
+        self.assertPasses("co_await list(path);\nauto lambda = [this] { go(); };\nPair p{1, 2};")
+        self.assertPasses("if (co_await ready()) { Pair p{1, 2}; }")
+        self.assertPasses("// co_await send(Request{1});\n")
+        self.assertPasses("auto operator co_await() { return Awaiter{handle}; }")
+        self.assertPasses('co_await send("text {a}", values[index]);')
+
+
+class Reading(unittest.TestCase):
+    def test_literals_and_comments_are_blanked_in_place(self):
+        text = 'a = "{;}"; // {\nb = R"(\n{)"; /* { */ c = \'{\'; d = 1\'000;'
+        code = sources.code_only(text)
+        self.assertEqual(len(code), len(text))
+        self.assertEqual(code.count("\n"), text.count("\n"))
+        self.assertNotIn("{", code)
+        self.assertIn("d = 1'000;", code)
+
+
+if __name__ == "__main__":
+    unittest.main()
