@@ -16,9 +16,11 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/NSData.h"
 #include "platform/foundation/NSFileManager.h"
@@ -67,6 +69,8 @@ struct Run {
   std::atomic<int> failures = 0;
   std::atomic<long long> bytes = 0;
   std::promise<void> end;
+  std::mutex mutex;
+  std::vector<NSURL> downloads;  // guarded by mutex
 };
 
 void note(Run& run, const NSURLResponse& response) {
@@ -85,7 +89,8 @@ Task<void> oneDownload(Run& run) {
   const auto download = co_await std::move(task);
   note(run, *download.response);
   run.bytes += NSFileManager::defaultManager()->fileSize(download.location).value_or(0);
-  NSFileManager::defaultManager()->removeItem(download.location);
+  const std::lock_guard lock(run.mutex);
+  run.downloads.push_back(download.location);
 }
 
 Task<void> oneUpload(Run& run, NSURL file) {
@@ -153,6 +158,7 @@ int measure(char** arguments) {
   for (int i = 0; i < workers; ++i) startDetached(work(run, mode, file));
   run.end.get_future().wait();
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+  for (const auto& each : run.downloads) NSFileManager::defaultManager()->removeItem(each);
   rusage usage{};
   ::getrusage(RUSAGE_SELF, &usage);
   const auto processor = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +

@@ -64,7 +64,9 @@ class Bench:
                  "-H", "Authorization: " + self.authorization, *options, self.base + "/small"],
                 capture_output=True, text=True, check=True)
             good = re.search(r"status codes: (\d+) 2xx", done.stdout)
-            if not good or int(good[1]) < self.arguments.count:
+            spoken = "http/1.1" if "--h1" in options else "h2"
+            if (int(good[1]) < self.arguments.count
+                    or f"Application protocol: {spoken}" not in done.stdout):
                 return 0.0
             return float(re.search(r"([\d.]+) req/s", done.stdout)[1])
         return max(rate() for _ in range(RUNS))
@@ -72,9 +74,10 @@ class Bench:
     def curl(self, *arguments):
         """Seconds that curl takes, endless when a request fails."""
         start = time.monotonic()
-        done = subprocess.run(["curl", "-q", "-sf", "--no-progress-meter", "--http1.1", "--cacert", self.cert, "-k",
-                        "-H", "Authorization: " + self.authorization, *arguments], check=False,
-                              stdout=subprocess.DEVNULL)
+        done = subprocess.run(
+            ["curl", "-q", "-sf", "--no-progress-meter", "--http1.1", "--cacert", self.cert, "-k",
+             "-H", "Authorization: " + self.authorization, *arguments],
+            check=False, stdout=subprocess.DEVNULL)
         return time.monotonic() - start if done.returncode == 0 else math.inf
 
     def curlRate(self, connections):

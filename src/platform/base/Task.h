@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <coroutine>
 #include <exception>
 #include <optional>
@@ -12,7 +13,7 @@ class Task;
 
 namespace detail {
 
-/// Resumes whoever awaits the task, without growing the stack.
+/// Resumes whoever awaits the task, as a tail call where the compiler makes one.
 struct FinalAwaiter {
   bool await_ready() const noexcept { return false; }
   template <typename Promise>
@@ -107,5 +108,9 @@ inline Task<void> TaskPromise<void>::get_return_object() {
 /// Starts `task` as a background task of its own on the shared executor and returns at once.
 /// An exception that leaves the task is fatal: the task must handle its errors itself.
 void startDetached(Task<void> task);
+
+/// Waits until no background task is left, frames and what they held included, for at most `limit`;
+/// whether that came about. For the end of the process: nothing then runs beneath its clean-up.
+bool waitForDetachedTasks(std::chrono::milliseconds limit);
 
 }  // namespace kestrowan

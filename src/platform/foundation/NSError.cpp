@@ -68,14 +68,20 @@ NSError cocoaError(NSCocoaErrorCode code, int number, std::string_view path) {
 }  // namespace
 
 NSError::NSError(std::string_view domain, std::int64_t code, UserInfo userInfo)
-    : values_(std::make_shared<const Values>(
-          Values{std::string(domain), code, std::move(userInfo)})) {}
+    : values_(
+          std::make_shared<const Values>(Values{std::string(domain), code, std::move(userInfo)})) {}
 
-const std::string& NSError::domain() const { return values_->domain; }
+const std::string& NSError::domain() const {
+  return values_->domain;
+}
 
-std::int64_t NSError::code() const { return values_->code; }
+std::int64_t NSError::code() const {
+  return values_->code;
+}
 
-const NSError::UserInfo& NSError::userInfo() const { return values_->userInfo; }
+const NSError::UserInfo& NSError::userInfo() const {
+  return values_->userInfo;
+}
 
 bool NSError::is(std::string_view domain, std::int64_t code) const {
   return values_->domain == domain && values_->code == code;
@@ -96,7 +102,9 @@ std::string NSError::localizedDescription() const {
   return text + "(" + values_->domain + " error " + std::to_string(values_->code) + ".)";
 }
 
-NSError posixError(int number) { return NSError(NSPOSIXErrorDomain, number); }
+NSError posixError(int number) {
+  return NSError(NSPOSIXErrorDomain, number);
+}
 
 NSError cocoaWriteError(int number, std::string_view path) {
   switch (number) {

@@ -24,7 +24,8 @@ class NSFileManager {
   static void setDefaultManager(std::shared_ptr<NSFileManager> manager);
 
   /// The directory of an application group; nothing when there is none. Creates nothing.
-  virtual std::optional<NSURL> containerURL(std::string_view forSecurityApplicationGroupIdentifier) = 0;
+  virtual std::optional<NSURL> containerURL(
+      std::string_view forSecurityApplicationGroupIdentifier) = 0;
   /// The directory for short-lived files. Creates nothing.
   virtual NSURL temporaryDirectory() = 0;
   /// The whole contents of a regular file of at most 1 MiB. Throws `NSError` of

@@ -113,7 +113,6 @@ void CurlEngine::run() noexcept {
     curl_multi_perform(multi_, &stillRunning);
     // Places that have become free are taken before waiting.
     if (reapFinished()) continue;
-    for (const auto& transfer : running_) transfer->resumeSending();
     failIdle();
     curl_multi_poll(multi_, nullptr, 0, millisecondsToNextCheck(), nullptr);
   }

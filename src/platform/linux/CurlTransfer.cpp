@@ -80,12 +80,6 @@ void CurlTransfer::resume() {
   curl_easy_pause(easy_, CURLPAUSE_CONT);
 }
 
-void CurlTransfer::resumeSending() {
-  if (!hearsServer_ || hasInput(socket_)) return;
-  hearsServer_ = false;
-  curl_easy_pause(easy_, CURLPAUSE_CONT);
-}
-
 bool CurlTransfer::isIdle(Clock::time_point now) {
   if (waitsForReader_) idleTimer_.restart(now);
   return idleTimer_.expired(socket_, now);
@@ -129,11 +123,7 @@ bool CurlTransfer::take(std::string_view data) {
   return true;
 }
 
-std::optional<std::size_t> CurlTransfer::give(char* buffer, std::size_t capacity) {
-  // A server that refuses a file may answer, and then reset the connection, without reading it:
-  // sending on would lose the answer.
-  hearsServer_ = hasInput(socket_);
-  if (hearsServer_) return std::nullopt;
+std::size_t CurlTransfer::give(char* buffer, std::size_t capacity) {
   return uploadFile_->read(buffer, capacity);
 }
 

@@ -48,8 +48,6 @@ class CurlTransfer {
   void fail(const NSError& error) noexcept { sink_->fail(error); }
   /// The reader of the body has made room.
   void resume();
-  /// Goes on sending once what the server had said meanwhile has been read.
-  void resumeSending();
 
   /// When `isIdle` wants to be asked again.
   Clock::time_point nextCheck() const { return idleTimer_.nextCheck(); }
@@ -71,8 +69,7 @@ class CurlTransfer {
   void takeHeaderLine(std::string_view line);
   /// Takes all of the body's next piece, or nothing of it.
   bool take(std::string_view data);
-  /// The next piece of the file; nothing while the server must be heard first.
-  std::optional<std::size_t> give(char* buffer, std::size_t capacity);
+  std::size_t give(char* buffer, std::size_t capacity);
   void noteProgress(std::int64_t bytesSent);
   void stopWith(const NSError& error) { ownError_ = error; }
 
@@ -95,7 +92,6 @@ class CurlTransfer {
   bool connectionWasClosed_ = false;
   bool endWasAnnounced_ = false;
   bool waitsForReader_ = false;
-  bool hearsServer_ = false;  // sending waits until the server's words are read
   std::int64_t bytesReceived_ = 0;
   std::optional<NSError> ownError_;  // why a callback stopped the transfer
 };

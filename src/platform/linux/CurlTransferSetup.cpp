@@ -14,7 +14,6 @@ namespace {
 // A connection attempt is bounded by the idle time-out alone.
 constexpr long kLongestConnectMilliseconds = 7L * 24 * 60 * 60 * 1000;
 constexpr long kFileReceiveBufferBytes = 128 * 1024;
-constexpr long kFileSendBufferBytes = 64 * 1024;
 
 template <typename Value>
 void set(CURL* easy, CURLoption option, Value value) {
@@ -75,7 +74,7 @@ struct CurlTransfer::Callbacks {
                             void* pointer) noexcept {
     auto& transfer = self(pointer);
     try {
-      return transfer.give(buffer, capacity).value_or(CURL_READFUNC_PAUSE);
+      return transfer.give(buffer, capacity);
     } catch (const NSError& error) {
       transfer.stopWith(error);
       return CURL_READFUNC_ABORT;
@@ -139,7 +138,6 @@ void CurlTransfer::setMethod() {
   if (uploadFile_) {
     set(easy_, CURLOPT_UPLOAD, 1L);
     set(easy_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(uploadFile_->size()));
-    set(easy_, CURLOPT_UPLOAD_BUFFERSIZE, kFileSendBufferBytes);
     set(easy_, CURLOPT_READFUNCTION, &Callbacks::source);
     set(easy_, CURLOPT_READDATA, static_cast<void*>(this));
   } else if (method == "HEAD") {

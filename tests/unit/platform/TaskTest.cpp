@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
 #include <memory>
 #include <thread>
 
+#include "platform/base/OneShot.h"
 #include "platform/foundation/NSError.h"
 #include "support/TaskResult.h"
 
@@ -102,6 +104,24 @@ TEST(TaskDeathTest, ErrorOfADetachedTaskIsFatal) {
         std::promise<void>().get_future().wait_for(std::chrono::seconds(60));
       },
       "fatal error: an error left a background task unhandled");
+}
+
+/// Holds on to something until it is told to end.
+Task<void> holding(std::shared_ptr<int> held, std::shared_ptr<OneShot<bool>> end) {
+  auto told = OneShot<bool>::result(end);
+  co_await std::move(told);
+  *held = 1;
+}
+
+TEST(TaskTest, BackgroundTasksCanBeWaitedForWithAllThatTheyHold) {
+  auto held = std::make_shared<int>(0);
+  auto end = std::make_shared<OneShot<bool>>();
+  startDetached(holding(held, end));
+  EXPECT_FALSE(waitForDetachedTasks(std::chrono::milliseconds(1)));
+  end->resolve(true);
+  EXPECT_TRUE(waitForDetachedTasks(std::chrono::minutes(1)));
+  EXPECT_EQ(*held, 1);
+  EXPECT_EQ(held.use_count(), 1);
 }
 
 }  // namespace
