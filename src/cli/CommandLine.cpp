@@ -41,7 +41,10 @@ class CommandLine {
                     "$KESTROWAN_CONTAINER, else " +
                         std::string(FPBridge::kGroupIdentifier) +
                         " in $XDG_DATA_HOME or ~/.local/share")
-        ->type_name("DIR");
+        ->type_name("DIR")
+        ->check([](const std::string& directory) {
+          return std::string(directory.empty() ? "is empty" : "");
+        });
     app_.add_flag("--json", global_.json, "report in JSON, one object a line");
     app_.add_flag("--verbose", global_.verbose, "show the extension's log on standard error");
     app_.footer(

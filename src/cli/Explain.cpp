@@ -48,8 +48,6 @@ constexpr Advice kAdvice[] = {
     {NSURLErrorDomain, NSURLErrorNetworkConnectionLost,
      "the connection broke before the answer was whole",
      "check that the host application is running, then try again"},
-    {NSURLErrorDomain, NSURLErrorBadServerResponse, "the answer is no proper HTTP",
-     "another program may hold the port: check that the host application is running"},
     {NSURLErrorDomain, NSURLErrorCannotParseResponse, "the answer is no proper HTTP",
      "another program may hold the port: check that the host application is running"},
     {NSURLErrorDomain, NSURLErrorSecureConnectionFailed, "no secure connection could be made",

@@ -10,7 +10,7 @@
 namespace kestrowan::cli {
 
 /// The extension's requests as futures, for commands that do one thing after another. Each future
-/// holds the result or throws the request's `NSError`. The extension must outlive none of them.
+/// holds the result or throws the request's `NSError`. The extension need not outlive any of them.
 
 std::future<std::vector<NSFileProviderItemPtr>> listFolder(
     NSFileProviderReplicatedExtension& extension, const NSFileProviderItemIdentifier& folder);

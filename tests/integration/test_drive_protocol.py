@@ -21,6 +21,7 @@ def test_a_line_that_is_no_request_is_answered_and_passed_over(scene, line):
         reply = drive.reply(None)
         assert error_of(reply) == NOT_A_REQUEST
         assert reply["error"]["localizedDescription"]
+        assert reply["synchronous"] is True
         assert drive.call("item", identifier=ROOT)["error"] is None
         assert drive.finish() == 0
 
@@ -44,7 +45,8 @@ def test_a_request_of_the_wrong_form_is_refused_and_sends_nothing(scene, members
     with scene.drive() as drive:
         drive.write(json.dumps({"id": "mine", **members}).encode() + b"\n")
         reply = drive.wait(lambda: drive.replies[0] if drive.replies else None, "a reply")
-        assert reply["id"] in ("mine", None)
+        assert reply["id"] == "mine"
+        assert reply["synchronous"] is True
         assert error_of(reply) == NOT_A_REQUEST
         assert drive.finish() == 0
         assert len(drive.replies) == 1

@@ -172,6 +172,67 @@ def test_an_interrupted_download_leaves_no_partial_file(scene, number):
     assert scene.leftovers() == []
 
 
+def test_an_interruption_after_the_body_leaves_no_file(scene):
+    target = scene.directory / "downloads" / "a"
+    target.parent.mkdir()
+    scene.routes({"GET /a": {"status": 200, "body": "whole"},
+                  "PROPFIND /a": dict(multistatus(response("/a")), holdFor="never")})
+    process = start("get", "/a", target, container=scene.container, env=scene.environment())
+    scene.server.waitForRequests(2)
+    process.send_signal(signal.SIGINT)
+    process.communicate(timeout=60)
+    assert process.returncode == -signal.SIGINT
+    assert list(target.parent.iterdir()) == []
+    assert scene.leftovers() == []
+
+
+def test_a_download_onto_a_pipe_is_written_into_it(scene):
+    scene.routes({"GET /a": {"status": 200, "body": "whole"},
+                  "PROPFIND /a": multistatus(response("/a"))})
+    pipe = scene.directory / "pipe"
+    os.mkfifo(pipe)
+    process = start("get", "/a", pipe, container=scene.container, env=scene.environment())
+    assert pipe.read_bytes() == b"whole"
+    process.communicate(timeout=60)
+    assert process.returncode == 0
+    assert pipe.is_fifo()
+
+
+def test_a_download_follows_a_symbolic_link(scene):
+    scene.routes({"GET /a": {"status": 200, "body": "whole"},
+                  "PROPFIND /a": multistatus(response("/a"))})
+    folder = scene.directory / "elsewhere"
+    folder.mkdir()
+    link = scene.directory / "link"
+    link.symlink_to(folder / "file")
+    assert scene.run("get", "/a", link).returncode == 0
+    assert link.is_symlink()
+    assert (folder / "file").read_bytes() == b"whole"
+    assert [entry.name for entry in folder.iterdir()] == ["file"]
+
+
+def test_a_name_with_a_nul_is_no_local_file(scene):
+    scene.routes({"GET /a%00b": {"status": 200, "body": "whole"},
+                  "PROPFIND /a%00b": multistatus(response("/a%00b"))})
+    with scene.drive() as drive:
+        reply = drive.call("fetchContents", identifier="/a\0b")
+        assert error_of(reply) == ("NSCocoaErrorDomain", 514)
+        reply = drive.call("createItem", item=new_item(), contents=str(scene.directory) + "\0x")
+        assert error_of(reply) == (URL, -1100)
+    assert scene.leftovers() == []
+
+
+def test_a_reader_that_goes_away_during_a_recursive_listing_is_an_error(scene):
+    folders = [response(f"/{number}/", "<D:collection/>") for number in range(40)]
+    scene.routes({"PROPFIND /": multistatus(*folders)},
+                 responses=[multistatus(*[response(f"/x/{n}") for n in range(50)])])
+    process = start("ls", "-R", container=scene.container, env=scene.environment())
+    process.stdout.close()
+    assert process.wait(60) == UNWRITABLE
+    assert b"Broken pipe" in process.stderr.read()
+    process.stderr.close()
+
+
 def test_an_interrupted_driver_leaves_no_partial_file(scene):
     scene.script({"fill": SIZE, "pauseAt": SIZE // 2, "pauseFor": "never"})
     drive = scene.drive()

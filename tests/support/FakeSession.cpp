@@ -15,16 +15,22 @@ struct FakeNetwork::State {
   std::vector<SentRequest> requests;
   std::vector<NSURLSessionConfiguration> configurations;
   bool withoutHTTP = false;
+  std::function<void(const SentRequest&)> hook;
 
   /// Records the request and takes its answer; throws the answer's transport error.
   Answer exchange(const NSURLRequest& request, std::optional<std::string> body) {
-    std::lock_guard lock(mutex);
     SentRequest sent{request.httpMethod + " " + request.url.absoluteString(),
                      {},
                      request.timeoutInterval,
                      std::move(body)};
     for (const auto& [name, value] : request.headers) sent.headers.push_back(name + ": " + value);
-    requests.push_back(std::move(sent));
+    std::unique_lock lock(mutex);
+    requests.push_back(sent);
+    if (const auto hookNow = hook) {
+      lock.unlock();
+      hookNow(sent);
+      lock.lock();
+    }
     if (answers.empty()) throw NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
     Answer answer = std::move(answers.front());
     answers.pop_front();
@@ -93,6 +99,11 @@ FakeNetwork::~FakeNetwork() {
 void FakeNetwork::answer(Answer answer) {
   std::lock_guard lock(state_->mutex);
   state_->answers.push_back(std::move(answer));
+}
+
+void FakeNetwork::beforeAnswer(std::function<void(const SentRequest&)> hook) {
+  std::lock_guard lock(state_->mutex);
+  state_->hook = std::move(hook);
 }
 
 void FakeNetwork::answerWithoutHTTP() {

@@ -45,6 +45,8 @@ class FakeNetwork {
   /// The configurations of the sessions that were made.
   std::vector<NSURLSessionConfiguration> configurations() const;
 
+  /// Called with each request before it is answered, on the thread that sends it.
+  void beforeAnswer(std::function<void(const SentRequest&)> hook);
   /// A response that is not of HTTP is given instead of every further answer.
   void answerWithoutHTTP();
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -117,20 +118,29 @@ Finding checkFuse() {
               "; the direct commands do not need it, a mount would"};
 }
 
+/// The configuration, or nothing when it cannot be loaded just now.
+std::optional<FPBridge::Config> loadedConfig() {
+  try {
+    return FPBridge::loadConfig();
+  } catch (const NSError&) {
+    return std::nullopt;
+  }
+}
+
 std::vector<Finding> findings(const GlobalOptions& options, bool& configured) {
   std::vector<Finding> found;
   const auto container = FPBridge::groupURL();
-  const auto problem = bridgeProblem();
-  configured = !problem;
+  const auto config = loadedConfig();
+  configured = config.has_value();
   if (container) found.push_back(checkContainer(*container));
-  if (problem) {
-    found.push_back({"bridge file", Verdict::bad, *problem});
-  } else {
-    const auto config = FPBridge::loadConfig();
+  if (container && config) {
     found.push_back(checkBridgeFile(container->appendingPathComponent(FPBridge::kConfigFileName)));
-    found.push_back(checkPort(config));
-    found.push_back(checkCertificate(config));
+    found.push_back(checkPort(*config));
+    found.push_back(checkCertificate(*config));
     found.push_back(checkServer(options));
+  } else {
+    found.push_back({"bridge file", Verdict::bad,
+                     bridgeProblem().value_or("it has just changed; run this again")});
   }
   found.push_back(checkTemporaryDirectory());
   found.push_back(checkFuse());

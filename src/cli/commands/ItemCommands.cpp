@@ -8,6 +8,7 @@
 #include "cli/TemplateItem.h"
 #include "cli/commands/Commands.h"
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/Logger.h"
 #include "platform/foundation/NSString.h"
 
 namespace kestrowan::cli {
@@ -93,7 +94,7 @@ ExitCode remove(CommandContext& context, const std::string& path, bool recursive
   const auto item = itemAt(context, at);
   demand(*item, NSFileProviderItemCapability::allowsDeleting, at);
   if (item->contentType() == UTType::folder() && !recursive) {
-    throw UsageError(Output::standard().forDisplay(at) +
+    throw UsageError(escapedForDisplay(at) +
                      ": is a folder; remove it and all that is in it with -r");
   }
   resultOf(remove(context.extension(), identifier(at), recursive), at);

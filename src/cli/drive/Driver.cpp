@@ -1,6 +1,7 @@
 #include "cli/drive/Driver.h"
 
 #include <array>
+#include <cstdio>
 #include <iostream>
 #include <utility>
 
@@ -14,6 +15,17 @@ namespace {
 constexpr std::string_view kDriverErrorDomain = "kestrowan";
 constexpr std::size_t kLongestLine = 16 * 1024 * 1024;  // bytes
 
+/// Reads the next line of standard input; of one that is too long only so much that this shows.
+bool readLine(std::string& line) {
+  line.clear();
+  auto& input = *std::cin.rdbuf();
+  for (auto next = input.sbumpc(); next != EOF; next = input.sbumpc()) {
+    if (next == '\n') return true;
+    if (line.size() <= kLongestLine) line += static_cast<char>(next);
+  }
+  return !line.empty();
+}
+
 }  // namespace
 
 Driver::Driver(std::shared_ptr<NSFileProviderReplicatedExtension> extension)
@@ -25,7 +37,7 @@ ExitCode Driver::run() {
     return outputLost_;
   };
   std::string line;
-  while (!lost() && std::getline(std::cin, line)) serve(line);
+  while (!lost() && readLine(line)) serve(line);
   std::unique_lock lock(mutex_);
   idle_.wait(lock, [this] { return running_ == 0; });
   return outputLost_ ? ExitCode::outputUnwritable : ExitCode::done;
@@ -78,7 +90,8 @@ void Driver::refuse(JSONValue id, std::string_view why) {
                           {"error", JSONValue::Object{{"domain", kDriverErrorDomain},
                                                       {"code", kNoRequest},
                                                       {"localizedDescription", why},
-                                                      {"userInfo", JSONValue::Object{}}}}});
+                                                      {"userInfo", JSONValue::Object{}}}},
+                          {"synchronous", true}});
 }
 
 void Driver::write(const JSONValue& line) {

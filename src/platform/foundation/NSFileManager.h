@@ -12,7 +12,7 @@
 namespace kestrowan {
 
 /// The local files of the process: the seam through which the extension reads, moves and makes
-/// them. Usable from every thread. All sizes are bytes.
+/// them. Usable from every thread. All sizes are bytes. A path that holds a NUL names no file.
 class NSFileManager {
  public:
   virtual ~NSFileManager() = default;

@@ -18,6 +18,7 @@ namespace kestrowan {
 
 namespace {
 
+constexpr const char* kOwnDescriptors = "/proc/self/fd";
 constexpr std::string_view kNameStart = "/kestrowan-download-";
 constexpr mode_t kOwnerOnly = 0600;
 constexpr int kLinkAttempts = 16;
@@ -44,7 +45,9 @@ std::string randomName() {
 
 CurlDownloadFile::CurlDownloadFile(std::string directory) : directory_(std::move(directory)) {
 #ifdef O_TMPFILE
-  fd_.reset(::open(directory_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
+  // A nameless file gets its name through /proc.
+  if (::access(kOwnDescriptors, X_OK) == 0)
+    fd_.reset(::open(directory_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kOwnerOnly));
 #endif
   if (fd_) {
     if (::fchmod(fd_.get(), kOwnerOnly) != 0) throw fileError(NSURLErrorCannotCreateFile, errno);
@@ -81,7 +84,7 @@ std::string CurlDownloadFile::publish() {
 }
 
 void CurlDownloadFile::link() {
-  const std::string self = "/proc/self/fd/" + std::to_string(fd_.get());
+  const std::string self = std::string(kOwnDescriptors) + "/" + std::to_string(fd_.get());
   for (int attempt = 1;; ++attempt) {
     std::string path = directory_ + std::string(kNameStart) + randomName();
     if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {

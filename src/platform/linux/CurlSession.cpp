@@ -1,5 +1,6 @@
 #include "platform/linux/CurlSession.h"
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -89,7 +90,8 @@ class CurlSession : public NSURLSession {
  public:
   CurlSession(const NSURLSessionConfiguration& configuration,
               std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits)
-      : headers_(std::make_shared<HTTPHeaders>(configuration.HTTPAdditionalHeaders)),
+      : timeout_(configuration.timeoutIntervalForRequest),
+        headers_(std::make_shared<HTTPHeaders>(configuration.HTTPAdditionalHeaders)),
         engine_(std::make_shared<CurlEngine>(std::move(delegate), limits)) {}
   ~CurlSession() override { engine_->stop(); }
 
@@ -97,20 +99,27 @@ class CurlSession : public NSURLSession {
 
   Task<Response> dataTask(NSURLRequest request,
                           std::shared_ptr<NSURLSessionDataReceiver> receiver) override {
+    request = limited(std::move(request));
     if (receiver) return sendForData(engine_, headers_, std::move(request), std::move(receiver));
     return sendDiscarding(engine_, headers_, CurlTransfer::Kind::data, std::move(request), {});
   }
 
   Task<NSURLSessionDownload> downloadTask(NSURLRequest request) override {
-    return sendForFile(engine_, headers_, std::move(request));
+    return sendForFile(engine_, headers_, limited(std::move(request)));
   }
 
   Task<Response> uploadTask(NSURLRequest request, NSURL fromFile) override {
-    return sendDiscarding(engine_, headers_, CurlTransfer::Kind::upload, std::move(request),
-                          std::move(fromFile));
+    return sendDiscarding(engine_, headers_, CurlTransfer::Kind::upload,
+                          limited(std::move(request)), std::move(fromFile));
   }
 
  private:
+  NSURLRequest limited(NSURLRequest request) const {
+    request.timeoutInterval = std::min(request.timeoutInterval, timeout_);
+    return request;
+  }
+
+  double timeout_;  // seconds
   Headers headers_;
   std::shared_ptr<CurlEngine> engine_;
 };

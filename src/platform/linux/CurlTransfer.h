@@ -20,7 +20,8 @@
 namespace kestrowan {
 
 /// One request on its way through curl. Shared between the engine and whoever awaits the result;
-/// everything but the constructor and `movesFile` belongs to the transfer thread.
+/// everything but the constructor, `movesFile` and, before it runs, `fail` belongs to the transfer
+/// thread.
 class CurlTransfer {
  public:
   using Clock = CurlIdleTimer::Clock;

@@ -31,6 +31,8 @@ NSError openError(int number) {
 
 CurlUploadFile::CurlUploadFile(const NSURL& file) {
   if (!file.isFileURL()) throw urlError(NSURLErrorBadURL);
+  // The system would take the text up to there for the whole path.
+  if (file.path().find('\0') != std::string::npos) throw openError(ENOENT);
   // Opening a pipe for reading would otherwise wait for somebody to write to it.
   fd_.reset(::open(file.path().c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd_) throw openError(errno);

@@ -47,6 +47,11 @@ std::string containerPath(std::string_view group) {
   return base + "/" + std::string(group);
 }
 
+/// Whether the system would take a part of `path` for the whole.
+bool holdsNUL(const NSURL& url) {
+  return url.path().find('\0') != std::string::npos;
+}
+
 struct stat statusOf(const UniqueFd& file, const std::string& path) {
   struct stat status;
   if (!file || ::fstat(file.get(), &status) != 0) throw cocoaReadError(errno, path);
@@ -97,6 +102,7 @@ class PosixFileManager : public NSFileManager {
   }
 
   NSData contents(const NSURL& at) override {
+    if (holdsNUL(at)) throw cocoaReadError(ENOENT, at.path());
     // Without waiting, so that a FIFO in the file's place cannot hang the process.
     const UniqueFd file(::open(at.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     const auto status = statusOf(file, at.path());
@@ -108,6 +114,7 @@ class PosixFileManager : public NSFileManager {
   }
 
   bool createFile(const NSURL& at, std::string_view contents) override {
+    if (holdsNUL(at)) return false;
     const auto& path = at.path();
     const UniqueFd file(::open(path.c_str(),
                                O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
@@ -123,12 +130,14 @@ class PosixFileManager : public NSFileManager {
   }
 
   void moveItem(const NSURL& at, const NSURL& to) override {
+    if (holdsNUL(at) || holdsNUL(to)) throw cocoaWriteError(EINVAL, to.path());
     if (const int error = moveFileExclusively(at.path(), to.path())) {
       throw cocoaWriteError(error, error == EEXIST ? to.path() : at.path());
     }
   }
 
   void removeItem(const NSURL& at) override {
+    if (holdsNUL(at)) throw cocoaWriteError(EINVAL, at.path());
     std::error_code error;
     const auto removed = std::filesystem::remove_all(at.path(), error);
     if (error) throw cocoaWriteError(error.value(), at.path());
@@ -137,7 +146,7 @@ class PosixFileManager : public NSFileManager {
 
   std::optional<std::int64_t> fileSize(const NSURL& of) override {
     struct stat status;
-    if (::stat(of.path().c_str(), &status) != 0) return std::nullopt;
+    if (holdsNUL(of) || ::stat(of.path().c_str(), &status) != 0) return std::nullopt;
     return status.st_size;
   }
 

@@ -75,6 +75,11 @@ int copyBytes(int source, int target) {
   }
 }
 
+/// Whether a file system that cannot make this hard link may still take a copy.
+bool isRefusalToLink(int error) {
+  return error == EXDEV || error == EPERM || error == ENOSYS || error == ENOTSUP || error == EMLINK;
+}
+
 }  // namespace
 
 int moveFileByLink(const std::string& from, const std::string& to) {
@@ -97,6 +102,8 @@ int moveFileByCopy(const std::string& from, const std::string& to) {
   if (const int error = copyBytes(source.get(), copy.get())) return error;
   if (::futimens(copy.get(), timesOf(status).data()) != 0) return errno;
   if (::fchmod(copy.get(), status.st_mode & kPermissionBits) != 0) return errno;
+  // Some file systems report only now that the data had no room.
+  if (::close(copy.release()) != 0 && errno != EINTR) return errno;
   if (::unlink(from.c_str()) != 0) return errno;
   target.keep();
   return 0;
@@ -115,7 +122,7 @@ int moveFileExclusively(const std::string& from, const std::string& to) {
       return errno;
   }
   const int error = moveFileByLink(from, to);
-  return error == EXDEV ? moveFileByCopy(from, to) : error;
+  return isRefusalToLink(error) ? moveFileByCopy(from, to) : error;
 }
 
 }  // namespace kestrowan

@@ -27,7 +27,8 @@ class NSURLSessionDelegate {
 
 /// Settings of a session. A plain value.
 struct NSURLSessionConfiguration {
-  /// Seconds without any progress after which a request fails.
+  /// Seconds without any progress after which a request fails; a request's own limit, if shorter,
+  /// comes first.
   double timeoutIntervalForRequest = 60;
   /// Sent with every request, before the request's own headers.
   HTTPHeaders HTTPAdditionalHeaders = {};
@@ -60,12 +61,13 @@ struct NSURLSessionDownload {
 /// `NSURLErrorDomain` when no whole response arrived: `NSURLErrorBadURL` (also a port outside
 /// 1…65535), `NSURLErrorCannotConnectToHost`, `NSURLErrorTimedOut`, `NSURLErrorCancelled` (the
 /// delegate refused a challenge), `NSURLErrorSecureConnectionFailed`,
-/// `NSURLErrorNetworkConnectionLost` (also a body shorter than announced),
-/// `NSURLErrorBadServerResponse` or `NSURLErrorCannotParseResponse`. Any HTTP status is a response.
+/// `NSURLErrorNetworkConnectionLost` (also a body shorter than announced, and one without a length
+/// whose end the server's TLS does not announce), `NSURLErrorCannotParseResponse`, or
+/// `NSURLErrorUnknown` for what has no code of its own. Any HTTP status is a response.
 ///
 /// Shared by pointer; usable from every thread. Keeps no strong reference to its delegate, so
 /// whoever awaits a task must keep the delegate alive until it completes; a challenge without a
-/// delegate is cancelled. The session must not be released on its own queue.
+/// delegate is cancelled.
 class NSURLSession {
  public:
   virtual ~NSURLSession() = default;

@@ -26,7 +26,6 @@ struct Completion {
   /// Whether it came before the entry point returned, on the calling thread.
   bool synchronous = false;
   std::shared_ptr<NSProgress> progress;
-  std::int64_t completedUnitCountAtReturn = -1;
 };
 
 /// Waits for the one call of a completion handler.
@@ -60,12 +59,10 @@ class CompletionWaiter {
 
   /// `progress` is what the entry point returned.
   Completion wait(std::shared_ptr<NSProgress> progress) {
-    const auto countAtReturn = progress->completedUnitCount();
     auto future = state_->promise.get_future();
     const bool synchronous = state_->calledBy == std::this_thread::get_id();
     Completion completion = future.get();
     completion.synchronous = synchronous;
-    completion.completedUnitCountAtReturn = countAtReturn;
     completion.progress = std::move(progress);
     return completion;
   }

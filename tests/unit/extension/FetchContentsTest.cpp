@@ -67,6 +67,26 @@ TEST_F(FetchContents, TheProgressCountsZeroThenAHundred) {
   EXPECT_EQ(fetch.progress->completedUnitCount(), 100);
 }
 
+TEST_F(FetchContents, TheProgressStaysAtZeroUntilEverythingIsDone) {
+  configure();
+  network_.answer({.status = 200, .body = "contents"});
+  network_.answer({.body = multistatus(response("/a"))});
+  auto extension = makeExtension();
+  std::promise<void> asked;
+  std::promise<void> goOn;
+  network_.beforeAnswer([&](const test::SentRequest& request) {
+    if (!request.line.starts_with("PROPFIND")) return;
+    asked.set_value();
+    goOn.get_future().wait();
+  });
+  test::CompletionWaiter waiter;
+  const auto progress = extension.fetchContents("/a", std::nullopt, {}, waiter.forFetch());
+  asked.get_future().wait();
+  EXPECT_EQ(progress->completedUnitCount(), 0);
+  goOn.set_value();
+  EXPECT_EQ(waiter.wait(progress).progress->completedUnitCount(), 100);
+}
+
 TEST_F(FetchContents, AFailureIsLoggedAndLeavesTheProgressAtZero) {
   configure();
   network_.answer({.status = 404});

@@ -180,7 +180,8 @@ TEST_F(ModifyItem, AMoveIsNotUndoneWhenTheUploadFails) {
       modified({"/a", root_, "b"}, Field::filename | Field::contents, localFile("x"));
   EXPECT_TRUE(result.error->is(NSFileProviderErrorDomain, -1004));
   EXPECT_THAT(network_.lines(), ElementsAre("MOVE /a", "PUT /b"));
-  EXPECT_EQ(log_.lines().size(), 1u);
+  EXPECT_THAT(log_.lines(), ElementsAre(logLine("modifyItem /b failed: " +
+                                                result.error->localizedDescription())));
 }
 
 TEST_F(ModifyItem, AFailingLookupFailsTheModification) {

@@ -205,6 +205,47 @@ TEST_F(WebDAVClientOperations, AnOverlongNameKeepsItsEndAndItsExtension) {
   EXPECT_EQ(made.substr(37, 2), "é");
 }
 
+/// The process's own file manager, with a stale file at every destination of a move.
+class StaleDestinations : public NSFileManager {
+ public:
+  explicit StaleDestinations(std::shared_ptr<NSFileManager> real) : real_(std::move(real)) {}
+
+  std::optional<NSURL> containerURL(std::string_view group) override {
+    return real_->containerURL(group);
+  }
+  NSURL temporaryDirectory() override { return real_->temporaryDirectory(); }
+  NSData contents(const NSURL& at) override { return real_->contents(at); }
+  bool createFile(const NSURL& at, std::string_view contents) override {
+    return real_->createFile(at, contents);
+  }
+  void moveItem(const NSURL& at, const NSURL& to) override { real_->moveItem(at, to); }
+  void removeItem(const NSURL& at) override {
+    if (!std::filesystem::exists(at.path())) real_->createFile(at, "stale");
+    removed.push_back(at.path());
+    real_->removeItem(at);
+  }
+  std::optional<std::int64_t> fileSize(const NSURL& of) override { return real_->fileSize(of); }
+  std::size_t maximumNameLength(const NSURL& directory) override {
+    return real_->maximumNameLength(directory);
+  }
+
+  std::vector<std::string> removed;
+
+ private:
+  const std::shared_ptr<NSFileManager> real_;
+};
+
+TEST_F(WebDAVClientOperations, AStaleFileAtTheDestinationIsReplaced) {
+  const auto real = NSFileManager::defaultManager();
+  const auto stale = std::make_shared<StaleDestinations>(real);
+  NSFileManager::setDefaultManager(stale);
+  network_.answer({.status = 200, .body = "fresh"});
+  const NSURL file = resultOf(client_->download("/a.txt"));
+  NSFileManager::setDefaultManager(real);
+  EXPECT_THAT(stale->removed, ElementsAre(file.path()));
+  EXPECT_EQ(readFile(file.path()), "fresh");
+}
+
 TEST_F(WebDAVClientOperations, AFailedDownloadLeavesNoFile) {
   network_.answer({.status = 404, .body = "not here"});
   EXPECT_TRUE(

@@ -1,0 +1,67 @@
+#include "cli/ScratchDirectory.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "cli/Console.h"
+#include "platform/foundation/NSFileManager.h"
+
+namespace kestrowan::cli {
+
+ScratchDirectory::ScratchDirectory(const std::string& parent) {
+  const std::string place =
+      parent.empty() ? NSFileManager::defaultManager()->temporaryDirectory().path() : parent;
+  path_ = place + "/.kestrowan-XXXXXX";
+  if (::mkdtemp(path_.data()) == nullptr) {
+    throw OutputUnwritable(place + ": " + std::generic_category().message(errno));
+  }
+  ::setenv("TMPDIR", path_.c_str(), 1);
+
+  sigemptyset(&signals_);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals_, signal);
+  pthread_sigmask(SIG_BLOCK, &signals_, &signalsBefore_);
+  signalled_.reset(::signalfd(-1, &signals_, SFD_CLOEXEC));
+  stop_.reset(::eventfd(0, EFD_CLOEXEC));
+  watcher_ = std::thread([this] { watchSignals(); });
+}
+
+ScratchDirectory::~ScratchDirectory() {
+  const std::uint64_t one = 1;
+  while (::write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
+  }
+  watcher_.join();
+  remove();
+  pthread_sigmask(SIG_SETMASK, &signalsBefore_, nullptr);
+}
+
+void ScratchDirectory::watchSignals() {
+  std::array<pollfd, 2> awaited = {{{signalled_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}}};
+  while (::poll(awaited.data(), awaited.size(), -1) < 0 && errno == EINTR) {
+  }
+  signalfd_siginfo caught;
+  if ((awaited[0].revents & POLLIN) == 0 ||
+      ::read(signalled_.get(), &caught, sizeof caught) != sizeof caught) {
+    return;
+  }
+  remove();
+  // Ends the process as the signal would have done.
+  std::signal(static_cast<int>(caught.ssi_signo), SIG_DFL);
+  pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
+  std::raise(static_cast<int>(caught.ssi_signo));
+}
+
+void ScratchDirectory::remove() const {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+}  // namespace kestrowan::cli
