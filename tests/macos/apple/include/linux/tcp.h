@@ -1,0 +1,1 @@
+#error "this platform has no headers of the Linux kernel"
