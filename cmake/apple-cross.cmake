@@ -19,9 +19,9 @@ cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH root)
 string(JOIN " " flags
   -fblocks -nostdinc++
   -isystem ${llvm}/include/c++/v1
-  -isystem ${root}/tests/macos/apple/include
-  -isystem ${root}/tests/macos/frameworks
-  -isystem ${KFP_APPLE_STUBS}/include
+  "-isystem \"${root}/tests/macos/apple/include\""
+  "-isystem \"${root}/tests/macos/frameworks\""
+  "-isystem \"${KFP_APPLE_STUBS}/include\""
   -isystem /usr/include/x86_64-linux-gnu
   -isystem /usr/include
   -U__nonnull -D_GNU_SOURCE -D__NO_CTYPE -D__x86_64__
@@ -32,6 +32,6 @@ foreach(language CXX OBJCXX)
   set(CMAKE_${language}_FLAGS_INIT "${flags}")
 endforeach()
 string(JOIN " " CMAKE_EXE_LINKER_FLAGS_INIT
-  -fuse-ld=lld -nostdlib -Wl,-undefined,dynamic_lookup -Wl,-syslibroot,${KFP_APPLE_STUBS} -lSystem)
+  -fuse-ld=lld -nostdlib -Wl,-undefined,dynamic_lookup "-Wl,-syslibroot,\"${KFP_APPLE_STUBS}\"" -lSystem)
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -106,7 +106,7 @@ TEST(SessionTest, SlowReceiverHoldsTheBodyBackAtTheServer) {
   Client client(server);
   const auto receiver = std::make_shared<SlowReceiver>();
   auto big = client.request("GET", "/big");
-  big.timeoutInterval = 1;
+  big.timeoutInterval = 4;
   auto response = started(client.session().dataTask(big, receiver));
   receiver->waitUntilEntered();
   const auto held = [] {
@@ -118,7 +118,7 @@ TEST(SessionTest, SlowReceiverHoldsTheBodyBackAtTheServer) {
   // Time passes, and other requests are served, while this one waits for its reader.
   for (int i = 0; i < 2; ++i) {
     auto request = client.request("GET", "/held");
-    request.timeoutInterval = 1;
+    request.timeoutInterval = 2.5;
     EXPECT_EQ(errorOf(client.session().dataTask(request, nullptr)), NSURLErrorTimedOut);
   }
   EXPECT_LT(held(), kMostHeld);

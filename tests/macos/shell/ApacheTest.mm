@@ -17,7 +17,7 @@ using namespace kestrowan::test;
 
 /// Runs the control script of the server, and gives what it prints.
 std::string control(const std::string& arguments) {
-  const std::string command = KFP_SOURCE_DIR "/tests/servers/apache " + arguments;
+  const std::string command = "'" KFP_SOURCE_DIR "/tests/servers/apache' " + arguments;
   FILE* const pipe = ::popen(command.c_str(), "r");
   if (!pipe) throw std::runtime_error(command);
   std::string output;
