@@ -104,6 +104,12 @@ class Bench:
                      f" (request rate {statistics.median(theirs) / statistics.median(own):.2f} of "
                      "curl's)")
 
+    def settleDisk(self):
+        """Neither client has to wait for what the other has left to be written or removed."""
+        (self.directory / "down").unlink(missing_ok=True)
+        (self.root / "up").unlink(missing_ok=True)
+        os.sync()
+
     def files(self):
         big = self.root / "big"
         block = os.urandom(MEBIBYTE)
@@ -115,8 +121,10 @@ class Bench:
                  ["-o", self.directory / "down", self.base + "/big"]),
                 ("upload", ["put", big, "/up"], ["-T", big, self.base + "/up"])):
             mine, theirs, sizes = [], [], []
-            for _ in range(max(3, self.arguments.rounds // 4)):
+            for _ in range(max(5, self.arguments.rounds // 2)):
+                self.settleDisk()
                 theirs.append(self.timed([*self.curl, *other])[0])
+                self.settleDisk()
                 seconds, size = self.timed([self.arguments.kestrowan, *own])
                 mine.append(seconds)
                 sizes.append(size)
