@@ -13,7 +13,7 @@
 namespace kestrowan::test {
 namespace {
 
-constexpr std::size_t kMostConnections = 64;
+constexpr std::size_t kMostConnections = 8;
 
 std::size_t threadCount() {
   return static_cast<std::size_t>(
