@@ -6,8 +6,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "cli/CommandLineHost.h"
 #include "cli/Console.h"
+#include "cli/Describe.h"
 #include "cli/ExitCode.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/Commands.h"
@@ -28,6 +31,14 @@ class SilentSink : public LogSink {
              std::span<const std::string_view>) override {}
 };
 
+std::string exitCodesText() {
+  std::string text = "Exit codes:";
+  for (const auto& [code, meaning] : kExitCodes) {
+    text += "\n  " + std::to_string(static_cast<int>(code)) + "  " + meaning;
+  }
+  return text;
+}
+
 /// The command line's form and, once parsed, its values. One command's action is chosen by parsing.
 class CommandLine {
  public:
@@ -47,12 +58,11 @@ class CommandLine {
         });
     app_.add_flag("--json", global_.json, "report in JSON, one object a line");
     app_.add_flag("--verbose", global_.verbose, "show the extension's log on standard error");
-    app_.footer(
-        "Exit codes: 0 done; 1 the request failed; 2 wrong usage; 3 not configured;\n"
-        "4 some of several failed; 5 standard output or a local file cannot be written.");
+    app_.footer(exitCodesText());
     addReadingCommands();
     addWritingCommands();
-    addHostCommands();
+    addMountCommands(app_, global_, [this](Action action) { action_ = std::move(action); });
+    addOtherCommands();
   }
 
   int run(int argc, char** argv) {
@@ -155,7 +165,7 @@ class CommandLine {
     rm->add_option("PATH", path_, "item on the server")->required();
   }
 
-  void addHostCommands() {
+  void addOtherCommands() {
     auto* drive =
         app_.add_subcommand("drive", "answer requests in JSON, a line each, from standard input");
     drive->footer(
@@ -174,6 +184,12 @@ class CommandLine {
       action_ = [this] {
         if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
         return cli::doctor(global_);
+      };
+    });
+    app_.add_subcommand("__describe")->group("")->callback([this] {
+      action_ = [this] {
+        Output::standard().write(description(app_, KFP_VERSION).serialized() + "\n");
+        return ExitCode::done;
       };
     });
   }

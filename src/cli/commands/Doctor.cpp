@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,21 +15,13 @@
 #include "cli/JSONForms.h"
 #include "cli/Requests.h"
 #include "cli/commands/Commands.h"
-#include "platform/base/UniqueFd.h"
+#include "cli/commands/Finding.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSFileManager.h"
 
 namespace kestrowan::cli {
 
 namespace {
-
-enum class Verdict { good, warning, bad };
-
-struct Finding {
-  std::string subject;
-  Verdict verdict;
-  std::string text;
-};
 
 std::string_view word(Verdict verdict) {
   switch (verdict) {
@@ -109,15 +100,6 @@ Finding checkServer(const GlobalOptions& options) {
   }
 }
 
-Finding checkFuse() {
-  if (UniqueFd(::open("/dev/fuse", O_RDWR | O_CLOEXEC))) {
-    return {"/dev/fuse", Verdict::good, "can be opened"};
-  }
-  return {"/dev/fuse", Verdict::warning,
-          std::generic_category().message(errno) +
-              "; the direct commands do not need it, a mount would"};
-}
-
 /// The configuration, or nothing when it cannot be loaded just now.
 std::optional<FPBridge::Config> loadedConfig() {
   try {
@@ -143,7 +125,7 @@ std::vector<Finding> findings(const GlobalOptions& options, bool& configured) {
                      bridgeProblem().value_or("it has just changed; run this again")});
   }
   found.push_back(checkTemporaryDirectory());
-  found.push_back(checkFuse());
+  for (auto& finding : mountFindings()) found.push_back(std::move(finding));
   return found;
 }
 

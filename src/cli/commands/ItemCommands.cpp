@@ -5,7 +5,7 @@
 #include "cli/JSONForms.h"
 #include "cli/Requests.h"
 #include "cli/ServerPath.h"
-#include "cli/TemplateItem.h"
+#include "platform/fileprovider/TemplateItem.h"
 #include "cli/commands/Commands.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"

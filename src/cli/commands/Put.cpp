@@ -5,7 +5,7 @@
 #include "cli/ProgressLine.h"
 #include "cli/Requests.h"
 #include "cli/ServerPath.h"
-#include "cli/TemplateItem.h"
+#include "platform/fileprovider/TemplateItem.h"
 #include "cli/commands/Commands.h"
 #include "platform/foundation/NSString.h"
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "cli/JSONForms.h"
-#include "cli/TemplateItem.h"
+#include "platform/fileprovider/TemplateItem.h"
 
 namespace kestrowan::cli {
 

@@ -6,7 +6,7 @@
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 
-namespace kestrowan::cli {
+namespace kestrowan {
 
 /// What a host tells a provider of an item that it wants made or changed: its place and, if known,
 /// its type. Immutable.
@@ -36,4 +36,4 @@ class TemplateItem : public NSFileProviderItem {
   const Values values_;
 };
 
-}  // namespace kestrowan::cli
+}  // namespace kestrowan

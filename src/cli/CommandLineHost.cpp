@@ -1,0 +1,185 @@
+#include "cli/CommandLineHost.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "cli/commands/HostCommands.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+/// What the commands of a mount were told.
+struct Values {
+  MountCommand mount;
+  StatusCommand status;
+  std::string path;
+  std::optional<std::string> place;
+  std::optional<std::uint32_t> seconds;
+  bool force = false;
+  bool confirmed = false;
+};
+
+class MountCommands {
+ public:
+  MountCommands(CLI::App& app, const GlobalOptions& options,
+                std::function<void(std::function<ExitCode()>)> choose)
+      : app_(app), options_(options), choose_(std::move(choose)) {}
+
+  void add() {
+    addMount();
+    addUnmount();
+    addStatus();
+    addWait();
+    addPathCommands();
+  }
+
+ private:
+  CLI::App* addCommand(const std::string& name, const std::string& summary,
+                       const std::string& examples, std::function<ExitCode()> action) {
+    auto* command = app_.add_subcommand(name, summary);
+    command->footer("Examples:\n" + examples);
+    command->callback([choose = choose_, action = std::move(action)] { choose(action); });
+    return command;
+  }
+
+  void addMount() {
+    auto* command = addCommand(
+        "mount", "make the storage a folder, and serve it",
+        "  kestrowan mount ~/Storage\n  kestrowan mount --background --cache-limit 20G ~/Storage",
+        [values = values_, &options = options_] { return mount(options, values->mount); });
+    auto& mount = values_->mount;
+    command->add_flag("--background", mount.background,
+                      "return once the mount is there, and go on serving");
+    command
+        ->add_option("--state", mount.stateDirectory,
+                     "directory for what is kept here; otherwise kestrowan/DOMAIN in "
+                     "$XDG_STATE_HOME or ~/.local/state")
+        ->type_name("DIR");
+    command->add_option("--domain", mount.domain, "name of the state, for several mounts")
+        ->type_name("NAME")
+        ->capture_default_str();
+    command
+        ->add_option("--cache-limit", mount.cacheLimit,
+                     "how much of what could be fetched again stays here, as 500M or 20G; "
+                     "otherwise 10G, or a tenth of the disk if that is less")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::PositiveNumber)
+        ->type_name("SIZE");
+    command
+        ->add_option("--fsync", mount.fsync,
+                     "what a program's fsync waits for: this disk, or the server as well")
+        ->check(CLI::IsMember({"local", "server"}))
+        ->type_name("local|server")
+        ->capture_default_str();
+    command
+        ->add_option("--close", mount.close,
+                     "whether closing a file that was written waits for the server")
+        ->check(CLI::IsMember({"return", "wait"}))
+        ->type_name("return|wait")
+        ->capture_default_str();
+    command
+        ->add_option("--moves", mount.moves,
+                     "moves between folders: passed on as one, or refused, so that programs "
+                     "copy and delete")
+        ->check(CLI::IsMember({"pass", "refuse"}))
+        ->type_name("pass|refuse")
+        ->capture_default_str();
+    command->add_flag("--no-local-names", mount.noLocalNames,
+                      "send lock, swap and temporary files of programs too");
+    command->add_flag("--noexec", mount.noExec, "no program can be run from the mount");
+    command
+        ->add_option("--drain", mount.drain,
+                     "seconds that an orderly end waits for changes to be sent")
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    command->add_option("MOUNTPOINT", mount.mountPoint, "empty folder; made when it is missing")
+        ->required();
+  }
+
+  void addUnmount() {
+    auto* command =
+        addCommand("unmount", "send what is left, and end a mount",
+                   "  kestrowan unmount ~/Storage\n  kestrowan unmount --force ~/Storage",
+                   [values = values_, &options = options_] {
+                     return unmount(options, values->path, values->force);
+                   });
+    command->add_flag("--force", values_->force,
+                      "at once, also while programs use it; nothing is lost");
+    command->add_option("MOUNTPOINT", values_->path, "where it is mounted")->required();
+  }
+
+  void addStatus() {
+    auto* command = addCommand(
+        "status", "show what is waiting, failing and downloaded",
+        "  kestrowan status\n  kestrowan status --watch ~/Storage\n  kestrowan --json status",
+        [values = values_, &options = options_] { return status(options, values->status); });
+    command->add_flag("--watch", values_->status.watch, "again and again, until Ctrl-C");
+    command->add_option("MOUNTPOINT", values_->status.mountPoint, "every mount when left out");
+  }
+
+  void addWait() {
+    auto* command = addCommand("wait", "wait until the server has every change",
+                               "  kestrowan wait\n  kestrowan wait --timeout 60 ~/Storage",
+                               [values = values_, &options = options_] {
+                                 std::optional<std::chrono::seconds> limit;
+                                 if (values->seconds)
+                                   limit = std::chrono::seconds(*values->seconds);
+                                 return wait(options, values->place, limit);
+                               });
+    command->add_option("--timeout", values_->seconds, "give up after so long")
+        ->type_name("SECONDS");
+    command->add_option("MOUNTPOINT", values_->place, "the only mount when left out");
+  }
+
+  void addPathCommands() {
+    addPathCommand("evict", "give back the space of files that can be fetched again",
+                   "  kestrowan evict ~/Storage/Home/Videos", "file, or folder with all below it",
+                   [](const auto& options, const auto& path) { return evict(options, path); });
+    addPathCommand("pin", "keep files here, and fetch them whenever they change",
+                   "  kestrowan pin ~/Storage/Home/Documents", "file, or folder with all below it",
+                   [](const auto& options, const auto& path) { return pin(options, path, true); });
+    addPathCommand("unpin", "end what \"pin\" began", "  kestrowan unpin ~/Storage/Home/Documents",
+                   "file, or folder with all below it",
+                   [](const auto& options, const auto& path) { return pin(options, path, false); });
+    auto* again = addCommand(
+        "retry", "try at once what failed", "  kestrowan retry\n  kestrowan retry report.odt",
+        [values = values_, &options = options_] { return retry(options, values->place); });
+    again->add_option("PATH", values_->place,
+                      "item in a mount, with all below it; everything when left out");
+    auto* give =
+        addCommand("discard", "give up local changes; what was written goes to the recovery area",
+                   "  kestrowan discard report.odt", [values = values_, &options = options_] {
+                     return discard(options, values->path, values->confirmed);
+                   });
+    give->add_flag("--yes", values_->confirmed, "do not ask");
+    give->add_option("PATH", values_->path, "item in a mount, with all below it")->required();
+  }
+
+  template <typename Action>
+  void addPathCommand(const std::string& name, const std::string& summary,
+                      const std::string& example, const std::string& what, const Action& action) {
+    auto* command = addCommand(
+        name, summary, example,
+        [values = values_, &options = options_, action] { return action(options, values->path); });
+    command->add_option("PATH", values_->path, what)->required();
+  }
+
+  CLI::App& app_;
+  const GlobalOptions& options_;
+  const std::function<void(std::function<ExitCode()>)> choose_;
+  const std::shared_ptr<Values> values_ = std::make_shared<Values>();
+};
+
+}  // namespace
+
+void addMountCommands(CLI::App& app, const GlobalOptions& options,
+                      std::function<void(std::function<ExitCode()>)> choose) {
+  MountCommands(app, options, std::move(choose)).add();
+}
+
+}  // namespace kestrowan::cli

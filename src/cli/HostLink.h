@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cli/ExitCode.h"
+#include "host/Registry.h"
+#include "platform/foundation/JSONValue.h"
+
+namespace kestrowan::cli {
+
+/// A command of a mount ends with this code, for the reason in words.
+class HostFailure : public std::runtime_error {
+ public:
+  HostFailure(ExitCode exitCode, const std::string& text)
+      : std::runtime_error(text), code(exitCode) {}
+  const ExitCode code;
+};
+
+/// Runs `action`, and reports the `HostFailure` or `NSError` that leaves it: in JSON on standard
+/// output, or in words on standard error.
+ExitCode reportingFailure(bool json, const std::function<ExitCode()>& action);
+
+std::vector<host::HostEntry> runningHosts();
+
+/// The running host whose mount is at, or holds, `mountPoint`; the only one when none is named.
+/// Throws `HostFailure`.
+host::HostEntry runningHost(const std::optional<std::string>& mountPoint);
+
+/// Where `path` lies in a mount that runs. Throws `HostFailure`.
+host::PlaceInMount runningPlace(const std::string& path);
+
+/// Sends a request and gives the answer. Throws `HostFailure` when the host is gone, else `NSError`
+/// as the host answered.
+JSONValue ask(const host::HostEntry& host, const JSONValue& request,
+              std::chrono::milliseconds limit);
+
+/// Members of an answer; 0, false and "" when it has none of that kind.
+std::int64_t integer(const JSONValue& form, std::string_view member);
+bool flag(const JSONValue& form, std::string_view member);
+std::string text(const JSONValue& form, std::string_view member);
+
+/// The process's current directory, absolute.
+std::string currentDirectory();
+
+}  // namespace kestrowan::cli

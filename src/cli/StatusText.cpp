@@ -1,0 +1,173 @@
+#include "cli/StatusText.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "cli/HostLink.h"
+#include "cli/ItemText.h"
+#include "host/PathForm.h"
+#include "platform/foundation/Logger.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+constexpr std::int64_t kMinute = 60;
+constexpr std::int64_t kHour = 60 * kMinute;
+constexpr std::int64_t kDay = 24 * kHour;
+
+std::string shownPath(const JSONValue& form, std::string_view member = "path") {
+  return escapedForDisplay(host::pathIn(form, member));
+}
+
+std::string padded(std::string text, std::size_t width) {
+  if (text.size() < width) text.append(width - text.size(), ' ');
+  return text;
+}
+
+std::string line(std::string_view subject, const std::string& value) {
+  return padded(std::string(subject) + ":", 11) + value + "\n";
+}
+
+std::string counted(std::int64_t number, const std::string& one) {
+  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+}
+
+/// The elements of an array member; none when there is no such member.
+const JSONValue::Array& elements(const JSONValue& form, std::string_view member) {
+  static const JSONValue::Array kNone;
+  const auto* value = form.member(member);
+  return value != nullptr && value->array() != nullptr ? *value->array() : kNone;
+}
+
+std::string serverText(const JSONValue& status) {
+  const auto state = text(status, "state");
+  if (state == "online") return "in reach";
+  if (state == "offline") {
+    return "not in reach; what is here can be used, and changes are sent when it is back";
+  }
+  if (state == "held") {
+    return "held until the bridge file changes: " + escapedForDisplay(text(status, "held"));
+  }
+  return state;
+}
+
+std::string transferText(const JSONValue& transfer) {
+  const bool sends = text(transfer, "method") == "PUT";
+  const auto done = integer(transfer, sends ? "sent" : "received");
+  const auto expected = integer(transfer, sends ? "expectedToSend" : "expectedToReceive");
+  std::string progress = byteText(done);
+  if (expected > 0) {
+    progress = std::to_string(std::min<std::int64_t>(done * 100 / expected, 100)) + " % of " +
+               byteText(expected);
+  }
+  return std::string("  ") + (sends ? "sending   " : "fetching  ") + padded(progress, 20) +
+         shownPath(transfer) + "\n";
+}
+
+std::string failureText(const JSONValue& failure, std::int64_t now) {
+  std::string reason = escapedForDisplay(text(failure, "text")) + " (" +
+                       escapedForDisplay(text(failure, "domain")) + " " +
+                       std::to_string(integer(failure, "code")) + "), for " +
+                       durationText(now - integer(failure, "since"));
+  const auto kind = text(failure, "class");
+  if (kind == "refused") {
+    reason += "; not tried again: retry, discard, or save elsewhere";
+  } else if (kind == "held") {
+    reason += "; waits for a new bridge file";
+  } else if (integer(failure, "next") > 0) {
+    reason += "; next try in " + durationText(integer(failure, "next") - now);
+  }
+  return "            " + reason + "\n";
+}
+
+std::string itemText(const JSONValue& item, std::int64_t now) {
+  const bool folder = text(item, "kind") == "folder";
+  std::string row = "  " + padded(text(item, "state"), 10) + padded(text(item, "changes"), 18) +
+                    padded(folder ? "-" : byteText(integer(item, "size")), 12) + shownPath(item) +
+                    "\n";
+  const auto* failure = item.member("failure");
+  return failure != nullptr && failure->object() != nullptr ? row + failureText(*failure, now)
+                                                            : row;
+}
+
+/// The rows of an array, and how many there were more.
+template <typename Row>
+std::string rows(const JSONValue::Array& array, std::int64_t count, std::size_t most,
+                 const Row& row) {
+  const auto shown = std::min(array.size(), most);
+  std::string text;
+  for (std::size_t i = 0; i < shown; ++i) text += row(array[i]);
+  const auto left = count - static_cast<std::int64_t>(shown);
+  if (left > 0) text += "  … and " + std::to_string(left) + " more\n";
+  return text;
+}
+
+}  // namespace
+
+std::string durationText(std::int64_t seconds) {
+  seconds = std::max<std::int64_t>(seconds, 0);
+  const auto pair = [](std::int64_t large, const char* unit, std::int64_t small,
+                       const char* smallUnit) {
+    auto text = std::to_string(large) + " " + unit;
+    return small > 0 ? text + " " + std::to_string(small) + " " + smallUnit : text;
+  };
+  if (seconds < kMinute) return std::to_string(seconds) + " s";
+  if (seconds < kHour) return std::to_string(seconds / kMinute) + " min";
+  if (seconds < kDay) return pair(seconds / kHour, "h", seconds % kHour / kMinute, "min");
+  return pair(seconds / kDay, "d", seconds % kDay / kHour, "h");
+}
+
+std::string statusText(const JSONValue& status, std::int64_t now, std::size_t most) {
+  static const JSONValue kNothing{JSONValue::Object{}};
+  const auto part = [&](std::string_view member) -> const JSONValue& {
+    const auto* value = status.member(member);
+    return value != nullptr ? *value : kNothing;
+  };
+  const auto& pending = part("pending");
+  const auto& cache = part("cache");
+  const auto& recovery = part("recovery");
+  const auto& transfers = elements(status, "transfers");
+  const auto& conflicts = elements(status, "conflicts");
+
+  std::string shown =
+      line("Mount", shownPath(status, "mountPoint") + "  (domain " + text(status, "domain") +
+                        ", process " + std::to_string(integer(status, "process")) + ", for " +
+                        durationText(now - integer(status, "started")) + ")");
+  shown += line("Server", serverText(status));
+  for (const auto& warning : elements(status, "warnings")) {
+    if (warning.string() != nullptr) shown += line("Warning", escapedForDisplay(*warning.string()));
+  }
+  shown += line("Here", counted(integer(cache, "files"), "file") + ", " +
+                            byteText(integer(cache, "bytes")) + ", that could be fetched again; " +
+                            counted(integer(status, "items"), "item") + " known");
+  if (integer(recovery, "files") > 0) {
+    shown += line("Recovery", counted(integer(recovery, "files"), "file") + ", " +
+                                  byteText(integer(recovery, "bytes")) + ", in " +
+                                  shownPath(status, "stateDirectory") + "/recovery");
+  }
+  if (integer(status, "refusedEntries") > 0) {
+    shown += line("Left out", counted(integer(status, "refusedEntries"), "entry") +
+                                  " of listings, for impossible names or identifiers");
+  }
+  const auto count = integer(pending, "count");
+  shown += line("To send",
+                count == 0 ? "nothing"
+                           : counted(count, "change") + ", " + byteText(integer(pending, "bytes")));
+  shown += rows(elements(pending, "items"), count, most,
+                [&](const JSONValue& item) { return itemText(item, now); });
+  if (!transfers.empty()) {
+    shown += line("Transfers", std::to_string(transfers.size()));
+    shown += rows(transfers, static_cast<std::int64_t>(transfers.size()), most, transferText);
+  }
+  if (!conflicts.empty()) {
+    shown += line("Conflicts",
+                  "both sides had changed; the version from here lies beside the "
+                  "server's");
+    shown += rows(conflicts, static_cast<std::int64_t>(conflicts.size()), most,
+                  [](const JSONValue& conflict) { return "  " + shownPath(conflict) + "\n"; });
+  }
+  return shown;
+}
+
+}  // namespace kestrowan::cli

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "cli/ExitCode.h"
+#include "cli/commands/Commands.h"
+
+namespace kestrowan::cli {
+
+/// The commands of a mount, and those that ask a mount which runs. Paths are the file system's:
+/// absolute, or relative to the current directory. Each throws `UsageError` and `OutputUnwritable`
+/// as their names say; every other failure is reported by the command itself.
+
+struct MountCommand {
+  std::string mountPoint;
+  bool background = false;
+  std::optional<std::string> stateDirectory;
+  std::string domain = "default";
+  std::uint64_t cacheLimit = 0;  // bytes; 0 for the usual
+  std::string fsync = "local";   // or "server"
+  std::string close = "return";  // or "wait"
+  std::string moves = "pass";    // or "refuse"
+  bool noLocalNames = false;
+  bool noExec = false;
+  unsigned drain = 30;  // seconds
+};
+/// Mounts, and serves until it is unmounted or told to end.
+ExitCode mount(const GlobalOptions& options, const MountCommand& command);
+
+ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bool force);
+
+struct StatusCommand {
+  std::optional<std::string> mountPoint;
+  bool watch = false;
+};
+ExitCode status(const GlobalOptions& options, const StatusCommand& command);
+
+/// Without `limit`, waits as long as it takes.
+ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mountPoint,
+              std::optional<std::chrono::seconds> limit);
+
+ExitCode evict(const GlobalOptions& options, const std::string& path);
+ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned);
+/// Without `path`, everything in the only mount.
+ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path);
+/// Asks before it does anything, unless `confirmed`.
+ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed);
+
+}  // namespace kestrowan::cli

@@ -1,0 +1,130 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include "cli/Background.h"
+#include "cli/Console.h"
+#include "cli/HostLink.h"
+#include "cli/ServerPath.h"
+#include "cli/commands/HostCommands.h"
+#include "host/Directories.h"
+#include "host/Host.h"
+#include "host/StaleMount.h"
+#include "platform/foundation/Logger.h"
+#include "platform/foundation/NSError.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A host may take as long as it was told to drain, and a while more.
+constexpr std::chrono::milliseconds kUnmountPatience = 24h;
+
+std::string absolutePath(const std::string& path) {
+  if (path.empty()) throw UsageError("an empty path names nothing");
+  const auto absolute =
+      (std::filesystem::path(currentDirectory()) / path).lexically_normal().string();
+  return absolute.size() > 1 && absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1)
+                                                        : absolute;
+}
+
+host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand& command) {
+  host::HostSettings settings;
+  if (!host::isDomainName(command.domain)) {
+    throw UsageError("a domain's name is 1 to 64 letters, digits, \"-\", \"_\" and \".\"");
+  }
+  settings.domain = command.domain;
+  settings.mountPoint = absolutePath(command.mountPoint);
+  settings.stateDirectory = command.stateDirectory ? absolutePath(*command.stateDirectory)
+                                                   : host::standardStateDirectory(command.domain);
+  settings.drain = std::chrono::seconds(command.drain);
+  settings.noexec = command.noExec;
+  settings.extensionLog = options.verbose;
+  settings.logsToFile = command.background;
+  settings.replica.cacheLimit = static_cast<std::int64_t>(
+      std::min<std::uint64_t>(command.cacheLimit, std::uint64_t{INT64_MAX}));
+  settings.replica.fsyncWaits = command.fsync == "server";
+  settings.replica.closeWaits = command.close == "wait";
+  settings.replica.refuseMovesBetweenFolders = command.moves == "refuse";
+  settings.replica.localOnlyNames = !command.noLocalNames;
+  return settings;
+}
+
+/// Makes a relative container independent of the directory, which a process in the background
+/// leaves.
+void fixContainer() {
+  const char* container = std::getenv("KESTROWAN_CONTAINER");
+  if (container == nullptr || *container == '\0') return;
+  ::setenv("KESTROWAN_CONTAINER", absolutePath(container).c_str(), 1);
+}
+
+ExitCode serve(host::HostSettings settings, const std::function<bool()>& ready) {
+  try {
+    host::Host host(std::move(settings));
+    host.run(ready);
+    return ExitCode::done;
+  } catch (const NSError& error) {
+    throw HostFailure(error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::mountFailed,
+                      escapedForDisplay(error.localizedDescription()));
+  }
+}
+
+/// What a host that died left mounted at `path`; nothing when that is none.
+std::optional<host::HostEntry> leftMount(const std::string& path) {
+  auto hosts = host::knownHosts();
+  std::erase_if(hosts, [](const host::HostEntry& host) { return !host::isLeftMounted(host); });
+  for (auto& host : hosts) host.running = true;
+  const auto place = host::placeInMount(hosts, path, currentDirectory());
+  if (!place || place->path != "/") return std::nullopt;
+  return place->host;
+}
+
+}  // namespace
+
+ExitCode mount(const GlobalOptions& options, const MountCommand& command) {
+  return reportingFailure(options.json, [&] {
+    auto settings = settingsFor(options, command);
+    fixContainer();
+    if (!command.background) return serve(std::move(settings), [] { return true; });
+    Background background;
+    if (const auto code = background.divide()) return *code;
+    return serve(std::move(settings), [&] { return background.ready(); });
+  });
+}
+
+ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bool force) {
+  return reportingFailure(options.json, [&] {
+    if (const auto left = leftMount(mountPoint)) {
+      host::removeLeftMount(*left);
+      if (options.json) {
+        Output::standard().write("{\"left\":null}\n");
+      } else {
+        complain(escapedForDisplay(left->mountPoint) +
+                 ": its host had died; unmounted, and nothing is lost: what it had not sent is "
+                 "sent after the next mount");
+      }
+      return ExitCode::done;
+    }
+    const auto place = runningPlace(mountPoint);
+    if (place.path != "/") {
+      throw UsageError(escapedForDisplay(mountPoint) + " lies within the mount " +
+                       escapedForDisplay(place.host.mountPoint) + "; name that to unmount it");
+    }
+    const auto answer = ask(place.host, JSONValue::Object{{"request", "unmount"}, {"force", force}},
+                            kUnmountPatience);
+    const auto left = integer(answer, "left");
+    if (options.json) {
+      Output::standard().write(answer.serialized() + "\n");
+    } else if (left > 0) {
+      complain(std::to_string(left) +
+               " changes could not be sent; they are kept, and sent after the next mount");
+    }
+    return ExitCode::done;
+  });
+}
+
+}  // namespace kestrowan::cli

@@ -1,0 +1,113 @@
+#include <unistd.h>
+
+#include <iostream>
+#include <utility>
+
+#include "cli/Console.h"
+#include "cli/HostLink.h"
+#include "cli/ItemText.h"
+#include "cli/ServerPath.h"
+#include "cli/commands/HostCommands.h"
+#include "host/PathForm.h"
+#include "platform/foundation/Logger.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Work on a whole tree may take the host a while.
+constexpr std::chrono::milliseconds kPatience = 10min;
+
+struct Answer {
+  host::PlaceInMount place;
+  JSONValue form;
+};
+
+/// Has the host of `path` do something about the item there; in JSON its answer is the report.
+Answer askAbout(const GlobalOptions& options, const std::string& path, std::string_view request,
+                JSONValue::Object members = {}) {
+  auto place = runningPlace(path);
+  JSONValue::Object form;
+  form.emplace_back("request", request);
+  host::addPath(form, "path", place.path);
+  for (auto& member : members) form.push_back(std::move(member));
+  auto answer = ask(place.host, std::move(form), kPatience);
+  if (options.json) Output::standard().write(answer.serialized() + "\n");
+  return {std::move(place), std::move(answer)};
+}
+
+std::string counted(std::int64_t number, const std::string& one) {
+  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+}
+
+bool confirmedOnTerminal(const std::string& path) {
+  if (::isatty(STDIN_FILENO) != 1 || !standardErrorIsTerminal()) {
+    throw UsageError("discard gives up local changes; say --yes to have it done");
+  }
+  std::cerr << "Give up all local changes of " << escapedForDisplay(path)
+            << "? What was written here goes to the recovery area. [y/N] " << std::flush;
+  std::string line;
+  std::getline(std::cin, line);
+  return line == "y" || line == "Y" || line == "yes";
+}
+
+}  // namespace
+
+ExitCode evict(const GlobalOptions& options, const std::string& path) {
+  return reportingFailure(options.json, [&] {
+    const auto answer = askAbout(options, path, "evict").form;
+    const auto evicted = integer(answer, "evicted");
+    std::string kept;
+    for (const auto& [member, why] : {std::pair{"changed", "changed here"},
+                                      std::pair{"open", "open"}, std::pair{"pinned", "pinned"}}) {
+      const auto count = integer(answer, member);
+      if (count > 0) kept += (kept.empty() ? "" : ", ") + std::to_string(count) + " " + why;
+    }
+    if (!options.json) {
+      Output::standard().write("evicted " + counted(evicted, "file") + ", " +
+                               byteText(integer(answer, "bytes")) +
+                               (kept.empty() ? "" : "; kept: " + kept) + "\n");
+    }
+    if (kept.empty()) return ExitCode::done;
+    return evicted > 0 ? ExitCode::partlyFailed : ExitCode::requestFailed;
+  });
+}
+
+ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned) {
+  return reportingFailure(options.json, [&] {
+    askAbout(options, path, pinned ? "pin" : "unpin");
+    return ExitCode::done;
+  });
+}
+
+ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path) {
+  return reportingFailure(options.json, [&] {
+    askAbout(options, path ? *path : runningHost(std::nullopt).mountPoint, "retry");
+    return ExitCode::done;
+  });
+}
+
+ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed) {
+  return reportingFailure(options.json, [&] {
+    const auto place = runningPlace(path);
+    if (!confirmed && !confirmedOnTerminal(path)) {
+      complain("nothing was discarded");
+      return ExitCode::requestFailed;
+    }
+    const auto answer = askAbout(options, path, "discard", {{"confirm", true}}).form;
+    if (!options.json) {
+      const auto count = integer(answer, "discarded");
+      Output::standard().write(
+          "gave up the changes of " + counted(count, "item") +
+          (count > 0 ? "; what was written lies in " +
+                           Output::standard().forDisplay(place.host.stateDirectory) + "/recovery"
+                     : "") +
+          "\n");
+    }
+    return ExitCode::done;
+  });
+}
+
+}  // namespace kestrowan::cli

@@ -1,0 +1,72 @@
+#include <algorithm>
+#include <string>
+
+#include "cli/Console.h"
+#include "cli/HostLink.h"
+#include "cli/ProgressLine.h"
+#include "cli/commands/HostCommands.h"
+
+namespace kestrowan::cli {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// The host is asked again and again, so that the state can be shown meanwhile.
+constexpr std::chrono::milliseconds kStep = 1s;
+constexpr std::chrono::milliseconds kPatience = 3min;
+
+std::string stateText(const JSONValue& answer) {
+  std::string state = std::to_string(integer(answer, "pending")) + " changes waiting";
+  if (flag(answer, "offline")) state += "; the server cannot be reached";
+  if (const auto held = text(answer, "held"); !held.empty()) state += "; held: " + held;
+  return state;
+}
+
+ExitCode finished(const GlobalOptions& options, const JSONValue& answer, ExitCode code,
+                  const std::string& complaint) {
+  if (options.json) {
+    Output::standard().write(answer.serialized() + "\n");
+  } else if (!complaint.empty()) {
+    complain(complaint);
+  }
+  return code;
+}
+
+}  // namespace
+
+ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mountPoint,
+              std::optional<std::chrono::seconds> limit) {
+  return reportingFailure(options.json, [&] {
+    const auto host = runningHost(mountPoint);
+    const auto start = Clock::now();
+    ProgressLine line(!options.json);
+    while (true) {
+      auto step = kStep;
+      if (limit) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(start + *limit - Clock::now());
+        step = std::clamp(left, 0ms, kStep);
+      }
+      const auto answer =
+          ask(host, JSONValue::Object{{"request", "wait"}, {"limit", std::int64_t{step.count()}}},
+              kPatience);
+      line.clear();
+      if (flag(answer, "synced")) return finished(options, answer, ExitCode::done, "");
+      const auto refused = integer(answer, "refused");
+      if (refused > 0 && refused == integer(answer, "pending")) {
+        return finished(options, answer, ExitCode::partlyFailed,
+                        std::to_string(refused) +
+                            " changes were refused and are not tried again by themselves; see "
+                            "\"kestrowan status\", then retry or discard them");
+      }
+      if (limit && Clock::now() - start >= *limit) {
+        return finished(options, answer, ExitCode::timedOut, "time is over: " + stateText(answer));
+      }
+      line.show(stateText(answer));
+    }
+  });
+}
+
+}  // namespace kestrowan::cli

@@ -1,0 +1,413 @@
+#include "host/Host.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+#include <future>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bridge/FPBridge.h"
+#include "host/BridgeAccess.h"
+#include "host/BridgeWatch.h"
+#include "host/ControlSocket.h"
+#include "host/Directories.h"
+#include "host/HostCommands.h"
+#include "host/HostError.h"
+#include "host/HostEvents.h"
+#include "host/HostFileManager.h"
+#include "host/HostLog.h"
+#include "host/ProviderKeeper.h"
+#include "host/Registry.h"
+#include "host/ServiceManager.h"
+#include "host/StateDirectory.h"
+#include "host/StatusNews.h"
+#include "mount/Mount.h"
+#include "platform/foundation/Logger.h"
+#include "replica/LoopThread.h"
+#include "replica/Replica.h"
+
+namespace kestrowan::host {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using mount::Mount;
+
+/// Between two new extensions while the one that is there cannot work.
+constexpr std::chrono::milliseconds kHeldInterval = 30s;
+/// Between two looks at what is worth a line in the log.
+constexpr std::chrono::milliseconds kNewsInterval = 10s;
+/// How long readiness waits for a server that neither answers nor refuses.
+constexpr std::chrono::milliseconds kRootPatience = 5s;
+/// Between two looks whether waiting for changes to be sent still makes sense, and between two
+/// attempts to unmount what is in use.
+constexpr std::chrono::milliseconds kStep = 1s;
+/// How long programs that have files open in a mount that was taken away may keep the host.
+constexpr std::chrono::milliseconds kLazyPatience = 5s;
+
+std::string machineName() {
+  std::array<char, HOST_NAME_MAX + 1> name{};
+  if (::gethostname(name.data(), name.size() - 1) != 0 || name[0] == '\0') return "here";
+  return name.data();
+}
+
+std::string changesText(std::int64_t count) {
+  return std::to_string(count) + (count == 1 ? " change" : " changes");
+}
+
+/// The container as the system has it, whoever may write in it.
+std::optional<std::string> containerPath(NSFileManager& files) {
+  const auto container = files.containerURL(FPBridge::kGroupIdentifier);
+  if (!container) return std::nullopt;
+  return container->path();
+}
+
+/// Drops what the extension logs, and passes everything else on.
+class WithoutExtensionLog : public LogSink {
+ public:
+  explicit WithoutExtensionLog(std::shared_ptr<LogSink> inner) : inner_(std::move(inner)) {}
+
+  void error(std::string_view subsystem, std::string_view category, std::string_view format,
+             std::span<const std::string_view> arguments) override {
+    if (category != "ext") inner_->error(subsystem, category, format, arguments);
+  }
+
+ private:
+  const std::shared_ptr<LogSink> inner_;
+};
+
+std::shared_ptr<LogSink> hostSink(bool extensionLog) {
+  std::shared_ptr<LogSink> sink =
+      std::make_shared<LimitedLog>(LogSink::shared(), [] { return Clock::now(); });
+  if (extensionLog) return sink;
+  return std::make_shared<WithoutExtensionLog>(std::move(sink));
+}
+
+replica::Options replicaOptions(const HostSettings& settings) {
+  auto options = settings.replica;
+  options.wouldRefuse = extensionRefusals();
+  options.hostName = machineName();
+  return options;
+}
+
+std::string socketPath(const HostSettings& settings) {
+  const auto runtime = runtimeHome();
+  if (!runtime) return settings.stateDirectory + "/control.sock";
+  const auto directory = *runtime + "/kestrowan";
+  openPrivateDirectory(directory);
+  return directory + "/" + settings.domain + "-" + shortName(settings.stateDirectory) + ".sock";
+}
+
+}  // namespace
+
+class Host::Implementation {
+ public:
+  explicit Implementation(HostSettings settings);
+  ~Implementation();
+
+  void run(const std::function<bool()>& ready);
+
+ private:
+  mount::MountOptions mountOptions();
+  void begin();
+  bool becomeReady(const std::function<bool()>& ready);
+  void serve();
+  void tick();
+  void warn();
+  std::vector<std::string> warnings();
+  std::int64_t answerUnmount(bool force);
+
+  bool leaveForRequest(UnmountRequest request);
+  void leaveForSignal();
+  void drain(Clock::time_point deadline);
+  void unmountWhenFree();
+  std::int64_t finish(Clock::time_point deadline);
+  void leaveLazily();
+  bool isHurried() const { return events_.signals() > 1 || hurry_ || events_.forceIsWanted(); }
+  std::int64_t changesLeft() const { return replica_->status().pendingCount; }
+  void say(const std::string& text);
+
+  const HostSettings settings_;
+  HostEvents events_;
+  const StateDirectory state_;
+  const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
+  std::unique_ptr<replica::Replica> replica_;
+  std::unique_ptr<replica::LoopThread> loop_;  // goes before the replica does
+  std::unique_ptr<Mount> mount_;
+  std::unique_ptr<ProviderKeeper> keeper_;
+  std::unique_ptr<BridgeWatch> watch_;
+  std::unique_ptr<ControlSocket> socket_;
+  std::unique_ptr<Registration> registration_;
+
+  std::string warned_;
+  StatusNews news_;
+  Clock::time_point lastNews_;
+  bool hurry_ = false;
+  std::atomic<bool> stopping_ = false;
+};
+
+Host::Implementation::Implementation(HostSettings settings)
+    : settings_(std::move(settings)), state_(settings_.stateDirectory) {
+  protectProcess();
+  LogSink::setShared(hostSink(settings_.extensionLog));
+  NSFileManager::setDefaultManager(
+      std::make_shared<HostFileManager>(systemFiles_, temporaryDirectoryIn(state_.path())));
+  if (::mkdir(settings_.mountPoint.c_str(), S_IRWXU) != 0 && errno == ENOENT) {
+    throw systemError(errno, escapedForDisplay(settings_.mountPoint));
+  }
+  loop_ = std::make_unique<replica::LoopThread>();
+  replica_ = std::make_unique<replica::Replica>(state_.path(), *loop_, replicaOptions(settings_));
+  mount_ = std::make_unique<Mount>(*replica_, mountOptions());
+}
+
+Host::Implementation::~Implementation() {
+  registration_.reset();
+  watch_.reset();
+  keeper_.reset();
+  mount_.reset();
+  events_.answerRequests(replica_ ? changesLeft() : 0);
+  if (replica_) replica_->stop();
+  socket_.reset();
+  // The loop still runs what the replica posted, but nothing later.
+  loop_.reset();
+  replica_.reset();
+  NSFileManager::setDefaultManager(nullptr);
+  LogSink::setShared(nullptr);
+}
+
+mount::MountOptions Host::Implementation::mountOptions() {
+  mount::MountOptions options;
+  options.mountPoint = settings_.mountPoint;
+  options.source = "kestrowan:" + settings_.domain;
+  options.user = ::geteuid();
+  options.group = ::getegid();
+  options.noexec = settings_.noexec;
+  options.stateDirectory = state_.path();
+  options.ended = [this] { events_.setMountEnded(); };
+  return options;
+}
+
+void Host::Implementation::run(const std::function<bool()>& ready) {
+  begin();
+  if (!becomeReady(ready)) hurry_ = true;
+  serve();
+}
+
+void Host::Implementation::begin() {
+  if (state_.isRemote()) {
+    hostLog(settings_.stateDirectory +
+            ": lies on another machine's disk; a local one is safer and faster");
+  }
+  warn();
+  keeper_ = std::make_unique<ProviderKeeper>(
+      ProviderKeeper::Functions{
+          .make = extensionFactory({settings_.domain, "Kestrowan"}),
+          .use = [this](auto provider) { replica_->setProvider(std::move(provider)); },
+          .isHeld = [this] { return replica_->status().held.has_value(); }},
+      kHeldInterval);
+  watch_ = std::make_unique<BridgeWatch>([this] { return containerPath(*systemFiles_); },
+                                         [this] { keeper_->renew(); });
+  keeper_->start();
+  mount_->start();
+
+  HostEntry entry{.domain = settings_.domain,
+                  .mountPoint = mount_->mountPoint(),
+                  .stateDirectory = state_.path(),
+                  .socket = socketPath(settings_),
+                  .process = ::getpid(),
+                  .running = true};
+  const HostCommands commands(*replica_,
+                              {.host = entry,
+                               .started = std::time(nullptr),
+                               .warnings = [this] { return warnings(); },
+                               .isStopping = [this] { return stopping_.load(); },
+                               .unmount = [this](bool force) { return answerUnmount(force); }});
+  socket_ = std::make_unique<ControlSocket>(
+      entry.socket, [commands](const JSONValue& request) { return commands.answer(request); });
+  registration_ = std::make_unique<Registration>(entry);
+}
+
+/// Waits until the root is known; false when nobody wants the mount any more.
+bool Host::Implementation::becomeReady(const std::function<bool()>& ready) {
+  const auto answered = std::make_shared<std::atomic<bool>>(false);
+  replica_->openFolder(replica::kRootRid, [this, answered](const auto& outcome) {
+    if (outcome.succeeded()) replica_->closeFolder(replica::kRootRid);
+    *answered = true;
+    events_.wake();
+  });
+  const auto deadline = Clock::now() + kRootPatience;
+  while (!*answered && !events_.mountEnded() && events_.signals() == 0 && Clock::now() < deadline) {
+    events_.wait(kStep);
+  }
+  hostLog("mounted at " + mount_->mountPoint());
+  tick();
+  if (settings_.logsToFile) logToFile(state_.path() + "/log");
+  tellServiceManager("READY=1\nSTATUS=Mounted at " + escapedForDisplay(mount_->mountPoint()));
+  return ready();
+}
+
+void Host::Implementation::serve() {
+  while (true) {
+    if (events_.mountEnded()) {
+      stopping_ = true;
+      hostLog(mount_->mountPoint() + " was unmounted by somebody else");
+      finish(Clock::now() + settings_.drain);
+      return;
+    }
+    if (events_.signals() > 0 || hurry_) {
+      leaveForSignal();
+      return;
+    }
+    if (auto request = events_.takeUnmountRequest()) {
+      if (leaveForRequest(*std::move(request))) return;
+      continue;
+    }
+    events_.wait(kNewsInterval);
+    if (Clock::now() - lastNews_ >= kNewsInterval) tick();
+  }
+}
+
+/// What is done from time to time.
+void Host::Implementation::tick() {
+  lastNews_ = Clock::now();
+  for (const auto& line : news_.of(replica_->status())) hostLog(line);
+  warn();
+  if (settings_.logsToFile) limitLogFile(state_.path() + "/log");
+}
+
+void Host::Implementation::warn() {
+  const auto warning = bridgeWarning(containerPath(*systemFiles_)).value_or("");
+  if (warning != warned_ && !warning.empty()) hostLog(warning);
+  warned_ = warning;
+}
+
+std::vector<std::string> Host::Implementation::warnings() {
+  std::vector<std::string> found;
+  if (auto warning = bridgeWarning(containerPath(*systemFiles_))) {
+    found.push_back(*std::move(warning));
+  }
+  if (state_.isRemote()) found.push_back("the state directory lies on another machine's disk");
+  return found;
+}
+
+std::int64_t Host::Implementation::answerUnmount(bool force) {
+  return events_.postUnmountRequest(force).get();
+}
+
+/// Whether the mount has ended; it goes on when it is in use.
+bool Host::Implementation::leaveForRequest(UnmountRequest request) {
+  stopping_ = true;
+  const auto deadline = Clock::now() + settings_.drain;
+  try {
+    if (request.force) {
+      hurry_ = true;
+      leaveLazily();
+    } else {
+      drain(deadline);
+      isHurried() ? leaveLazily() : mount_->unmount(Mount::Unmounting::whenFree);
+    }
+  } catch (const NSError& error) {
+    stopping_ = false;
+    hurry_ = false;
+    hostLog(error.localizedDescription());
+    request.left.set_exception(std::current_exception());
+    return false;
+  }
+  say("ending");
+  request.left.set_value(finish(deadline));
+  return true;
+}
+
+void Host::Implementation::leaveForSignal() {
+  stopping_ = true;
+  say("ending; a second signal unmounts at once");
+  const auto deadline = Clock::now() + settings_.drain;
+  drain(deadline);
+  unmountWhenFree();
+  finish(deadline);
+}
+
+/// Waits until everything is sent, while that can be hoped for.
+void Host::Implementation::drain(Clock::time_point deadline) {
+  const auto left = [&] {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  };
+  if (isHurried() || left() <= 0ms) return;
+  const auto drained = std::make_shared<std::atomic<bool>>(false);
+  replica_->waitUntilSynced(left(), [this, drained](const auto&) {
+    *drained = true;
+    events_.wake();
+  });
+  while (!*drained && !isHurried() && left() > 0ms) {
+    const auto status = replica_->status();
+    // Nothing goes out before the server, or a bridge file, is there.
+    if (status.offline || status.held) return;
+    events_.wait(std::min(kStep, left()));
+  }
+}
+
+/// Ends the mount: in order once nobody uses it, lazily when that is asked for.
+void Host::Implementation::unmountWhenFree() {
+  std::string said;
+  while (!events_.mountEnded()) {
+    try {
+      if (isHurried()) {
+        leaveLazily();
+      } else {
+        mount_->unmount(Mount::Unmounting::whenFree);
+      }
+      return;
+    } catch (const NSError& error) {
+      if (error.localizedDescription() != said) hostLog(error.localizedDescription());
+      said = error.localizedDescription();
+      if (isHurried()) return;
+    }
+    events_.wait(kStep);
+  }
+}
+
+void Host::Implementation::leaveLazily() {
+  mount_->unmount(Mount::Unmounting::lazily);
+}
+
+/// After the mount was taken away: waits for its users, sends what they wrote last, and gives how
+/// many changes are left.
+std::int64_t Host::Implementation::finish(Clock::time_point deadline) {
+  const auto signals = events_.signals();
+  const auto usersLeave = Clock::now() + kLazyPatience;
+  while (!events_.mountEnded() && Clock::now() < usersLeave && events_.signals() == signals) {
+    events_.wait(kStep);
+  }
+  drain(deadline);
+  const auto left = changesLeft();
+  say(left == 0 ? "unmounted; nothing is left to send"
+                : "unmounted; " + changesText(left) +
+                      " could not be sent, and will be after the next mount");
+  events_.answerRequests(left);
+  return left;
+}
+
+void Host::Implementation::say(const std::string& text) {
+  hostLog(text);
+  tellServiceManager("STOPPING=1\nSTATUS=" + text);
+}
+
+Host::Host(HostSettings settings)
+    : implementation_(std::make_unique<Implementation>(std::move(settings))) {}
+
+Host::~Host() = default;
+
+void Host::run(const std::function<bool()>& ready) {
+  implementation_->run(ready);
+}
+
+}  // namespace kestrowan::host

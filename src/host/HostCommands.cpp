@@ -1,0 +1,176 @@
+#include "host/HostCommands.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "host/HostError.h"
+#include "host/PathForm.h"
+#include "host/StatusForm.h"
+#include "platform/foundation/Logger.h"
+#include "platform/network/TransferMonitor.h"
+
+namespace kestrowan::host {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds kLongestWait = 60s;
+/// Beyond all limits within which the replica answers.
+constexpr std::chrono::seconds kLongestLookUp = 90s;
+constexpr std::int64_t kUsualItems = 100;
+constexpr std::int64_t kMostItems = 10'000;
+
+std::int64_t number(const JSONValue& request, std::string_view member, std::int64_t otherwise,
+                    std::int64_t most) {
+  const auto* value = request.member(member);
+  if (value == nullptr || value->isNull()) return otherwise;
+  if (value->integer() == nullptr) {
+    throw hostError(EBADMSG, "\"" + std::string(member) + "\" is no whole number");
+  }
+  return std::clamp<std::int64_t>(*value->integer(), 0, most);
+}
+
+bool isTrue(const JSONValue& request, std::string_view member) {
+  const auto* value = request.member(member);
+  return value != nullptr && value->boolean() != nullptr && *value->boolean();
+}
+
+/// What a call of the replica comes to, waited for.
+template <typename T, typename Start>
+replica::Outcome<T> outcome(std::chrono::milliseconds limit, const Start& start) {
+  auto promise = std::make_shared<std::promise<replica::Outcome<T>>>();
+  auto future = promise->get_future();
+  start([promise](replica::Outcome<T> result) { promise->set_value(std::move(result)); });
+  if (future.wait_for(limit) != std::future_status::ready) {
+    return hostError(ETIMEDOUT, "there was no answer in time");
+  }
+  return future.get();
+}
+
+}  // namespace
+
+HostCommands::HostCommands(replica::Replica& replica, Context context)
+    : replica_(replica), context_(std::move(context)) {}
+
+JSONValue HostCommands::answer(const JSONValue& request) const {
+  static constexpr std::array<std::pair<std::string_view, Answer>, 8> kAnswers = {{
+      {"status", &HostCommands::status},
+      {"wait", &HostCommands::wait},
+      {"evict", &HostCommands::evict},
+      {"pin", &HostCommands::pin},
+      {"unpin", &HostCommands::unpin},
+      {"retry", &HostCommands::retry},
+      {"discard", &HostCommands::discard},
+      {"unmount", &HostCommands::unmount},
+  }};
+  const auto* wanted = request.member("request");
+  if (wanted != nullptr && wanted->string() != nullptr) {
+    for (const auto& [name, answer] : kAnswers) {
+      if (name == *wanted->string()) return (this->*answer)(request);
+    }
+  }
+  throw hostError(EBADMSG, "there is no such request");
+}
+
+JSONValue HostCommands::status(const JSONValue& request) const {
+  const auto limit = number(request, "limit", kUsualItems, kMostItems);
+  const auto status = replica_.status();
+  JSONValue::Object form;
+  form.emplace_back("domain", context_.host.domain);
+  addPath(form, "mountPoint", context_.host.mountPoint);
+  addPath(form, "stateDirectory", context_.host.stateDirectory);
+  form.emplace_back("process", static_cast<std::int64_t>(context_.host.process));
+  form.emplace_back("started", context_.started);
+  form.emplace_back("state", context_.isStopping() ? "stopping"
+                             : status.held         ? "held"
+                             : status.offline      ? "offline"
+                                                   : "online");
+  JSONValue::Array warnings;
+  for (auto& warning : context_.warnings()) warnings.emplace_back(std::move(warning));
+  form.emplace_back("warnings", std::move(warnings));
+  for (auto& member : statusForm(status, static_cast<std::size_t>(limit))) {
+    form.push_back(std::move(member));
+  }
+  form.emplace_back("transfers", transferForms(TransferMonitor::shared().transfers()));
+  return form;
+}
+
+JSONValue HostCommands::wait(const JSONValue& request) const {
+  const std::chrono::milliseconds limit(
+      number(request, "limit", kLongestWait.count(), kLongestWait.count()));
+  const auto result = outcome<replica::Done>(limit + kLongestLookUp, [&](auto completion) {
+    replica_.waitUntilSynced(limit, std::move(completion));
+  });
+  if (!result.succeeded() && !result.error().is(NSPOSIXErrorDomain, ETIMEDOUT)) {
+    throw result.error();
+  }
+  const auto status = replica_.status();
+  const auto refused = std::count_if(
+      status.pending.begin(), status.pending.end(),
+      [](const auto& pending) { return pending.state == replica::SyncState::refused; });
+  return JSONValue::Object{{"synced", result.succeeded()},
+                           {"pending", status.pendingCount},
+                           {"refused", static_cast<std::int64_t>(refused)},
+                           {"offline", status.offline},
+                           {"held", status.held}};
+}
+
+JSONValue HostCommands::evict(const JSONValue& request) const {
+  const auto result = replica_.evict(item(request));
+  return JSONValue::Object{{"evicted", result.evicted},
+                           {"bytes", result.bytes},
+                           {"changed", result.changed},
+                           {"open", result.open},
+                           {"pinned", result.pinned}};
+}
+
+JSONValue HostCommands::pin(const JSONValue& request) const {
+  replica_.setPinned(item(request), true);
+  return JSONValue::Object{};
+}
+
+JSONValue HostCommands::unpin(const JSONValue& request) const {
+  replica_.setPinned(item(request), false);
+  return JSONValue::Object{};
+}
+
+JSONValue HostCommands::retry(const JSONValue& request) const {
+  replica_.retry(item(request));
+  return JSONValue::Object{};
+}
+
+JSONValue HostCommands::discard(const JSONValue& request) const {
+  if (!isTrue(request, "confirm")) {
+    throw hostError(EPERM, "giving up local changes asks for \"confirm\": true");
+  }
+  const auto count = replica_.discard(item(request));
+  return JSONValue::Object{{"discarded", static_cast<std::int64_t>(count)}};
+}
+
+JSONValue HostCommands::unmount(const JSONValue& request) const {
+  return JSONValue::Object{{"left", context_.unmount(isTrue(request, "force"))}};
+}
+
+replica::Rid HostCommands::item(const JSONValue& request) const {
+  const auto path = pathIn(request, "path");
+  if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
+    throw hostError(EINVAL, "the request needs a \"path\" that begins with \"/\"");
+  }
+  const auto found = outcome<replica::Rid>(
+      kLongestLookUp, [&](auto completion) { replica_.find(path, std::move(completion)); });
+  if (found.succeeded()) return found.value();
+  const auto& error = found.error();
+  throw NSError(error.domain(), error.code(),
+                {{std::string(NSLocalizedDescriptionKey),
+                  escapedForDisplay(path) + ": " + error.localizedDescription()}});
+}
+
+}  // namespace kestrowan::host

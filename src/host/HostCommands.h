@@ -1,0 +1,61 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/Registry.h"
+#include "platform/foundation/JSONValue.h"
+#include "replica/Replica.h"
+
+namespace kestrowan::host {
+
+/// The requests of the control socket. Each is an object whose "request" says what is wanted; paths
+/// begin at the root of the mount.
+///
+/// | request | members | answer |
+/// |---|---|---|
+/// | status | limit? (pending items) | domain, mountPoint, stateDirectory, process, started, state,
+/// warnings, transfers, and what `statusForm` gives | | wait | limit? (milliseconds, at most
+/// 60,000) | synced, pending, refused (of those), offline, held | | evict | path | evicted, bytes,
+/// changed, open, pinned | | pin, unpin, retry | path | | | discard | path, confirm (true) |
+/// discarded | | unmount | force? | left (changes that were not sent) |
+///
+/// Usable from every thread; the replica and the functions must outlive it. Blocks; answers never
+/// hold contents or credentials.
+class HostCommands {
+ public:
+  struct Context {
+    HostEntry host;
+    /// Seconds since 1970-01-01 UTC.
+    std::int64_t started = 0;
+    /// What needs the user's attention, in words.
+    std::function<std::vector<std::string>()> warnings;
+    std::function<bool()> isStopping;
+    /// Ends the mount, and gives how many changes have not been sent. Throws `NSError`.
+    std::function<std::int64_t(bool force)> unmount;
+  };
+
+  HostCommands(replica::Replica& replica, Context context);
+
+  /// Throws `NSError` with a text for a person.
+  JSONValue answer(const JSONValue& request) const;
+
+ private:
+  using Answer = JSONValue (HostCommands::*)(const JSONValue& request) const;
+
+  JSONValue status(const JSONValue& request) const;
+  JSONValue wait(const JSONValue& request) const;
+  JSONValue evict(const JSONValue& request) const;
+  JSONValue pin(const JSONValue& request) const;
+  JSONValue unpin(const JSONValue& request) const;
+  JSONValue retry(const JSONValue& request) const;
+  JSONValue discard(const JSONValue& request) const;
+  JSONValue unmount(const JSONValue& request) const;
+  replica::Rid item(const JSONValue& request) const;
+
+  replica::Replica& replica_;
+  const Context context_;
+};
+
+}  // namespace kestrowan::host

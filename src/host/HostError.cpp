@@ -1,0 +1,17 @@
+#include "host/HostError.h"
+
+#include <system_error>
+#include <utility>
+
+namespace kestrowan::host {
+
+NSError hostError(int number, std::string text) {
+  return NSError(NSPOSIXErrorDomain, number,
+                 {{std::string(NSLocalizedDescriptionKey), std::move(text)}});
+}
+
+NSError systemError(int number, const std::string& subject) {
+  return hostError(number, subject + ": " + std::generic_category().message(number));
+}
+
+}  // namespace kestrowan::host

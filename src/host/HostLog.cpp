@@ -1,0 +1,48 @@
+#include "host/HostLog.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace kestrowan::host {
+
+void hostLog(std::string_view text) {
+  const auto line = "kestrowan: " + escapedForDisplay(text) + "\n";
+  std::string_view rest = line;
+  while (!rest.empty()) {
+    const auto written = ::write(STDERR_FILENO, rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+LimitedLog::LimitedLog(std::shared_ptr<LogSink> inner, Clock clock)
+    : inner_(std::move(inner)), clock_(std::move(clock)) {}
+
+void LimitedLog::error(std::string_view subsystem, std::string_view category,
+                       std::string_view format, std::span<const std::string_view> arguments) {
+  unsigned leftOut = 0;
+  {
+    std::lock_guard lock(mutex_);
+    const auto now = clock_();
+    auto found = kinds_.find(format);
+    if (found == kinds_.end()) found = kinds_.emplace(format, Minute{now, 0}).first;
+    auto& minute = found->second;
+    if (now - minute.start >= std::chrono::minutes(1)) {
+      if (minute.count > kMostAMinute) leftOut = minute.count - kMostAMinute;
+      minute = {now, 0};
+    }
+    if (++minute.count > kMostAMinute) return;
+  }
+  if (leftOut > 0) {
+    const auto number = std::to_string(leftOut);
+    const std::array<std::string_view, 2> values = {number, format};
+    inner_->error(subsystem, category, "left out %{public}s more of: %{public}s", values);
+  }
+  inner_->error(subsystem, category, format, arguments);
+}
+
+}  // namespace kestrowan::host

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <csignal>
+#include <string>
+
+#include "platform/base/UniqueFd.h"
+
+namespace kestrowan::host {
+
+/// Keeps the process's memory, which holds a password, out of core files and from other processes
+/// of the user, and what it makes from other users. Inherited by its children but for the second.
+void protectProcess();
+
+/// Takes INT, TERM and HUP from the process while it lives: they are read instead of ending it.
+/// Made before the process has other threads, and outlives them.
+class StopSignals {
+ public:
+  StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  ~StopSignals();
+
+  /// Readable when a signal has come.
+  int descriptor() const { return file_.get(); }
+  /// The number of one that has come; 0 when there is none.
+  int take() const;
+
+ private:
+  sigset_t before_;
+  UniqueFd file_;
+};
+
+/// Makes the file at `path` (mode 0600, appended to) the process's standard output and standard
+/// error, and nothing its standard input. Throws `NSError` of `NSPOSIXErrorDomain`.
+void logToFile(const std::string& path);
+
+/// Puts the log at `path` aside, as "PATH.1", once it is larger than 4 MiB, and begins a new one.
+/// Goes on with the old one when that fails.
+void limitLogFile(const std::string& path);
+
+}  // namespace kestrowan::host

@@ -1,0 +1,127 @@
+#include "host/Registry.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <tuple>
+#include <utility>
+
+#include "host/Directories.h"
+#include "host/HostError.h"
+#include "host/PathForm.h"
+#include "platform/foundation/JSONValue.h"
+#include "platform/foundation/Logger.h"
+#include "platform/foundation/NSError.h"
+
+namespace kestrowan::host {
+
+namespace {
+
+constexpr std::string_view kSuffix = ".json";
+constexpr std::size_t kLargestEntry = 64 * 1024;  // bytes
+constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+
+std::string registryDirectory() {
+  return stateHome() + "/.hosts";
+}
+
+std::string serialized(const HostEntry& entry) {
+  JSONValue::Object form;
+  form.emplace_back("domain", entry.domain);
+  addPath(form, "mountPoint", entry.mountPoint);
+  addPath(form, "stateDirectory", entry.stateDirectory);
+  addPath(form, "socket", entry.socket);
+  form.emplace_back("process", static_cast<std::int64_t>(entry.process));
+  return JSONValue(std::move(form)).serialized();
+}
+
+std::string readAll(int file) {
+  std::string contents;
+  std::array<char, 4096> buffer;
+  while (contents.size() < kLargestEntry) {
+    const auto count = ::read(file, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    contents.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return contents;
+}
+
+std::optional<HostEntry> readEntry(int directory, const char* name) {
+  const UniqueFd file(
+      ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) return std::nullopt;
+  const auto form = JSONValue::parse(readAll(file.get()));
+  if (!form) return std::nullopt;
+  HostEntry entry;
+  if (const auto* domain = form->member("domain"); domain != nullptr && domain->string()) {
+    entry.domain = *domain->string();
+  }
+  entry.mountPoint = pathIn(*form, "mountPoint");
+  entry.stateDirectory = pathIn(*form, "stateDirectory");
+  entry.socket = pathIn(*form, "socket");
+  if (const auto* process = form->member("process"); process != nullptr && process->integer()) {
+    entry.process = static_cast<pid_t>(*process->integer());
+  }
+  if (!entry.mountPoint.starts_with('/') || !entry.socket.starts_with('/')) return std::nullopt;
+  entry.running = ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  return entry;
+}
+
+}  // namespace
+
+Registration::Registration(const HostEntry& entry)
+    : file_(registryDirectory() + "/" + shortName(entry.stateDirectory) + std::string(kSuffix)) {
+  openPrivateDirectory(registryDirectory());
+  // Locked before it bears the name, so that nobody ever sees the entry of a host that runs
+  // unlocked.
+  const auto temporary = file_ + "." + std::to_string(::getpid());
+  const auto contents = serialized(entry);
+  UniqueFd file(
+      ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
+  if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
+      ::write(file.get(), contents.data(), contents.size()) !=
+          static_cast<ssize_t>(contents.size()) ||
+      ::rename(temporary.c_str(), file_.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(temporary.c_str());
+    throw systemError(error, escapedForDisplay(file_));
+  }
+  locked_ = std::move(file);
+}
+
+Registration::~Registration() {
+  ::unlink(file_.c_str());
+}
+
+std::vector<HostEntry> knownHosts() {
+  std::vector<HostEntry> hosts;
+  std::string place;
+  try {
+    place = registryDirectory();
+  } catch (const NSError&) {
+    return hosts;
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(place.c_str()), ::closedir);
+  if (!directory) return hosts;
+  while (const dirent* file = ::readdir(directory.get())) {
+    if (!std::string_view(file->d_name).ends_with(kSuffix)) continue;
+    if (auto entry = readEntry(::dirfd(directory.get()), file->d_name)) {
+      hosts.push_back(*std::move(entry));
+    }
+  }
+  std::sort(hosts.begin(), hosts.end(), [](const HostEntry& a, const HostEntry& b) {
+    return std::tie(a.mountPoint, a.stateDirectory) < std::tie(b.mountPoint, b.stateDirectory);
+  });
+  return hosts;
+}
+
+}  // namespace kestrowan::host

@@ -1,0 +1,107 @@
+#include "host/StateDirectory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "host/Directories.h"
+#include "host/HostError.h"
+#include "platform/foundation/Logger.h"
+
+namespace kestrowan::host {
+
+namespace {
+
+constexpr const char* kLockName = "lock";
+constexpr mode_t kPrivateDirectory = S_IRWXU;
+constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+
+bool isEmpty(int directory) {
+  const int copy = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(copy), ::closedir);
+  if (!entries) return false;
+  while (const dirent* entry = ::readdir(entries.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") return false;
+  }
+  return true;
+}
+
+/// The process that wrote its number into the lock file; empty when none can be read.
+std::string holder(int file) {
+  std::array<char, 24> text;
+  const auto length = ::pread(file, text.data(), text.size(), 0);
+  std::string number(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  number.resize(number.find_last_of("0123456789") + 1);
+  return number.find_first_not_of("0123456789") == std::string::npos ? number : "";
+}
+
+}  // namespace
+
+StateDirectory::StateDirectory(std::string path)
+    : path_(std::move(path)), directory_(openPrivateDirectory(path_)) {
+  tighten();
+  lock();
+}
+
+void StateDirectory::tighten() const {
+  struct stat lockFile;
+  if (::fstatat(directory_.get(), kLockName, &lockFile, AT_SYMLINK_NOFOLLOW) != 0 &&
+      !isEmpty(directory_.get())) {
+    throw hostError(ENOTEMPTY, escapedForDisplay(path_) +
+                                   ": holds something else than a host's state; name an empty "
+                                   "directory, or one that is not there yet");
+  }
+  if (::fchmod(directory_.get(), kPrivateDirectory) != 0) {
+    throw systemError(errno, escapedForDisplay(path_));
+  }
+}
+
+void StateDirectory::lock() {
+  const auto shown = escapedForDisplay(path_ + "/" + kLockName);
+  UniqueFd file(::openat(directory_.get(), kLockName,
+                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                         kPrivateFile));
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0) throw systemError(errno, shown);
+  if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid()) {
+    throw hostError(EACCES, shown + ": is no regular file of this user");
+  }
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) throw systemError(errno, shown);
+    const auto number = holder(file.get());
+    throw hostError(EBUSY, escapedForDisplay(path_) + ": in use by another host" +
+                               (number.empty() ? "" : ", process " + number) +
+                               "; unmount that first, or name another --state directory");
+  }
+  const auto number = std::to_string(::getpid()) + "\n";
+  if (::ftruncate(file.get(), 0) != 0 || ::pwrite(file.get(), number.data(), number.size(), 0) !=
+                                             static_cast<ssize_t>(number.size())) {
+    throw systemError(errno, shown);
+  }
+  lock_ = std::move(file);
+}
+
+bool StateDirectory::isRemote() const {
+  constexpr std::array<unsigned long, 6> kRemote = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,
+                                                    CIFS_SUPER_MAGIC, SMB2_SUPER_MAGIC,
+                                                    AFS_SUPER_MAGIC,  FUSE_SUPER_MAGIC};
+  struct statfs status;
+  if (::fstatfs(directory_.get(), &status) != 0) return false;
+  for (const auto magic : kRemote) {
+    if (static_cast<unsigned long>(status.f_type) == magic) return true;
+  }
+  return false;
+}
+
+}  // namespace kestrowan::host

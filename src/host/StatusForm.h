@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/JSONValue.h"
+#include "platform/network/TransferMonitor.h"
+#include "replica/Status.h"
+
+namespace kestrowan::host {
+
+/// What the answer to "status" says of a replica: {offline, held, items, fetching, refusedEntries,
+/// pending {count, bytes, items}, conflicts, cache {files, bytes}, recovery {files, bytes}}. Of the
+/// pending items at most `limit`, the failing ones first. Dates are seconds since 1970-01-01 UTC,
+/// sizes bytes.
+JSONValue::Object statusForm(const replica::Status& status, std::size_t limit);
+
+/// {path, kind, state, changes, size, downloaded, pinned, failure}; the failure null or {class,
+/// domain, code, text, since, next, tries}.
+JSONValue::Object itemForm(const replica::ItemStatus& item);
+
+/// {method, path, sent, expectedToSend, received, expectedToReceive} of each transfer that carries
+/// contents. Of a URL only the path is kept.
+JSONValue::Array transferForms(const std::vector<TransferStatus>& transfers);
+
+/// The path of `url`, its escapes decoded where they can be.
+std::string urlPath(std::string_view url);
+
+}  // namespace kestrowan::host

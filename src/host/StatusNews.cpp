@@ -1,0 +1,36 @@
+#include "host/StatusNews.h"
+
+#include <utility>
+
+namespace kestrowan::host {
+
+std::vector<std::string> StatusNews::of(const replica::Status& status) {
+  std::vector<std::string> news;
+  if (std::exchange(offline_, status.offline) != status.offline) {
+    news.emplace_back(status.offline
+                          ? "the server cannot be reached; changes are kept and sent later"
+                          : "the server can be reached again");
+  }
+  if (held_ != status.held) {
+    news.push_back(status.held ? "held until the bridge file changes: " + *status.held
+                               : "the bridge file works again");
+    held_ = status.held;
+  }
+  for (const auto& path : status.conflicts) {
+    if (conflicts_.insert(path).second) {
+      news.push_back("both sides had changed; the version from here is now " + path);
+    }
+  }
+  std::set<std::string> refused;
+  for (const auto& item : status.pending) {
+    if (item.state != replica::SyncState::refused) continue;
+    refused.insert(item.path);
+    if (refused_.contains(item.path)) continue;
+    news.push_back("refused: " + item.path + " (" + item.changes + ")" +
+                   (item.failure ? ": " + item.failure->text : ""));
+  }
+  refused_ = std::move(refused);
+  return news;
+}
+
+}  // namespace kestrowan::host

@@ -1,0 +1,92 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "mount/FileStatus.h"
+#include "mount/Reply.h"
+#include "mount/Requests.h"
+
+namespace kestrowan::mount {
+
+namespace {
+
+/// Throws EPERM of `NSPOSIXErrorDomain` when an item is to be given to somebody else.
+void checkOwner(const Owner& owner, const struct stat& wanted, int which) {
+  const bool givesAway = ((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != owner.user) ||
+                         ((which & FUSE_SET_ATTR_GID) != 0 && wanted.st_gid != owner.group);
+  if (givesAway) throw posixError(EPERM);
+}
+
+replica::AttributeChange attributeChange(const struct stat& wanted, int which) {
+  replica::AttributeChange change;
+  if ((which & FUSE_SET_ATTR_MODE) != 0) change.mode = permissionBits(wanted.st_mode);
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) change.size = wanted.st_size;
+  if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) {
+    timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    change.modified = nanoseconds(now);
+  } else if ((which & FUSE_SET_ATTR_MTIME) != 0) {
+    change.modified = nanoseconds(wanted.st_mtim);
+  }
+  return change;
+}
+
+/// Through the descriptor, which also reaches a file that has no name any more.
+void truncate(const fuse_file_info& info, std::int64_t size) {
+  const int error = Handles<FileHandle>::at(info.fh).file->write(
+      [size](int file) { return ::ftruncate(file, size) == 0 ? 0 : errno; });
+  if (error != 0) throw posixError(error);
+}
+
+}  // namespace
+
+void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcept {
+  serveAtOnce(request, Addressing::byNumber, [&] {
+    auto& session = Session::of(request);
+    const auto status = fileStatus(session.replica().attributes(item), session.owner());
+    fuse_reply_attr(request, &status, kAttributeSeconds);
+  });
+}
+
+void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int which,
+                   fuse_file_info* info) noexcept {
+  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
+    auto& session = reply->session();
+    checkOwner(session.owner(), *wanted, which);
+    auto change = attributeChange(*wanted, which);
+    if (change.size && info != nullptr) {
+      truncate(*info, *change.size);
+      change.size.reset();
+    }
+    // What is left may be nothing, as when only the time of the last access is to be set.
+    if (!change.mode && !change.size && !change.modified) {
+      return reply->sendAttributes(session.replica().attributes(item));
+    }
+    session.replica().setAttributes(
+        item, change,
+        reply->completion<replica::Attributes>(
+            [](const std::shared_ptr<Reply>& changed, replica::Attributes attributes) {
+              changed->sendAttributes(attributes);
+            }));
+    reply->allowSignal(OnSignal::ends);
+  });
+}
+
+void fileSystem(fuse_req_t request, fuse_ino_t) noexcept {
+  serveAtOnce(request, Addressing::byNumber, [&] {
+    constexpr std::int64_t kBlockSize = 4096;
+    constexpr std::int64_t kLongestName = 255;
+    const auto space = Session::of(request).replica().space();
+    struct statvfs answer = {};
+    answer.f_bsize = kBlockSize;
+    answer.f_frsize = kBlockSize;
+    answer.f_blocks = static_cast<fsblkcnt_t>(space.capacity / kBlockSize);
+    answer.f_bfree = static_cast<fsblkcnt_t>(space.free / kBlockSize);
+    answer.f_bavail = answer.f_bfree;
+    answer.f_namemax = kLongestName;
+    fuse_reply_statfs(request, &answer);
+  });
+}
+
+}  // namespace kestrowan::mount

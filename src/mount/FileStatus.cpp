@@ -1,0 +1,69 @@
+#include "mount/FileStatus.h"
+
+#include <limits>
+
+namespace kestrowan::mount {
+
+namespace {
+
+constexpr std::int64_t kPerSecond = 1'000'000'000;
+constexpr blksize_t kBlockSize = 4096;
+/// The unit of `st_blocks`, whatever the file system's blocks are.
+constexpr std::int64_t kSectorSize = 512;
+
+}  // namespace
+
+struct stat fileStatus(const replica::Attributes& attributes, const Owner& owner) {
+  const bool isFolder = attributes.kind == replica::ItemKind::folder;
+  struct stat status = {};
+  status.st_ino = attributes.rid;
+  status.st_mode = (isFolder ? S_IFDIR : S_IFREG) | attributes.mode;
+  status.st_nlink = isFolder ? 2 : 1;
+  status.st_uid = owner.user;
+  status.st_gid = owner.group;
+  status.st_size = attributes.size;
+  status.st_blksize = kBlockSize;
+  status.st_blocks = (attributes.size + kSectorSize - 1) / kSectorSize;
+  status.st_mtim = timeOf(attributes.modified);
+  status.st_atim = status.st_mtim;
+  status.st_ctim = status.st_mtim;
+  return status;
+}
+
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Owner& owner) {
+  fuse_entry_param entry = {};
+  entry.ino = attributes.rid;
+  entry.attr = fileStatus(attributes, owner);
+  entry.attr_timeout = kAttributeSeconds;
+  entry.entry_timeout = kEntrySeconds;
+  return entry;
+}
+
+std::uint16_t permissionBits(mode_t mode) {
+  constexpr mode_t kOfFiles = 0777;
+  constexpr mode_t kOfFolders = kOfFiles | S_ISVTX | S_ISGID;
+  return static_cast<std::uint16_t>(mode & (S_ISDIR(mode) ? kOfFolders : kOfFiles));
+}
+
+std::int64_t nanoseconds(const timespec& time) {
+  std::int64_t all = 0;
+  if (!__builtin_mul_overflow(static_cast<std::int64_t>(time.tv_sec), kPerSecond, &all) &&
+      !__builtin_add_overflow(all, static_cast<std::int64_t>(time.tv_nsec), &all)) {
+    return all;
+  }
+  return time.tv_sec < 0 ? std::numeric_limits<std::int64_t>::min()
+                         : std::numeric_limits<std::int64_t>::max();
+}
+
+timespec timeOf(std::int64_t nanoseconds) {
+  timespec time = {};
+  time.tv_sec = nanoseconds / kPerSecond;
+  time.tv_nsec = nanoseconds % kPerSecond;
+  if (time.tv_nsec < 0) {
+    --time.tv_sec;
+    time.tv_nsec += kPerSecond;
+  }
+  return time;
+}
+
+}  // namespace kestrowan::mount

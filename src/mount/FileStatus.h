@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <ctime>
+
+#include "mount/Fuse.h"
+#include "mount/Session.h"
+#include "replica/Replica.h"
+
+namespace kestrowan::mount {
+
+/// How long the kernel takes names and attributes for good without asking.
+inline constexpr double kEntrySeconds = 1;
+inline constexpr double kAttributeSeconds = 1;
+
+/// What `stat` shows of an item.
+struct stat fileStatus(const replica::Attributes& attributes, const Owner& owner);
+
+/// The same, as the answer to the look-up of a name.
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Owner& owner);
+
+/// The bits of `mode` that an item keeps: those that would make a program run as somebody else are
+/// dropped.
+std::uint16_t permissionBits(mode_t mode);
+
+/// Nanoseconds since 1970-01-01 UTC; the nearest that can be said so, for years out of range.
+std::int64_t nanoseconds(const timespec& time);
+timespec timeOf(std::int64_t nanoseconds);
+
+}  // namespace kestrowan::mount

@@ -1,0 +1,23 @@
+#include "mount/Requests.h"
+#include "mount/Session.h"
+
+namespace kestrowan::mount {
+
+namespace {
+
+/// No write-back cache, because contents change from elsewhere; no access lists; no handles that
+/// outlive the daemon.
+constexpr unsigned kWanted = FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_READDIRPLUS |
+                             FUSE_CAP_READDIRPLUS_AUTO | FUSE_CAP_AUTO_INVAL_DATA |
+                             FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_HANDLE_KILLPRIV |
+                             FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE;
+
+}  // namespace
+
+void initialise(void* userData, fuse_conn_info* connection) noexcept {
+  connection->want = kWanted & connection->capable;
+  connection->time_gran = 1;
+  static_cast<Session*>(userData)->setReady();
+}
+
+}  // namespace kestrowan::mount

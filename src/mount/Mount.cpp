@@ -1,0 +1,251 @@
+#include "mount/Mount.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "mount/Fuse.h"
+#include "mount/FuseLog.h"
+#include "mount/Fusermount.h"
+#include "mount/Holders.h"
+#include "mount/KernelLimits.h"
+#include "mount/MountPoint.h"
+#include "mount/MountTable.h"
+#include "mount/Session.h"
+#include "platform/foundation/NSError.h"
+
+namespace kestrowan::mount {
+
+namespace {
+
+NSError mountError(int number, std::string text) {
+  return NSError(NSPOSIXErrorDomain, number,
+                 {{std::string(NSLocalizedDescriptionKey), std::move(text)}});
+}
+
+/// In libfuse's list of options, a comma ends a value unless it is escaped.
+std::string escapedOption(const std::string& value) {
+  std::string escaped;
+  for (const char character : value) {
+    if (character == ',' || character == '\\') escaped += '\\';
+    escaped += character;
+  }
+  return escaped;
+}
+
+std::string optionText(const MountOptions& options) {
+  return "default_permissions,nosuid,nodev,subtype=kestrowan,fsname=" +
+         escapedOption(options.source) + (options.noexec ? ",noexec" : "");
+}
+
+/// Whether the kernel has ended the connection.
+bool isDead(fuse_session* session) {
+  pollfd descriptor = {fuse_session_fd(session), 0, 0};
+  return ::poll(&descriptor, 1, 0) == 1 && (descriptor.revents & POLLERR) != 0;
+}
+
+/// Makes system calls of a thread that gets the signal return early.
+void prepareWakeUpSignal() {
+  struct sigaction action = {};
+  if (::sigaction(SIGURG, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
+  action.sa_handler = [](int) {};
+  ::sigaction(SIGURG, &action, nullptr);
+}
+
+}  // namespace
+
+class Mount::Implementation {
+ public:
+  Implementation(replica::Replica& replica, MountOptions options)
+      : replica_(replica),
+        options_(std::move(options)),
+        point_(options_.mountPoint, options_.user, options_.stateDirectory) {}
+
+  ~Implementation() {
+    if (loop_.joinable()) endByForce();
+  }
+
+  void start();
+  void unmount(Unmounting how);
+  bool waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit);
+  void endByForce();
+
+  const std::string& mountPoint() const { return point_.path(); }
+
+  bool hasEnded() const {
+    std::lock_guard lock(mutex_);
+    return hasEnded_;
+  }
+
+  bool wasEndedByOthers() const {
+    std::lock_guard lock(mutex_);
+    return hasEnded_ && !isUnmounting_;
+  }
+
+ private:
+  void mount();
+  void run(std::shared_ptr<Session> session);
+  void tearDown(Session& session);
+  bool isInPlace() const;
+
+  replica::Replica& replica_;
+  const MountOptions options_;
+  MountPoint point_;
+  /// The device of the mount, by which it is told from others at the same place.
+  std::string device_;
+  std::thread loop_;
+
+  mutable std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::shared_ptr<Session> session_;
+  bool isUnmounting_ = false;
+  bool hasEnded_ = false;
+};
+
+void Mount::Implementation::start() {
+  checkKernelLimits();
+  installFuseLog();
+  prepareWakeUpSignal();
+  auto session = std::make_shared<Session>(replica_, Owner{options_.user, options_.group},
+                                           optionText(options_));
+  session_ = session;
+  mount();
+  session->invalidation().start();
+  replica_.setObserver(session.get());
+  loop_ = std::thread([this, session] { run(session); });
+  if (!session->waitUntilReady()) {
+    throw mountError(EIO, "the mount at " + point_.path() + " ended at once: " + takeFuseMessage());
+  }
+}
+
+void Mount::Implementation::mount() {
+  takeFuseMessage();
+  point_.open();
+  const int result = fuse_session_mount(session_->channel().session(), point_.path().c_str());
+  point_.seal();
+  if (result != 0) {
+    session_.reset();
+    const auto message = takeFuseMessage();
+    throw mountError(EIO, "cannot mount at " + point_.path() + ": " +
+                              (message.empty() ? "see the messages above" : message));
+  }
+  if (const auto entry = mountAt(point_.path())) device_ = entry->device;
+}
+
+void Mount::Implementation::run(std::shared_ptr<Session> session) {
+  auto* const config = fuse_loop_cfg_create();
+  fuse_loop_cfg_set_clone_fd(config, 0);
+  fuse_loop_cfg_set_max_threads(config, options_.threads);
+  fuse_session_loop_mt(session->channel().session(), config);
+  fuse_loop_cfg_destroy(config);
+  session->setEnded();
+  tearDown(*session);
+  session.reset();
+  {
+    std::lock_guard lock(mutex_);
+    session_.reset();
+    hasEnded_ = true;
+    changed_.notify_all();
+  }
+  if (options_.ended) options_.ended();
+}
+
+/// What the kernel had open it may never release, and who still waits gets an answer now.
+void Mount::Implementation::tearDown(Session& session) {
+  auto& channel = session.channel();
+  replica_.setObserver(nullptr);
+  channel.failWaiting();
+  session.invalidation().stop();
+  session.closeHandles();
+  try {
+    // A connection that was cut leaves its mount in place.
+    if (isInPlace()) fusermountUnmount(point_.path(), true);
+  } catch (const NSError&) {
+    // The next mount frees the place.
+  }
+  // libfuse unmounts by the path, where another mount may lie by now.
+  channel.close(isDead(channel.session()));
+}
+
+bool Mount::Implementation::isInPlace() const {
+  const auto entry = mountAt(point_.path());
+  return entry && entry->type == kMountType && entry->device == device_;
+}
+
+void Mount::Implementation::unmount(Unmounting how) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!session_ || hasEnded_) return;
+    isUnmounting_ = true;
+  }
+  const auto complaint = fusermountUnmount(point_.path(), how == Unmounting::lazily);
+  if (complaint.empty() || !isInPlace()) return;
+  {
+    std::lock_guard lock(mutex_);
+    isUnmounting_ = false;
+  }
+  if (complaint.find("busy") == std::string::npos) throw mountError(EIO, complaint);
+  throw mountError(EBUSY, point_.path() + " is in use by " + describe(holdersOf(point_.path())) +
+                              "; close what is open there and try again");
+}
+
+bool Mount::Implementation::waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit) {
+  std::unique_lock lock(mutex_);
+  const auto ended = [this] { return hasEnded_; };
+  if (limit) return changed_.wait_for(lock, *limit, ended);
+  changed_.wait(lock, ended);
+  return true;
+}
+
+void Mount::Implementation::endByForce() {
+  constexpr std::chrono::milliseconds kPause{10};
+  try {
+    unmount(Unmounting::lazily);
+  } catch (const NSError&) {
+    // The connection ends all the same.
+  }
+  {
+    std::lock_guard lock(mutex_);
+    if (session_) fuse_session_exit(session_->channel().session());
+  }
+  // libfuse looks whether to end only when its waiting is interrupted, and may just be about to
+  // wait.
+  while (!waitUntilUnmounted(kPause)) ::pthread_kill(loop_.native_handle(), SIGURG);
+  loop_.join();
+}
+
+Mount::Mount(replica::Replica& replica, MountOptions options)
+    : implementation_(std::make_unique<Implementation>(replica, std::move(options))) {}
+
+Mount::~Mount() = default;
+
+void Mount::start() {
+  implementation_->start();
+}
+
+const std::string& Mount::mountPoint() const {
+  return implementation_->mountPoint();
+}
+
+void Mount::unmount(Unmounting how) {
+  implementation_->unmount(how);
+}
+
+bool Mount::waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit) {
+  return implementation_->waitUntilUnmounted(limit);
+}
+
+bool Mount::hasEnded() const {
+  return implementation_->hasEnded();
+}
+
+bool Mount::wasEndedByOthers() const {
+  return implementation_->wasEndedByOthers();
+}
+
+}  // namespace kestrowan::mount

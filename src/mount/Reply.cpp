@@ -1,0 +1,120 @@
+#include "mount/Reply.h"
+
+#include <cerrno>
+
+#include "mount/CallingProgram.h"
+#include "mount/FileStatus.h"
+
+namespace kestrowan::mount {
+
+namespace {
+
+/// The reply that this thread is registering for signals.
+thread_local const Reply* registering = nullptr;
+
+}  // namespace
+
+Reply::Reply(fuse_req_t request, Addressing addressing)
+    : session_(Session::of(request).shared_from_this()),
+      request_(request),
+      addressing_(addressing) {}
+
+Reply::~Reply() {
+  fail(EIO);
+}
+
+void Reply::allowSignal(OnSignal onSignal) {
+  bool signalledBefore = false;
+  {
+    // The request lives while this is held: who wants to answer it looks here first.
+    std::lock_guard lock(registration_);
+    if (answered_) return;
+    onSignal_ = onSignal;
+    if (onSignal == OnSignal::endsTheDying) thread_ = fuse_req_ctx(request_)->pid;
+    session_->channel().addWaiting(*this);
+    registered_ = true;
+    registering = this;
+    fuse_req_interrupt_func(request_, &Reply::interrupted, this);
+    registering = nullptr;
+    signalledBefore = signalledBefore_;
+  }
+  if (signalledBefore && (onSignal == OnSignal::ends || isDying(thread_))) fail(EINTR);
+}
+
+void Reply::interrupted(fuse_req_t, void* data) noexcept {
+  auto* const self = static_cast<Reply*>(data);
+  // libfuse calls this with the request's own lock held, under which its answer would free it.
+  if (registering == self) {
+    self->signalledBefore_ = true;
+    return;
+  }
+  const auto reply = self->weak_from_this().lock();
+  // One that is being destroyed answers by itself, and waits there until this returns.
+  if (!reply) return;
+  if (reply->onSignal_ == OnSignal::endsTheDying && !isDying(reply->thread_)) return;
+  if (reply->answered_.exchange(true)) return;
+  auto& channel = reply->session_->channel();
+  channel.removeWaiting(*reply);
+  channel.deliver(reply->request_,
+                  [](fuse_req_t request) { return fuse_reply_err(request, EINTR); });
+}
+
+bool Reply::claim() {
+  bool registered = false;
+  {
+    std::lock_guard lock(registration_);
+    if (answered_.exchange(true)) return false;
+    registered = registered_;
+  }
+  if (registered) {
+    // Returns when no signal is being looked at any more, and none will be.
+    fuse_req_interrupt_func(request_, nullptr, nullptr);
+    session_->channel().removeWaiting(*this);
+  }
+  return true;
+}
+
+void Reply::fail(int number) {
+  send([number](fuse_req_t request) { return fuse_reply_err(request, number); });
+}
+
+void Reply::fail(const NSError& error) {
+  const int number = errnoFor(error, addressing_);
+  fail(number == 0 ? EIO : number);
+}
+
+void Reply::fail(const std::exception_ptr& exception) {
+  const int number = errnoFor(exception, addressing_);
+  fail(number == 0 ? EIO : number);
+}
+
+void Reply::succeed() {
+  send([](fuse_req_t request) { return fuse_reply_err(request, 0); });
+}
+
+void Reply::sendEntry(const replica::Attributes& attributes) {
+  const auto entry = kernelEntry(attributes, session_->owner());
+  // Before the answer: the kernel may forget the item before the answer's call has returned.
+  session_->replica().remember(attributes.rid);
+  const bool sent =
+      send([&entry](fuse_req_t request) { return fuse_reply_entry(request, &entry); });
+  if (!sent) session_->replica().forget(attributes.rid, 1);
+}
+
+void Reply::sendAttributes(const replica::Attributes& attributes) {
+  const auto status = fileStatus(attributes, session_->owner());
+  send([&status](fuse_req_t request) {
+    return fuse_reply_attr(request, &status, kAttributeSeconds);
+  });
+}
+
+replica::Completion<replica::Done> Reply::completion() {
+  return [reply = shared_from_this()](replica::Outcome<replica::Done> outcome) {
+    if (outcome.succeeded()) return reply->succeed();
+    // What the provider excludes stays here, which is no failure.
+    if (errnoFor(outcome.error(), reply->addressing_) == 0) return reply->succeed();
+    reply->fail(outcome.error());
+  };
+}
+
+}  // namespace kestrowan::mount

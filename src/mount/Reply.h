@@ -1,0 +1,136 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "mount/Errno.h"
+#include "mount/Fuse.h"
+#include "mount/Session.h"
+#include "replica/Outcome.h"
+#include "replica/Replica.h"
+
+namespace kestrowan::mount {
+
+/// What a signal to the waiting program does to its request.
+enum class OnSignal {
+  /// It ends with EINTR; what was begun goes on.
+  ends,
+  /// It ends only for a program that is about to die: who changes names must not be told that
+  /// nothing happened while it does. Only for requests that wait for a short time.
+  endsTheDying,
+};
+
+/// One request of the kernel, answered exactly once: by what it was waiting for, by a signal, or,
+/// when everybody has let go of it, with EIO. Shared by those who may answer it. Usable from every
+/// thread; nothing here waits.
+class Reply : public std::enable_shared_from_this<Reply> {
+ public:
+  Reply(fuse_req_t request, Addressing addressing);
+  Reply(const Reply&) = delete;
+  Reply& operator=(const Reply&) = delete;
+  ~Reply();
+
+  Session& session() const { return *session_; }
+
+  /// Lets a signal answer the request. Called last by the thread that received it, once whatever
+  /// will answer it has been set going.
+  void allowSignal(OnSignal onSignal);
+
+  /// Answers with `send`, which gets the request and gives the result of the libfuse function that
+  /// it calls; what it throws instead is the answer. False when the request has its answer already
+  /// or the kernel does not want one any more.
+  template <typename Send>
+  bool send(Send&& send) {
+    if (!claim()) return false;
+    return session_->channel().deliver(request_, [&](fuse_req_t request) {
+      try {
+        return send(request);
+      } catch (...) {
+        return fuse_reply_err(request, errnoFor(std::current_exception(), addressing_));
+      }
+    });
+  }
+
+  void fail(int number);
+  void fail(const NSError& error);
+  void fail(const std::exception_ptr& exception);
+  /// For requests that are answered by nothing but success.
+  void succeed();
+
+  /// Answers with an entry of a folder, which the kernel then knows once more.
+  void sendEntry(const replica::Attributes& attributes);
+  void sendAttributes(const replica::Attributes& attributes);
+
+  /// A completion that answers with the error if there is one; else it calls `use` with this reply
+  /// and the value, and what `use` throws is the answer.
+  template <typename T, typename Use>
+  replica::Completion<T> completion(Use use) {
+    return [reply = shared_from_this(), use = std::move(use)](replica::Outcome<T> outcome) {
+      if (!outcome.succeeded()) return reply->fail(outcome.error());
+      reply->guard([&] { use(reply, std::move(outcome.value())); });
+    };
+  }
+
+  /// A completion that answers with success or the error.
+  replica::Completion<replica::Done> completion();
+
+  /// Runs `action`; what it throws is the answer.
+  template <typename Action>
+  void guard(Action&& action) noexcept {
+    try {
+      action();
+    } catch (...) {
+      fail(std::current_exception());
+    }
+  }
+
+ private:
+  static void interrupted(fuse_req_t request, void* data) noexcept;
+
+  /// True for the first who wants to answer.
+  bool claim();
+
+  const std::shared_ptr<Session> session_;
+  const fuse_req_t request_;
+  const Addressing addressing_;
+
+  std::atomic<bool> answered_ = false;
+  /// Held while the request is registered for signals, and to look whether it is.
+  std::mutex registration_;
+  bool registered_ = false;
+  // Written before the registration.
+  OnSignal onSignal_ = OnSignal::ends;
+  pid_t thread_ = 0;
+  /// Whether the signal came before the registration did. Used by the registering thread alone.
+  bool signalledBefore_ = false;
+};
+
+/// Answers `request` by `handle`, which gets the reply as a shared pointer and passes it on to
+/// whatever will answer; what `handle` throws is the answer.
+template <typename Handle>
+void serve(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept {
+  std::shared_ptr<Reply> reply;
+  try {
+    reply = std::make_shared<Reply>(request, addressing);
+  } catch (...) {
+    fuse_reply_err(request, ENOMEM);
+    return;
+  }
+  reply->guard([&] { handle(reply); });
+}
+
+/// The same for a request that `handle` answers before it returns, as the last thing that it does.
+template <typename Handle>
+void serveAtOnce(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept {
+  try {
+    handle();
+  } catch (...) {
+    fuse_reply_err(request, errnoFor(std::current_exception(), addressing));
+  }
+}
+
+}  // namespace kestrowan::mount

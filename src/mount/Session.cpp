@@ -1,0 +1,37 @@
+#include "mount/Session.h"
+
+#include "mount/Operations.h"
+
+namespace kestrowan::mount {
+
+Session::Session(replica::Replica& replica, Owner owner, const std::string& mountOptions)
+    : replica_(replica),
+      owner_(owner),
+      channel_(mountOptions, operations(), this),
+      invalidation_(channel_) {}
+
+void Session::entryChanged(replica::Rid folder, const std::string& name) {
+  nameChanges_.count(folder);
+  invalidation_.entryChanged(folder, name);
+}
+
+void Session::itemChanged(replica::Rid item, bool contents) {
+  invalidation_.itemChanged(item, contents);
+}
+
+bool Session::waitUntilReady() const {
+  state_.wait(State::starting);
+  return state_ == State::ready;
+}
+
+void Session::setState(State state) {
+  state_ = state;
+  state_.notify_all();
+}
+
+void Session::closeHandles() {
+  files_.takeAll();
+  for (const auto& handle : folders_.takeAll()) replica_.closeFolder(handle->folder);
+}
+
+}  // namespace kestrowan::mount

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "mount/Channel.h"
+#include "mount/Fuse.h"
+#include "mount/Handles.h"
+#include "mount/Invalidation.h"
+#include "mount/SeenContents.h"
+#include "replica/Replica.h"
+
+namespace kestrowan::mount {
+
+/// The one to whom every item of a mount belongs.
+struct Owner {
+  uid_t user = 0;
+  gid_t group = 0;
+};
+
+/// One open file of the kernel's.
+struct FileHandle {
+  std::shared_ptr<replica::OpenFile> file;
+};
+
+/// One open folder of the kernel's.
+struct FolderHandle {
+  replica::Rid folder = 0;
+  std::mutex mutex;  // guards what follows
+  std::shared_ptr<const replica::FolderSnapshot> snapshot;
+  /// How often names of the folder had changed when the snapshot was taken.
+  std::uint32_t changes = 0;
+  bool wasRead = false;
+};
+
+/// Counts changes of names, by folder: equal counts say that no name of the folder has changed.
+/// Usable from every thread.
+class NameChanges {
+ public:
+  void count(replica::Rid folder) { ++of(folder); }
+  std::uint32_t counted(replica::Rid folder) { return of(folder); }
+
+ private:
+  std::atomic<std::uint32_t>& of(replica::Rid folder) { return counts_[folder % counts_.size()]; }
+
+  std::array<std::atomic<std::uint32_t>, 1024> counts_ = {};
+};
+
+/// What the requests of one mount share. Owned by the mount and by every request that has no answer
+/// yet. Usable from every thread.
+class Session : public std::enable_shared_from_this<Session>, public replica::Observer {
+ public:
+  /// Throws `NSError`. The replica must outlive the session.
+  Session(replica::Replica& replica, Owner owner, const std::string& mountOptions);
+
+  /// The session that `request` came in.
+  static Session& of(fuse_req_t request) {
+    return *static_cast<Session*>(fuse_req_userdata(request));
+  }
+
+  replica::Replica& replica() { return replica_; }
+  const Owner& owner() const { return owner_; }
+  Channel& channel() { return channel_; }
+  Invalidation& invalidation() { return invalidation_; }
+  Handles<FileHandle>& files() { return files_; }
+  Handles<FolderHandle>& folders() { return folders_; }
+  SeenContents& seenContents() { return seenContents_; }
+  NameChanges& nameChanges() { return nameChanges_; }
+
+  void entryChanged(replica::Rid folder, const std::string& name) override;
+  void itemChanged(replica::Rid item, bool contents) override;
+
+  /// The kernel and libfuse have agreed on what they can do, and requests come.
+  void setReady() { setState(State::ready); }
+  /// No more requests come.
+  void setEnded() { setState(State::ended); }
+  /// Waits for either; true when requests come.
+  bool waitUntilReady() const;
+
+  /// Lets go of everything that the kernel has open.
+  void closeHandles();
+
+ private:
+  enum class State : int { starting, ready, ended };
+
+  void setState(State state);
+
+  replica::Replica& replica_;
+  const Owner owner_;
+  std::atomic<State> state_ = State::starting;
+  Handles<FileHandle> files_;
+  Handles<FolderHandle> folders_;
+  SeenContents seenContents_;
+  NameChanges nameChanges_;
+  Channel channel_;
+  Invalidation invalidation_;
+};
+
+}  // namespace kestrowan::mount

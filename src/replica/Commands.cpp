@@ -1,0 +1,210 @@
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "replica/Implementation.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+constexpr std::size_t kMostPending = 10000;
+
+SyncState stateOf(const Item& item) {
+  if (item.localOnly) return SyncState::localOnly;
+  if (!item.isPending()) return SyncState::synced;
+  if (item.isSending()) return SyncState::sending;
+  if (!item.failure) return SyncState::waiting;
+  return item.failure->failureClass == FailureClass::refused ? SyncState::refused
+                                                             : SyncState::retrying;
+}
+
+std::string changesOf(const Item& item) {
+  if (item.mustCreate()) return "create";
+  if (item.mustRemove()) return "delete";
+  std::string result;
+  if (item.mustMove()) result = "rename";
+  if (item.mustSendContents()) result += result.empty() ? "contents" : ", contents";
+  return result;
+}
+
+}  // namespace
+
+ItemStatus Replica::Implementation::itemStatus(const Item& item) const {
+  ItemStatus status;
+  status.path = core.table.path(item);
+  status.kind = item.kind;
+  status.state = stateOf(item);
+  status.changes = changesOf(item);
+  if (item.base) {
+    status.identifier = item.base->identifier;
+    status.version = item.base->version;
+  }
+  status.size = item.size;
+  status.downloaded = item.content != 0;
+  status.pinned = item.pinned;
+  status.failure = item.failure;
+  return status;
+}
+
+Status Replica::Implementation::status() const {
+  Status status;
+  std::lock_guard lock(core.mutex);
+  status.offline = health.isOffline();
+  status.held = health.held();
+  std::vector<std::pair<std::uint64_t, const Item*>> pending;
+  core.table.forEach([&](const ItemPtr& item) {
+    if (item->gone) return;
+    ++status.itemCount;
+    if (!item->isPending()) return;
+    ++status.pendingCount;
+    if (item->contentsChanged && !item->removed) status.pendingBytes += item->size;
+    pending.emplace_back(item->sync ? item->sync->order : 0, item.get());
+  });
+  std::sort(pending.begin(), pending.end());
+  for (const auto& entry : pending) {
+    if (status.pending.size() == kMostPending) break;
+    status.pending.push_back(itemStatus(*entry.second));
+  }
+  const auto cached = fetcher.cached();
+  status.cachedFiles = cached.files;
+  status.cachedBytes = cached.bytes;
+  status.fetching = fetcher.inFlight();
+  const auto recovered = core.contents.recoveryUsage();
+  status.recoveredFiles = recovered.files;
+  status.recoveredBytes = recovered.bytes;
+  status.conflicts = core.conflicts;
+  status.refusedEntries = core.refusedEntries;
+  return status;
+}
+
+void Replica::Implementation::find(std::string path, Completion<Rid> completion) {
+  struct Step {
+    static void go(Implementation* self, Rid at, std::string rest, Completion<Rid> completion) {
+      rest.erase(0, rest.find_first_not_of('/'));
+      if (rest.empty()) {
+        completion(at);
+        return;
+      }
+      const std::size_t end = std::min(rest.find('/'), rest.size());
+      const std::string name = rest.substr(0, end);
+      try {
+        self->lookUp(at, name,
+                     [self, rest = rest.substr(end), completion](const Outcome<Attributes>& found) {
+                       if (!found.succeeded()) {
+                         completion(found.error());
+                       } else {
+                         go(self, found.value().rid, rest, completion);
+                       }
+                     });
+      } catch (const NSError& error) {
+        completion(error);
+      }
+    }
+  };
+  Step::go(this, kRootRid, std::move(path), std::move(completion));
+}
+
+EvictionResult Replica::Implementation::evict(Rid rid) {
+  EvictionResult result;
+  std::lock_guard lock(core.mutex);
+  for (const ItemPtr& item : subtree(core.require(rid))) {
+    if (item->isFolder() || item->content == 0) continue;
+    if (Fetcher::isEvictable(*item)) {
+      ++result.evicted;
+      result.bytes += item->size;
+      fetcher.evict(item);
+    } else if (item->pinned) {
+      ++result.pinned;
+    } else if (item->handles > 0) {
+      ++result.open;
+    } else {
+      ++result.changed;
+    }
+  }
+  return result;
+}
+
+void Replica::Implementation::setPinned(Rid rid, bool pinned) {
+  std::lock_guard lock(core.mutex);
+  ItemStore::Transaction transaction(core.store);
+  for (const ItemPtr& item : subtree(core.require(rid))) {
+    item->pinned = pinned;
+    core.save(item);
+    if (!pinned) continue;
+    if (item->isFolder()) {
+      // What is in it is only known once it has been listed.
+      if (item->base) {
+        lister.look(item);
+      }
+    } else {
+      fetcher.fetchLater(item);
+    }
+  }
+  transaction.commit();
+}
+
+void Replica::Implementation::retry(Rid rid) {
+  {
+    std::lock_guard lock(core.mutex);
+    core.table.forEach([&](const ItemPtr& item) {
+      if (!item->isPending() || item->isSending()) return;
+      const ItemPtr within = core.table.find(rid);
+      if (within && core.table.isWithin(*item, rid)) sender.changed(item, {});
+    });
+  }
+  core.loop.post([this] { sender.pump(); });
+}
+
+void Replica::Implementation::discardOne(const ItemPtr& item) {
+  sender.withdraw(item);
+  item->failure.reset();
+  item->sent.reset();
+  if (item->mustCreate()) {
+    if (item->isFolder() && core.table.hasChildren(item->rid)) return;
+    const Rid folder = item->parent;
+    const std::string name = item->name;
+    core.dropContents(item, true);
+    core.dropItem(item);
+    core.entryChanged(folder, name);
+    return;
+  }
+  const Base base = *item->base;
+  const ItemPtr here = core.table.child(base.parent, base.name);
+  if (item->mustMove() && (!here || here == item)) {
+    core.entryChanged(item->parent, item->name);
+    core.table.place(item, base.parent, base.name);
+    core.entryChanged(item->parent, item->name);
+  }
+  if (item->removed && (!here || here == item)) {
+    core.table.setRemoved(item, false);
+    core.entryChanged(base.parent, base.name);
+  }
+  if (item->contentsChanged) {
+    core.dropContents(item, true);
+    item->contents.reset();
+    item->size = base.size;
+    item->modified = modifiedOf(base);
+  }
+  core.save(item);
+  core.itemChanged(item->rid, true);
+}
+
+std::size_t Replica::Implementation::discard(Rid rid) {
+  std::lock_guard lock(core.mutex);
+  core.require(rid);
+  std::vector<ItemPtr> pending;
+  core.table.forEach([&](const ItemPtr& item) {
+    if (item->isPending() && !item->isSending() && core.table.isWithin(*item, rid)) {
+      pending.push_back(item);
+    }
+  });
+  // What lies deepest goes first, so that folders made here are empty when it is their turn.
+  std::sort(pending.begin(), pending.end(), [this](const ItemPtr& a, const ItemPtr& b) {
+    return core.table.path(*a).size() > core.table.path(*b).size();
+  });
+  for (const ItemPtr& item : pending) discardOne(item);
+  return pending.size();
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/UniqueFd.h"
+#include "replica/Records.h"
+
+namespace kestrowan::replica {
+
+/// The files with the items' contents, named by numbers alone; and the recovery area, where
+/// contents go that nobody must lose and no item has any more. Directories are mode 0700, files
+/// 0600; nothing is opened through a symbolic link. Usable from every thread, for different
+/// numbers at once. Everything throws `NSError` of `NSPOSIXErrorDomain`. Sizes are bytes.
+class ContentStore {
+ public:
+  /// Uses, or makes, the directories "contents", "recovery" and "temporary" in `directory`.
+  explicit ContentStore(const std::string& directory);
+
+  std::string path(ContentNumber number) const;
+
+  /// A new empty file. For reading and writing, as are the next two.
+  UniqueFd create(ContentNumber number);
+  UniqueFd open(ContentNumber number) const;
+  /// A copy of the contents behind `source`, sharing blocks where the file system can and keeping
+  /// holes. Leaves nothing behind when it fails.
+  UniqueFd clone(int source, ContentNumber number);
+  /// Takes the regular file at `file`, by renaming it where that can be, as the contents.
+  void adopt(ContentNumber number, const std::string& file);
+  /// Does nothing for contents that are not there.
+  void remove(ContentNumber number);
+  std::vector<ContentNumber> numbers() const;
+
+  /// Moves contents to the recovery area, under a name made of `at` (seconds since 1970-01-01 UTC),
+  /// and as much of `name` as a file system takes; gives the whole path.
+  std::string recover(ContentNumber number, std::string_view name, std::int64_t at);
+  /// Removes the oldest recovered files beyond `bytes` in sum, and those from before `before`
+  /// (seconds since 1970-01-01 UTC).
+  void trimRecovery(std::int64_t bytes, std::int64_t before);
+  struct Usage {
+    std::int64_t files = 0;
+    std::int64_t bytes = 0;
+  };
+  Usage recoveryUsage() const;
+
+  /// A private directory on the same file system, for files that `adopt` will take. Emptied by the
+  /// constructor.
+  const std::string& temporaryDirectory() const { return temporary_; }
+  /// Removes what lies in the temporary directory and was last changed before `before` (seconds
+  /// since 1970-01-01 UTC).
+  void sweepTemporary(std::int64_t before);
+
+  struct Space {
+    std::int64_t capacity = 0;
+    std::int64_t free = 0;
+  };
+  /// Of the file system that the contents lie on.
+  Space space() const;
+
+ private:
+  std::string contents_;
+  std::string recovery_;
+  std::string temporary_;
+};
+
+}  // namespace kestrowan::replica

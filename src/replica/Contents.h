@@ -1,0 +1,25 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <shared_mutex>
+
+#include "platform/base/UniqueFd.h"
+#include "replica/Records.h"
+
+namespace kestrowan::replica {
+
+/// The open file with one item's contents, shared by everybody who has the item open. The file
+/// behind it is exchanged when it must not change any more, so the descriptor is used only under
+/// `mutex`: shared to read and to write, exclusively to exchange it.
+struct Contents {
+  std::shared_mutex mutex;
+  UniqueFd file;
+  ContentNumber number = 0;
+  /// Set while the file is being sent: whoever wants to write exchanges it for a copy first.
+  std::atomic<bool> frozen = false;
+  /// Whether it stands on disk that these contents are changed.
+  std::atomic<bool> noted = false;
+};
+
+}  // namespace kestrowan::replica

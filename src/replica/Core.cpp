@@ -1,0 +1,146 @@
+#include "replica/Core.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace kestrowan::replica {
+
+namespace {
+
+constexpr std::int64_t kNanoseconds = 1'000'000'000;
+
+const Logger& replicaLog() {
+  static const Logger log("com.kestrowan.app.FileProvider", "replica");
+  return log;
+}
+
+}  // namespace
+
+std::int64_t modifiedOf(const Base& base) {
+  return base.date.value_or(0) * kNanoseconds;
+}
+
+Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
+    : options(std::move(usedOptions)),
+      loop(usedLoop),
+      store(directory),
+      contents(directory),
+      provider(usedLoop, {options.metadataCalls, options.downloads, options.uploads}),
+      random(std::random_device()()) {}
+
+ItemPtr Core::require(Rid rid) const {
+  auto item = table.find(rid);
+  if (!item) throw posixError(ESTALE);
+  return item;
+}
+
+ItemPtr Core::requireFolder(Rid rid) const {
+  auto item = require(rid);
+  if (item->gone || item->removed) throw posixError(ESTALE);
+  if (!item->isFolder()) throw posixError(ENOTDIR);
+  return item;
+}
+
+bool Core::mayWrite(const Item& item) const {
+  return !item.base || (item.base->capabilities & NSFileProviderItemCapability::allowsWriting) != 0;
+}
+
+Attributes Core::attributes(const Item& item) const {
+  Attributes result;
+  result.rid = item.rid;
+  result.kind = item.kind;
+  result.size = item.isFolder() ? 0 : item.size;
+  result.modified = item.modified;
+  constexpr std::uint16_t kWriting = 0222;
+  result.mode = item.mode.value_or(item.isFolder() ? 0755 : 0644);
+  if (!mayWrite(item)) result.mode &= static_cast<std::uint16_t>(~kWriting);
+  return result;
+}
+
+ItemPtr Core::makeItem(Rid parent, std::string name, ItemKind kind) {
+  auto item = std::make_shared<Item>();
+  item->rid = store.nextNumber();
+  item->parent = parent;
+  item->name = std::move(name);
+  item->kind = kind;
+  item->lastUse = seconds();
+  return item;
+}
+
+FolderRuntime& Core::folder(const ItemPtr& item) {
+  if (!item->folder) item->folder = std::make_unique<FolderRuntime>();
+  return *item->folder;
+}
+
+SyncRuntime& Core::sync(const ItemPtr& item) {
+  if (!item->sync) item->sync = std::make_unique<SyncRuntime>();
+  return *item->sync;
+}
+
+void Core::dropContents(const ItemPtr& item, bool recover) {
+  const ContentNumber number = std::exchange(item->content, 0);
+  item->contentsChanged = false;
+  if (number == 0) return;
+  if (recover) {
+    const std::string kept = contents.recover(number, item->name, seconds());
+    log("kept in the recovery area", *item, kept);
+  } else {
+    contents.remove(number);
+  }
+}
+
+void Core::dropItem(const ItemPtr& item) {
+  table.detach(item);
+  store.remove(item->rid);
+  // Contents that are being sent go when that has ended.
+  if (!item->isSending()) dropContents(item, false);
+  releaseIfUnused(item);
+}
+
+void Core::releaseIfUnused(const ItemPtr& item) {
+  if (!item->gone || item->handles > 0 || item->isSending()) return;
+  dropContents(item, false);
+  if (item->lookups == 0) table.erase(item);
+}
+
+void Core::setBase(const ItemPtr& item, std::optional<Base> base) {
+  const std::string before = item->base ? item->base->identifier : std::string();
+  table.setBase(item, std::move(base));
+  save(item);
+  const std::string after = item->base ? item->base->identifier : std::string();
+  if (!item->isFolder() || before.empty() || after.empty() || before == after) return;
+
+  const std::string prefix = before + "/";
+  std::vector<ItemPtr> below = table.serverChildren(item->rid);
+  while (!below.empty()) {
+    const ItemPtr child = below.back();
+    below.pop_back();
+    // Only with its parent does a child's identifier change, and only when it is made of it.
+    if (!child->base->identifier.starts_with(prefix)) continue;
+    child->base->identifier.replace(0, before.size(), after);
+    save(child);
+    const auto further = table.serverChildren(child->rid);
+    below.insert(below.end(), further.begin(), further.end());
+  }
+}
+
+bool Core::isBeingSentTo(Rid folderRid, std::string_view name) const {
+  return std::any_of(sending.begin(), sending.end(), [&](const ItemPtr& item) {
+    return item->sync->targetParent == folderRid && item->sync->targetName == name;
+  });
+}
+
+void Core::entryChanged(Rid folderRid, const std::string& name) {
+  if (observer) observer->entryChanged(folderRid, name);
+}
+
+void Core::itemChanged(Rid item, bool withContents) {
+  if (observer) observer->itemChanged(item, withContents);
+}
+
+void Core::log(std::string_view what, const Item& item, std::string_view detail) const {
+  replicaLog().error("%{public}s: %{public}s %{public}s", {what, table.path(item), detail});
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/Logger.h"
+#include "replica/ContentStore.h"
+#include "replica/ItemTable.h"
+#include "replica/Loop.h"
+#include "replica/Observer.h"
+#include "replica/Options.h"
+#include "replica/ProviderCalls.h"
+#include "replica/Replica.h"
+#include "replica/sqlite/ItemStore.h"
+
+namespace kestrowan::replica {
+
+/// What the parts of a replica share: the items, their rows, their contents, the provider, and the
+/// one lock that guards the items. Owned by the replica, and outlives its parts.
+///
+/// Lock order: a file's `Contents::mutex`, then `mutex`. Nothing is called back under the lock but
+/// the observer. What is marked "locked" is called with the lock held.
+struct Core {
+  Core(const std::string& directory, Loop& loop, Options options);
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+
+  const Options options;
+  Loop& loop;
+  ItemStore store;
+  ContentStore contents;
+  ProviderCalls provider;
+
+  mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`
+  ItemTable table;
+  Observer* observer = nullptr;
+  Sequence sequence = 0;
+  bool stopped = false;
+  /// Items with a request in flight.
+  std::vector<ItemPtr> sending;
+  std::vector<std::string> conflicts;
+  std::int64_t refusedEntries = 0;
+  std::mt19937_64 random;
+
+  /// Milliseconds and whole seconds since 1970-01-01 UTC.
+  std::int64_t milliseconds() const { return loop.wallClock(); }
+  std::int64_t seconds() const { return loop.wallClock() / 1000; }
+
+  // Locked.
+
+  /// Throws ESTALE for an item that is not known.
+  ItemPtr require(Rid rid) const;
+  /// The same for a folder of the tree; ENOTDIR for a file, ESTALE for one that is gone.
+  ItemPtr requireFolder(Rid rid) const;
+  Attributes attributes(const Item& item) const;
+  bool mayWrite(const Item& item) const;
+  /// A new item, not yet in the table.
+  ItemPtr makeItem(Rid parent, std::string name, ItemKind kind);
+  FolderRuntime& folder(const ItemPtr& item);
+  SyncRuntime& sync(const ItemPtr& item);
+  void save(const ItemPtr& item) { store.save(*item); }
+  /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
+  void dropItem(const ItemPtr& item);
+  /// Removes contents, or keeps them in the recovery area under the item's name.
+  void dropContents(const ItemPtr& item, bool recover);
+  /// Frees what nobody knows any more.
+  void releaseIfUnused(const ItemPtr& item);
+  /// Changes what the provider is known to have, in the table and on disk; identifiers below a
+  /// folder change with it.
+  void setBase(const ItemPtr& item, std::optional<Base> base);
+  /// The provider confirmed a change of ours just now.
+  void confirm(const ItemPtr& item) { item->confirmed = ++sequence; }
+  /// Whether a request in flight puts an item there.
+  bool isBeingSentTo(Rid folder, std::string_view name) const;
+  void entryChanged(Rid folder, const std::string& name);
+  void itemChanged(Rid item, bool contents);
+
+  /// Completes from the loop, without the lock.
+  template <typename T>
+  void answer(Completion<T> completion, Outcome<T> outcome) {
+    loop.post([completion = std::move(completion), outcome = std::move(outcome)]() mutable {
+      completion(std::move(outcome));
+    });
+  }
+
+  /// One line about an item for whoever runs the host.
+  void log(std::string_view what, const Item& item, std::string_view detail = {}) const;
+};
+
+/// Nanoseconds of a base's date; of 1970 when it has none.
+std::int64_t modifiedOf(const Base& base);
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,114 @@
+#include "replica/ErrorClass.h"
+
+#include <algorithm>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using Code = NSFileProviderErrorCode;
+using std::chrono::milliseconds;
+
+// Codes that the provider's own sources do not name.
+constexpr std::int64_t kCannotSynchronize = -2005;
+constexpr std::int64_t kVersionNoLongerAvailable = -2009;
+constexpr std::int64_t kExcludedFromSync = -2010;
+constexpr std::int64_t kFileReadInvalidFileName = 258;
+constexpr std::int64_t kFileWriteVolumeReadOnly = 642;
+constexpr std::int64_t kNotConnectedToInternet = -1009;
+constexpr std::int64_t kClientCertificateRequired = -1206;
+
+constexpr std::int64_t kLongestBackOff = 300;       // seconds
+constexpr std::int64_t kLongestProbeInterval = 30;  // seconds
+
+ErrorClass fileProviderClass(std::int64_t code) {
+  switch (code) {
+    case static_cast<std::int64_t>(Code::notAuthenticated):
+      return ErrorClass::held;
+    case static_cast<std::int64_t>(Code::filenameCollision):
+      return ErrorClass::collision;
+    case static_cast<std::int64_t>(Code::syncAnchorExpired):
+      return ErrorClass::listAgain;
+    case static_cast<std::int64_t>(Code::insufficientQuota):
+      return ErrorClass::quota;
+    case static_cast<std::int64_t>(Code::serverUnreachable):
+      return ErrorClass::ambiguous;
+    case static_cast<std::int64_t>(Code::noSuchItem):
+    case kVersionNoLongerAvailable:
+      return ErrorClass::gone;
+    case static_cast<std::int64_t>(Code::versionOutOfDate):
+      return ErrorClass::deletionRefused;
+    case static_cast<std::int64_t>(Code::directoryNotEmpty):
+      return ErrorClass::folderNotEmpty;
+    case kCannotSynchronize:
+      return ErrorClass::parked;
+    case kExcludedFromSync:
+      return ErrorClass::excluded;
+    default:
+      return ErrorClass::transient;
+  }
+}
+
+ErrorClass cocoaClass(std::int64_t code) {
+  switch (code) {
+    case NSFileWriteFileExistsError:
+      return ErrorClass::collision;
+    case NSFileNoSuchFileError:
+    case NSFileReadNoSuchFileError:
+    case NSFileReadNoPermissionError:
+    case NSFileWriteNoPermissionError:
+    case kFileReadInvalidFileName:
+    case NSFileWriteInvalidFileNameError:
+    case kFileWriteVolumeReadOnly:
+      return ErrorClass::refused;
+    default:
+      // A full disk and a user's cancelling among them: neither lasts.
+      return ErrorClass::transient;
+  }
+}
+
+ErrorClass urlClass(std::int64_t code) {
+  switch (code) {
+    case NSURLErrorCannotFindHost:
+    case NSURLErrorCannotConnectToHost:
+    case kNotConnectedToInternet:
+      return ErrorClass::down;
+    case NSURLErrorCancelled:
+      return ErrorClass::held;
+    default:
+      return code >= kClientCertificateRequired && code <= NSURLErrorSecureConnectionFailed
+                 ? ErrorClass::held
+                 : ErrorClass::transient;
+  }
+}
+
+/// 1 for 0, then 2, 4 and so on, at most `longest`.
+milliseconds doubled(std::uint32_t times, std::int64_t longest) {
+  constexpr std::uint32_t kEnough = 32;
+  return std::chrono::seconds(std::min(longest, std::int64_t{1} << std::min(times, kEnough)));
+}
+
+}  // namespace
+
+ErrorClass errorClass(const NSError& error) {
+  if (error.domain() == NSFileProviderErrorDomain) return fileProviderClass(error.code());
+  if (error.domain() == NSPOSIXErrorDomain) return ErrorClass::refused;
+  if (error.domain() == NSCocoaErrorDomain) return cocoaClass(error.code());
+  if (error.domain() == NSURLErrorDomain) return urlClass(error.code());
+  return ErrorClass::transient;
+}
+
+milliseconds backOff(std::uint32_t tries, std::uint64_t random) {
+  const auto middle = doubled(tries == 0 ? 0 : tries - 1, kLongestBackOff);
+  const auto fifth = middle / 5;
+  const auto width = static_cast<std::uint64_t>(2 * fifth.count() + 1);
+  return middle - fifth + milliseconds(random % width);
+}
+
+milliseconds probeInterval(std::uint32_t probes) {
+  return doubled(probes, kLongestProbeInterval);
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "platform/foundation/NSError.h"
+
+namespace kestrowan::replica {
+
+/// What an error of the provider means for the change that it answered.
+enum class ErrorClass : std::uint8_t {
+  ambiguous,        // missing, refused, full or down: the parent's listing tells
+  transient,        // may have taken effect: verify, then try again later
+  down,             // the server cannot be reached
+  held,             // nothing works until the configuration changes
+  collision,        // another item has the name
+  gone,             // the item is not there
+  deletionRefused,  // the item stays; list it again
+  folderNotEmpty,   // the same, of a folder
+  quota,            // tried again every 15 minutes
+  parked,           // until the item changes or the user asks
+  excluded,         // stays here from now on
+  listAgain,        // start the listing anew
+  refused,          // definitive
+};
+
+ErrorClass errorClass(const NSError& error);
+
+/// How long to wait after `tries` failures (at least 1): 1, 2, 4 … 300 seconds, each up to a fifth
+/// more or less. `random` is any number; it decides on the fifth.
+std::chrono::milliseconds backOff(std::uint32_t tries, std::uint64_t random);
+
+/// Until the next probe of a server that is down, of which `probes` were made: 1, 2, 4 … 30
+/// seconds.
+std::chrono::milliseconds probeInterval(std::uint32_t probes);
+
+}  // namespace kestrowan::replica

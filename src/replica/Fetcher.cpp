@@ -1,0 +1,173 @@
+#include "replica/Fetcher.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/ErrorClass.h"
+#include "replica/LoopTask.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+/// Contents are taken only with the version they were asked for; after so many tries, as they are.
+constexpr int kTries = 3;
+
+std::optional<std::int64_t> sizeOfFile(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return status.st_size;
+}
+
+void setModified(const std::string& path, std::int64_t nanoseconds) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  std::int64_t rest = nanoseconds % kSecond;
+  if (rest < 0) rest += kSecond;
+  const timespec times[2] = {{0, UTIME_OMIT},
+                             {static_cast<time_t>((nanoseconds - rest) / kSecond), rest}};
+  ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+}  // namespace
+
+void Fetcher::fetch(const ItemPtr& item, Completion<Done> completion) {
+  std::unique_lock lock(core_.mutex);
+  std::optional<NSError> refusal;
+  if (item->gone) {
+    refusal = posixError(ESTALE);
+  } else if (item->content == 0 && !item->fetching && !health_.isUp()) {
+    refusal = health_.reason();
+  } else if (item->content == 0 && !item->base) {
+    refusal = posixError(EIO);
+  }
+  if (refusal || item->content != 0) {
+    lock.unlock();
+    if (refusal) {
+      completion(*refusal);
+    } else {
+      completion(Done{});
+    }
+    return;
+  }
+  if (!item->fetching) begin(item);
+  item->fetching->push_back(std::move(completion));
+}
+
+void Fetcher::fetchLater(const ItemPtr& item) {
+  if (item->gone || item->isFolder() || item->content != 0 || item->fetching || !item->base ||
+      !health_.isUp()) {
+    return;
+  }
+  begin(item);
+}
+
+void Fetcher::begin(const ItemPtr& item) {
+  item->fetching = std::make_unique<std::vector<Completion<Done>>>();
+  ++inFlight_;
+  startOn(core_.loop, run(item));
+}
+
+Task<void> Fetcher::run(ItemPtr item) {
+  std::optional<NSError> error;
+  {
+    std::lock_guard lock(core_.mutex);
+    try {
+      if (item->base) makeRoom(item->base->size);
+    } catch (const NSError& full) {
+      error = full;
+    }
+  }
+  if (!error) error = co_await attempt(item);
+  std::lock_guard lock(core_.mutex);
+  finish(item, error);
+}
+
+Task<std::optional<NSError>> Fetcher::attempt(ItemPtr item) {
+  for (int tries = 1;; ++tries) {
+    Base before;
+    {
+      std::lock_guard lock(core_.mutex);
+      if (item->gone || !item->base) co_return posixError(ESTALE);
+      before = *item->base;
+    }
+    auto outcome = co_await core_.provider.fetch(before.identifier);
+    std::lock_guard lock(core_.mutex);
+    if (core_.stopped) co_return posixError(EIO);
+    health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
+    if (!outcome.succeeded()) co_return outcome.error();
+    auto problem = adopt(item, before, outcome.value(), tries >= kTries);
+    if (!problem) co_return std::nullopt;
+    ::unlink(outcome.value().path.c_str());
+    const bool again =
+        problem->is(NSFileProviderErrorDomain,
+                    static_cast<std::int64_t>(NSFileProviderErrorCode::versionOutOfDate));
+    if (!again) co_return problem;
+  }
+}
+
+/// Takes a fetched file as the item's contents; `versionOutOfDate` when it has to be fetched again.
+std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
+                                      const FetchedFile& file, bool last) {
+  if (item->gone || !item->base) return posixError(ESTALE);
+  // Somebody wrote new contents meanwhile.
+  if (item->content != 0) return std::nullopt;
+  const auto bytes = sizeOfFile(file.path);
+  if (!bytes) return posixError(EIO);
+  Base after = baseOf(*file.item, item->base->parent, core_.options);
+  const bool same =
+      (after.version == before.version || !after.versionKnown || !before.versionKnown) &&
+      *bytes == (after.versionKnown ? after.size : before.size);
+  if (!same && !last) {
+    // What was known may be older than the file: the next try compares with what is known now.
+    if (item->base->identifier == after.identifier && after.versionKnown) {
+      after.name = item->base->name;
+      core_.setBase(item, after);
+    }
+    return NSFileProviderError(NSFileProviderErrorCode::versionOutOfDate);
+  }
+  const ContentNumber number = core_.store.nextNumber();
+  try {
+    core_.contents.adopt(number, file.path);
+    Base base = *item->base;
+    if (after.versionKnown && same) {
+      base.version = after.version;
+      base.versionKnown = true;
+      base.date = after.date;
+    } else if (!same) {
+      base.versionKnown = false;
+    }
+    base.size = *bytes;
+    const bool sizeChanged = item->size != *bytes;
+    item->content = number;
+    item->contentsChanged = false;
+    item->size = *bytes;
+    item->modified = modifiedOf(base);
+    setModified(core_.contents.path(number), item->modified);
+    core_.setBase(item, std::move(base));
+    if (sizeChanged) core_.itemChanged(item->rid, false);
+  } catch (const NSError& error) {
+    item->content = 0;
+    core_.contents.remove(number);
+    return error;
+  }
+  return std::nullopt;
+}
+
+void Fetcher::finish(const ItemPtr& item, const std::optional<NSError>& error) {
+  --inFlight_;
+  const auto waiters = std::move(item->fetching);
+  for (auto& waiter : *waiters) {
+    if (error) {
+      core_.answer<Done>(std::move(waiter), *error);
+    } else {
+      core_.answer<Done>(std::move(waiter), Done{});
+    }
+  }
+}
+
+}  // namespace kestrowan::replica

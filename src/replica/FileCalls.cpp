@@ -1,0 +1,308 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "replica/Implementation.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+/// A file that stays open is sent when it has not been written for so long.
+constexpr milliseconds kQuietTime{30000};
+/// How long `close` and `fsync` wait for the provider, when they are to.
+constexpr milliseconds kContentsWait{10 * 60 * 1000};
+
+void setFileModified(const std::string& path, std::int64_t modified) {
+  std::int64_t rest = modified % kSecond;
+  if (rest < 0) rest += kSecond;
+  const timespec times[2] = {{0, UTIME_OMIT},
+                             {static_cast<time_t>((modified - rest) / kSecond), rest}};
+  if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+    throw posixError(errno);
+  }
+}
+
+}  // namespace
+
+void Replica::Implementation::openFile(Rid rid, OpenMode mode,
+                                       Completion<std::shared_ptr<OpenFile>> completion) {
+  ItemPtr item;
+  ItemPtr folder;
+  {
+    std::lock_guard lock(core.mutex);
+    item = core.require(rid);
+    if (item->gone) throw posixError(ESTALE);
+    if (item->isFolder()) throw posixError(EISDIR);
+    if (mode.write && !core.mayWrite(*item)) throw posixError(EACCES);
+    if (item->base && !item->removed) folder = core.table.find(item->base->parent);
+  }
+  auto open = [this, item, mode, completion = std::move(completion)](const Outcome<Done>&) {
+    if (mode.truncate) {
+      finishOpen(item, mode, completion);
+      return;
+    }
+    // Does nothing for contents that are here.
+    fetcher.fetch(item, [this, item, mode, completion](const Outcome<Done>& fetched) {
+      if (fetched.succeeded()) {
+        finishOpen(item, mode, completion);
+      } else {
+        completion(fetched.error());
+      }
+    });
+  };
+  // Whoever opens a file wants to see what others closed before.
+  if (folder) {
+    lister.prepare(folder, Lister::Need::fresh, std::move(open));
+  } else {
+    open(Done{});
+  }
+}
+
+void Replica::Implementation::finishOpen(const ItemPtr& item, OpenMode mode,
+                                         const Completion<std::shared_ptr<OpenFile>>& completion) {
+  std::shared_ptr<OpenFile> file;
+  try {
+    if (mode.truncate) emptyContents(item);
+    std::lock_guard lock(core.mutex);
+    if (item->gone) throw posixError(ESTALE);
+    file = open(item, mode.write);
+  } catch (const NSError& error) {
+    completion(error);
+    return;
+  }
+  completion(std::move(file));
+}
+
+std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, bool writable) {
+  auto contents = item->contents.lock();
+  if (!contents) {
+    contents = std::make_shared<Contents>();
+    contents->file = core.contents.open(item->content);
+    contents->number = item->content;
+    contents->frozen = item->sync && item->sync->frozen == item->content;
+    contents->noted = item->contentsChanged;
+    item->contents = contents;
+  }
+  item->lastUse = core.seconds();
+  ++item->handles;
+  if (writable) ++item->writers;
+  return std::make_shared<OpenFile>(replica_, item, std::move(contents), writable);
+}
+
+void Replica::Implementation::closed(const OpenFile& file) {
+  std::lock_guard lock(core.mutex);
+  const ItemPtr& item = file.item();
+  --item->handles;
+  if (file.isWritable()) {
+    --item->writers;
+    // Also what was created and never written.
+    if (item->writers == 0 && item->isPending() && !item->removed) {
+      if (item->contentsChanged || item->mustCreate()) {
+        sender.changed(item, core.options.sendDelay);
+      }
+      try {
+        core.save(item);
+      } catch (const NSError& error) {
+        core.log("cannot be noted on disk", *item, error.localizedDescription());
+      }
+    }
+  }
+  core.releaseIfUnused(item);
+}
+
+/// Makes the contents such that they may be changed: no longer those that are being sent, and noted
+/// on disk as changed.
+void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& contents) {
+  std::lock_guard still(contents.mutex);
+  UniqueFd copy;
+  ContentNumber number = 0;
+  if (contents.frozen) {
+    {
+      std::lock_guard lock(core.mutex);
+      number = core.store.nextNumber();
+    }
+    copy = core.contents.clone(contents.file.get(), number);
+  }
+  std::lock_guard lock(core.mutex);
+  if (item->gone) {
+    // Nobody will ask for these contents again; the open file is all there is.
+    if (copy) {
+      contents.file = std::move(copy);
+      core.contents.remove(number);
+    }
+  } else {
+    const ContentNumber before = item->content;
+    const bool wasChanged = item->contentsChanged;
+    if (copy) item->content = number;
+    item->contentsChanged = true;
+    try {
+      core.save(item);
+    } catch (const NSError&) {
+      item->content = before;
+      item->contentsChanged = wasChanged;
+      if (copy) core.contents.remove(number);
+      throw;
+    }
+    if (copy) {
+      contents.file = std::move(copy);
+      contents.number = number;
+    }
+    item->lastWrite = core.milliseconds();
+    if (item->isPending()) sender.changed(item, kQuietTime);
+  }
+  contents.frozen = false;
+  contents.noted = true;
+}
+
+void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& contents) {
+  std::lock_guard lock(core.mutex);
+  struct stat status;
+  if (::fstat(contents.file.get(), &status) == 0) {
+    item->size = status.st_size;
+    item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+  }
+  item->lastWrite = core.milliseconds();
+}
+
+/// Makes the item's contents empty, without a look at what they were.
+void Replica::Implementation::emptyContents(const ItemPtr& item) {
+  for (;;) {
+    std::shared_ptr<Contents> open;
+    {
+      std::lock_guard lock(core.mutex);
+      open = item->contents.lock();
+    }
+    std::unique_lock<std::shared_mutex> still;
+    if (open) still = std::unique_lock(open->mutex);
+    std::lock_guard lock(core.mutex);
+    if (item->gone) throw posixError(ESTALE);
+    if (item->contents.lock() != open) continue;
+    const ContentNumber before = item->content;
+    const bool beingSent = item->sync && item->sync->frozen != 0 && item->sync->frozen == before;
+    const ContentNumber number = core.store.nextNumber();
+    UniqueFd file = core.contents.create(number);
+    item->content = number;
+    item->contentsChanged = true;
+    item->size = 0;
+    item->modified = core.milliseconds() * 1'000'000;
+    item->lastWrite = core.milliseconds();
+    core.save(item);
+    if (before != 0 && !beingSent) core.contents.remove(before);
+    if (open) {
+      open->file = std::move(file);
+      open->number = number;
+      open->frozen = false;
+      open->noted = true;
+    }
+    if (item->isPending()) {
+      sender.changed(item, item->writers > 0 ? kQuietTime : core.options.sendDelay);
+    }
+    return;
+  }
+}
+
+void Replica::Implementation::flush(const std::shared_ptr<OpenFile>& file,
+                                    Completion<Done> completion) {
+  const ItemPtr& item = file->item();
+  std::optional<NSError> unreported;
+  {
+    std::lock_guard lock(core.mutex);
+    if (item->sync) unreported = std::exchange(item->sync->unreported, std::nullopt);
+    const bool waits = core.options.closeWaits && file->isWritable() && item->isPending() &&
+                       !item->removed && !item->gone;
+    if (!unreported && waits) {
+      item->sendNow = true;
+      sender.changed(item, milliseconds(0));
+      sender.awaitVerdict(item, kContentsWait, std::move(completion));
+      return;
+    }
+  }
+  if (unreported) {
+    completion(*unreported);
+  } else {
+    completion(Done{});
+  }
+}
+
+void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
+                                    Completion<Done> completion) {
+  const int result = file->read([](int fd) { return ::fdatasync(fd) == 0 ? 0 : errno; });
+  if (result != 0) throw posixError(result);
+  core.store.sync();
+  const ItemPtr& item = file->item();
+  {
+    std::lock_guard lock(core.mutex);
+    if (item->isPending() && !item->removed) {
+      item->sendNow = true;
+      sender.changed(item, core.options.fsyncWaits ? milliseconds(0) : core.options.sendDelay);
+      if (core.options.fsyncWaits) {
+        sender.awaitVerdict(item, kContentsWait, std::move(completion));
+        return;
+      }
+    }
+  }
+  completion(Done{});
+}
+
+void Replica::Implementation::setModified(const ItemPtr& item, std::int64_t modified) {
+  if (item->content != 0) setFileModified(core.contents.path(item->content), modified);
+  item->modified = modified;
+}
+
+void Replica::Implementation::setAttributes(Rid rid, const AttributeChange& change,
+                                            Completion<Attributes> completion) {
+  ItemPtr item;
+  {
+    std::lock_guard lock(core.mutex);
+    item = core.require(rid);
+    if (change.size && item->isFolder()) throw posixError(EISDIR);
+    if (change.size && *change.size < 0) throw posixError(EINVAL);
+    if (change.size && !core.mayWrite(*item)) throw posixError(EACCES);
+  }
+  auto others = [this, item, change, completion] {
+    Attributes result;
+    try {
+      std::lock_guard lock(core.mutex);
+      if (change.mode) item->mode = static_cast<std::uint16_t>(*change.mode & 0777);
+      if (change.modified) setModified(item, *change.modified);
+      if (!item->gone) core.save(item);
+      result = core.attributes(*item);
+    } catch (const NSError& error) {
+      completion(error);
+      return;
+    }
+    completion(result);
+  };
+  if (!change.size) {
+    others();
+    return;
+  }
+  openFile(rid, {.read = true, .write = true, .truncate = *change.size == 0},
+           [size = *change.size, others = std::move(others),
+            completion](const Outcome<std::shared_ptr<OpenFile>>& opened) {
+             if (!opened.succeeded()) {
+               completion(opened.error());
+               return;
+             }
+             if (size != 0) {
+               try {
+                 const int result = opened.value()->write(
+                     [size](int fd) { return ::ftruncate(fd, size) == 0 ? 0 : errno; });
+                 if (result != 0) throw posixError(result);
+               } catch (const NSError& error) {
+                 completion(error);
+                 return;
+               }
+             }
+             others();
+           });
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,89 @@
+#include "replica/Health.h"
+
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/ErrorClass.h"
+#include "replica/LoopTask.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+constexpr unsigned kFailuresUntilDown = 3;
+
+}  // namespace
+
+Health::Health(Core& core, std::function<void()> resume)
+    : core_(core), resume_(std::move(resume)) {}
+
+std::optional<std::string> Health::held() const {
+  if (state_ != State::held) return std::nullopt;
+  return error_->localizedDescription();
+}
+
+NSError Health::reason() const {
+  return error_.value_or(NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost));
+}
+
+void Health::begin() {
+  state_ = State::up;
+  error_.reset();
+  failures_ = 0;
+  slow_ = false;
+  core_.loop.post(resume_);
+}
+
+void Health::note(const std::optional<NSError>& error) {
+  if (core_.stopped || state_ == State::absent) return;
+  const auto kind = error ? std::optional(errorClass(*error)) : std::nullopt;
+  if (kind == ErrorClass::held) {
+    open(State::held, *error);
+  } else if (kind == ErrorClass::down ||
+             (kind == ErrorClass::transient && error->domain() == NSURLErrorDomain)) {
+    if (++failures_ >= kFailuresUntilDown && state_ == State::up) open(State::down, *error);
+  } else if (kind != ErrorClass::transient && kind != ErrorClass::ambiguous) {
+    // Somebody answered.
+    failures_ = 0;
+    slow_ = false;
+    if (state_ != State::up) begin();
+  }
+}
+
+void Health::open(State state, const NSError& error) {
+  state_ = state;
+  error_ = error;
+  probes_ = 0;
+  // Whoever waits need not any longer.
+  core_.loop.post(resume_);
+  scheduleProbe();
+}
+
+void Health::scheduleProbe() {
+  if (probing_ || core_.stopped) return;
+  probing_ = true;
+  core_.loop.postAfter(probeInterval(++probes_), [this] { startOn(core_.loop, probe()); });
+}
+
+Task<void> Health::probe() {
+  NSFileProviderItemIdentifier root(NSFileProviderRootContainerItemIdentifier);
+  const auto outcome = co_await core_.provider.list(std::move(root));
+  std::lock_guard lock(core_.mutex);
+  probing_ = false;
+  if (core_.stopped || state_ == State::up) co_return;
+  if (outcome.succeeded()) {
+    begin();
+    co_return;
+  }
+  const auto kind = errorClass(outcome.error());
+  if (kind == ErrorClass::held) {
+    state_ = State::held;
+    error_ = outcome.error();
+  } else if (kind == ErrorClass::down) {
+    state_ = State::down;
+    error_ = outcome.error();
+  }
+  scheduleProbe();
+}
+
+}  // namespace kestrowan::replica

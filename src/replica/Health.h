@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "replica/Core.h"
+
+namespace kestrowan::replica {
+
+/// Whether the provider can be asked: up, down (no server; one probe at a time finds out when it is
+/// back), or held (nothing works until it is configured anew). Guarded by the core's lock.
+class Health {
+ public:
+  /// `resume` is run on the loop, without the lock, whenever work may go on.
+  Health(Core& core, std::function<void()> resume);
+
+  bool isUp() const { return state_ == State::up; }
+  bool isOffline() const { return state_ == State::down || state_ == State::absent; }
+  std::optional<std::string> held() const;
+  /// What whoever asks meanwhile is told.
+  NSError reason() const;
+
+  // Locked.
+
+  /// A new provider is there: everything may work again.
+  void begin();
+  /// Somebody waited in vain for an answer: until one comes, nobody waits who can do without.
+  void noteSlow() { slow_ = true; }
+  bool isSlow() const { return slow_; }
+  /// The outcome of any request, but not of those that were stopped.
+  void note(const std::optional<NSError>& error);
+
+ private:
+  enum class State { absent, up, down, held };
+
+  void open(State state, const NSError& error);
+  void scheduleProbe();
+  Task<void> probe();
+
+  Core& core_;
+  const std::function<void()> resume_;
+  State state_ = State::absent;
+  std::optional<NSError> error_;
+  unsigned failures_ = 0;
+  std::uint32_t probes_ = 0;
+  bool probing_ = false;
+  bool slow_ = false;
+};
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "replica/Core.h"
+#include "replica/Fetcher.h"
+#include "replica/Health.h"
+#include "replica/Lister.h"
+#include "replica/Replica.h"
+#include "replica/Sender.h"
+
+namespace kestrowan::replica {
+
+/// The replica's parts and what its calls consist of. The calls are documented in `Replica`; the
+/// helpers below them are called with the lock held unless they say otherwise.
+class Replica::Implementation {
+ public:
+  Implementation(Replica& replica, const std::string& directory, Loop& loop, Options options);
+
+  Core core;
+  Health health;
+  Lister lister;
+  Fetcher fetcher;
+  Sender sender;
+
+  void setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
+  void stop();
+
+  void lookUp(Rid folder, std::string_view name, Completion<Attributes> completion);
+  void openFolder(Rid folder, Completion<std::shared_ptr<const FolderSnapshot>> completion);
+  void setAttributes(Rid item, const AttributeChange& change, Completion<Attributes> completion);
+  void openFile(Rid item, OpenMode mode, Completion<std::shared_ptr<OpenFile>> completion);
+  void flush(const std::shared_ptr<OpenFile>& file, Completion<Done> completion);
+  void fsync(const std::shared_ptr<OpenFile>& file, Completion<Done> completion);
+
+  void createFile(Rid folder, std::string name, std::uint16_t mode,
+                  Completion<CreatedFile> completion);
+  void makeFolder(Rid folder, std::string name, std::uint16_t mode,
+                  Completion<Attributes> completion);
+  void removeFile(Rid folder, std::string name, Completion<Done> completion);
+  void removeFolder(Rid folder, std::string name, Completion<Done> completion);
+  struct Move {
+    Rid folder = 0;
+    std::string name;
+    Rid newFolder = 0;
+    std::string newName;
+    bool replace = true;
+  };
+  void rename(Move move, Completion<Done> completion);
+
+  void find(std::string path, Completion<Rid> completion);
+  Status status() const;
+  ItemStatus itemStatus(const Item& item) const;
+  EvictionResult evict(Rid item);
+  void setPinned(Rid item, bool pinned);
+  void retry(Rid item);
+  std::size_t discard(Rid item);
+
+  /// What an `OpenFile` asks for. Without the lock.
+  void prepareChange(const ItemPtr& item, Contents& contents);
+  void noteChange(const ItemPtr& item, const Contents& contents);
+  void closed(const OpenFile& file);
+
+ private:
+  void load();
+  void loadRecord(ItemRecord record);
+  void repair();
+  void itemChangedByListing(const ItemPtr& item);
+
+  void finishOpen(const ItemPtr& item, OpenMode mode,
+                  const Completion<std::shared_ptr<OpenFile>>& completion);
+  std::shared_ptr<OpenFile> open(const ItemPtr& item, bool writable);
+  /// Without the lock.
+  void emptyContents(const ItemPtr& item);
+  void setModified(const ItemPtr& item, std::int64_t modified);
+
+  /// Throws what forbids an item of that name in that folder.
+  void checkNewName(const ItemPtr& folder, const std::string& name, ItemKind kind) const;
+  void checkChangeable(const ItemPtr& folder) const;
+  bool staysHere(const std::string& name, ItemKind kind) const;
+  void removeItem(const ItemPtr& item, Completion<Done> completion);
+  /// Both give the item whose contents have to be fetched before the move can be made, or null
+  /// when it is made.
+  ItemPtr applyMove(const Move& move, Completion<Done>& completion);
+  void checkMove(const ItemPtr& source, const ItemPtr& target, const ItemPtr& newFolder,
+                 const Move& move) const;
+  void keepHereOnly(const ItemPtr& item);
+  std::vector<ItemPtr> subtree(const ItemPtr& item) const;
+  void discardOne(const ItemPtr& item);
+
+  Replica& replica_;
+};
+
+}  // namespace kestrowan::replica

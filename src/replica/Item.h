@@ -1,0 +1,108 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/foundation/NSError.h"
+#include "replica/Contents.h"
+#include "replica/Listing.h"
+#include "replica/Records.h"
+
+namespace kestrowan::replica {
+
+/// What is known of a folder beyond its record, while the process lives.
+struct FolderRuntime {
+  /// Milliseconds.
+  std::int64_t lastDuration = 0;
+  /// Milliseconds since 1970-01-01 UTC.
+  std::int64_t lastUse = 0;
+  unsigned open = 0;
+  bool listing = false;
+  /// Another listing must begin when this one has ended: it began too early for somebody.
+  bool listAgain = false;
+  /// A timer will list it anew while it is in use.
+  bool watched = false;
+  std::vector<Completion<ListingPtr>> listingWaiters;
+  std::vector<Completion<ListingPtr>> nextListingWaiters;
+
+  /// The provider's entries that cannot be shown, because something else has their name here.
+  std::unordered_map<std::string, Listing::Entry> shadowed;
+  /// Names that the provider no longer has by a change of ours, and when that was confirmed.
+  std::unordered_map<std::string, Sequence> left;
+  /// Materialised files that the last listing lacked, awaiting another that agrees.
+  std::set<Rid> missing;
+  std::int64_t missingSince = 0;
+  /// Of a listing that lost suspiciously much, and was not applied; 0 for none.
+  std::uint64_t suspectedDigest = 0;
+  std::int64_t suspectedAt = 0;
+};
+
+/// What is known of an item's way to the provider, while it is on it.
+struct SyncRuntime {
+  enum class Place : std::uint8_t { idle, delayed, ready, blocked, sending };
+
+  Place place = Place::idle;
+  /// Key in the queue; keeps the order in which changes were made.
+  std::uint64_t order = 0;
+  /// Milliseconds since 1970-01-01 UTC.
+  std::int64_t due = 0;
+  /// Where the request in flight puts the item, and whether it concerns everything below it.
+  Rid targetParent = 0;
+  std::string targetName;
+  bool wholeFolder = false;
+  /// Whoever waits for the provider's word on a change of names.
+  std::vector<Completion<Done>> verdictWaiters;
+  /// Items that must wait until this one's request has ended.
+  std::vector<Rid> blocked;
+  /// Contents on their way to the provider.
+  ContentNumber frozen = 0;
+  /// A refusal of contents that no `close` has reported yet.
+  std::optional<NSError> unreported;
+};
+
+/// One item, as it is in memory. Guarded by the replica's lock; shared by pointer.
+struct Item : ItemRecord {
+  /// No longer in the tree: removed for good, or replaced.
+  bool gone = false;
+  /// How often the kernel knows it, how many handles there are, and how many of them may write.
+  std::uint64_t lookups = 0;
+  std::uint32_t handles = 0;
+  std::uint32_t writers = 0;
+  /// When what the provider has was last learnt from an answer to a change of ours.
+  Sequence confirmed = 0;
+  /// Must be sent after this item's contents were; 0 for none.
+  Rid after = 0;
+  /// To be sent although somebody has it open for writing.
+  bool sendNow = false;
+  /// Milliseconds since 1970-01-01 UTC: the last write.
+  std::int64_t lastWrite = 0;
+  /// Waiters of a fetch in flight; the fetch is in flight while this is there.
+  std::unique_ptr<std::vector<Completion<Done>>> fetching;
+  std::weak_ptr<Contents> contents;
+  std::unique_ptr<FolderRuntime> folder;
+  std::unique_ptr<SyncRuntime> sync;
+
+  bool isFolder() const { return kind == ItemKind::folder; }
+  bool isSending() const { return sync && sync->place == SyncRuntime::Place::sending; }
+
+  /// What has to be made true at the provider.
+  bool mustCreate() const { return !base && !removed && !localOnly; }
+  bool mustRemove() const { return base && removed; }
+  bool mustMove() const {
+    return base && !removed && (base->parent != parent || base->name != name);
+  }
+  bool mustSendContents() const { return base && !removed && contentsChanged; }
+  bool isPending() const {
+    return !gone && rid != kRootRid &&
+           (mustCreate() || mustRemove() || mustMove() || mustSendContents());
+  }
+};
+
+using ItemPtr = std::shared_ptr<Item>;
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,285 @@
+#include "replica/Lister.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/ErrorClass.h"
+#include "replica/LoopTask.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Folders in use are listed anew after this time, more or less a tenth.
+constexpr milliseconds kWatchInterval{30000};
+/// A folder counts as in use for so long after an access.
+constexpr std::int64_t kUseTime = 120000;
+/// A folder that takes long to list is listed so much more rarely.
+constexpr std::int64_t kDurationFactor = 20;
+/// Without anything to show instead, somebody waits this long for a listing.
+constexpr milliseconds kFirstListingWait{60000};
+
+}  // namespace
+
+/// One caller of `prepare`, answered once: by the listing or by the clock.
+struct Lister::Waiter {
+  Completion<Done> completion;
+  std::optional<Loop::TimerNumber> timer;
+  bool answered = false;
+};
+
+Lister::Lister(Core& core, Health& health, std::function<void(const ItemPtr&)> changed)
+    : core_(core), health_(health), changed_(std::move(changed)) {}
+
+bool Lister::isKnown(const Item& folder) const {
+  return folder.listedAt != 0 || !folder.base;
+}
+
+bool Lister::isFresh(const Item& folder, std::int64_t within) const {
+  // What only exists here is as fresh as can be.
+  if (!folder.base) return true;
+  if (folder.listedAt == 0) return false;
+  const std::int64_t age = core_.milliseconds() - folder.listedAt;
+  const std::int64_t rest = folder.folder ? folder.folder->lastDuration * kDurationFactor : 0;
+  return age >= 0 && age <= std::max(within, std::min(rest, core_.options.usableTime.count()));
+}
+
+void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completion) {
+  std::unique_lock lock(core_.mutex);
+  if (folder->gone) {
+    lock.unlock();
+    completion(posixError(ESTALE));
+    return;
+  }
+  FolderRuntime& runtime = core_.folder(folder);
+  const bool wasIdle = core_.milliseconds() - runtime.lastUse > kUseTime && runtime.open == 0;
+  runtime.lastUse = core_.milliseconds();
+  if (wasIdle && folder->base) watch(folder);
+
+  const bool fresh = isFresh(*folder, core_.options.freshTime.count());
+  const bool usable = isFresh(*folder, core_.options.usableTime.count());
+  const bool known = isKnown(*folder);
+  const bool canAsk = health_.isUp() && !core_.stopped;
+
+  if (!folder->base || (fresh && need != Need::forced)) {
+    lock.unlock();
+    completion(Done{});
+    return;
+  }
+  if (!canAsk) {
+    const bool enough = known && need != Need::forced;
+    const NSError reason = health_.reason();
+    lock.unlock();
+    if (enough) {
+      completion(Done{});
+    } else {
+      completion(reason);
+    }
+    return;
+  }
+  const bool background =
+      (need == Need::usable && usable) || (known && need != Need::forced && health_.isSlow());
+  if (background) {
+    if (!runtime.listing) begin(folder);
+    lock.unlock();
+    completion(Done{});
+    return;
+  }
+
+  auto waiter = std::make_shared<Waiter>();
+  waiter->completion = std::move(completion);
+  const milliseconds limit =
+      known && need != Need::forced ? core_.options.listingWait : kFirstListingWait;
+  waiter->timer = core_.loop.postAfter(limit, [this, waiter, known, need] {
+    if (std::exchange(waiter->answered, true)) return;
+    {
+      std::lock_guard relock(core_.mutex);
+      health_.noteSlow();
+    }
+    if (known && need != Need::forced) {
+      waiter->completion(Done{});
+    } else {
+      waiter->completion(posixError(ETIMEDOUT));
+    }
+  });
+  auto answer = [this, waiter, known, need](const Outcome<ListingPtr>& outcome) {
+    if (std::exchange(waiter->answered, true)) return;
+    core_.loop.cancel(*waiter->timer);
+    if (outcome.succeeded() || (known && need != Need::forced)) {
+      waiter->completion(Done{});
+    } else {
+      waiter->completion(outcome.error());
+    }
+  };
+  // A listing that is on its way is new enough for a look, but not as a proof.
+  if (runtime.listing && need == Need::forced) {
+    runtime.listAgain = true;
+    runtime.nextListingWaiters.push_back(std::move(answer));
+  } else {
+    runtime.listingWaiters.push_back(std::move(answer));
+    if (!runtime.listing) begin(folder);
+  }
+}
+
+void Lister::list(const ItemPtr& folder, Completion<ListingPtr> completion) {
+  std::unique_lock lock(core_.mutex);
+  if (folder->gone || !folder->base || core_.stopped) {
+    core_.answer<ListingPtr>(std::move(completion), posixError(ESTALE));
+    return;
+  }
+  FolderRuntime& runtime = core_.folder(folder);
+  if (runtime.listing) {
+    runtime.listAgain = true;
+    runtime.nextListingWaiters.push_back(std::move(completion));
+  } else {
+    runtime.listingWaiters.push_back(std::move(completion));
+    begin(folder);
+  }
+}
+
+Task<Outcome<ListingPtr>> Lister::listed(ItemPtr folder) {
+  auto pending = std::make_shared<PendingCall<ListingPtr>>(core_.loop);
+  list(folder, [pending](Outcome<ListingPtr> outcome) { pending->complete(std::move(outcome)); });
+  co_return co_await pending->result();
+}
+
+void Lister::begin(const ItemPtr& folder) {
+  core_.folder(folder).listing = true;
+  startOn(core_.loop, run(folder));
+}
+
+Task<void> Lister::run(ItemPtr folder) {
+  NSFileProviderItemIdentifier identifier;
+  Sequence begun = 0;
+  const std::int64_t at = core_.milliseconds();
+  {
+    std::lock_guard lock(core_.mutex);
+    if (!folder->base || folder->gone) {
+      finish(folder, posixError(ESTALE));
+      co_return;
+    }
+    identifier = folder->base->identifier;
+    begun = ++core_.sequence;
+  }
+  auto outcome = co_await core_.provider.list(identifier);
+
+  std::unique_lock lock(core_.mutex);
+  if (core_.stopped) {
+    finish(folder, posixError(ESTALE));
+    co_return;
+  }
+  health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
+  if (!outcome.succeeded()) {
+    if (errorClass(outcome.error()) == ErrorClass::ambiguous && folder->rid != kRootRid) {
+      startOn(core_.loop, lookForFolder(folder, outcome.error()));
+    } else {
+      finish(folder, outcome.error());
+    }
+    co_return;
+  }
+  if (!folder->base || folder->gone) {
+    finish(folder, posixError(ESTALE));
+    co_return;
+  }
+  auto listing = std::make_shared<Listing>(outcome.value(), folder->rid, identifier, core_.options);
+  listing->begun = begun;
+  core_.refusedEntries += static_cast<std::int64_t>(listing->refused);
+  outcome.value().clear();
+  core_.folder(folder).lastDuration = core_.milliseconds() - at;
+  try {
+    // An identifier that changed on the way belongs to another place now.
+    if (folder->base->identifier == identifier) {
+      apply(folder, *listing);
+      folder->listedAt = at;
+      core_.save(folder);
+    }
+    finish(folder, ListingPtr(listing));
+  } catch (const NSError& error) {
+    finish(folder, error);
+  }
+}
+
+Task<void> Lister::lookForFolder(ItemPtr folder, NSError error) {
+  ItemPtr parent;
+  {
+    std::lock_guard lock(core_.mutex);
+    if (folder->base) parent = core_.table.find(folder->base->parent);
+  }
+  std::optional<NSError> verdict;
+  if (parent) {
+    const auto outcome = co_await listed(parent);
+    if (!outcome.succeeded()) verdict = outcome.error();
+  }
+  std::lock_guard lock(core_.mutex);
+  if (!verdict) {
+    const bool absent = folder->gone || !folder->base;
+    verdict = absent ? NSFileProviderError(NSFileProviderErrorCode::noSuchItem) : error;
+  }
+  finish(folder, *verdict);
+}
+
+void Lister::finish(const ItemPtr& folder, Outcome<ListingPtr> outcome) {
+  FolderRuntime& runtime = core_.folder(folder);
+  runtime.listing = false;
+  auto waiters = std::move(runtime.listingWaiters);
+  runtime.listingWaiters.clear();
+  for (auto& waiter : waiters) core_.answer<ListingPtr>(std::move(waiter), outcome);
+  if (std::exchange(runtime.listAgain, false)) {
+    runtime.listingWaiters.swap(runtime.nextListingWaiters);
+    begin(folder);
+  } else {
+    runtime.left.clear();
+  }
+}
+
+void Lister::listLater(const ItemPtr& folder, milliseconds delay) {
+  core_.loop.postAfter(delay, [this, folder] {
+    std::lock_guard lock(core_.mutex);
+    if (core_.stopped || folder->gone || !folder->base || !health_.isUp()) return;
+    if (!core_.folder(folder).listing) begin(folder);
+  });
+}
+
+void Lister::look(const ItemPtr& folder) {
+  if (!core_.folder(folder).listing && health_.isUp() && !folder->gone && folder->base) {
+    begin(folder);
+  }
+}
+
+void Lister::setOpen(const ItemPtr& folder, bool open) {
+  FolderRuntime& runtime = core_.folder(folder);
+  runtime.lastUse = core_.milliseconds();
+  if (open) {
+    if (++runtime.open == 1 && folder->base) watch(folder);
+  } else if (runtime.open > 0) {
+    --runtime.open;
+  }
+}
+
+/// Lists the folder every half minute for as long as it is in use.
+void Lister::watch(const ItemPtr& folder) {
+  FolderRuntime& runtime = core_.folder(folder);
+  if (std::exchange(runtime.watched, true)) return;
+  const std::int64_t jitter =
+      static_cast<std::int64_t>(core_.random() % (kWatchInterval.count() / 5)) -
+      kWatchInterval.count() / 10;
+  const milliseconds delay(
+      std::max(kWatchInterval.count() + jitter, runtime.lastDuration * kDurationFactor));
+  core_.loop.postAfter(delay, [this, folder] {
+    std::lock_guard lock(core_.mutex);
+    FolderRuntime& later = core_.folder(folder);
+    later.watched = false;
+    if (core_.stopped || folder->gone || !folder->base) return;
+    if (later.open == 0 && core_.milliseconds() - later.lastUse > kUseTime) return;
+    if (health_.isUp() && !later.listing && !isFresh(*folder, core_.options.freshTime.count())) {
+      begin(folder);
+    }
+    watch(folder);
+  });
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "replica/Core.h"
+#include "replica/Health.h"
+#include "replica/Listing.h"
+
+namespace kestrowan::replica {
+
+/// Keeps folders as the provider has them: decides when a folder is listed, has one listing of each
+/// in flight at most, and applies what it says.
+class Lister {
+ public:
+  /// `changed` is told, locked, of each item that has to be sent because of a listing.
+  Lister(Core& core, Health& health, std::function<void(const ItemPtr&)> changed);
+
+  /// How sure the answer has to be.
+  enum class Need {
+    usable,  // a listing of the last half minute
+    fresh,   // of the last two seconds
+    forced,  // one that begins now
+  };
+
+  /// Completes once the folder's children are known as well as needed, or with the error that
+  /// prevents it. Waits no longer than the options say when the children are known from before, and
+  /// then succeeds with what there is, unless the need is `forced`. Without the lock.
+  void prepare(const ItemPtr& folder, Need need, Completion<Done> completion);
+
+  /// A listing that begins now or after this call. Without the lock; completes on the loop.
+  void list(const ItemPtr& folder, Completion<ListingPtr> completion);
+  /// The same for a coroutine on the loop.
+  Task<Outcome<ListingPtr>> listed(ItemPtr folder);
+
+  /// Whether the folder's children need no look at the provider. Locked.
+  bool isFresh(const Item& folder, std::int64_t within) const;
+  bool isKnown(const Item& folder) const;
+
+  // Locked.
+
+  /// Lists the folder soon, for nobody in particular.
+  void look(const ItemPtr& folder);
+  void setOpen(const ItemPtr& folder, bool open);
+
+  /// Shows an entry that could not be shown before, should its name be free now.
+  void insert(const ItemPtr& folder, const Listing::Entry& entry);
+  /// Applies a listing. Locked; for `list`, and for tests of it.
+  void apply(const ItemPtr& folder, const Listing& listing);
+
+ private:
+  struct Waiter;
+
+  void begin(const ItemPtr& folder);
+  Task<void> run(ItemPtr folder);
+  void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
+  void listLater(const ItemPtr& folder, std::chrono::milliseconds delay);
+  void watch(const ItemPtr& folder);
+  Task<void> lookForFolder(ItemPtr folder, NSError error);
+
+  // What applying consists of.
+  bool isSuspicious(const ItemPtr& folder, const Listing& listing);
+  void update(const ItemPtr& item, const Listing::Entry& entry);
+  void replaceContents(const ItemPtr& item, const Base& base);
+  void vanish(const ItemPtr& item, bool certain);
+  bool holdsChanges(const ItemPtr& folder) const;
+  bool holdsContents(const ItemPtr& folder) const;
+  void showBase(const ItemPtr& item);
+
+  Core& core_;
+  Health& health_;
+  const std::function<void(const ItemPtr&)> changed_;
+};
+
+}  // namespace kestrowan::replica

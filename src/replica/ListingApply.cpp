@@ -1,0 +1,261 @@
+#include <algorithm>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "replica/Lister.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Materialised contents leave the view only when a second listing, this much later, lacks them.
+constexpr std::int64_t kSecondLook = 2000;
+/// The same for a listing that lost suspiciously much.
+constexpr std::int64_t kSuspicionTime = 5000;
+constexpr std::size_t kManyEntries = 10;
+constexpr std::size_t kSomeEntries = 3;
+
+bool sameVersion(const Options& options, const Base& known, const Base& listed) {
+  if (known.size != listed.size) return false;
+  if (known.version == listed.version) return true;
+  return options.sameContents && known.date == listed.date &&
+         options.sameContents(known.version, listed.version);
+}
+
+}  // namespace
+
+bool Lister::isSuspicious(const ItemPtr& folder, const Listing& listing) {
+  FolderRuntime& runtime = core_.folder(folder);
+  const auto known = core_.table.serverChildren(folder->rid);
+  const auto lost =
+      static_cast<std::size_t>(std::count_if(known.begin(), known.end(), [&](const ItemPtr& item) {
+        return !item->removed && !item->isSending() && !listing.find(item->base->name);
+      }));
+  const bool half = known.size() >= kManyEntries && lost * 2 > known.size();
+  const bool all = listing.entries.empty() && lost >= kSomeEntries;
+  if (!half && !all) {
+    runtime.suspectedDigest = 0;
+    return false;
+  }
+  const std::uint64_t digest = listing.digest();
+  const std::int64_t now = core_.milliseconds();
+  if (runtime.suspectedDigest == digest && now - runtime.suspectedAt >= kSuspicionTime) {
+    runtime.suspectedDigest = 0;
+    return false;
+  }
+  if (runtime.suspectedDigest != digest) {
+    runtime.suspectedDigest = digest;
+    runtime.suspectedAt = now;
+    core_.log("a listing lacks most of the folder and is not believed yet", *folder);
+  }
+  listLater(folder, milliseconds(runtime.suspectedAt + kSuspicionTime - now));
+  return true;
+}
+
+void Lister::apply(const ItemPtr& folder, const Listing& listing) {
+  if (isSuspicious(folder, listing)) return;
+  ItemStore::Transaction transaction(core_.store);
+  FolderRuntime& runtime = core_.folder(folder);
+  runtime.shadowed.clear();
+
+  std::vector<ItemPtr> vanished;
+  for (const ItemPtr& item : core_.table.serverChildren(folder->rid)) {
+    if (item->isSending() || item->confirmed > listing.begun) continue;
+    const auto* entry = listing.find(item->base->name);
+    if (!entry || entry->kind != item->kind) vanished.push_back(item);
+    if (entry) runtime.missing.erase(item->rid);
+  }
+
+  for (const auto& entry : listing.entries) {
+    const ItemPtr known = core_.table.serverChild(folder->rid, entry.base.name);
+    if (known && known->kind == entry.kind) {
+      if (!known->isSending() && known->confirmed <= listing.begun) update(known, entry);
+      continue;
+    }
+    if (known) {
+      vanish(known, true);
+      std::erase(vanished, known);
+    }
+    if (core_.isBeingSentTo(folder->rid, entry.base.name)) {
+      // It may be what is being sent, or be in its way.
+      runtime.shadowed[entry.base.name] = entry;
+      continue;
+    }
+    const auto left = runtime.left.find(entry.base.name);
+    if (left != runtime.left.end() && left->second > listing.begun) continue;
+
+    // A file that vanished and one that came with the same version is one that was renamed.
+    const auto renamed = std::find_if(vanished.begin(), vanished.end(), [&](const ItemPtr& item) {
+      return entry.kind == ItemKind::file && item->kind == ItemKind::file && item->content != 0 &&
+             !item->isPending() && item->base->versionKnown &&
+             item->base->version == entry.base.version && item->base->size == entry.base.size &&
+             item->base->date == entry.base.date;
+    });
+    if (renamed != vanished.end() && !core_.table.child(folder->rid, entry.base.name)) {
+      const ItemPtr item = *renamed;
+      vanished.erase(renamed);
+      core_.entryChanged(folder->rid, item->name);
+      core_.table.place(item, folder->rid, entry.base.name);
+      core_.setBase(item, entry.base);
+      core_.entryChanged(folder->rid, item->name);
+      continue;
+    }
+    insert(folder, entry);
+  }
+
+  // A listing with entries that could not be admitted may have lost others to the same fault.
+  if (listing.refused == 0) {
+    for (const ItemPtr& item : vanished) {
+      if (!item->gone && item->base) vanish(item, false);
+    }
+  }
+  transaction.commit();
+}
+
+void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
+  if (const ItemPtr here = core_.table.child(folder->rid, entry.base.name)) {
+    // Folders are the same when their names are; of files both sides are kept.
+    if (here->mustCreate() && here->isFolder() && entry.kind == ItemKind::folder &&
+        !here->isSending()) {
+      core_.setBase(here, entry.base);
+      changed_(here);
+    } else {
+      core_.folder(folder).shadowed[entry.base.name] = entry;
+    }
+    return;
+  }
+  const ItemPtr item = core_.makeItem(folder->rid, entry.base.name, entry.kind);
+  item->lastUse = 0;
+  item->pinned = folder->pinned;
+  item->base = entry.base;
+  item->size = entry.base.size;
+  item->modified = modifiedOf(entry.base);
+  core_.table.add(item);
+  core_.save(item);
+  core_.entryChanged(folder->rid, item->name);
+  if (item->pinned) changed_(item);
+}
+
+void Lister::showBase(const ItemPtr& item) {
+  item->size = item->base->size;
+  item->modified = modifiedOf(*item->base);
+}
+
+void Lister::update(const ItemPtr& item, const Listing::Entry& entry) {
+  const Base& listed = entry.base;
+  if (*item->base == listed) return;
+  const bool same = item->isFolder() || sameVersion(core_.options, *item->base, listed) ||
+                    (!item->base->versionKnown && item->base->size == listed.size);
+  if (same) {
+    // A dateless answer to an upload must not hide what is shown since.
+    const bool shown = item->content != 0 || item->mode || item->isFolder();
+    core_.setBase(item, listed);
+    if (!shown) showBase(item);
+    if (item->isFolder() && item->base->date) item->modified = modifiedOf(*item->base);
+    core_.itemChanged(item->rid, false);
+    return;
+  }
+  // What is changed on both sides is decided when our change is about to be sent.
+  if (item->contentsChanged || item->removed || item->writers > 0) return;
+  if (item->content == 0) {
+    core_.setBase(item, listed);
+    showBase(item);
+    core_.save(item);
+    core_.itemChanged(item->rid, true);
+    if (item->pinned) changed_(item);
+    return;
+  }
+  replaceContents(item, listed);
+}
+
+/// The contents changed at the provider. The name gets a new item, so that whoever has the old one
+/// open goes on reading the old contents.
+void Lister::replaceContents(const ItemPtr& item, const Base& base) {
+  const ItemPtr fresh = core_.makeItem(item->parent, item->name, item->kind);
+  fresh->base = base;
+  fresh->mode = item->mode;
+  fresh->attributes = item->attributes;
+  fresh->pinned = item->pinned;
+  fresh->lastUse = item->lastUse;
+  showBase(fresh);
+  const Rid folder = item->parent;
+  core_.itemChanged(item->rid, true);
+  core_.dropItem(item);
+  core_.table.add(fresh);
+  core_.save(fresh);
+  core_.entryChanged(folder, fresh->name);
+  if (fresh->pinned) changed_(fresh);
+}
+
+bool Lister::holdsChanges(const ItemPtr& folder) const {
+  for (const ItemPtr& child : core_.table.children(folder->rid)) {
+    if (child->isPending() || child->isSending() || child->localOnly) return true;
+    if (child->isFolder() && holdsChanges(child)) return true;
+  }
+  return false;
+}
+
+bool Lister::holdsContents(const ItemPtr& folder) const {
+  for (const ItemPtr& child : core_.table.serverChildren(folder->rid)) {
+    if (child->content != 0 && !child->removed) return true;
+    if (child->isFolder() && holdsContents(child)) return true;
+  }
+  return false;
+}
+
+/// The provider does not have the item any more. `certain` when no second look is needed.
+void Lister::vanish(const ItemPtr& item, bool certain) {
+  if (item->removed) {
+    for (const ItemPtr& child : core_.table.serverChildren(item->rid)) vanish(child, true);
+    core_.dropItem(item);
+    return;
+  }
+  // Whoever is writing decides what becomes of it.
+  if (item->writers > 0) return;
+  const bool materialised = item->isFolder() ? holdsContents(item) : item->content != 0;
+  if (!certain && materialised && !item->contentsChanged) {
+    const ItemPtr folder = core_.table.find(item->base->parent);
+    FolderRuntime& runtime = core_.folder(folder);
+    const std::int64_t now = core_.milliseconds();
+    if (runtime.missing.empty()) runtime.missingSince = now;
+    const bool seenBefore = runtime.missing.contains(item->rid);
+    if (!seenBefore || now - runtime.missingSince < kSecondLook) {
+      runtime.missing.insert(item->rid);
+      listLater(folder, milliseconds(kSecondLook));
+      return;
+    }
+    runtime.missing.erase(item->rid);
+  }
+
+  if (item->isFolder()) {
+    const auto below = core_.table.serverChildren(item->rid);
+    const bool keep = holdsChanges(item) || item->mustMove();
+    for (const ItemPtr& child : below) {
+      if (!child->gone && child->base) vanish(child, true);
+    }
+    if (keep && (core_.table.hasChildren(item->rid))) {
+      core_.setBase(item, std::nullopt);
+      item->listedAt = 0;
+      core_.save(item);
+      changed_(item);
+      return;
+    }
+  } else if (item->contentsChanged || (item->mustMove() && item->content != 0)) {
+    // Changed here and removed there: what was changed lives on.
+    core_.setBase(item, std::nullopt);
+    changed_(item);
+    return;
+  }
+  const Rid folder = item->parent;
+  const std::string name = item->name;
+  core_.dropContents(item, true);
+  core_.itemChanged(item->rid, false);
+  core_.dropItem(item);
+  core_.entryChanged(folder, name);
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+
+namespace kestrowan::replica {
+
+/// One thread's worth of work in order, and the time: the seam through which the replica waits.
+/// Calls may come from every thread; the functions run one at a time, never inside a call.
+/// The loop must outlive whatever posts to it.
+class Loop {
+ public:
+  using Function = std::function<void()>;
+  using TimerNumber = std::uint64_t;
+  using Moment = std::chrono::steady_clock::time_point;
+
+  virtual ~Loop() = default;
+
+  /// Runs `function` after what was posted before.
+  virtual void post(Function function) = 0;
+  /// Runs `function` once `delay` is over.
+  virtual TimerNumber postAfter(std::chrono::milliseconds delay, Function function) = 0;
+  /// Forgets a timer; does nothing when it has run or is running.
+  virtual void cancel(TimerNumber timer) = 0;
+
+  /// For durations.
+  virtual Moment now() const = 0;
+  /// For dates: milliseconds since 1970-01-01 UTC.
+  virtual std::int64_t wallClock() const = 0;
+};
+
+}  // namespace kestrowan::replica

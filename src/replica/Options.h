@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/fileprovider/NSFileProviderItem.h"
+
+namespace kestrowan::replica {
+
+/// The replica's settings. Sizes are bytes.
+struct Options {
+  /// What every identifier of the provider begins with; items with others are not admitted.
+  std::string identifierPrefix = "/";
+  /// Whether the provider would refuse an item of that name in that folder; may be empty, for a
+  /// provider of which that is not known beforehand.
+  std::function<bool(const NSFileProviderItemIdentifier& folder, std::string_view name)>
+      wouldRefuse;
+  /// Whether two content versions, of which the first is older, stand for the same contents; equal
+  /// ones do when this is empty. Size and date are compared besides.
+  std::function<bool(const NSData& known, const NSData& listed)> sameContents;
+  /// Whether a content version says nothing of the contents; none does when this is empty.
+  std::function<bool(const NSData& version)> saysNothing;
+  /// Stands in the names of conflict copies.
+  std::string hostName = "here";
+
+  bool localOnlyNames = true;
+  /// Moves between folders fail with EXDEV instead of being passed on.
+  bool refuseMovesBetweenFolders = false;
+  /// `close` and `fsync` wait until the provider has the contents.
+  bool closeWaits = false;
+  bool fsyncWaits = false;
+
+  /// How much of what could be fetched again may lie here; 0 for the smaller of 10 GiB and a tenth
+  /// of the disk.
+  std::int64_t cacheLimit = 0;
+  /// What is left free of the disk; 0 for the larger of 2 GiB and a twentieth.
+  std::int64_t freeSpaceFloor = 0;
+  std::int64_t recoveryLimit = std::int64_t{1} << 30;
+  std::chrono::hours recoveryTime{7 * 24};
+  /// Contents used within this time are not evicted to make room.
+  std::chrono::seconds evictionAge{600};
+
+  unsigned metadataCalls = 8;
+  unsigned downloads = 4;
+  unsigned uploads = 4;
+
+  /// From the last change of contents until they are sent.
+  std::chrono::milliseconds sendDelay{1000};
+  /// How long a change of names waits for the provider's word.
+  std::chrono::milliseconds verdictWait{3000};
+  /// How long a listing is taken as it is; how long it is good while a new one is on its way; how
+  /// long somebody waits for a new one after that.
+  std::chrono::milliseconds freshTime{2000};
+  std::chrono::milliseconds usableTime{30000};
+  std::chrono::milliseconds listingWait{3000};
+  /// A download from which nothing came for so long is given up by whoever waits for it.
+  std::chrono::milliseconds stallLimit{60000};
+};
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,285 @@
+#include "replica/ProviderCalls.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+/// A request about metadata that takes longer has failed. Transfers have the transport's limit.
+constexpr std::chrono::milliseconds kMetadataLimit{90000};
+
+constexpr std::string_view kFirstPage = "NSFileProviderInitialPageSortedByName";
+
+const NSError& stoppedError() {
+  static const NSError error(NSURLErrorDomain, NSURLErrorCancelled);
+  return error;
+}
+
+struct Page {
+  std::vector<NSFileProviderItemPtr> items;
+  std::optional<NSFileProviderPage> next;
+};
+
+/// Gathers one page for a pending call, and keeps the enumerator until then.
+class PageObserver : public NSFileProviderEnumerationObserver {
+ public:
+  PageObserver(std::shared_ptr<PendingCall<Page>> call,
+               std::shared_ptr<NSFileProviderEnumerator> enumerator)
+      : call_(std::move(call)), enumerator_(std::move(enumerator)) {}
+
+  void didEnumerateItems(std::vector<NSFileProviderItemPtr> items) override {
+    if (page_.items.empty()) {
+      page_.items = std::move(items);
+    } else {
+      page_.items.insert(page_.items.end(), items.begin(), items.end());
+    }
+  }
+  void finishEnumeratingUpToPage(std::optional<NSFileProviderPage> nextPage) override {
+    page_.next = std::move(nextPage);
+    call_->complete(std::move(page_));
+  }
+  void finishEnumeratingWithError(const NSError& error) override { call_->complete(error); }
+
+ private:
+  const std::shared_ptr<PendingCall<Page>> call_;
+  const std::shared_ptr<NSFileProviderEnumerator> enumerator_;
+  Page page_;
+};
+
+/// Answers a write for a pending call.
+WriteCompletion written(std::shared_ptr<PendingCall<WrittenItem>> call) {
+  return [call = std::move(call)](NSFileProviderItemPtr item, NSFileProviderItemFields remaining,
+                                  bool fetchAgain, const std::optional<NSError>& error) {
+    if (error) {
+      call->complete(*error);
+    } else {
+      call->complete(WrittenItem{std::move(item), remaining, fetchAgain});
+    }
+  };
+}
+
+std::optional<NSURL> fileURL(const std::optional<std::string>& path) {
+  if (!path) return std::nullopt;
+  return NSURL::fileURLWithPath(*path);
+}
+
+}  // namespace
+
+class ProviderCalls::Slot {
+ public:
+  explicit Slot(Slots& slots) : slots_(slots) {}
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+  ~Slot() { slots_.give(); }
+
+ private:
+  Slots& slots_;
+};
+
+void ProviderCalls::Slots::give() {
+  if (waiting_.empty()) {
+    ++free_;
+    return;
+  }
+  auto next = waiting_.front();
+  waiting_.pop_front();
+  loop_.post([next] { next.resume(); });
+}
+
+ProviderCalls::ProviderCalls(Loop& loop, Limits limits)
+    : loop_(loop),
+      metadata_(loop, limits.metadata),
+      downloads_(loop, limits.downloads),
+      uploads_(loop, limits.uploads) {}
+
+void ProviderCalls::setProvider(Provider provider) {
+  Provider before;
+  {
+    std::lock_guard lock(mutex_);
+    before = std::exchange(provider_, std::move(provider));
+  }
+  if (before) before->invalidate();
+}
+
+bool ProviderCalls::hasProvider() const {
+  std::lock_guard lock(mutex_);
+  return provider_ && !stopped_;
+}
+
+void ProviderCalls::stop() {
+  std::set<std::weak_ptr<AbandonableCall>, std::owner_less<>> calls;
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+    calls.swap(calls_);
+  }
+  for (const auto& pending : calls) {
+    if (auto call = pending.lock()) call->abandon(stoppedError());
+  }
+  setProvider(nullptr);
+}
+
+void ProviderCalls::enroll(const std::shared_ptr<AbandonableCall>& call) {
+  std::lock_guard lock(mutex_);
+  if (stopped_) {
+    call->abandon(stoppedError());
+    return;
+  }
+  std::erase_if(calls_, [](const auto& pending) { return pending.expired(); });
+  calls_.insert(call);
+}
+
+template <typename T, typename Make>
+Task<Outcome<T>> ProviderCalls::call(Slots& slots, std::optional<std::chrono::milliseconds> limit,
+                                     Make make) {
+  co_await slots.take();
+  const Slot slot(slots);
+  Provider provider;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopped_) co_return stoppedError();
+    provider = provider_;
+  }
+  if (!provider) co_return NSFileProviderError(NSFileProviderErrorCode::notAuthenticated);
+
+  auto pending = std::make_shared<PendingCall<T>>(loop_);
+  enroll(pending);
+  std::optional<Loop::TimerNumber> timer;
+  if (limit) {
+    timer = loop_.postAfter(
+        *limit, [pending] { pending->complete(NSError(NSURLErrorDomain, NSURLErrorTimedOut)); });
+  }
+  try {
+    make(*provider, pending);
+  } catch (const NSError& error) {
+    pending->complete(error);
+  }
+  auto outcome = co_await pending->result();
+  if (timer) loop_.cancel(*timer);
+  co_return outcome;
+}
+
+Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::list(
+    NSFileProviderItemIdentifier container) {
+  auto first = co_await listOnce(container);
+  const bool again =
+      !first.succeeded() &&
+      first.error().is(NSFileProviderErrorDomain,
+                       static_cast<std::int64_t>(NSFileProviderErrorCode::syncAnchorExpired));
+  if (!again) co_return first;
+  co_return co_await listOnce(container);
+}
+
+Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::listOnce(
+    NSFileProviderItemIdentifier container) {
+  std::optional<NSFileProviderPage> page = NSFileProviderPage(kFirstPage);
+  std::vector<NSFileProviderItemPtr> items;
+  while (page) {
+    auto make = [container, from = *page](NSFileProviderReplicatedExtension& provider,
+                                          const std::shared_ptr<PendingCall<Page>>& pending) {
+      auto enumerator = provider.enumerator(container, {});
+      enumerator->enumerateItems(std::make_shared<PageObserver>(pending, enumerator), from);
+    };
+    auto outcome = co_await call<Page>(metadata_, kMetadataLimit, std::move(make));
+    if (!outcome.succeeded()) co_return outcome.error();
+    auto& read = outcome.value();
+    if (items.empty()) {
+      items = std::move(read.items);
+    } else {
+      items.insert(items.end(), read.items.begin(), read.items.end());
+    }
+    page = std::move(read.next);
+  }
+  co_return items;
+}
+
+Task<Outcome<NSFileProviderItemPtr>> ProviderCalls::item(NSFileProviderItemIdentifier identifier) {
+  auto make = [identifier](NSFileProviderReplicatedExtension& provider,
+                           const std::shared_ptr<PendingCall<NSFileProviderItemPtr>>& pending) {
+    provider.item(identifier, {},
+                  [pending](NSFileProviderItemPtr item, const std::optional<NSError>& error) {
+                    if (error || !item) {
+                      pending->complete(
+                          error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem)));
+                    } else {
+                      pending->complete(std::move(item));
+                    }
+                  });
+  };
+  co_return co_await call<NSFileProviderItemPtr>(metadata_, kMetadataLimit, std::move(make));
+}
+
+Task<Outcome<FetchedFile>> ProviderCalls::fetch(NSFileProviderItemIdentifier identifier) {
+  auto make = [identifier](NSFileProviderReplicatedExtension& provider,
+                           const std::shared_ptr<PendingCall<FetchedFile>>& pending) {
+    provider.fetchContents(
+        identifier, std::nullopt, {},
+        [pending](const std::optional<NSURL>& url, NSFileProviderItemPtr item,
+                  const std::optional<NSError>& error) {
+          if (error || !url || !item) {
+            pending->complete(
+                error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem)));
+          } else if (!pending->complete(FetchedFile{url->path(), std::move(item)})) {
+            // Nobody waits any more.
+            ::unlink(url->path().c_str());
+          }
+        });
+  };
+  co_return co_await call<FetchedFile>(downloads_, std::nullopt, std::move(make));
+}
+
+Task<Outcome<WrittenItem>> ProviderCalls::create(NSFileProviderItemPtr basedOnTemplate,
+                                                 NSFileProviderItemFields fields,
+                                                 std::optional<std::string> contents,
+                                                 NSFileProviderCreateItemOptions options) {
+  Slots& slots = contents ? uploads_ : metadata_;
+  const std::optional<std::chrono::milliseconds> limit =
+      contents ? std::nullopt : std::optional(kMetadataLimit);
+  auto make = [basedOnTemplate, fields, url = fileURL(contents), options](
+                  NSFileProviderReplicatedExtension& provider,
+                  const std::shared_ptr<PendingCall<WrittenItem>>& pending) {
+    provider.createItem(basedOnTemplate, fields, url, options, {}, written(pending));
+  };
+  co_return co_await call<WrittenItem>(slots, limit, std::move(make));
+}
+
+Task<Outcome<WrittenItem>> ProviderCalls::modify(NSFileProviderItemPtr item,
+                                                 NSFileProviderItemVersion baseVersion,
+                                                 NSFileProviderItemFields changedFields,
+                                                 std::optional<std::string> contents) {
+  Slots& slots = contents ? uploads_ : metadata_;
+  const std::optional<std::chrono::milliseconds> limit =
+      contents ? std::nullopt : std::optional(kMetadataLimit);
+  auto make = [item, baseVersion, changedFields, url = fileURL(contents)](
+                  NSFileProviderReplicatedExtension& provider,
+                  const std::shared_ptr<PendingCall<WrittenItem>>& pending) {
+    provider.modifyItem(item, baseVersion, changedFields, url, 0, {}, written(pending));
+  };
+  co_return co_await call<WrittenItem>(slots, limit, std::move(make));
+}
+
+Task<Outcome<Done>> ProviderCalls::remove(NSFileProviderItemIdentifier identifier,
+                                          NSFileProviderItemVersion baseVersion, bool recursive) {
+  auto make = [identifier, baseVersion, recursive](
+                  NSFileProviderReplicatedExtension& provider,
+                  const std::shared_ptr<PendingCall<Done>>& pending) {
+    provider.deleteItem(identifier, baseVersion,
+                        recursive ? NSFileProviderDeleteItemOption::recursive : 0, {},
+                        [pending](const std::optional<NSError>& error) {
+                          if (error) {
+                            pending->complete(*error);
+                          } else {
+                            pending->complete(Done{});
+                          }
+                        });
+  };
+  co_return co_await call<Done>(metadata_, kMetadataLimit, std::move(make));
+}
+
+}  // namespace kestrowan::replica

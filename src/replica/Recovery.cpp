@@ -1,0 +1,118 @@
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <optional>
+
+#include "replica/ContentStore.h"
+#include "replica/NameParts.h"
+#include "replica/StoreFiles.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+// A blank follows, and the name. In the order of the text, files are in the order of time.
+constexpr const char* kDateFormat = "%Y-%m-%dT%H-%M-%SZ";
+constexpr std::size_t kDateLength = 20;
+constexpr std::int64_t kLatest = 253402300799;  // the end of the year 9999
+constexpr std::string_view kUnnamed = "unnamed";
+
+std::string dateText(std::int64_t at) {
+  const time_t seconds = std::clamp(at, std::int64_t{0}, kLatest);
+  struct tm parts;
+  std::array<char, kDateLength + 1> text{};
+  ::gmtime_r(&seconds, &parts);
+  ::strftime(text.data(), text.size(), kDateFormat, &parts);
+  return text.data();
+}
+
+/// The time in a recovered file's name; nothing for a file that was named otherwise.
+std::optional<std::int64_t> dateFromName(const std::string& name) {
+  if (name.size() <= kDateLength || name[kDateLength] != ' ') return std::nullopt;
+  struct tm parts {};
+  const char* end = ::strptime(name.c_str(), kDateFormat, &parts);
+  if (end != name.c_str() + kDateLength) return std::nullopt;
+  return ::timegm(&parts);
+}
+
+/// `name` as one that a directory takes.
+std::string harmlessName(std::string_view name) {
+  std::string harmless(name.empty() ? kUnnamed : name);
+  for (char& byte : harmless) {
+    if (byte == '/' || byte == '\0') byte = '_';
+  }
+  return harmless;
+}
+
+struct RecoveredFile {
+  std::int64_t at = 0;
+  std::string path;
+  std::int64_t size = 0;
+};
+
+/// What `recover` put there and nobody renamed since.
+std::vector<RecoveredFile> recoveredFiles(const std::string& directory) {
+  std::vector<RecoveredFile> files;
+  for (const auto& name : namesIn(directory)) {
+    const auto at = dateFromName(name);
+    auto path = directory + "/" + name;
+    struct stat status;
+    if (at && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+      files.push_back({*at, std::move(path), status.st_size});
+    }
+  }
+  return files;
+}
+
+}  // namespace
+
+std::string ContentStore::recover(ContentNumber number, std::string_view name, std::int64_t at) {
+  const auto source = path(number);
+  const auto prefix = dateText(at) + " ";
+  const auto harmless = harmlessName(name);
+  const auto parts = nameParts(harmless);
+  for (unsigned attempt = 1; attempt < std::numeric_limits<unsigned>::max(); ++attempt) {
+    const auto suffix = attempt == 1 ? std::string() : " (" + std::to_string(attempt) + ")";
+    auto target = recovery_ + "/" + assembledName(prefix, parts, suffix);
+    if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
+      return target;
+    }
+    if (errno != EEXIST) throw fileError(errno, source);
+  }
+  throw fileError(EEXIST, source);
+}
+
+void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
+  auto files = recoveredFiles(recovery_);
+  std::sort(files.begin(), files.end(), [](const RecoveredFile& a, const RecoveredFile& b) {
+    return a.at != b.at ? a.at > b.at : a.path > b.path;
+  });
+  bool isFull = false;
+  for (const auto& file : files) {
+    // Once there is no room for one, there is none for the older ones either.
+    isFull = isFull || file.size > bytes;
+    if (!isFull && file.at >= before) {
+      bytes -= file.size;
+      continue;
+    }
+    if (::unlink(file.path.c_str()) != 0 && errno != ENOENT) throw fileError(errno, file.path);
+  }
+}
+
+ContentStore::Usage ContentStore::recoveryUsage() const {
+  Usage usage;
+  for (const auto& file : recoveredFiles(recovery_)) {
+    ++usage.files;
+    usage.bytes += file.size;
+  }
+  return usage;
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,270 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "platform/base/UniqueFd.h"
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/ErrorClass.h"
+#include "replica/Sender.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+/// Files up to this size are fetched to be compared; of larger ones size and date decide.
+constexpr std::int64_t kComparedSize = std::int64_t{16} << 20;
+/// How much a server's clock and its whole seconds may differ from ours.
+constexpr std::int64_t kDateTolerance = 2;
+
+bool sameContents(const Options& options, const Base& known, const Base& atProvider) {
+  if (known.size != atProvider.size) return false;
+  if (known.version == atProvider.version) return true;
+  if (known.date != atProvider.date) return false;
+  if (!known.versionKnown || !atProvider.versionKnown) return true;
+  return options.sameContents && options.sameContents(known.version, atProvider.version);
+}
+
+bool filesAreEqual(const std::string& a, const std::string& b) {
+  const UniqueFd first(::open(a.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  const UniqueFd second(::open(b.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!first || !second) return false;
+  std::array<char, 65536> left;
+  std::array<char, 65536> right;
+  for (off_t at = 0;;) {
+    const ssize_t read = ::pread(first.get(), left.data(), left.size(), at);
+    if (read < 0 || ::pread(second.get(), right.data(), right.size(), at) != read) return false;
+    if (read == 0) return true;
+    if (!std::equal(left.begin(), left.begin() + read, right.begin())) return false;
+    at += read;
+  }
+}
+
+}  // namespace
+
+Task<bool> Sender::mayReplace(ItemPtr item) {
+  Base known;
+  ItemPtr folder;
+  {
+    std::lock_guard lock(core_.mutex);
+    known = *item->base;
+    folder = core_.table.find(known.parent);
+  }
+  std::optional<Base> found;
+  const auto outcome = co_await core_.provider.item(known.identifier);
+  if (outcome.succeeded()) {
+    found = baseOf(*outcome.value(), known.parent, core_.options);
+    found->name = known.name;
+    std::lock_guard lock(core_.mutex);
+    health_.note(std::nullopt);
+    if (found->identifier != known.identifier) found.reset();
+  } else {
+    const ErrorClass kind = errorClass(outcome.error());
+    if ((kind != ErrorClass::ambiguous && kind != ErrorClass::gone) || !folder) {
+      std::lock_guard lock(core_.mutex);
+      fail(item, outcome.error());
+      co_return false;
+    }
+    const auto listed = co_await lister_.listed(folder);
+    if (!listed.succeeded()) {
+      std::lock_guard lock(core_.mutex);
+      fail(item, listed.error());
+      co_return false;
+    }
+    if (const auto* entry = listed.value()->find(known.name)) found = entry->base;
+  }
+  std::lock_guard lock(core_.mutex);
+  if (!item->base || item->gone) co_return false;
+  if (!found) {
+    // Removed there, changed here: what was changed lives on.
+    core_.setBase(item, std::nullopt);
+    co_return false;
+  }
+  if (!sameContents(core_.options, *item->base, *found)) {
+    makeConflict(item, *found);
+    co_return false;
+  }
+  co_return true;
+}
+
+Task<bool> Sender::mayRemove(ItemPtr item) {
+  Base known;
+  ItemPtr folder;
+  bool fresh = false;
+  {
+    std::lock_guard lock(core_.mutex);
+    known = *item->base;
+    folder = core_.table.find(known.parent);
+    fresh = folder && lister_.isFresh(*folder, core_.options.freshTime.count());
+  }
+  if (fresh) co_return true;
+  if (!folder) co_return false;
+  // While the item is being sent a listing leaves it alone, so what it says is looked at here.
+  const auto listed = co_await lister_.listed(folder);
+  std::lock_guard lock(core_.mutex);
+  if (!listed.succeeded()) {
+    fail(item, listed.error());
+    co_return false;
+  }
+  const auto* entry = listed.value()->find(known.name);
+  if (!entry) {
+    acceptRemoval(item);
+    co_return false;
+  }
+  co_return !keepIfChanged(item, entry->base);
+}
+
+/// A file that was removed here and changed there is kept. Whether that is so.
+bool Sender::keepIfChanged(const ItemPtr& item, const Base& atProvider) {
+  if (sameContents(core_.options, *item->base, atProvider)) return false;
+  core_.log("changed at the provider, so it is not removed", *item);
+  core_.dropContents(item, true);
+  core_.setBase(item, atProvider);
+  item->size = atProvider.size;
+  item->modified = modifiedOf(atProvider);
+  resurrect(item);
+  answerVerdict(item, posixError(EBUSY));
+  return true;
+}
+
+Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
+  const auto listed = co_await lister_.listed(folder);
+  std::lock_guard lock(core_.mutex);
+  if (!listed.succeeded()) {
+    const ErrorClass kind = errorClass(listed.error());
+    if (kind == ErrorClass::gone || folder->gone) {
+      acceptRemoval(folder);
+    } else {
+      fail(folder, listed.error());
+    }
+    co_return false;
+  }
+  const bool empty = listed.value()->refused == 0 &&
+                     std::all_of(listed.value()->entries.begin(), listed.value()->entries.end(),
+                                 [&](const Listing::Entry& entry) {
+                                   const auto child =
+                                       core_.table.serverChild(folder->rid, entry.base.name);
+                                   return child && child->removed;
+                                 });
+  if (!empty) fail(folder, NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty));
+  co_return empty;
+}
+
+Task<bool> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
+  const std::string path = core_.contents.path(content);
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0 || status.st_size != base.size) co_return false;
+  if (base.size > kComparedSize) {
+    co_return sentAt != 0 && base.date&&* base.date + kDateTolerance >= sentAt;
+  }
+  const auto fetched = co_await core_.provider.fetch(base.identifier);
+  if (!fetched.succeeded()) co_return false;
+  const bool equal = filesAreEqual(fetched.value().path, path);
+  ::unlink(fetched.value().path.c_str());
+  co_return equal;
+}
+
+/// The name of a new item is taken at the provider.
+Task<void> Sender::settleCollision(ItemPtr item, Listing::Entry entry) {
+  bool same = entry.kind == item->kind;
+  if (same && !item->isFolder()) same = co_await holdsSameBytes(entry.base, item->content, 0);
+  std::lock_guard lock(core_.mutex);
+  if (!item->mustCreate()) co_return;
+  if (const ItemPtr folder = core_.table.find(item->parent)) {
+    core_.folder(folder).shadowed.erase(entry.base.name);
+    if (!same) {
+      bounce(item);
+      lister_.insert(folder, entry);
+      co_return;
+    }
+  }
+  core_.confirm(item);
+  if (!item->isFolder()) item->contentsChanged = false;
+  core_.setBase(item, entry.base);
+  answerVerdict(item, std::nullopt);
+}
+
+/// After a request whose answer is not known: asks whether it took effect.
+Task<bool> Sender::verify(ItemPtr item) {
+  SentRecord sent;
+  std::optional<Base> before;
+  ItemPtr target;
+  ItemPtr source;
+  {
+    std::lock_guard lock(core_.mutex);
+    sent = *item->sent;
+    before = item->base;
+    target = core_.table.find(sent.parent);
+    source = before ? core_.table.find(before->parent) : nullptr;
+    if (!target || target->gone || !target->base) {
+      item->sent.reset();
+      core_.save(item);
+      co_return true;
+    }
+  }
+  const auto listed = co_await lister_.listed(target);
+  auto listedSource = listed;
+  if (source && source != target && listed.succeeded()) {
+    listedSource = co_await lister_.listed(source);
+  }
+  if (!listed.succeeded() || !listedSource.succeeded()) {
+    std::lock_guard lock(core_.mutex);
+    fail(item, listed.succeeded() ? listedSource.error() : listed.error());
+    co_return false;
+  }
+  std::optional<Listing::Entry> atTarget;
+  if (const auto* found = listed.value()->find(sent.name)) atTarget = *found;
+  const bool moved = before && (before->parent != sent.parent || before->name != sent.name);
+  const bool stillAtSource = before && moved && listedSource.value()->find(before->name) != nullptr;
+  if (moved && stillAtSource) atTarget.reset();
+
+  bool hasContents = false;
+  if (atTarget && sent.content != 0 && atTarget->kind == ItemKind::file) {
+    const bool unchanged = before && before->version == atTarget->base.version;
+    if (!unchanged) {
+      hasContents = co_await holdsSameBytes(atTarget->base, sent.content, sent.at);
+    }
+  }
+  std::lock_guard lock(core_.mutex);
+  if (item->gone || core_.stopped) co_return false;
+  item->sent.reset();
+  if (sent.content != 0 && sent.content != item->content) core_.contents.remove(sent.content);
+  const bool removal = item->removed && before && !moved && sent.content == 0;
+  if (removal && !atTarget) {
+    acceptRemoval(item);
+  } else if (removal && !item->isFolder()) {
+    keepIfChanged(item, atTarget->base);
+  } else if (!before && atTarget && atTarget->kind == item->kind &&
+             (item->isFolder() || hasContents)) {
+    // Our creation.
+    core_.confirm(item);
+    core_.folder(target).shadowed.erase(sent.name);
+    if (item->content == sent.content && !item->isFolder()) item->contentsChanged = false;
+    core_.setBase(item, atTarget->base);
+  } else if (before && atTarget && atTarget->kind == item->kind && !item->removed &&
+             (moved || hasContents)) {
+    core_.confirm(item);
+    if (moved) {
+      if (source) core_.folder(source).left[before->name] = core_.sequence;
+    }
+    Base now = atTarget->base;
+    if (hasContents) {
+      if (item->content == sent.content) item->contentsChanged = false;
+    } else if (item->contentsChanged) {
+      // Moved, but not yet with the contents.
+      now.version = before->version;
+      now.versionKnown = before->versionKnown;
+      now.size = before->size;
+      now.date = before->date;
+    }
+    core_.setBase(item, std::move(now));
+  }
+  if (!item->gone) core_.save(item);
+  co_return true;
+}
+
+}  // namespace kestrowan::replica

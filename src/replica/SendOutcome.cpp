@@ -1,0 +1,340 @@
+#include <cerrno>
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/ErrorClass.h"
+#include "replica/NameRules.h"
+#include "replica/Sender.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// An answer that leaves open what is wrong is taken for a refusal after so many tries.
+constexpr std::uint32_t kTriesUntilSlow = 8;
+constexpr milliseconds kSlowInterval{15 * 60 * 1000};
+/// A server that is not there yet is asked again after this time, without counting.
+constexpr milliseconds kDownInterval{1000};
+
+}  // namespace
+
+std::string Sender::freeName(const ItemPtr& folder,
+                             const std::function<std::string(unsigned)>& name,
+                             unsigned first) const {
+  for (unsigned number = first;; ++number) {
+    std::string candidate = name(number);
+    const bool taken = core_.table.child(folder->rid, candidate) ||
+                       core_.table.serverChild(folder->rid, candidate) ||
+                       core_.isBeingSentTo(folder->rid, candidate) ||
+                       (folder->folder && folder->folder->shadowed.contains(candidate));
+    if (!taken) return candidate;
+  }
+}
+
+/// Takes what the provider made of a request. Whether the contents that were sent are there now.
+bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
+                    const std::string& name, const Frozen& frozen) {
+  item->sent.reset();
+  item->failure.reset();
+  if (item->gone) return false;
+  if (!written.item) {
+    // The provider says that there is no such item any more.
+    const Rid folder = item->parent;
+    const std::string shown = item->name;
+    core_.dropContents(item, true);
+    core_.dropItem(item);
+    core_.entryChanged(folder, shown);
+    answerVerdict(item, std::nullopt);
+    return false;
+  }
+  Base base = baseOf(*written.item, parent, core_.options);
+  const ItemPtr folder = core_.table.find(parent);
+  if (!base.identifier.starts_with(core_.options.identifierPrefix) || !isValidName(base.name) ||
+      !folder || !folder->base ||
+      written.item->parentItemIdentifier() != folder->base->identifier) {
+    // Not an answer about this item: the next listing tells what happened.
+    core_.log("the provider answered with another item", *item);
+    item->sent = SentRecord{frozen.number, frozen.size, core_.seconds(), parent, name};
+    backOffLater(item, NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse));
+    return false;
+  }
+  const bool contentsSent = frozen.number != 0;
+  if (item->isFolder()) {
+    base.size = 0;
+  } else if (contentsSent && !base.versionKnown) {
+    base.size = frozen.size;
+  } else if (!contentsSent && item->base && !base.versionKnown) {
+    base.size = item->base->size;
+    base.version = item->base->version;
+    base.versionKnown = item->base->versionKnown;
+  } else if (!contentsSent && item->contentsChanged && item->base) {
+    // What our contents are based on has not changed by a move.
+    if (base.size != item->base->size) base.version = item->base->version;
+  }
+  const bool overwritten =
+      contentsSent && base.versionKnown && base.size != frozen.size && !item->isFolder();
+
+  const ItemPtr holder = core_.table.serverChild(parent, base.name);
+  if (holder && holder != item) {
+    core_.log("another item was merged with this one", *holder);
+    const Rid shownIn = holder->parent;
+    const std::string shown = holder->name;
+    core_.dropContents(holder, true);
+    withdraw(holder);
+    core_.dropItem(holder);
+    core_.entryChanged(shownIn, shown);
+  }
+  if (item->base && (item->base->parent != parent || item->base->name != base.name)) {
+    if (const ItemPtr source = core_.table.find(item->base->parent)) {
+      core_.confirm(item);
+      core_.folder(source).left[item->base->name] = core_.sequence;
+    }
+  }
+  const bool renamedByProvider = base.name != name && item->name == name && !item->removed &&
+                                 item->parent == parent && !core_.table.child(parent, base.name);
+  core_.confirm(item);
+  core_.folder(folder).shadowed.erase(base.name);
+  if (renamedByProvider) {
+    core_.entryChanged(parent, item->name);
+    core_.table.place(item, parent, base.name);
+    core_.entryChanged(parent, item->name);
+  }
+  core_.setBase(item, std::move(base));
+  answerVerdict(item, std::nullopt);
+  if (overwritten && item->content == frozen.number) {
+    // Somebody else wrote in between. Ours is kept, theirs is shown.
+    core_.log("overwritten at the provider while it was sent", *item);
+    Base theirs = *item->base;
+    theirs.version.clear();
+    makeConflict(item, theirs);
+    return false;
+  }
+  return contentsSent && (written.remaining & NSFileProviderItemField::contents) == 0;
+}
+
+void Sender::acceptRemoval(const ItemPtr& item) {
+  item->sent.reset();
+  if (!item->base) return;
+  core_.confirm(item);
+  if (const ItemPtr folder = core_.table.find(item->base->parent)) {
+    core_.folder(folder).left[item->base->name] = core_.sequence;
+  }
+  std::vector<ItemPtr> gone{item};
+  for (std::size_t at = 0; at < gone.size(); ++at) {
+    const auto below = core_.table.serverChildren(gone[at]->rid);
+    gone.insert(gone.end(), below.begin(), below.end());
+  }
+  // What a copy elsewhere may still need, until every copy has arrived.
+  const bool uploadsWait = !readyContents_.empty() || contentsRunning_ > 0 || !delayed_.empty();
+  ItemStore::Transaction transaction(core_.store);
+  for (const ItemPtr& each : gone) {
+    if (each->content != 0 && uploadsWait) core_.dropContents(each, true);
+    answerVerdict(each, std::nullopt);
+    if (each != item) withdraw(each);
+    core_.dropItem(each);
+  }
+  transaction.commit();
+}
+
+void Sender::postpone(const ItemPtr& item, const NSError& error, FailureClass failureClass,
+                      milliseconds delay) {
+  SyncFailure failure;
+  if (item->failure) failure = *item->failure;
+  if (failure.since == 0) failure.since = core_.seconds();
+  failure.failureClass = failureClass;
+  failure.domain = error.domain();
+  failure.code = error.code();
+  failure.text = error.localizedDescription();
+  ++failure.tries;
+  const std::int64_t due = core_.milliseconds() + delay.count();
+  failure.next = due / 1000;
+  item->failure = failure;
+  core_.save(item);
+  if (failureClass == FailureClass::refused) return;
+  enqueue(item, due);
+}
+
+void Sender::backOffLater(const ItemPtr& item, const NSError& error) {
+  const std::uint32_t tries = item->failure ? item->failure->tries + 1 : 1;
+  if (tries >= kTriesUntilSlow) {
+    postpone(item, error, FailureClass::slow, kSlowInterval);
+  } else {
+    postpone(item, error, FailureClass::transient, backOff(tries, core_.random()));
+  }
+}
+
+void Sender::refuse(const ItemPtr& item, const NSError& error) {
+  item->sent.reset();
+  const bool aboutNames = !item->mustSendContents() || item->removed || item->mustMove();
+  const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
+  answerVerdict(item, error);
+  if (item->removed) {
+    resurrect(item);
+  } else if (awaited && aboutNames) {
+    rollBack(item);
+  } else {
+    core_.sync(item).unreported = error;
+    postpone(item, error, FailureClass::refused, milliseconds(0));
+  }
+}
+
+/// Undoes a change of names that somebody has just been told is refused.
+void Sender::rollBack(const ItemPtr& item) {
+  core_.entryChanged(item->parent, item->name);
+  if (!item->base) {
+    if (item->isFolder() && core_.table.hasChildren(item->rid)) return;
+    core_.dropItem(item);
+    return;
+  }
+  if (core_.table.child(item->base->parent, item->base->name)) return;
+  core_.table.place(item, item->base->parent, item->base->name);
+  core_.save(item);
+  core_.entryChanged(item->parent, item->name);
+}
+
+/// A removal did not come about: the item is there again.
+void Sender::resurrect(const ItemPtr& item) {
+  item->sent.reset();
+  if (core_.table.child(item->base->parent, item->base->name)) {
+    // Its name was taken meanwhile, by something that the provider does not have.
+    const ItemPtr here = core_.table.child(item->base->parent, item->base->name);
+    if (here->base) {
+      rollBack(here);
+    } else {
+      bounce(here);
+    }
+  }
+  core_.table.place(item, item->base->parent, item->base->name);
+  core_.table.setRemoved(item, false);
+  core_.save(item);
+  core_.entryChanged(item->parent, item->name);
+  if (item->isFolder()) {
+    for (const ItemPtr& child : core_.table.serverChildren(item->rid)) {
+      if (child->removed) changed(child, milliseconds(0));
+    }
+  }
+}
+
+/// The item's name belongs to another: it gets one of its own.
+void Sender::bounce(const ItemPtr& item) {
+  const ItemPtr folder = core_.table.find(item->parent);
+  if (!folder) return;
+  const std::string before = item->name;
+  core_.table.place(item, item->parent,
+                    freeName(
+                        folder, [&](unsigned number) { return bouncedName(before, number); }, 2));
+  core_.save(item);
+  core_.entryChanged(item->parent, before);
+  core_.entryChanged(item->parent, item->name);
+  core_.log("its name was taken; it was renamed from", *item, before);
+  if (item->isSending()) return;
+  changed(item, milliseconds(0));
+}
+
+/// Both sides changed the contents. Ours become a copy beside it, and the name shows theirs.
+void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
+  const ItemPtr folder = core_.table.find(item->parent);
+  const std::string name = item->name;
+  const ItemPtr theirs = core_.makeItem(item->parent, name, ItemKind::file);
+  theirs->mode = item->mode;
+  theirs->pinned = item->pinned;
+  theirs->size = atProvider.size;
+  theirs->modified = modifiedOf(atProvider);
+
+  ItemStore::Transaction transaction(core_.store);
+  item->sent.reset();
+  item->contentsChanged = true;
+  core_.setBase(item, std::nullopt);
+  const std::string copy = freeName(
+      folder,
+      [&](unsigned attempt) {
+        return conflictName(name, core_.seconds(), core_.options.hostName, attempt);
+      },
+      1);
+  core_.table.place(item, item->parent, copy);
+  core_.save(item);
+  core_.table.add(theirs);
+  core_.setBase(theirs, atProvider);
+  transaction.commit();
+
+  core_.conflicts.push_back(core_.table.path(*item));
+  core_.log("changed on both sides; the copy from here is", *theirs, copy);
+  core_.entryChanged(item->parent, name);
+  core_.entryChanged(item->parent, copy);
+  answerVerdict(item, std::nullopt);
+}
+
+void Sender::fail(const ItemPtr& item, const NSError& error) {
+  if (core_.stopped || item->gone) return;
+  health_.note(error);
+  switch (errorClass(error)) {
+    case ErrorClass::ambiguous:
+    case ErrorClass::transient:
+    case ErrorClass::listAgain:
+      backOffLater(item, error);
+      break;
+    case ErrorClass::down:
+      // It has not even reached the server.
+      item->sent.reset();
+      core_.save(item);
+      enqueue(item, core_.milliseconds() + kDownInterval.count());
+      break;
+    case ErrorClass::held:
+      item->sent.reset();
+      postpone(item, error, FailureClass::held, kDownInterval);
+      break;
+    case ErrorClass::collision: {
+      item->sent.reset();
+      const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
+      answerVerdict(item, error);
+      if (awaited) {
+        rollBack(item);
+      } else {
+        bounce(item);
+      }
+      // What bears the name there must be seen.
+      if (const ItemPtr folder = core_.table.find(item->parent)) folder->listedAt = 1;
+      enqueue(item, core_.milliseconds());
+      break;
+    }
+    case ErrorClass::gone:
+      item->sent.reset();
+      if (item->removed) {
+        acceptRemoval(item);
+      } else if (item->base && (item->contentsChanged || item->content != 0)) {
+        core_.setBase(item, std::nullopt);
+      } else {
+        backOffLater(item, error);
+      }
+      break;
+    case ErrorClass::deletionRefused:
+    case ErrorClass::folderNotEmpty:
+      answerVerdict(item, error);
+      item->sent.reset();
+      if (item->removed) {
+        resurrect(item);
+      } else {
+        backOffLater(item, error);
+      }
+      break;
+    case ErrorClass::quota:
+      item->sent.reset();
+      core_.sync(item).unreported = error;
+      postpone(item, error, FailureClass::slow, kSlowInterval);
+      break;
+    case ErrorClass::excluded:
+      item->sent.reset();
+      item->localOnly = true;
+      core_.save(item);
+      answerVerdict(item, std::nullopt);
+      break;
+    case ErrorClass::parked:
+    case ErrorClass::refused:
+      refuse(item, error);
+      break;
+  }
+}
+
+}  // namespace kestrowan::replica

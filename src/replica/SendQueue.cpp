@@ -1,0 +1,367 @@
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "replica/LoopTask.h"
+#include "replica/Sender.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Contents of at least this size let others go first.
+constexpr std::int64_t kLarge = std::int64_t{1} << 20;
+/// A file that somebody keeps open for writing is sent after so long without a write.
+constexpr std::int64_t kQuietTime = 30000;
+
+bool isUpload(const Item& item) {
+  return !item.isFolder() && (item.mustCreate() || item.mustSendContents());
+}
+
+}  // namespace
+
+struct Sender::SyncWaiter {
+  Completion<Done> completion;
+  bool answered = false;
+};
+
+Sender::Sender(Core& core, Health& health, Lister& lister, Fetcher& fetcher)
+    : core_(core), health_(health), lister_(lister), fetcher_(fetcher) {}
+
+void Sender::changed(const ItemPtr& item, milliseconds delay) {
+  if (item->failure) {
+    item->failure.reset();
+    core_.save(item);
+  }
+  if (!item->isPending()) {
+    withdraw(item);
+    return;
+  }
+  if (item->isSending()) return;
+  enqueue(item, core_.milliseconds() + delay.count());
+}
+
+void Sender::withdraw(const ItemPtr& item) {
+  if (!item->sync || item->isSending()) return;
+  unqueue(item);
+  answerVerdict(item, std::nullopt);
+  release(item);
+  item->sync->order = 0;
+  checkWaiters();
+}
+
+void Sender::unqueue(const ItemPtr& item) {
+  SyncRuntime& sync = core_.sync(item);
+  switch (sync.place) {
+    case Place::delayed:
+      delayed_.erase({sync.due, item->rid});
+      break;
+    case Place::ready:
+      std::erase_if(readyNames_, [&](const auto& entry) { return entry.second == item->rid; });
+      std::erase_if(readyContents_, [&](const auto& entry) { return entry.second == item->rid; });
+      break;
+    case Place::blocked:
+      blocked_.erase(item->rid);
+      break;
+    case Place::idle:
+    case Place::sending:
+      return;
+  }
+  sync.place = Place::idle;
+}
+
+void Sender::enqueue(const ItemPtr& item, std::int64_t due) {
+  unqueue(item);
+  SyncRuntime& sync = core_.sync(item);
+  if (sync.order == 0) sync.order = ++lastOrder_;
+  sync.place = Place::delayed;
+  sync.due = due;
+  delayed_.insert({due, item->rid});
+  schedule();
+}
+
+/// Sees to it that `pump` runs when the first delay is over.
+void Sender::schedule() {
+  if (core_.stopped || delayed_.empty()) return;
+  const std::int64_t first = delayed_.begin()->first;
+  if (timer_ && timer_->first <= first) return;
+  if (timer_) core_.loop.cancel(timer_->second);
+  const std::int64_t wait = std::max<std::int64_t>(0, first - core_.milliseconds());
+  timer_.emplace(first, core_.loop.postAfter(milliseconds(wait), [this, first] {
+    {
+      std::lock_guard lock(core_.mutex);
+      if (timer_ && timer_->first == first) timer_.reset();
+    }
+    pump();
+  }));
+}
+
+void Sender::makeReady(const ItemPtr& item) {
+  SyncRuntime& sync = core_.sync(item);
+  sync.place = Place::ready;
+  const bool upload = isUpload(*item);
+  const std::pair<bool, std::uint64_t> key(upload && item->size >= kLarge, sync.order);
+  (upload ? readyContents_ : readyNames_)[key] = item->rid;
+}
+
+void Sender::pump() {
+  std::lock_guard lock(core_.mutex);
+  if (core_.stopped) return;
+  const std::int64_t now = core_.milliseconds();
+  while (!delayed_.empty() && delayed_.begin()->first <= now) {
+    const auto item = core_.table.find(delayed_.begin()->second);
+    delayed_.erase(delayed_.begin());
+    if (item) makeReady(item);
+  }
+  if (health_.isUp()) {
+    startReady(readyNames_, namesRunning_, core_.options.metadataCalls);
+    startReady(readyContents_, contentsRunning_, core_.options.uploads);
+  }
+  schedule();
+  checkWaiters();
+}
+
+void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, unsigned& running,
+                        unsigned limit) {
+  const bool uploads = &ready == &readyContents_;
+  while (running < limit && !ready.empty()) {
+    const auto item = core_.table.find(ready.begin()->second);
+    ready.erase(ready.begin());
+    if (!item) continue;
+    SyncRuntime& sync = core_.sync(item);
+    sync.place = Place::idle;
+    if (!item->isPending()) {
+      withdraw(item);
+      continue;
+    }
+    if (isUpload(*item) != uploads) {
+      makeReady(item);
+      continue;
+    }
+    const std::int64_t quiet = item->lastWrite + kQuietTime;
+    if (uploads && item->writers > 0 && !item->sendNow && quiet > core_.milliseconds()) {
+      enqueue(item, quiet);
+      continue;
+    }
+    takeOverIfPossible(item);
+    if (!item->isPending()) continue;
+    if (const ItemPtr other = blocker(item)) {
+      sync.place = Place::blocked;
+      blocked_.insert(item->rid);
+      core_.sync(other).blocked.push_back(item->rid);
+      continue;
+    }
+    item->sendNow = false;
+    ++running;
+    start(item, uploads);
+  }
+}
+
+/// A new file in the place of a removed one becomes that one's new contents.
+void Sender::takeOverIfPossible(const ItemPtr& item) {
+  if (item->isFolder()) return;
+  if (item->mustCreate()) {
+    const ItemPtr before = core_.table.serverChild(item->parent, item->name);
+    if (before && before->mustRemove() && !before->isFolder() && !before->isSending()) {
+      takeOver(item, before);
+    }
+  } else if (item->mustRemove()) {
+    const ItemPtr after = core_.table.child(item->base->parent, item->base->name);
+    if (after && after->mustCreate() && !after->isFolder() && !after->isSending()) {
+      takeOver(after, item);
+    }
+  }
+}
+
+void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
+  const std::optional<Base> before = item->base;
+  Base base = *replaced->base;
+  ItemStore::Transaction transaction(core_.store);
+  withdraw(replaced);
+  core_.dropItem(replaced);
+  item->contentsChanged = true;
+  core_.setBase(item, std::move(base));
+  if (before) {
+    // What the item was at the provider goes once its contents are in their new place.
+    const ItemPtr rest = core_.makeItem(before->parent, before->name, item->kind);
+    rest->removed = true;
+    rest->after = item->rid;
+    core_.table.add(rest);
+    core_.setBase(rest, before);
+    changed(rest, milliseconds(0));
+  }
+  transaction.commit();
+}
+
+void Sender::start(const ItemPtr& item, bool upload) {
+  SyncRuntime& sync = core_.sync(item);
+  sync.place = Place::sending;
+  sync.targetParent = item->parent;
+  sync.targetName = item->name;
+  sync.wholeFolder = item->isFolder();
+  core_.sending.push_back(item);
+  startOn(core_.loop, run(item, upload));
+}
+
+void Sender::release(const ItemPtr& item) {
+  for (const Rid rid : std::exchange(item->sync->blocked, {})) {
+    const auto waiting = core_.table.find(rid);
+    if (!waiting || !waiting->sync || waiting->sync->place != Place::blocked) continue;
+    blocked_.erase(rid);
+    waiting->sync->place = Place::idle;
+    enqueue(waiting, 0);
+  }
+}
+
+void Sender::finish(const ItemPtr& item, bool upload) {
+  --(upload ? contentsRunning_ : namesRunning_);
+  std::erase(core_.sending, item);
+  SyncRuntime& sync = *item->sync;
+  if (sync.place == Place::sending) sync.place = Place::idle;
+  sync.targetParent = 0;
+  release(item);
+  if (!item->gone && item->removed && !item->base) core_.dropItem(item);
+  if (item->gone) {
+    core_.releaseIfUnused(item);
+  } else if (!item->isPending()) {
+    sync.order = 0;
+  } else if (sync.place == Place::idle && !item->failure) {
+    enqueue(item, core_.milliseconds());
+  }
+}
+
+Task<void> Sender::run(ItemPtr item, bool upload) {
+  bool known = true;
+  if (item->sent) known = co_await verify(item);
+  if (known) {
+    enum class Kind { nothing, creation, change, removal } kind = Kind::nothing;
+    {
+      std::lock_guard lock(core_.mutex);
+      if (item->gone || core_.stopped || item->sync->place != Place::sending) {
+        kind = Kind::nothing;
+      } else if (item->mustRemove()) {
+        kind = Kind::removal;
+      } else if (item->mustCreate()) {
+        kind = Kind::creation;
+      } else if (item->isPending()) {
+        kind = Kind::change;
+      }
+    }
+    if (kind == Kind::removal) co_await sendRemoval(item);
+    if (kind == Kind::creation) co_await sendCreation(item);
+    if (kind == Kind::change) co_await sendChange(item);
+  }
+  {
+    std::lock_guard lock(core_.mutex);
+    finish(item, upload);
+  }
+  pump();
+}
+
+void Sender::retryAll() {
+  std::vector<ItemPtr> waiting;
+  for (const auto& entry : delayed_) {
+    if (auto item = core_.table.find(entry.second)) waiting.push_back(std::move(item));
+  }
+  for (const ItemPtr& item : waiting) {
+    if (item->failure && item->failure->failureClass != FailureClass::slow) {
+      enqueue(item, core_.milliseconds());
+    }
+  }
+  for (const Rid rid : std::exchange(blocked_, {})) {
+    if (auto item = core_.table.find(rid)) {
+      core_.sync(item).place = Place::idle;
+      enqueue(item, core_.milliseconds());
+    }
+  }
+}
+
+void Sender::retry(const ItemPtr& item) {
+  if (item->isPending()) changed(item, milliseconds(0));
+}
+
+void Sender::restore() {
+  core_.table.forEach([this](const ItemPtr& item) {
+    if (!item->isPending()) return;
+    if (item->failure && item->failure->failureClass == FailureClass::refused) return;
+    enqueue(item, item->failure ? item->failure->next * 1000 : core_.milliseconds());
+  });
+}
+
+void Sender::awaitVerdict(const ItemPtr& item, milliseconds limit, Completion<Done> completion) {
+  if (item->gone || !item->isPending() || !health_.isUp() || health_.isSlow()) {
+    core_.answer<Done>(std::move(completion), Done{});
+    return;
+  }
+  auto once = std::make_shared<SyncWaiter>();
+  once->completion = std::move(completion);
+  const auto timer = core_.loop.postAfter(limit, [once] {
+    if (!std::exchange(once->answered, true)) once->completion(Done{});
+  });
+  core_.sync(item).verdictWaiters.push_back([this, once, timer](Outcome<Done> outcome) {
+    if (std::exchange(once->answered, true)) return;
+    core_.loop.cancel(timer);
+    once->completion(std::move(outcome));
+  });
+}
+
+void Sender::answerVerdict(const ItemPtr& item, const std::optional<NSError>& error) {
+  if (!item->sync) return;
+  for (auto& waiter : std::exchange(item->sync->verdictWaiters, {})) {
+    if (error) {
+      core_.answer<Done>(std::move(waiter), *error);
+    } else {
+      core_.answer<Done>(std::move(waiter), Done{});
+    }
+  }
+}
+
+void Sender::waitUntilSynced(milliseconds limit, Completion<Done> completion) {
+  auto waiter = std::make_shared<SyncWaiter>();
+  waiter->completion = std::move(completion);
+  {
+    std::lock_guard lock(core_.mutex);
+    syncWaiters_.push_back(waiter);
+  }
+  core_.loop.postAfter(limit, [waiter] {
+    if (!std::exchange(waiter->answered, true)) waiter->completion(posixError(ETIMEDOUT));
+  });
+  core_.loop.post([this] { pump(); });
+}
+
+void Sender::checkWaiters() {
+  if (syncWaiters_.empty()) return;
+  const bool busy = !core_.sending.empty() || !delayed_.empty() || !readyNames_.empty() ||
+                    !readyContents_.empty() || !blocked_.empty();
+  if (busy && !core_.stopped) return;
+  bool refused = false;
+  core_.table.forEach([&](const ItemPtr& item) { refused = refused || item->isPending(); });
+  for (auto& waiter : std::exchange(syncWaiters_, {})) {
+    core_.loop.post([waiter, refused] {
+      if (std::exchange(waiter->answered, true)) return;
+      if (refused) {
+        waiter->completion(posixError(EIO));
+      } else {
+        waiter->completion(Done{});
+      }
+    });
+  }
+}
+
+void Sender::stop() {
+  core_.table.forEach([this](const ItemPtr& item) { answerVerdict(item, std::nullopt); });
+  checkWaiters();
+}
+
+void Sender::healthChanged() {
+  if (health_.isUp()) {
+    retryAll();
+    return;
+  }
+  // Nobody waits for a word that does not come.
+  core_.table.forEach([this](const ItemPtr& item) { answerVerdict(item, std::nullopt); });
+}
+
+}  // namespace kestrowan::replica

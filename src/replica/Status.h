@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "replica/Records.h"
+
+namespace kestrowan::replica {
+
+/// Where an item stands between here and the provider.
+enum class SyncState : std::uint8_t {
+  synced,
+  waiting,  // changed here, will be sent
+  sending,
+  retrying,  // failed, will be tried again
+  refused,   // failed, waits for the user
+  localOnly,
+};
+
+/// "synced", "waiting" and so on.
+const char* name(SyncState state);
+
+struct ItemStatus {
+  /// From the root, beginning with "/".
+  std::string path;
+  ItemKind kind = ItemKind::file;
+  SyncState state = SyncState::synced;
+  /// What is to be sent: "create", "contents", "rename", "delete", some of them separated by ", ".
+  std::string changes;
+  /// The provider's identifier; empty when it has none yet.
+  NSFileProviderItemIdentifier identifier;
+  NSData version;
+  std::int64_t size = 0;
+  bool downloaded = false;
+  bool pinned = false;
+  Boxed<SyncFailure> failure;
+};
+
+struct Status {
+  /// No server can be reached at present.
+  bool offline = false;
+  /// Nothing is asked of the provider until its configuration changes; the reason.
+  std::optional<std::string> held;
+  /// Every item that is not synced, at most 10,000 of them.
+  std::vector<ItemStatus> pending;
+  std::int64_t pendingCount = 0;
+  std::int64_t pendingBytes = 0;
+  std::int64_t itemCount = 0;
+  /// Contents here that could be fetched again.
+  std::int64_t cachedFiles = 0;
+  std::int64_t cachedBytes = 0;
+  std::int64_t fetching = 0;
+  std::int64_t recoveredFiles = 0;
+  std::int64_t recoveredBytes = 0;
+  /// Paths of copies that were made because both sides had changed, the latest last.
+  std::vector<std::string> conflicts;
+  /// Entries of listings that could not be admitted, since the start.
+  std::int64_t refusedEntries = 0;
+};
+
+struct EvictionResult {
+  std::int64_t evicted = 0;
+  std::int64_t bytes = 0;
+  /// Not evicted because it is: changed here, open, or pinned.
+  std::int64_t changed = 0;
+  std::int64_t open = 0;
+  std::int64_t pinned = 0;
+};
+
+}  // namespace kestrowan::replica

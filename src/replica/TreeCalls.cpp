@@ -1,0 +1,97 @@
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "replica/Implementation.h"
+#include "replica/NameRules.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+constexpr std::size_t kLongestName = 255;
+
+}  // namespace
+
+void Replica::Implementation::lookUp(Rid folderRid, std::string_view name,
+                                     Completion<Attributes> completion) {
+  if (name.size() > kLongestName) throw posixError(ENAMETOOLONG);
+  ItemPtr folder;
+  {
+    std::lock_guard lock(core.mutex);
+    folder = core.requireFolder(folderRid);
+    // Nobody else can know of what was made here.
+    if (const ItemPtr here = core.table.child(folderRid, name); here && !here->base) {
+      const Attributes attributes = core.attributes(*here);
+      core.answer<Attributes>(std::move(completion), attributes);
+      return;
+    }
+  }
+  lister.prepare(folder, Lister::Need::usable,
+                 [this, folder, name = std::string(name),
+                  completion = std::move(completion)](const Outcome<Done>& prepared) {
+                   std::optional<Attributes> found;
+                   {
+                     std::lock_guard lock(core.mutex);
+                     if (const ItemPtr item = core.table.similarChild(folder->rid, name)) {
+                       found = core.attributes(*item);
+                     }
+                   }
+                   if (found) {
+                     completion(*found);
+                   } else if (prepared.succeeded()) {
+                     completion(posixError(ENOENT));
+                   } else {
+                     completion(prepared.error());
+                   }
+                 });
+}
+
+void Replica::Implementation::openFolder(
+    Rid folderRid, Completion<std::shared_ptr<const FolderSnapshot>> completion) {
+  ItemPtr folder;
+  {
+    std::lock_guard lock(core.mutex);
+    folder = core.requireFolder(folderRid);
+  }
+  lister.prepare(folder, Lister::Need::usable,
+                 [this, folder, completion = std::move(completion)](const Outcome<Done>& prepared) {
+                   if (!prepared.succeeded()) {
+                     completion(prepared.error());
+                     return;
+                   }
+                   auto snapshot = std::make_shared<FolderSnapshot>();
+                   {
+                     std::lock_guard lock(core.mutex);
+                     lister.setOpen(folder, true);
+                     snapshot->parent = folder->rid == kRootRid ? kRootRid : folder->parent;
+                     const auto children = core.table.children(folder->rid);
+                     snapshot->entries.reserve(children.size());
+                     for (const ItemPtr& child : children) {
+                       snapshot->entries.push_back({child->name, core.attributes(*child)});
+                     }
+                   }
+                   completion(std::shared_ptr<const FolderSnapshot>(std::move(snapshot)));
+                 });
+}
+
+/// What a listing changed has to be sent, or fetched.
+void Replica::Implementation::itemChangedByListing(const ItemPtr& item) {
+  if (item->isPending()) {
+    sender.changed(item, std::chrono::milliseconds(0));
+  } else if (item->pinned) {
+    fetcher.fetchLater(item);
+  }
+}
+
+std::vector<ItemPtr> Replica::Implementation::subtree(const ItemPtr& item) const {
+  std::vector<ItemPtr> all{item};
+  for (std::size_t at = 0; at < all.size(); ++at) {
+    if (!all[at]->isFolder()) continue;
+    const auto below = core.table.children(all[at]->rid);
+    all.insert(all.end(), below.begin(), below.end());
+  }
+  return all;
+}
+
+}  // namespace kestrowan::replica

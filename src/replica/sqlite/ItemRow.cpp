@@ -1,0 +1,260 @@
+#include "replica/sqlite/ItemRow.h"
+
+#include <limits>
+#include <utility>
+
+#include "replica/NameRules.h"
+#include "replica/sqlite/AttributeList.h"
+
+namespace kestrowan::replica {
+
+const char* const kSaveItem =
+    "INSERT OR REPLACE INTO items VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
+    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35)";
+const char* const kLoadItems =
+    "SELECT rid,parent,name,kind,content,content_changed,size,modified,mode,attributes,removed,"
+    "local_only,pinned,last_use,listed_at,base_identifier,base_parent,base_name,base_version,"
+    "base_version_known,base_size,base_date,base_capabilities,failure_class,failure_domain,"
+    "failure_code,failure_text,failure_since,failure_next,failure_tries,sent_content,sent_size,"
+    "sent_at,sent_parent,sent_name FROM items";
+
+namespace {
+
+// Where each group of columns begins, counted from 0.
+constexpr int kBaseColumns = 15;
+constexpr int kFailureColumns = 23;
+constexpr int kSentColumns = 30;
+constexpr int kColumns = 35;
+
+constexpr std::uint16_t kPermissionBits = 07777;
+constexpr auto kLargestNumber =
+    static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+/// Writes values into a statement, one parameter after the other.
+class Writer {
+ public:
+  Writer(Statement& statement, int column) : statement_(statement), next_(column + 1) {}
+
+  void put(std::int64_t number) { statement_.bind(next_++, number); }
+  void put(std::uint64_t number) { put(static_cast<std::int64_t>(number)); }
+  void put(bool flag) { put(std::int64_t{flag}); }
+  void put(const std::string& bytes) { statement_.bind(next_++, std::string_view(bytes)); }
+  template <typename Value>
+  void put(const std::optional<Value>& value) {
+    if (value) {
+      put(std::int64_t{*value});
+    } else {
+      statement_.bindNothing(next_++);
+    }
+  }
+  void putNothing(int columns) {
+    while (columns-- > 0) statement_.bindNothing(next_++);
+  }
+
+ private:
+  Statement& statement_;
+  int next_;
+};
+
+/// Reads values out of a row, one column after the other. A value of the wrong kind or out of its
+/// range makes the row one without sense.
+class Reader {
+ public:
+  Reader(const Statement& row, int column) : row_(row), next_(column) {}
+
+  std::int64_t number(std::int64_t least = std::numeric_limits<std::int64_t>::min(),
+                      std::int64_t greatest = std::numeric_limits<std::int64_t>::max()) {
+    const auto value = row_.number(next_++);
+    if (value && *value >= least && *value <= greatest) return *value;
+    isSensible_ = false;
+    return 0;
+  }
+  std::uint64_t natural() { return static_cast<std::uint64_t>(number(0)); }
+  bool flag() { return number(0, 1) == 1; }
+  std::string bytes() {
+    const auto value = row_.bytes(next_++);
+    if (value) return std::string(*value);
+    isSensible_ = false;
+    return {};
+  }
+  bool isNothing() const { return row_.isNothing(next_); }
+  void skip() { ++next_; }
+  std::optional<std::int64_t> optionalNumber(std::int64_t least, std::int64_t greatest) {
+    if (!isNothing()) return number(least, greatest);
+    skip();
+    return std::nullopt;
+  }
+
+  bool isSensible() const { return isSensible_; }
+
+ private:
+  const Statement& row_;
+  int next_;
+  bool isSensible_ = true;
+};
+
+void bindBase(Statement& save, const std::optional<Base>& base) {
+  Writer writer(save, kBaseColumns);
+  if (!base) return writer.putNothing(kFailureColumns - kBaseColumns);
+  writer.put(base->identifier);
+  writer.put(base->parent);
+  writer.put(base->name);
+  writer.put(base->version);
+  writer.put(base->versionKnown);
+  writer.put(base->size);
+  writer.put(base->date);
+  writer.put(base->capabilities);
+}
+
+void bindFailure(Statement& save, const Boxed<SyncFailure>& failure) {
+  Writer writer(save, kFailureColumns);
+  if (!failure) return writer.putNothing(kSentColumns - kFailureColumns);
+  writer.put(static_cast<std::int64_t>(failure->failureClass));
+  writer.put(failure->domain);
+  writer.put(failure->code);
+  writer.put(failure->text);
+  writer.put(failure->since);
+  writer.put(failure->next);
+  writer.put(std::int64_t{failure->tries});
+}
+
+void bindSent(Statement& save, const Boxed<SentRecord>& sent) {
+  Writer writer(save, kSentColumns);
+  if (!sent) return writer.putNothing(kColumns - kSentColumns);
+  writer.put(sent->content);
+  writer.put(sent->size);
+  writer.put(sent->at);
+  writer.put(sent->parent);
+  writer.put(sent->name);
+}
+
+/// False when the row makes no sense; so with the next two.
+bool readBase(const Statement& row, std::optional<Base>& result) {
+  Reader reader(row, kBaseColumns);
+  if (reader.isNothing()) return true;
+  auto& base = result.emplace();
+  base.identifier = reader.bytes();
+  base.parent = reader.natural();
+  base.name = reader.bytes();
+  base.version = reader.bytes();
+  base.versionKnown = reader.flag();
+  base.size = reader.number(0);
+  base.date = reader.optionalNumber(std::numeric_limits<std::int64_t>::min(),
+                                    std::numeric_limits<std::int64_t>::max());
+  // All 64 bits may be used.
+  base.capabilities = static_cast<NSFileProviderItemCapabilities>(reader.number());
+  return reader.isSensible();
+}
+
+bool readFailure(const Statement& row, Boxed<SyncFailure>& result) {
+  Reader reader(row, kFailureColumns);
+  if (reader.isNothing()) return true;
+  SyncFailure failure;
+  failure.failureClass =
+      static_cast<FailureClass>(reader.number(0, static_cast<std::int64_t>(FailureClass::held)));
+  failure.domain = reader.bytes();
+  failure.code = reader.number();
+  failure.text = reader.bytes();
+  failure.since = reader.number();
+  failure.next = reader.number();
+  failure.tries =
+      static_cast<std::uint32_t>(reader.number(0, std::numeric_limits<std::uint32_t>::max()));
+  result = std::move(failure);
+  return reader.isSensible();
+}
+
+bool readSent(const Statement& row, Boxed<SentRecord>& result) {
+  Reader reader(row, kSentColumns);
+  if (reader.isNothing()) return true;
+  SentRecord sent;
+  sent.content = reader.natural();
+  sent.size = reader.number(0);
+  sent.at = reader.number();
+  sent.parent = reader.natural();
+  sent.name = reader.bytes();
+  result = std::move(sent);
+  return reader.isSensible();
+}
+
+bool isNumber(std::uint64_t number) {
+  return number <= kLargestNumber;
+}
+
+}  // namespace
+
+bool isSensible(const ItemRecord& record) {
+  const auto& base = record.base;
+  const auto& sent = record.sent;
+  return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
+         isNumber(record.content) && record.size >= 0 && record.kind <= ItemKind::folder &&
+         record.mode.value_or(0) <= kPermissionBits &&
+         (record.rid == kRootRid || isValidName(record.name)) &&
+         (!base || (base->size >= 0 && isNumber(base->parent))) &&
+         (!sent || (sent->size >= 0 && isNumber(sent->parent) && isNumber(sent->content))) &&
+         (!record.failure || record.failure->failureClass <= FailureClass::held);
+}
+
+void bindItem(Statement& save, const ItemRecord& record, std::string& attributes) {
+  Writer writer(save, 0);
+  writer.put(record.rid);
+  writer.put(record.parent);
+  writer.put(record.name);
+  writer.put(static_cast<std::int64_t>(record.kind));
+  writer.put(record.content);
+  writer.put(record.contentsChanged);
+  writer.put(record.size);
+  writer.put(record.modified);
+  writer.put(record.mode);
+  if (record.attributes.empty()) {
+    writer.putNothing(1);
+  } else {
+    attributes = encodedAttributes(record.attributes);
+    writer.put(attributes);
+  }
+  writer.put(record.removed);
+  writer.put(record.localOnly);
+  writer.put(record.pinned);
+  writer.put(record.lastUse);
+  writer.put(record.listedAt);
+  bindBase(save, record.base);
+  bindFailure(save, record.failure);
+  bindSent(save, record.sent);
+}
+
+std::optional<ItemRecord> itemFromRow(const Statement& row) {
+  std::optional<ItemRecord> result(std::in_place);
+  auto& record = *result;
+  Reader reader(row, 0);
+  record.rid = reader.natural();
+  record.parent = reader.natural();
+  record.name = reader.bytes();
+  record.kind =
+      static_cast<ItemKind>(reader.number(0, static_cast<std::int64_t>(ItemKind::folder)));
+  record.content = reader.natural();
+  record.contentsChanged = reader.flag();
+  record.size = reader.number(0);
+  record.modified = reader.number();
+  if (const auto mode = reader.optionalNumber(0, kPermissionBits)) {
+    record.mode = static_cast<std::uint16_t>(*mode);
+  }
+  bool attributesAreSensible = true;
+  if (reader.isNothing()) {
+    reader.skip();
+  } else if (auto attributes = decodedAttributes(reader.bytes())) {
+    record.attributes = *std::move(attributes);
+  } else {
+    attributesAreSensible = false;
+  }
+  record.removed = reader.flag();
+  record.localOnly = reader.flag();
+  record.pinned = reader.flag();
+  record.lastUse = reader.number();
+  record.listedAt = reader.number();
+  if (!reader.isSensible() || !attributesAreSensible || !readBase(row, record.base) ||
+      !readFailure(row, record.failure) || !readSent(row, record.sent) || !isSensible(record)) {
+    return std::nullopt;
+  }
+  return result;
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,107 @@
+#include "replica/sqlite/Schema.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <iterator>
+
+#include "platform/foundation/NSError.h"
+#include "replica/sqlite/Statement.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+// "KpRp", in the file's header for whoever wants to know what it is.
+constexpr std::int64_t kApplication = 0x4B705270;
+constexpr const char* kSetApplication = "PRAGMA application_id=0x4B705270";
+
+/// What makes each version of the schema out of the one before; the first out of nothing. Never
+/// changed once released, only added to.
+constexpr const char* kMigrations[] = {
+    "CREATE TABLE items("
+    " rid INTEGER PRIMARY KEY,"
+    " parent INTEGER NOT NULL,"
+    " name BLOB NOT NULL,"
+    " kind INTEGER NOT NULL,"
+    " content INTEGER NOT NULL,"
+    " content_changed INTEGER NOT NULL,"
+    " size INTEGER NOT NULL,"
+    " modified INTEGER NOT NULL,"
+    " mode INTEGER,"
+    " attributes BLOB,"
+    " removed INTEGER NOT NULL,"
+    " local_only INTEGER NOT NULL,"
+    " pinned INTEGER NOT NULL,"
+    " last_use INTEGER NOT NULL,"
+    " listed_at INTEGER NOT NULL,"
+    " base_identifier BLOB,"
+    " base_parent INTEGER,"
+    " base_name BLOB,"
+    " base_version BLOB,"
+    " base_version_known INTEGER,"
+    " base_size INTEGER,"
+    " base_date INTEGER,"
+    " base_capabilities INTEGER,"
+    " failure_class INTEGER,"
+    " failure_domain BLOB,"
+    " failure_code INTEGER,"
+    " failure_text BLOB,"
+    " failure_since INTEGER,"
+    " failure_next INTEGER,"
+    " failure_tries INTEGER,"
+    " sent_content INTEGER,"
+    " sent_size INTEGER,"
+    " sent_at INTEGER,"
+    " sent_parent INTEGER,"
+    " sent_name BLOB"
+    ") STRICT;"
+    "CREATE TABLE numbers(next INTEGER NOT NULL) STRICT;"
+    "INSERT INTO numbers VALUES(2);",
+};
+constexpr std::int64_t kNewest = std::size(kMigrations);
+
+[[noreturn]] void refuse(const Database& database, int number, const char* reason) {
+  throw NSError(NSPOSIXErrorDomain, number,
+                {{std::string(NSLocalizedDescriptionKey), database.path() + ": " + reason},
+                 {std::string(NSFilePathErrorKey), database.path()}});
+}
+
+std::int64_t versionOf(Database& database) {
+  const auto version = database.number("PRAGMA user_version");
+  const auto application = database.number("PRAGMA application_id");
+  const auto tables = database.number("SELECT count(*) FROM sqlite_schema");
+  const bool isNew = version == 0 && application == 0 && tables == 0;
+  if (!isNew && (application != kApplication || version < 1)) {
+    refuse(database, EIO, "this is no database of the replica");
+  }
+  if (version > kNewest) {
+    refuse(database, ENOTSUP, "a later version of the program has written this database");
+  }
+  return version;
+}
+
+/// Throws when the file's structure is damaged. Reads all of it.
+void checkWhole(Database& database) {
+  Statement check(database, "PRAGMA quick_check(1)");
+  if (check.step() && check.bytes(0) == "ok") return;
+  refuse(database, EIO, "the database is damaged");
+}
+
+}  // namespace
+
+std::unique_ptr<Database> openReplicaDatabase(const std::string& path) {
+  auto database = std::make_unique<Database>(path);
+  auto version = versionOf(*database);
+  checkWhole(*database);
+  database->beginLogging();
+  if (version == 0) database->execute(kSetApplication);
+  while (version < kNewest) {
+    const std::string step = std::string("BEGIN IMMEDIATE;") + kMigrations[version] +
+                             "PRAGMA user_version=" + std::to_string(version + 1) + ";COMMIT;";
+    database->execute(step.c_str());
+    ++version;
+  }
+  return database;
+}
+
+}  // namespace kestrowan::replica

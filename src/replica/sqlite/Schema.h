@@ -1,0 +1,15 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "replica/sqlite/Database.h"
+
+namespace kestrowan::replica {
+
+/// Opens the replica's database at `path`, or makes it, and brings it to the newest schema. Throws
+/// `NSError`: EIO for a file that is no such database or a damaged one, ENOTSUP for one of a later
+/// version.
+std::unique_ptr<Database> openReplicaDatabase(const std::string& path);
+
+}  // namespace kestrowan::replica

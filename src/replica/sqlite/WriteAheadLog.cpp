@@ -1,0 +1,30 @@
+#include "replica/sqlite/WriteAheadLog.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "replica/StoreFiles.h"
+
+namespace kestrowan::replica {
+
+WriteAheadLog::WriteAheadLog(std::string path)
+    : path_(std::move(path)), file_(openRegularFile(path_, O_RDONLY)) {}
+
+void WriteAheadLog::sync() {
+  if (const int failure = failure_) throw fileError(failure, path_);
+  const std::uint64_t commits = commits_;
+  if (durable_ >= commits) return;
+  while (::fdatasync(file_.get()) != 0) {
+    if (errno == EINTR) continue;
+    failure_ = errno;
+    throw fileError(failure_, path_);
+  }
+  std::uint64_t before = durable_;
+  while (before < commits && !durable_.compare_exchange_weak(before, commits)) {
+  }
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/base/UniqueFd.h"
+
+namespace kestrowan::replica {
+
+/// Makes what a database has in its write-ahead log durable, beside the connection that writes it:
+/// whatever is committed lies in the log, or has been moved to the file, which the connection syncs
+/// before it begins the log anew. Usable from every thread.
+class WriteAheadLog {
+ public:
+  /// The file must be there, and stay the same for the life of this object. Throws `NSError`.
+  explicit WriteAheadLog(std::string path);
+
+  /// Tells of one more commit.
+  void noteCommit() { ++commits_; }
+  /// Makes every commit that was noted durable. Throws `NSError`, from the first failure on always:
+  /// what the disk then lost, it would not report again.
+  void sync();
+
+ private:
+  const std::string path_;
+  const UniqueFd file_;
+  std::atomic<std::uint64_t> commits_ = 1;
+  std::atomic<std::uint64_t> durable_ = 0;
+  std::atomic<int> failure_ = 0;
+};
+
+}  // namespace kestrowan::replica

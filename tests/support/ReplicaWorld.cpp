@@ -1,0 +1,220 @@
+#include "support/ReplicaWorld.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <utility>
+
+namespace kestrowan::test {
+
+using namespace replica;
+
+ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
+    : extensionOptions_(std::move(extensionOptions)), options_(std::move(options)) {
+  if (extensionOptions_.opaqueIdentifiers) options_.identifierPrefix = "node:";
+  options_.freeSpaceFloor = 1;
+  options_.saysNothing = [](const NSData& version) {
+    return version.starts_with("new|") || version.starts_with("modified|") ||
+           version.starts_with("downloaded|");
+  };
+  server_ = std::make_shared<MemoryServer>([this] { return loop_.wallClock() / 1000; });
+  begin();
+  connect();
+}
+
+ReplicaWorld::~ReplicaWorld() {
+  end();
+}
+
+void ReplicaWorld::begin() {
+  replica_ = std::make_unique<Replica>(directory_.path(), loop_, options_);
+}
+
+void ReplicaWorld::end() {
+  replica_->stop();
+  loop_.runUntilIdle();
+  replica_.reset();
+}
+
+void ReplicaWorld::crashUnconnected() {
+  end();
+  begin();
+}
+
+void ReplicaWorld::crash() {
+  crashUnconnected();
+  connect();
+}
+
+void ReplicaWorld::connect() {
+  extension_ = std::make_shared<InMemoryExtension>(loop_, directory_.path() + "/temporary", server_,
+                                                   extensionOptions_);
+  replica_->setProvider(extension_);
+  loop_.runUntilIdle();
+}
+
+template <typename T, typename Call>
+T ReplicaWorld::await(Call&& call) {
+  std::optional<Outcome<T>> result;
+  call([&](Outcome<T> outcome) { result.emplace(std::move(outcome)); });
+  if (!loop_.runUntil([&] { return result.has_value(); }, std::chrono::minutes(10))) {
+    throw std::runtime_error("a call was not answered");
+  }
+  if (!result->succeeded()) throw result->error();
+  return std::move(result->value());
+}
+
+bool ReplicaWorld::settle() {
+  try {
+    await<Done>([&](Completion<Done> completion) {
+      replica_->waitUntilSynced(std::chrono::minutes(9), std::move(completion));
+    });
+  } catch (const NSError&) {
+    return false;
+  }
+  return true;
+}
+
+Rid ReplicaWorld::find(std::string_view path) {
+  return await<Rid>(
+      [&](Completion<Rid> completion) { replica_->find(path, std::move(completion)); });
+}
+
+ReplicaWorld::Place ReplicaWorld::place(std::string_view path) {
+  const auto slash = path.rfind('/');
+  return {find(path.substr(0, slash)), std::string(path.substr(slash + 1))};
+}
+
+Attributes ReplicaWorld::attributes(std::string_view path) {
+  return replica_->attributes(find(path));
+}
+
+bool ReplicaWorld::exists(std::string_view path) {
+  return errorOf([&] { find(path); }).empty();
+}
+
+std::vector<std::string> ReplicaWorld::list(std::string_view path) {
+  const Rid folder = find(path);
+  const auto snapshot = await<std::shared_ptr<const FolderSnapshot>>(
+      [&](auto completion) { replica_->openFolder(folder, std::move(completion)); });
+  replica_->closeFolder(folder);
+  std::vector<std::string> names;
+  for (const auto& entry : snapshot->entries) names.push_back(entry.name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::shared_ptr<OpenFile> ReplicaWorld::open(std::string_view path, OpenMode mode) {
+  // As the kernel does it: looks the name up again when the item has been replaced meanwhile.
+  for (int tries = 0;; ++tries) {
+    const Rid item = find(path);
+    try {
+      return await<std::shared_ptr<OpenFile>>(
+          [&](Completion<std::shared_ptr<OpenFile>> completion) {
+            replica_->openFile(item, mode, std::move(completion));
+          });
+    } catch (const NSError& error) {
+      if (!error.is(NSPOSIXErrorDomain, ESTALE) || tries == 3) throw;
+    }
+  }
+}
+
+std::shared_ptr<OpenFile> ReplicaWorld::create(std::string_view path) {
+  const Place at = place(path);
+  return await<CreatedFile>([&](Completion<CreatedFile> completion) {
+           replica_->createFile(at.folder, at.name, 0644, std::move(completion));
+         })
+      .file;
+}
+
+void ReplicaWorld::writeTo(const OpenFile& file, std::string_view bytes, std::int64_t at) {
+  const ssize_t written =
+      file.write([&](int fd) { return ::pwrite(fd, bytes.data(), bytes.size(), at); });
+  if (written != static_cast<ssize_t>(bytes.size())) throw posixError(errno);
+}
+
+std::string ReplicaWorld::readFrom(const OpenFile& file) {
+  std::string bytes;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t read = file.read([&](int fd) {
+      return ::pread(fd, buffer, sizeof buffer, static_cast<off_t>(bytes.size()));
+    });
+    if (read < 0) throw posixError(errno);
+    if (read == 0) return bytes;
+    bytes.append(buffer, static_cast<std::size_t>(read));
+  }
+}
+
+std::string ReplicaWorld::read(std::string_view path) {
+  return readFrom(*open(path, {}));
+}
+
+void ReplicaWorld::write(std::string_view path, std::string_view bytes) {
+  std::shared_ptr<OpenFile> file;
+  if (exists(path)) {
+    file = open(path, {.read = true, .write = true, .truncate = true});
+  } else {
+    file = create(path);
+  }
+  writeTo(*file, bytes);
+}
+
+void ReplicaWorld::append(std::string_view path, std::string_view bytes) {
+  const auto file = open(path, {.read = true, .write = true});
+  const std::int64_t end = replica_->attributes(file->rid()).size;
+  writeTo(*file, bytes, end);
+}
+
+void ReplicaWorld::makeFolder(std::string_view path) {
+  const Place at = place(path);
+  await<Attributes>([&](Completion<Attributes> completion) {
+    replica_->makeFolder(at.folder, at.name, 0755, std::move(completion));
+  });
+}
+
+void ReplicaWorld::remove(std::string_view path) {
+  const Place at = place(path);
+  await<Done>([&](Completion<Done> completion) {
+    replica_->removeFile(at.folder, at.name, std::move(completion));
+  });
+}
+
+void ReplicaWorld::removeFolder(std::string_view path) {
+  const Place at = place(path);
+  await<Done>([&](Completion<Done> completion) {
+    replica_->removeFolder(at.folder, at.name, std::move(completion));
+  });
+}
+
+void ReplicaWorld::rename(std::string_view from, std::string_view to, bool replace) {
+  const Place source = place(from);
+  const Place target = place(to);
+  await<Done>([&](Completion<Done> completion) {
+    replica_->rename(source.folder, source.name, target.folder, target.name, replace,
+                     std::move(completion));
+  });
+}
+
+void ReplicaWorld::gather(const std::string& path,
+                          std::map<std::string, std::optional<std::string>>& into) {
+  for (const std::string& name : list(path.empty() ? "/" : path)) {
+    const std::string child = path + "/" + name;
+    if (attributes(child).kind == ItemKind::folder) {
+      into[child] = std::nullopt;
+      gather(child, into);
+    } else {
+      into[child] = read(child);
+    }
+  }
+}
+
+std::map<std::string, std::optional<std::string>> ReplicaWorld::tree() {
+  std::map<std::string, std::optional<std::string>> all;
+  gather("", all);
+  return all;
+}
+
+}  // namespace kestrowan::test

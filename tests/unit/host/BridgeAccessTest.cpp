@@ -1,0 +1,77 @@
+#include "host/BridgeAccess.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "support/TemporaryDirectory.h"
+
+namespace kestrowan::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+class BridgeAccessTest : public testing::Test {
+ protected:
+  BridgeAccessTest() {
+    std::ofstream(bridge_) << "{}";
+    ::chmod(bridge_.c_str(), 0600);
+  }
+  test::TemporaryDirectory directory_;
+  const std::string container_ = directory_.path();
+  const std::string bridge_ = container_ + "/fp-webdav.json";
+};
+
+TEST_F(BridgeAccessTest, AContainerOfTheUsersOwnIsSafe) {
+  EXPECT_TRUE(isSafeContainer(container_));
+  ::chmod(container_.c_str(), 0755);
+  EXPECT_TRUE(isSafeContainer(container_));
+  EXPECT_EQ(bridgeWarning(container_), std::nullopt);
+}
+
+TEST_F(BridgeAccessTest, OneThatOthersMayWriteInIsNot) {
+  for (const mode_t mode : {0720U, 0702U, 01777U}) {
+    ::chmod(container_.c_str(), mode);
+    EXPECT_FALSE(isSafeContainer(container_));
+    ASSERT_TRUE(bridgeWarning(container_));
+    EXPECT_NE(bridgeWarning(container_)->find("chmod go-w"), std::string::npos);
+  }
+}
+
+TEST_F(BridgeAccessTest, SomebodyElsesIsNot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a directory away";
+  ASSERT_EQ(::chown(container_.c_str(), 65534, 65534), 0);
+  EXPECT_FALSE(isSafeContainer(container_));
+}
+
+TEST_F(BridgeAccessTest, NothingAndAFileAreNoContainers) {
+  EXPECT_FALSE(isSafeContainer(container_ + "/missing"));
+  EXPECT_FALSE(isSafeContainer(bridge_));
+  EXPECT_EQ(bridgeWarning(std::nullopt), std::nullopt);
+}
+
+TEST_F(BridgeAccessTest, APasswordThatOthersMayReadIsWarnedOf) {
+  for (const mode_t mode : {0640U, 0604U}) {
+    ::chmod(bridge_.c_str(), mode);
+    ASSERT_TRUE(bridgeWarning(container_));
+    EXPECT_NE(bridgeWarning(container_)->find("chmod 600"), std::string::npos);
+  }
+}
+
+TEST_F(BridgeAccessTest, ALinkInThePlaceOfTheBridgeFileIsWarnedOf) {
+  fs::rename(bridge_, container_ + "/real");
+  fs::create_symlink("real", bridge_);
+  ASSERT_TRUE(bridgeWarning(container_));
+  EXPECT_NE(bridgeWarning(container_)->find("symbolic link"), std::string::npos);
+}
+
+TEST_F(BridgeAccessTest, AFileThatIsNotThereYetIsNoCauseForAWarning) {
+  fs::remove(bridge_);
+  EXPECT_EQ(bridgeWarning(container_), std::nullopt);
+}
+
+}  // namespace
+}  // namespace kestrowan::host
