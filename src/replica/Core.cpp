@@ -26,7 +26,7 @@ Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
       loop(usedLoop),
       store(directory),
       contents(directory),
-      provider(usedLoop, {options.metadataCalls, options.downloads, options.uploads}),
+      provider(loop, {options.metadataCalls, options.downloads, options.uploads}),
       random(std::random_device()()) {}
 
 ItemPtr Core::require(Rid rid) const {

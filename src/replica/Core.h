@@ -11,6 +11,7 @@
 
 #include "platform/foundation/Logger.h"
 #include "replica/ContentStore.h"
+#include "replica/GatedLoop.h"
 #include "replica/ItemTable.h"
 #include "replica/Loop.h"
 #include "replica/Observer.h"
@@ -32,7 +33,7 @@ struct Core {
   Core& operator=(const Core&) = delete;
 
   const Options options;
-  Loop& loop;
+  GatedLoop loop;
   ItemStore store;
   ContentStore contents;
   ProviderCalls provider;

@@ -80,7 +80,8 @@ class Replica {
   Replica(const std::string& directory, Loop& loop, Options options);
   Replica(const Replica&) = delete;
   Replica& operator=(const Replica&) = delete;
-  /// Only once the loop runs nothing more, every `OpenFile` is gone and `stop` was called.
+  /// Only when `stop` was called, the loop has run what that caused, and every `OpenFile` is gone.
+  /// Not on the loop.
   ~Replica();
 
   /// Makes `provider` the one that is asked from now on; the one before is invalidated and released

@@ -22,7 +22,8 @@ class SimulatedLoop : public replica::Loop {
   std::int64_t wallClock() const override;
 
   /// Runs what was posted, the timers that are due, and what all of these post, until nothing is
-  /// left; says how many functions that were. Throws `std::runtime_error` when there is no end.
+  /// left; says how many functions that were. Throws `std::runtime_error` when there is no end, as
+  /// the next two do.
   std::size_t runUntilIdle();
   /// Lets time pass: runs every timer when it is due, and whatever is posted in between.
   void advance(std::chrono::milliseconds duration);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <string>
+#include <thread>
 
 #include "cli/Console.h"
 #include "cli/HostLink.h"
@@ -65,6 +66,8 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
         return finished(options, answer, ExitCode::timedOut, "time is over: " + stateText(answer));
       }
       line.show(stateText(answer));
+      // An answer that comes at once, because nothing is under way, would come at once again.
+      std::this_thread::sleep_until(asked + step);
     }
   });
 }

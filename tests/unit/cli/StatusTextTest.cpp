@@ -66,11 +66,10 @@ TEST(StatusText, TroubleIsSaidInWords) {
               HasSubstr("wrong password"));
   EXPECT_THAT(statusText(status(R"(,"warnings":["look out"])"), kNow, 10),
               HasSubstr("Warning:   look out\n"));
-  EXPECT_THAT(statusText(status(R"(,"conflicts":[{"path":"/c (conflict)"
-}])"), kNow, 10),
+  EXPECT_THAT(statusText(status(R"x(,"conflicts":[{"path":"/c (conflict)"}])x"), kNow, 10),
               HasSubstr("  /c (conflict)\n"));
-EXPECT_THAT(statusText(status(R"(,"recovery":{"files":1,"bytes":5})"), kNow, 10),
-            HasSubstr("1 file, 5 B, in /state/recovery\n"));
+  EXPECT_THAT(statusText(status(R"(,"recovery":{"files":1,"bytes":5})"), kNow, 10),
+              HasSubstr("1 file, 5 B, in /state/recovery\n"));
 }
 
 TEST(StatusText, NamesCannotSteerTheTerminal) {

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
+#include <sstream>
 
 #include "platform/foundation/NSError.h"
 #include "support/TemporaryDirectory.h"
@@ -25,8 +25,9 @@ using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 std::string readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), {});
+  std::ostringstream bytes;
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  return bytes.str();
 }
 
 void writeFile(const std::string& path, std::string_view bytes) {

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "platform/fileprovider/NSFileProviderError.h"
@@ -32,8 +32,9 @@ using ::testing::UnorderedElementsAre;
 const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
 
 std::string readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), {});
+  std::ostringstream bytes;
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  return bytes.str();
 }
 
 /// What a call was answered with.

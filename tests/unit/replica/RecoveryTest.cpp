@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
+#include <sstream>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
@@ -31,8 +31,9 @@ class RecoveryTest : public ::testing::Test {
     std::ofstream(store_.path(number), std::ios::binary) << bytes;
     const auto path = store_.recover(number, name, at);
     EXPECT_EQ(fs::path(path).parent_path(), recovery());
-    std::ifstream stream(path, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), bytes);
+    std::ostringstream found;
+    found << std::ifstream(path, std::ios::binary).rdbuf();
+    EXPECT_EQ(found.str(), bytes);
     return fs::path(path).filename();
   }
   std::string recovery() const { return directory_.path() + "/recovery"; }
