@@ -51,6 +51,10 @@ std::string byteText(std::int64_t bytes) {
   return formatted("%.1f %s", value, kUnits[unit]);
 }
 
+std::string counted(std::int64_t number, const std::string& one) {
+  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+}
+
 std::string longLine(const NSFileProviderItem& item, std::string_view name) {
   const auto size = item.documentSize();
   const std::string sizeText = size ? std::to_string(*size) : "-";

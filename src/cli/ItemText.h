@@ -16,6 +16,9 @@ std::string dateText(const std::optional<NSDate>& date);
 /// Bytes in a short form, as "12.3 MiB".
 std::string byteText(std::int64_t bytes);
 
+/// "1 file", "2 files".
+std::string counted(std::int64_t number, const std::string& one);
+
 /// One line of a long listing, without a line end.
 std::string longLine(const NSFileProviderItem& item, std::string_view name);
 

@@ -29,10 +29,6 @@ std::string line(std::string_view subject, const std::string& value) {
   return padded(std::string(subject) + ":", 11) + value + "\n";
 }
 
-std::string counted(std::int64_t number, const std::string& one) {
-  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
-}
-
 /// The elements of an array member; none when there is no such member.
 const JSONValue::Array& elements(const JSONValue& form, std::string_view member) {
   static const JSONValue::Array kNone;

@@ -29,6 +29,7 @@
 #include "host/ServiceManager.h"
 #include "host/StateDirectory.h"
 #include "host/StatusNews.h"
+#include "host/VersionRules.h"
 #include "mount/Mount.h"
 #include "platform/foundation/Logger.h"
 #include "replica/LoopThread.h"
@@ -96,6 +97,8 @@ replica::Options replicaOptions(const HostSettings& settings) {
   auto options = settings.replica;
   options.wouldRefuse = extensionRefusals();
   options.hostName = machineName();
+  options.saysNothing = saysNothing;
+  options.sameContents = sameContents;
   return options;
 }
 

@@ -154,7 +154,7 @@ Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
   co_return empty;
 }
 
-Task<bool> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
+Task<Outcome<bool>> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
   const std::string path = core_.contents.path(content);
   struct stat status;
   if (::stat(path.c_str(), &status) != 0 || status.st_size != base.size) co_return false;
@@ -162,17 +162,32 @@ Task<bool> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t
     co_return sentAt != 0 && base.date&&* base.date + kDateTolerance >= sentAt;
   }
   const auto fetched = co_await core_.provider.fetch(base.identifier);
-  if (!fetched.succeeded()) co_return false;
-  const bool equal = filesAreEqual(fetched.value().path, path);
-  ::unlink(fetched.value().path.c_str());
-  co_return equal;
+  if (!fetched.succeeded()) co_return fetched.error();
+  const std::string copy = fetched.value().path;
+  std::optional<bool> equal;
+  // A file of another size than announced proves nothing.
+  if (::stat(copy.c_str(), &status) == 0 && status.st_size == base.size) {
+    equal = filesAreEqual(copy, path);
+  }
+  ::unlink(copy.c_str());
+  if (!equal) co_return NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost);
+  co_return *equal;
 }
 
 /// The name of a new item is taken at the provider.
 Task<void> Sender::settleCollision(ItemPtr item, Listing::Entry entry) {
   bool same = entry.kind == item->kind;
-  if (same && !item->isFolder()) same = co_await holdsSameBytes(entry.base, item->content, 0);
+  std::optional<NSError> unknown;
+  if (same && !item->isFolder()) {
+    const auto compared = co_await holdsSameBytes(entry.base, item->content, 0);
+    same = compared.succeeded() && compared.value();
+    if (!compared.succeeded()) unknown = compared.error();
+  }
   std::lock_guard lock(core_.mutex);
+  if (unknown) {
+    fail(item, *unknown);
+    co_return;
+  }
   if (!item->mustCreate()) co_return;
   if (const ItemPtr folder = core_.table.find(item->parent)) {
     core_.folder(folder).shadowed.erase(entry.base.name);
@@ -226,7 +241,13 @@ Task<bool> Sender::verify(ItemPtr item) {
   if (atTarget && sent.content != 0 && atTarget->kind == ItemKind::file) {
     const bool unchanged = before && before->version == atTarget->base.version;
     if (!unchanged) {
-      hasContents = co_await holdsSameBytes(atTarget->base, sent.content, sent.at);
+      const auto compared = co_await holdsSameBytes(atTarget->base, sent.content, sent.at);
+      if (!compared.succeeded()) {
+        std::lock_guard lock(core_.mutex);
+        fail(item, compared.error());
+        co_return false;
+      }
+      hasContents = compared.value();
     }
   }
   std::lock_guard lock(core_.mutex);

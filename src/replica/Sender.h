@@ -83,8 +83,8 @@ class Sender {
   Task<bool> mayRemove(ItemPtr item);
   bool keepIfChanged(const ItemPtr& item, const Base& atProvider);
   Task<bool> isEmptyAtProvider(ItemPtr folder);
-  /// Whether a file at the provider holds the bytes of `content`.
-  Task<bool> holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt);
+  /// Whether a file at the provider holds the bytes of `content`, if that can be found out.
+  Task<Outcome<bool>> holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt);
   /// Finds out what became of a request without an answer. Whether that could be found out.
   Task<bool> verify(ItemPtr item);
   Task<void> settleCollision(ItemPtr item, Listing::Entry entry);

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "cli/HostLink.h"
+#include "cli/ItemText.h"
 #include "cli/commands/Finding.h"
 #include "host/StaleMount.h"
 #include "platform/base/UniqueFd.h"
@@ -77,8 +78,8 @@ Finding checkHost(const host::HostEntry& host) {
     const auto* pending = status.member("pending");
     return {"mount", Verdict::good,
             shown + ": " + text(status, "state") + ", " +
-                std::to_string(pending != nullptr ? integer(*pending, "count") : 0) +
-                " changes to send"};
+                counted(pending != nullptr ? integer(*pending, "count") : 0, "change") +
+                " to send"};
   } catch (const NSError& error) {
     return {"mount", Verdict::bad, shown + ": " + error.localizedDescription()};
   } catch (const HostFailure& failure) {

@@ -7,6 +7,7 @@
 #include "cli/Background.h"
 #include "cli/Console.h"
 #include "cli/HostLink.h"
+#include "cli/ItemText.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/HostCommands.h"
 #include "host/Directories.h"
@@ -120,8 +121,8 @@ ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bo
     if (options.json) {
       Output::standard().write(answer.serialized() + "\n");
     } else if (left > 0) {
-      complain(std::to_string(left) +
-               " changes could not be sent; they are kept, and sent after the next mount");
+      complain(counted(left, "change") +
+               " could not be sent: kept here, and sent after the next mount");
     }
     return ExitCode::done;
   });

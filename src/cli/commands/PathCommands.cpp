@@ -38,10 +38,6 @@ Answer askAbout(const GlobalOptions& options, const std::string& path, std::stri
   return {std::move(place), std::move(answer)};
 }
 
-std::string counted(std::int64_t number, const std::string& one) {
-  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
-}
-
 bool confirmedOnTerminal(const std::string& path) {
   if (::isatty(STDIN_FILENO) != 1 || !standardErrorIsTerminal()) {
     throw UsageError("discard gives up local changes; say --yes to have it done");

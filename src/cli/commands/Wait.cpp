@@ -4,6 +4,7 @@
 
 #include "cli/Console.h"
 #include "cli/HostLink.h"
+#include "cli/ItemText.h"
 #include "cli/ProgressLine.h"
 #include "cli/commands/HostCommands.h"
 
@@ -19,7 +20,7 @@ constexpr std::chrono::milliseconds kStep = 1s;
 constexpr std::chrono::milliseconds kPatience = 3min;
 
 std::string stateText(const JSONValue& answer) {
-  std::string state = std::to_string(integer(answer, "pending")) + " changes waiting";
+  std::string state = counted(integer(answer, "pending"), "change") + " waiting";
   if (flag(answer, "offline")) state += "; the server cannot be reached";
   if (const auto held = text(answer, "held"); !held.empty()) state += "; held: " + held;
   return state;
@@ -50,6 +51,7 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
             std::chrono::duration_cast<std::chrono::milliseconds>(start + *limit - Clock::now());
         step = std::clamp(left, 0ms, kStep);
       }
+      const auto asked = Clock::now();
       const auto answer =
           ask(host, JSONValue::Object{{"request", "wait"}, {"limit", std::int64_t{step.count()}}},
               kPatience);
@@ -58,9 +60,9 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
       const auto refused = integer(answer, "refused");
       if (refused > 0 && refused == integer(answer, "pending")) {
         return finished(options, answer, ExitCode::partlyFailed,
-                        std::to_string(refused) +
-                            " changes were refused and are not tried again by themselves; see "
-                            "\"kestrowan status\", then retry or discard them");
+                        counted(refused, "change") +
+                            " refused, and not tried again unless you retry or discard; see "
+                            "\"kestrowan status\"");
       }
       if (limit && Clock::now() - start >= *limit) {
         return finished(options, answer, ExitCode::timedOut, "time is over: " + stateText(answer));

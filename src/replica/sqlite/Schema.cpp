@@ -13,11 +13,11 @@ namespace {
 
 // "KpRp", in the file's header for whoever wants to know what it is.
 constexpr std::int64_t kApplication = 0x4B705270;
-constexpr const char* kSetApplication = "PRAGMA application_id=0x4B705270";
 
 /// What makes each version of the schema out of the one before; the first out of nothing. Never
 /// changed once released, only added to.
 constexpr const char* kMigrations[] = {
+    "PRAGMA application_id=0x4B705270;"
     "CREATE TABLE items("
     " rid INTEGER PRIMARY KEY,"
     " parent INTEGER NOT NULL,"
@@ -70,7 +70,7 @@ std::int64_t versionOf(Database& database) {
   const auto version = database.number("PRAGMA user_version");
   const auto application = database.number("PRAGMA application_id");
   const auto tables = database.number("SELECT count(*) FROM sqlite_schema");
-  const bool isNew = version == 0 && application == 0 && tables == 0;
+  const bool isNew = version == 0 && tables == 0;
   if (!isNew && (application != kApplication || version < 1)) {
     refuse(database, EIO, "this is no database of the replica");
   }
@@ -94,7 +94,6 @@ std::unique_ptr<Database> openReplicaDatabase(const std::string& path) {
   auto version = versionOf(*database);
   checkWhole(*database);
   database->beginLogging();
-  if (version == 0) database->execute(kSetApplication);
   while (version < kNewest) {
     const std::string step = std::string("BEGIN IMMEDIATE;") + kMigrations[version] +
                              "PRAGMA user_version=" + std::to_string(version + 1) + ";COMMIT;";

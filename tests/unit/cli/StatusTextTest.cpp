@@ -56,7 +56,7 @@ TEST(StatusText, TransfersShowHowFarTheyAre) {
       status(R"(,"transfers":[{"method":"PUT","path":"/a","sent":512,"expectedToSend":1024},)"
              R"({"method":"GET","path":"/b","received":2048,"expectedToReceive":null}])"),
       kNow, 10);
-  EXPECT_THAT(text, HasSubstr("  sending   50 % of 1.0 KiB      /a\n"));
+  EXPECT_THAT(text, HasSubstr("  sending   50 % of 1.0 KiB     /a\n"));
   EXPECT_THAT(text, HasSubstr("  fetching  2.0 KiB             /b\n"));
 }
 

@@ -128,6 +128,19 @@ TEST_F(ItemStoreDamageTest, ATornLogLosesOnlyTheLastCommits) {
   EXPECT_LT(least, 30u);
 }
 
+TEST_F(ItemStoreDamageTest, AnInterruptedBeginningIsBegunAnew) {
+  store();
+  const auto whole = fs::file_size(logFile());
+  for (std::uintmax_t length = 0; length <= whole; length += 500) {
+    const auto directory = copyFiles();
+    fs::resize_file(directory + "/replica.db-wal", length);
+    ItemStore torn(directory);
+    EXPECT_THAT(rowsOf(torn), IsEmpty()) << length;
+    EXPECT_GE(torn.nextNumber(), 2u) << length;
+    torn.save(item(2));
+  }
+}
+
 TEST_F(ItemStoreDamageTest, ASpoiltEndOfTheLogIsNotTakenForACommit) {
   for (Rid rid = 2; rid < 42; ++rid) store().save(item(rid));
   const auto directory = copyFiles();

@@ -1,0 +1,384 @@
+"""How a mount begins and ends: readiness, signals, drains, unmounting, crashes."""
+
+import os
+import resource
+import signal
+import stat
+import subprocess
+
+import pytest
+
+import driver
+from hosted import (BUSY, DONE, MOUNT_FAILED, NOT_MOUNTED, USAGE, NotifySocket, is_mounted,
+                    wait_for)
+
+
+def mode(path):
+    return stat.S_IMODE(os.lstat(path).st_mode)
+
+
+# ---- beginning -----------------------------------------------------------------------------------
+
+
+def test_a_mount_becomes_ready_and_works(place, folder):
+    (folder / "a.txt").write_bytes(b"from the server")
+    mounted = place.mount().ready()
+    assert is_mounted(place.point)
+    assert (place.point / "Home" / folder.name / "a.txt").read_bytes() == b"from the server"
+    assert mounted.end() == DONE
+    assert not is_mounted(place.point)
+    assert "STOPPING=1" in mounted.notify.read()
+    assert mounted.process.stdout.read() == b""
+
+
+def test_readiness_is_told_through_an_abstract_socket_too(place):
+    notify = NotifySocket(f"@kestrowan-test-{os.getpid()}")
+    mounted = place.mount(env={"NOTIFY_SOCKET": notify.name})
+    wait_for(lambda: "READY=1" in notify.read() or mounted.process.poll() is not None, "readiness")
+    assert "READY=1" in notify.words
+    notify.close()
+
+
+def test_state_is_for_the_user_alone(place):
+    place.mount().ready()
+    assert mode(place.state_home / "kestrowan") == 0o700
+    assert mode(place.state) == 0o700
+    for path in place.state.rglob("*"):
+        assert mode(path) == (0o700 if path.is_dir() else 0o600), path
+    assert mode(place.runtime / "kestrowan") == 0o700
+    [socket] = place.sockets()
+    assert mode(socket) == 0o600
+
+
+def test_a_core_file_is_never_written(place):
+    before = resource.getrlimit(resource.RLIMIT_CORE)
+    resource.setrlimit(resource.RLIMIT_CORE, (before[1], before[1]))
+    try:
+        mounted = place.mount().ready()
+    finally:
+        resource.setrlimit(resource.RLIMIT_CORE, before)
+    with open(f"/proc/{mounted.process.pid}/limits", encoding="ascii") as limits:
+        [line] = [line for line in limits if line.startswith("Max core file size")]
+    assert line.split()[4:6] == ["0", "0"]
+
+
+def test_the_mount_belongs_to_its_user_and_is_named(place):
+    place.mount("--domain", "work").ready()
+    with open("/proc/self/mountinfo", encoding="utf-8") as table:
+        [line] = [line for line in table if line.split()[4] == str(place.point)]
+    before, after = line.split(" - ")
+    assert after.split()[:2] == ["fuse.kestrowan", "kestrowan:work"]
+    assert {"nosuid", "nodev"} <= set(before.split()[5].split(","))
+    assert f"user_id={os.getuid()}" in after
+
+
+def test_noexec_keeps_programs_from_running(place, folder):
+    (folder / "run").write_bytes(b"#!/bin/sh\nexit 7\n")
+    program = place.point / "Home" / folder.name / "run"
+    mounted = place.mount().ready()
+    program.chmod(0o755)
+    assert subprocess.run([program], check=False).returncode == 7
+    assert mounted.end() == DONE
+    place.mount("--noexec").ready()
+    with pytest.raises(PermissionError):
+        subprocess.run([program], check=False)
+
+
+def test_a_second_host_on_the_same_state_is_refused(place):
+    first = place.mount().ready()
+    second = place.mount(point=place.directory / "other")
+    assert second.wait() == BUSY
+    assert second.has_said(f"process {first.process.pid}"), second.lines
+    assert first.process.poll() is None
+    assert list(place.point.iterdir()) is not None
+
+
+def test_two_domains_are_mounted_side_by_side(place, folder):
+    other = place.directory / "other"
+    place.mount().ready()
+    place.mount("--domain", "second", point=other).ready()
+    (place.point / "Home" / folder.name / "x").write_bytes(b"1")
+    result = place.run("status")
+    assert result.returncode == DONE
+    assert result.stdout.decode().count("Mount: ") == 2
+    result = place.run("wait")
+    assert result.returncode == USAGE and b"several mounts" in result.stderr
+    assert place.run("wait", place.point).returncode == DONE
+    assert place.ask("status", other)["domain"] == "second"
+    wait_for(lambda: (other / "Home" / folder.name / "x").exists(), "file in the other mount")
+
+
+def test_state_may_lie_elsewhere(place):
+    state = place.directory / "elsewhere"
+    place.mount("--state", state).ready()
+    assert place.status()["stateDirectory"] == str(state)
+    assert (state / "lock").exists()
+    assert not place.state.exists()
+
+
+@pytest.mark.parametrize("arguments", [
+    [], ["--fsync=never", "x"], ["--close=now", "x"], ["--moves=maybe", "x"], ["--drain", "-1", "x"],
+    ["--cache-limit", "much", "x"], ["--cache-limit", "0", "x"], ["--domain", "../x", "x"],
+    ["--domain", "", "x"], ["x", "y"], ["--state"], [""]])
+def test_wrong_usage_mounts_nothing(place, arguments):
+    result = place.run("mount", *arguments, cwd=place.directory)
+    assert result.returncode == USAGE, result.stderr
+    assert result.stderr
+    assert not place.state_home.exists()
+
+
+def test_a_mount_point_that_is_not_fit_is_refused_with_the_reason(place):
+    full = place.directory / "full"
+    full.mkdir()
+    (full / "file").write_bytes(b"x")
+    for point, words in ((full, "not empty"), (full / "file", "not a folder"),
+                         (place.directory / "no" / "parent", "No such file"),
+                         (place.state / "inside", "keeps its files")):
+        mounted = place.mount(point=point)
+        assert mounted.wait() == MOUNT_FAILED, mounted.lines
+        assert mounted.has_said(words), (point, mounted.lines)
+    assert (full / "file").read_bytes() == b"x"
+
+
+def test_a_mount_point_in_use_is_refused(place):
+    place.mount().ready()
+    second = place.mount("--domain", "second")
+    assert second.wait() == BUSY
+    assert second.has_said("is mounted already"), second.lines
+
+
+# ---- in the background ---------------------------------------------------------------------------
+
+
+def test_background_returns_when_the_mount_is_there(place, folder):
+    (folder / "a.txt").write_bytes(b"x")
+    result = place.run("mount", "--background", place.point)
+    assert result.returncode == DONE, result.stderr
+    assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]
+    pid = place.status()["process"]
+    assert os.getsid(pid) == pid
+    assert os.readlink(f"/proc/{pid}/cwd") == "/"
+    assert place.run("unmount", place.point).returncode == DONE
+    assert not is_mounted(place.point)
+    log = place.state / "log"
+    assert mode(log) == 0o600
+    assert "unmounted; nothing is left to send" in log.read_text(encoding="utf-8")
+
+
+def test_background_takes_relative_paths(place):
+    result = place.run("mount", "--background", "--state", "own", "here", cwd=place.directory)
+    assert result.returncode == DONE, result.stderr
+    assert is_mounted(place.directory / "here")
+    assert (place.directory / "own" / "lock").exists()
+
+
+def test_background_reports_why_it_failed(place):
+    place.point.mkdir()
+    (place.point / "file").write_bytes(b"x")
+    result = place.run("mount", "--background", place.point)
+    assert result.returncode == MOUNT_FAILED
+    assert b"not empty" in result.stderr
+    assert place.run("status").returncode == NOT_MOUNTED
+
+
+def test_background_leaves_the_terminal_alone(place):
+    """Nothing keeps the streams of the command that started it open."""
+    process = driver.start("mount", "--background", place.point, container=place.container,
+                           env=place.environment())
+    out, error = process.communicate(timeout=60)
+    assert (process.returncode, out) == (DONE, b"")
+    assert error.decode().splitlines() == [f"kestrowan: mounted at {place.point}"]
+
+
+# ---- ending --------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_a_signal_lets_changes_be_sent_first(place, folder, number):
+    mounted = place.mount().ready()
+    for i in range(20):
+        (place.point / "Home" / folder.name / f"{i}.txt").write_bytes(b"%d" % i)
+    assert mounted.end(number) == DONE
+    assert {path.name: path.read_bytes() for path in folder.iterdir()} == {
+        f"{i}.txt": b"%d" % i for i in range(20)}
+    assert mounted.has_said("nothing is left to send")
+
+
+def test_what_could_not_be_sent_is_counted_and_sent_after_the_next_mount(own_place, server):
+    mounted = own_place.mount().ready()
+    documents = own_place.point / "Home" / "Documents"
+    assert os.listdir(documents) == []
+    server._control("stop")
+    (documents / "a.txt").write_bytes(b"kept")
+    wait_for(lambda: own_place.status()["state"] != "online", "trouble with the server")
+    assert mounted.end() == DONE
+    assert mounted.has_said("1 change could not be sent"), mounted.lines
+
+    server._control("start", "--parent", str(os.getpid()))
+    own_place.mount().ready()
+    own_place.wait_synced()
+    assert (server.root / "Home" / "Documents" / "a.txt").read_bytes() == b"kept"
+
+
+def test_no_drain_ends_at_once_and_loses_nothing(own_place, server):
+    mounted = own_place.mount("--drain", "0").ready()
+    documents = own_place.point / "Home" / "Documents"
+    for i in range(50):
+        (documents / f"{i}.txt").write_bytes(b"x" * 1000)
+    assert mounted.end() == DONE
+    own_place.mount().ready()
+    own_place.wait_synced()
+    assert len(list((server.root / "Home" / "Documents").iterdir())) == 50
+
+
+def test_unmounting_waits_for_changes_to_be_sent(place, folder):
+    mounted = place.mount().ready()
+    (place.point / "Home" / folder.name / "a.txt").write_bytes(b"x")
+    result = place.run("unmount", place.point)
+    assert (result.returncode, result.stdout, result.stderr) == (DONE, b"", b"")
+    assert (folder / "a.txt").read_bytes() == b"x"
+    assert mounted.wait() == DONE
+
+
+def test_unmounting_tells_what_is_left(own_place, server):
+    own_place.mount().ready()
+    documents = own_place.point / "Home" / "Documents"
+    assert os.listdir(documents) == []
+    server._control("stop")
+    (documents / "a.txt").write_bytes(b"kept")
+    wait_for(lambda: own_place.status()["state"] != "online", "trouble with the server")
+    assert own_place.ask("unmount", own_place.point) == {"left": 1}
+
+
+def open_elsewhere(path):
+    """A process that has the file open."""
+    process = subprocess.Popen(["/bin/sh", "-c", 'exec 3<"$1"; echo; exec sleep 600', "sh", path],
+                               stdout=subprocess.PIPE)
+    process.stdout.readline()
+    return process
+
+
+@pytest.fixture
+def user(place, folder):
+    """A mount, and a process that uses it."""
+    (folder / "a.txt").write_bytes(b"x")
+    mounted = place.mount().ready()
+    process = open_elsewhere(place.point / "Home" / folder.name / "a.txt")
+    yield mounted, process
+    process.kill()
+    process.communicate()
+
+
+def test_a_mount_in_use_is_not_unmounted_and_the_user_is_named(place, folder, user):
+    mounted, process = user
+    result = place.run("unmount", place.point)
+    assert result.returncode == BUSY
+    assert f"sleep ({process.pid}" in result.stderr.decode(), result.stderr
+    assert str(mounted.process.pid) not in result.stderr.decode(), "the host itself is no user"
+    (place.point / "Home" / folder.name / "b.txt").write_bytes(b"goes on")
+    place.wait_synced()
+    assert (folder / "b.txt").read_bytes() == b"goes on"
+    process.kill()
+    process.wait()
+    assert place.run("unmount", place.point).returncode == DONE
+    assert mounted.wait() == DONE
+
+
+def test_force_unmounts_what_is_in_use(place, user):
+    mounted, _ = user
+    assert place.run("unmount", "--force", place.point).returncode == DONE
+    assert mounted.wait() == DONE
+    assert not is_mounted(place.point)
+
+
+def test_after_one_signal_a_mount_in_use_waits_until_it_is_free(place, user):
+    mounted, process = user
+    mounted.send(signal.SIGTERM)
+    mounted.wait_said(f"sleep ({process.pid}")
+    assert is_mounted(place.point)
+    assert place.status()["state"] == "stopping"
+    process.kill()
+    process.wait()
+    assert mounted.wait() == DONE
+    assert not is_mounted(place.point)
+
+
+def test_a_second_signal_unmounts_at_once(place, user):
+    mounted, _ = user
+    mounted.send(signal.SIGTERM)
+    mounted.wait_said("in use by")
+    mounted.send(signal.SIGTERM)
+    assert mounted.wait() == DONE
+    assert not is_mounted(place.point)
+
+
+def test_unmounting_by_another_program_ends_the_host(place, folder):
+    mounted = place.mount().ready()
+    (place.point / "Home" / folder.name / "a.txt").write_bytes(b"x")
+    subprocess.run(["fusermount3", "-u", "--", place.point], check=True)
+    assert mounted.wait() == DONE
+    assert (folder / "a.txt").read_bytes() == b"x", "what was written has been sent"
+    assert mounted.has_said("by somebody else")
+
+
+def test_a_place_that_is_no_mount_is_not_unmounted(place):
+    result = place.run("unmount", place.directory)
+    assert result.returncode == NOT_MOUNTED
+    place.mount().ready()
+    result = place.run("unmount", place.point / "Home")
+    assert result.returncode == USAGE
+    assert is_mounted(place.point)
+
+
+def test_nothing_of_a_mount_stays_but_its_state(place):
+    mounted = place.mount().ready()
+    assert mounted.end() == DONE
+    assert place.sockets() == []
+    assert list((place.state_home / "kestrowan" / ".hosts").iterdir()) == []
+    assert place.run("status").returncode == NOT_MOUNTED
+
+
+# ---- dying ---------------------------------------------------------------------------------------
+
+
+def test_a_killed_hosts_changes_arrive_after_the_next_mount(own_place, server):
+    mounted = own_place.mount().ready()
+    documents = own_place.point / "Home" / "Documents"
+    (documents / "new.txt").write_bytes(b"first")
+    own_place.wait_synced()
+    server._control("stop")
+    (documents / "new.txt").write_bytes(b"second")
+    (documents / "folder").mkdir()
+    (documents / "folder" / "deep.txt").write_bytes(b"deep")
+    os.rename(documents / "new.txt", documents / "renamed.txt")
+    mounted.kill()
+    assert is_mounted(own_place.point), "what a killed host leaves"
+
+    server._control("start", "--parent", str(os.getpid()))
+    own_place.mount().ready()
+    assert (documents / "renamed.txt").read_bytes() == b"second"
+    own_place.wait_synced()
+    on_server = server.root / "Home" / "Documents"
+    assert (on_server / "renamed.txt").read_bytes() == b"second"
+    assert (on_server / "folder" / "deep.txt").read_bytes() == b"deep"
+    assert sorted(os.listdir(on_server)) == ["folder", "renamed.txt"]
+
+
+def test_what_a_killed_host_left_mounted_is_found_and_removed(place):
+    mounted = place.mount().ready()
+    mounted.kill()
+    findings = [finding["text"] for finding in place.ask("doctor")["findings"]
+                if finding["verdict"] == "warning" and finding["subject"] == "mount"]
+    assert len(findings) == 1 and str(place.point) in findings[0]
+    assert place.run("status").returncode == NOT_MOUNTED
+    result = place.run("unmount", place.point)
+    assert result.returncode == DONE
+    assert b"had died" in result.stderr
+    assert not is_mounted(place.point)
+
+
+def test_a_mount_on_what_a_killed_host_left_works(place, folder):
+    (folder / "a.txt").write_bytes(b"x")
+    place.mount().ready().kill()
+    place.mount().ready()
+    assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]
