@@ -13,7 +13,7 @@ namespace kestrowan::mount {
 ///
 ///   user.kestrowan.identifier  the provider's identifier
 ///   user.kestrowan.version     the provider's version of the contents
-///   user.kestrowan.state       "synced", "waiting", "sending", "retrying", "refused", "localOnly"
+///   user.kestrowan.state       "synced", "waiting", "sending", "retrying", "refused", "local-only"
 ///   user.kestrowan.type        the uniform type identifier
 ///   user.kestrowan.changes     what is still to be sent
 ///   user.kestrowan.downloaded  "yes" or "no"

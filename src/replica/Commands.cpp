@@ -159,7 +159,7 @@ void Replica::Implementation::retry(Rid rid) {
 void Replica::Implementation::discardOne(const ItemPtr& item) {
   sender.withdraw(item);
   item->failure.reset();
-  item->sent.reset();
+  core.forgetSent(item);
   if (item->mustCreate()) {
     if (item->isFolder() && core.table.hasChildren(item->rid)) return;
     const Rid folder = item->parent;

@@ -90,7 +90,22 @@ void Core::dropContents(const ItemPtr& item, bool recover) {
   }
 }
 
+bool Core::areNeeded(const Item& item, ContentNumber number) const {
+  return number != 0 && ((item.sync && item.sync->frozen == number) ||
+                         (item.sent && item.sent->content == number));
+}
+
+void Core::forgetSent(const ItemPtr& item) {
+  if (!item->sent) return;
+  const ContentNumber number = item->sent->content;
+  item->sent.reset();
+  if (number != item->content && number != 0 && !areNeeded(*item, number)) {
+    contents.remove(number);
+  }
+}
+
 void Core::dropItem(const ItemPtr& item) {
+  forgetSent(item);
   table.detach(item);
   store.remove(item->rid);
   // Contents that are being sent go when that has ended.

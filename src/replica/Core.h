@@ -70,6 +70,11 @@ struct Core {
   void dropItem(const ItemPtr& item);
   /// Removes contents, or keeps them in the recovery area under the item's name.
   void dropContents(const ItemPtr& item, bool recover);
+  /// Whether contents are on their way to the provider, or may have arrived there: they must not
+  /// change, and are needed to find out.
+  bool areNeeded(const Item& item, ContentNumber number) const;
+  /// It is known what became of the request; contents that only that was about go.
+  void forgetSent(const ItemPtr& item);
   /// Frees what nobody knows any more.
   void releaseIfUnused(const ItemPtr& item);
   /// Changes what the provider is known to have, in the table and on disk; identifiers below a

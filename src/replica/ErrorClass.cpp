@@ -84,10 +84,11 @@ ErrorClass urlClass(std::int64_t code) {
   }
 }
 
-/// 1 for 0, then 2, 4 and so on, at most `longest`.
-milliseconds doubled(std::uint32_t times, std::int64_t longest) {
+/// For 1, 2, 3 and so on 1, 2, 4 seconds and so on, at most `longest`.
+milliseconds doubled(std::uint32_t number, std::int64_t longest) {
   constexpr std::uint32_t kEnough = 32;
-  return std::chrono::seconds(std::min(longest, std::int64_t{1} << std::min(times, kEnough)));
+  const auto times = std::clamp(number, 1u, kEnough) - 1;
+  return std::chrono::seconds(std::min(longest, std::int64_t{1} << times));
 }
 
 }  // namespace
@@ -101,14 +102,14 @@ ErrorClass errorClass(const NSError& error) {
 }
 
 milliseconds backOff(std::uint32_t tries, std::uint64_t random) {
-  const auto middle = doubled(tries == 0 ? 0 : tries - 1, kLongestBackOff);
+  const auto middle = doubled(tries, kLongestBackOff);
   const auto fifth = middle / 5;
   const auto width = static_cast<std::uint64_t>(2 * fifth.count() + 1);
   return middle - fifth + milliseconds(random % width);
 }
 
-milliseconds probeInterval(std::uint32_t probes) {
-  return doubled(probes, kLongestProbeInterval);
+milliseconds probeInterval(std::uint32_t probe) {
+  return doubled(probe, kLongestProbeInterval);
 }
 
 }  // namespace kestrowan::replica

@@ -30,8 +30,7 @@ ErrorClass errorClass(const NSError& error);
 /// more or less. `random` is any number; it decides on the fifth.
 std::chrono::milliseconds backOff(std::uint32_t tries, std::uint64_t random);
 
-/// Until the next probe of a server that is down, of which `probes` were made: 1, 2, 4 … 30
-/// seconds.
-std::chrono::milliseconds probeInterval(std::uint32_t probes);
+/// Until a server that is down is probed for the `probe`-th time (from 1): 1, 2, 4 … 30 seconds.
+std::chrono::milliseconds probeInterval(std::uint32_t probe);
 
 }  // namespace kestrowan::replica

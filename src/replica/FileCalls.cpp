@@ -86,7 +86,7 @@ std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, boo
     contents = std::make_shared<Contents>();
     contents->file = core.contents.open(item->content);
     contents->number = item->content;
-    contents->frozen = item->sync && item->sync->frozen == item->content;
+    contents->frozen = core.areNeeded(*item, item->content);
     contents->noted = item->contentsChanged;
     item->contents = contents;
   }
@@ -153,6 +153,7 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
     if (copy) {
       contents.file = std::move(copy);
       contents.number = number;
+      if (!core.areNeeded(*item, before)) core.contents.remove(before);
     }
     item->lastWrite = core.milliseconds();
     if (item->isPending()) sender.changed(item, kQuietTime);
@@ -185,7 +186,6 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     if (item->gone) throw posixError(ESTALE);
     if (item->contents.lock() != open) continue;
     const ContentNumber before = item->content;
-    const bool beingSent = item->sync && item->sync->frozen != 0 && item->sync->frozen == before;
     const ContentNumber number = core.store.nextNumber();
     UniqueFd file = core.contents.create(number);
     item->content = number;
@@ -194,7 +194,7 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     item->modified = core.milliseconds() * 1'000'000;
     item->lastWrite = core.milliseconds();
     core.save(item);
-    if (before != 0 && !beingSent) core.contents.remove(before);
+    if (before != 0 && !core.areNeeded(*item, before)) core.contents.remove(before);
     if (open) {
       open->file = std::move(file);
       open->number = number;

@@ -24,6 +24,8 @@ constexpr std::int64_t kDateTolerance = 2;
 bool sameContents(const Options& options, const Base& known, const Base& atProvider) {
   if (known.size != atProvider.size) return false;
   if (known.version == atProvider.version) return true;
+  // An answer that said nothing of the state may have said nothing of its date either.
+  if (!known.versionKnown && !known.date) return true;
   if (known.date != atProvider.date) return false;
   if (!known.versionKnown || !atProvider.versionKnown) return true;
   return options.sameContents && options.sameContents(known.version, atProvider.version);
@@ -216,7 +218,7 @@ Task<bool> Sender::verify(ItemPtr item) {
     target = core_.table.find(sent.parent);
     source = before ? core_.table.find(before->parent) : nullptr;
     if (!target || target->gone || !target->base) {
-      item->sent.reset();
+      core_.forgetSent(item);
       core_.save(item);
       co_return true;
     }
@@ -252,8 +254,7 @@ Task<bool> Sender::verify(ItemPtr item) {
   }
   std::lock_guard lock(core_.mutex);
   if (item->gone || core_.stopped) co_return false;
-  item->sent.reset();
-  if (sent.content != 0 && sent.content != item->content) core_.contents.remove(sent.content);
+  core_.forgetSent(item);
   const bool removal = item->removed && before && !moved && sent.content == 0;
   if (removal && !atTarget) {
     acceptRemoval(item);

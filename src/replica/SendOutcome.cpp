@@ -36,7 +36,7 @@ std::string Sender::freeName(const ItemPtr& folder,
 /// Takes what the provider made of a request. Whether the contents that were sent are there now.
 bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
                     const std::string& name, const Frozen& frozen) {
-  item->sent.reset();
+  core_.forgetSent(item);
   item->failure.reset();
   if (item->gone) return false;
   if (!written.item) {
@@ -115,7 +115,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
 }
 
 void Sender::acceptRemoval(const ItemPtr& item) {
-  item->sent.reset();
+  core_.forgetSent(item);
   if (!item->base) return;
   core_.confirm(item);
   if (const ItemPtr folder = core_.table.find(item->base->parent)) {
@@ -166,7 +166,7 @@ void Sender::backOffLater(const ItemPtr& item, const NSError& error) {
 }
 
 void Sender::refuse(const ItemPtr& item, const NSError& error) {
-  item->sent.reset();
+  core_.forgetSent(item);
   const bool aboutNames = !item->mustSendContents() || item->removed || item->mustMove();
   const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
   answerVerdict(item, error);
@@ -196,7 +196,7 @@ void Sender::rollBack(const ItemPtr& item) {
 
 /// A removal did not come about: the item is there again.
 void Sender::resurrect(const ItemPtr& item) {
-  item->sent.reset();
+  core_.forgetSent(item);
   if (core_.table.child(item->base->parent, item->base->name)) {
     // Its name was taken meanwhile, by something that the provider does not have.
     const ItemPtr here = core_.table.child(item->base->parent, item->base->name);
@@ -244,7 +244,7 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
   theirs->modified = modifiedOf(atProvider);
 
   ItemStore::Transaction transaction(core_.store);
-  item->sent.reset();
+  core_.forgetSent(item);
   item->contentsChanged = true;
   core_.setBase(item, std::nullopt);
   const std::string copy = freeName(
@@ -277,16 +277,16 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       break;
     case ErrorClass::down:
       // It has not even reached the server.
-      item->sent.reset();
+      core_.forgetSent(item);
       core_.save(item);
       enqueue(item, core_.milliseconds() + kDownInterval.count());
       break;
     case ErrorClass::held:
-      item->sent.reset();
+      core_.forgetSent(item);
       postpone(item, error, FailureClass::held, kDownInterval);
       break;
     case ErrorClass::collision: {
-      item->sent.reset();
+      core_.forgetSent(item);
       const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
       answerVerdict(item, error);
       if (awaited) {
@@ -300,7 +300,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       break;
     }
     case ErrorClass::gone:
-      item->sent.reset();
+      core_.forgetSent(item);
       if (item->removed) {
         acceptRemoval(item);
       } else if (item->base && (item->contentsChanged || item->content != 0)) {
@@ -312,7 +312,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
     case ErrorClass::deletionRefused:
     case ErrorClass::folderNotEmpty:
       answerVerdict(item, error);
-      item->sent.reset();
+      core_.forgetSent(item);
       if (item->removed) {
         resurrect(item);
       } else {
@@ -320,12 +320,12 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       }
       break;
     case ErrorClass::quota:
-      item->sent.reset();
+      core_.forgetSent(item);
       core_.sync(item).unreported = error;
       postpone(item, error, FailureClass::slow, kSlowInterval);
       break;
     case ErrorClass::excluded:
-      item->sent.reset();
+      core_.forgetSent(item);
       item->localOnly = true;
       core_.save(item);
       answerVerdict(item, std::nullopt);

@@ -61,12 +61,11 @@ void Sender::thaw(const ItemPtr& item, const Frozen& frozen, bool sent) {
     if (item->contents.lock() != open) continue;
     item->sync->frozen = 0;
     if (item->content != frozen.number) {
-      // Somebody wrote meanwhile, into a copy. The old contents may be needed to tell whether they
-      // have arrived.
-      const bool needed = item->sent && item->sent->content == frozen.number && !item->gone;
-      if (!needed) core_.contents.remove(frozen.number);
+      // Somebody wrote meanwhile, into a copy.
+      if (!core_.areNeeded(*item, frozen.number)) core_.contents.remove(frozen.number);
       return;
     }
+    if (core_.areNeeded(*item, frozen.number)) return;
     if (open && open->number == frozen.number) {
       open->frozen = false;
       if (sent) open->noted = false;

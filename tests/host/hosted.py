@@ -174,7 +174,7 @@ class Place:
         return self.ask("status")
 
     def wait_synced(self):
-        assert self.ask("wait", "--timeout", SECONDS)["synced"] is True
+        assert self.ask("wait", "--timeout", str(SECONDS))["synced"] is True
 
     def sockets(self):
         return sorted((self.runtime / "kestrowan").glob("*.sock"))

@@ -32,8 +32,8 @@ def make_host(place):
     """Makes hosts at the same place, with other options; they end with the test."""
     hosts = []
 
-    def make(**options):
-        hosts.append(hosting.Host(place / "mount", place / "state", **options))
+    def make(state="state", **options):
+        hosts.append(hosting.Host(place / "mount", place / state, **options))
         return hosts[-1]
 
     yield make

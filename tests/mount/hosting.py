@@ -60,6 +60,22 @@ def mount_entry(path):
     return found
 
 
+CUT = """
+[ -e /sys/fs/fuse/connections/$1 ] || mount -t fusectl none /sys/fs/fuse/connections || exit 3
+echo 1 > /sys/fs/fuse/connections/$1/abort || exit 3
+"""
+
+
+def cut(path):
+    """Has the kernel cut the connection of the mount at that path; False when it cannot be done."""
+    number = mount_entry(path)[0].split(":")[1]
+    script = ["sh", "-c", CUT, "sh", number]
+    if os.geteuid() == 0:
+        # The control files may have to be mounted for it, which nobody else needs to see.
+        script = ["unshare", "--mount", "--propagation", "private", *script]
+    return subprocess.run(script, check=False, capture_output=True).returncode == 0
+
+
 def eventually(condition, seconds=SECONDS):
     """Waits until the condition gives something true, and gives that."""
     deadline = time.monotonic() + seconds

@@ -88,10 +88,12 @@ class ItemStore::Implementation {
   }
 
   void save(const ItemRecord& record) {
-    if (!isSensible(record)) throw fileError(EINVAL, database_->path());
-    std::string attributes;
-    bindItem(save_, record, attributes);
-    change([this] { save_.run(); });
+    change([&] {
+      if (!isSensible(record)) throw fileError(EINVAL, database_->path());
+      std::string attributes;
+      bindItem(save_, record, attributes);
+      save_.run();
+    });
   }
 
   void remove(Rid rid) {

@@ -24,7 +24,8 @@ class ItemStore {
   ~ItemStore();
 
   /// Several changes that become true together. May be nested: the outermost one counts. Undone
-  /// when it goes out of scope without `commit`.
+  /// when it goes out of scope without `commit`; so is the outermost one, whose `commit` then
+  /// throws ECANCELED, when that happens to an inner one or when one of the changes failed.
   class Transaction {
    public:
     explicit Transaction(ItemStore& store);
@@ -42,7 +43,7 @@ class ItemStore {
   /// unknown kind) is left out and counted in the result.
   std::size_t load(const std::function<void(ItemRecord)>& receive);
 
-  /// Inserts or replaces the row of `record.rid`.
+  /// Inserts or replaces the row of `record.rid`. EINVAL for a record that makes no sense.
   void save(const ItemRecord& record);
   void remove(Rid rid);
 

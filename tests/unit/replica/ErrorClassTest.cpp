@@ -92,9 +92,10 @@ TEST(BackOff, HoldsForAnyNumbers) {
 
 TEST(ProbeInterval, DoublesUpToHalfAMinute) {
   const std::int64_t expected[] = {1, 2, 4, 8, 16, 30, 30};
-  for (std::uint32_t probes = 0; probes < std::size(expected); ++probes) {
-    EXPECT_EQ(probeInterval(probes), seconds(expected[probes])) << probes;
+  for (std::uint32_t i = 0; i < std::size(expected); ++i) {
+    EXPECT_EQ(probeInterval(i + 1), seconds(expected[i])) << i;
   }
+  EXPECT_EQ(probeInterval(0), seconds(1));
   EXPECT_EQ(probeInterval(std::numeric_limits<std::uint32_t>::max()), seconds(30));
 }
 

@@ -211,6 +211,16 @@ TEST_F(ItemStoreTest, RecordsWithoutSenseAreNotSaved) {
   EXPECT_THAT(names(), IsEmpty());
 }
 
+TEST_F(ItemStoreTest, ATransactionWithAChangeThatFailedIsNotCommitted) {
+  {
+    ItemStore::Transaction transaction(store());
+    store().save(item(2));
+    EXPECT_EQ(errorOf([&] { store().save(ItemRecord{}); }), EINVAL);
+    EXPECT_EQ(errorOf([&] { transaction.commit(); }), ECANCELED);
+  }
+  EXPECT_THAT(names(), IsEmpty());
+}
+
 TEST_F(ItemStoreTest, NumbersBeginWithTwoAndGoOnAfterAnOrderlyEnd) {
   EXPECT_EQ(store().nextNumber(), 2u);
   EXPECT_EQ(store().nextNumber(), 3u);

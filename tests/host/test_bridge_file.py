@@ -1,0 +1,183 @@
+"""The bridge file and its directory: what appears, changes or is unsafe while a mount runs."""
+
+import json
+import os
+import shutil
+import socket
+
+import pytest
+
+from driver import LOG
+from hosted import DONE, wait_for
+from real_server import RealServer
+
+
+def names(folder):
+    """The names in a folder; nothing while it cannot be listed."""
+    try:
+        return sorted(os.listdir(folder))
+    except OSError:
+        return None
+
+
+def bring(server, container):
+    """Puts a server's bridge file in place as the host application does: by a rename."""
+    new = container / "new"
+    shutil.copy(server.container / "fp-webdav.json", new)
+    os.replace(new, container / "fp-webdav.json")
+
+
+def test_a_mount_comes_up_without_a_container_and_heals_when_it_appears(make_place, server):
+    container = server.directory / "later"
+    place = make_place(container)
+    place.mount().ready()
+    assert names(place.point) in ([], None)
+    assert place.status()["state"] != "online"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    wait_for(lambda: names(place.point) == ["Home"], "tree of the server")
+    assert place.status()["state"] == "online"
+
+
+def test_a_bridge_file_that_appears_later_is_taken_at_once(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    place = make_place(container)
+    place.mount().ready()
+    assert place.status()["state"] == "held"
+    bring(server, container)
+    wait_for(lambda: place.status()["state"] == "online", "server")
+    assert names(place.point) == ["Home"]
+
+
+def test_a_new_port_password_and_certificate_heal_the_mount(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    place = make_place(container)
+    place.mount().ready()
+    documents = place.point / "Home" / "Documents"
+    (documents / "a.txt").write_bytes(b"first")
+    place.wait_synced()
+    before = json.loads((container / "fp-webdav.json").read_text(encoding="utf-8"))
+
+    with RealServer("apache", tmp_path / "second", "--root", str(server.root)) as second:
+        server._control("stop")
+        (documents / "a.txt").write_bytes(b"second")
+        bring(second, container)
+        after = json.loads((container / "fp-webdav.json").read_text(encoding="utf-8"))
+        for member in ("port", "pass", "certPEM"):
+            assert before[member] != after[member]
+        place.wait_synced()
+        assert (server.root / "Home" / "Documents" / "a.txt").read_bytes() == b"second"
+
+
+@pytest.mark.parametrize("member, value", [("pass", "wrong"), ("certPEM", None), ("port", None)])
+def test_a_wrong_bridge_file_holds_everything_until_a_right_one_comes(
+        make_place, server, tmp_path, member, value):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    config = json.loads((server.container / "fp-webdav.json").read_text(encoding="utf-8"))
+    if member == "certPEM":
+        with RealServer("apache", tmp_path / "other") as other:
+            value = json.loads((other.container / "fp-webdav.json").read_text())["certPEM"]
+    elif member == "port":
+        with socket.socket() as closed:
+            closed.bind(("127.0.0.1", 0))
+            value = closed.getsockname()[1]
+    bridge = container / "fp-webdav.json"
+    bridge.write_text(json.dumps({**config, member: value}), encoding="utf-8")
+    bridge.chmod(0o600)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    wait_for(lambda: place.status()["state"] in ("held", "offline"), "trouble")
+    bring(server, container)
+    wait_for(lambda: place.status()["state"] == "online", "server")
+    assert names(place.point) == ["Home"]
+    assert config["pass"] not in "\n".join(mounted.lines)
+
+
+def test_half_a_bridge_file_is_read_again_when_it_is_whole(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    place = make_place(container)
+    place.mount().ready()
+    text = (server.container / "fp-webdav.json").read_bytes()
+    bridge = container / "fp-webdav.json"
+    with open(bridge, "wb", buffering=0) as file:
+        os.fchmod(file.fileno(), 0o600)
+        file.write(text[:len(text) // 2])
+        wait_for(lambda: place.status()["state"] == "held", "verdict on half a file")
+        file.write(text[len(text) // 2:])
+    wait_for(lambda: place.status()["state"] == "online", "server")
+
+
+def test_a_container_that_others_may_write_in_is_treated_as_none(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    container.chmod(0o777)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    status = place.status()
+    assert status["state"] == "held"
+    assert any("chmod go-w" in warning for warning in status["warnings"])
+    assert mounted.has_said("chmod go-w")
+    container.chmod(0o700)
+    wait_for(lambda: place.status()["state"] == "online", "server")
+    assert place.status()["warnings"] == []
+
+
+def test_a_bridge_file_that_others_may_read_is_used_and_warned_of(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    (container / "fp-webdav.json").chmod(0o644)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    status = place.status()
+    assert status["state"] == "online"
+    assert any("chmod 600" in warning for warning in status["warnings"])
+    assert mounted.has_said("chmod 600")
+
+
+def test_a_bridge_file_that_is_a_link_is_not_used(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    (container / "fp-webdav.json").symlink_to(server.container / "fp-webdav.json")
+    place = make_place(container)
+    place.mount().ready()
+    status = place.status()
+    assert status["state"] == "held"
+    assert any("symbolic link" in warning for warning in status["warnings"])
+
+
+def test_secrets_are_in_no_output_and_no_file_of_the_host(own_place, server):
+    config = json.loads((server.container / "fp-webdav.json").read_text(encoding="utf-8"))
+    mounted = own_place.mount(env={"SSLKEYLOGFILE": str(own_place.directory / "keys")}).ready()
+    documents = own_place.point / "Home" / "Documents"
+    (documents / "a.txt").write_bytes(b"x")
+    own_place.wait_synced()
+    server._control("stop")
+    (documents / "b.txt").write_bytes(b"x")
+    shown = own_place.run("--json", "status").stdout + own_place.run("status").stdout
+    with open(f"/proc/{mounted.process.pid}/cmdline", "rb") as command:
+        shown += command.read()
+    with open(f"/proc/{mounted.process.pid}/environ", "rb") as environment:
+        shown += environment.read()
+    assert mounted.end() == DONE
+    shown += "\n".join(mounted.lines).encode()
+    for path in own_place.state_home.rglob("*"):
+        if path.is_file():
+            shown += path.read_bytes()
+    assert config["pass"].encode() not in shown
+    assert not (own_place.directory / "keys").exists()
+
+
+def test_the_extensions_log_is_shown_when_asked_for(make_place, tmp_path):
+    place = make_place(tmp_path / "missing")
+    quiet = place.mount().ready()
+    assert not quiet.has_said(LOG)
+    assert quiet.end() == DONE
+    loud = place.mount("--verbose").ready()
+    assert loud.has_said(LOG + "no WebDAV config in app group")
