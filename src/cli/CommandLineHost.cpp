@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "cli/commands/HostCommands.h"
 
@@ -23,6 +24,11 @@ struct Values {
   bool force = false;
   bool confirmed = false;
 };
+
+/// Help names the values already, as the option's type.
+CLI::Validator oneOf(const std::vector<std::string>& values) {
+  return CLI::IsMember(values).description("");
+}
 
 class MountCommands {
  public:
@@ -67,26 +73,26 @@ class MountCommands {
         ->add_option("--cache-limit", mount.cacheLimit,
                      "how much of what could be fetched again stays here, as 500M or 20G; "
                      "otherwise 10G, or a tenth of the disk if that is less")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::PositiveNumber)
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Validator(CLI::PositiveNumber).description(""))
         ->type_name("SIZE");
     command
         ->add_option("--fsync", mount.fsync,
                      "what a program's fsync waits for: this disk, or the server as well")
-        ->check(CLI::IsMember({"local", "server"}))
+        ->check(oneOf({"local", "server"}))
         ->type_name("local|server")
         ->capture_default_str();
     command
         ->add_option("--close", mount.close,
                      "whether closing a file that was written waits for the server")
-        ->check(CLI::IsMember({"return", "wait"}))
+        ->check(oneOf({"return", "wait"}))
         ->type_name("return|wait")
         ->capture_default_str();
     command
         ->add_option("--moves", mount.moves,
                      "moves between folders: passed on as one, or refused, so that programs "
                      "copy and delete")
-        ->check(CLI::IsMember({"pass", "refuse"}))
+        ->check(oneOf({"pass", "refuse"}))
         ->type_name("pass|refuse")
         ->capture_default_str();
     command->add_flag("--no-local-names", mount.noLocalNames,

@@ -8,6 +8,12 @@
 
 namespace kestrowan::host {
 
+std::optional<std::string> containerPath(NSFileManager& files) {
+  const auto container = files.containerURL(FPBridge::kGroupIdentifier);
+  if (!container) return std::nullopt;
+  return container->path();
+}
+
 bool isSafeContainer(const std::string& container) {
   struct stat status;
   return ::stat(container.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&

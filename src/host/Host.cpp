@@ -9,12 +9,10 @@
 #include <climits>
 #include <ctime>
 #include <future>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "bridge/FPBridge.h"
 #include "host/BridgeAccess.h"
 #include "host/BridgeWatch.h"
 #include "host/ControlSocket.h"
@@ -27,6 +25,7 @@
 #include "host/ProviderKeeper.h"
 #include "host/Registry.h"
 #include "host/ServiceManager.h"
+#include "host/StaleMount.h"
 #include "host/StateDirectory.h"
 #include "host/StatusNews.h"
 #include "host/VersionRules.h"
@@ -63,34 +62,6 @@ std::string machineName() {
 
 std::string changesText(std::int64_t count) {
   return std::to_string(count) + (count == 1 ? " change" : " changes");
-}
-
-/// The container as the system has it, whoever may write in it.
-std::optional<std::string> containerPath(NSFileManager& files) {
-  const auto container = files.containerURL(FPBridge::kGroupIdentifier);
-  if (!container) return std::nullopt;
-  return container->path();
-}
-
-/// Drops what the extension logs, and passes everything else on.
-class WithoutExtensionLog : public LogSink {
- public:
-  explicit WithoutExtensionLog(std::shared_ptr<LogSink> inner) : inner_(std::move(inner)) {}
-
-  void error(std::string_view subsystem, std::string_view category, std::string_view format,
-             std::span<const std::string_view> arguments) override {
-    if (category != "ext") inner_->error(subsystem, category, format, arguments);
-  }
-
- private:
-  const std::shared_ptr<LogSink> inner_;
-};
-
-std::shared_ptr<LogSink> hostSink(bool extensionLog) {
-  std::shared_ptr<LogSink> sink =
-      std::make_shared<LimitedLog>(LogSink::shared(), [] { return Clock::now(); });
-  if (extensionLog) return sink;
-  return std::make_shared<WithoutExtensionLog>(std::move(sink));
 }
 
 replica::Options replicaOptions(const HostSettings& settings) {
@@ -143,8 +114,8 @@ class Host::Implementation {
   HostEvents events_;
   const StateDirectory state_;
   const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
+  std::unique_ptr<replica::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
-  std::unique_ptr<replica::LoopThread> loop_;  // goes before the replica does
   std::unique_ptr<Mount> mount_;
   std::unique_ptr<ProviderKeeper> keeper_;
   std::unique_ptr<BridgeWatch> watch_;
@@ -161,9 +132,12 @@ class Host::Implementation {
 Host::Implementation::Implementation(HostSettings settings)
     : settings_(std::move(settings)), state_(settings_.stateDirectory) {
   protectProcess();
+  limitHeaps();
   LogSink::setShared(hostSink(settings_.extensionLog));
   NSFileManager::setDefaultManager(
       std::make_shared<HostFileManager>(systemFiles_, temporaryDirectoryIn(state_.path())));
+  // The lock of the host that died tells more surely than its mount, which may still seem alive.
+  if (const auto left = hostThatLeft(settings_.mountPoint, "/")) removeLeftMount(*left);
   if (::mkdir(settings_.mountPoint.c_str(), S_IRWXU) != 0 && errno == ENOENT) {
     throw systemError(errno, escapedForDisplay(settings_.mountPoint));
   }
@@ -177,12 +151,15 @@ Host::Implementation::~Implementation() {
   watch_.reset();
   keeper_.reset();
   mount_.reset();
-  events_.answerRequests(replica_ ? changesLeft() : 0);
-  if (replica_) replica_->stop();
+  events_.answerRequests(changesLeft());
+  replica_->stop();
   socket_.reset();
-  // The loop still runs what the replica posted, but nothing later.
-  loop_.reset();
+  // What the stop caused runs first.
+  const auto ran = std::make_shared<std::promise<void>>();
+  loop_->post([ran] { ran->set_value(); });
+  ran->get_future().wait();
   replica_.reset();
+  loop_.reset();
   NSFileManager::setDefaultManager(nullptr);
   LogSink::setShared(nullptr);
 }

@@ -8,6 +8,24 @@
 
 namespace kestrowan::host {
 
+namespace {
+
+/// Drops what the extension logs, and passes everything else on.
+class WithoutExtensionLog : public LogSink {
+ public:
+  explicit WithoutExtensionLog(std::shared_ptr<LogSink> inner) : inner_(std::move(inner)) {}
+
+  void error(std::string_view subsystem, std::string_view category, std::string_view format,
+             std::span<const std::string_view> arguments) override {
+    if (category != "ext") inner_->error(subsystem, category, format, arguments);
+  }
+
+ private:
+  const std::shared_ptr<LogSink> inner_;
+};
+
+}  // namespace
+
 void hostLog(std::string_view text) {
   const auto line = "kestrowan: " + escapedForDisplay(text) + "\n";
   std::string_view rest = line;
@@ -43,6 +61,13 @@ void LimitedLog::error(std::string_view subsystem, std::string_view category,
     inner_->error(subsystem, category, "left out %{public}s more of: %{public}s", values);
   }
   inner_->error(subsystem, category, format, arguments);
+}
+
+std::shared_ptr<LogSink> hostSink(bool extensionLog) {
+  std::shared_ptr<LogSink> sink = std::make_shared<LimitedLog>(
+      LogSink::shared(), [] { return std::chrono::steady_clock::now(); });
+  if (extensionLog) return sink;
+  return std::make_shared<WithoutExtensionLog>(std::move(sink));
 }
 
 }  // namespace kestrowan::host

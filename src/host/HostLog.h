@@ -41,4 +41,8 @@ class LimitedLog : public LogSink {
   std::map<std::string, Minute, std::less<>> kinds_;  // by the format
 };
 
+/// The sink of a host's process: the platform's, limited, and without what the extension itself
+/// logs unless that is wanted.
+std::shared_ptr<LogSink> hostSink(bool extensionLog);
+
 }  // namespace kestrowan::host

@@ -1,6 +1,7 @@
 #include "host/Process.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -29,6 +30,11 @@ void protectProcess() {
   ::setrlimit(RLIMIT_CORE, &none);
   ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   ::umask(kNothingForOthers);
+}
+
+void limitHeaps() {
+  // One heap for each of the many threads keeps free memory apart in all of them.
+  ::mallopt(M_ARENA_MAX, 2);
 }
 
 StopSignals::StopSignals() {

@@ -11,6 +11,9 @@ namespace kestrowan::host {
 /// of the user, and what it makes from other users. Inherited by its children but for the second.
 void protectProcess();
 
+/// Makes the process's free memory go back to the system sooner. Before there are other threads.
+void limitHeaps();
+
 /// Takes INT, TERM and HUP from the process while it lives: they are read instead of ending it.
 /// Made before the process has other threads, and outlives them.
 class StopSignals {

@@ -1,6 +1,8 @@
 #include "host/StaleMount.h"
 
 #include <cerrno>
+#include <utility>
+#include <vector>
 
 #include "host/HostError.h"
 #include "mount/Fusermount.h"
@@ -13,6 +15,17 @@ bool isLeftMounted(const HostEntry& host) {
   if (host.running) return false;
   const auto mount = mount::mountAt(host.mountPoint);
   return mount && mount->type == mount::kMountType;
+}
+
+std::optional<HostEntry> hostThatLeft(const std::string& path, const std::string& directory) {
+  auto hosts = knownHosts();
+  std::erase_if(hosts, [](const HostEntry& host) { return !isLeftMounted(host); });
+  // Its mount is a place like any other's.
+  for (auto& host : hosts) host.running = true;
+  auto place = placeInMount(hosts, path, directory);
+  if (!place || place->path != "/") return std::nullopt;
+  place->host.running = false;
+  return std::move(place->host);
 }
 
 void removeLeftMount(const HostEntry& host) {

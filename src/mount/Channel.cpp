@@ -1,5 +1,9 @@
 #include "mount/Channel.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -60,10 +64,17 @@ void Channel::dropItem(replica::Rid item, bool contents) {
   fuse_lowlevel_notify_inval_inode(session_, item, from, 0);
 }
 
-void Channel::close(bool unmount) {
+void Channel::close() {
   std::unique_lock lock(closing_);
   isOpen_ = false;
-  if (unmount) fuse_session_unmount(session_);
+  // libfuse unmounts by the path, where another mount may lie by now, unless its connection is
+  // dead; and a pipe without a reader looks so.
+  std::array<int, 2> ends = {};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
+  ::close(ends[0]);
+  ::dup3(ends[1], fuse_session_fd(session_), O_CLOEXEC);
+  ::close(ends[1]);
+  fuse_session_unmount(session_);
 }
 
 }  // namespace kestrowan::mount

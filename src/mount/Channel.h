@@ -44,9 +44,9 @@ class Channel : public KernelCache {
   void dropEntry(replica::Rid folder, const std::string& name) override;
   void dropItem(replica::Rid item, bool contents) override;
 
-  /// From now on answers go nowhere. With `unmount`, libfuse also unmounts lazily what lies at the
-  /// mount's path, unless the connection is dead already.
-  void close(bool unmount);
+  /// Cuts the connection: what is still open in the mount fails, and answers go nowhere. Only when
+  /// no more requests are received, and nothing is dropped any more.
+  void close();
 
  private:
   fuse_session* session_;

@@ -10,7 +10,7 @@ namespace {
 constexpr unsigned kWanted = FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_READDIRPLUS |
                              FUSE_CAP_READDIRPLUS_AUTO | FUSE_CAP_AUTO_INVAL_DATA |
                              FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_HANDLE_KILLPRIV |
-                             FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE;
+                             FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_WRITE;
 
 }  // namespace
 

@@ -1,7 +1,5 @@
 #include "mount/Mount.h"
 
-#include <poll.h>
-
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
@@ -41,12 +39,6 @@ std::string escapedOption(const std::string& value) {
 std::string optionText(const MountOptions& options) {
   return "default_permissions,nosuid,nodev,subtype=kestrowan,fsname=" +
          escapedOption(options.source) + (options.noexec ? ",noexec" : "");
-}
-
-/// Whether the kernel has ended the connection.
-bool isDead(fuse_session* session) {
-  pollfd descriptor = {fuse_session_fd(session), 0, 0};
-  return ::poll(&descriptor, 1, 0) == 1 && (descriptor.revents & POLLERR) != 0;
 }
 
 /// Makes system calls of a thread that gets the signal return early.
@@ -168,8 +160,7 @@ void Mount::Implementation::tearDown(Session& session) {
   } catch (const NSError&) {
     // The next mount frees the place.
   }
-  // libfuse unmounts by the path, where another mount may lie by now.
-  channel.close(isDead(channel.session()));
+  channel.close();
 }
 
 bool Mount::Implementation::isInPlace() const {

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,8 +50,9 @@ std::optional<int> answerOf(const std::string& path) {
   auto answer = std::make_shared<std::promise<int>>();
   auto future = answer->get_future();
   std::thread([answer, path] {
-    struct stat status = {};
-    answer->set_value(::stat(path.c_str(), &status) == 0 ? 0 : errno);
+    // Unlike attributes, this the kernel never answers by itself.
+    struct statvfs space = {};
+    answer->set_value(::statvfs(path.c_str(), &space) == 0 ? 0 : errno);
   }).detach();
   if (future.wait_for(kPatience) != std::future_status::ready) return std::nullopt;
   return future.get();
@@ -81,7 +83,7 @@ void freeOfStaleMounts(const std::string& path) {
                                "then run: fusermount3 -u '" +
                                path + "'");
     }
-    if (*answer != ENOTCONN) {
+    if (*answer != ENOTCONN && *answer != ECONNABORTED) {
       throw refusal(EBUSY,
                     path + " is mounted already; unmount it first: fusermount3 -u '" + path + "'");
     }

@@ -71,6 +71,7 @@ UniqueFd ContentStore::create(ContentNumber number) {
   const auto file = path(number);
   UniqueFd made(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFile));
   if (!made) throw fileError(errno, file);
+  ++made_;
   return made;
 }
 
@@ -79,7 +80,9 @@ UniqueFd ContentStore::open(ContentNumber number) const {
 }
 
 UniqueFd ContentStore::clone(int source, ContentNumber number) {
-  return copyTo(source, path(number));
+  auto copy = copyTo(source, path(number));
+  ++made_;
+  return copy;
 }
 
 void ContentStore::adopt(ContentNumber number, const std::string& file) {
@@ -91,9 +94,11 @@ void ContentStore::adopt(ContentNumber number, const std::string& file) {
   // lies in another file system.
   if (status.st_nlink == 1 && ::fchmod(source.get(), kPrivateFile) == 0 &&
       ::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
+    ++made_;
     return;
   }
   copyTo(source.get(), target);
+  ++made_;
   if (::unlink(file.c_str()) != 0) {
     const int error = errno;
     ::unlink(target.c_str());
@@ -112,6 +117,20 @@ std::vector<ContentNumber> ContentStore::numbers() const {
     if (const auto number = numberFromName(name)) numbers.push_back(*number);
   }
   return numbers;
+}
+
+void ContentStore::syncNames() {
+  const std::uint64_t made = made_;
+  if (durable_ >= made) return;
+  syncDirectory(contents_);
+  std::uint64_t before = durable_;
+  while (before < made && !durable_.compare_exchange_weak(before, made)) {
+  }
+}
+
+void ContentStore::syncAll() {
+  const UniqueFd directory(::open(contents_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || ::syncfs(directory.get()) != 0) throw fileError(errno, contents_);
 }
 
 void ContentStore::sweepTemporary(std::int64_t before) {

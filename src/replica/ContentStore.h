@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -32,10 +33,18 @@ class ContentStore {
   /// Does nothing for contents that are not there.
   void remove(ContentNumber number);
   std::vector<ContentNumber> numbers() const;
+  /// Makes durable that the contents made so far are there; what is in them has to be made durable
+  /// by itself.
+  void syncNames();
+  /// Makes everything durable, whoever wrote it.
+  void syncAll();
 
   /// Moves contents to the recovery area, under a name made of `at` (seconds since 1970-01-01 UTC),
   /// and as much of `name` as a file system takes; gives the whole path.
   std::string recover(ContentNumber number, std::string_view name, std::int64_t at);
+  /// Moves all contents to one folder of their own in the recovery area, which stays there until a
+  /// person removes it; gives its path.
+  std::string recoverAll(std::int64_t at);
   /// Removes the oldest recovered files beyond `bytes` in sum, and those from before `before`
   /// (seconds since 1970-01-01 UTC).
   void trimRecovery(std::int64_t bytes, std::int64_t before);
@@ -63,6 +72,9 @@ class ContentStore {
   std::string contents_;
   std::string recovery_;
   std::string temporary_;
+  /// How many contents were made, and how many of these are known to be durable by name.
+  std::atomic<std::uint64_t> made_ = 1;
+  std::atomic<std::uint64_t> durable_ = 0;
 };
 
 }  // namespace kestrowan::replica

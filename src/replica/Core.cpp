@@ -9,6 +9,7 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
+constexpr std::chrono::milliseconds kRetirement{5000};
 
 const Logger& replicaLog() {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
@@ -78,6 +79,27 @@ SyncRuntime& Core::sync(const ItemPtr& item) {
   return *item->sync;
 }
 
+void Core::retire(ContentNumber number) {
+  retired.push_back(number);
+  if (retired.size() == 1) loop.postAfter(kRetirement, [this] { removeRetired(); });
+}
+
+void Core::removeRetired() {
+  std::vector<ContentNumber> numbers;
+  {
+    std::lock_guard lock(mutex);
+    numbers.swap(retired);
+  }
+  if (numbers.empty()) return;
+  try {
+    store.sync();
+    for (const ContentNumber number : numbers) contents.remove(number);
+  } catch (const NSError& error) {
+    replicaLog().error("contents stay that nobody needs: %{public}s",
+                       {error.localizedDescription()});
+  }
+}
+
 void Core::dropContents(const ItemPtr& item, bool recover) {
   const ContentNumber number = std::exchange(item->content, 0);
   item->contentsChanged = false;
@@ -86,7 +108,7 @@ void Core::dropContents(const ItemPtr& item, bool recover) {
     const std::string kept = contents.recover(number, item->name, seconds());
     log("kept in the recovery area", *item, kept);
   } else {
-    contents.remove(number);
+    retire(number);
   }
 }
 
@@ -99,9 +121,7 @@ void Core::forgetSent(const ItemPtr& item) {
   if (!item->sent) return;
   const ContentNumber number = item->sent->content;
   item->sent.reset();
-  if (number != item->content && number != 0 && !areNeeded(*item, number)) {
-    contents.remove(number);
-  }
+  if (number != item->content && number != 0 && !areNeeded(*item, number)) retire(number);
 }
 
 void Core::dropItem(const ItemPtr& item) {

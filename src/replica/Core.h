@@ -48,6 +48,8 @@ struct Core {
   std::vector<std::string> conflicts;
   std::int64_t refusedEntries = 0;
   std::mt19937_64 random;
+  /// Contents that no row names, but perhaps one did when rows were durable last.
+  std::vector<ContentNumber> retired;
 
   /// Milliseconds and whole seconds since 1970-01-01 UTC.
   std::int64_t milliseconds() const { return loop.wallClock(); }
@@ -68,6 +70,10 @@ struct Core {
   void save(const ItemPtr& item) { store.save(*item); }
   /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
   void dropItem(const ItemPtr& item);
+  /// Removes contents that a row named, once a power failure cannot bring that row back.
+  void retire(ContentNumber number);
+  /// Does so now. Without the lock.
+  void removeRetired();
   /// Removes contents, or keeps them in the recovery area under the item's name.
   void dropContents(const ItemPtr& item, bool recover);
   /// Whether contents are on their way to the provider, or may have arrived there: they must not

@@ -88,6 +88,7 @@ std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, boo
     contents->number = item->content;
     contents->frozen = core.areNeeded(*item, item->content);
     contents->noted = item->contentsChanged;
+    contents->promised = item->contentsChanged;
     item->contents = contents;
   }
   item->lastUse = core.seconds();
@@ -129,6 +130,15 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
       number = core.store.nextNumber();
     }
     copy = core.contents.clone(contents.file.get(), number);
+    if (contents.promised) {
+      // The copy takes the place of what a power failure must not take.
+      if (::fdatasync(copy.get()) != 0) {
+        const int error = errno;
+        core.contents.remove(number);
+        throw posixError(error);
+      }
+      core.contents.syncNames();
+    }
   }
   std::lock_guard lock(core.mutex);
   if (item->gone) {
@@ -153,7 +163,7 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
     if (copy) {
       contents.file = std::move(copy);
       contents.number = number;
-      if (!core.areNeeded(*item, before)) core.contents.remove(before);
+      if (!core.areNeeded(*item, before)) core.retire(before);
     }
     item->lastWrite = core.milliseconds();
     if (item->isPending()) sender.changed(item, kQuietTime);
@@ -194,7 +204,7 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     item->modified = core.milliseconds() * 1'000'000;
     item->lastWrite = core.milliseconds();
     core.save(item);
-    if (before != 0 && !core.areNeeded(*item, before)) core.contents.remove(before);
+    if (before != 0 && !core.areNeeded(*item, before)) core.retire(before);
     if (open) {
       open->file = std::move(file);
       open->number = number;
@@ -233,8 +243,13 @@ void Replica::Implementation::flush(const std::shared_ptr<OpenFile>& file,
 
 void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
                                     Completion<Done> completion) {
-  const int result = file->read([](int fd) { return ::fdatasync(fd) == 0 ? 0 : errno; });
+  const int result = file->read([&file](int fd) {
+    if (::fdatasync(fd) != 0) return errno;
+    file->contents()->promised = true;
+    return 0;
+  });
   if (result != 0) throw posixError(result);
+  core.contents.syncNames();
   core.store.sync();
   const ItemPtr& item = file->item();
   {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "replica/Core.h"
@@ -11,6 +12,7 @@
 #include "replica/Lister.h"
 #include "replica/Replica.h"
 #include "replica/Sender.h"
+#include "replica/UseMark.h"
 
 namespace kestrowan::replica {
 
@@ -19,6 +21,7 @@ namespace kestrowan::replica {
 class Replica::Implementation {
  public:
   Implementation(Replica& replica, const std::string& directory, Loop& loop, Options options);
+  ~Implementation();
 
   Core core;
   Health health;
@@ -66,8 +69,12 @@ class Replica::Implementation {
 
  private:
   void load();
-  void loadRecord(ItemRecord record);
-  void repair();
+  /// Whether the record was taken as it is.
+  bool loadRecord(ItemRecord record);
+  /// `isWhole` when every row has been taken.
+  void repair(bool isWhole);
+  void checkContents(const ItemPtr& item, const std::unordered_set<ContentNumber>& present);
+  void settleOrphans(const std::unordered_set<ContentNumber>& orphans, bool isWhole);
   void itemChangedByListing(const ItemPtr& item);
 
   void finishOpen(const ItemPtr& item, OpenMode mode,
@@ -92,6 +99,7 @@ class Replica::Implementation {
   void discardOne(const ItemPtr& item);
 
   Replica& replica_;
+  const UseMark useMark_;
 };
 
 }  // namespace kestrowan::replica

@@ -18,14 +18,33 @@ bool isASCII(std::string_view text) {
 
 ItemPtr ItemTable::find(Rid rid) const {
   const auto found = byRid_.find(rid);
-  return found == byRid_.end() ? nullptr : found->second;
+  return found == byRid_.end() ? nullptr : *found;
 }
 
-ItemPtr ItemTable::find(const Index& index, Rid folder, std::string_view name) {
+template <typename AnyIndex>
+ItemPtr ItemTable::find(const AnyIndex& index, Rid folder, std::string_view name) const {
   const auto children = index.find(folder);
   if (children == index.end()) return nullptr;
   const auto found = children->second.find(name);
-  return found == children->second.end() ? nullptr : found->second;
+  return found == children->second.end() ? nullptr : find((*found)->rid);
+}
+
+template <typename AnyIndex>
+std::vector<ItemPtr> ItemTable::all(const AnyIndex& index, Rid folder) const {
+  std::vector<ItemPtr> result;
+  if (const auto found = index.find(folder); found != index.end()) {
+    result.reserve(found->second.size());
+    for (const Item* item : found->second) result.push_back(find(item->rid));
+  }
+  return result;
+}
+
+template <typename AnyIndex>
+void ItemTable::put(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item) {
+  auto& children = index[folder];
+  // The latest one in a place is the one that is found.
+  if (const auto before = children.find(name); before != children.end()) children.erase(before);
+  children.insert(item.get());
 }
 
 ItemPtr ItemTable::child(Rid folder, std::string_view name) const {
@@ -37,8 +56,8 @@ ItemPtr ItemTable::similarChild(Rid folder, std::string_view name) const {
   if (isASCII(name) || !isValidUTF8(name)) return nullptr;
   const auto children = visible_.find(folder);
   if (children == visible_.end()) return nullptr;
-  for (const auto& [candidate, item] : children->second) {
-    if (!isASCII(candidate) && isEqualToString(candidate, name)) return item;
+  for (const Item* item : children->second) {
+    if (!isASCII(item->name) && isEqualToString(item->name, name)) return find(item->rid);
   }
   return nullptr;
 }
@@ -48,21 +67,11 @@ ItemPtr ItemTable::serverChild(Rid folder, std::string_view name) const {
 }
 
 std::vector<ItemPtr> ItemTable::children(Rid folder) const {
-  std::vector<ItemPtr> result;
-  if (const auto found = visible_.find(folder); found != visible_.end()) {
-    result.reserve(found->second.size());
-    for (const auto& entry : found->second) result.push_back(entry.second);
-  }
-  return result;
+  return all(visible_, folder);
 }
 
 std::vector<ItemPtr> ItemTable::serverChildren(Rid folder) const {
-  std::vector<ItemPtr> result;
-  if (const auto found = atProvider_.find(folder); found != atProvider_.end()) {
-    result.reserve(found->second.size());
-    for (const auto& entry : found->second) result.push_back(entry.second);
-  }
-  return result;
+  return all(atProvider_, folder);
 }
 
 bool ItemTable::hasChildren(Rid folder) const {
@@ -76,20 +85,21 @@ std::size_t ItemTable::serverChildCount(Rid folder) const {
 }
 
 void ItemTable::forEach(const std::function<void(const ItemPtr&)>& use) const {
-  for (const auto& entry : byRid_) use(entry.second);
+  for (const auto& item : byRid_) use(item);
 }
 
 void ItemTable::show(const ItemPtr& item) {
   if (item->rid != kRootRid && !item->removed && !item->gone) {
-    visible_[item->parent][item->name] = item;
+    put(visible_, item->parent, item->name, item);
   }
 }
 
-void ItemTable::remove(Index& index, Rid folder, std::string_view name, const ItemPtr& item) {
+template <typename AnyIndex>
+void ItemTable::remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item) {
   const auto children = index.find(folder);
   if (children == index.end()) return;
   const auto found = children->second.find(name);
-  if (found == children->second.end() || found->second != item) return;
+  if (found == children->second.end() || *found != item.get()) return;
   children->second.erase(found);
   if (children->second.empty()) index.erase(children);
 }
@@ -99,15 +109,18 @@ void ItemTable::hide(const ItemPtr& item) {
 }
 
 void ItemTable::add(const ItemPtr& item) {
-  byRid_[item->rid] = item;
+  byRid_.insert(item);
   show(item);
-  if (item->rid != kRootRid && item->base) atProvider_[item->base->parent][item->base->name] = item;
+  if (item->rid != kRootRid && item->base) {
+    put(atProvider_, item->base->parent, item->base->name, item);
+  }
 }
 
 void ItemTable::erase(const ItemPtr& item) {
   hide(item);
   if (item->base) remove(atProvider_, item->base->parent, item->base->name, item);
-  byRid_.erase(item->rid);
+  const auto found = byRid_.find(item->rid);
+  if (found != byRid_.end()) byRid_.erase(found);
 }
 
 void ItemTable::place(const ItemPtr& item, Rid parent, std::string name) {
@@ -133,7 +146,7 @@ void ItemTable::setBase(const ItemPtr& item, std::optional<Base> base) {
   const bool indexed = item->rid != kRootRid && !item->gone;
   if (indexed && item->base) remove(atProvider_, item->base->parent, item->base->name, item);
   item->base = std::move(base);
-  if (indexed && item->base) atProvider_[item->base->parent][item->base->name] = item;
+  if (indexed && item->base) put(atProvider_, item->base->parent, item->base->name, item);
 }
 
 bool ItemTable::isWithin(const Item& item, Rid ancestor) const {
@@ -143,7 +156,7 @@ bool ItemTable::isWithin(const Item& item, Rid ancestor) const {
     if (at->rid == kRootRid) return false;
     const auto above = byRid_.find(at->parent);
     if (above == byRid_.end()) return false;
-    at = above->second.get();
+    at = above->get();
   }
   return false;
 }
@@ -155,7 +168,7 @@ bool ItemTable::isWithinAtProvider(const Item& item, Rid ancestor) const {
     if (at->rid == kRootRid || !at->base) return false;
     const auto above = byRid_.find(at->base->parent);
     if (above == byRid_.end()) return false;
-    at = above->second.get();
+    at = above->get();
   }
   return false;
 }
@@ -168,7 +181,7 @@ std::string ItemTable::path(const Item& item) const {
     names.push_back(at->name);
     const auto above = byRid_.find(at->parent);
     if (above == byRid_.end()) break;
-    at = above->second.get();
+    at = above->get();
   }
   std::string result;
   for (auto name = names.rbegin(); name != names.rend(); ++name) {

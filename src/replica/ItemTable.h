@@ -1,9 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "replica/Item.h"
@@ -48,18 +50,43 @@ class ItemTable {
   std::string path(const Item& item) const;
 
  private:
-  using Children = std::unordered_map<std::string_view, ItemPtr>;
-  using Index = std::unordered_map<Rid, Children>;
+  // The items themselves hold their names and numbers; a set of pointers costs less than a map.
+  struct ByRid {
+    using is_transparent = void;
+    static Rid key(Rid rid) { return rid; }
+    static Rid key(const ItemPtr& item) { return item->rid; }
+    std::size_t operator()(const auto& one) const { return std::hash<Rid>()(key(one)); }
+    bool operator()(const auto& one, const auto& other) const { return key(one) == key(other); }
+  };
+  template <const std::string& (*Name)(const Item&)>
+  struct ByName {
+    using is_transparent = void;
+    static std::string_view key(std::string_view name) { return name; }
+    static std::string_view key(const Item* item) { return Name(*item); }
+    std::size_t operator()(const auto& one) const {
+      return std::hash<std::string_view>()(key(one));
+    }
+    bool operator()(const auto& one, const auto& other) const { return key(one) == key(other); }
+  };
+  static const std::string& visibleName(const Item& item) { return item.name; }
+  static const std::string& providerName(const Item& item) { return item.base->name; }
+  template <const std::string& (*Name)(const Item&)>
+  using Index = std::unordered_map<Rid, std::unordered_set<Item*, ByName<Name>, ByName<Name>>>;
 
-  static ItemPtr find(const Index& index, Rid folder, std::string_view name);
-  static void remove(Index& index, Rid folder, std::string_view name, const ItemPtr& item);
+  template <typename AnyIndex>
+  ItemPtr find(const AnyIndex& index, Rid folder, std::string_view name) const;
+  template <typename AnyIndex>
+  std::vector<ItemPtr> all(const AnyIndex& index, Rid folder) const;
+  template <typename AnyIndex>
+  static void remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item);
+  template <typename AnyIndex>
+  static void put(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item);
   void show(const ItemPtr& item);
   void hide(const ItemPtr& item);
 
-  std::unordered_map<Rid, ItemPtr> byRid_;
-  // The keys are views of the items' own names.
-  Index visible_;
-  Index atProvider_;
+  std::unordered_set<ItemPtr, ByRid, ByRid> byRid_;
+  Index<visibleName> visible_;
+  Index<providerName> atProvider_;
 };
 
 }  // namespace kestrowan::replica

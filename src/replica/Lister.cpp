@@ -1,5 +1,7 @@
 #include "replica/Lister.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -22,6 +24,10 @@ constexpr std::int64_t kUseTime = 120000;
 constexpr std::int64_t kDurationFactor = 20;
 /// Without anything to show instead, somebody waits this long for a listing.
 constexpr milliseconds kFirstListingWait{60000};
+
+/// A listing of so many entries takes memory that is given back to the system after this time.
+constexpr std::size_t kLargeListing = 5000;
+constexpr milliseconds kTrimDelay{1000};
 
 }  // namespace
 
@@ -198,6 +204,9 @@ Task<void> Lister::run(ItemPtr folder) {
       core_.save(folder);
     }
     finish(folder, ListingPtr(listing));
+    if (listing->entries.size() >= kLargeListing) {
+      core_.loop.postAfter(kTrimDelay, [] { ::malloc_trim(0); });
+    }
   } catch (const NSError& error) {
     finish(folder, error);
   }

@@ -136,7 +136,7 @@ void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
   item->modified = modifiedOf(entry.base);
   core_.table.add(item);
   core_.save(item);
-  core_.entryChanged(folder->rid, item->name);
+  // Nobody keeps a memory of names that were not there, so nobody has to be told.
   if (item->pinned) changed_(item);
 }
 

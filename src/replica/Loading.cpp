@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -15,6 +16,8 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 /// Until the provider was asked the root may be read and written.
 constexpr NSFileProviderItemCapabilities kRootCapabilities =
     NSFileProviderItemCapability::allowsReading | NSFileProviderItemCapability::allowsWriting;
+/// No replica gives as many numbers; whatever bears a higher one was not made by one.
+constexpr Number kHighestNumber = Number{1} << 62;
 
 }  // namespace
 
@@ -32,15 +35,40 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
       lister(core, health, [this](const ItemPtr& item) { itemChangedByListing(item); }),
       fetcher(core, health),
       sender(core, health, lister, fetcher),
-      replica_(replica) {
+      replica_(replica),
+      useMark_(directory) {
   load();
   sender.restore();
   fetcher.watchLimits();
 }
 
+Replica::Implementation::~Implementation() {
+  core.removeRetired();
+  try {
+    core.contents.syncAll();
+    core.store.sync();
+    useMark_.clear();
+  } catch (const NSError& error) {
+    core.log("could not be made durable", *core.table.find(kRootRid), error.localizedDescription());
+  }
+}
+
 void Replica::Implementation::load() {
-  const std::size_t skipped =
-      core.store.load([this](ItemRecord record) { loadRecord(std::move(record)); });
+  std::size_t displaced = 0;
+  Number highest = 0;
+  const std::size_t senseless = core.store.load([&](ItemRecord record) {
+    for (const Number number :
+         {record.rid, record.content, record.sent ? record.sent->content : 0}) {
+      if (number <= kHighestNumber) highest = std::max(highest, number);
+    }
+    if (!loadRecord(std::move(record))) ++displaced;
+  });
+  for (const ContentNumber number : core.contents.numbers()) {
+    if (number <= kHighestNumber) highest = std::max(highest, number);
+  }
+  // A database that has not given all of them is older than the contents.
+  const bool isOutdated = core.store.skipNumber(highest);
+  const bool isNew = core.table.size() == 0 && senseless + displaced == 0;
   if (!core.table.find(kRootRid)) {
     auto root = std::make_shared<Item>();
     root->rid = kRootRid;
@@ -53,70 +81,107 @@ void Replica::Implementation::load() {
     core.table.add(root);
     core.save(root);
   }
-  if (skipped > 0) {
-    core.log("rows that make no sense were left out", *core.table.find(kRootRid),
-             std::to_string(skipped));
+  const Item& root = *core.table.find(kRootRid);
+  if (senseless + displaced > 0) {
+    core.log("rows that make no sense were left out", root, std::to_string(senseless + displaced));
   }
-  repair();
+  if (isNew && !core.contents.numbers().empty()) {
+    core.log("the database was lost; all contents were kept", root,
+             core.contents.recoverAll(core.seconds()));
+  }
+  repair(senseless + displaced == 0 && !isOutdated);
+  // What was found out above must not be asked again of a mark that says otherwise.
+  if (useMark_.machineStopped()) core.store.sync();
+  useMark_.set();
 }
 
-void Replica::Implementation::loadRecord(ItemRecord record) {
+bool Replica::Implementation::loadRecord(ItemRecord record) {
   const bool isRoot = record.rid == kRootRid;
-  if (!isRoot && (!isValidName(record.name) || record.rid == record.parent)) return;
+  if (!isRoot && (!isValidName(record.name) || record.rid == record.parent)) return false;
   auto item = std::make_shared<Item>();
   static_cast<ItemRecord&>(*item) = std::move(record);
-  // Two rows in one place: whichever has something that must not be lost keeps it.
+  // Two rows in one place: whichever has something that must not be lost keeps it, and the contents
+  // of the other are left for the recovery area.
   const ItemPtr here =
       isRoot || item->removed ? nullptr : core.table.child(item->parent, item->name);
-  if (here && item->isPending()) {
-    core.table.detach(here);
-    core.table.erase(here);
-  } else if (here) {
-    return;
-  }
+  if (here && !item->isPending()) return false;
+  if (here) core.table.erase(here);
   core.table.add(item);
+  return !here;
 }
 
 /// Makes rows and files agree: a row without a file, a file without a row, an item without a
 /// folder.
-void Replica::Implementation::repair() {
-  std::unordered_set<ContentNumber> wanted;
-  std::vector<ItemPtr> lost;
+void Replica::Implementation::repair(bool isWhole) {
   std::unordered_set<ContentNumber> present;
   for (const ContentNumber number : core.contents.numbers()) present.insert(number);
+  ItemStore::Transaction transaction(core.store);
+  std::vector<ItemPtr> lost;
   core.table.forEach([&](const ItemPtr& item) {
     const ItemPtr folder = core.table.find(item->parent);
-    if (!folder || !folder->isFolder() || !core.table.isWithin(*item, kRootRid)) {
-      lost.push_back(item);
-    }
-    if (item->sent && item->sent->content != 0) wanted.insert(item->sent->content);
-    if (item->content == 0) return;
-    struct stat status;
-    if (!present.contains(item->content) ||
-        ::stat(core.contents.path(item->content).c_str(), &status) != 0) {
-      core.log("its contents are missing here", *item);
-      item->content = 0;
-      item->contentsChanged = false;
-      core.save(item);
-      if (!item->base) lost.push_back(item);
-      return;
-    }
-    wanted.insert(item->content);
-    if (item->contentsChanged) {
-      item->size = status.st_size;
-      item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
-    }
+    const bool isInTree = folder && folder->isFolder() && core.table.isWithin(*item, kRootRid);
+    if (item->content != 0) checkContents(item, present);
+    if (!isInTree || (!item->base && !item->isFolder() && item->content == 0)) lost.push_back(item);
   });
-  ItemStore::Transaction transaction(core.store);
   for (const ItemPtr& item : lost) {
-    if (item->gone) continue;
-    core.log("belongs to no folder", *item);
-    core.dropContents(item, item->contentsChanged);
+    core.log("belongs to no folder, or has nothing in it", *item);
+    core.dropContents(item, item->contentsChanged || !item->base);
     core.dropItem(item);
   }
+  std::unordered_set<ContentNumber> orphans = std::move(present);
+  core.table.forEach([&](const ItemPtr& item) {
+    orphans.erase(item->content);
+    if (item->sent) orphans.erase(item->sent->content);
+  });
   transaction.commit();
-  for (const ContentNumber number : present) {
-    if (!wanted.contains(number)) core.contents.remove(number);
+  settleOrphans(orphans, isWhole);
+}
+
+/// Decides whether an item's contents can be used as they are.
+void Replica::Implementation::checkContents(const ItemPtr& item,
+                                            const std::unordered_set<ContentNumber>& present) {
+  struct stat status;
+  const std::string path = core.contents.path(item->content);
+  const bool isHere = present.contains(item->content) && ::stat(path.c_str(), &status) == 0;
+  if (isHere && (item->contentsChanged || !item->base)) {
+    item->size = status.st_size;
+    item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+    return;
+  }
+  // What can be fetched again was never synced.
+  if (isHere && !useMark_.machineStopped() && status.st_size == item->size) return;
+  if (!isHere) core.log("its contents are missing here", *item);
+  core.contents.remove(item->content);
+  item->content = 0;
+  item->contentsChanged = false;
+  if (item->base) {
+    item->size = item->base->size;
+    item->modified = modifiedOf(*item->base);
+  }
+  core.save(item);
+}
+
+/// Contents that no row names have been given up, unless rows may be missing.
+void Replica::Implementation::settleOrphans(const std::unordered_set<ContentNumber>& orphans,
+                                            bool isWhole) {
+  std::size_t kept = 0;
+  for (const ContentNumber number : orphans) {
+    struct stat status;
+    if (::stat(core.contents.path(number).c_str(), &status) != 0) continue;
+    if ((isWhole && !useMark_.machineStopped()) || status.st_size == 0) {
+      core.contents.remove(number);
+      continue;
+    }
+    // Rows that were never synced are mostly those of files that could be fetched again, which bear
+    // old dates and give way to others.
+    const std::int64_t at =
+        isWhole ? std::min<std::int64_t>(status.st_mtim.tv_sec, core.seconds()) : core.seconds();
+    core.contents.recover(number, {}, at);
+    ++kept;
+  }
+  if (kept > 0) {
+    core.log("contents without a name were kept in the recovery area", *core.table.find(kRootRid),
+             std::to_string(kept));
   }
 }
 

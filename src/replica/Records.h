@@ -77,6 +77,8 @@ struct SentRecord {
   friend bool operator==(const SentRecord&, const SentRecord&) = default;
 };
 
+using AttributeMap = std::map<std::string, std::string>;
+
 /// One item, as it is kept on disk.
 struct ItemRecord {
   Rid rid = 0;
@@ -98,7 +100,7 @@ struct ItemRecord {
   /// Permission bits that an application set; absent when none did.
   std::optional<std::uint16_t> mode;
   /// User attributes that applications set.
-  std::map<std::string, std::string> attributes;
+  Boxed<AttributeMap> attributes;
 
   /// An application removed it; the provider still has it.
   bool removed = false;

@@ -23,6 +23,7 @@ constexpr const char* kDateFormat = "%Y-%m-%dT%H-%M-%SZ";
 constexpr std::size_t kDateLength = 20;
 constexpr std::int64_t kLatest = 253402300799;  // the end of the year 9999
 constexpr std::string_view kUnnamed = "unnamed";
+constexpr std::string_view kOfLostDatabase = "contents of a lost database";
 
 std::string dateText(std::int64_t at) {
   const time_t seconds = std::clamp(at, std::int64_t{0}, kLatest);
@@ -57,36 +58,52 @@ struct RecoveredFile {
   std::int64_t size = 0;
 };
 
-/// What `recover` put there and nobody renamed since.
-std::vector<RecoveredFile> recoveredFiles(const std::string& directory) {
+/// What `recover` put there and nobody renamed since; `folders` gets the folders of `recoverAll`.
+std::vector<RecoveredFile> recoveredFiles(const std::string& directory,
+                                          std::vector<std::string>* folders = nullptr) {
   std::vector<RecoveredFile> files;
   for (const auto& name : namesIn(directory)) {
     const auto at = dateFromName(name);
     auto path = directory + "/" + name;
     struct stat status;
-    if (at && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    if (!at || ::lstat(path.c_str(), &status) != 0) continue;
+    if (S_ISREG(status.st_mode))
       files.push_back({*at, std::move(path), status.st_size});
-    }
+    else if (S_ISDIR(status.st_mode) && folders)
+      folders->push_back(std::move(path));
   }
   return files;
 }
 
-}  // namespace
-
-std::string ContentStore::recover(ContentNumber number, std::string_view name, std::int64_t at) {
-  const auto source = path(number);
+/// Moves a file or folder into the recovery area under a name that is free there; gives its path.
+std::string moveThere(const std::string& source, const std::string& directory,
+                      std::string_view name, std::int64_t at) {
   const auto prefix = dateText(at) + " ";
   const auto harmless = harmlessName(name);
   const auto parts = nameParts(harmless);
   for (unsigned attempt = 1; attempt < std::numeric_limits<unsigned>::max(); ++attempt) {
     const auto suffix = attempt == 1 ? std::string() : " (" + std::to_string(attempt) + ")";
-    auto target = recovery_ + "/" + assembledName(prefix, parts, suffix);
+    auto target = directory + "/" + assembledName(prefix, parts, suffix);
     if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
       return target;
     }
     if (errno != EEXIST) throw fileError(errno, source);
   }
   throw fileError(EEXIST, source);
+}
+
+}  // namespace
+
+std::string ContentStore::recover(ContentNumber number, std::string_view name, std::int64_t at) {
+  return moveThere(path(number), recovery_, name, at);
+}
+
+std::string ContentStore::recoverAll(std::int64_t at) {
+  auto kept = moveThere(contents_, recovery_, kOfLostDatabase, at);
+  makePrivateDirectory(contents_);
+  syncDirectory(recovery_);
+  syncDirectory(contents_.substr(0, contents_.rfind('/')));
+  return kept;
 }
 
 void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
@@ -108,9 +125,18 @@ void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
 
 ContentStore::Usage ContentStore::recoveryUsage() const {
   Usage usage;
-  for (const auto& file : recoveredFiles(recovery_)) {
+  std::vector<std::string> folders;
+  for (const auto& file : recoveredFiles(recovery_, &folders)) {
     ++usage.files;
     usage.bytes += file.size;
+  }
+  for (const auto& folder : folders) {
+    for (const auto& name : namesIn(folder)) {
+      struct stat status;
+      if (::lstat((folder + "/" + name).c_str(), &status) != 0) continue;
+      ++usage.files;
+      usage.bytes += status.st_size;
+    }
   }
   return usage;
 }

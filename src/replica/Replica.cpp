@@ -124,6 +124,8 @@ void Replica::fsync(const std::shared_ptr<OpenFile>& file, Completion<Done> comp
 }
 
 void Replica::fsyncFolder(Rid) {
+  // A name is nothing without the contents behind it.
+  implementation_->core.contents.syncNames();
   implementation_->core.store.sync();
 }
 
@@ -131,8 +133,9 @@ std::string Replica::userAttribute(Rid item, std::string_view name) const {
   const auto& core = implementation_->core;
   std::lock_guard lock(core.mutex);
   const auto known = core.require(item);
-  const auto found = known->attributes.find(std::string(name));
-  if (found == known->attributes.end()) throw posixError(ENODATA);
+  if (!known->attributes) throw posixError(ENODATA);
+  const auto found = known->attributes->find(std::string(name));
+  if (found == known->attributes->end()) throw posixError(ENODATA);
   return found->second;
 }
 
@@ -140,7 +143,9 @@ std::vector<std::string> Replica::userAttributes(Rid item) const {
   const auto& core = implementation_->core;
   std::lock_guard lock(core.mutex);
   std::vector<std::string> names;
-  for (const auto& attribute : core.require(item)->attributes) names.push_back(attribute.first);
+  const auto known = core.require(item);
+  if (!known->attributes) return names;
+  for (const auto& attribute : *known->attributes) names.push_back(attribute.first);
   return names;
 }
 
@@ -149,7 +154,7 @@ void Replica::setUserAttribute(Rid item, std::string_view name, std::string_view
   auto& core = implementation_->core;
   std::lock_guard lock(core.mutex);
   const auto known = core.require(item);
-  auto attributes = known->attributes;
+  AttributeMap attributes = known->attributes ? *known->attributes : AttributeMap();
   const bool isThere = attributes.contains(std::string(name));
   if (isThere && mode == SetMode::create) throw posixError(EEXIST);
   if (!isThere && mode == SetMode::replace) throw posixError(ENODATA);
@@ -158,7 +163,7 @@ void Replica::setUserAttribute(Rid item, std::string_view name, std::string_view
   for (const auto& attribute : attributes)
     bytes += attribute.first.size() + attribute.second.size();
   if (bytes > kMostAttributeBytes) throw posixError(ENOSPC);
-  known->attributes.swap(attributes);
+  known->attributes = std::move(attributes);
   if (!known->gone) core.save(known);
 }
 
@@ -166,7 +171,10 @@ void Replica::removeUserAttribute(Rid item, std::string_view name) {
   auto& core = implementation_->core;
   std::lock_guard lock(core.mutex);
   const auto known = core.require(item);
-  if (known->attributes.erase(std::string(name)) == 0) throw posixError(ENODATA);
+  if (!known->attributes || known->attributes->erase(std::string(name)) == 0) {
+    throw posixError(ENODATA);
+  }
+  if (known->attributes->empty()) known->attributes.reset();
   if (!known->gone) core.save(known);
 }
 

@@ -62,7 +62,7 @@ void Sender::thaw(const ItemPtr& item, const Frozen& frozen, bool sent) {
     item->sync->frozen = 0;
     if (item->content != frozen.number) {
       // Somebody wrote meanwhile, into a copy.
-      if (!core_.areNeeded(*item, frozen.number)) core_.contents.remove(frozen.number);
+      if (!core_.areNeeded(*item, frozen.number)) core_.retire(frozen.number);
       return;
     }
     if (core_.areNeeded(*item, frozen.number)) return;

@@ -90,7 +90,8 @@ def test_a_wrong_bridge_file_holds_everything_until_a_right_one_comes(
     bridge.chmod(0o600)
     place = make_place(container)
     mounted = place.mount().ready()
-    wait_for(lambda: place.status()["state"] in ("held", "offline"), "trouble")
+    wait_for(lambda: names(place.point) is None and place.status()["state"] in ("held", "offline"),
+             "trouble")
     bring(server, container)
     wait_for(lambda: place.status()["state"] == "online", "server")
     assert names(place.point) == ["Home"]

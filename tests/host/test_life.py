@@ -1,5 +1,6 @@
 """How a mount begins and ends: readiness, signals, drains, unmounting, crashes."""
 
+import json
 import os
 import resource
 import signal
@@ -11,6 +12,7 @@ import pytest
 import driver
 from hosted import (BUSY, DONE, MOUNT_FAILED, NOT_MOUNTED, USAGE, NotifySocket, is_mounted,
                     wait_for)
+from scripted_server import ScriptedServer
 
 
 def mode(path):
@@ -188,6 +190,34 @@ def test_background_leaves_the_terminal_alone(place):
     out, error = process.communicate(timeout=60)
     assert (process.returncode, out) == (DONE, b"")
     assert error.decode().splitlines() == [f"kestrowan: mounted at {place.point}"]
+
+
+@pytest.fixture
+def silent_place(make_place, tmp_path):
+    """A place whose server accepts connections and says nothing."""
+    with ScriptedServer({"mode": "silent"}) as server:
+        container = tmp_path / "container"
+        container.mkdir(mode=0o700)
+        bridge = container / "fp-webdav.json"
+        bridge.write_text(json.dumps({"port": server.port, "user": "u", "pass": "p",
+                                      "certPEM": server.certPEM}), encoding="utf-8")
+        bridge.chmod(0o600)
+        yield make_place(container)
+
+
+def test_readiness_does_not_wait_for_a_silent_server(silent_place):
+    silent_place.mount().ready()
+    assert is_mounted(silent_place.point)
+
+
+def test_who_gives_up_waiting_for_the_background_leaves_no_mount(silent_place):
+    process = driver.start("mount", "--background", silent_place.point,
+                           container=silent_place.container, env=silent_place.environment())
+    wait_for(lambda: is_mounted(silent_place.point), "mount")
+    process.kill()
+    process.communicate(timeout=60)
+    wait_for(lambda: not is_mounted(silent_place.point), "end of the mount")
+    wait_for(lambda: silent_place.run("status").returncode == NOT_MOUNTED, "end of the host")
 
 
 # ---- ending --------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@ import contextlib
 import errno
 import fcntl
 import hashlib
+import json
 import os
 import pty
 import shutil
@@ -16,7 +17,9 @@ from pathlib import Path
 import pytest
 
 import driver
-from hosted import (DONE, FAILED, NOT_MOUNTED, PARTLY_FAILED, TIMED_OUT, USAGE, wait_for)
+from hosted import DONE, FAILED, NOT_MOUNTED, PARTLY_FAILED, TIMED_OUT, USAGE, wait_for
+from multistatus import multistatus, response
+from scripted_server import ScriptedServer
 
 CHUNK = bytes(range(256)) * 4096
 
@@ -250,6 +253,47 @@ def test_doctor_knows_the_mount(place, mount):
     assert findings["fusermount3"]["verdict"] == "ok"
     assert str(place.point) in findings["mount"]["text"]
     assert "online" in findings["mount"]["text"]
+
+
+# ---- transfers -----------------------------------------------------------------------------------
+
+
+def test_status_shows_how_far_a_download_is(make_place, tmp_path):
+    size, half = 1_000_000, 500_000
+    file = response("/Home/big #1.bin", size=size, etag='"1"')
+    script = {"routes": {
+        "PROPFIND /": multistatus(response("/", folder=True), response("/Home/", folder=True)),
+        "PROPFIND /Home/": multistatus(response("/Home/", folder=True), file),
+        "PROPFIND /Home/big%20%231.bin": multistatus(file),
+        "GET /Home/big%20%231.bin": {"fill": size, "pauseAt": half, "pauseFor": "more"}},
+        "responses": [{"status": 500}]}
+    with ScriptedServer(script) as server:
+        container = tmp_path / "container"
+        container.mkdir(mode=0o700)
+        bridge = container / "fp-webdav.json"
+        bridge.write_text(json.dumps({"port": server.port, "user": "u", "pass": "hidden word",
+                                      "certPEM": server.certPEM}), encoding="utf-8")
+        bridge.chmod(0o600)
+        place = make_place(container)
+        place.mount().ready()
+        reader = subprocess.Popen(["cat", place.point / "Home" / "big #1.bin"],
+                                  stdout=subprocess.PIPE)
+
+        def transfer():
+            found = place.status()["transfers"]
+            return found[0] if found and found[0]["received"] > 0 else None
+
+        shown = wait_for(transfer, "transfer under way")
+        assert shown["path"] == "/Home/big #1.bin"
+        assert shown["method"] == "GET"
+        assert shown["expectedToReceive"] == size
+        assert 0 < shown["received"] <= half
+        text = place.run("status").stdout.decode()
+        assert "fetching" in text and "% of 976.6 KiB" in text and "/Home/big #1.bin" in text
+        assert "hidden" not in text + json.dumps(shown)
+        server.release("more")
+        assert len(reader.communicate(timeout=60)[0]) == size
+        wait_for(lambda: place.status()["transfers"] == [], "end of the transfer")
 
 
 # ---- status --watch ------------------------------------------------------------------------------

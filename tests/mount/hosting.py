@@ -11,6 +11,7 @@ import json
 import os
 import select
 import shutil
+import signal
 import subprocess
 import time
 
@@ -94,6 +95,7 @@ class Host:
         settings = {"mountPoint": str(mount_point), "state": str(state), "sendDelay": 100, **options}
         self.process = subprocess.Popen([*prefix, program(), json.dumps(settings)],
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        # No thread: one that waits for a page of a mapped file holds all others up.
         self._watchdog = subprocess.Popen(
             ["sh", "-c", f"sleep {watchdog}; kill -9 {self.process.pid}"],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -143,6 +145,8 @@ class Host:
 
     def end(self):
         """Ends everything, however it stands. Gives the exit code."""
+        if self.process.stdout.closed:
+            return self.process.returncode
         with contextlib.suppress(BrokenPipeError):
             self.process.stdin.close()
         try:
@@ -152,7 +156,7 @@ class Host:
             self.process.kill()
             self.process.wait()
         self.process.stdout.close()
-        os.killpg(self._watchdog.pid, 9)
+        os.killpg(self._watchdog.pid, signal.SIGKILL)
         self._watchdog.wait()
         while mount_entry(self.path):
             if subprocess.run(["fusermount3", "-u", "-z", str(self.path)], check=False,

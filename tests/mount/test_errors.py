@@ -116,21 +116,36 @@ def test_a_refused_upload_is_told_to_who_closes_next(host, mount):
     host.fault(kind="createItem", effect="none", error=[POSIX, 1])
     file = os.open(mount / "file", os.O_CREAT | os.O_WRONLY)
     os.write(file, b"x")
-    os.close(os.dup(file))
+    os.fsync(file)
     eventually(lambda: host.status()["pending"][0]["state"] == "refused")
     assert outcome(os.close, os.dup(file)) == "EPERM"
     assert outcome(os.close, file) is None
-    assert os.getxattr(mount / "file", "user.kestrowan.state") == b"refused"
+    assert eventually(
+        lambda: os.getxattr(mount / "file", "user.kestrowan.state") == b"refused")
 
 
-def test_closing_can_wait_for_the_server(make_host, place):
-    host = make_host(closeWaits=True).mount().connect()
+def test_a_reader_does_not_take_the_writers_error_away(host, mount):
+    host.fault(kind="createItem", effect="none", error=[POSIX, 1])
+    file = os.open(mount / "file", os.O_CREAT | os.O_WRONLY)
+    os.write(file, b"x")
+    os.fsync(file)
+    eventually(lambda: host.status()["pending"][0]["state"] == "refused")
+    assert read(mount / "file") == b"x"
+    assert outcome(os.close, file) == "EPERM"
+
+
+@pytest.mark.parametrize("error, expected", [
+    ([POSIX, 1], "EPERM"),
+    ([FILE_PROVIDER, -1003], "EDQUOT"),
+])
+def test_closing_can_wait_for_the_server(make_host, place, error, expected):
+    host = make_host(closeWaits=True, watchdog=30).mount().connect()
     (place / "mount" / "file").write_text("x")
     assert host.read("/file") == b"x"
-    host.fault(kind="modifyItem", effect="none", error=[FILE_PROVIDER, -1003])
+    host.fault(kind="modifyItem", effect="none", error=error)
     file = os.open(place / "mount" / "file", os.O_WRONLY)
     os.write(file, b"y")
-    assert outcome(os.close, file) == "EDQUOT"
+    assert outcome(os.close, file) == expected
 
 
 def test_synchronising_can_wait_for_the_server(make_host, place):

@@ -38,8 +38,9 @@ void ReplicaWorld::end() {
   replica_.reset();
 }
 
-void ReplicaWorld::crashUnconnected() {
+void ReplicaWorld::crashUnconnected(const std::function<void()>& between) {
   end();
+  if (between) between();
   begin();
 }
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -34,8 +35,8 @@ class ReplicaWorld {
 
   /// Ends the process and begins a new one: nothing is said to the replica before.
   void crash();
-  /// The same, without a provider until `connect`.
-  void crashUnconnected();
+  /// The same, without a provider until `connect`; `between` is run while there is no replica.
+  void crashUnconnected(const std::function<void()>& between = {});
   void connect();
 
   void advance(std::chrono::milliseconds time) { loop_.advance(time); }

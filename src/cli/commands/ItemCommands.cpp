@@ -5,9 +5,9 @@
 #include "cli/JSONForms.h"
 #include "cli/Requests.h"
 #include "cli/ServerPath.h"
-#include "platform/fileprovider/TemplateItem.h"
 #include "cli/commands/Commands.h"
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/fileprovider/TemplateItem.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSString.h"
 

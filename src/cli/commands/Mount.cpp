@@ -74,16 +74,6 @@ ExitCode serve(host::HostSettings settings, const std::function<bool()>& ready) 
   }
 }
 
-/// What a host that died left mounted at `path`; nothing when that is none.
-std::optional<host::HostEntry> leftMount(const std::string& path) {
-  auto hosts = host::knownHosts();
-  std::erase_if(hosts, [](const host::HostEntry& host) { return !host::isLeftMounted(host); });
-  for (auto& host : hosts) host.running = true;
-  const auto place = host::placeInMount(hosts, path, currentDirectory());
-  if (!place || place->path != "/") return std::nullopt;
-  return place->host;
-}
-
 }  // namespace
 
 ExitCode mount(const GlobalOptions& options, const MountCommand& command) {
@@ -99,7 +89,7 @@ ExitCode mount(const GlobalOptions& options, const MountCommand& command) {
 
 ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bool force) {
   return reportingFailure(options.json, [&] {
-    if (const auto left = leftMount(mountPoint)) {
+    if (const auto left = host::hostThatLeft(mountPoint, currentDirectory())) {
       host::removeLeftMount(*left);
       if (options.json) {
         Output::standard().write("{\"left\":null}\n");

@@ -5,8 +5,8 @@
 #include "cli/ProgressLine.h"
 #include "cli/Requests.h"
 #include "cli/ServerPath.h"
-#include "platform/fileprovider/TemplateItem.h"
 #include "cli/commands/Commands.h"
+#include "platform/fileprovider/TemplateItem.h"
 #include "platform/foundation/NSString.h"
 
 namespace kestrowan::cli {

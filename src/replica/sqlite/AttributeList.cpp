@@ -33,7 +33,7 @@ std::optional<std::string_view> takeText(std::string_view& bytes) {
 
 }  // namespace
 
-std::string encodedAttributes(const std::map<std::string, std::string>& attributes) {
+std::string encodedAttributes(const AttributeMap& attributes) {
   std::string bytes;
   for (const auto& [name, value] : attributes) {
     append(bytes, name);
@@ -42,8 +42,8 @@ std::string encodedAttributes(const std::map<std::string, std::string>& attribut
   return bytes;
 }
 
-std::optional<std::map<std::string, std::string>> decodedAttributes(std::string_view bytes) {
-  std::map<std::string, std::string> attributes;
+std::optional<AttributeMap> decodedAttributes(std::string_view bytes) {
+  AttributeMap attributes;
   while (!bytes.empty()) {
     const auto name = takeText(bytes);
     if (!name) return std::nullopt;

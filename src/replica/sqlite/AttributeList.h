@@ -1,16 +1,17 @@
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "replica/Records.h"
 
 namespace kestrowan::replica {
 
 /// Attributes as the bytes of one column: each name and each value behind its length, four bytes
 /// with the least first.
-std::string encodedAttributes(const std::map<std::string, std::string>& attributes);
+std::string encodedAttributes(const AttributeMap& attributes);
 /// Nothing for bytes that are no such list.
-std::optional<std::map<std::string, std::string>> decodedAttributes(std::string_view bytes);
+std::optional<AttributeMap> decodedAttributes(std::string_view bytes);
 
 }  // namespace kestrowan::replica

@@ -205,10 +205,10 @@ void bindItem(Statement& save, const ItemRecord& record, std::string& attributes
   writer.put(record.size);
   writer.put(record.modified);
   writer.put(record.mode);
-  if (record.attributes.empty()) {
+  if (!record.attributes) {
     writer.putNothing(1);
   } else {
-    attributes = encodedAttributes(record.attributes);
+    attributes = encodedAttributes(*record.attributes);
     writer.put(attributes);
   }
   writer.put(record.removed);

@@ -106,6 +106,13 @@ class ItemStore::Implementation {
     return numbers_.take();
   }
 
+  bool skipNumber(Number taken) {
+    if (numbers_.isGiven(taken)) return false;
+    numbers_.skip(taken);
+    reserveNumbers();
+    return true;
+  }
+
   void sync() { log_.sync(); }
 
   void compact() {
@@ -199,6 +206,10 @@ void ItemStore::remove(Rid rid) {
 
 Number ItemStore::nextNumber() {
   return implementation_->nextNumber();
+}
+
+bool ItemStore::skipNumber(Number taken) {
+  return implementation_->skipNumber(taken);
 }
 
 void ItemStore::sync() {

@@ -50,6 +50,9 @@ class ItemStore {
   /// A number that this replica never gave before, over restarts too; the first is 2.
   Number nextNumber();
 
+  /// Never gives that number, nor one below it. Whether it might have been given without this.
+  bool skipNumber(Number taken);
+
   /// Makes every committed change durable. From any thread, also while another one writes.
   void sync();
 

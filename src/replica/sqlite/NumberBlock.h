@@ -23,6 +23,10 @@ class NumberBlock {
   void reserve();
   /// What was reserved last is not noted after all.
   void forgetReservation() { end_ = next_; }
+  /// Whether a number has been given, or counts as given since somebody bears it.
+  bool isGiven(Number number) const { return number < next_; }
+  /// Never gives numbers up to that one; it must be followed by `reserve`.
+  void skip(Number last) { next_ = end_ = last + 1; }
   /// Notes the numbers that are left as not given.
   void giveBack();
 

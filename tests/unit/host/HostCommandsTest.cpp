@@ -33,7 +33,9 @@ class HostCommandsTest : public testing::Test {
   }
   ~HostCommandsTest() override {
     replica_->stop();
-    loop_.reset();
+    const auto ran = std::make_shared<std::promise<void>>();
+    loop_->post([ran] { ran->set_value(); });
+    ran->get_future().wait();
     replica_.reset();
   }
 

@@ -217,7 +217,7 @@ TEST_F(ItemStoreDamageTest, RowsWithoutSenseAreLeftOutAndCounted) {
     auto record = item(rid);
     record.failure = SyncFailure{};
     record.base = Base{};
-    record.attributes["user.a"] = "b";
+    record.attributes = replica::AttributeMap{{"user.a", "b"}};
     store().save(record);
   }
   alter(

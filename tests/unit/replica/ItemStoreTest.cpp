@@ -43,7 +43,8 @@ ItemRecord fullRecord() {
   record.size = INT64_MAX;
   record.modified = INT64_MIN;
   record.mode = 0755;
-  record.attributes = {{"user.one", "value"}, {"user.empty", ""}, {"user.bytes", "\0\xFF\n"s}};
+  record.attributes =
+      replica::AttributeMap{{"user.one", "value"}, {"user.empty", ""}, {"user.bytes", "\0\xFF\n"s}};
   record.removed = true;
   record.localOnly = true;
   record.pinned = true;
@@ -109,7 +110,7 @@ TEST_F(ItemStoreTest, SavingAgainReplacesTheWholeRow) {
   record.failure.reset();
   record.sent.reset();
   record.mode.reset();
-  record.attributes.clear();
+  record.attributes.reset();
   record.name = "new";
   store().save(record);
   EXPECT_EQ(rows().size(), 1u);
@@ -288,7 +289,7 @@ TEST_F(ItemStoreTest, CompactingGivesSpaceBackAndKeepsTheRows) {
     ItemStore::Transaction transaction(store());
     for (Rid rid = 2; rid < 40'002; ++rid) {
       auto record = item(rid);
-      record.attributes["user.text"] = std::string(300, 'x');
+      record.attributes = replica::AttributeMap{{"user.text", std::string(300, 'x')}};
       store().save(record);
     }
     transaction.commit();
@@ -321,7 +322,7 @@ TEST_F(ItemStoreTest, AFullDiskIsReportedAndTakesNothingAway) {
     std::int64_t code = 0;
     while (code == 0 && saved < 100'000) {
       auto record = item(saved + 1);
-      record.attributes["user.text"] = std::string(1000, 'x');
+      record.attributes = replica::AttributeMap{{"user.text", std::string(1000, 'x')}};
       code = errorOf([&] { small.save(record); });
       if (code == 0) ++saved;
     }

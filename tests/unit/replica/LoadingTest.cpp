@@ -1,0 +1,336 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "replica/sqlite/Database.h"
+#include "support/ReplicaWorld.h"
+
+namespace kestrowan::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+std::string readFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const fs::path& path, std::string_view bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+class LoadingTest : public testing::Test {
+ protected:
+  fs::path directory() const { return world.directory(); }
+  std::vector<fs::path> contents() const { return filesIn(directory() / "contents"); }
+
+  /// The bytes of everything in the recovery area.
+  std::vector<std::string> recovered() const {
+    std::vector<std::string> bytes;
+    for (const auto& entry : fs::recursive_directory_iterator(directory() / "recovery")) {
+      if (entry.is_regular_file()) bytes.push_back(readFile(entry.path()));
+    }
+    return bytes;
+  }
+
+  /// Ends the replica, does `between` to its directory, and begins a new one without a provider.
+  template <typename Between>
+  void restart(Between between) {
+    world.crashUnconnected([&] { between(); });
+  }
+  /// As `restart`, when the machine was stopped meanwhile and nothing was said to the replica.
+  template <typename Between>
+  void stopMachine(Between between) {
+    restart([&] {
+      writeFile(directory() / "in-use", "another run of the machine");
+      between();
+    });
+  }
+  void loseDatabase() const {
+    for (const char* name : {"replica.db", "replica.db-wal", "replica.db-shm"}) {
+      fs::remove(directory() / name);
+    }
+  }
+
+  /// Runs statements on the closed database.
+  void changeRows(const char* statements) const {
+    replica::Database((directory() / "replica.db").string()).execute(statements);
+  }
+
+  ReplicaWorld world;
+
+ private:
+  static std::vector<fs::path> filesIn(const fs::path& folder) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(folder)) files.push_back(entry.path());
+    return files;
+  }
+};
+
+// ---- a lost database ---------------------------------------------------------------------------
+
+TEST_F(LoadingTest, LostDatabaseLosesNoContents) {
+  world.server().writeFile("/there", "from the server");
+  world.read("/there");
+  world.extension().setDown(true);
+  world.write("/new", "only here");
+  restart([this] { loseDatabase(); });
+  EXPECT_THAT(contents(), IsEmpty());
+  EXPECT_THAT(recovered(), UnorderedElementsAre("from the server", "only here"));
+  EXPECT_EQ(world.replica().status().recoveredFiles, 2);
+  EXPECT_EQ(world.replica().status().recoveredBytes, 24);
+}
+
+TEST_F(LoadingTest, ContentsOfALostDatabaseStayHoweverManyAndOldTheyAre) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.write("/new", "only here");
+  restart([this] { loseDatabase(); });
+  world.connect();
+  world.advance(std::chrono::hours(24 * 60));
+  EXPECT_THAT(recovered(), ElementsAre("only here"));
+}
+
+TEST_F(LoadingTest, NewDatabaseGivesNumbersThatNoContentsBear) {
+  world.list("/");
+  world.extension().setDown(true);
+  for (int i = 0; i < 5; ++i) world.write("/" + std::to_string(i), "first " + std::to_string(i));
+  restart([this] { loseDatabase(); });
+  world.connect();
+  for (int i = 0; i < 5; ++i) world.write("/" + std::to_string(i), "second " + std::to_string(i));
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/3"), "second 3");
+  EXPECT_EQ(recovered().size(), 5u);
+}
+
+TEST_F(LoadingTest, LostDatabaseLeavesTheServerAsItIs) {
+  world.server().writeFile("/a", "1");
+  world.server().makeFolder("/d");
+  world.tree();
+  world.write("/b", "2");
+  EXPECT_TRUE(world.settle());
+  const auto before = world.server().tree();
+  restart([this] { loseDatabase(); });
+  world.connect();
+  EXPECT_EQ(world.tree(), before);
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().tree(), before);
+}
+
+TEST_F(LoadingTest, OlderDatabaseLosesNoContentsAndGivesNoNumberTwice) {
+  world.list("/");
+  world.extension().setDown(true);
+  restart([] {});
+  const auto copy = directory().string() + ".copy";
+  fs::copy_file(directory() / "replica.db", copy);
+  world.connect();
+  world.extension().setDown(true);
+  world.write("/a", "only here");
+  // A backup of the database alone was put back, and the replica was not ended in order.
+  restart([&] {
+    loseDatabase();
+    fs::rename(copy, directory() / "replica.db");
+  });
+  world.connect();
+  for (int i = 0; i < 20; ++i) world.write("/" + std::to_string(i), "x");
+  EXPECT_TRUE(world.settle());
+  EXPECT_THAT(recovered(), ElementsAre("only here"));
+}
+
+// ---- a machine that stopped --------------------------------------------------------------------
+
+TEST_F(LoadingTest, FetchedContentsAreNotTrustedAfterThePowerFailed) {
+  world.server().writeFile("/a", "right");
+  EXPECT_EQ(world.read("/a"), "right");
+  stopMachine([this] {
+    ASSERT_EQ(contents().size(), 1u);
+    writeFile(contents()[0], "zeros");  // of the same length
+  });
+  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+  world.connect();
+  EXPECT_EQ(world.read("/a"), "right");
+  EXPECT_THAT(recovered(), IsEmpty());
+}
+
+TEST_F(LoadingTest, SentContentsAreNotTrustedAfterThePowerFailed) {
+  world.write("/a", "right");
+  EXPECT_TRUE(world.settle());
+  stopMachine([this] { writeFile(contents()[0], "wrong"); });
+  world.connect();
+  EXPECT_EQ(world.read("/a"), "right");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "right");
+}
+
+TEST_F(LoadingTest, ChangedContentsStayWhenThePowerFailed) {
+  world.server().writeFile("/a", "theirs");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.write("/a", "mine");
+  world.write("/b", "new");
+  stopMachine([] {});
+  EXPECT_EQ(world.read("/a"), "mine");
+  world.connect();
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "mine");
+  EXPECT_EQ(world.server().read("/b"), "new");
+}
+
+TEST_F(LoadingTest, LocalOnlyFilesStayWhenThePowerFailed) {
+  world.server().writeFile("/a", "x");
+  world.read("/a");
+  world.rename("/a", "/.a.swp");
+  EXPECT_TRUE(world.settle());
+  stopMachine([] {});
+  EXPECT_EQ(world.read("/.a.swp"), "x");
+}
+
+TEST_F(LoadingTest, SizeIsTheServersOnceContentsAreNotTrusted) {
+  world.server().writeFile("/a", "right");
+  world.read("/a");
+  stopMachine([] {});
+  EXPECT_EQ(world.replica().attributes(world.find("/a")).size, 5);
+}
+
+TEST_F(LoadingTest, ContentsAreTrustedAfterAnOrderlyEnd) {
+  world.server().writeFile("/a", "x");
+  world.read("/a");
+  restart([this] { EXPECT_FALSE(fs::exists(directory() / "in-use")); });
+  EXPECT_EQ(world.replica().status().cachedFiles, 1);
+}
+
+TEST_F(LoadingTest, ContentsAreTrustedWhenOnlyTheProcessDied) {
+  world.server().writeFile("/a", "x");
+  world.read("/a");
+  const std::string mark = readFile(directory() / "in-use");
+  EXPECT_FALSE(mark.empty());
+  restart([&] { writeFile(directory() / "in-use", mark); });
+  EXPECT_EQ(world.replica().status().cachedFiles, 1);
+}
+
+TEST_F(LoadingTest, EmptyMarkIsOneThatPowerFailedOn) {
+  world.server().writeFile("/a", "x");
+  world.read("/a");
+  restart([this] { writeFile(directory() / "in-use", ""); });
+  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+}
+
+TEST_F(LoadingTest, ContentsWithoutARowAreKeptWhenThePowerFailed) {
+  world.server().makeFolder("/takes a number");
+  world.list("/");
+  stopMachine([this] { writeFile(directory() / "contents" / "2", "its row was not synced"); });
+  EXPECT_THAT(contents(), IsEmpty());
+  EXPECT_THAT(recovered(), ElementsAre("its row was not synced"));
+}
+
+TEST_F(LoadingTest, ContentsWithoutARowGoWhenOnlyTheProcessDied) {
+  world.server().makeFolder("/takes a number");
+  world.list("/");
+  restart([this] { writeFile(directory() / "contents" / "2", "given up"); });
+  EXPECT_THAT(contents(), IsEmpty());
+  EXPECT_THAT(recovered(), IsEmpty());
+}
+
+// ---- rows and files that disagree --------------------------------------------------------------
+
+TEST_F(LoadingTest, FetchedContentsOfAnotherSizeAreFetchedAgain) {
+  world.server().writeFile("/a", "right");
+  world.read("/a");
+  restart([this] { writeFile(contents()[0], "rig"); });
+  world.connect();
+  EXPECT_EQ(world.read("/a"), "right");
+}
+
+TEST_F(LoadingTest, MissingContentsAreFetchedAgain) {
+  world.server().writeFile("/a", "right");
+  world.read("/a");
+  restart([this] { fs::remove(contents()[0]); });
+  world.connect();
+  EXPECT_EQ(world.read("/a"), "right");
+}
+
+TEST_F(LoadingTest, MissingChangedContentsGiveWayToTheServers) {
+  world.server().writeFile("/a", "theirs");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.write("/a", "mine and longer");
+  world.write("/b", "only here");
+  restart([this] {
+    for (const auto& file : contents()) fs::remove(file);
+  });
+  EXPECT_EQ(world.replica().attributes(world.find("/a")).size, 6);
+  world.connect();
+  EXPECT_EQ(world.read("/a"), "theirs");
+  EXPECT_THAT(world.list("/"), ElementsAre("a"));
+  EXPECT_TRUE(world.settle());
+  EXPECT_THAT(world.server().tree(), testing::SizeIs(1));
+}
+
+TEST_F(LoadingTest, ContentsOfRowsThatMakeNoSenseAreKept) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.write("/a", "in a");
+  world.write("/b", "in b");
+  restart([this] { changeRows("UPDATE items SET size=-1 WHERE name=x'61'"); });
+  EXPECT_THAT(recovered(), ElementsAre("in a"));
+  EXPECT_EQ(world.read("/b"), "in b");
+}
+
+TEST_F(LoadingTest, OfTwoRowsInOnePlaceNeitherLosesItsContents) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.write("/a", "in a");
+  world.write("/b", "in b");
+  restart([this] { changeRows("UPDATE items SET name=x'61' WHERE name=x'62'"); });
+  EXPECT_THAT(world.list("/"), ElementsAre("a"));
+  std::vector<std::string> kept = recovered();
+  kept.push_back(world.read("/a"));
+  EXPECT_THAT(kept, UnorderedElementsAre("in a", "in b"));
+}
+
+TEST_F(LoadingTest, ContentsOfAnItemWithoutAFolderAreKept) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.makeFolder("/d");
+  world.write("/d/a", "in a");
+  restart([this] { changeRows("DELETE FROM items WHERE name=x'64'"); });
+  EXPECT_THAT(world.list("/"), IsEmpty());
+  EXPECT_THAT(recovered(), ElementsAre("in a"));
+}
+
+TEST_F(LoadingTest, NumbersOfRowsAreNeverGivenAgain) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.write("/a", "in a");
+  restart([this] { changeRows("UPDATE numbers SET next=2"); });
+  world.connect();
+  world.write("/b", "in b");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "in a");
+  EXPECT_EQ(world.server().read("/b"), "in b");
+}
+
+TEST_F(LoadingTest, AbsurdNumberDoesNotKeepTheReplicaFromBeginning) {
+  world.list("/");
+  world.extension().setDown(true);
+  world.write("/a", "in a");
+  restart([this] { changeRows("UPDATE items SET rid=9223372036854775807 WHERE name=x'61'"); });
+  EXPECT_EQ(world.read("/a"), "in a");
+  restart([] {});
+  world.connect();
+  world.write("/b", "in b");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/b"), "in b");
+}
+
+}  // namespace
+}  // namespace kestrowan::test
