@@ -10,8 +10,10 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "host/Directories.h"
@@ -46,6 +48,17 @@ std::string holder(int file) {
   return number.find_first_not_of("0123456789") == std::string::npos ? number : "";
 }
 
+/// A host that was killed holds its lock until the system has taken it apart.
+bool tryLock(int file) {
+  constexpr std::chrono::milliseconds kPatience{2000};
+  constexpr std::chrono::milliseconds kPause{20};
+  for (auto waited = std::chrono::milliseconds(0);; waited += kPause) {
+    if (::flock(file, LOCK_EX | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK || waited >= kPatience) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
 }  // namespace
 
 StateDirectory::StateDirectory(std::string path)
@@ -77,7 +90,7 @@ void StateDirectory::lock() {
   if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid()) {
     throw hostError(EACCES, shown + ": is no regular file of this user");
   }
-  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+  if (!tryLock(file.get())) {
     if (errno != EWOULDBLOCK) throw systemError(errno, shown);
     const auto number = holder(file.get());
     throw hostError(EBUSY, escapedForDisplay(path_) + ": in use by another host" +

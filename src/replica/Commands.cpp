@@ -21,7 +21,7 @@ SyncState stateOf(const Item& item) {
 
 std::string changesOf(const Item& item) {
   if (item.mustCreate()) return "create";
-  if (item.mustRemove()) return "delete";
+  if (item.mustRemove() || item.mustSettle()) return "delete";
   std::string result;
   if (item.mustMove()) result = "rename";
   if (item.mustSendContents()) result += result.empty() ? "contents" : ", contents";
@@ -160,7 +160,7 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
   sender.withdraw(item);
   item->failure.reset();
   core.forgetSent(item);
-  if (item->mustCreate()) {
+  if (!item->base) {
     if (item->isFolder() && core.table.hasChildren(item->rid)) return;
     const Rid folder = item->parent;
     const std::string name = item->name;

@@ -161,9 +161,20 @@ void Core::setBase(const ItemPtr& item, std::optional<Base> base) {
 }
 
 bool Core::isBeingSentTo(Rid folderRid, std::string_view name) const {
-  return std::any_of(sending.begin(), sending.end(), [&](const ItemPtr& item) {
-    return item->sync->targetParent == folderRid && item->sync->targetName == name;
+  return std::any_of(sending.begin(), sending.end(),
+                     [&](const ItemPtr& item) {
+                       return item->sync->targetParent == folderRid &&
+                              item->sync->targetName == name;
+                     }) ||
+         unsettledAt(folderRid, name);
+}
+
+ItemPtr Core::unsettledAt(Rid folderRid, std::string_view name) const {
+  const auto found = std::find_if(unsettled.begin(), unsettled.end(), [&](const ItemPtr& item) {
+    return !item->gone && item->mustSettle() && item->sent->parent == folderRid &&
+           item->sent->name == name;
   });
+  return found == unsettled.end() ? nullptr : *found;
 }
 
 void Core::entryChanged(Rid folderRid, const std::string& name) {

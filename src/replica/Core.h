@@ -45,6 +45,8 @@ struct Core {
   bool stopped = false;
   /// Items with a request in flight.
   std::vector<ItemPtr> sending;
+  /// Items that must be settled, or had to be.
+  std::vector<ItemPtr> unsettled;
   std::vector<std::string> conflicts;
   std::int64_t refusedEntries = 0;
   std::mt19937_64 random;
@@ -88,8 +90,10 @@ struct Core {
   void setBase(const ItemPtr& item, std::optional<Base> base);
   /// The provider confirmed a change of ours just now.
   void confirm(const ItemPtr& item) { item->confirmed = ++sequence; }
-  /// Whether a request in flight puts an item there.
+  /// Whether a request in flight puts an item there, or one of which nobody knows what it did.
   bool isBeingSentTo(Rid folder, std::string_view name) const;
+  /// The item that must be settled and was sent there; null when there is none.
+  ItemPtr unsettledAt(Rid folder, std::string_view name) const;
   void entryChanged(Rid folder, const std::string& name);
   void itemChanged(Rid item, bool contents);
 

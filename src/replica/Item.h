@@ -97,9 +97,11 @@ struct Item : ItemRecord {
     return base && !removed && (base->parent != parent || base->name != name);
   }
   bool mustSendContents() const { return base && !removed && contentsChanged; }
+  /// Removed while nobody knows whether the provider has got it.
+  bool mustSettle() const { return !base && removed && sent; }
   bool isPending() const {
     return !gone && rid != kRootRid &&
-           (mustCreate() || mustRemove() || mustMove() || mustSendContents());
+           (mustCreate() || mustRemove() || mustMove() || mustSendContents() || mustSettle());
   }
 };
 

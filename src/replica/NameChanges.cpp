@@ -122,7 +122,7 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
 
 void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> completion) {
   require(*item, NSFileProviderItemCapability::allowsDeleting);
-  if (!item->base && !item->isSending()) {
+  if (!item->base && !item->isSending() && !item->sent) {
     sender.withdraw(item);
     core.dropItem(item);
     core.answer<Done>(std::move(completion), Done{});
@@ -312,11 +312,11 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
   }
   core.save(source);
   if (replaces) {
-    if (!target->base && !target->isSending()) {
+    if (!target->base && !target->isSending() && !target->sent) {
       sender.withdraw(target);
       core.dropItem(target);
     } else if (!target->isFolder() && !source->localOnly && target->base && !target->isSending() &&
-               !source->isSending()) {
+               !target->sent && !source->isSending()) {
       sender.takeOver(source, target);
     } else {
       sender.changed(target, milliseconds(0));

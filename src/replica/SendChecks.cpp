@@ -79,18 +79,49 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
     }
     if (const auto* entry = listed.value()->find(known.name)) found = entry->base;
   }
+  {
+    std::lock_guard lock(core_.mutex);
+    if (!item->base || item->gone) co_return false;
+    if (!found) {
+      // Removed there, changed here: what was changed lives on.
+      core_.setBase(item, std::nullopt);
+      co_return false;
+    }
+    if (sameContents(core_.options, *item->base, *found)) co_return true;
+  }
+  // What was sent before a power failure may have been forgotten by it.
+  Base atProvider = *found;
+  const auto same = co_await adoptIfSame(item, std::move(atProvider));
   std::lock_guard lock(core_.mutex);
-  if (!item->base || item->gone) co_return false;
-  if (!found) {
-    // Removed there, changed here: what was changed lives on.
-    core_.setBase(item, std::nullopt);
-    co_return false;
-  }
-  if (!sameContents(core_.options, *item->base, *found)) {
+  if (!same.succeeded()) {
+    fail(item, same.error());
+  } else if (!same.value() && !item->gone && item->mustSendContents()) {
     makeConflict(item, *found);
-    co_return false;
   }
-  co_return true;
+  co_return false;
+}
+
+Task<Outcome<bool>> Sender::adoptIfSame(ItemPtr item, Base atProvider) {
+  Frozen frozen;
+  try {
+    frozen = freeze(item);
+  } catch (const NSError& error) {
+    co_return error;
+  }
+  Base compared = atProvider;
+  const auto same = co_await holdsSameBytes(std::move(compared), frozen.number, 0);
+  bool adopted = same.succeeded() && same.value();
+  if (adopted) {
+    std::lock_guard lock(core_.mutex);
+    adopted = !item->gone && !item->removed;
+    if (adopted) {
+      core_.confirm(item);
+      core_.setBase(item, std::move(atProvider));
+      answerVerdict(item, std::nullopt);
+    }
+  }
+  thaw(item, frozen, adopted);
+  co_return same;
 }
 
 Task<bool> Sender::mayRemove(ItemPtr item) {
@@ -181,7 +212,8 @@ Task<void> Sender::settleCollision(ItemPtr item, Listing::Entry entry) {
   bool same = entry.kind == item->kind;
   std::optional<NSError> unknown;
   if (same && !item->isFolder()) {
-    const auto compared = co_await holdsSameBytes(entry.base, item->content, 0);
+    Base atProvider = entry.base;
+    const auto compared = co_await adoptIfSame(item, std::move(atProvider));
     same = compared.succeeded() && compared.value();
     if (!compared.succeeded()) unknown = compared.error();
   }
@@ -190,19 +222,19 @@ Task<void> Sender::settleCollision(ItemPtr item, Listing::Entry entry) {
     fail(item, *unknown);
     co_return;
   }
-  if (!item->mustCreate()) co_return;
-  if (const ItemPtr folder = core_.table.find(item->parent)) {
+  const ItemPtr folder = core_.table.find(entry.base.parent);
+  if (folder && (same || item->mustCreate())) {
     core_.folder(folder).shadowed.erase(entry.base.name);
-    if (!same) {
-      bounce(item);
-      lister_.insert(folder, entry);
-      co_return;
-    }
   }
-  core_.confirm(item);
-  if (!item->isFolder()) item->contentsChanged = false;
-  core_.setBase(item, entry.base);
-  answerVerdict(item, std::nullopt);
+  if (!folder || !item->mustCreate()) co_return;
+  if (!same) {
+    bounce(item);
+    lister_.insert(folder, entry);
+  } else if (item->isFolder()) {
+    core_.confirm(item);
+    core_.setBase(item, entry.base);
+    answerVerdict(item, std::nullopt);
+  }
 }
 
 /// After a request whose answer is not known: asks whether it took effect.

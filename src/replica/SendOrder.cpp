@@ -38,6 +38,7 @@ ItemPtr Sender::placeBlocker(const ItemPtr& item) const {
   if (!parent) return nullptr;
   if (parent->mustCreate()) return parent;
   if (item->mustCreate() || item->mustMove()) {
+    if (const ItemPtr before = core_.unsettledAt(item->parent, item->name)) return before;
     const ItemPtr holder = table.serverChild(item->parent, item->name);
     if (holder && holder != item && holder->isPending() && !isInCycle(item)) return holder;
   }
@@ -54,9 +55,14 @@ ItemPtr Sender::placeBlocker(const ItemPtr& item) const {
 /// What keeps an item from being removed at the provider.
 ItemPtr Sender::removalBlocker(const ItemPtr& item) const {
   const ItemTable& table = core_.table;
+  if (!item->base) return nullptr;
   // It goes with the folder that it lies in.
   if (const ItemPtr parent = table.find(item->base->parent); parent && parent->mustRemove()) {
     return parent;
+  }
+  for (const ItemPtr& each : core_.unsettled) {
+    const ItemPtr folder = each->mustSettle() ? table.find(each->sent->parent) : nullptr;
+    if (folder && item->isFolder() && table.isWithinAtProvider(*folder, item->rid)) return each;
   }
   std::vector<ItemPtr> below =
       item->isFolder() ? table.serverChildren(item->rid) : std::vector<ItemPtr>();

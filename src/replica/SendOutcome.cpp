@@ -269,7 +269,17 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
 void Sender::fail(const ItemPtr& item, const NSError& error) {
   if (core_.stopped || item->gone) return;
   health_.note(error);
-  switch (errorClass(error)) {
+  const ErrorClass kind = errorClass(error);
+  if (item->removed && !item->base) {
+    // Only whether it arrived is still of interest.
+    if (kind == ErrorClass::ambiguous || kind == ErrorClass::transient) {
+      backOffLater(item, error);
+    } else {
+      core_.forgetSent(item);
+    }
+    return;
+  }
+  switch (kind) {
     case ErrorClass::ambiguous:
     case ErrorClass::transient:
     case ErrorClass::listAgain:

@@ -78,6 +78,10 @@ void Sender::enqueue(const ItemPtr& item, std::int64_t due) {
   if (sync.order == 0) sync.order = ++lastOrder_;
   sync.place = Place::delayed;
   sync.due = due;
+  if (item->mustSettle()) {
+    std::erase(core_.unsettled, item);
+    core_.unsettled.push_back(item);
+  }
   delayed_.insert({due, item->rid});
   schedule();
 }
@@ -164,15 +168,20 @@ void Sender::takeOverIfPossible(const ItemPtr& item) {
   if (item->isFolder()) return;
   if (item->mustCreate()) {
     const ItemPtr before = core_.table.serverChild(item->parent, item->name);
-    if (before && before->mustRemove() && !before->isFolder() && !before->isSending()) {
+    if (before && before->mustRemove() && !before->isFolder() && !before->isSending() &&
+        !before->sent) {
       takeOver(item, before);
     }
-  } else if (item->mustRemove()) {
-    const ItemPtr after = core_.table.child(item->base->parent, item->base->name);
-    if (after && after->mustCreate() && !after->isFolder() && !after->isSending()) {
-      takeOver(after, item);
-    }
+  } else if (item->mustRemove() && !item->sent) {
+    if (const ItemPtr after = successor(item)) takeOver(after, item);
   }
+}
+
+/// The new file in the place of a removed one, if there is one that could be sent.
+ItemPtr Sender::successor(const ItemPtr& item) const {
+  const ItemPtr after = core_.table.child(item->base->parent, item->base->name);
+  return after && after->mustCreate() && !after->isFolder() && !after->isSending() ? after
+                                                                                   : nullptr;
 }
 
 void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
@@ -222,7 +231,11 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   if (sync.place == Place::sending) sync.place = Place::idle;
   sync.targetParent = 0;
   release(item);
-  if (!item->gone && item->removed && !item->base) core_.dropItem(item);
+  if (!item->gone && item->removed && !item->base && !item->sent) {
+    answerVerdict(item, std::nullopt);
+    core_.dropItem(item);
+  }
+  std::erase_if(core_.unsettled, [](const ItemPtr& each) { return !each->mustSettle(); });
   if (item->gone) {
     core_.releaseIfUnused(item);
   } else if (!item->isPending()) {
@@ -234,12 +247,16 @@ void Sender::finish(const ItemPtr& item, bool upload) {
 
 Task<void> Sender::run(ItemPtr item, bool upload) {
   bool known = true;
-  if (item->sent) known = co_await verify(item);
+  const bool unsure = item->sent.has_value();
+  if (unsure) known = co_await verify(item);
   if (known) {
     enum class Kind { nothing, creation, change, removal } kind = Kind::nothing;
     {
       std::lock_guard lock(core_.mutex);
       if (item->gone || core_.stopped || item->sync->place != Place::sending) {
+        kind = Kind::nothing;
+      } else if (unsure && item->mustRemove() && !item->isFolder() && successor(item)) {
+        // What is there now can be replaced rather than removed.
         kind = Kind::nothing;
       } else if (item->mustRemove()) {
         kind = Kind::removal;

@@ -66,6 +66,7 @@ class Sender {
   ItemPtr placeBlocker(const ItemPtr& item) const;
   ItemPtr removalBlocker(const ItemPtr& item) const;
   void takeOverIfPossible(const ItemPtr& item);
+  ItemPtr successor(const ItemPtr& item) const;
   bool isInCycle(const ItemPtr& item) const;
   void start(const ItemPtr& item, bool isUpload);
   void release(const ItemPtr& item);
@@ -88,6 +89,9 @@ class Sender {
   /// Finds out what became of a request without an answer. Whether that could be found out.
   Task<bool> verify(ItemPtr item);
   Task<void> settleCollision(ItemPtr item, Listing::Entry entry);
+  /// Whether the provider already has the very bytes of the item's contents, which then count as
+  /// sent.
+  Task<Outcome<bool>> adoptIfSame(ItemPtr item, Base atProvider);
 
   /// Contents that will not change while they are sent: their number, path and size.
   struct Frozen {

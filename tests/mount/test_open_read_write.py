@@ -275,6 +275,35 @@ def test_a_fetch_that_waits_can_be_interrupted(host, mount):
     host.do("clearFaults")
     host.do("release")
     assert (mount / "file").read_bytes() == b"x"
+    # What the reader would have opened is not kept open for it.
+    assert eventually(lambda: host.do("evict", path="/file")["evicted"] == 1)
+
+
+ALARMED = """
+import os, signal, sys
+signal.signal(signal.SIGALRM, lambda *ignored: None)
+for name in sorted(os.listdir(sys.argv[1])):
+    signal.setitimer(signal.ITIMER_REAL, 0.0005, 0.0005)
+    with open(f"{sys.argv[1]}/{name}", "rb") as file:
+        contents = file.read()
+    signal.setitimer(signal.ITIMER_REAL, 0)
+    assert contents == name.encode(), name
+print("read")
+"""
+
+
+def test_signals_at_any_moment_spoil_nothing(host, mount):
+    for number in range(150):
+        host.write(f"/{number}", str(number))
+    os.listdir(mount)
+    host.do("latency", milliseconds=2)
+    readers = [subprocess.Popen(["python3", "-c", ALARMED, str(mount)], stdout=subprocess.PIPE)
+               for _ in range(3)]
+    for reader in readers:
+        assert reader.communicate(timeout=100)[0] == b"read\n"
+    host.do("latency", milliseconds=0)
+    assert eventually(lambda: host.do("evict", path="/")["evicted"] >= 0)
+    assert len(os.listdir(mount)) == 150
 
 
 def test_many_fetches_that_hang_stop_nobody_else(host, mount):

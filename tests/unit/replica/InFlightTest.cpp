@@ -1,0 +1,295 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/NSError.h"
+#include "support/ReplicaWorld.h"
+
+namespace kestrowan::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+/// What applications do while requests are on their way, and what a power failure leaves of it.
+class InFlightTest : public testing::Test {
+ protected:
+  InFlightTest() { world.list("/"); }
+
+  /// Puts a file on the server, and lets time pass until the root's listing has it.
+  void writeThere(std::string_view path, std::string_view bytes) {
+    world.server().writeFile(path, bytes);
+    world.advance(seconds(31));
+    world.list("/");
+  }
+
+  /// The first call of a kind has its effect or not, and ends with `error` when it is released.
+  void hold(CallKind kind, NSError error, Fault::Effect effect = Fault::Effect::all) {
+    world.extension().setFaults([=, done = std::make_shared<bool>(false)](const Call& call) {
+      Fault fault;
+      if (call.kind == kind && !std::exchange(*done, true)) {
+        fault.hangs = true;
+        fault.effect = effect;
+        fault.error = error;
+      }
+      return fault;
+    });
+  }
+  void waitUntilSending(CallKind kind) {
+    ASSERT_TRUE(world.loop().runUntil([&] { return world.extension().count(kind) > 0; },
+                                      std::chrono::minutes(1)));
+    world.loop().runUntilIdle();
+  }
+  void settle() {
+    ASSERT_TRUE(world.settle());
+    world.advance(seconds(70));
+    ASSERT_TRUE(world.settle());
+    EXPECT_EQ(world.tree(), world.server().tree());
+    EXPECT_THAT(world.extension().violations(), IsEmpty());
+  }
+  void fsync(const std::shared_ptr<replica::OpenFile>& file) {
+    bool done = false;
+    world.replica().fsync(file, [&](const auto& outcome) { done = outcome.succeeded(); });
+    ASSERT_TRUE(done);
+  }
+
+  /// The replica's directory as a power failure now would leave it, if everything but the rows had
+  /// reached the disk; the rows are those of `rows`, which is the name of an earlier copy.
+  std::string copyNow(const std::string& name) const {
+    const std::string copy = world.directory() + "." + name;
+    fs::remove_all(copy);
+    fs::copy(world.directory(), copy, fs::copy_options::recursive);
+    return copy;
+  }
+  void failPower(const std::string& rows) {
+    const std::string now = copyNow("now");
+    world.crashUnconnected([&] {
+      for (const auto& entry : fs::directory_iterator(world.directory())) {
+        fs::remove_all(entry.path());
+      }
+      fs::copy(now, world.directory(), fs::copy_options::recursive);
+      for (const char* name : {"/replica.db", "/replica.db-wal"}) {
+        fs::remove(world.directory() + name);
+        fs::copy_file(rows + name, world.directory() + name);
+      }
+      std::ofstream(world.directory() + "/in-use") << "another run of the machine";
+    });
+    fs::remove_all(now);
+    fs::remove_all(rows);
+  }
+
+  ReplicaWorld world;
+};
+
+const NSError kLost(NSURLErrorDomain, NSURLErrorNetworkConnectionLost);
+
+// ---- removals ----------------------------------------------------------------------------------
+
+TEST_F(InFlightTest, FileRemovedWhileItIsSentDoesNotComeBackWithALostAnswer) {
+  hold(CallKind::createItem, kLost);
+  world.write("/a", "x");
+  waitUntilSending(CallKind::createItem);
+  world.remove("/a");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
+TEST_F(InFlightTest, FileRemovedWhileItIsSentDoesNotComeBackAfterTheProcessDied) {
+  hold(CallKind::createItem, kLost);
+  world.write("/a", "x");
+  waitUntilSending(CallKind::createItem);
+  world.remove("/a");
+  world.crash();
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
+TEST_F(InFlightTest, FileRemovedWhileItIsSentIsGivenUpWhenItNeverArrived) {
+  hold(CallKind::createItem, kLost, Fault::Effect::none);
+  world.write("/a", "x");
+  waitUntilSending(CallKind::createItem);
+  world.remove("/a");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+  EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
+}
+
+TEST_F(InFlightTest, FileRemovedWhileItIsSentIsGivenUpWhenItIsRefused) {
+  for (const NSError& refusal :
+       {posixError(EPERM), NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty),
+        NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost),
+        NSError(NSCocoaErrorDomain, NSFileWriteFileExistsError),
+        NSFileProviderError(NSFileProviderErrorCode::noSuchItem),
+        NSFileProviderError(NSFileProviderErrorCode::insufficientQuota)}) {
+    world.extension().clearCalls();
+    hold(CallKind::createItem, refusal, Fault::Effect::none);
+    world.write("/a", "x");
+    waitUntilSending(CallKind::createItem);
+    world.remove("/a");
+    world.extension().releaseHung();
+    settle();
+    EXPECT_THAT(world.server().tree(), IsEmpty());
+  }
+}
+
+TEST_F(InFlightTest, FolderRemovedWhileItIsMadeDoesNotComeBackWithALostAnswer) {
+  hold(CallKind::createItem, kLost);
+  world.makeFolder("/d");  // nobody waits longer than three seconds for the server's word
+  world.removeFolder("/d");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
+TEST_F(InFlightTest, DiscardingWhatWasRemovedWhileItIsSentIsHarmless) {
+  hold(CallKind::createItem, kLost);
+  world.write("/a", "x");
+  waitUntilSending(CallKind::createItem);
+  world.remove("/a");
+  world.extension().setDown(true);
+  world.extension().releaseHung();
+  world.advance(seconds(20));
+  world.replica().discard(replica::kRootRid);
+  world.extension().setDown(false);
+  settle();
+}
+
+// ---- writes ------------------------------------------------------------------------------------
+
+TEST_F(InFlightTest, WritesAfterTheSameFileWasFoundThereArrive) {
+  world.extension().setDown(true);
+  const auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "same");
+  fsync(file);
+  world.server().writeFile("/a", "same");
+  world.extension().setDown(false);
+  world.advance(seconds(40));
+  ReplicaWorld::writeTo(*file, "more", 4);
+  fsync(file);
+  settle();
+  EXPECT_EQ(world.server().read("/a"), "samemore");
+  EXPECT_THAT(world.server().tree(), SizeIs(1));
+}
+
+TEST_F(InFlightTest, WritesWhileTheSameFileIsComparedArrive) {
+  world.extension().setDown(true);
+  const auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "same");
+  fsync(file);
+  world.server().writeFile("/a", "same");
+  world.extension().setDown(false);
+  world.extension().setLatency(seconds(4));
+  ASSERT_TRUE(
+      world.loop().runUntil([&] { return world.extension().count(CallKind::fetchContents) > 0; },
+                            std::chrono::minutes(2)));
+  world.advance(milliseconds(3990));
+  ReplicaWorld::writeTo(*file, "more", 4);
+  world.advance(seconds(40));
+  world.extension().setLatency(seconds(0));
+  fsync(file);
+  settle();
+  EXPECT_THAT(world.server().tree(), testing::Contains(testing::Pair(
+                                         testing::_, testing::Optional(std::string("samemore")))));
+}
+
+// ---- power -------------------------------------------------------------------------------------
+
+TEST_F(InFlightTest, SyncedContentsOutliveTheirReplacementUntilThatIsDurable) {
+  world.extension().setDown(true);
+  const auto first = world.create("/a");
+  ReplicaWorld::writeTo(*first, "synced");
+  fsync(first);
+  const std::string rows = copyNow("rows");
+  world.write("/a.new", "newer");
+  world.rename("/a.new", "/a");
+  failPower(rows);
+  EXPECT_EQ(world.read("/a"), "synced");
+}
+
+TEST_F(InFlightTest, SyncedContentsOutliveALaterWriteWhileTheyAreSent) {
+  writeThere("/a", "old");
+  const auto file = world.open("/a", {.read = true, .write = true});
+  ReplicaWorld::writeTo(*file, "synced");
+  fsync(file);
+  const std::string rows = copyNow("rows");
+  hold(CallKind::modifyItem, kLost, Fault::Effect::none);
+  waitUntilSending(CallKind::modifyItem);
+  ReplicaWorld::writeTo(*file, "later!");
+  world.extension().setDown(true);
+  world.extension().releaseHung();
+  world.advance(seconds(2));
+  failPower(rows);
+  EXPECT_EQ(world.read("/a"), "synced");
+}
+
+TEST_F(InFlightTest, ReplacedContentsAreGoneAfterAWhile) {
+  world.extension().setDown(true);
+  world.write("/a", "first");
+  world.write("/a", "second");
+  world.advance(seconds(10));
+  std::vector<std::string> bytes;
+  for (const auto& entry : fs::directory_iterator(world.directory() + "/contents")) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    bytes.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  EXPECT_THAT(bytes, ElementsAre("second"));
+}
+
+TEST_F(InFlightTest, UploadWhoseRecordWasLostIsNoConflict) {
+  writeThere("/a", "old");
+  const auto file = world.open("/a", {.read = true, .write = true});
+  ReplicaWorld::writeTo(*file, "new");
+  fsync(file);
+  const std::string rows = copyNow("rows");
+  settle();
+  EXPECT_EQ(world.server().read("/a"), "new");
+  failPower(rows);
+  world.connect();
+  settle();
+  EXPECT_EQ(world.server().read("/a"), "new");
+  EXPECT_THAT(world.server().tree(), SizeIs(1));
+  EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+}
+
+TEST_F(InFlightTest, CreationWhoseRecordWasLostIsNotMadeTwice) {
+  const auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "new");
+  fsync(file);
+  const std::string rows = copyNow("rows");
+  settle();
+  failPower(rows);
+  world.connect();
+  settle();
+  EXPECT_THAT(world.server().tree(), SizeIs(1));
+}
+
+TEST_F(InFlightTest, RenameWhoseRecordWasLostIsNotMadeTwice) {
+  writeThere("/a", "x");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.rename("/a", "/b");
+  world.replica().fsyncFolder(replica::kRootRid);
+  const std::string rows = copyNow("rows");
+  world.extension().setDown(false);
+  settle();
+  failPower(rows);
+  world.connect();
+  settle();
+  EXPECT_THAT(world.server().tree(),
+              ElementsAre(testing::Pair("/b", testing::Optional(std::string("x")))));
+}
+
+}  // namespace
+}  // namespace kestrowan::test
