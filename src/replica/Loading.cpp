@@ -37,6 +37,8 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
       sender(core, health, lister, fetcher),
       replica_(replica),
       useMark_(directory) {
+  // The loop may run what is posted here at once.
+  std::lock_guard lock(core.mutex);
   load();
   sender.restore();
   fetcher.watchLimits();

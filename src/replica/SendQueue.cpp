@@ -114,6 +114,10 @@ void Sender::pump() {
   std::lock_guard lock(core_.mutex);
   if (core_.stopped) return;
   const std::int64_t now = core_.milliseconds();
+  if (timer_ && timer_->first <= now) {
+    core_.loop.cancel(timer_->second);
+    timer_.reset();
+  }
   while (!delayed_.empty() && delayed_.begin()->first <= now) {
     const auto item = core_.table.find(delayed_.begin()->second);
     delayed_.erase(delayed_.begin());
@@ -240,7 +244,12 @@ void Sender::finish(const ItemPtr& item, bool upload) {
     core_.releaseIfUnused(item);
   } else if (!item->isPending()) {
     sync.order = 0;
-  } else if (sync.place == Place::idle && !item->failure) {
+    if (item->failure) {
+      item->failure.reset();
+      core_.save(item);
+    }
+  } else if (sync.place == Place::idle &&
+             !(item->failure && item->failure->failureClass == FailureClass::refused)) {
     enqueue(item, core_.milliseconds());
   }
 }

@@ -19,6 +19,8 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Optional;
+using testing::Pair;
 using testing::SizeIs;
 
 /// What applications do while requests are on their way, and what a power failure leaves of it.
@@ -71,8 +73,9 @@ class InFlightTest : public testing::Test {
     fs::copy(world.directory(), copy, fs::copy_options::recursive);
     return copy;
   }
-  void failPower(const std::string& rows) {
+  void failPower(const std::string& rows, std::shared_ptr<replica::OpenFile> file = nullptr) {
     const std::string now = copyNow("now");
+    file.reset();
     world.crashUnconnected([&] {
       for (const auto& entry : fs::directory_iterator(world.directory())) {
         fs::remove_all(entry.path());
@@ -153,6 +156,64 @@ TEST_F(InFlightTest, FolderRemovedWhileItIsMadeDoesNotComeBackWithALostAnswer) {
   EXPECT_THAT(world.server().tree(), IsEmpty());
 }
 
+TEST_F(InFlightTest, FolderRemovedWithAFileThatWasBeingSentDoesNotComeBack) {
+  world.makeFolder("/d");
+  hold(CallKind::createItem, kLost);
+  world.write("/d/a", "x");
+  world.advance(seconds(2));
+  ASSERT_EQ(world.extension().count(CallKind::createItem), 2u);
+  world.remove("/d/a");
+  world.extension().releaseHung();
+  world.removeFolder("/d");
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
+TEST_F(InFlightTest, NewFileInThePlaceOfOneWithALostAnswerIsItsNewContents) {
+  hold(CallKind::createItem, kLost);
+  world.write("/a", "first");
+  waitUntilSending(CallKind::createItem);
+  world.remove("/a");
+  world.write("/a", "second");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
+}
+
+TEST_F(InFlightTest, SaveByRenamingOverANewFileWithALostAnswerIsItsNewContents) {
+  hold(CallKind::createItem, kLost);
+  world.write("/a", "first");
+  waitUntilSending(CallKind::createItem);
+  world.write("/a.new", "second");
+  world.rename("/a.new", "/a");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
+}
+
+TEST_F(InFlightTest, SaveByRenamingOverAFileWithALostAnswerIsNoConflict) {
+  for (const bool released : {false, true}) {
+    world.advance(seconds(40));
+    writeThere("/a", "old");
+    world.read("/a");
+    world.extension().clearCalls();
+    hold(CallKind::modifyItem, kLost);
+    world.write("/a", "first");
+    waitUntilSending(CallKind::modifyItem);
+    if (released) {
+      world.extension().releaseHung();
+      world.loop().runUntilIdle();
+    }
+    world.write("/a.new", "second");
+    world.rename("/a.new", "/a");
+    world.extension().releaseHung();
+    settle();
+    EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
+    EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+    EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
+  }
+}
+
 TEST_F(InFlightTest, DiscardingWhatWasRemovedWhileItIsSentIsHarmless) {
   hold(CallKind::createItem, kLost);
   world.write("/a", "x");
@@ -173,6 +234,7 @@ TEST_F(InFlightTest, WritesAfterTheSameFileWasFoundThereArrive) {
   const auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "same");
   fsync(file);
+  world.advance(seconds(10));
   world.server().writeFile("/a", "same");
   world.extension().setDown(false);
   world.advance(seconds(40));
@@ -188,6 +250,7 @@ TEST_F(InFlightTest, WritesWhileTheSameFileIsComparedArrive) {
   const auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "same");
   fsync(file);
+  world.advance(seconds(10));
   world.server().writeFile("/a", "same");
   world.extension().setDown(false);
   world.extension().setLatency(seconds(4));
@@ -200,27 +263,27 @@ TEST_F(InFlightTest, WritesWhileTheSameFileIsComparedArrive) {
   world.extension().setLatency(seconds(0));
   fsync(file);
   settle();
-  EXPECT_THAT(world.server().tree(), testing::Contains(testing::Pair(
-                                         testing::_, testing::Optional(std::string("samemore")))));
+  EXPECT_THAT(world.server().tree(),
+              testing::Contains(Pair(testing::_, Optional(std::string("samemore")))));
 }
 
 // ---- power -------------------------------------------------------------------------------------
 
 TEST_F(InFlightTest, SyncedContentsOutliveTheirReplacementUntilThatIsDurable) {
   world.extension().setDown(true);
-  const auto first = world.create("/a");
+  auto first = world.create("/a");
   ReplicaWorld::writeTo(*first, "synced");
   fsync(first);
   const std::string rows = copyNow("rows");
   world.write("/a.new", "newer");
   world.rename("/a.new", "/a");
-  failPower(rows);
+  failPower(rows, std::move(first));
   EXPECT_EQ(world.read("/a"), "synced");
 }
 
 TEST_F(InFlightTest, SyncedContentsOutliveALaterWriteWhileTheyAreSent) {
   writeThere("/a", "old");
-  const auto file = world.open("/a", {.read = true, .write = true});
+  auto file = world.open("/a", {.read = true, .write = true});
   ReplicaWorld::writeTo(*file, "synced");
   fsync(file);
   const std::string rows = copyNow("rows");
@@ -230,7 +293,7 @@ TEST_F(InFlightTest, SyncedContentsOutliveALaterWriteWhileTheyAreSent) {
   world.extension().setDown(true);
   world.extension().releaseHung();
   world.advance(seconds(2));
-  failPower(rows);
+  failPower(rows, std::move(file));
   EXPECT_EQ(world.read("/a"), "synced");
 }
 
@@ -249,13 +312,13 @@ TEST_F(InFlightTest, ReplacedContentsAreGoneAfterAWhile) {
 
 TEST_F(InFlightTest, UploadWhoseRecordWasLostIsNoConflict) {
   writeThere("/a", "old");
-  const auto file = world.open("/a", {.read = true, .write = true});
+  auto file = world.open("/a", {.read = true, .write = true});
   ReplicaWorld::writeTo(*file, "new");
   fsync(file);
   const std::string rows = copyNow("rows");
   settle();
   EXPECT_EQ(world.server().read("/a"), "new");
-  failPower(rows);
+  failPower(rows, std::move(file));
   world.connect();
   settle();
   EXPECT_EQ(world.server().read("/a"), "new");
@@ -264,12 +327,12 @@ TEST_F(InFlightTest, UploadWhoseRecordWasLostIsNoConflict) {
 }
 
 TEST_F(InFlightTest, CreationWhoseRecordWasLostIsNotMadeTwice) {
-  const auto file = world.create("/a");
+  auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "new");
   fsync(file);
   const std::string rows = copyNow("rows");
   settle();
-  failPower(rows);
+  failPower(rows, std::move(file));
   world.connect();
   settle();
   EXPECT_THAT(world.server().tree(), SizeIs(1));
@@ -287,8 +350,7 @@ TEST_F(InFlightTest, RenameWhoseRecordWasLostIsNotMadeTwice) {
   failPower(rows);
   world.connect();
   settle();
-  EXPECT_THAT(world.server().tree(),
-              ElementsAre(testing::Pair("/b", testing::Optional(std::string("x")))));
+  EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/b", Optional(std::string("x")))));
 }
 
 }  // namespace
