@@ -15,6 +15,9 @@ class Fetcher {
   /// The same for whoever holds the lock and does not wait; does nothing while that is not
   /// possible.
   void fetchLater(const ItemPtr& item);
+  /// The item is being opened to be read. Fetches ahead when it is one of several in its folder.
+  /// Without the lock.
+  void walked(const ItemPtr& item);
   /// How many fetches are in flight. Locked.
   std::int64_t inFlight() const { return inFlight_; }
 
@@ -35,6 +38,7 @@ class Fetcher {
   Task<std::optional<NSError>> attempt(ItemPtr item);
   std::optional<NSError> adopt(const ItemPtr& item, const Base& before, const FetchedFile& file,
                                bool last);
+  void lookAhead(const ItemPtr& folder, const Item& from) const;
   void finish(const ItemPtr& item, const std::optional<NSError>& error);
   std::int64_t cacheLimit() const;
   std::int64_t freeSpaceFloor() const;

@@ -57,6 +57,7 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
       }
     });
   };
+  if (!mode.truncate) fetcher.walked(item);
   // Whoever opens a file wants to see what others closed before.
   if (folder) {
     lister.prepare(folder, Lister::Need::fresh, std::move(open));
@@ -107,11 +108,6 @@ void Replica::Implementation::closed(const OpenFile& file) {
     if (item->writers == 0 && item->isPending() && !item->removed) {
       if (item->contentsChanged || item->mustCreate()) {
         sender.changed(item, core.options.sendDelay);
-      }
-      try {
-        core.save(item);
-      } catch (const NSError& error) {
-        core.log("cannot be noted on disk", *item, error.localizedDescription());
       }
     }
   }

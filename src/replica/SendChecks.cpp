@@ -299,8 +299,7 @@ Task<bool> Sender::verify(ItemPtr item) {
     core_.folder(target).shadowed.erase(sent.name);
     if (item->content == sent.content && !item->isFolder()) item->contentsChanged = false;
     core_.setBase(item, atTarget->base);
-  } else if (before && atTarget && atTarget->kind == item->kind && !item->removed &&
-             (moved || hasContents)) {
+  } else if (before && atTarget && atTarget->kind == item->kind && (moved || hasContents)) {
     core_.confirm(item);
     if (moved) {
       if (source) core_.folder(source).left[before->name] = core_.sequence;

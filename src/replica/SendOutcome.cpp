@@ -65,13 +65,14 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     base.size = 0;
   } else if (contentsSent && !base.versionKnown) {
     base.size = frozen.size;
-  } else if (!contentsSent && item->base && !base.versionKnown) {
+  } else if (!contentsSent && item->base &&
+             (!base.versionKnown || base.size != item->base->size ||
+              base.date != item->base->date)) {
+    // A move changes no contents. Somebody else did, and the next listing is to tell.
     base.size = item->base->size;
+    base.date = item->base->date;
     base.version = item->base->version;
     base.versionKnown = item->base->versionKnown;
-  } else if (!contentsSent && item->contentsChanged && item->base) {
-    // What our contents are based on has not changed by a move.
-    if (base.size != item->base->size) base.version = item->base->version;
   }
   const bool overwritten =
       contentsSent && base.versionKnown && base.size != frozen.size && !item->isFolder();

@@ -372,6 +372,9 @@ std::optional<std::string> outcome(const std::vector<Step>& steps, bool opaque, 
     return History(opaque, bothSides).run(steps);
   } catch (const std::exception& problem) {
     return std::string(problem.what());
+  } catch (const NSError& error) {
+    return "the end failed: " + error.domain() + " " + std::to_string(error.code()) + " " +
+           error.localizedDescription();
   }
 }
 

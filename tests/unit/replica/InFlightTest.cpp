@@ -147,6 +147,29 @@ TEST_F(InFlightTest, FileRemovedWhileItIsSentIsGivenUpWhenItIsRefused) {
   }
 }
 
+TEST_F(InFlightTest, SavedFileRemovedAfterALostAnswerStaysRemoved) {
+  writeThere("/a", "old");
+  hold(CallKind::modifyItem, kLost);
+  world.write("/a", "new");
+  waitUntilSending(CallKind::modifyItem);
+  world.extension().releaseHung();
+  world.loop().runUntilIdle();
+  world.remove("/a");
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
+TEST_F(InFlightTest, MovedFileRemovedAfterALostAnswerStaysRemoved) {
+  writeThere("/a", "x");
+  hold(CallKind::modifyItem, kLost);
+  world.rename("/a", "/b");
+  world.extension().releaseHung();
+  world.loop().runUntilIdle();
+  world.remove("/b");
+  settle();
+  EXPECT_THAT(world.server().tree(), IsEmpty());
+}
+
 TEST_F(InFlightTest, FolderRemovedWhileItIsMadeDoesNotComeBackWithALostAnswer) {
   hold(CallKind::createItem, kLost);
   world.makeFolder("/d");  // nobody waits longer than three seconds for the server's word
@@ -265,6 +288,36 @@ TEST_F(InFlightTest, WritesWhileTheSameFileIsComparedArrive) {
   settle();
   EXPECT_THAT(world.server().tree(),
               testing::Contains(Pair(testing::_, Optional(std::string("samemore")))));
+}
+
+TEST_F(InFlightTest, FileChangedThereAndMovedHereShowsWhatIsThere) {
+  writeThere("/a", "1");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.rename("/a", "/b");
+  world.advance(seconds(5));
+  world.server().writeFile("/a", "2");
+  world.extension().setDown(false);
+  settle();
+  EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/b", Optional(std::string("2")))));
+}
+
+TEST_F(InFlightTest, FileChangedThereAndMovedAndChangedHereKeepsBoth) {
+  writeThere("/a", "1");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.rename("/a", "/b");
+  world.advance(seconds(5));
+  world.server().writeFile("/a", "2");
+  hold(CallKind::modifyItem, kLost);
+  world.extension().setDown(false);
+  waitUntilSending(CallKind::modifyItem);
+  world.write("/b", "3");
+  world.extension().releaseHung();
+  settle();
+  std::vector<std::string> contents;
+  for (const auto& entry : world.server().tree()) contents.push_back(*entry.second);
+  EXPECT_THAT(contents, testing::UnorderedElementsAre("2", "3"));
 }
 
 // ---- power -------------------------------------------------------------------------------------
