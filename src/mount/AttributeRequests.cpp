@@ -56,7 +56,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int
     checkOwner(session.owner(), *wanted, which);
     auto change = attributeChange(*wanted, which);
     if (change.size && info != nullptr) {
-      truncate(*info, *change.size);
+      truncate(*session.files().at(info->fh)->file, *change.size);
       change.size.reset();
     }
     // What is left may be nothing, as when only the time of the last access is to be set.

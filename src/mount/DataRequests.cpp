@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <utility>
 
 #include "mount/Reply.h"
 #include "mount/Requests.h"
@@ -15,8 +17,8 @@ namespace {
 /// Who copies a lot does so in pieces, because nothing can end one of them early.
 constexpr std::size_t kLargestCopy = std::size_t{64} << 20;
 
-replica::OpenFile& openFile(const fuse_file_info& info) {
-  return *Handles<FileHandle>::at(info.fh).file;
+std::shared_ptr<replica::OpenFile> openFile(fuse_req_t request, const fuse_file_info& info) {
+  return Session::of(request).files().at(info.fh)->file;
 }
 
 /// `size` bytes of a file, from `offset` on.
@@ -44,7 +46,7 @@ void replyCount(fuse_req_t request, ssize_t count) {
 void read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
           fuse_file_info* info) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
-    openFile(*info).read([&](int file) {
+    openFile(request, *info)->read([&](int file) {
       auto buffer = fileBuffer(file, offset, size);
       fuse_reply_data(request, &buffer, static_cast<fuse_buf_copy_flags>(0));
     });
@@ -54,7 +56,7 @@ void read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
 void write(fuse_req_t request, fuse_ino_t, fuse_bufvec* data, off_t offset,
            fuse_file_info* info) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
-    const auto written = openFile(*info).write([&](int file) {
+    const auto written = openFile(request, *info)->write([&](int file) {
       auto buffer = fileBuffer(file, offset, fuse_buf_size(data));
       return fuse_buf_copy(&buffer, data, static_cast<fuse_buf_copy_flags>(0));
     });
@@ -65,8 +67,9 @@ void write(fuse_req_t request, fuse_ino_t, fuse_bufvec* data, off_t offset,
 void allocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length,
               fuse_file_info* info) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
-    const int result = openFile(*info).write(
-        [&](int file) { return ::fallocate(file, mode, offset, length) == 0 ? 0 : errno; });
+    const int result = openFile(request, *info)->write([&](int file) {
+      return ::fallocate(file, mode, offset, length) == 0 ? 0 : errno;
+    });
     fuse_reply_err(request, result == 0 ? 0 : errnoFor(result));
   });
 }
@@ -74,7 +77,7 @@ void allocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t leng
 void seek(fuse_req_t request, fuse_ino_t, off_t offset, int whence, fuse_file_info* info) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     // Moves the position of the shared descriptor too, which nobody uses.
-    const auto [position, error] = openFile(*info).read([&](int file) {
+    const auto [position, error] = openFile(request, *info)->read([&](int file) {
       const auto found = ::lseek(file, offset, whence);
       return std::pair(found, found < 0 ? errno : 0);
     });
@@ -91,10 +94,11 @@ void copyRange(fuse_req_t request, fuse_ino_t, off_t fromOffset, fuse_file_info*
                int flags) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     // A descriptor of its own, since two files must not be held at once.
-    const UniqueFd source(
-        openFile(*fromInfo).read([](int file) { return ::fcntl(file, F_DUPFD_CLOEXEC, 0); }));
+    const UniqueFd source(openFile(request, *fromInfo)->read([](int file) {
+      return ::fcntl(file, F_DUPFD_CLOEXEC, 0);
+    }));
     if (!source) throw posixError(errno);
-    const auto copied = openFile(*toInfo).write([&](int file) -> ssize_t {
+    const auto copied = openFile(request, *toInfo)->write([&](int file) -> ssize_t {
       const auto count =
           ::copy_file_range(source.get(), &fromOffset, file, &toOffset,
                             std::min(length, kLargestCopy), static_cast<unsigned>(flags));

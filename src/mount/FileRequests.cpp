@@ -140,7 +140,8 @@ void open(fuse_req_t request, fuse_ino_t item, fuse_file_info* info) noexcept {
 
 void flush(fuse_req_t request, fuse_ino_t, fuse_file_info* info) noexcept {
   serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().flush(Handles<FileHandle>::at(info->fh).file, reply->completion());
+    auto& session = reply->session();
+    session.replica().flush(session.files().at(info->fh)->file, reply->completion());
     reply->allowSignal(OnSignal::ends);
   });
 }
@@ -154,7 +155,8 @@ void release(fuse_req_t request, fuse_ino_t, fuse_file_info* info) noexcept {
 
 void sync(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) noexcept {
   serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().fsync(Handles<FileHandle>::at(info->fh).file, reply->completion());
+    auto& session = reply->session();
+    session.replica().fsync(session.files().at(info->fh)->file, reply->completion());
     reply->allowSignal(OnSignal::ends);
   });
 }

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cerrno>
 #include <memory>
 #include <optional>
 #include <string>
@@ -164,8 +163,7 @@ void refreshAndSend(const std::shared_ptr<Reply>& reply, std::shared_ptr<FolderH
 void readEntries(fuse_req_t request, std::size_t size, off_t offset, const fuse_file_info& info,
                  Detail detail) noexcept {
   serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    const auto handle = reply->session().folders().shared(info.fh);
-    if (!handle) return reply->fail(EBADF);
+    const auto handle = reply->session().folders().at(info.fh);
     const bool isRewound = offset == 0 && [&] {
       std::lock_guard lock(handle->mutex);
       return handle->wasRead;

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "platform/foundation/NSError.h"
 
 namespace kestrowan::mount {
 
@@ -23,16 +26,16 @@ class Handles {
     return number;
   }
 
-  /// The kernel uses a number only between `add` and `take`.
-  static T& at(std::uint64_t number) { return *reinterpret_cast<T*>(number); }
-
-  /// The same for who may go on with it after `take`; null when it has been taken.
-  std::shared_ptr<T> shared(std::uint64_t number) {
+  /// Throws EBADF of `NSPOSIXErrorDomain` for a number that has been taken, which the kernel does
+  /// not use any more.
+  std::shared_ptr<T> at(std::uint64_t number) {
     std::lock_guard lock(mutex_);
     const auto found = handles_.find(number);
-    return found == handles_.end() ? nullptr : found->second;
+    if (found == handles_.end()) throw posixError(EBADF);
+    return found->second;
   }
 
+  /// Null when it has been taken already.
   std::shared_ptr<T> take(std::uint64_t number) {
     std::lock_guard lock(mutex_);
     auto node = handles_.extract(number);
