@@ -12,9 +12,9 @@ namespace kestrowan::mount {
 namespace {
 
 /// Throws EPERM of `NSPOSIXErrorDomain` when an item is to be given to somebody else.
-void checkOwner(const Owner& owner, const struct stat& wanted, int which) {
-  const bool givesAway = ((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != owner.user) ||
-                         ((which & FUSE_SET_ATTR_GID) != 0 && wanted.st_gid != owner.group);
+void checkOwner(const Appearance& appearance, const struct stat& wanted, int which) {
+  const bool givesAway = ((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != appearance.user) ||
+                         ((which & FUSE_SET_ATTR_GID) != 0 && wanted.st_gid != appearance.group);
   if (givesAway) throw posixError(EPERM);
 }
 
@@ -33,9 +33,9 @@ replica::AttributeChange attributeChange(const struct stat& wanted, int which) {
 }
 
 /// Through the descriptor, which also reaches a file that has no name any more.
-void truncate(const fuse_file_info& info, std::int64_t size) {
-  const int error = Handles<FileHandle>::at(info.fh).file->write(
-      [size](int file) { return ::ftruncate(file, size) == 0 ? 0 : errno; });
+void truncate(const replica::OpenFile& open, std::int64_t size) {
+  const int error =
+      open.write([size](int file) { return ::ftruncate(file, size) == 0 ? 0 : errno; });
   if (error != 0) throw posixError(error);
 }
 
@@ -44,8 +44,8 @@ void truncate(const fuse_file_info& info, std::int64_t size) {
 void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     auto& session = Session::of(request);
-    const auto status = fileStatus(session.replica().attributes(item), session.owner());
-    fuse_reply_attr(request, &status, kAttributeSeconds);
+    const auto status = fileStatus(session.replica().attributes(item), session.appearance());
+    fuse_reply_attr(request, &status, session.appearance().cacheTime);
   });
 }
 
@@ -53,7 +53,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int
                    fuse_file_info* info) noexcept {
   serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
     auto& session = reply->session();
-    checkOwner(session.owner(), *wanted, which);
+    checkOwner(session.appearance(), *wanted, which);
     auto change = attributeChange(*wanted, which);
     if (change.size && info != nullptr) {
       truncate(*session.files().at(info->fh)->file, *change.size);

@@ -13,14 +13,14 @@ constexpr std::int64_t kSectorSize = 512;
 
 }  // namespace
 
-struct stat fileStatus(const replica::Attributes& attributes, const Owner& owner) {
+struct stat fileStatus(const replica::Attributes& attributes, const Appearance& appearance) {
   const bool isFolder = attributes.kind == replica::ItemKind::folder;
   struct stat status = {};
   status.st_ino = attributes.rid;
   status.st_mode = (isFolder ? S_IFDIR : S_IFREG) | attributes.mode;
   status.st_nlink = isFolder ? 2 : 1;
-  status.st_uid = owner.user;
-  status.st_gid = owner.group;
+  status.st_uid = appearance.user;
+  status.st_gid = appearance.group;
   status.st_size = attributes.size;
   status.st_blksize = kBlockSize;
   status.st_blocks = (attributes.size + kSectorSize - 1) / kSectorSize;
@@ -30,12 +30,12 @@ struct stat fileStatus(const replica::Attributes& attributes, const Owner& owner
   return status;
 }
 
-fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Owner& owner) {
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Appearance& appearance) {
   fuse_entry_param entry = {};
   entry.ino = attributes.rid;
-  entry.attr = fileStatus(attributes, owner);
-  entry.attr_timeout = kAttributeSeconds;
-  entry.entry_timeout = kEntrySeconds;
+  entry.attr = fileStatus(attributes, appearance);
+  entry.attr_timeout = appearance.cacheTime;
+  entry.entry_timeout = appearance.cacheTime;
   return entry;
 }
 

@@ -11,15 +11,11 @@
 
 namespace kestrowan::mount {
 
-/// How long the kernel takes names and attributes for good without asking.
-inline constexpr double kEntrySeconds = 1;
-inline constexpr double kAttributeSeconds = 1;
-
 /// What `stat` shows of an item.
-struct stat fileStatus(const replica::Attributes& attributes, const Owner& owner);
+struct stat fileStatus(const replica::Attributes& attributes, const Appearance& appearance);
 
 /// The same, as the answer to the look-up of a name.
-fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Owner& owner);
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Appearance& appearance);
 
 /// The bits of `mode` that an item keeps: those that would make a program run as somebody else are
 /// dropped.

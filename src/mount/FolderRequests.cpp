@@ -41,7 +41,7 @@ class EntryBuffer {
   /// Adds the entry; false when there is no room for it. `next` is where reading goes on after it.
   bool add(const std::string& name, const replica::Attributes& attributes, off_t next,
            bool isCurrent) {
-    auto entry = kernelEntry(attributes, session_.owner());
+    auto entry = kernelEntry(attributes, session_.appearance());
     // A number of 0 tells the kernel the name alone.
     if (!isCurrent) entry.ino = 0;
     char* const place = bytes_.get() + used_;

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "mount/Requests.h"
 #include "mount/Session.h"
 
@@ -8,22 +6,18 @@ namespace kestrowan::mount {
 namespace {
 
 /// No write-back cache, because contents change from elsewhere; no access lists; no handles that
-/// outlive the daemon.
+/// outlive the daemon. What is read goes to the kernel through pipes; what is written does not come
+/// through them, because every small request would then take longer.
 constexpr unsigned kWanted = FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_READDIRPLUS |
                              FUSE_CAP_READDIRPLUS_AUTO | FUSE_CAP_AUTO_INVAL_DATA |
                              FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_HANDLE_KILLPRIV |
-                             FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE;
-
-/// Bytes. With its header, one request still fits into the largest pipe that a user may have, so
-/// that what is written reaches its file without being copied on the way.
-constexpr unsigned kLargestWrite = (1U << 20) - 4096;
+                             FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_WRITE;
 
 }  // namespace
 
 void initialise(void* userData, fuse_conn_info* connection) noexcept {
   connection->want = kWanted & connection->capable;
   connection->time_gran = 1;
-  connection->max_write = std::min(connection->max_write, kLargestWrite);
   static_cast<Session*>(userData)->setReady();
 }
 

@@ -103,8 +103,9 @@ void Mount::Implementation::start() {
   checkKernelLimits();
   installFuseLog();
   prepareWakeUpSignal();
-  auto session = std::make_shared<Session>(replica_, Owner{options_.user, options_.group},
-                                           optionText(options_));
+  const Appearance appearance{options_.user, options_.group,
+                              std::chrono::duration<double>(options_.cacheTime).count()};
+  auto session = std::make_shared<Session>(replica_, appearance, optionText(options_));
   session_ = session;
   mount();
   session->invalidation().start();

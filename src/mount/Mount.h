@@ -23,6 +23,9 @@ struct MountOptions {
   bool noexec = false;
   /// At most so many requests are worked on at once; those that wait for the provider do not count.
   unsigned threads = 16;
+  /// How long the kernel answers with names and attributes that it knows. What the replica changes
+  /// it learns all the same.
+  std::chrono::milliseconds cacheTime{1000};
   /// Where the replica lies, which must not be covered by the mount. May be empty.
   std::string stateDirectory;
   /// Called once, from another thread, when the mount has ended, however that came. May be empty.

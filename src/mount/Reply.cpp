@@ -41,25 +41,24 @@ void Reply::allowSignal(OnSignal onSignal) {
   if (signalledBefore && (onSignal == OnSignal::ends || isDying(thread_))) fail(EINTR);
 }
 
-void Reply::interrupted(fuse_req_t, void* data) noexcept {
+void Reply::interrupted(fuse_req_t request, void* data) noexcept {
+  // Lives until the request is claimed: who else claims it waits until this returns.
   auto* const self = static_cast<Reply*>(data);
   // libfuse calls this with the request's own lock held, under which its answer would free it.
   if (registering == self) {
     self->signalledBefore_ = true;
     return;
   }
-  const auto reply = self->weak_from_this().lock();
-  // One that is being destroyed answers by itself, and waits there until this returns.
-  if (!reply) return;
-  if (reply->onSignal_ == OnSignal::endsTheDying && !isDying(reply->thread_)) return;
-  if (reply->answered_.exchange(true)) return;
-  auto& channel = reply->session_->channel();
-  channel.removeWaiting(*reply);
-  channel.deliver(reply->request_,
-                  [](fuse_req_t request) { return fuse_reply_err(request, EINTR); });
+  if (self->onSignal_ == OnSignal::endsTheDying && !isDying(self->thread_)) return;
+  const auto session = self->session_;
+  session->channel().removeWaiting(*self);
+  if (self->answered_.exchange(true)) return;
+  session->channel().deliver(
+      request, [](fuse_req_t interrupted) { return fuse_reply_err(interrupted, EINTR); });
 }
 
 bool Reply::claim() {
+  if (answered_) return false;
   bool registered = false;
   {
     std::lock_guard lock(registration_);
@@ -93,7 +92,7 @@ void Reply::succeed() {
 }
 
 void Reply::sendEntry(const replica::Attributes& attributes) {
-  const auto entry = kernelEntry(attributes, session_->owner());
+  const auto entry = kernelEntry(attributes, session_->appearance());
   // Before the answer: the kernel may forget the item before the answer's call has returned.
   session_->replica().remember(attributes.rid);
   const bool sent =
@@ -102,10 +101,9 @@ void Reply::sendEntry(const replica::Attributes& attributes) {
 }
 
 void Reply::sendAttributes(const replica::Attributes& attributes) {
-  const auto status = fileStatus(attributes, session_->owner());
-  send([&status](fuse_req_t request) {
-    return fuse_reply_attr(request, &status, kAttributeSeconds);
-  });
+  const auto& appearance = session_->appearance();
+  const auto status = fileStatus(attributes, appearance);
+  send([&](fuse_req_t request) { return fuse_reply_attr(request, &status, appearance.cacheTime); });
 }
 
 replica::Completion<replica::Done> Reply::completion() {

@@ -4,9 +4,9 @@
 
 namespace kestrowan::mount {
 
-Session::Session(replica::Replica& replica, Owner owner, const std::string& mountOptions)
+Session::Session(replica::Replica& replica, Appearance appearance, const std::string& mountOptions)
     : replica_(replica),
-      owner_(owner),
+      appearance_(appearance),
       channel_(mountOptions, operations(), this),
       invalidation_(channel_) {}
 

@@ -15,10 +15,13 @@
 
 namespace kestrowan::mount {
 
-/// The one to whom every item of a mount belongs.
-struct Owner {
+/// How items are shown.
+struct Appearance {
+  /// To whom every item belongs.
   uid_t user = 0;
   gid_t group = 0;
+  /// How many seconds the kernel takes names and attributes for good without asking.
+  double cacheTime = 1;
 };
 
 /// One open file of the kernel's.
@@ -54,7 +57,7 @@ class NameChanges {
 class Session : public std::enable_shared_from_this<Session>, public replica::Observer {
  public:
   /// Throws `NSError`. The replica must outlive the session.
-  Session(replica::Replica& replica, Owner owner, const std::string& mountOptions);
+  Session(replica::Replica& replica, Appearance appearance, const std::string& mountOptions);
 
   /// The session that `request` came in.
   static Session& of(fuse_req_t request) {
@@ -62,7 +65,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   }
 
   replica::Replica& replica() { return replica_; }
-  const Owner& owner() const { return owner_; }
+  const Appearance& appearance() const { return appearance_; }
   Channel& channel() { return channel_; }
   Invalidation& invalidation() { return invalidation_; }
   Handles<FileHandle>& files() { return files_; }
@@ -89,7 +92,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   void setState(State state);
 
   replica::Replica& replica_;
-  const Owner owner_;
+  const Appearance appearance_;
   std::atomic<State> state_ = State::starting;
   Handles<FileHandle> files_;
   Handles<FolderHandle> folders_;

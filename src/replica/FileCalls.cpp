@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "replica/ErrorClass.h"
 #include "replica/Implementation.h"
 
 namespace kestrowan::replica {
@@ -53,7 +54,7 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
       if (fetched.succeeded()) {
         finishOpen(item, mode, completion);
       } else {
-        completion(fetched.error());
+        explain(item, fetched.error(), completion);
       }
     });
   };
@@ -64,6 +65,34 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
   } else {
     open(Done{});
   }
+}
+
+/// Fails a call on an item whose error leaves open what is wrong only after a look at its folder.
+void Replica::Implementation::explain(const ItemPtr& item, const NSError& error,
+                                      const Completion<std::shared_ptr<OpenFile>>& completion) {
+  const ErrorClass kind = errorClass(error);
+  ItemPtr folder;
+  if (kind == ErrorClass::ambiguous || kind == ErrorClass::gone) {
+    std::lock_guard lock(core.mutex);
+    if (item->base) folder = core.table.find(item->base->parent);
+  }
+  if (!folder) {
+    completion(error);
+    return;
+  }
+  lister.prepare(folder, Lister::Need::forced,
+                 [this, item, error, completion](const Outcome<Done>& listed) {
+                   bool isGone = false;
+                   {
+                     std::lock_guard lock(core.mutex);
+                     isGone = item->gone || !item->base;
+                   }
+                   if (!listed.succeeded()) {
+                     completion(listed.error());
+                   } else {
+                     completion(isGone ? posixError(ESTALE) : error);
+                   }
+                 });
 }
 
 void Replica::Implementation::finishOpen(const ItemPtr& item, OpenMode mode,

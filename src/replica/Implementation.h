@@ -77,6 +77,8 @@ class Replica::Implementation {
   void settleOrphans(const std::unordered_set<ContentNumber>& orphans, bool isWhole);
   void itemChangedByListing(const ItemPtr& item);
 
+  void explain(const ItemPtr& item, const NSError& error,
+               const Completion<std::shared_ptr<OpenFile>>& completion);
   void finishOpen(const ItemPtr& item, OpenMode mode,
                   const Completion<std::shared_ptr<OpenFile>>& completion);
   std::shared_ptr<OpenFile> open(const ItemPtr& item, bool writable);

@@ -180,10 +180,15 @@ Task<void> Lister::run(ItemPtr folder) {
   }
   health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
   if (!outcome.succeeded()) {
-    if (errorClass(outcome.error()) == ErrorClass::ambiguous && folder->rid != kRootRid) {
+    if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
+      finish(folder, outcome.error());
+    } else if (folder->rid != kRootRid) {
       startOn(core_.loop, lookForFolder(folder, outcome.error()));
     } else {
-      finish(folder, outcome.error());
+      // There is nothing above that could tell more.
+      const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
+      health_.note(unreachable);
+      finish(folder, unreachable);
     }
     co_return;
   }

@@ -260,6 +260,8 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
   core_.setBase(theirs, atProvider);
   transaction.commit();
 
+  // When both the name and the contents were changed here, theirs still has to be moved.
+  changed(theirs, milliseconds(0));
   core_.conflicts.push_back(core_.table.path(*item));
   core_.log("changed on both sides; the copy from here is", *theirs, copy);
   core_.entryChanged(item->parent, name);
@@ -275,6 +277,8 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
     // Only whether it arrived is still of interest.
     if (kind == ErrorClass::ambiguous || kind == ErrorClass::transient) {
       backOffLater(item, error);
+    } else if (kind == ErrorClass::down || kind == ErrorClass::held) {
+      enqueue(item, core_.milliseconds() + kDownInterval.count());
     } else {
       core_.forgetSent(item);
     }
@@ -287,13 +291,10 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       backOffLater(item, error);
       break;
     case ErrorClass::down:
-      // It has not even reached the server.
-      core_.forgetSent(item);
-      core_.save(item);
+      // The last of several requests may be the one that has not reached the server.
       enqueue(item, core_.milliseconds() + kDownInterval.count());
       break;
     case ErrorClass::held:
-      core_.forgetSent(item);
       postpone(item, error, FailureClass::held, kDownInterval);
       break;
     case ErrorClass::collision: {
@@ -331,7 +332,6 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       }
       break;
     case ErrorClass::quota:
-      core_.forgetSent(item);
       core_.sync(item).unreported = error;
       postpone(item, error, FailureClass::slow, kSlowInterval);
       break;

@@ -128,6 +128,8 @@ class Mounted:
         self.watchdog.cancel()
         if self.process.poll() is None:
             self.kill()
+        # For whoever reads why a test failed.
+        print("\n".join(["what the host said:", *self.lines]))
         self.notify.close()
         self.process.stdout.close()
         self.process.stderr.close()

@@ -54,6 +54,7 @@ HostOptions::HostOptions(const JSONValue& json) : state(text(json, "state")) {
   mount.user = ::getuid();
   mount.group = ::getgid();
   set(json, "noexec", mount.noexec);
+  set(json, "cacheTime", mount.cacheTime);
 
   set(json, "opaqueIdentifiers", provider.opaqueIdentifiers);
   if (provider.opaqueIdentifiers) replica.identifierPrefix = "node:";

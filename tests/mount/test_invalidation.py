@@ -105,6 +105,37 @@ def test_a_size_that_a_fetch_finds_out_is_known_to_the_reader(host, mount):
     assert eventually(lambda: (mount / "file").read_bytes() == b"y" * 100_000)
 
 
+def test_the_kernel_drops_what_changed_however_long_it_would_keep_it(make_host, place):
+    host = make_host(cacheTime=3_600_000, **RESTLESS).mount().connect()
+    mount = place / "mount"
+    host.write("/changed", "old")
+    host.write("/removed", "x")
+    assert (mount / "changed").read_text() == "old"
+    assert os.stat(mount / "removed").st_size == 1
+    host.write("/changed", "new contents")
+    host.remove("/removed")
+    # Looking at the folder is what finds the changes out.
+    assert eventually(lambda: os.listdir(mount) == ["changed"])
+    assert eventually(lambda: os.stat(mount / "changed").st_size == 12)
+    assert (mount / "changed").read_text() == "new contents"
+    assert eventually(lambda: outcome(os.stat, mount / "removed") == "ENOENT")
+
+
+def test_a_replaced_file_is_seen_however_long_the_kernel_would_keep_it(make_host, place):
+    host = make_host(cacheTime=3_600_000).mount().connect()
+    mount = place / "mount"
+    host.write("/target", "old")
+    assert os.stat(mount / "target").st_size == 3
+    (mount / "source").write_text("new contents")
+    os.rename(mount / "source", mount / "target")
+    assert (mount / "target").read_text() == "new contents"
+    host.wait()
+    with open(mount / "target", "a", encoding="ascii") as file:
+        file.write(" and more")
+    assert (mount / "target").read_text() == "new contents and more"
+    assert os.stat(mount / "target").st_size == 21
+
+
 def test_a_file_becomes_a_folder(host, mount):
     host.write("/name", "x")
     assert (mount / "name").read_text() == "x"

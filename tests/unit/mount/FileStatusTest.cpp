@@ -18,7 +18,8 @@ replica::Attributes attributes(replica::ItemKind kind, std::uint16_t mode, std::
 }
 
 TEST(FileStatusTest, AFileShowsItsSizeAndItsOwner) {
-  const auto status = fileStatus(attributes(replica::ItemKind::file, 0644, 513), Owner{1000, 1001});
+  const auto status =
+      fileStatus(attributes(replica::ItemKind::file, 0644, 513), Appearance{1000, 1001});
   EXPECT_EQ(status.st_ino, 42U);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
   EXPECT_EQ(status.st_nlink, 1U);
@@ -32,13 +33,13 @@ TEST(FileStatusTest, AFileShowsItsSizeAndItsOwner) {
 }
 
 TEST(FileStatusTest, AFolderIsAFolder) {
-  const auto status = fileStatus(attributes(replica::ItemKind::folder, 0555, 0), Owner{});
+  const auto status = fileStatus(attributes(replica::ItemKind::folder, 0555, 0), Appearance{});
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0555));
   EXPECT_EQ(status.st_nlink, 2U);
 }
 
 TEST(FileStatusTest, AnEntryIsTheItemForAsLongAsItLives) {
-  const auto entry = kernelEntry(attributes(replica::ItemKind::file, 0644, 1), Owner{});
+  const auto entry = kernelEntry(attributes(replica::ItemKind::file, 0644, 1), Appearance{});
   EXPECT_EQ(entry.ino, 42U);
   EXPECT_EQ(entry.generation, 0U);
   EXPECT_EQ(entry.attr.st_ino, 42U);

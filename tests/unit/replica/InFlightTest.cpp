@@ -290,6 +290,23 @@ TEST_F(InFlightTest, WritesWhileTheSameFileIsComparedArrive) {
               testing::Contains(Pair(testing::_, Optional(std::string("samemore")))));
 }
 
+TEST_F(InFlightTest, SaveAfterOneWhoseAnswerTheServerDidNotLiveToGiveIsNoConflict) {
+  writeThere("/a", "old");
+  world.read("/a");
+  for (const NSError& error : {NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost),
+                               NSFileProviderError(NSFileProviderErrorCode::notAuthenticated)}) {
+    world.extension().clearCalls();
+    hold(CallKind::modifyItem, error);
+    world.write("/a", "first");
+    waitUntilSending(CallKind::modifyItem);
+    world.write("/a", "second");
+    world.extension().releaseHung();
+    settle();
+    EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
+    world.connect();
+  }
+}
+
 TEST_F(InFlightTest, FileChangedThereAndMovedHereShowsWhatIsThere) {
   writeThere("/a", "1");
   world.read("/a");
@@ -309,11 +326,8 @@ TEST_F(InFlightTest, FileChangedThereAndMovedAndChangedHereKeepsBoth) {
   world.rename("/a", "/b");
   world.advance(seconds(5));
   world.server().writeFile("/a", "2");
-  hold(CallKind::modifyItem, kLost);
-  world.extension().setDown(false);
-  waitUntilSending(CallKind::modifyItem);
   world.write("/b", "3");
-  world.extension().releaseHung();
+  world.extension().setDown(false);
   settle();
   std::vector<std::string> contents;
   for (const auto& entry : world.server().tree()) contents.push_back(*entry.second);
