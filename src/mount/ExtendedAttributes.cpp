@@ -62,9 +62,10 @@ void setExtended(fuse_req_t request, fuse_ino_t item, const char* name, const ch
 }
 
 void getExtended(fuse_req_t request, fuse_ino_t item, const char* name, size_t size) noexcept {
-  // Asked for of every file that is listed or written, so this answer must cost nothing.
+  // Asked for of every file that is listed or written, so this answer must cost nothing. Who hears
+  // that there are no labels at all does not ask for the next file's.
   if (std::string_view(name).starts_with("security.")) {
-    fuse_reply_err(request, ENODATA);
+    fuse_reply_err(request, std::string_view(name) == "security.selinux" ? ENOTSUP : ENODATA);
     return;
   }
   serveAtOnce(request, Addressing::byNumber, [&] {

@@ -259,7 +259,10 @@ void Lister::listLater(const ItemPtr& folder, milliseconds delay) {
 }
 
 void Lister::look(const ItemPtr& folder) {
-  if (!core_.folder(folder).listing && health_.isUp() && !folder->gone && folder->base) {
+  if (!health_.isUp() || folder->gone || !folder->base) return;
+  if (core_.folder(folder).listing) {
+    core_.folder(folder).listAgain = true;
+  } else {
     begin(folder);
   }
 }

@@ -102,6 +102,8 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     core_.table.place(item, parent, base.name);
     core_.entryChanged(parent, item->name);
   }
+  // What a listing says soon is of our contents; later it may be of somebody else's.
+  if (!base.versionKnown) lister_.look(folder);
   core_.setBase(item, std::move(base));
   answerVerdict(item, std::nullopt);
   if (overwritten && item->content == frozen.number) {

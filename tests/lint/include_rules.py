@@ -36,7 +36,7 @@ THIRD_PARTY = (
 )
 SYSTEM = re.compile(
     r"(sys|linux|netinet|arpa|net|bits)/|[a-z_]+$"
-    r"|(dirent|dlfcn|errno|fcntl|ftw|getopt|grp|langinfo|limits|locale|mntent|poll|pthread|pwd|sched"
+    r"|(dirent|dlfcn|errno|fcntl|ftw|getopt|grp|langinfo|limits|locale|malloc|mntent|poll|pthread|pwd|sched"
     r"|semaphore|signal|spawn|stdint|stdio|stdlib|strings?|termios|time|unistd|utime|wchar)\.h$")
 # The shell of the app extension is written for another platform, whose own headers it needs.
 FOREIGN_LAYERS = {"macos"}
