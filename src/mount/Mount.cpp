@@ -1,11 +1,14 @@
 #include "mount/Mount.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "mount/Fuse.h"
 #include "mount/FuseLog.h"
@@ -182,7 +185,9 @@ void Mount::Implementation::unmount(Unmounting how) {
     isUnmounting_ = false;
   }
   if (complaint.find("busy") == std::string::npos) throw mountError(EIO, complaint);
-  throw mountError(EBUSY, point_.path() + " is in use by " + describe(holdersOf(point_.path())) +
+  auto holders = holdersOf(point_.path());
+  std::erase_if(holders, [](const Holder& holder) { return holder.process == ::getpid(); });
+  throw mountError(EBUSY, point_.path() + " is in use by " + describe(holders) +
                               "; close what is open there and try again");
 }
 

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <string>
 
 #include "mount/FileStatus.h"
 #include "mount/Names.h"
@@ -69,17 +68,12 @@ void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
             const char* newName, unsigned flags) noexcept {
   serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
     if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return reply->fail(EINVAL);
-    const std::string target(checkedName(newName));
     reply->session().replica().rename(
-        folder, checkedName(name), newFolder, target, (flags & RENAME_NOREPLACE) == 0,
-        [reply, folder, newFolder, target,
+        folder, checkedName(name), newFolder, checkedName(newName), (flags & RENAME_NOREPLACE) == 0,
+        [reply, folder, newFolder,
          answer = reply->completion()](replica::Outcome<replica::Done> outcome) {
-          auto& session = reply->session();
-          session.nameChanges().count(folder);
-          session.nameChanges().count(newFolder);
-          // The kernel takes the new name for the item that was moved, while a file that had the
-          // name before has kept its number and taken the contents.
-          if (outcome.succeeded()) session.invalidation().entryChanged(newFolder, target);
+          reply->session().nameChanges().count(folder);
+          reply->session().nameChanges().count(newFolder);
           answer(std::move(outcome));
         });
     reply->allowSignal(OnSignal::endsTheDying);

@@ -171,8 +171,7 @@ bool Core::isBeingSentTo(Rid folderRid, std::string_view name) const {
 
 ItemPtr Core::unsettledAt(Rid folderRid, std::string_view name) const {
   const auto found = std::find_if(unsettled.begin(), unsettled.end(), [&](const ItemPtr& item) {
-    return !item->gone && item->mustSettle() && item->sent->parent == folderRid &&
-           item->sent->name == name;
+    return !item->gone && item->sent && item->sent->parent == folderRid && item->sent->name == name;
   });
   return found == unsettled.end() ? nullptr : *found;
 }

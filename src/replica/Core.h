@@ -45,7 +45,7 @@ struct Core {
   bool stopped = false;
   /// Items with a request in flight.
   std::vector<ItemPtr> sending;
-  /// Items that must be settled, or had to be.
+  /// Items of which a request may have reached the provider, or had.
   std::vector<ItemPtr> unsettled;
   std::vector<std::string> conflicts;
   std::int64_t refusedEntries = 0;
@@ -92,7 +92,7 @@ struct Core {
   void confirm(const ItemPtr& item) { item->confirmed = ++sequence; }
   /// Whether a request in flight puts an item there, or one of which nobody knows what it did.
   bool isBeingSentTo(Rid folder, std::string_view name) const;
-  /// The item that must be settled and was sent there; null when there is none.
+  /// The item that a request may have put there; null when there is none.
   ItemPtr unsettledAt(Rid folder, std::string_view name) const;
   void entryChanged(Rid folder, const std::string& name);
   void itemChanged(Rid item, bool contents);

@@ -143,10 +143,12 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     }
     base.size = *bytes;
     const bool sizeChanged = item->size != *bytes;
+    const bool dated = item->modified != modifiedOf(*item->base);
     item->content = number;
     item->contentsChanged = false;
     item->size = *bytes;
-    item->modified = modifiedOf(base);
+    // A time that an application set stays.
+    if (!dated) item->modified = modifiedOf(base);
     setModified(core_.contents.path(number), item->modified);
     core_.setBase(item, std::move(base));
     if (sizeChanged) core_.itemChanged(item->rid, false);

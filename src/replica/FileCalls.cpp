@@ -155,15 +155,16 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
       number = core.store.nextNumber();
     }
     copy = core.contents.clone(contents.file.get(), number);
-    if (contents.promised) {
-      // The copy takes the place of what a power failure must not take.
-      if (::fdatasync(copy.get()) != 0) {
-        const int error = errno;
-        core.contents.remove(number);
-        throw posixError(error);
-      }
-      core.contents.syncNames();
+  }
+  // A copy takes the place of what a power failure must not take; and contents that could be
+  // fetched again, and were never synced, become ones that replace the provider's.
+  if (copy ? contents.promised || !contents.noted : !contents.noted) {
+    if (::fdatasync(copy ? copy.get() : contents.file.get()) != 0) {
+      const int error = errno;
+      if (copy) core.contents.remove(number);
+      throw posixError(error);
     }
+    core.contents.syncNames();
   }
   std::lock_guard lock(core.mutex);
   if (item->gone) {
@@ -258,6 +259,10 @@ void Replica::Implementation::flush(const std::shared_ptr<OpenFile>& file,
       sender.awaitVerdict(item, kContentsWait, std::move(completion));
       return;
     }
+    if (file->isWritable() && item->isPending() && !item->removed && !item->gone &&
+        !item->failure) {
+      sender.changed(item, core.options.sendDelay);
+    }
   }
   if (unreported) {
     completion(*unreported);
@@ -275,8 +280,13 @@ void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
   });
   if (result != 0) throw posixError(result);
   core.contents.syncNames();
-  core.store.sync();
   const ItemPtr& item = file->item();
+  {
+    // Contents that are shorter than their row says are taken for damaged.
+    std::lock_guard lock(core.mutex);
+    if (!item->gone && item->contentsChanged) core.save(item);
+  }
+  core.store.sync();
   {
     std::lock_guard lock(core.mutex);
     if (item->isPending() && !item->removed) {

@@ -59,7 +59,8 @@ struct SyncRuntime {
   Place place = Place::idle;
   /// Key in the queue; keeps the order in which changes were made.
   std::uint64_t order = 0;
-  /// Milliseconds since 1970-01-01 UTC.
+  /// Milliseconds since 1970-01-01 UTC: when it was queued, and when it may be sent.
+  std::int64_t queuedAt = 0;
   std::int64_t due = 0;
   /// Where the request in flight puts the item, and whether it concerns everything below it.
   Rid targetParent = 0;

@@ -146,8 +146,8 @@ class Replica {
   /// The item at `path`, known here or not yet.
   void find(std::string_view path, Completion<Rid> completion);
   Status status() const;
-  /// Completes when both sides agree, with EIO when only refused changes are left, or with ETIMEDOUT
-  /// after `limit`.
+  /// Completes when both sides agree, with EIO when only refused changes are left, or with
+  /// ETIMEDOUT after `limit`.
   void waitUntilSynced(std::chrono::milliseconds limit, Completion<Done> completion);
   /// Gives back the space of contents that can be fetched again, of everything below a folder.
   EvictionResult evict(Rid item);

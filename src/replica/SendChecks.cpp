@@ -20,6 +20,8 @@ namespace {
 constexpr std::int64_t kComparedSize = std::int64_t{16} << 20;
 /// How much a server's clock and its whole seconds may differ from ours.
 constexpr std::int64_t kDateTolerance = 2;
+/// A request whose sender died may still take effect for so many seconds.
+constexpr std::int64_t kLandingTime = 10;
 
 bool sameContents(const Options& options, const Base& known, const Base& atProvider) {
   if (known.size != atProvider.size) return false;
@@ -286,6 +288,11 @@ Task<bool> Sender::verify(ItemPtr item) {
   }
   std::lock_guard lock(core_.mutex);
   if (item->gone || core_.stopped) co_return false;
+  const std::int64_t age = core_.seconds() - sent.at;
+  if (item->mustSettle() && !atTarget && age >= 0 && age < kLandingTime) {
+    fail(item, NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost));
+    co_return false;
+  }
   core_.forgetSent(item);
   const bool removal = item->removed && before && !moved && sent.content == 0;
   if (removal && !atTarget) {

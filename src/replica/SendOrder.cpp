@@ -24,6 +24,8 @@ ItemPtr Sender::blocker(const ItemPtr& item) const {
         (other->base && other->base->parent == item->parent && other->base->name == item->name);
     if (samePlace) return other;
   }
+  // What became of a request comes before the next one.
+  if (item->sent) return nullptr;
   if (item->after != 0) {
     const ItemPtr first = table.find(item->after);
     if (first && !first->gone && (first->mustSendContents() || first->mustCreate())) return first;
@@ -61,7 +63,7 @@ ItemPtr Sender::removalBlocker(const ItemPtr& item) const {
     return parent;
   }
   for (const ItemPtr& each : core_.unsettled) {
-    const ItemPtr folder = each->mustSettle() ? table.find(each->sent->parent) : nullptr;
+    const ItemPtr folder = each->sent && !each->gone ? table.find(each->sent->parent) : nullptr;
     if (folder && item->isFolder() && table.isWithinAtProvider(*folder, item->rid)) return each;
   }
   std::vector<ItemPtr> below =

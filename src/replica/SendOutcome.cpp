@@ -63,6 +63,8 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   const bool contentsSent = frozen.number != 0;
   if (item->isFolder()) {
     base.size = 0;
+    // A new one has nothing in it.
+    if (!item->base) item->listedAt = core_.milliseconds();
   } else if (contentsSent && !base.versionKnown) {
     base.size = frozen.size;
   } else if (!contentsSent && item->base &&
@@ -334,7 +336,8 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       }
       break;
     case ErrorClass::quota:
-      core_.sync(item).unreported = error;
+      if (core_.sync(item).verdictWaiters.empty()) item->sync->unreported = error;
+      answerVerdict(item, error);
       postpone(item, error, FailureClass::slow, kSlowInterval);
       break;
     case ErrorClass::excluded:

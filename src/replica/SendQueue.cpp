@@ -75,13 +75,12 @@ void Sender::unqueue(const ItemPtr& item) {
 void Sender::enqueue(const ItemPtr& item, std::int64_t due) {
   unqueue(item);
   SyncRuntime& sync = core_.sync(item);
-  if (sync.order == 0) sync.order = ++lastOrder_;
+  if (sync.order == 0) {
+    sync.order = ++lastOrder_;
+    sync.queuedAt = core_.milliseconds();
+  }
   sync.place = Place::delayed;
   sync.due = due;
-  if (item->mustSettle()) {
-    std::erase(core_.unsettled, item);
-    core_.unsettled.push_back(item);
-  }
   delayed_.insert({due, item->rid});
   schedule();
 }
@@ -239,7 +238,7 @@ void Sender::finish(const ItemPtr& item, bool upload) {
     answerVerdict(item, std::nullopt);
     core_.dropItem(item);
   }
-  std::erase_if(core_.unsettled, [](const ItemPtr& each) { return !each->mustSettle(); });
+  std::erase_if(core_.unsettled, [](const ItemPtr& each) { return each->gone || !each->sent; });
   if (item->gone) {
     core_.releaseIfUnused(item);
   } else if (!item->isPending()) {
@@ -258,14 +257,12 @@ Task<void> Sender::run(ItemPtr item, bool upload) {
   bool known = true;
   const bool unsure = item->sent.has_value();
   if (unsure) known = co_await verify(item);
-  if (known) {
+  // What is still to be done then may have to wait for others.
+  if (known && !unsure) {
     enum class Kind { nothing, creation, change, removal } kind = Kind::nothing;
     {
       std::lock_guard lock(core_.mutex);
       if (item->gone || core_.stopped || item->sync->place != Place::sending) {
-        kind = Kind::nothing;
-      } else if (unsure && item->mustRemove() && !item->isFolder() && successor(item)) {
-        // What is there now can be replaced rather than removed.
         kind = Kind::nothing;
       } else if (item->mustRemove()) {
         kind = Kind::removal;
@@ -310,6 +307,7 @@ void Sender::retry(const ItemPtr& item) {
 
 void Sender::restore() {
   core_.table.forEach([this](const ItemPtr& item) {
+    if (item->sent) core_.unsettled.push_back(item);
     if (!item->isPending()) return;
     if (item->failure && item->failure->failureClass == FailureClass::refused) return;
     enqueue(item, item->failure ? item->failure->next * 1000 : core_.milliseconds());
@@ -363,11 +361,20 @@ void Sender::checkWaiters() {
                     !readyContents_.empty() || !blocked_.empty();
   if (busy && !core_.stopped) return;
   bool refused = false;
-  core_.table.forEach([&](const ItemPtr& item) { refused = refused || item->isPending(); });
+  bool waiting = false;
+  core_.table.forEach([&](const ItemPtr& item) {
+    if (!item->isPending()) return;
+    const bool isRefused = item->failure && item->failure->failureClass == FailureClass::refused;
+    refused = refused || isRefused;
+    // What somebody still has open is queued when it is closed.
+    waiting = waiting || !isRefused;
+  });
+  if (waiting && !core_.stopped) return;
+  const bool disagree = refused || waiting;
   for (auto& waiter : std::exchange(syncWaiters_, {})) {
-    core_.loop.post([waiter, refused] {
+    core_.loop.post([waiter, disagree] {
       if (std::exchange(waiter->answered, true)) return;
-      if (refused) {
+      if (disagree) {
         waiter->completion(posixError(EIO));
       } else {
         waiter->completion(Done{});

@@ -81,6 +81,8 @@ void Sender::thaw(const ItemPtr& item, const Frozen& frozen, bool sent) {
 void Sender::noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent,
                       const std::string& name) {
   item->sent = SentRecord{frozen.number, frozen.size, core_.seconds(), parent, name};
+  std::erase(core_.unsettled, item);
+  core_.unsettled.push_back(item);
   core_.save(item);
 }
 
@@ -91,7 +93,9 @@ Task<void> Sender::sendCreation(ItemPtr item) {
     std::lock_guard lock(core_.mutex);
     parent = core_.table.find(item->parent);
     if (!parent || !parent->base) co_return;
-    mustList = !lister_.isFresh(*parent, core_.options.freshTime.count());
+    // A file replaces one of its name silently, so its folder is looked at once more.
+    mustList = !lister_.isFresh(*parent, core_.options.freshTime.count()) ||
+               (!item->isFolder() && parent->listedAt <= item->sync->queuedAt);
   }
   if (mustList) {
     const auto listed = co_await lister_.listed(parent);

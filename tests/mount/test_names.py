@@ -189,9 +189,13 @@ def test_a_folder_is_renamed_with_all_that_is_in_it(host, mount):
 def test_renaming_over_a_file_replaces_its_contents(host, mount):
     host.write("/source", "new contents")
     host.write("/target", "old")
+    inode = os.stat(mount / "source").st_ino
     with open(mount / "target", "rb") as old:
         os.rename(mount / "source", mount / "target")
         assert old.read() == b"old"
+    # The kernel believes so without asking.
+    assert os.stat(mount / "target").st_ino == inode
+    assert [entry.inode() for entry in os.scandir(mount)] == [inode]
     assert (mount / "target").read_text() == "new contents"
     assert sorted(os.listdir(mount)) == ["target"]
     host.wait()

@@ -71,6 +71,8 @@ VERSIONS = {"1.1": ssl.TLSVersion.TLSv1_1, "1.2": ssl.TLSVersion.TLSv1_2,
 class ScriptedServer:
     """The server. What it has seen is in `events`; its members may be used from any thread."""
 
+    connectionClass = Connection
+
     def __init__(self, script=None, onEvent=None):
         self.script = script or {}
         self.onEvent = onEvent
@@ -108,7 +110,7 @@ class ScriptedServer:
                 return
             tcp.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             number += 1
-            connection = Connection(self, number, tcp)
+            connection = self.connectionClass(self, number, tcp)
             with self.changed:
                 self.connections[number] = connection
             self.record({"event": "connected", "connection": number})

@@ -250,6 +250,18 @@ TEST_F(InFlightTest, DiscardingWhatWasRemovedWhileItIsSentIsHarmless) {
   settle();
 }
 
+TEST_F(InFlightTest, FolderMadeHereIsKnownWithoutAServer) {
+  world.makeFolder("/d");
+  settle();
+  world.makeFolder("/d/e");
+  world.extension().setDown(true);
+  world.advance(seconds(60));
+  world.write("/d/e/a", "x");
+  EXPECT_THAT(world.list("/d/e"), ElementsAre("a"));
+  world.extension().setDown(false);
+  settle();
+}
+
 // ---- writes ------------------------------------------------------------------------------------
 
 TEST_F(InFlightTest, WritesAfterTheSameFileWasFoundThereArrive) {
