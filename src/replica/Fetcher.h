@@ -38,7 +38,6 @@ class Fetcher {
   Task<std::optional<NSError>> attempt(ItemPtr item);
   std::optional<NSError> adopt(const ItemPtr& item, const Base& before, const FetchedFile& file,
                                bool last);
-  void lookAhead(const ItemPtr& folder, const Item& from) const;
   void finish(const ItemPtr& item, const std::optional<NSError>& error);
   std::int64_t cacheLimit() const;
   std::int64_t freeSpaceFloor() const;

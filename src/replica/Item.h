@@ -12,17 +12,9 @@
 #include "replica/Contents.h"
 #include "replica/Listing.h"
 #include "replica/Records.h"
+#include "replica/Walk.h"
 
 namespace kestrowan::replica {
-
-/// A program that opens one file of a folder after another.
-struct Walk {
-  /// Milliseconds since 1970-01-01 UTC: the last file that was opened.
-  std::int64_t at = 0;
-  unsigned opened = 0;
-  /// The files that it has not come to yet, the next one last.
-  std::vector<Rid> ahead;
-};
 
 /// What is known of a folder beyond its record, while the process lives.
 struct FolderRuntime {
@@ -41,7 +33,9 @@ struct FolderRuntime {
 
   /// The provider's entries that cannot be shown, because something else has their name here.
   std::unordered_map<std::string, Listing::Entry> shadowed;
-  std::unique_ptr<Walk> walk;
+  /// Over the files in it, and over the folders.
+  Walk fileWalk;
+  Walk folderWalk;
   /// Names that the provider no longer has by a change of ours, and when that was confirmed.
   std::unordered_map<std::string, Sequence> left;
   /// Materialised files that the last listing lacked, awaiting another that agrees.

@@ -70,6 +70,7 @@ void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completi
   const bool usable = isFresh(*folder, core_.options.usableTime.count());
   const bool known = isKnown(*folder);
   const bool canAsk = health_.isUp() && !core_.stopped;
+  if (canAsk && folder->rid != kRootRid) walked(folder);
 
   if (!folder->base || (fresh && need != Need::forced)) {
     lock.unlock();
@@ -292,9 +293,10 @@ void Lister::watch(const ItemPtr& folder) {
     later.watched = false;
     if (core_.stopped || folder->gone || !folder->base) return;
     if (later.open == 0 && core_.milliseconds() - later.lastUse > kUseTime) return;
-    if (health_.isUp() && !later.listing && !isFresh(*folder, core_.options.freshTime.count())) {
-      begin(folder);
-    }
+    const std::int64_t age = core_.milliseconds() - folder->listedAt;
+    const std::int64_t pause =
+        std::max(core_.options.freshTime.count(), later.lastDuration * kDurationFactor);
+    if (health_.isUp() && !later.listing && age > pause) begin(folder);
     watch(folder);
   });
 }

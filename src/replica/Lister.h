@@ -56,6 +56,7 @@ class Lister {
   void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
   void listLater(const ItemPtr& folder, std::chrono::milliseconds delay);
   void watch(const ItemPtr& folder);
+  void walked(const ItemPtr& folder);
   Task<void> lookForFolder(ItemPtr folder, NSError error);
 
   // What applying consists of.

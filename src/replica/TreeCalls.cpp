@@ -65,7 +65,12 @@ void Replica::Implementation::openFolder(
                      std::lock_guard lock(core.mutex);
                      lister.setOpen(folder, true);
                      snapshot->parent = folder->rid == kRootRid ? kRootRid : folder->parent;
-                     const auto children = core.table.children(folder->rid);
+                     auto children = core.table.children(folder->rid);
+                     // Programs go through a folder in this order, and so does what is done ahead.
+                     std::sort(children.begin(), children.end(),
+                               [](const ItemPtr& left, const ItemPtr& right) {
+                                 return left->name < right->name;
+                               });
                      snapshot->entries.reserve(children.size());
                      for (const ItemPtr& child : children) {
                        snapshot->entries.push_back({child->name, core.attributes(*child)});

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <utility>
@@ -103,7 +102,6 @@ std::vector<std::string> ReplicaWorld::list(std::string_view path) {
   replica_->closeFolder(folder);
   std::vector<std::string> names;
   for (const auto& entry : snapshot->entries) names.push_back(entry.name);
-  std::sort(names.begin(), names.end());
   return names;
 }
 
