@@ -96,6 +96,7 @@ class Replica::Implementation {
   ItemPtr applyMove(const Move& move, Completion<Done>& completion);
   void checkMove(const ItemPtr& source, const ItemPtr& target, const ItemPtr& newFolder,
                  const Move& move) const;
+  void syncSource(const Move& move);
   void keepHereOnly(const ItemPtr& item);
   std::vector<ItemPtr> subtree(const ItemPtr& item) const;
   void discardOne(const ItemPtr& item);

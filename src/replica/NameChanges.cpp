@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cerrno>
 #include <utility>
 
@@ -210,6 +212,7 @@ void Replica::Implementation::rename(Move move, Completion<Done> completion) {
     folder = core.requireFolder(move.folder);
     newFolder = core.requireFolder(move.newFolder);
   }
+  syncSource(move);
   auto apply = [this, move, completion]() mutable {
     ItemPtr wanted;
     try {
@@ -257,6 +260,23 @@ void Replica::Implementation::rename(Move move, Completion<Done> completion) {
                  [this, newFolder, lookAtTarget](const Outcome<Done>&) mutable {
                    lister.prepare(newFolder, Lister::Need::fresh, std::move(lookAtTarget));
                  });
+}
+
+/// After a power failure a name must not show less than the file that it showed before; and what
+/// could be fetched again is the only copy once it has a name that is not sent.
+void Replica::Implementation::syncSource(const Move& move) {
+  UniqueFd file;
+  {
+    std::lock_guard lock(core.mutex);
+    const ItemPtr source = core.table.similarChild(move.folder, move.name);
+    if (!source || source->isFolder() || source->content == 0) return;
+    const ItemPtr target = core.table.similarChild(move.newFolder, move.newName);
+    const bool replaces = target && target != source;
+    if (!replaces && !staysHere(move.newName, source->kind)) return;
+    file = core.contents.open(source->content);
+  }
+  if (::fdatasync(file.get()) != 0) throw posixError(errno);
+  core.contents.syncNames();
 }
 
 void Replica::Implementation::checkMove(const ItemPtr& source, const ItemPtr& target,
