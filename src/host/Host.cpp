@@ -103,7 +103,7 @@ class Host::Implementation {
   bool leaveForRequest(UnmountRequest request);
   void leaveForSignal();
   void drain(Clock::time_point deadline);
-  void unmountWhenFree();
+  bool unmountWhenFree();
   std::int64_t finish(Clock::time_point deadline);
   void leaveLazily();
   bool isHurried() const { return events_.signals() > 1 || hurry_ || events_.forceIsWanted(); }
@@ -309,11 +309,13 @@ bool Host::Implementation::leaveForRequest(UnmountRequest request) {
 
 void Host::Implementation::leaveForSignal() {
   stopping_ = true;
+  replica_->refuseNewWork();
   say("ending; a second signal unmounts at once");
   const auto deadline = Clock::now() + settings_.drain;
   drain(deadline);
-  unmountWhenFree();
-  finish(deadline);
+  const bool wasFree = unmountWhenFree();
+  // What its users wrote last is as new as the first change of all.
+  finish(wasFree ? deadline : Clock::now() + settings_.drain);
 }
 
 /// Waits until everything is sent, while that can be hoped for.
@@ -335,8 +337,9 @@ void Host::Implementation::drain(Clock::time_point deadline) {
   }
 }
 
-/// Ends the mount: in order once nobody uses it, lazily when that is asked for.
-void Host::Implementation::unmountWhenFree() {
+/// Ends the mount: in order once nobody uses it, lazily when that is asked for. Whether nobody used
+/// it.
+bool Host::Implementation::unmountWhenFree() {
   std::string said;
   while (!events_.mountEnded()) {
     try {
@@ -345,14 +348,15 @@ void Host::Implementation::unmountWhenFree() {
       } else {
         mount_->unmount(Mount::Unmounting::whenFree);
       }
-      return;
+      break;
     } catch (const NSError& error) {
       if (error.localizedDescription() != said) hostLog(error.localizedDescription());
       said = error.localizedDescription();
-      if (isHurried()) return;
+      if (isHurried()) break;
     }
     events_.wait(kStep);
   }
+  return said.empty();
 }
 
 void Host::Implementation::leaveLazily() {

@@ -43,6 +43,10 @@ ItemPtr Core::requireFolder(Rid rid) const {
   return item;
 }
 
+void Core::requireNewWork() const {
+  if (refusesNewWork) throw posixError(EROFS);
+}
+
 bool Core::mayWrite(const Item& item) const {
   return !item.base || (item.base->capabilities & NSFileProviderItemCapability::allowsWriting) != 0;
 }

@@ -42,6 +42,7 @@ struct Core {
   ItemTable table;
   Observer* observer = nullptr;
   Sequence sequence = 0;
+  bool refusesNewWork = false;
   bool stopped = false;
   /// Items with a request in flight.
   std::vector<ItemPtr> sending;
@@ -65,6 +66,8 @@ struct Core {
   ItemPtr requireFolder(Rid rid) const;
   Attributes attributes(const Item& item) const;
   bool mayWrite(const Item& item) const;
+  /// Throws EROFS when nothing new may be begun.
+  void requireNewWork() const;
   /// A new item, not yet in the table.
   ItemPtr makeItem(Rid parent, std::string name, ItemKind kind);
   FolderRuntime& folder(const ItemPtr& item);

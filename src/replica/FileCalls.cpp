@@ -41,6 +41,7 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
     item = core.require(rid);
     if (item->gone) throw posixError(ESTALE);
     if (item->isFolder()) throw posixError(EISDIR);
+    if (mode.write) core.requireNewWork();
     if (mode.write && !core.mayWrite(*item)) throw posixError(EACCES);
     if (item->base && !item->removed) folder = core.table.find(item->base->parent);
   }

@@ -49,6 +49,7 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
   Lister::Need need = Lister::Need::fresh;
   {
     std::lock_guard lock(core.mutex);
+    core.requireNewWork();
     folder = core.requireFolder(folderRid);
     checkNewName(folder, name, ItemKind::file);
     if (staysHere(name, ItemKind::file)) need = Lister::Need::usable;
@@ -90,6 +91,7 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
   ItemPtr folder;
   {
     std::lock_guard lock(core.mutex);
+    core.requireNewWork();
     folder = core.requireFolder(folderRid);
     checkNewName(folder, name, ItemKind::folder);
   }
@@ -174,7 +176,8 @@ void Replica::Implementation::removeFolder(Rid folderRid, std::string name,
     checkChangeable(folder);
   }
   auto remove = [this, completion](const ItemPtr& item) {
-    lister.prepare(item, Lister::Need::fresh, [this, item, completion](const Outcome<Done>& known) {
+    // The kernel lets nobody at the folder until this is answered.
+    lister.prepare(item, Lister::Need::soon, [this, item, completion](const Outcome<Done>& known) {
       try {
         if (!known.succeeded()) throw known.error();
         std::lock_guard lock(core.mutex);
@@ -247,7 +250,7 @@ void Replica::Implementation::rename(Move move, Completion<Done> completion) {
       apply();
       return;
     }
-    lister.prepare(target, Lister::Need::fresh,
+    lister.prepare(target, Lister::Need::soon,
                    [apply, completion](const Outcome<Done>& known) mutable {
                      if (known.succeeded()) {
                        apply();

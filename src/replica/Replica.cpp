@@ -38,6 +38,11 @@ void Replica::setObserver(Observer* observer) {
   implementation_->core.observer = observer;
 }
 
+void Replica::refuseNewWork() {
+  std::lock_guard lock(implementation_->core.mutex);
+  implementation_->core.refusesNewWork = true;
+}
+
 void Replica::stop() {
   implementation_->stop();
 }

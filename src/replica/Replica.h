@@ -89,6 +89,8 @@ class Replica {
   void setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
   /// May be null. Must outlive the replica, or be replaced.
   void setObserver(Observer* observer);
+  /// From now on nothing can be opened to be written, or made: EROFS. What was begun can be ended.
+  void refuseNewWork();
   /// No more calls to the provider are begun, and whoever waits is answered.
   void stop();
 

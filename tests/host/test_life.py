@@ -1,5 +1,6 @@
 """How a mount begins and ends: readiness, signals, drains, unmounting, crashes."""
 
+import errno
 import json
 import os
 import resource
@@ -331,6 +332,25 @@ def test_after_one_signal_a_mount_in_use_waits_until_it_is_free(place, user):
     process.wait()
     assert mounted.wait() == DONE
     assert not is_mounted(place.point)
+
+
+def test_after_a_signal_nothing_new_is_begun_and_what_was_begun_is_ended(place, folder):
+    mounted = place.mount("--drain", "5").ready()
+    mine = place.point / "Home" / folder.name
+    with open(mine / "begun.tmp", "wb", buffering=0) as begun:
+        begun.write(b"begun ")
+        mounted.send(signal.SIGTERM)
+        mounted.wait_said("in use by")
+        for begin in (lambda: open(mine / "new", "xb"), (mine / "new").mkdir,
+                      lambda: open(mine / "begun.tmp", "r+b")):
+            with pytest.raises(OSError) as raised:
+                begin()
+            assert raised.value.errno == errno.EROFS
+        begun.write(b"and ended")
+        os.rename(mine / "begun.tmp", mine / "begun")
+    assert mounted.wait() == DONE
+    assert [(path.name, path.read_bytes()) for path in folder.iterdir()] == [
+        ("begun", b"begun and ended")]
 
 
 def test_a_second_signal_unmounts_at_once(place, user):
