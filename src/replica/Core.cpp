@@ -132,13 +132,12 @@ void Core::dropItem(const ItemPtr& item) {
   forgetSent(item);
   table.detach(item);
   store.remove(item->rid);
-  // Contents that are being sent go when that has ended.
-  if (!item->isSending()) dropContents(item, false);
   releaseIfUnused(item);
 }
 
 void Core::releaseIfUnused(const ItemPtr& item) {
   if (!item->gone || item->handles > 0 || item->isSending()) return;
+  if (item->lookups > 0 && item->isLeftOver()) return;
   dropContents(item, false);
   if (item->lookups == 0) table.erase(item);
 }

@@ -56,6 +56,10 @@ void Fetcher::makeRoom(std::int64_t needed) {
     return;
   }
   const ContentStore::Usage usage = cached();
+  if (needed > 0 && free + usage.bytes - needed < freeSpaceFloor()) {
+    // Giving up everything would not be enough.
+    throw posixError(ENOSPC);
+  }
   cachedAtMost_ = usage.bytes + needed;
   std::int64_t excess =
       std::max(usage.bytes + needed - cacheLimit(), needed + freeSpaceFloor() - free);

@@ -38,7 +38,7 @@ void setModified(const std::string& path, std::int64_t nanoseconds) {
 void Fetcher::fetch(const ItemPtr& item, Completion<Done> completion) {
   std::unique_lock lock(core_.mutex);
   std::optional<NSError> refusal;
-  if (item->gone) {
+  if (item->gone && !item->isLeftOver()) {
     refusal = posixError(ESTALE);
   } else if (item->content == 0 && !item->fetching && !health_.isUp()) {
     refusal = health_.reason();
@@ -119,9 +119,10 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
   const auto bytes = sizeOfFile(file.path);
   if (!bytes) return posixError(EIO);
   Base after = baseOf(*file.item, item->base->parent, core_.options);
-  const bool same =
-      (after.version == before.version || !after.versionKnown || !before.versionKnown) &&
-      *bytes == (after.versionKnown ? after.size : before.size);
+  const bool sameVersion =
+      after.version == before.version || !after.versionKnown || !before.versionKnown;
+  const std::int64_t announced = after.versionKnown ? after.size : before.size;
+  const bool same = sameVersion && *bytes == announced;
   if (!same && !last) {
     // What was known may be older than the file: the next try compares with what is known now.
     if (item->base->identifier == after.identifier && after.versionKnown) {
@@ -129,6 +130,11 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
       core_.setBase(item, after);
     }
     return NSFileProviderError(NSFileProviderErrorCode::versionOutOfDate);
+  }
+  if (!same && sameVersion && announced != 0) {
+    // Nobody changes the file, and still these are not its contents.
+    core_.log("fetched with another size than announced", *item);
+    return NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
   }
   const ContentNumber number = core_.store.nextNumber();
   try {

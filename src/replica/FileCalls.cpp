@@ -15,8 +15,6 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::int64_t kSecond = 1'000'000'000;
-/// A file that stays open is sent when it has not been written for so long.
-constexpr milliseconds kQuietTime{30000};
 /// How long `close` and `fsync` wait for the provider, when they are to.
 constexpr milliseconds kContentsWait{10 * 60 * 1000};
 
@@ -39,11 +37,11 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
   {
     std::lock_guard lock(core.mutex);
     item = core.require(rid);
-    if (item->gone) throw posixError(ESTALE);
+    if (item->gone && !item->isLeftOver()) throw posixError(ESTALE);
     if (item->isFolder()) throw posixError(EISDIR);
     if (mode.write) core.requireNewWork();
     if (mode.write && !core.mayWrite(*item)) throw posixError(EACCES);
-    if (item->base && !item->removed) folder = core.table.find(item->base->parent);
+    if (item->base && !item->removed && !item->gone) folder = core.table.find(item->base->parent);
   }
   auto open = [this, item, mode, completion = std::move(completion)](const Outcome<Done>&) {
     if (mode.truncate) {
@@ -102,7 +100,7 @@ void Replica::Implementation::finishOpen(const ItemPtr& item, OpenMode mode,
   try {
     if (mode.truncate) emptyContents(item);
     std::lock_guard lock(core.mutex);
-    if (item->gone) throw posixError(ESTALE);
+    if (item->gone && !item->isLeftOver()) throw posixError(ESTALE);
     file = open(item, mode.write);
   } catch (const NSError& error) {
     completion(error);
@@ -193,7 +191,7 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
       if (!core.areNeeded(*item, before)) core.retire(before);
     }
     item->lastWrite = core.milliseconds();
-    if (item->isPending()) sender.changed(item, kQuietTime);
+    if (item->isPending()) sender.changed(item, Sender::kQuietTime);
   }
   contents.frozen = false;
   contents.noted = true;
@@ -239,7 +237,7 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
       open->noted = true;
     }
     if (item->isPending()) {
-      sender.changed(item, item->writers > 0 ? kQuietTime : core.options.sendDelay);
+      sender.changed(item, item->writers > 0 ? Sender::kQuietTime : core.options.sendDelay);
     }
     return;
   }

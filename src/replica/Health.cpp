@@ -46,6 +46,7 @@ void Health::note(const std::optional<NSError>& error) {
     // Somebody answered.
     failures_ = 0;
     slow_ = false;
+    lastAnswer_ = core_.milliseconds();
     if (state_ != State::up) begin();
   }
 }

@@ -28,6 +28,11 @@ class Health {
   void begin();
   /// Somebody waited in vain for an answer: until one comes, nobody waits who can do without.
   void noteSlow() { slow_ = true; }
+  /// The same for somebody who waited since then (milliseconds since 1970-01-01 UTC) for something
+  /// else than an answer: one to anybody else is enough.
+  void noteWaited(std::int64_t since) {
+    if (lastAnswer_ < since) slow_ = true;
+  }
   bool isSlow() const { return slow_; }
   /// The outcome of any request, but not of those that were stopped.
   void note(const std::optional<NSError>& error);
@@ -47,6 +52,8 @@ class Health {
   std::uint32_t probes_ = 0;
   bool probing_ = false;
   bool slow_ = false;
+  /// Milliseconds since 1970-01-01 UTC.
+  std::int64_t lastAnswer_ = 0;
 };
 
 }  // namespace kestrowan::replica

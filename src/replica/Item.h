@@ -53,8 +53,8 @@ struct SyncRuntime {
   Place place = Place::idle;
   /// Key in the queue; keeps the order in which changes were made.
   std::uint64_t order = 0;
-  /// Milliseconds since 1970-01-01 UTC: when it was queued, and when it may be sent.
-  std::int64_t queuedAt = 0;
+  /// Milliseconds since 1970-01-01 UTC: when it was changed last, and when it may be sent.
+  std::int64_t changedAt = 0;
   std::int64_t due = 0;
   /// Where the request in flight puts the item, and whether it concerns everything below it.
   Rid targetParent = 0;
@@ -93,6 +93,8 @@ struct Item : ItemRecord {
   std::unique_ptr<SyncRuntime> sync;
 
   bool isFolder() const { return kind == ItemKind::folder; }
+  /// Removed or replaced here, while a program that came upon its name before may still open it.
+  bool isLeftOver() const { return gone && removed && content != 0; }
   bool isSending() const { return sync && sync->place == SyncRuntime::Place::sending; }
 
   /// What has to be made true at the provider.

@@ -99,8 +99,8 @@ void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completi
 
   auto waiter = std::make_shared<Waiter>();
   waiter->completion = std::move(completion);
-  const milliseconds limit =
-      known && need != Need::forced ? core_.options.listingWait : kFirstListingWait;
+  const bool briefly = need == Need::soon || (known && need != Need::forced);
+  const milliseconds limit = briefly ? core_.options.listingWait : kFirstListingWait;
   waiter->timer = core_.loop.postAfter(limit, [this, waiter, known, need] {
     if (std::exchange(waiter->answered, true)) return;
     {

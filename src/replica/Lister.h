@@ -20,12 +20,14 @@ class Lister {
   enum class Need {
     usable,  // a listing of the last half minute
     fresh,   // of the last two seconds
+    soon,    // the same, for who keeps others waiting meanwhile
     forced,  // one that begins now
   };
 
   /// Completes once the folder's children are known as well as needed, or with the error that
   /// prevents it. Waits no longer than the options say when the children are known from before, and
-  /// then succeeds with what there is, unless the need is `forced`. Without the lock.
+  /// then succeeds with what there is, unless the need is `forced`; and no longer than that, for
+  /// whoever needs it `soon`, when nothing is known. Without the lock.
   void prepare(const ItemPtr& folder, Need need, Completion<Done> completion);
 
   /// A listing that begins now or after this call. Without the lock; completes on the loop.

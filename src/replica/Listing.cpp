@@ -10,6 +10,8 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::size_t kLongestVersion = 128;
+/// More than any disk holds, and sums of a few such sizes are numbers still.
+constexpr std::int64_t kLargestSize = std::int64_t{1} << 60;
 
 std::optional<std::int64_t> wholeDate(const std::optional<NSDate>& date) {
   // Years 0 to 9999.
@@ -34,7 +36,7 @@ Base baseOf(const NSFileProviderItem& item, Rid parent, const Options& options) 
   base.versionKnown = base.version.size() <= kLongestVersion &&
                       !(options.saysNothing && options.saysNothing(base.version));
   if (base.version.size() > kLongestVersion) base.version.clear();
-  base.size = std::max<std::int64_t>(0, item.documentSize().value_or(0));
+  base.size = std::clamp<std::int64_t>(item.documentSize().value_or(0), 0, kLargestSize);
   base.capabilities = item.capabilities();
   return base;
 }

@@ -100,6 +100,11 @@ void Replica::Implementation::load() {
 bool Replica::Implementation::loadRecord(ItemRecord record) {
   const bool isRoot = record.rid == kRootRid;
   if (!isRoot && (!isValidName(record.name) || record.rid == record.parent)) return false;
+  // A provider may take an identifier of another form for that of its root.
+  const bool isAdmitted = isRoot || !record.base ||
+                          (record.base->identifier.starts_with(core.options.identifierPrefix) &&
+                           isValidName(record.base->name));
+  if (!isAdmitted) return false;
   auto item = std::make_shared<Item>();
   static_cast<ItemRecord&>(*item) = std::move(record);
   // Two rows in one place: whichever has something that must not be lost keeps it, and the contents

@@ -76,6 +76,8 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
         throw;
       }
       core.table.add(item);
+      item->lastWrite = core.milliseconds();
+      sender.changed(item, Sender::kQuietTime);
       created = CreatedFile{core.attributes(*item), open(item, true)};
     } catch (const NSError& error) {
       completion(error);

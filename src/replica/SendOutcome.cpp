@@ -61,6 +61,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     return false;
   }
   const bool contentsSent = frozen.number != 0;
+  const bool isNew = !item->base;
   if (item->isFolder()) {
     base.size = 0;
     // A new one has nothing in it.
@@ -109,11 +110,21 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   core_.setBase(item, std::move(base));
   answerVerdict(item, std::nullopt);
   if (overwritten && item->content == frozen.number) {
-    // Somebody else wrote in between. Ours is kept, theirs is shown.
+    // Somebody else wrote in between, or the provider changes what it is sent. Ours is kept, theirs
+    // is shown.
     core_.log("overwritten at the provider while it was sent", *item);
-    Base theirs = *item->base;
-    theirs.version.clear();
-    makeConflict(item, theirs);
+    if (isNew) {
+      // A copy beside it would fare no better.
+      core_.dropContents(item, true);
+      item->size = item->base->size;
+      item->modified = modifiedOf(*item->base);
+      core_.save(item);
+      core_.itemChanged(item->rid, true);
+    } else {
+      Base theirs = *item->base;
+      theirs.version.clear();
+      makeConflict(item, theirs);
+    }
     return false;
   }
   return contentsSent && (written.remaining & NSFileProviderItemField::contents) == 0;

@@ -13,8 +13,6 @@ using std::chrono::milliseconds;
 
 /// Contents of at least this size let others go first.
 constexpr std::int64_t kLarge = std::int64_t{1} << 20;
-/// A file that somebody keeps open for writing is sent after so long without a write.
-constexpr std::int64_t kQuietTime = 30000;
 
 bool isUpload(const Item& item) {
   return !item.isFolder() && (item.mustCreate() || item.mustSendContents());
@@ -40,6 +38,7 @@ void Sender::changed(const ItemPtr& item, milliseconds delay) {
     return;
   }
   if (item->isSending()) return;
+  core_.sync(item).changedAt = core_.milliseconds();
   enqueue(item, core_.milliseconds() + delay.count());
 }
 
@@ -75,10 +74,7 @@ void Sender::unqueue(const ItemPtr& item) {
 void Sender::enqueue(const ItemPtr& item, std::int64_t due) {
   unqueue(item);
   SyncRuntime& sync = core_.sync(item);
-  if (sync.order == 0) {
-    sync.order = ++lastOrder_;
-    sync.queuedAt = core_.milliseconds();
-  }
+  if (sync.order == 0) sync.order = ++lastOrder_;
   sync.place = Place::delayed;
   sync.due = due;
   delayed_.insert({due, item->rid});
@@ -147,7 +143,7 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
       makeReady(item);
       continue;
     }
-    const std::int64_t quiet = item->lastWrite + kQuietTime;
+    const std::int64_t quiet = item->lastWrite + kQuietTime.count();
     if (uploads && item->writers > 0 && !item->sendNow && quiet > core_.milliseconds()) {
       enqueue(item, quiet);
       continue;
@@ -321,8 +317,13 @@ void Sender::awaitVerdict(const ItemPtr& item, milliseconds limit, Completion<Do
   }
   auto once = std::make_shared<SyncWaiter>();
   once->completion = std::move(completion);
-  const auto timer = core_.loop.postAfter(limit, [once] {
-    if (!std::exchange(once->answered, true)) once->completion(Done{});
+  const auto timer = core_.loop.postAfter(limit, [this, once, since = core_.milliseconds()] {
+    if (std::exchange(once->answered, true)) return;
+    {
+      std::lock_guard lock(core_.mutex);
+      health_.noteWaited(since);
+    }
+    once->completion(Done{});
   });
   core_.sync(item).verdictWaiters.push_back([this, once, timer](Outcome<Done> outcome) {
     if (std::exchange(once->answered, true)) return;

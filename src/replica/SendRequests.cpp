@@ -95,7 +95,7 @@ Task<void> Sender::sendCreation(ItemPtr item) {
     if (!parent || !parent->base) co_return;
     // A file replaces one of its name silently, so its folder is looked at once more.
     mustList = !lister_.isFresh(*parent, core_.options.freshTime.count()) ||
-               (!item->isFolder() && parent->listedAt <= item->sync->queuedAt);
+               (!item->isFolder() && parent->listedAt <= item->sync->changedAt);
   }
   if (mustList) {
     const auto listed = co_await lister_.listed(parent);

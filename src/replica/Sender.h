@@ -21,6 +21,9 @@ namespace kestrowan::replica {
 /// Its calls are locked, but for what says otherwise.
 class Sender {
  public:
+  /// A file that somebody keeps open for writing is sent after so long without a write.
+  static constexpr std::chrono::milliseconds kQuietTime{30000};
+
   Sender(Core& core, Health& health, Lister& lister, Fetcher& fetcher);
 
   /// The item may have to be sent, no earlier than after `delay`. A failure from before is

@@ -10,6 +10,9 @@ namespace kestrowan {
 
 namespace {
 
+/// A longer body that goes to no file is not waited for: it would be a million entries of a folder.
+constexpr std::int64_t kLongestAnswer = std::int64_t{256} << 20;
+
 CurlList checkedHeaderLines(const NSURLRequest& request, const HTTPHeaders& sessionHeaders) {
   checkRequest(request, sessionHeaders);
   return headerLines(sessionHeaders, request.headers);
@@ -119,6 +122,9 @@ bool CurlTransfer::take(std::string_view data) {
     return false;
   }
   bytesReceived_ += static_cast<std::int64_t>(data.size());
+  if (kind_ != Kind::download && bytesReceived_ > kLongestAnswer) {
+    throw urlError(NSURLErrorCannotParseResponse, "the answer is too long");
+  }
   monitored_->received(bytesReceived_);
   return true;
 }

@@ -121,6 +121,7 @@ class ItemStore::Implementation {
     const auto pages = database_->number("PRAGMA page_count");
     if (unused < kUnusedPages || unused < pages / kUnusedPart) return;
     database_->execute("VACUUM; PRAGMA wal_checkpoint(TRUNCATE);");
+    log_.keepRoom();
   }
 
  private:

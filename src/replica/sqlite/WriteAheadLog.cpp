@@ -10,8 +10,21 @@
 
 namespace kestrowan::replica {
 
+namespace {
+
+constexpr off_t kRoom = 4 << 20;
+
+}  // namespace
+
 WriteAheadLog::WriteAheadLog(std::string path)
-    : path_(std::move(path)), file_(openRegularFile(path_, O_RDONLY)) {}
+    : path_(std::move(path)), file_(openRegularFile(path_, O_RDWR)) {
+  keepRoom();
+}
+
+void WriteAheadLog::keepRoom() noexcept {
+  // Without it a full disk can only be emptied from elsewhere.
+  static_cast<void>(::fallocate(file_.get(), FALLOC_FL_KEEP_SIZE, 0, kRoom));
+}
 
 void WriteAheadLog::sync() {
   if (const int failure = failure_) throw fileError(failure, path_);

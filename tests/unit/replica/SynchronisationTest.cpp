@@ -370,6 +370,27 @@ TEST_F(SynchronisationTest, RemovedWhileOpenStaysReadable) {
   EXPECT_THAT(world.server().tree(), IsEmpty());
 }
 
+TEST_F(SynchronisationTest, FileReplacedBetweenALookAtItsNameAndItsOpeningCanBeOpened) {
+  world.server().writeFile("/a", "old");
+  world.read("/a");
+  const replica::Rid before = world.find("/a");
+  world.replica().remember(before);
+  world.write("/a.new", "new");
+  world.rename("/a.new", "/a");
+  ASSERT_NE(world.find("/a"), before);
+  std::string found;
+  const auto readIt = [&](const replica::Outcome<std::shared_ptr<replica::OpenFile>>& outcome) {
+    found = outcome.succeeded() ? ReplicaWorld::readFrom(*outcome.value()) : "ESTALE";
+  };
+  world.replica().openFile(before, {.read = true}, readIt);
+  world.advance(milliseconds(10));
+  EXPECT_EQ(found, "old");
+  world.replica().forget(before, 1);
+  EXPECT_EQ(errorOf([&] { world.replica().attributes(before); }), posix(ESTALE));
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "new");
+}
+
 TEST_F(SynchronisationTest, DiscardedChangesAreKeptInTheRecoveryArea) {
   world.server().writeFile("/a", "theirs");
   world.read("/a");
