@@ -113,15 +113,16 @@ class Host:
 
     def _line(self, seconds):
         deadline = time.monotonic() + seconds
-        while b"\n" not in self._unread:
+        pieces = [self._unread]
+        while b"\n" not in pieces[-1]:
             left = deadline - time.monotonic()
             if left <= 0 or not select.select([self.process.stdout], [], [], left)[0]:
                 raise AssertionError("mount_host did not answer in time")
             piece = os.read(self.process.stdout.fileno(), 1 << 20)
             if not piece:
                 raise AssertionError(f"mount_host ended: {self.process.wait()}")
-            self._unread += piece
-        line, self._unread = self._unread.split(b"\n", 1)
+            pieces.append(piece)
+        line, self._unread = b"".join(pieces).split(b"\n", 1)
         return line
 
     # The mount.
