@@ -1,0 +1,126 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "platform/foundation/NSError.h"
+#include "support/MemoryItem.h"
+#include "support/ReplicaWorld.h"
+
+namespace kestrowan::test {
+namespace {
+
+using std::chrono::seconds;
+using testing::ElementsAre;
+
+/// What a provider may say in a listing, and what becomes of it.
+class ListingTest : public testing::Test {
+ protected:
+  ListingTest() { world.server().writeFile("/a", "x"); }
+
+  static std::shared_ptr<MemoryItem> entry(const std::string& identifier, const std::string& name) {
+    auto item = std::make_shared<MemoryItem>();
+    item->identifier = identifier;
+    item->name = name;
+    item->size = 1;
+    item->version = {NSData("1"), NSData("1")};
+    return item;
+  }
+
+  /// Every listing ends with one entry more from now on.
+  void add(const std::shared_ptr<MemoryItem>& item) {
+    world.extension().setFaults([item](const Call& call) {
+      Fault fault;
+      if (call.kind == CallKind::enumerateItems) fault.moreEntries = {item};
+      return fault;
+    });
+  }
+
+  void expectRefused(const std::shared_ptr<MemoryItem>& item) {
+    add(item);
+    EXPECT_THAT(world.list("/"), ElementsAre("a"));
+    EXPECT_EQ(world.replica().status().refusedEntries, 1);
+  }
+
+  ReplicaWorld world;
+};
+
+TEST_F(ListingTest, ProperEntryIsShown) {
+  add(entry("/b", "b"));
+  EXPECT_THAT(world.list("/"), ElementsAre("a", "b"));
+  EXPECT_EQ(world.replica().status().refusedEntries, 0);
+}
+
+TEST_F(ListingTest, IdentifierOfAnotherFormIsRefused) {
+  expectRefused(entry("https://elsewhere/b", "b"));
+}
+
+TEST_F(ListingTest, EmptyIdentifierIsRefused) {
+  expectRefused(entry("", "b"));
+}
+
+TEST_F(ListingTest, EntryOfAnotherFolderIsRefused) {
+  auto item = entry("/b", "b");
+  item->parent = "/elsewhere";
+  expectRefused(item);
+}
+
+TEST_F(ListingTest, SecondEntryOfANameIsRefused) {
+  expectRefused(entry("/b", "a"));
+}
+
+class ListingNameTest : public ListingTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(ListingNameTest, IsRefused) {
+  expectRefused(entry("/b", GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(NamesThatAreNone, ListingNameTest,
+                         testing::Values("", ".", "..", "a/b", std::string("a\0b", 3),
+                                         std::string(256, 'x')));
+
+TEST_F(ListingTest, RefusedEntryKeepsWhatIsMissingFromBeingRemoved) {
+  world.list("/");
+  world.server().remove("/a");
+  add(entry("elsewhere", "b"));
+  world.advance(seconds(120));
+  EXPECT_THAT(world.list("/"), ElementsAre("a"));
+  world.extension().setFaults({});
+  world.advance(seconds(120));
+  EXPECT_THAT(world.list("/"), ElementsAre());
+}
+
+TEST_F(ListingTest, SizeIsNeverNegative) {
+  auto item = entry("/b", "b");
+  item->size = -5;
+  add(item);
+  EXPECT_EQ(world.attributes("/b").size, 0);
+}
+
+TEST_F(ListingTest, DatesBeyondTheYear9999AreNone) {
+  auto item = entry("/b", "b");
+  item->date = NSDate{1e15};
+  add(item);
+  EXPECT_EQ(world.attributes("/b").modified, 0);
+}
+
+TEST_F(ListingTest, OverlongVersionSaysNothing) {
+  auto item = entry("/b", "b");
+  item->version = {NSData(std::string(200, 'v')), NSData("1")};
+  add(item);
+  EXPECT_EQ(world.replica().itemStatus(world.find("/b")).version, NSData());
+}
+
+TEST_F(ListingTest, NothingIsAskedForThatWasNotAdmitted) {
+  expectRefused(entry("https://elsewhere/b", "b"));
+  world.extension().clearCalls();
+  EXPECT_NE(errorOf([&] { world.remove("/b"); }), "");
+  EXPECT_NE(errorOf([&] { world.read("/b"); }), "");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
+  EXPECT_EQ(world.extension().count(CallKind::fetchContents), 0u);
+}
+
+}  // namespace
+}  // namespace kestrowan::test
