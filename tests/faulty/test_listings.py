@@ -1,0 +1,165 @@
+"""Listings that are cut, short, or none at all."""
+
+import os
+
+from hosted import wait_for
+from hosting import outcome
+from multistatus import HEAD, TAIL
+from trees import read_tree
+
+OLD = b"old contents"
+NEW = b"new contents, a little longer"
+FILES = 12
+
+
+def with_body(body, **members):
+    return {"status": 207, "headers": [["Content-Type", "application/xml"]], "body": body,
+            **members}
+
+
+def entries(answer):
+    """The listing's response elements, of which the first is the folder's own."""
+    body = answer["body"][len(HEAD):-len(TAIL)]
+    return [piece + "</D:response>" for piece in body.split("</D:response>")[:-1]]
+
+
+def shortened(count, tail=TAIL):
+    return lambda answer: with_body(HEAD + "".join(entries(answer)[:count + 1]) + tail)
+
+
+def cut_unseen(answer):
+    """Nothing announces how long it is, so nobody notices that it ends early."""
+    return {**answer, "length": None, "headers": [*answer["headers"], ["Connection", "close"]],
+            "cut": 1200, "then": "close"}
+
+
+# Answers that succeed and are not the whole listing.
+SHORT = {
+    "third": shortened(FILES // 3),
+    "one": shortened(1),
+    "nothing": shortened(0),
+    "less-than-nothing": shortened(-1),
+    "torn": shortened(3, "<D:response><D:href>/Ho"),
+    "ill-formed": shortened(3, "</wrong>"),
+    "cut": cut_unseen,
+    "page": {"status": 200, "headers": [["Content-Type", "text/html"]],
+             "body": "<!DOCTYPE html><html><body><p>Please log in<br></body></html>"},
+    "empty": {"status": 200, "headers": [], "body": ""},
+    "no-content": {"status": 204, "headers": [], "body": ""},
+    "spaces": with_body(" " * 1000),
+    "json": {"status": 200, "headers": [], "body": '{"error": "busy"}'},
+    "binary": with_body("\x00\x01\x02" * 1000),
+    "other-xml": with_body('<?xml version="1.0"?><error xmlns="DAV:"/>'),
+}
+
+
+def test_a_listing_that_is_cut_is_an_error_and_the_next_one_is_whole(scene):
+    cases = {f"{cut}-{then}": {"cut": cut, "then": then}
+             for cut in (0, 1, 100, 400, 1000, 2500) for then in ("close", "drop", "rst")}
+    for name in cases:
+        for number in range(8):
+            scene.put(f"{name}/{number}.txt", OLD)
+    os.listdir(scene.home)
+    # Backwards, since those that follow may be listed ahead.
+    for name in sorted(cases, reverse=True):
+        scene.fault("PROPFIND", name, depth="1", times=1, answer=cases[name])
+        assert outcome(os.listdir, scene.home / name) == "EIO", name
+        assert len(os.listdir(scene.home / name)) == 8, name
+    scene.settle(scene.tree())
+
+
+def test_a_listing_that_is_cut_removes_nothing(scene):
+    for number in range(8):
+        scene.put(f"{number}.txt", OLD)
+    seen = read_tree(scene.home)
+    assert len(seen) == 8
+    fault = scene.fault("PROPFIND", depth="1", times=2, answer={"cut": 1500, "then": "close"})
+    scene.keeps_showing(seen, fault)
+    scene.settle(seen)
+
+
+def test_a_listing_that_suddenly_lacks_most_removes_nothing(scene):
+    for case in SHORT:
+        for number in range(FILES):
+            scene.put(f"{case}/{number:02}.txt", OLD)
+    names = [f"{number:02}.txt" for number in range(FILES)]
+    for case in SHORT:
+        assert sorted(os.listdir(scene.home / case)) == names
+        # One file is here, one is changed and cannot be sent.
+        assert (scene.home / case / "10.txt").read_bytes() == OLD
+        (scene.home / case / "11.txt").write_bytes(NEW)
+    scene.dav.fault("PUT", None, answer={"status": 503}, effect=False)
+    faults = [scene.fault("PROPFIND", case, depth="1", answer=answer)
+              for case, answer in SHORT.items()]
+
+    def all_met():
+        assert [case for case in SHORT if sorted(os.listdir(scene.home / case)) != names] == []
+        return all(fault.met for fault in faults)
+
+    wait_for(all_met, "listings")
+    assert all_met()
+    expected = {path: NEW if path.endswith("11.txt") else now
+                for path, now in scene.tree().items()}
+    assert read_tree(scene.home) == expected
+    scene.settle(expected)
+    assert scene.conflicts() == []
+    assert not [path for method, path in scene.asked("DELETE", "MOVE")]
+
+
+def test_an_answer_that_is_no_listing_makes_an_empty_folder_only_for_a_while(scene):
+    """A folder that was never listed has nothing to be compared with."""
+    for case in SHORT:
+        for number in range(FILES):
+            scene.put(f"{case}/{number:02}.txt", OLD)
+        scene.fault("PROPFIND", case, depth="1", times=1, answer=SHORT[case])
+    for case in sorted(SHORT, reverse=True):
+        assert len(os.listdir(scene.home / case)) < FILES
+        (scene.home / case / "new.txt").write_bytes(NEW)
+        # What this listing left out is there all the same.
+        (scene.home / case / "11.txt").write_bytes(NEW)
+    scene.place.wait_synced()
+    tree = scene.tree()
+    for case in SHORT:
+        assert tree[f"/{case}/new.txt"] == NEW
+        assert tree[f"/{case}/11.txt"] == OLD
+        assert tree[f"/{case}/11 (2).txt"] == NEW
+    scene.settle(tree)
+
+
+def test_what_a_small_folder_lacks_once_stays_when_it_is_here(scene):
+    scene.put("a.txt", OLD)
+    scene.put("b.txt", OLD)
+    seen = read_tree(scene.home)
+    assert set(seen) == {"/a.txt", "/b.txt"}
+    fault = scene.fault("PROPFIND", depth="1", times=1, answer=shortened(0))
+    scene.keeps_showing(seen, fault)
+    scene.settle({"/a.txt": OLD, "/b.txt": OLD})
+
+
+def test_what_keeps_missing_leaves_the_view_and_its_contents_are_kept(scene):
+    scene.put("a.txt", b"only here since")
+    scene.put("changed.txt", OLD)
+    assert set(read_tree(scene.home)) == {"/a.txt", "/changed.txt"}
+    scene.dav.fault("PUT", None, answer={"status": 503}, effect=False)
+    (scene.home / "changed.txt").write_bytes(NEW)
+    scene.dav.remove(f"{scene.path}/a.txt")
+    scene.dav.remove(f"{scene.path}/changed.txt")
+    wait_for(lambda: os.listdir(scene.home) == ["changed.txt"], "removal")
+    kept = [path.read_bytes() for path in (scene.place.state / "recovery").rglob("*")
+            if path.is_file()]
+    assert b"only here since" in kept
+    scene.settle({"/changed.txt": NEW})
+
+
+def test_a_folder_is_not_removed_on_the_word_of_one_bad_listing(scene):
+    for case in SHORT:
+        scene.put(f"{case}/a.txt", OLD)
+    os.listdir(scene.home)
+    before = scene.tree()
+    for case in sorted(SHORT, reverse=True):
+        scene.fault("PROPFIND", case, depth="1", times=1, answer=(
+            {"cut": 1, "then": "rst"} if case in ("one", "third", "cut") else SHORT[case]))
+        outcome(os.listdir, scene.home / case)
+        assert outcome(os.rmdir, scene.home / case) == "ENOTEMPTY", case
+    assert not scene.asked("DELETE")
+    scene.settle(before)

@@ -1,0 +1,184 @@
+"""The server answers requests with a status that says no."""
+
+import os
+import time
+
+from hosted import wait_for
+from hosting import outcome
+from trees import read_tree
+
+# The protocol of providers has one error for all of these.
+REFUSALS = (403, 404, 409, 423, 500, 503, 507)
+OLD = b"old contents"
+NEW = b"new contents, a little longer"
+# Three seconds are promised; the machine may be slow.
+VERDICT_SECONDS = 20
+
+
+def refuse_all(scene, method, name, **members):
+    return {status: scene.fault(method, name.format(status), answer={"status": status},
+                                effect=False, **members) for status in REFUSALS}
+
+
+def test_a_listing_that_is_refused_is_an_io_error_while_the_folder_is_there(scene):
+    for status in REFUSALS:
+        scene.put(f"s{status}/a.txt", OLD)
+    faults = refuse_all(scene, "PROPFIND", "s{}", depth="1")
+    found = scene.at_once({status: (os.listdir, scene.home / f"s{status}") for status in REFUSALS})
+    assert found == dict.fromkeys(REFUSALS, "EIO")
+    assert all(fault.met for fault in faults.values())
+    scene.dav.heal()
+    assert read_tree(scene.home) == scene.tree()
+
+
+def test_a_folder_that_is_gone_is_missing(scene):
+    scene.put("sub/a.txt", OLD)
+    assert os.listdir(scene.home) == ["sub"]
+    scene.dav.remove(f"{scene.path}/sub")
+    assert outcome(os.listdir, scene.home / "sub") == "ENOENT"
+    assert os.listdir(scene.home) == []
+
+
+def test_a_folder_that_was_listed_stays_as_it_was_while_its_listing_is_refused(scene):
+    for status in REFUSALS:
+        scene.put(f"s{status}/a.txt", OLD)
+    seen = read_tree(scene.home)
+    faults = refuse_all(scene, "PROPFIND", "s{}", depth="1")
+    scene.keeps_showing(seen, *faults.values())
+    scene.settle(seen)
+
+
+def test_a_download_that_is_refused_fails_the_opening_and_is_not_repeated(scene):
+    for status in REFUSALS:
+        scene.put(f"{status}.txt", b"%d" % status)
+    faults = refuse_all(scene, "GET", "{}.txt")
+    found = scene.at_once({status: (open, scene.home / f"{status}.txt", "rb")
+                           for status in REFUSALS})
+    assert found == dict.fromkeys(REFUSALS, "EIO")
+    # One for the opening, and one ahead of it when the folder is being walked through.
+    assert all(1 <= fault.met <= 2 for fault in faults.values())
+    assert sorted(os.listdir(scene.home)) == [f"{status}.txt" for status in REFUSALS]
+    scene.settle(scene.tree())
+
+
+def test_a_file_that_is_gone_is_missing_when_it_is_opened(scene):
+    scene.put("a.txt", OLD)
+    assert os.listdir(scene.home) == ["a.txt"]
+    scene.dav.remove(f"{scene.path}/a.txt")
+    assert outcome(open, scene.home / "a.txt", "rb") == "ENOENT"
+    assert os.listdir(scene.home) == []
+
+
+def test_contents_that_are_refused_stay_here_and_arrive_later(scene):
+    expected = {}
+    for status in REFUSALS:
+        scene.put(f"{status}.txt", OLD)
+        expected |= {f"/{status}.txt": OLD + NEW, f"/new{status}.txt": NEW}
+    before = read_tree(scene.home)
+    faults = [*refuse_all(scene, "PUT", "{}.txt").values(),
+              *refuse_all(scene, "PUT", "new{}.txt").values()]
+    for status in REFUSALS:
+        with open(scene.home / f"{status}.txt", "ab") as file:
+            file.write(NEW)
+        (scene.home / f"new{status}.txt").write_bytes(NEW)
+    wait_for(lambda: all(fault.met for fault in faults), "refused uploads")
+    assert read_tree(scene.home) == expected
+    assert scene.tree() == before
+    wait_for(lambda: {scene.state(path[1:]) for path in expected} <= {"retrying", "sending"},
+             "failure in the state")
+    assert scene.place.ask("wait", "--timeout", "0", code=8)["synced"] is False
+    scene.settle(expected)
+    assert scene.conflicts() == []
+
+
+def change(kind, folder):
+    if kind == "mkdir":
+        os.mkdir(folder / "made")
+    elif kind == "rename":
+        os.rename(folder / "old", folder / "moved")
+    elif kind == "rename-folder":
+        os.rename(folder / "sub", folder / "away")
+    elif kind == "unlink":
+        os.unlink(folder / "old")
+    else:
+        os.rmdir(folder / "empty")
+
+
+# The request of each change, and what it makes of a folder.
+CHANGES = {"mkdir": ("MKCOL", "made", {"/made": None}),
+           "rename": ("MOVE", "old", {"/old": ..., "/moved": OLD}),
+           "rename-folder": ("MOVE", "sub", {"/sub": ..., "/sub/a": ..., "/away": None,
+                                             "/away/a": OLD}),
+           "unlink": ("DELETE", "old", {"/old": ...}),
+           "rmdir": ("DELETE", "empty", {"/empty": ...})}
+
+
+def test_changes_of_names_that_are_refused_stay_here_and_are_made_later(scene):
+    # In one folder the system makes one change after the other.
+    places = {f"{kind}-{status}": kind for kind in CHANGES for status in REFUSALS}
+    for place in places:
+        scene.put(f"{place}/old", OLD)
+        scene.put(f"{place}/sub/a", OLD)
+        scene.dav.makeFolder(f"{scene.path}/{place}/empty")
+    before = read_tree(scene.home)
+    expected, faults = dict(before), []
+    for kind, (method, name, made) in CHANGES.items():
+        faults += refuse_all(scene, method, f"{kind}-{{}}/{name}").values()
+        for status in REFUSALS:
+            expected |= {f"/{kind}-{status}{path}": now for path, now in made.items()}
+    expected = {path: now for path, now in expected.items() if now is not ...}
+    begun = time.monotonic()
+    found = scene.at_once({place: (change, kind, scene.home / place)
+                           for place, kind in places.items()})
+    assert time.monotonic() - begun < VERDICT_SECONDS
+    assert found == dict.fromkeys(places)
+    assert all(fault.met for fault in faults)
+    assert read_tree(scene.home) == expected
+    assert scene.tree() == before
+    scene.settle(expected)
+
+
+def test_wrong_credentials_hold_everything_and_lose_nothing(scene):
+    scene.put("known.txt", OLD)
+    scene.put("unread.txt", OLD)
+    assert (scene.home / "known.txt").read_bytes() == OLD
+    fault = scene.dav.fault(None, None, answer={"status": 401}, effect=False)
+    wait_for(lambda: outcome(open, scene.home / "unread.txt", "rb") == "EACCES", "refusal")
+    assert fault.met
+    assert scene.place.status()["held"]
+    assert (scene.home / "known.txt").read_bytes() == OLD
+    (scene.home / "new.txt").write_bytes(NEW)
+    (scene.home / "made").mkdir()
+    os.rename(scene.home / "known.txt", scene.home / "moved.txt")
+    assert scene.tree() == {"/known.txt": OLD, "/unread.txt": OLD}
+    scene.settle({"/new.txt": NEW, "/made": None, "/moved.txt": OLD, "/unread.txt": OLD})
+    assert scene.place.status()["held"] is None
+
+
+def test_changes_that_are_not_authorised_wait_until_they_are(scene):
+    scene.put("a.txt", OLD)
+    scene.put("b.txt", OLD)
+    scene.put("c.txt", OLD)
+    before = read_tree(scene.home)
+    faults = [scene.dav.fault(method, None, answer={"status": 401}, effect=False)
+              for method in ("PUT", "MKCOL", "MOVE", "DELETE")]
+    (scene.home / "a.txt").write_bytes(NEW)
+    (scene.home / "made").mkdir()
+    os.rename(scene.home / "b.txt", scene.home / "moved.txt")
+    os.unlink(scene.home / "c.txt")
+    scene.dav.waitFor(lambda: any(fault.met for fault in faults))
+    assert scene.tree() == before
+    scene.settle({"/a.txt": NEW, "/made": None, "/moved.txt": OLD})
+
+
+def test_a_server_that_fails_at_everything_counts_as_out_of_reach(scene):
+    scene.put("known.txt", OLD)
+    scene.put("unread.txt", OLD)
+    assert (scene.home / "known.txt").read_bytes() == OLD
+    scene.dav.fault(None, None, answer={"status": 503}, effect=False)
+    assert outcome(open, scene.home / "unread.txt", "rb") == "EHOSTUNREACH"
+    assert (scene.home / "known.txt").read_bytes() == OLD
+    (scene.home / "known.txt").write_bytes(NEW)
+    (scene.home / "made").mkdir()
+    assert scene.tree() == {"/known.txt": OLD, "/unread.txt": OLD}
+    scene.settle({"/known.txt": NEW, "/made": None, "/unread.txt": OLD})
