@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/foundation/NSError.h"
 #include "support/ReplicaWorld.h"
@@ -110,6 +111,42 @@ TEST_F(SynchronisationTest, AcknowledgedChangesSurviveTheProcess) {
   EXPECT_EQ(world.server().read("/b"), "made");
 }
 
+TEST_F(SynchronisationTest, WriteIntoAFileThatWasTheSameSurvivesTheProcess) {
+  world.server().writeFile("/a", "old");
+  world.read("/a");
+  {
+    const auto file = world.open("/a", {.read = true, .write = true});
+    ReplicaWorld::writeTo(*file, "new");
+  }
+  world.crash();
+  EXPECT_EQ(world.read("/a"), "new");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "new");
+}
+
+TEST_F(SynchronisationTest, DownloadOfAnotherSizeIsFetchedAgain) {
+  world.server().writeFile("/a", "whole");
+  bool isFirst = true;
+  world.extension().setFaults([&](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::fetchContents && std::exchange(isFirst, false)) fault.fileSize = 2;
+    return fault;
+  });
+  EXPECT_EQ(world.read("/a"), "whole");
+  EXPECT_EQ(world.extension().count(CallKind::fetchContents), 2u);
+}
+
+TEST_F(SynchronisationTest, DownloadThatNeverHasItsSizeIsAnError) {
+  world.server().writeFile("/a", "whole");
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::fetchContents) fault.fileSize = 2;
+    return fault;
+  });
+  EXPECT_NE(errorOf([&] { world.read("/a"); }), "");
+  EXPECT_EQ(world.extension().count(CallKind::fetchContents), 3u);
+}
+
 TEST_F(SynchronisationTest, LostAnswerToAnUploadIsNoConflict) {
   world.server().writeFile("/a", "old");
   world.read("/a");
@@ -215,6 +252,19 @@ TEST_F(SynchronisationTest, RemovedFileThatWasChangedThereComesBack) {
   EXPECT_EQ(world.read("/a"), "theirs");
 }
 
+TEST_F(SynchronisationTest, FileRemovedWithoutAServerAndChangedThereComesBack) {
+  world.server().writeFile("/a", "old");
+  world.list("/");
+  world.extension().setDown(true);
+  world.advance(seconds(40));
+  world.remove("/a");
+  world.server().writeFile("/a", "changed there");
+  world.extension().setDown(false);
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "changed there");
+  EXPECT_EQ(world.read("/a"), "changed there");
+}
+
 TEST_F(SynchronisationTest, FolderWithNewEntriesThereIsNotRemoved) {
   world.server().makeFolder("/d");
   world.list("/d");
@@ -308,7 +358,9 @@ TEST_F(SynchronisationTest, FileThatIsHereGoesOnlyAfterASecondLook) {
   world.read("/a");
   world.server().remove("/a");
   world.advance(seconds(3));
-  EXPECT_TRUE(world.exists("/a"));
+  world.exists("/a");
+  world.advance(milliseconds(500));
+  EXPECT_TRUE(world.exists("/a")) << "one listing lacked it";
   world.advance(seconds(5));
   EXPECT_FALSE(world.exists("/a"));
   EXPECT_EQ(world.replica().status().recoveredFiles, 1);
