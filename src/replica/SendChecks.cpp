@@ -33,6 +33,13 @@ bool sameContents(const Options& options, const Base& known, const Base& atProvi
   return options.sameContents && options.sameContents(known.version, atProvider.version);
 }
 
+/// Whether a file can be the other one under a new name. Not every server keeps the version through
+/// a move.
+bool canBeMoved(const Base& before, const Base& after) {
+  if (before.size != after.size) return false;
+  return before.version == after.version || !before.date || before.date == after.date;
+}
+
 bool filesAreEqual(const std::string& a, const std::string& b) {
   const UniqueFd first(::open(a.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   const UniqueFd second(::open(b.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -295,6 +302,8 @@ Task<bool> Sender::verify(ItemPtr item) {
   }
   core_.forgetSent(item);
   const bool removal = item->removed && before && !moved && sent.content == 0;
+  const bool hasMoved =
+      moved && atTarget && (item->isFolder() || canBeMoved(*before, atTarget->base));
   if (removal && !atTarget) {
     acceptRemoval(item);
   } else if (removal && !item->isFolder()) {
@@ -306,7 +315,7 @@ Task<bool> Sender::verify(ItemPtr item) {
     core_.folder(target).shadowed.erase(sent.name);
     if (item->content == sent.content && !item->isFolder()) item->contentsChanged = false;
     core_.setBase(item, atTarget->base);
-  } else if (before && atTarget && atTarget->kind == item->kind && (moved || hasContents)) {
+  } else if (before && atTarget && atTarget->kind == item->kind && (hasMoved || hasContents)) {
     core_.confirm(item);
     if (moved) {
       if (source) core_.folder(source).left[before->name] = core_.sequence;

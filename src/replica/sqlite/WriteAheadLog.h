@@ -16,8 +16,8 @@ class WriteAheadLog {
   /// The file must be there, and stay the same for the life of this object. Throws `NSError`.
   explicit WriteAheadLog(std::string path);
 
-  /// Sets some of the disk aside for the log, where the file system can: what gives space back, such
-  /// as removing a file, has to be noted when the disk is full.
+  /// Sets some of the disk aside for the log, where the file system can: what gives space back,
+  /// such as removing a file, has to be noted when the disk is full.
   void keepRoom() noexcept;
   /// Tells of one more commit.
   void noteCommit() { ++commits_; }
