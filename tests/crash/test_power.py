@@ -132,6 +132,26 @@ def test_a_save_that_was_not_synced_leaves_the_old_file_or_the_new_one(machine, 
     assert (home / "a").read_bytes() in (b"first", b"second")
 
 
+def test_contents_that_were_replaced_go_when_that_is_durable(machine, apache):
+    home = machine.start().home
+    os.listdir(home)
+    apache._control("stop")
+    contents = machine.state / "contents"
+    before = set(os.listdir(contents))
+    write(home / "a", b"first")
+    sync_folder(home)
+    replaced, = set(os.listdir(contents)) - before
+    write(home / "a.new", b"second", synced=False)
+    os.rename(home / "a.new", home / "a")
+    wait_for(lambda: replaced not in os.listdir(contents), "the replaced contents to go")
+    # The file system remembers that they went.
+    write(machine.disks[-1].path / "beside", b"x")
+    machine.fail_power()
+    apache._control("start", "--parent", str(os.getpid()))
+    machine.start()
+    assert (home / "a").read_bytes() in (b"first", b"second")
+
+
 def test_what_was_fetched_is_not_trusted(machine, apache):
     contents = bytes(range(256)) * 4096
     (apache.root / "Home" / "Documents" / "fetched").write_bytes(contents)
