@@ -1,6 +1,7 @@
 #include "host/HostFileManager.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include "host/BridgeAccess.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
+#include "replica/Options.h"
 
 namespace kestrowan::host {
 
@@ -25,6 +27,13 @@ std::optional<NSURL> HostFileManager::containerURL(std::string_view group) {
 
 NSURL HostFileManager::temporaryDirectory() {
   return NSURL::fileURLWithPath(temporaryDirectory_);
+}
+
+std::int64_t HostFileManager::reservedCapacity() {
+  struct statvfs disk;
+  if (::statvfs(temporaryDirectory_.c_str(), &disk) != 0) return 0;
+  // What is announced was let in with the whole left free, and so may several at once.
+  return replica::freeSpaceFloor(static_cast<std::int64_t>(disk.f_blocks * disk.f_frsize)) / 2;
 }
 
 NSData HostFileManager::contents(const NSURL& at) {

@@ -19,6 +19,7 @@ class HostFileManager : public NSFileManager {
 
   std::optional<NSURL> containerURL(std::string_view group) override;
   NSURL temporaryDirectory() override;
+  std::int64_t reservedCapacity() override;
   NSData contents(const NSURL& at) override;
   bool createFile(const NSURL& at, std::string_view contents) override;
   void moveItem(const NSURL& at, const NSURL& to) override;

@@ -35,7 +35,7 @@ std::int64_t Fetcher::cacheLimit() const {
 
 std::int64_t Fetcher::freeSpaceFloor() const {
   if (core_.options.freeSpaceFloor > 0) return core_.options.freeSpaceFloor;
-  return std::max(2 * kGibibyte, core_.contents.space().capacity / 20);
+  return replica::freeSpaceFloor(core_.contents.space().capacity);
 }
 
 void Fetcher::evict(const ItemPtr& item) {

@@ -228,7 +228,7 @@ void Replica::Implementation::rename(Move move, Completion<Done> completion) {
       return;
     }
     if (!wanted) return;
-    fetcher.fetch(wanted, [this, move, completion](const Outcome<Done>& fetched) {
+    fetchWhileAnswered(wanted, [this, move, completion](const Outcome<Done>& fetched) {
       if (fetched.succeeded()) {
         rename(move, completion);
       } else {

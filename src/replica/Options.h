@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -9,6 +10,12 @@
 #include "platform/fileprovider/NSFileProviderItem.h"
 
 namespace kestrowan::replica {
+
+/// What is left free of a disk of that capacity, in bytes, when the options say nothing else: the
+/// larger of 2 GiB and a twentieth.
+inline std::int64_t freeSpaceFloor(std::int64_t capacity) {
+  return std::max(std::int64_t{2} << 30, capacity / 20);
+}
 
 /// The replica's settings. Sizes are bytes.
 struct Options {
@@ -36,7 +43,7 @@ struct Options {
   /// How much of what could be fetched again may lie here; 0 for the smaller of 10 GiB and a tenth
   /// of the disk.
   std::int64_t cacheLimit = 0;
-  /// What is left free of the disk; 0 for the larger of 2 GiB and a twentieth.
+  /// What is left free of the disk; 0 for what `freeSpaceFloor` says.
   std::int64_t freeSpaceFloor = 0;
   std::int64_t recoveryLimit = std::int64_t{1} << 30;
   std::chrono::hours recoveryTime{7 * 24};

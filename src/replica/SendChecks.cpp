@@ -331,6 +331,10 @@ Task<bool> Sender::verify(ItemPtr item) {
       now.date = before->date;
     }
     core_.setBase(item, std::move(now));
+  } else if (moved && atTarget && !item->removed && item->content != 0 &&
+             listedSource.value()->refused == 0) {
+    // Somebody removed it, and the name that it was to get is another's: what is here lives on.
+    core_.setBase(item, std::nullopt);
   }
   if (!item->gone) core_.save(item);
   co_return true;

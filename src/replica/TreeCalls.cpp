@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -78,6 +79,53 @@ void Replica::Implementation::openFolder(
                    }
                    completion(std::shared_ptr<const FolderSnapshot>(std::move(snapshot)));
                  });
+}
+
+struct Replica::Implementation::FetchWaiter {
+  ItemPtr item;
+  Completion<Done> completion;
+  std::atomic<bool> answered = false;
+
+  void answer(const Outcome<Done>& outcome) {
+    if (!answered.exchange(true)) completion(outcome);
+  }
+};
+
+void Replica::Implementation::fetchWhileAnswered(const ItemPtr& item, Completion<Done> completion) {
+  auto waiter = std::make_shared<FetchWaiter>();
+  waiter->item = item;
+  waiter->completion = std::move(completion);
+  watchFetch(waiter);
+  fetcher.fetch(item, [waiter](const Outcome<Done>& outcome) { waiter->answer(outcome); });
+}
+
+void Replica::Implementation::watchFetch(const std::shared_ptr<FetchWaiter>& waiter) {
+  auto goOn = [this, waiter](const Outcome<Done>&) {
+    bool slow = false;
+    {
+      std::lock_guard lock(core.mutex);
+      slow = health.isSlow();
+    }
+    if (slow) {
+      waiter->answer(posixError(ETIMEDOUT));
+    } else {
+      watchFetch(waiter);
+    }
+  };
+  core.loop.postAfter(core.options.listingWait, [this, waiter, goOn = std::move(goOn)] {
+    if (waiter->answered) return;
+    ItemPtr folder;
+    {
+      std::lock_guard lock(core.mutex);
+      folder = core.table.find(waiter->item->parent);
+    }
+    // A download says nothing before its end: a listing tells whether anybody answers.
+    if (folder) {
+      lister.prepare(folder, Lister::Need::fresh, goOn);
+    } else {
+      goOn(Done{});
+    }
+  });
 }
 
 /// What a listing changed has to be sent, or fetched.

@@ -28,6 +28,8 @@ class NSFileManager {
       std::string_view forSecurityApplicationGroupIdentifier) = 0;
   /// The directory for short-lived files. Creates nothing.
   virtual NSURL temporaryDirectory() = 0;
+  /// How much of the disk under that a download that does not end must leave free.
+  virtual std::int64_t reservedCapacity() { return 0; }
   /// The whole contents of a regular file of at most 1 MiB. Throws `NSError` of
   /// `NSCocoaErrorDomain`: absent, not permitted, no regular file, or too large (unread).
   virtual NSData contents(const NSURL& at) = 0;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,7 @@ constexpr const char* kOwnDescriptors = "/proc/self/fd";
 constexpr std::string_view kNameStart = "/kestrowan-download-";
 constexpr mode_t kOwnerOnly = 0600;
 constexpr int kLinkAttempts = 16;
+constexpr std::size_t kCheckedBytes = std::size_t{4} << 20;
 
 NSError fileError(NSURLErrorCode code, int number) {
   return urlError(code, std::generic_category().message(number));
@@ -43,7 +45,8 @@ std::string randomName() {
 
 }  // namespace
 
-CurlDownloadFile::CurlDownloadFile(std::string directory) : directory_(std::move(directory)) {
+CurlDownloadFile::CurlDownloadFile(std::string directory, std::int64_t reservedCapacity)
+    : directory_(std::move(directory)), reservedCapacity_(reservedCapacity) {
 #ifdef O_TMPFILE
   // A nameless file gets its name through /proc.
   if (::access(kOwnDescriptors, X_OK) == 0)
@@ -64,7 +67,19 @@ CurlDownloadFile::~CurlDownloadFile() {
   if (!path_.empty()) ::unlink(path_.c_str());
 }
 
+/// A look at the disk once in a while, for a server that sends without end.
+void CurlDownloadFile::checkCapacity(std::size_t more) {
+  unchecked_ += more;
+  if (reservedCapacity_ == 0 || unchecked_ < kCheckedBytes) return;
+  unchecked_ = 0;
+  struct statvfs disk;
+  if (::fstatvfs(fd_.get(), &disk) != 0) return;
+  const auto left = static_cast<std::int64_t>(disk.f_bavail * disk.f_frsize);
+  if (left < reservedCapacity_) throw fileError(NSURLErrorCannotWriteToFile, ENOSPC);
+}
+
 void CurlDownloadFile::write(std::string_view data) {
+  checkCapacity(data.size());
   while (!data.empty()) {
     const auto count = ::write(fd_.get(), data.data(), data.size());
     if (count > 0) {
@@ -98,8 +113,9 @@ void CurlDownloadFile::link() {
 }
 
 void CurlDownloadSink::open() {
-  file_ = std::make_unique<CurlDownloadFile>(
-      NSFileManager::defaultManager()->temporaryDirectory().path());
+  const auto files = NSFileManager::defaultManager();
+  file_ = std::make_unique<CurlDownloadFile>(files->temporaryDirectory().path(),
+                                             files->reservedCapacity());
 }
 
 bool CurlDownloadSink::write(std::string_view data) {

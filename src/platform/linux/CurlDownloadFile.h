@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,7 +18,8 @@ namespace kestrowan {
 /// leaves nothing. Not thread-safe; every failure throws `NSError` of `NSURLErrorDomain`.
 class CurlDownloadFile {
  public:
-  explicit CurlDownloadFile(std::string directory);
+  /// Writing fails when less than `reservedCapacity` bytes are left of the disk, more or less.
+  explicit CurlDownloadFile(std::string directory, std::int64_t reservedCapacity = 0);
   CurlDownloadFile(const CurlDownloadFile&) = delete;
   CurlDownloadFile& operator=(const CurlDownloadFile&) = delete;
   ~CurlDownloadFile();
@@ -26,10 +29,13 @@ class CurlDownloadFile {
   std::string publish();
 
  private:
+  void checkCapacity(std::size_t more);
   void link();
 
   std::string directory_;
   std::string path_;  // empty while the file has no name
+  const std::int64_t reservedCapacity_;
+  std::size_t unchecked_ = 0;
   UniqueFd fd_;
 };
 

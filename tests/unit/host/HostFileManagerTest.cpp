@@ -50,6 +50,12 @@ TEST_F(HostFileManagerTest, TemporaryFilesLieInTheStateDirectory) {
             state_.path() + "/temporary");
 }
 
+TEST_F(HostFileManagerTest, DownloadsLeaveAGibibyteFree) {
+  EXPECT_EQ(NSFileManager::defaultManager()->reservedCapacity(), 0) << "there is no such folder";
+  fs::create_directory(state_.path() + "/temporary");
+  EXPECT_GE(NSFileManager::defaultManager()->reservedCapacity(), std::int64_t{1} << 30);
+}
+
 TEST_F(HostFileManagerTest, ABridgeFileOfTheUsersOwnIsRead) {
   EXPECT_TRUE(isConfigured());
 }
