@@ -63,8 +63,6 @@ struct Options {
   std::chrono::milliseconds freshTime{2000};
   std::chrono::milliseconds usableTime{30000};
   std::chrono::milliseconds listingWait{3000};
-  /// A download from which nothing came for so long is given up by whoever waits for it.
-  std::chrono::milliseconds stallLimit{60000};
 };
 
 }  // namespace kestrowan::replica
