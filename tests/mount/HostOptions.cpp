@@ -47,7 +47,6 @@ HostOptions::HostOptions(const JSONValue& json) : state(text(json, "state")) {
   set(json, "freshTime", replica.freshTime);
   set(json, "usableTime", replica.usableTime);
   set(json, "listingWait", replica.listingWait);
-  set(json, "stallLimit", replica.stallLimit);
 
   mount.mountPoint = text(json, "mountPoint");
   mount.stateDirectory = state;
