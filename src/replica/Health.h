@@ -31,7 +31,7 @@ class Health {
   /// The same for somebody who waited since then (milliseconds since 1970-01-01 UTC) for something
   /// else than an answer: one to anybody else is enough.
   void noteWaited(std::int64_t since) {
-    if (lastAnswer_ < since) slow_ = true;
+    if (lastAnswer_ <= since) slow_ = true;
   }
   bool isSlow() const { return slow_; }
   /// The outcome of any request, but not of those that were stopped.

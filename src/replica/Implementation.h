@@ -98,8 +98,8 @@ class Replica::Implementation {
                  const Move& move) const;
   void syncSource(const Move& move);
   void keepHereOnly(const ItemPtr& item);
-  /// Fetches for a caller while whom the kernel lets nobody at the folder: takes as long as it
-  /// takes while the provider answers, and ends soon when it does not. Without the lock.
+  /// Fetches for a caller during whose wait the kernel lets nobody else at the folder: waits as
+  /// long as the provider answers anything, and only shortly when it does not. Without the lock.
   void fetchWhileAnswered(const ItemPtr& item, Completion<Done> completion);
   struct FetchWaiter;
   void watchFetch(const std::shared_ptr<FetchWaiter>& waiter);

@@ -91,6 +91,38 @@ TEST_F(SendingTest, ChangeOfNamesWaitsThreeSecondsForTheVerdict) {
   EXPECT_TRUE(world.server().stat("/docs"));
 }
 
+TEST_F(SendingTest, OnlyTheFirstChangeOfNamesWaitsForAServerThatHangs) {
+  world.extension().setLatency(minutes(5));
+  world.makeFolder("/first");
+  const auto before = world.loop().now();
+  world.makeFolder("/second");
+  EXPECT_EQ(world.loop().now(), before);
+}
+
+TEST_F(SendingTest, FolderOfWhichNothingIsKnownIsNotRemovedWhileTheServerHangs) {
+  world.server().makeFolder("/far");
+  world.advance(seconds(31));
+  world.list("/");
+  world.extension().setLatency(minutes(5));
+  const auto before = world.loop().now();
+  EXPECT_EQ(errorOf([&] { world.removeFolder("/far"); }),
+            std::string(NSPOSIXErrorDomain) + " " + std::to_string(ETIMEDOUT));
+  EXPECT_LE(world.loop().now() - before, seconds(4));
+  EXPECT_TRUE(world.server().stat("/far"));
+}
+
+TEST_F(SendingTest, RenameOverAFileDoesNotWaitForContentsFromAServerThatHangs) {
+  world.server().writeFile("/a", "a");
+  world.server().writeFile("/b", "b");
+  world.advance(seconds(31));
+  world.list("/");
+  world.extension().setLatency(minutes(5));
+  const auto before = world.loop().now();
+  EXPECT_EQ(errorOf([&] { world.rename("/a", "/b"); }),
+            std::string(NSPOSIXErrorDomain) + " " + std::to_string(ETIMEDOUT));
+  EXPECT_LE(world.loop().now() - before, seconds(10));
+}
+
 TEST_F(SendingTest, FourUploadsRunAtOnce) {
   world.extension().setLatency(milliseconds(500));
   for (int number = 0; number < 20; ++number) world.write("/f" + std::to_string(number), "x");
