@@ -127,21 +127,24 @@ EvictionResult Replica::Implementation::evict(Rid rid) {
 
 void Replica::Implementation::setPinned(Rid rid, bool pinned) {
   std::lock_guard lock(core.mutex);
-  ItemStore::Transaction transaction(core.store);
-  for (const ItemPtr& item : subtree(core.require(rid))) {
-    item->pinned = pinned;
-    core.save(item);
-    if (!pinned) continue;
+  const auto items = subtree(core.require(rid));
+  {
+    Rows::Batch batch(core.rows);
+    for (const ItemPtr& item : items) {
+      item->pinned = pinned;
+      core.save(item);
+    }
+  }
+  for (const ItemPtr& item : items) {
+    if (!pinned) break;
     if (item->isFolder()) {
       // What is in it is only known once it has been listed.
-      if (item->base) {
-        lister.look(item);
-      }
+      if (item->base) lister.look(item);
     } else {
       fetcher.fetchLater(item);
     }
   }
-  transaction.commit();
+  core.rows.requireWritten();
 }
 
 void Replica::Implementation::retry(Rid rid) {
@@ -204,6 +207,11 @@ std::size_t Replica::Implementation::discard(Rid rid) {
     return core.table.path(*a).size() > core.table.path(*b).size();
   });
   for (const ItemPtr& item : pending) discardOne(item);
+  // What still differs, because its name was not free in time, is sent after all.
+  for (const ItemPtr& item : pending) {
+    if (item->isPending()) sender.changed(item, {});
+  }
+  core.rows.requireWritten();
   return pending.size();
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <shared_mutex>
 
 #include "platform/base/UniqueFd.h"
@@ -14,8 +15,12 @@ namespace kestrowan::replica {
 /// `mutex`: shared to read and to write, exclusively to exchange it.
 struct Contents {
   std::shared_mutex mutex;
+  /// Held, before `mutex`, by whoever makes the file one that may be changed.
+  std::mutex preparing;
   UniqueFd file;
   ContentNumber number = 0;
+  /// How often the file has been frozen. Under `mutex`.
+  std::uint64_t freezes = 0;
   /// Set while the file is being sent: whoever wants to write exchanges it for a copy first.
   std::atomic<bool> frozen = false;
   /// Whether it stands on disk that these contents are changed.

@@ -28,6 +28,7 @@ Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
       store(directory),
       contents(directory),
       provider(loop, {options.metadataCalls, options.downloads, options.uploads}),
+      rows(store, loop, mutex),
       random(std::random_device()()) {}
 
 ItemPtr Core::require(Rid rid) const {
@@ -90,17 +91,19 @@ void Core::retire(ContentNumber number) {
 
 void Core::removeRetired() {
   std::vector<ContentNumber> numbers;
-  {
-    std::lock_guard lock(mutex);
-    numbers.swap(retired);
-  }
-  if (numbers.empty()) return;
   try {
+    {
+      std::lock_guard lock(mutex);
+      rows.requireWritten();
+      numbers.swap(retired);
+    }
+    if (numbers.empty()) return;
     store.sync();
     for (const ContentNumber number : numbers) contents.remove(number);
   } catch (const NSError& error) {
     replicaLog().error("contents stay that nobody needs: %{public}s",
                        {error.localizedDescription()});
+    loop.postAfter(kRetirement, [this] { removeRetired(); });
   }
 }
 
@@ -108,11 +111,15 @@ void Core::dropContents(const ItemPtr& item, bool recover) {
   const ContentNumber number = std::exchange(item->content, 0);
   item->contentsChanged = false;
   if (number == 0) return;
-  if (recover) {
+  if (!recover) {
+    retire(number);
+    return;
+  }
+  try {
     const std::string kept = contents.recover(number, item->name, seconds());
     log("kept in the recovery area", *item, kept);
-  } else {
-    retire(number);
+  } catch (const NSError& error) {
+    log("could not be kept in the recovery area", *item, error.localizedDescription());
   }
 }
 
@@ -131,7 +138,8 @@ void Core::forgetSent(const ItemPtr& item) {
 void Core::dropItem(const ItemPtr& item) {
   forgetSent(item);
   table.detach(item);
-  store.remove(item->rid);
+  rows.remove(item->rid);
+  if (dropped) dropped(item);
   releaseIfUnused(item);
 }
 
@@ -144,6 +152,7 @@ void Core::releaseIfUnused(const ItemPtr& item) {
 
 void Core::setBase(const ItemPtr& item, std::optional<Base> base) {
   const std::string before = item->base ? item->base->identifier : std::string();
+  Rows::Batch batch(rows);
   table.setBase(item, std::move(base));
   save(item);
   const std::string after = item->base ? item->base->identifier : std::string();

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,6 +20,7 @@
 #include "replica/Options.h"
 #include "replica/ProviderCalls.h"
 #include "replica/Replica.h"
+#include "replica/Rows.h"
 #include "replica/sqlite/ItemStore.h"
 
 namespace kestrowan::replica {
@@ -25,7 +28,7 @@ namespace kestrowan::replica {
 /// What the parts of a replica share: the items, their rows, their contents, the provider, and the
 /// one lock that guards the items. Owned by the replica, and outlives its parts.
 ///
-/// Lock order: a file's `Contents::mutex`, then `mutex`. Nothing is called back under the lock but
+/// Lock order: a file's `Contents::preparing`, its `Contents::mutex`, then `mutex`. Nothing is called back under the lock but
 /// the observer. What is marked "locked" is called with the lock held.
 struct Core {
   Core(const std::string& directory, Loop& loop, Options options);
@@ -39,6 +42,7 @@ struct Core {
   ProviderCalls provider;
 
   mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`
+  Rows rows;
   ItemTable table;
   Observer* observer = nullptr;
   Sequence sequence = 0;
@@ -53,10 +57,17 @@ struct Core {
   std::mt19937_64 random;
   /// Contents that no row names, but perhaps one did when rows were durable last.
   std::vector<ContentNumber> retired;
+  /// Told, locked, of each item that has been taken out of the tree.
+  std::function<void(const ItemPtr&)> dropped;
 
   /// Milliseconds and whole seconds since 1970-01-01 UTC.
   std::int64_t milliseconds() const { return loop.wallClock(); }
   std::int64_t seconds() const { return loop.wallClock() / 1000; }
+  /// Milliseconds of a clock that is never set.
+  std::int64_t uptime() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(loop.now().time_since_epoch())
+        .count();
+  }
 
   // Locked.
 
@@ -72,7 +83,7 @@ struct Core {
   ItemPtr makeItem(Rid parent, std::string name, ItemKind kind);
   FolderRuntime& folder(const ItemPtr& item);
   SyncRuntime& sync(const ItemPtr& item);
-  void save(const ItemPtr& item) { store.save(*item); }
+  void save(const ItemPtr& item) { rows.save(item); }
   /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
   void dropItem(const ItemPtr& item);
   /// Removes contents that a row named, once a power failure cannot bring that row back.

@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::int64_t kGibibyte = std::int64_t{1} << 30;
 constexpr std::chrono::milliseconds kWatchInterval{60000};
+/// Seconds. Nothing that is still being fetched stays unchanged for so long.
+constexpr std::int64_t kLeftoverAge = 3600;
 
 }  // namespace
 
@@ -84,16 +86,28 @@ void Fetcher::makeRoom(std::int64_t needed) {
   }
 }
 
+void Fetcher::keepLimits() {
+  using std::chrono::seconds;
+  makeRoom(0);
+  core_.contents.trimRecovery(
+      core_.options.recoveryLimit,
+      core_.seconds() -
+          std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
+  core_.contents.sweepTemporary(core_.seconds() - kLeftoverAge);
+  if (core_.sending.empty() && inFlight_ == 0 && core_.rows.areWritten()) core_.store.compact();
+}
+
 void Fetcher::watchLimits() {
   core_.loop.postAfter(kWatchInterval, [this] {
     {
       std::lock_guard lock(core_.mutex);
       if (core_.stopped) return;
-      makeRoom(0);
-      core_.contents.trimRecovery(
-          core_.options.recoveryLimit,
-          core_.seconds() -
-              std::chrono::duration_cast<std::chrono::seconds>(core_.options.recoveryTime).count());
+      try {
+        keepLimits();
+      } catch (const NSError& error) {
+        core_.log("the limits of the disk cannot be kept", *core_.table.find(kRootRid),
+                  error.localizedDescription());
+      }
     }
     watchLimits();
   });

@@ -10,6 +10,7 @@
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "replica/ErrorClass.h"
 #include "replica/LoopTask.h"
+#include "replica/PendingCall.h"
 
 namespace kestrowan::replica {
 
@@ -87,8 +88,33 @@ Task<void> Fetcher::run(ItemPtr item) {
   finish(item, error);
 }
 
+/// A request in flight that changes where the provider has the item; null when there is none.
+ItemPtr Fetcher::moverOf(const Item& item) const {
+  const auto found = std::find_if(
+      core_.sending.begin(), core_.sending.end(), [&](const ItemPtr& other) {
+        return other->rid == item.rid ||
+               (other->sync->wholeFolder && (core_.table.isWithin(item, other->rid) ||
+                                             core_.table.isWithinAtProvider(item, other->rid)));
+      });
+  return found == core_.sending.end() ? nullptr : *found;
+}
+
+Task<void> Fetcher::untilItStays(ItemPtr item) {
+  for (;;) {
+    auto ended = std::make_shared<PendingCall<Done>>(core_.loop);
+    {
+      std::lock_guard lock(core_.mutex);
+      const ItemPtr mover = moverOf(*item);
+      if (!mover) co_return;
+      mover->sync->endWaiters.push_back(ended);
+    }
+    co_await ended->result();
+  }
+}
+
 Task<std::optional<NSError>> Fetcher::attempt(ItemPtr item) {
   for (int tries = 1;; ++tries) {
+    co_await untilItStays(item);
     Base before;
     {
       std::lock_guard lock(core_.mutex);
@@ -99,7 +125,12 @@ Task<std::optional<NSError>> Fetcher::attempt(ItemPtr item) {
     std::lock_guard lock(core_.mutex);
     if (core_.stopped) co_return posixError(EIO);
     health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
-    if (!outcome.succeeded()) co_return outcome.error();
+    if (!outcome.succeeded()) {
+      // Perhaps it was looked for where it no longer is.
+      const bool moved = item->base && item->base->identifier != before.identifier;
+      if ((moved || moverOf(*item)) && tries < kTries) continue;
+      co_return outcome.error();
+    }
     auto problem = adopt(item, before, outcome.value(), tries >= kTries);
     if (!problem) co_return std::nullopt;
     ::unlink(outcome.value().path.c_str());
@@ -115,12 +146,16 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
                                       const FetchedFile& file, bool last) {
   if (item->gone || !item->base) return posixError(ESTALE);
   // Somebody wrote new contents meanwhile.
-  if (item->content != 0) return std::nullopt;
+  if (item->content != 0) {
+    ::unlink(file.path.c_str());
+    return std::nullopt;
+  }
   const auto bytes = sizeOfFile(file.path);
   if (!bytes) return posixError(EIO);
   Base after = baseOf(*file.item, item->base->parent, core_.options);
   const bool sameVersion =
-      after.version == before.version || !after.versionKnown || !before.versionKnown;
+      after.version == before.version || !after.versionKnown || !before.versionKnown ||
+      (core_.options.sameContents && core_.options.sameContents(before.version, after.version));
   const std::int64_t announced = after.versionKnown ? after.size : before.size;
   const bool same = sameVersion && *bytes == announced;
   if (!same && !last) {
@@ -136,8 +171,9 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     core_.log("fetched with another size than announced", *item);
     return NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
   }
-  const ContentNumber number = core_.store.nextNumber();
+  ContentNumber number = 0;
   try {
+    number = core_.store.nextNumber();
     core_.contents.adopt(number, file.path);
     Base base = *item->base;
     if (after.versionKnown && same) {
@@ -152,6 +188,8 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     const bool dated = item->modified != modifiedOf(*item->base);
     item->content = number;
     item->contentsChanged = false;
+    // Whoever wanted it is about to open it.
+    item->lastUse = core_.seconds();
     item->size = *bytes;
     // A time that an application set stays.
     if (!dated) item->modified = modifiedOf(base);
@@ -160,7 +198,7 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     if (sizeChanged) core_.itemChanged(item->rid, false);
   } catch (const NSError& error) {
     item->content = 0;
-    core_.contents.remove(number);
+    if (number != 0) core_.contents.remove(number);
     return error;
   }
   return std::nullopt;

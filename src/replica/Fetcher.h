@@ -33,7 +33,10 @@ class Fetcher {
   void watchLimits();
 
  private:
+  void keepLimits();
   void begin(const ItemPtr& item);
+  ItemPtr moverOf(const Item& item) const;
+  Task<void> untilItStays(ItemPtr item);
   Task<void> run(ItemPtr item);
   Task<std::optional<NSError>> attempt(ItemPtr item);
   std::optional<NSError> adopt(const ItemPtr& item, const Base& before, const FetchedFile& file,

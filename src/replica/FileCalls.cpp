@@ -18,6 +18,21 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 /// How long `close` and `fsync` wait for the provider, when they are to.
 constexpr milliseconds kContentsWait{10 * 60 * 1000};
 
+/// A copy of contents on its way to become an item's; removed when it does not.
+struct Copy {
+  explicit Copy(ContentStore& contents) : store(contents) {}
+  Copy(const Copy&) = delete;
+  Copy& operator=(const Copy&) = delete;
+  ~Copy() {
+    if (number != 0) store.remove(number);
+  }
+  ContentNumber keep() { return std::exchange(number, 0); }
+
+  ContentStore& store;
+  ContentNumber number = 0;
+  UniqueFd file;
+};
+
 void setFileModified(const std::string& path, std::int64_t modified) {
   std::int64_t rest = modified % kSecond;
   if (rest < 0) rest += kSecond;
@@ -46,16 +61,9 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
   auto open = [this, item, mode, completion = std::move(completion)](const Outcome<Done>&) {
     if (mode.truncate) {
       finishOpen(item, mode, completion);
-      return;
+    } else {
+      fetchAndOpen(item, mode, completion);
     }
-    // Does nothing for contents that are here.
-    fetcher.fetch(item, [this, item, mode, completion](const Outcome<Done>& fetched) {
-      if (fetched.succeeded()) {
-        finishOpen(item, mode, completion);
-      } else {
-        explain(item, fetched.error(), completion);
-      }
-    });
   };
   if (!mode.truncate) fetcher.walked(item);
   // Whoever opens a file wants to see what others closed before.
@@ -64,6 +72,18 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
   } else {
     open(Done{});
   }
+}
+
+/// Fetches nothing when the contents are here.
+void Replica::Implementation::fetchAndOpen(const ItemPtr& item, OpenMode mode,
+                                           const Completion<std::shared_ptr<OpenFile>>& completion) {
+  fetcher.fetch(item, [this, item, mode, completion](const Outcome<Done>& fetched) {
+    if (fetched.succeeded()) {
+      finishOpen(item, mode, completion);
+    } else {
+      explain(item, fetched.error(), completion);
+    }
+  });
 }
 
 /// Fails a call on an item whose error leaves open what is wrong only after a look at its folder.
@@ -101,12 +121,17 @@ void Replica::Implementation::finishOpen(const ItemPtr& item, OpenMode mode,
     if (mode.truncate) emptyContents(item);
     std::lock_guard lock(core.mutex);
     if (item->gone && !item->isLeftOver()) throw posixError(ESTALE);
-    file = open(item, mode.write);
+    // Contents that came a moment ago may have been given up again to make room.
+    if (item->content != 0) file = open(item, mode.write);
   } catch (const NSError& error) {
     completion(error);
     return;
   }
-  completion(std::move(file));
+  if (file) {
+    completion(std::move(file));
+  } else {
+    fetchAndOpen(item, mode, completion);
+  }
 }
 
 std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, bool writable) {
@@ -143,55 +168,63 @@ void Replica::Implementation::closed(const OpenFile& file) {
 }
 
 /// Makes the contents such that they may be changed: no longer those that are being sent, and noted
-/// on disk as changed.
+/// on disk as changed. What takes long is done while others can read.
 void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& contents) {
-  std::lock_guard still(contents.mutex);
-  UniqueFd copy;
-  ContentNumber number = 0;
-  if (contents.frozen) {
+  std::lock_guard one(contents.preparing);
+  UniqueFd file;
+  std::uint64_t freezes = 0;
+  bool frozen = false;
+  {
+    std::shared_lock still(contents.mutex);
+    if (contents.noted && !contents.frozen) return;
+    frozen = contents.frozen;
+    freezes = contents.freezes;
+    file = UniqueFd(::fcntl(contents.file.get(), F_DUPFD_CLOEXEC, 0));
+    if (!file) throw posixError(errno);
+  }
+  Copy copy(core.contents);
+  if (frozen) {
+    const auto begun = core.uptime();
     {
       std::lock_guard lock(core.mutex);
-      number = core.store.nextNumber();
+      copy.number = core.store.nextNumber();
     }
-    copy = core.contents.clone(contents.file.get(), number);
+    copy.file = core.contents.clone(file.get(), copy.number);
+    std::lock_guard lock(core.mutex);
+    core.sync(item).copyTime = core.uptime() - begun;
   }
   // A copy takes the place of what a power failure must not take; and contents that could be
   // fetched again, and were never synced, become ones that replace the provider's.
-  if (copy ? contents.promised || !contents.noted : !contents.noted) {
-    if (::fdatasync(copy ? copy.get() : contents.file.get()) != 0) {
-      const int error = errno;
-      if (copy) core.contents.remove(number);
-      throw posixError(error);
-    }
+  if (frozen ? contents.promised || !contents.noted : !contents.noted) {
+    if (::fdatasync(frozen ? copy.file.get() : file.get()) != 0) throw posixError(errno);
     core.contents.syncNames();
   }
+
+  std::lock_guard still(contents.mutex);
+  // Whoever wants to write looks again.
+  if (contents.frozen != frozen || contents.freezes != freezes) return;
   std::lock_guard lock(core.mutex);
-  if (item->gone) {
-    // Nobody will ask for these contents again; the open file is all there is.
-    if (copy) {
-      contents.file = std::move(copy);
-      core.contents.remove(number);
-    }
-  } else {
+  if (!item->gone) {
     const ContentNumber before = item->content;
     const bool wasChanged = item->contentsChanged;
-    if (copy) item->content = number;
+    if (frozen) item->content = copy.number;
     item->contentsChanged = true;
-    try {
-      core.save(item);
-    } catch (const NSError&) {
+    core.save(item);
+    requireWritten([&] {
       item->content = before;
       item->contentsChanged = wasChanged;
-      if (copy) core.contents.remove(number);
-      throw;
-    }
-    if (copy) {
-      contents.file = std::move(copy);
-      contents.number = number;
+      core.save(item);
+    });
+    if (frozen) {
+      contents.number = copy.keep();
+      contents.file = std::move(copy.file);
       if (!core.areNeeded(*item, before)) core.retire(before);
     }
-    item->lastWrite = core.milliseconds();
+    item->lastWrite = core.uptime();
     if (item->isPending()) sender.changed(item, Sender::kQuietTime);
+  } else if (frozen) {
+    // Nobody will ask for these contents again; the open file is all there is.
+    contents.file = std::move(copy.file);
   }
   contents.frozen = false;
   contents.noted = true;
@@ -204,7 +237,7 @@ void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& co
     item->size = status.st_size;
     item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
   }
-  item->lastWrite = core.milliseconds();
+  item->lastWrite = core.uptime();
 }
 
 /// Makes the item's contents empty, without a look at what they were.
@@ -221,14 +254,25 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     if (item->gone) throw posixError(ESTALE);
     if (item->contents.lock() != open) continue;
     const ContentNumber before = item->content;
+    const bool wasChanged = item->contentsChanged;
+    const std::int64_t size = item->size;
+    const std::int64_t modified = item->modified;
     const ContentNumber number = core.store.nextNumber();
     UniqueFd file = core.contents.create(number);
     item->content = number;
     item->contentsChanged = true;
     item->size = 0;
     item->modified = core.milliseconds() * 1'000'000;
-    item->lastWrite = core.milliseconds();
+    item->lastWrite = core.uptime();
     core.save(item);
+    requireWritten([&] {
+      item->content = before;
+      item->contentsChanged = wasChanged;
+      item->size = size;
+      item->modified = modified;
+      core.save(item);
+      core.contents.remove(number);
+    });
     if (before != 0 && !core.areNeeded(*item, before)) core.retire(before);
     if (open) {
       open->file = std::move(file);
@@ -255,7 +299,7 @@ void Replica::Implementation::flush(const std::shared_ptr<OpenFile>& file,
     if (!unreported && waits) {
       item->sendNow = true;
       sender.changed(item, milliseconds(0));
-      sender.awaitVerdict(item, kContentsWait, std::move(completion));
+      sender.awaitArrival(item, kContentsWait, std::move(completion));
       return;
     }
     if (file->isWritable() && item->isPending() && !item->removed && !item->gone &&
@@ -272,27 +316,35 @@ void Replica::Implementation::flush(const std::shared_ptr<OpenFile>& file,
 
 void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
                                     Completion<Done> completion) {
-  const int result = file->read([&file](int fd) {
-    if (::fdatasync(fd) != 0) return errno;
+  UniqueFd synced;
+  file->read([&](int fd) {
+    synced = UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    // A copy that takes the place of the file from now on is synced as it is made.
     file->contents()->promised = true;
     return 0;
   });
-  if (result != 0) throw posixError(result);
+  // Takes long, and nobody must wait for it who wants to read, write or send.
+  if (!synced || ::fdatasync(synced.get()) != 0) throw posixError(errno);
   core.contents.syncNames();
   const ItemPtr& item = file->item();
   {
     // Contents that are shorter than their row says are taken for damaged.
     std::lock_guard lock(core.mutex);
     if (!item->gone && item->contentsChanged) core.save(item);
+    core.rows.requireWritten();
   }
   core.store.sync();
   {
     std::lock_guard lock(core.mutex);
     if (item->isPending() && !item->removed) {
-      item->sendNow = true;
-      sender.changed(item, core.options.fsyncWaits ? milliseconds(0) : core.options.sendDelay);
-      if (core.options.fsyncWaits) {
-        sender.awaitVerdict(item, kContentsWait, std::move(completion));
+      const bool waits = core.options.fsyncWaits;
+      // One that follows another soon must not put off what that one began.
+      const bool isUnderWay = std::exchange(item->sendNow, true);
+      if (waits || !isUnderWay) {
+        sender.changed(item, waits ? milliseconds(0) : core.options.sendDelay);
+      }
+      if (waits) {
+        sender.awaitArrival(item, kContentsWait, std::move(completion));
         return;
       }
     }
@@ -322,6 +374,7 @@ void Replica::Implementation::setAttributes(Rid rid, const AttributeChange& chan
       if (change.mode) item->mode = static_cast<std::uint16_t>(*change.mode & 0777);
       if (change.modified) setModified(item, *change.modified);
       if (!item->gone) core.save(item);
+      core.rows.requireWritten();
       result = core.attributes(*item);
     } catch (const NSError& error) {
       completion(error);

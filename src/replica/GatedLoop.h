@@ -8,14 +8,17 @@
 
 namespace kestrowan::replica {
 
-/// A loop for one owner: what was given to it and has not run when it is destroyed never runs.
-/// Destroyed on another thread than the loop's, it waits for the function that is running.
+/// A loop for one owner: what was given to it and has not run when it is closed never runs. Closed
+/// on another thread than the loop's, it waits for the function that is running; so its owner
+/// closes it before anything that such a function uses goes.
 class GatedLoop : public Loop {
  public:
   explicit GatedLoop(Loop& loop) : loop_(loop), gate_(std::make_shared<Gate>()) {}
   GatedLoop(const GatedLoop&) = delete;
   GatedLoop& operator=(const GatedLoop&) = delete;
-  ~GatedLoop() override {
+  ~GatedLoop() override { close(); }
+
+  void close() {
     std::lock_guard lock(gate_->mutex);
     gate_->open = false;
   }

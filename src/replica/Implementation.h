@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -79,6 +80,8 @@ class Replica::Implementation {
 
   void explain(const ItemPtr& item, const NSError& error,
                const Completion<std::shared_ptr<OpenFile>>& completion);
+  void fetchAndOpen(const ItemPtr& item, OpenMode mode,
+                    const Completion<std::shared_ptr<OpenFile>>& completion);
   void finishOpen(const ItemPtr& item, OpenMode mode,
                   const Completion<std::shared_ptr<OpenFile>>& completion);
   std::shared_ptr<OpenFile> open(const ItemPtr& item, bool writable);
@@ -90,6 +93,7 @@ class Replica::Implementation {
   void checkNewName(const ItemPtr& folder, const std::string& name, ItemKind kind) const;
   void checkChangeable(const ItemPtr& folder) const;
   bool staysHere(const std::string& name, ItemKind kind) const;
+  void requireWritten(const std::function<void()>& undo);
   void removeItem(const ItemPtr& item, Completion<Done> completion);
   /// Both give the item whose contents have to be fetched before the move can be made, or null
   /// when it is made.

@@ -11,6 +11,7 @@
 #include "platform/foundation/NSError.h"
 #include "replica/Contents.h"
 #include "replica/Listing.h"
+#include "replica/PendingCall.h"
 #include "replica/Records.h"
 #include "replica/Walk.h"
 
@@ -38,9 +39,9 @@ struct FolderRuntime {
   Walk folderWalk;
   /// Names that the provider no longer has by a change of ours, and when that was confirmed.
   std::unordered_map<std::string, Sequence> left;
-  /// Materialised files that the last listing lacked, awaiting another that agrees.
-  std::set<Rid> missing;
-  std::int64_t missingSince = 0;
+  /// Materialised items that the last listings lacked and since when, in milliseconds since
+  /// 1970-01-01 UTC; they await another listing that agrees.
+  std::unordered_map<Rid, std::int64_t> missing;
   /// Of a listing that lost suspiciously much, and was not applied; 0 for none.
   std::uint64_t suspectedDigest = 0;
   std::int64_t suspectedAt = 0;
@@ -53,19 +54,31 @@ struct SyncRuntime {
   Place place = Place::idle;
   /// Key in the queue; keeps the order in which changes were made.
   std::uint64_t order = 0;
-  /// Milliseconds since 1970-01-01 UTC: when it was changed last, and when it may be sent.
+  /// Milliseconds since 1970-01-01 UTC: when it was changed last.
   std::int64_t changedAt = 0;
+  /// Milliseconds of uptime: when it may be sent.
   std::int64_t due = 0;
+  /// The same: when contents that somebody still had open were sent last; and how long it took to
+  /// copy them for who went on writing.
+  std::optional<std::int64_t> sentOpenAt;
+  std::int64_t copyTime = 0;
   /// Where the request in flight puts the item, and whether it concerns everything below it.
   Rid targetParent = 0;
   std::string targetName;
   bool wholeFolder = false;
-  /// Whoever waits for the provider's word on a change of names.
-  std::vector<Completion<Done>> verdictWaiters;
-  /// Items that must wait until this one's request has ended.
+  /// Whoever waits for the provider's word; without one they get an error, or success.
+  struct VerdictWaiter {
+    Completion<Done> completion;
+    bool needsWord = false;
+  };
+  std::vector<VerdictWaiter> verdictWaiters;
+  /// Items that must wait until this one's request has ended, and fetches that do.
   std::vector<Rid> blocked;
+  std::vector<std::shared_ptr<PendingCall<Done>>> endWaiters;
   /// Contents on their way to the provider.
   ContentNumber frozen = 0;
+  /// A listing said that what is removed here was changed at the provider.
+  bool changedThere = false;
   /// A refusal of contents that no `close` has reported yet.
   std::optional<NSError> unreported;
 };
@@ -80,11 +93,9 @@ struct Item : ItemRecord {
   std::uint32_t writers = 0;
   /// When what the provider has was last learnt from an answer to a change of ours.
   Sequence confirmed = 0;
-  /// Must be sent after this item's contents were; 0 for none.
-  Rid after = 0;
   /// To be sent although somebody has it open for writing.
   bool sendNow = false;
-  /// Milliseconds since 1970-01-01 UTC: the last write.
+  /// Milliseconds of uptime: the last write.
   std::int64_t lastWrite = 0;
   /// Waiters of a fetch in flight; the fetch is in flight while this is there.
   std::unique_ptr<std::vector<Completion<Done>>> fetching;
@@ -101,14 +112,14 @@ struct Item : ItemRecord {
   bool mustCreate() const { return !base && !removed && !localOnly; }
   bool mustRemove() const { return base && removed; }
   bool mustMove() const {
-    return base && !removed && (base->parent != parent || base->name != name);
+    return base && !removed && !localOnly && (base->parent != parent || base->name != name);
   }
-  bool mustSendContents() const { return base && !removed && contentsChanged; }
+  bool mustSendContents() const { return base && !removed && !localOnly && contentsChanged; }
   /// Removed while nobody knows whether the provider has got it.
   bool mustSettle() const { return !base && removed && sent; }
   bool isPending() const {
     return !gone && rid != kRootRid &&
-           (mustCreate() || mustRemove() || mustMove() || mustSendContents() || mustSettle());
+           (mustCreate() || mustRemove() || mustMove() || mustSendContents() || sent);
   }
 };
 

@@ -22,6 +22,8 @@ constexpr milliseconds kWatchInterval{30000};
 constexpr std::int64_t kUseTime = 120000;
 /// A folder that takes long to list is listed so much more rarely.
 constexpr std::int64_t kDurationFactor = 20;
+/// What such a folder's listing proves holds for so many times as long.
+constexpr std::int64_t kCertainFactor = 2;
 /// Without anything to show instead, somebody waits this long for a listing.
 constexpr milliseconds kFirstListingWait{60000};
 
@@ -45,13 +47,27 @@ bool Lister::isKnown(const Item& folder) const {
   return folder.listedAt != 0 || !folder.base;
 }
 
-bool Lister::isFresh(const Item& folder, std::int64_t within) const {
+/// Whether the folder was listed within so many milliseconds, or so many times the time that it
+/// takes.
+bool Lister::isRecent(const Item& folder, std::int64_t within, std::int64_t factor) const {
   // What only exists here is as fresh as can be.
   if (!folder.base) return true;
   if (folder.listedAt == 0) return false;
   const std::int64_t age = core_.milliseconds() - folder.listedAt;
-  const std::int64_t rest = folder.folder ? folder.folder->lastDuration * kDurationFactor : 0;
+  const std::int64_t rest = folder.folder ? folder.folder->lastDuration * factor : 0;
   return age >= 0 && age <= std::max(within, std::min(rest, core_.options.usableTime.count()));
+}
+
+bool Lister::isFresh(const Item& folder, std::int64_t within) const {
+  return isRecent(folder, within, kDurationFactor);
+}
+
+bool Lister::isCertain(const Item& folder) const {
+  return isRecent(folder, core_.options.freshTime.count(), kCertainFactor);
+}
+
+bool Lister::isComplete(const ItemPtr& folder, const Listing& listing) const {
+  return listing.refused == 0 && core_.folder(folder).suspectedDigest == 0;
 }
 
 void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completion) {
@@ -181,7 +197,10 @@ Task<void> Lister::run(ItemPtr folder) {
   }
   health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
   if (!outcome.succeeded()) {
-    if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
+    if (folder->base && folder->base->identifier != identifier) {
+      // It was looked for where it no longer is.
+      startOn(core_.loop, run(folder));
+    } else if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
       finish(folder, outcome.error());
     } else if (folder->rid != kRootRid) {
       startOn(core_.loop, lookForFolder(folder, outcome.error()));
@@ -205,9 +224,10 @@ Task<void> Lister::run(ItemPtr folder) {
   try {
     // An identifier that changed on the way belongs to another place now.
     if (folder->base->identifier == identifier) {
-      apply(folder, *listing);
-      folder->listedAt = at;
-      core_.save(folder);
+      if (apply(folder, *listing)) {
+        folder->listedAt = at;
+        core_.save(folder);
+      }
     }
     finish(folder, ListingPtr(listing));
     if (listing->entries.size() >= kLargeListing) {

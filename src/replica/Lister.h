@@ -35,9 +35,12 @@ class Lister {
   /// The same for a coroutine on the loop.
   Task<Outcome<ListingPtr>> listed(ItemPtr folder);
 
-  /// Whether the folder's children need no look at the provider. Locked.
-  bool isFresh(const Item& folder, std::int64_t within) const;
+  /// Whether what is known of the folder's children can be acted on at the provider: a listing of
+  /// the last two seconds, or of twice the time that listing the folder takes. Locked.
+  bool isCertain(const Item& folder) const;
   bool isKnown(const Item& folder) const;
+  /// Whether what a listing of the folder lacks is not there. Locked.
+  bool isComplete(const ItemPtr& folder, const Listing& listing) const;
 
   // Locked.
 
@@ -47,12 +50,15 @@ class Lister {
 
   /// Shows an entry that could not be shown before, should its name be free now.
   void insert(const ItemPtr& folder, const Listing::Entry& entry);
-  /// Applies a listing. Locked; for `list`, and for tests of it.
-  void apply(const ItemPtr& folder, const Listing& listing);
+  /// Applies a listing, unless it lacks so much that another must agree first; whether it did.
+  /// Locked; for `list`, and for tests of it.
+  bool apply(const ItemPtr& folder, const Listing& listing);
 
  private:
   struct Waiter;
 
+  bool isRecent(const Item& folder, std::int64_t within, std::int64_t factor) const;
+  bool isFresh(const Item& folder, std::int64_t within) const;
   void begin(const ItemPtr& folder);
   Task<void> run(ItemPtr folder);
   void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
@@ -63,6 +69,7 @@ class Lister {
 
   // What applying consists of.
   bool isSuspicious(const ItemPtr& folder, const Listing& listing);
+  bool isSame(const Item& item, const Base& listed) const;
   void update(const ItemPtr& item, const Listing::Entry& entry);
   void replaceContents(const ItemPtr& item, const Base& base);
   void vanish(const ItemPtr& item, bool certain);

@@ -56,9 +56,9 @@ bool Lister::isSuspicious(const ItemPtr& folder, const Listing& listing) {
   return true;
 }
 
-void Lister::apply(const ItemPtr& folder, const Listing& listing) {
-  if (isSuspicious(folder, listing)) return;
-  ItemStore::Transaction transaction(core_.store);
+bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
+  if (isSuspicious(folder, listing)) return false;
+  Rows::Batch batch(core_.rows);
   FolderRuntime& runtime = core_.folder(folder);
   runtime.shadowed.clear();
 
@@ -66,19 +66,24 @@ void Lister::apply(const ItemPtr& folder, const Listing& listing) {
   for (const ItemPtr& item : core_.table.serverChildren(folder->rid)) {
     if (item->isSending() || item->confirmed > listing.begun) continue;
     const auto* entry = listing.find(item->base->name);
-    if (!entry || entry->kind != item->kind) vanished.push_back(item);
-    if (entry) runtime.missing.erase(item->rid);
+    if (!entry || entry->kind != item->kind) {
+      vanished.push_back(item);
+    } else {
+      runtime.missing.erase(item->rid);
+    }
   }
 
   for (const auto& entry : listing.entries) {
     const ItemPtr known = core_.table.serverChild(folder->rid, entry.base.name);
     if (known && known->kind == entry.kind) {
+      if (known->removed && !isSame(*known, entry.base)) core_.sync(known).changedThere = true;
       if (!known->isSending() && known->confirmed <= listing.begun) update(known, entry);
       continue;
     }
     if (known) {
-      vanish(known, true);
       std::erase(vanished, known);
+      vanish(known, false);
+      if (!known->gone && known->base) continue;
     }
     if (core_.isBeingSentTo(folder->rid, entry.base.name)) {
       // It may be what is being sent, or be in its way.
@@ -113,7 +118,7 @@ void Lister::apply(const ItemPtr& folder, const Listing& listing) {
       if (!item->gone && item->base) vanish(item, false);
     }
   }
-  transaction.commit();
+  return true;
 }
 
 void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
@@ -145,12 +150,16 @@ void Lister::showBase(const ItemPtr& item) {
   item->modified = modifiedOf(*item->base);
 }
 
+/// Whether the provider has the same contents of an item as was known.
+bool Lister::isSame(const Item& item, const Base& listed) const {
+  return item.isFolder() || sameVersion(core_.options, *item.base, listed) ||
+         (!item.base->versionKnown && item.base->size == listed.size);
+}
+
 void Lister::update(const ItemPtr& item, const Listing::Entry& entry) {
   const Base& listed = entry.base;
   if (*item->base == listed) return;
-  const bool same = item->isFolder() || sameVersion(core_.options, *item->base, listed) ||
-                    (!item->base->versionKnown && item->base->size == listed.size);
-  if (same) {
+  if (isSame(*item, listed)) {
     // A dateless answer to an upload must not hide what is shown since.
     const bool shown = item->content != 0 || item->mode || item->isFolder();
     core_.setBase(item, listed);
@@ -188,12 +197,13 @@ void Lister::replaceContents(const ItemPtr& item, const Base& base) {
   core_.table.add(fresh);
   core_.save(fresh);
   core_.entryChanged(folder, fresh->name);
-  if (fresh->pinned) changed_(fresh);
+  if (fresh->pinned || fresh->isPending()) changed_(fresh);
 }
 
 bool Lister::holdsChanges(const ItemPtr& folder) const {
   for (const ItemPtr& child : core_.table.children(folder->rid)) {
     if (child->isPending() || child->isSending() || child->localOnly) return true;
+    if (child->writers > 0) return true;
     if (child->isFolder() && holdsChanges(child)) return true;
   }
   return false;
@@ -221,10 +231,8 @@ void Lister::vanish(const ItemPtr& item, bool certain) {
     const ItemPtr folder = core_.table.find(item->base->parent);
     FolderRuntime& runtime = core_.folder(folder);
     const std::int64_t now = core_.milliseconds();
-    if (runtime.missing.empty()) runtime.missingSince = now;
-    const bool seenBefore = runtime.missing.contains(item->rid);
-    if (!seenBefore || now - runtime.missingSince < kSecondLook) {
-      runtime.missing.insert(item->rid);
+    const auto since = runtime.missing.emplace(item->rid, now).first->second;
+    if (now - since < kSecondLook) {
       listLater(folder, milliseconds(kSecondLook));
       return;
     }

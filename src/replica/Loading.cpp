@@ -45,6 +45,7 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
 }
 
 Replica::Implementation::~Implementation() {
+  core.loop.close();
   core.removeRetired();
   try {
     core.contents.syncAll();
@@ -122,25 +123,27 @@ bool Replica::Implementation::loadRecord(ItemRecord record) {
 void Replica::Implementation::repair(bool isWhole) {
   std::unordered_set<ContentNumber> present;
   for (const ContentNumber number : core.contents.numbers()) present.insert(number);
-  ItemStore::Transaction transaction(core.store);
-  std::vector<ItemPtr> lost;
-  core.table.forEach([&](const ItemPtr& item) {
-    const ItemPtr folder = core.table.find(item->parent);
-    const bool isInTree = folder && folder->isFolder() && core.table.isWithin(*item, kRootRid);
-    if (item->content != 0) checkContents(item, present);
-    if (!isInTree || (!item->base && !item->isFolder() && item->content == 0)) lost.push_back(item);
-  });
-  for (const ItemPtr& item : lost) {
-    core.log("belongs to no folder, or has nothing in it", *item);
-    core.dropContents(item, item->contentsChanged || !item->base);
-    core.dropItem(item);
+  {
+    Rows::Batch batch(core.rows);
+    std::vector<ItemPtr> lost;
+    core.table.forEach([&](const ItemPtr& item) {
+      const ItemPtr folder = core.table.find(item->parent);
+      const bool isInTree = folder && folder->isFolder() && core.table.isWithin(*item, kRootRid);
+      if (item->content != 0) checkContents(item, present);
+      if (!isInTree || (!item->base && !item->isFolder() && item->content == 0)) lost.push_back(item);
+    });
+    for (const ItemPtr& item : lost) {
+      core.log("belongs to no folder, or has nothing in it", *item);
+      core.dropContents(item, item->contentsChanged || !item->base);
+      core.dropItem(item);
+    }
   }
+  core.rows.requireWritten();
   std::unordered_set<ContentNumber> orphans = std::move(present);
   core.table.forEach([&](const ItemPtr& item) {
     orphans.erase(item->content);
     if (item->sent) orphans.erase(item->sent->content);
   });
-  transaction.commit();
   settleOrphans(orphans, isWhole);
 }
 

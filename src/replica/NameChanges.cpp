@@ -43,6 +43,16 @@ void Replica::Implementation::checkNewName(const ItemPtr& folder, const std::str
   if (refused) throw posixError(EPERM);
 }
 
+/// What cannot be noted on disk must not be promised: `undo` takes it back, and the call fails.
+void Replica::Implementation::requireWritten(const std::function<void()>& undo) {
+  try {
+    core.rows.requireWritten();
+  } catch (const NSError&) {
+    undo();
+    throw;
+  }
+}
+
 void Replica::Implementation::createFile(Rid folderRid, std::string name, std::uint16_t mode,
                                          Completion<CreatedFile> completion) {
   ItemPtr folder;
@@ -69,14 +79,10 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
       item->content = core.store.nextNumber();
       core.contents.create(item->content);
       item->contentsChanged = true;
-      try {
-        core.save(item);
-      } catch (const NSError&) {
-        core.contents.remove(item->content);
-        throw;
-      }
       core.table.add(item);
-      item->lastWrite = core.milliseconds();
+      core.save(item);
+      requireWritten([&] { core.dropItem(item); });
+      item->lastWrite = core.uptime();
       sender.changed(item, Sender::kQuietTime);
       created = CreatedFile{core.attributes(*item), open(item, true)};
     } catch (const NSError& error) {
@@ -107,8 +113,9 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
       item->mode = static_cast<std::uint16_t>(mode & 0777);
       item->modified = core.milliseconds() * 1'000'000;
       item->pinned = folder->pinned;
-      core.save(item);
       core.table.add(item);
+      core.save(item);
+      requireWritten([&] { core.dropItem(item); });
       sender.changed(item, milliseconds(0));
       const Attributes attributes = core.attributes(*item);
       sender.awaitVerdict(item, core.options.verdictWait,
@@ -129,15 +136,16 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
 void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> completion) {
   require(*item, NSFileProviderItemCapability::allowsDeleting);
   if (!item->base && !item->isSending() && !item->sent) {
-    sender.withdraw(item);
     core.dropItem(item);
     core.answer<Done>(std::move(completion), Done{});
     return;
   }
-  ItemStore::Transaction transaction(core.store);
   core.table.setRemoved(item, true);
   core.save(item);
-  transaction.commit();
+  requireWritten([&] {
+    core.table.setRemoved(item, false);
+    core.save(item);
+  });
   if (item->isSending()) {
     core.answer<Done>(std::move(completion), Done{});
     return;
@@ -229,10 +237,11 @@ void Replica::Implementation::rename(Move move, Completion<Done> completion) {
     }
     if (!wanted) return;
     fetchWhileAnswered(wanted, [this, move, completion](const Outcome<Done>& fetched) {
-      if (fetched.succeeded()) {
+      try {
+        if (!fetched.succeeded()) throw fetched.error();
         rename(move, completion);
-      } else {
-        completion(fetched.error());
+      } catch (const NSError& error) {
+        completion(error);
       }
     });
   };
@@ -323,35 +332,39 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
                              ((replaces && target->base) || (here && !source->localOnly));
   if (needsContents) return source;
 
-  ItemStore::Transaction transaction(core.store);
-  if (replaces) {
-    core.table.setRemoved(target, true);
-    core.save(target);
-  }
-  core.table.place(source, move.newFolder, move.newName);
-  if (here && !source->localOnly) {
-    keepHereOnly(source);
-  } else if (!here && source->localOnly) {
-    source->localOnly = false;
-    source->contentsChanged = true;
-  }
-  core.save(source);
-  if (replaces) {
-    if (!target->base && !target->isSending() && !target->sent) {
-      sender.withdraw(target);
-      core.dropItem(target);
-    } else if (!target->isFolder() && !source->localOnly && target->base && !target->isSending() &&
-               !target->sent && !source->isSending()) {
-      sender.takeOver(source, target);
-    } else {
-      sender.changed(target, milliseconds(0));
+  // Where nothing can be written, nothing is begun.
+  core.rows.requireWritten();
+  {
+    Rows::Batch batch(core.rows);
+    if (replaces) {
+      core.table.setRemoved(target, true);
+      core.save(target);
+    }
+    core.table.place(source, move.newFolder, move.newName);
+    if (here && !source->localOnly) {
+      keepHereOnly(source);
+    } else if (!here && source->localOnly) {
+      source->localOnly = false;
+      source->contentsChanged = true;
+    }
+    core.save(source);
+    if (replaces) {
+      if (!target->base && !target->isSending() && !target->sent) {
+        core.dropItem(target);
+      } else if (!target->isFolder() && !source->localOnly && target->base && !target->isSending() &&
+                 !target->sent && !source->isSending()) {
+        sender.takeOver(source, target);
+      } else {
+        sender.changed(target, milliseconds(0));
+      }
     }
   }
-  transaction.commit();
 
   const bool withContents =
       source->mustSendContents() || (source->mustCreate() && !source->isFolder());
   sender.changed(source, withContents ? core.options.sendDelay : milliseconds(0));
+  // It is done here, and written as soon as it can be, but not promised.
+  core.rows.requireWritten();
   if (withContents || source->isSending() || !source->isPending()) {
     core.answer<Done>(std::move(completion), Done{});
   } else {

@@ -113,6 +113,8 @@ struct ItemRecord {
 
   Boxed<SyncFailure> failure;
   Boxed<SentRecord> sent;
+  /// Must be sent after this item's contents were; 0 for none.
+  Rid after = 0;
 
   /// Of a folder: when it was last listed, in milliseconds since 1970-01-01 UTC; 0 for never.
   std::int64_t listedAt = 0;

@@ -62,6 +62,8 @@ struct RecoveredFile {
 std::vector<RecoveredFile> recoveredFiles(const std::string& directory,
                                           std::vector<std::string>* folders = nullptr) {
   std::vector<RecoveredFile> files;
+  // It is a user's to look into, and perhaps to remove.
+  makePrivateDirectory(directory);
   for (const auto& name : namesIn(directory)) {
     const auto at = dateFromName(name);
     auto path = directory + "/" + name;
@@ -78,6 +80,7 @@ std::vector<RecoveredFile> recoveredFiles(const std::string& directory,
 /// Moves a file or folder into the recovery area under a name that is free there; gives its path.
 std::string moveThere(const std::string& source, const std::string& directory,
                       std::string_view name, std::int64_t at) {
+  makePrivateDirectory(directory);
   const auto prefix = dateText(at) + " ";
   const auto harmless = harmlessName(name);
   const auto parts = nameParts(harmless);

@@ -130,8 +130,13 @@ void Replica::fsync(const std::shared_ptr<OpenFile>& file, Completion<Done> comp
 
 void Replica::fsyncFolder(Rid) {
   // A name is nothing without the contents behind it.
-  implementation_->core.contents.syncNames();
-  implementation_->core.store.sync();
+  auto& core = implementation_->core;
+  core.contents.syncNames();
+  {
+    std::lock_guard lock(core.mutex);
+    core.rows.requireWritten();
+  }
+  core.store.sync();
 }
 
 std::string Replica::userAttribute(Rid item, std::string_view name) const {
@@ -169,7 +174,9 @@ void Replica::setUserAttribute(Rid item, std::string_view name, std::string_view
     bytes += attribute.first.size() + attribute.second.size();
   if (bytes > kMostAttributeBytes) throw posixError(ENOSPC);
   known->attributes = std::move(attributes);
-  if (!known->gone) core.save(known);
+  if (known->gone) return;
+  core.save(known);
+  core.rows.requireWritten();
 }
 
 void Replica::removeUserAttribute(Rid item, std::string_view name) {
@@ -180,7 +187,9 @@ void Replica::removeUserAttribute(Rid item, std::string_view name) {
     throw posixError(ENODATA);
   }
   if (known->attributes->empty()) known->attributes.reset();
-  if (!known->gone) core.save(known);
+  if (known->gone) return;
+  core.save(known);
+  core.rows.requireWritten();
 }
 
 ContentStore::Space Replica::space() const {

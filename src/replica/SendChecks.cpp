@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "platform/base/UniqueFd.h"
 #include "platform/fileprovider/NSFileProviderError.h"
@@ -72,7 +73,11 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
     found->name = known.name;
     std::lock_guard lock(core_.mutex);
     health_.note(std::nullopt);
-    if (found->identifier != known.identifier) found.reset();
+    if (found->identifier != known.identifier) {
+      // Something is there, but not said in a way that could be believed.
+      fail(item, NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse));
+      co_return false;
+    }
   } else {
     const ErrorClass kind = errorClass(outcome.error());
     if ((kind != ErrorClass::ambiguous && kind != ErrorClass::gone) || !folder) {
@@ -136,14 +141,16 @@ Task<Outcome<bool>> Sender::adoptIfSame(ItemPtr item, Base atProvider) {
 Task<bool> Sender::mayRemove(ItemPtr item) {
   Base known;
   ItemPtr folder;
-  bool fresh = false;
+  bool certain = false;
   {
     std::lock_guard lock(core_.mutex);
     known = *item->base;
     folder = core_.table.find(known.parent);
-    fresh = folder && lister_.isFresh(*folder, core_.options.freshTime.count());
+    // What was seen before the removal is part of what is known; after it nothing is.
+    certain = folder && lister_.isCertain(*folder) && item->sync->changedAt != 0 &&
+              !item->sync->changedThere;
   }
-  if (fresh) co_return true;
+  if (certain) co_return true;
   if (!folder) co_return false;
   // While the item is being sent a listing leaves it alone, so what it says is looked at here.
   const auto listed = co_await lister_.listed(folder);
@@ -152,12 +159,13 @@ Task<bool> Sender::mayRemove(ItemPtr item) {
     fail(item, listed.error());
     co_return false;
   }
+  if (item->gone || !item->mustRemove()) co_return false;
   const auto* entry = listed.value()->find(known.name);
-  if (!entry) {
-    acceptRemoval(item);
-    co_return false;
-  }
-  co_return !keepIfChanged(item, entry->base);
+  if (entry) co_return !keepIfChanged(item, entry->base);
+  // Where a listing is no proof, the request itself tells.
+  if (!lister_.isComplete(folder, *listed.value())) co_return true;
+  acceptRemoval(item);
+  co_return false;
 }
 
 /// A file that was removed here and changed there is kept. Whether that is so.
@@ -168,32 +176,44 @@ bool Sender::keepIfChanged(const ItemPtr& item, const Base& atProvider) {
   core_.setBase(item, atProvider);
   item->size = atProvider.size;
   item->modified = modifiedOf(atProvider);
-  resurrect(item);
+  core_.sync(item).changedThere = false;
+  resurrect(item, posixError(EBUSY));
   answerVerdict(item, posixError(EBUSY));
   return true;
 }
 
+/// Whether the provider has nothing in the folder but what was removed here with it, as it was.
 Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
-  const auto listed = co_await lister_.listed(folder);
-  std::lock_guard lock(core_.mutex);
-  if (!listed.succeeded()) {
-    const ErrorClass kind = errorClass(listed.error());
-    if (kind == ErrorClass::gone || folder->gone) {
-      acceptRemoval(folder);
-    } else {
-      fail(folder, listed.error());
+  std::vector<ItemPtr> unseen{folder};
+  while (!unseen.empty()) {
+    const ItemPtr at = unseen.back();
+    unseen.pop_back();
+    const auto listed = co_await lister_.listed(at);
+    std::lock_guard lock(core_.mutex);
+    if (!listed.succeeded()) {
+      const bool gone = errorClass(listed.error()) == ErrorClass::gone || at->gone;
+      if (gone && at != folder && !folder->gone) continue;
+      if (gone) {
+        acceptRemoval(folder);
+      } else {
+        fail(folder, listed.error());
+      }
+      co_return false;
     }
-    co_return false;
+    bool empty = listed.value()->refused == 0;
+    for (const auto& entry : listed.value()->entries) {
+      const ItemPtr child = core_.table.serverChild(at->rid, entry.base.name);
+      empty = empty && child && child->removed && child->kind == entry.kind &&
+              (child->isFolder() || sameContents(core_.options, *child->base, entry.base));
+      if (!empty) break;
+      if (child->isFolder()) unseen.push_back(child);
+    }
+    if (!empty) {
+      fail(folder, NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty));
+      co_return false;
+    }
   }
-  const bool empty = listed.value()->refused == 0 &&
-                     std::all_of(listed.value()->entries.begin(), listed.value()->entries.end(),
-                                 [&](const Listing::Entry& entry) {
-                                   const auto child =
-                                       core_.table.serverChild(folder->rid, entry.base.name);
-                                   return child && child->removed;
-                                 });
-  if (!empty) fail(folder, NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty));
-  co_return empty;
+  co_return true;
 }
 
 Task<Outcome<bool>> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
@@ -305,7 +325,8 @@ Task<bool> Sender::verify(ItemPtr item) {
   const bool hasMoved =
       moved && atTarget && (item->isFolder() || canBeMoved(*before, atTarget->base));
   if (removal && !atTarget) {
-    acceptRemoval(item);
+    // Where a listing is no proof, the next request tells.
+    if (lister_.isComplete(target, *listed.value())) acceptRemoval(item);
   } else if (removal && !item->isFolder()) {
     keepIfChanged(item, atTarget->base);
   } else if (!before && atTarget && atTarget->kind == item->kind &&

@@ -86,7 +86,6 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     const Rid shownIn = holder->parent;
     const std::string shown = holder->name;
     core_.dropContents(holder, true);
-    withdraw(holder);
     core_.dropItem(holder);
     core_.entryChanged(shownIn, shown);
   }
@@ -108,7 +107,11 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   // What a listing says soon is of our contents; later it may be of somebody else's.
   if (!base.versionKnown) lister_.look(folder);
   core_.setBase(item, std::move(base));
-  answerVerdict(item, std::nullopt);
+  item->sync->unreported.reset();
+  // Whoever waits for contents does so for the last ones.
+  if (!item->mustSendContents() || item->content == frozen.number) {
+    answerVerdict(item, std::nullopt);
+  }
   if (overwritten && item->content == frozen.number) {
     // Somebody else wrote in between, or the provider changes what it is sent. Ours is kept, theirs
     // is shown.
@@ -127,7 +130,18 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     }
     return false;
   }
-  return contentsSent && (written.remaining & NSFileProviderItemField::contents) == 0;
+  const bool arrived = contentsSent && (written.remaining & NSFileProviderItemField::contents) == 0;
+  if (arrived && written.fetchAgain && item->content == frozen.number) {
+    // The provider made other contents of them.
+    core_.dropContents(item, false);
+    item->contents.reset();
+    item->size = item->base->size;
+    item->modified = modifiedOf(*item->base);
+    core_.save(item);
+    core_.itemChanged(item->rid, true);
+    return false;
+  }
+  return arrived;
 }
 
 void Sender::acceptRemoval(const ItemPtr& item) {
@@ -144,14 +158,12 @@ void Sender::acceptRemoval(const ItemPtr& item) {
   }
   // What a copy elsewhere may still need, until every copy has arrived.
   const bool uploadsWait = !readyContents_.empty() || contentsRunning_ > 0 || !delayed_.empty();
-  ItemStore::Transaction transaction(core_.store);
+  Rows::Batch batch(core_.rows);
   for (const ItemPtr& each : gone) {
     if (each->content != 0 && uploadsWait) core_.dropContents(each, true);
     answerVerdict(each, std::nullopt);
-    if (each != item) withdraw(each);
     core_.dropItem(each);
   }
-  transaction.commit();
 }
 
 void Sender::postpone(const ItemPtr& item, const NSError& error, FailureClass failureClass,
@@ -164,12 +176,11 @@ void Sender::postpone(const ItemPtr& item, const NSError& error, FailureClass fa
   failure.code = error.code();
   failure.text = error.localizedDescription();
   ++failure.tries;
-  const std::int64_t due = core_.milliseconds() + delay.count();
-  failure.next = due / 1000;
+  failure.next = (core_.milliseconds() + delay.count()) / 1000;
   item->failure = failure;
   core_.save(item);
   if (failureClass == FailureClass::refused) return;
-  enqueue(item, due);
+  enqueue(item, delay);
 }
 
 void Sender::backOffLater(const ItemPtr& item, const NSError& error) {
@@ -181,14 +192,20 @@ void Sender::backOffLater(const ItemPtr& item, const NSError& error) {
   }
 }
 
+/// Whether somebody waits for the provider's word on a change that a refusal can undo: contents are
+/// kept, whoever waits for them.
+bool Sender::isAwaitedChangeOfNames(const Item& item) {
+  if (!item.sync || item.sync->verdictWaiters.empty()) return false;
+  return item.base ? item.mustMove() : item.isFolder();
+}
+
 void Sender::refuse(const ItemPtr& item, const NSError& error) {
   core_.forgetSent(item);
-  const bool aboutNames = !item->mustSendContents() || item->removed || item->mustMove();
-  const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
+  const bool awaited = isAwaitedChangeOfNames(*item);
   answerVerdict(item, error);
   if (item->removed) {
-    resurrect(item);
-  } else if (awaited && aboutNames) {
+    resurrect(item, error);
+  } else if (awaited) {
     rollBack(item);
   } else {
     core_.sync(item).unreported = error;
@@ -210,13 +227,14 @@ void Sender::rollBack(const ItemPtr& item) {
   core_.entryChanged(item->parent, item->name);
 }
 
-/// A removal did not come about: the item is there again.
-void Sender::resurrect(const ItemPtr& item) {
+/// A removal did not come about, for `reason`: the item is there again.
+void Sender::resurrect(const ItemPtr& item, const NSError& reason) {
   core_.forgetSent(item);
   if (core_.table.child(item->base->parent, item->base->name)) {
     // Its name was taken meanwhile, by something that the provider does not have.
     const ItemPtr here = core_.table.child(item->base->parent, item->base->name);
     if (here->base) {
+      answerVerdict(here, reason);
       rollBack(here);
     } else {
       bounce(here);
@@ -259,7 +277,7 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
   theirs->size = atProvider.size;
   theirs->modified = modifiedOf(atProvider);
 
-  ItemStore::Transaction transaction(core_.store);
+  Rows::Batch batch(core_.rows);
   core_.forgetSent(item);
   item->contentsChanged = true;
   core_.setBase(item, std::nullopt);
@@ -273,7 +291,6 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
   core_.save(item);
   core_.table.add(theirs);
   core_.setBase(theirs, atProvider);
-  transaction.commit();
 
   // When both the name and the contents were changed here, theirs still has to be moved.
   changed(theirs, milliseconds(0));
@@ -293,7 +310,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
     if (kind == ErrorClass::ambiguous || kind == ErrorClass::transient) {
       backOffLater(item, error);
     } else if (kind == ErrorClass::down || kind == ErrorClass::held) {
-      enqueue(item, core_.milliseconds() + kDownInterval.count());
+      enqueue(item, kDownInterval);
     } else {
       core_.forgetSent(item);
     }
@@ -307,14 +324,14 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       break;
     case ErrorClass::down:
       // The last of several requests may be the one that has not reached the server.
-      enqueue(item, core_.milliseconds() + kDownInterval.count());
+      enqueue(item, kDownInterval);
       break;
     case ErrorClass::held:
       postpone(item, error, FailureClass::held, kDownInterval);
       break;
     case ErrorClass::collision: {
       core_.forgetSent(item);
-      const bool awaited = item->sync && !item->sync->verdictWaiters.empty();
+      const bool awaited = isAwaitedChangeOfNames(*item);
       answerVerdict(item, error);
       if (awaited) {
         rollBack(item);
@@ -323,7 +340,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       }
       // What bears the name there must be seen.
       if (const ItemPtr folder = core_.table.find(item->parent)) folder->listedAt = 1;
-      enqueue(item, core_.milliseconds());
+      enqueue(item, milliseconds(0));
       break;
     }
     case ErrorClass::gone:
@@ -341,7 +358,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       answerVerdict(item, error);
       core_.forgetSent(item);
       if (item->removed) {
-        resurrect(item);
+        resurrect(item, error);
       } else {
         backOffLater(item, error);
       }

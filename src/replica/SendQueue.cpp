@@ -13,6 +13,10 @@ using std::chrono::milliseconds;
 
 /// Contents of at least this size let others go first.
 constexpr std::int64_t kLarge = std::int64_t{1} << 20;
+/// Copying a file that is written again and again takes no more than one part in so many.
+constexpr std::int64_t kCopyFactor = 20;
+/// A clock that was set back meanwhile must not make anything wait for longer.
+constexpr milliseconds kLongestWait{15 * 60 * 1000};
 
 bool isUpload(const Item& item) {
   return !item.isFolder() && (item.mustCreate() || item.mustSendContents());
@@ -26,7 +30,9 @@ struct Sender::SyncWaiter {
 };
 
 Sender::Sender(Core& core, Health& health, Lister& lister, Fetcher& fetcher)
-    : core_(core), health_(health), lister_(lister), fetcher_(fetcher) {}
+    : core_(core), health_(health), lister_(lister), fetcher_(fetcher) {
+  core_.dropped = [this](const ItemPtr& item) { withdraw(item); };
+}
 
 void Sender::changed(const ItemPtr& item, milliseconds delay) {
   if (item->failure) {
@@ -38,8 +44,12 @@ void Sender::changed(const ItemPtr& item, milliseconds delay) {
     return;
   }
   if (item->isSending()) return;
-  core_.sync(item).changedAt = core_.milliseconds();
-  enqueue(item, core_.milliseconds() + delay.count());
+  SyncRuntime& sync = core_.sync(item);
+  sync.changedAt = core_.milliseconds();
+  if (item->sendNow && sync.place == Place::delayed) {
+    delay = std::min(delay, milliseconds(std::max<std::int64_t>(0, sync.due - core_.uptime())));
+  }
+  enqueue(item, delay);
 }
 
 void Sender::withdraw(const ItemPtr& item) {
@@ -71,13 +81,13 @@ void Sender::unqueue(const ItemPtr& item) {
   sync.place = Place::idle;
 }
 
-void Sender::enqueue(const ItemPtr& item, std::int64_t due) {
+void Sender::enqueue(const ItemPtr& item, milliseconds delay) {
   unqueue(item);
   SyncRuntime& sync = core_.sync(item);
   if (sync.order == 0) sync.order = ++lastOrder_;
   sync.place = Place::delayed;
-  sync.due = due;
-  delayed_.insert({due, item->rid});
+  sync.due = core_.uptime() + delay.count();
+  delayed_.insert({sync.due, item->rid});
   schedule();
 }
 
@@ -87,7 +97,7 @@ void Sender::schedule() {
   const std::int64_t first = delayed_.begin()->first;
   if (timer_ && timer_->first <= first) return;
   if (timer_) core_.loop.cancel(timer_->second);
-  const std::int64_t wait = std::max<std::int64_t>(0, first - core_.milliseconds());
+  const std::int64_t wait = std::max<std::int64_t>(0, first - core_.uptime());
   timer_.emplace(first, core_.loop.postAfter(milliseconds(wait), [this, first] {
     {
       std::lock_guard lock(core_.mutex);
@@ -108,7 +118,7 @@ void Sender::makeReady(const ItemPtr& item) {
 void Sender::pump() {
   std::lock_guard lock(core_.mutex);
   if (core_.stopped) return;
-  const std::int64_t now = core_.milliseconds();
+  const std::int64_t now = core_.uptime();
   if (timer_ && timer_->first <= now) {
     core_.loop.cancel(timer_->second);
     timer_.reset();
@@ -143,11 +153,11 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
       makeReady(item);
       continue;
     }
-    const std::int64_t quiet = item->lastWrite + kQuietTime.count();
-    if (uploads && item->writers > 0 && !item->sendNow && quiet > core_.milliseconds()) {
-      enqueue(item, quiet);
+    if (const milliseconds wait = uploads ? openWait(item) : milliseconds(0); wait.count() > 0) {
+      enqueue(item, wait);
       continue;
     }
+    if (uploads && item->writers > 0) sync.sentOpenAt = core_.uptime();
     takeOverIfPossible(item);
     if (!item->isPending()) continue;
     if (const ItemPtr other = blocker(item)) {
@@ -160,6 +170,18 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
     ++running;
     start(item, uploads);
   }
+}
+
+/// How long contents that somebody has open for writing stay here yet.
+milliseconds Sender::openWait(const ItemPtr& item) const {
+  if (item->writers == 0 || !item->sync->verdictWaiters.empty()) return milliseconds(0);
+  std::int64_t until = item->sendNow ? 0 : item->lastWrite + kQuietTime.count();
+  if (item->sync->sentOpenAt) {
+    // Sending it may cost a copy each time.
+    const std::int64_t pause = std::max(kQuietTime.count(), item->sync->copyTime * kCopyFactor);
+    until = std::max(until, *item->sync->sentOpenAt + pause);
+  }
+  return milliseconds(std::max<std::int64_t>(0, until - core_.uptime()));
 }
 
 /// A new file in the place of a removed one becomes that one's new contents.
@@ -186,8 +208,7 @@ ItemPtr Sender::successor(const ItemPtr& item) const {
 void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
   const std::optional<Base> before = item->base;
   Base base = *replaced->base;
-  ItemStore::Transaction transaction(core_.store);
-  withdraw(replaced);
+  Rows::Batch batch(core_.rows);
   core_.dropItem(replaced);
   item->contentsChanged = true;
   core_.setBase(item, std::move(base));
@@ -200,7 +221,6 @@ void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
     core_.setBase(rest, before);
     changed(rest, milliseconds(0));
   }
-  transaction.commit();
 }
 
 void Sender::start(const ItemPtr& item, bool upload) {
@@ -219,7 +239,7 @@ void Sender::release(const ItemPtr& item) {
     if (!waiting || !waiting->sync || waiting->sync->place != Place::blocked) continue;
     blocked_.erase(rid);
     waiting->sync->place = Place::idle;
-    enqueue(waiting, 0);
+    enqueue(waiting, milliseconds(0));
   }
 }
 
@@ -230,6 +250,7 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   if (sync.place == Place::sending) sync.place = Place::idle;
   sync.targetParent = 0;
   release(item);
+  for (const auto& waiter : std::exchange(sync.endWaiters, {})) waiter->complete(Done{});
   if (!item->gone && item->removed && !item->base && !item->sent) {
     answerVerdict(item, std::nullopt);
     core_.dropItem(item);
@@ -238,6 +259,7 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   if (item->gone) {
     core_.releaseIfUnused(item);
   } else if (!item->isPending()) {
+    answerVerdict(item, std::nullopt);
     sync.order = 0;
     if (item->failure) {
       item->failure.reset();
@@ -245,38 +267,51 @@ void Sender::finish(const ItemPtr& item, bool upload) {
     }
   } else if (sync.place == Place::idle &&
              !(item->failure && item->failure->failureClass == FailureClass::refused)) {
-    enqueue(item, core_.milliseconds());
+    enqueue(item, milliseconds(0));
   }
 }
 
 Task<void> Sender::run(ItemPtr item, bool upload) {
-  bool known = true;
-  const bool unsure = item->sent.has_value();
-  if (unsure) known = co_await verify(item);
-  // What is still to be done then may have to wait for others.
-  if (known && !unsure) {
-    enum class Kind { nothing, creation, change, removal } kind = Kind::nothing;
-    {
-      std::lock_guard lock(core_.mutex);
-      if (item->gone || core_.stopped || item->sync->place != Place::sending) {
-        kind = Kind::nothing;
-      } else if (item->mustRemove()) {
-        kind = Kind::removal;
-      } else if (item->mustCreate()) {
-        kind = Kind::creation;
-      } else if (item->isPending()) {
-        kind = Kind::change;
-      }
-    }
-    if (kind == Kind::removal) co_await sendRemoval(item);
-    if (kind == Kind::creation) co_await sendCreation(item);
-    if (kind == Kind::change) co_await sendChange(item);
+  std::optional<NSError> problem;
+  try {
+    co_await send(item);
+  } catch (const NSError& error) {
+    // Something here, such as the disk: no answer of the provider's.
+    problem = error;
   }
   {
     std::lock_guard lock(core_.mutex);
+    if (problem && !item->gone && item->sync->place == Place::sending) {
+      backOffLater(item, *problem);
+    }
     finish(item, upload);
   }
   pump();
+}
+
+Task<void> Sender::send(ItemPtr item) {
+  const bool unsure = item->sent.has_value();
+  if (unsure) {
+    // What is still to be done then may have to wait for others.
+    co_await verify(item);
+    co_return;
+  }
+  enum class Kind { nothing, creation, change, removal } kind = Kind::nothing;
+  {
+    std::lock_guard lock(core_.mutex);
+    if (item->gone || core_.stopped || item->sync->place != Place::sending) {
+      kind = Kind::nothing;
+    } else if (item->mustRemove()) {
+      kind = Kind::removal;
+    } else if (item->mustCreate()) {
+      kind = Kind::creation;
+    } else if (item->isPending()) {
+      kind = Kind::change;
+    }
+  }
+  if (kind == Kind::removal) co_await sendRemoval(item);
+  if (kind == Kind::creation) co_await sendCreation(item);
+  if (kind == Kind::change) co_await sendChange(item);
 }
 
 void Sender::retryAll() {
@@ -286,13 +321,13 @@ void Sender::retryAll() {
   }
   for (const ItemPtr& item : waiting) {
     if (item->failure && item->failure->failureClass != FailureClass::slow) {
-      enqueue(item, core_.milliseconds());
+      enqueue(item, milliseconds(0));
     }
   }
   for (const Rid rid : std::exchange(blocked_, {})) {
     if (auto item = core_.table.find(rid)) {
       core_.sync(item).place = Place::idle;
-      enqueue(item, core_.milliseconds());
+      enqueue(item, milliseconds(0));
     }
   }
 }
@@ -306,7 +341,9 @@ void Sender::restore() {
     if (item->sent) core_.unsettled.push_back(item);
     if (!item->isPending()) return;
     if (item->failure && item->failure->failureClass == FailureClass::refused) return;
-    enqueue(item, item->failure ? item->failure->next * 1000 : core_.milliseconds());
+    const std::int64_t next = item->failure ? item->failure->next * 1000 : 0;
+    const std::int64_t wait = std::max<std::int64_t>(0, next - core_.milliseconds());
+    enqueue(item, std::min(milliseconds(wait), kLongestWait));
   });
 }
 
@@ -315,30 +352,63 @@ void Sender::awaitVerdict(const ItemPtr& item, milliseconds limit, Completion<Do
     core_.answer<Done>(std::move(completion), Done{});
     return;
   }
+  await(item, limit, false, std::move(completion));
+}
+
+void Sender::awaitArrival(const ItemPtr& item, milliseconds limit, Completion<Done> completion) {
+  if (item->gone || !item->isPending()) {
+    core_.answer<Done>(std::move(completion), Done{});
+  } else if (!health_.isUp()) {
+    core_.answer<Done>(std::move(completion), health_.reason());
+  } else {
+    await(item, limit, true, std::move(completion));
+  }
+}
+
+void Sender::await(const ItemPtr& item, milliseconds limit, bool needsWord,
+                   Completion<Done> completion) {
   auto once = std::make_shared<SyncWaiter>();
   once->completion = std::move(completion);
-  const auto timer = core_.loop.postAfter(limit, [this, once, since = core_.milliseconds()] {
+  const auto timer = core_.loop.postAfter(limit, [this, once, needsWord,
+                                                  since = core_.milliseconds()] {
     if (std::exchange(once->answered, true)) return;
     {
       std::lock_guard lock(core_.mutex);
       health_.noteWaited(since);
     }
-    once->completion(Done{});
+    if (needsWord) {
+      once->completion(posixError(ETIMEDOUT));
+    } else {
+      once->completion(Done{});
+    }
   });
-  core_.sync(item).verdictWaiters.push_back([this, once, timer](Outcome<Done> outcome) {
+  auto answer = [this, once, timer](Outcome<Done> outcome) {
     if (std::exchange(once->answered, true)) return;
     core_.loop.cancel(timer);
     once->completion(std::move(outcome));
-  });
+  };
+  core_.sync(item).verdictWaiters.push_back({std::move(answer), needsWord});
 }
 
 void Sender::answerVerdict(const ItemPtr& item, const std::optional<NSError>& error) {
   if (!item->sync) return;
   for (auto& waiter : std::exchange(item->sync->verdictWaiters, {})) {
     if (error) {
-      core_.answer<Done>(std::move(waiter), *error);
+      core_.answer<Done>(std::move(waiter.completion), *error);
     } else {
-      core_.answer<Done>(std::move(waiter), Done{});
+      core_.answer<Done>(std::move(waiter.completion), Done{});
+    }
+  }
+}
+
+/// There will be no word for now.
+void Sender::answerWithoutWord(const ItemPtr& item, const NSError& reason) {
+  if (!item->sync) return;
+  for (auto& waiter : std::exchange(item->sync->verdictWaiters, {})) {
+    if (waiter.needsWord) {
+      core_.answer<Done>(std::move(waiter.completion), reason);
+    } else {
+      core_.answer<Done>(std::move(waiter.completion), Done{});
     }
   }
 }
@@ -385,7 +455,8 @@ void Sender::checkWaiters() {
 }
 
 void Sender::stop() {
-  core_.table.forEach([this](const ItemPtr& item) { answerVerdict(item, std::nullopt); });
+  const NSError reason = posixError(ESHUTDOWN);
+  core_.table.forEach([&](const ItemPtr& item) { answerWithoutWord(item, reason); });
   checkWaiters();
 }
 
@@ -395,7 +466,8 @@ void Sender::healthChanged() {
     return;
   }
   // Nobody waits for a word that does not come.
-  core_.table.forEach([this](const ItemPtr& item) { answerVerdict(item, std::nullopt); });
+  const NSError reason = health_.reason();
+  core_.table.forEach([&](const ItemPtr& item) { answerWithoutWord(item, reason); });
 }
 
 }  // namespace kestrowan::replica

@@ -42,7 +42,10 @@ Sender::Frozen Sender::freeze(const ItemPtr& item) {
     if (::stat(frozen.path.c_str(), &status) != 0) throw posixError(errno);
     frozen.size = status.st_size;
     core_.sync(item).frozen = frozen.number;
-    if (open) open->frozen = true;
+    if (open) {
+      open->frozen = true;
+      ++open->freezes;
+    }
     return frozen;
   }
 }
@@ -84,6 +87,13 @@ void Sender::noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent,
   std::erase(core_.unsettled, item);
   core_.unsettled.push_back(item);
   core_.save(item);
+  try {
+    core_.rows.requireWritten();
+  } catch (const NSError&) {
+    core_.forgetSent(item);
+    core_.save(item);
+    throw;
+  }
 }
 
 Task<void> Sender::sendCreation(ItemPtr item) {
@@ -94,12 +104,15 @@ Task<void> Sender::sendCreation(ItemPtr item) {
     parent = core_.table.find(item->parent);
     if (!parent || !parent->base) co_return;
     // A file replaces one of its name silently, so its folder is looked at once more.
-    mustList = !lister_.isFresh(*parent, core_.options.freshTime.count()) ||
+    mustList = !lister_.isCertain(*parent) ||
                (!item->isFolder() && parent->listedAt <= item->sync->changedAt);
   }
+  ListingPtr listing;
   if (mustList) {
     const auto listed = co_await lister_.listed(parent);
-    if (!listed.succeeded()) {
+    if (listed.succeeded()) {
+      listing = listed.value();
+    } else {
       std::lock_guard lock(core_.mutex);
       fail(item, listed.error());
       co_return;
@@ -112,6 +125,9 @@ Task<void> Sender::sendCreation(ItemPtr item) {
     auto& shadowed = core_.folder(parent).shadowed;
     if (const auto found = shadowed.find(item->name); found != shadowed.end()) {
       taken = found->second;
+    } else if (listing && !core_.table.serverChild(parent->rid, item->name)) {
+      // A listing may tell of it without having been believed as a whole.
+      if (const auto* entry = listing->find(item->name)) taken = *entry;
     }
   }
   if (taken) {
@@ -134,10 +150,9 @@ Task<void> Sender::sendCreation(ItemPtr item) {
     item->sync->targetName = name;
     wanted = templateOf("new:" + std::to_string(item->rid), *parent, name, item->kind);
     noteSent(item, frozen, parent->rid, name);
-  } catch (const NSError& error) {
-    std::lock_guard lock(core_.mutex);
-    fail(item, error);
-    co_return;
+  } catch (const NSError&) {
+    thaw(item, frozen, false);
+    throw;
   }
   const auto fields = NSFileProviderItemField::filename |
                       NSFileProviderItemField::parentItemIdentifier |
@@ -202,10 +217,9 @@ Task<void> Sender::sendChange(ItemPtr item) {
     item->sync->targetName = name;
     version = {item->base->version, item->base->version};
     noteSent(item, frozen, parentRid, name);
-  } catch (const NSError& error) {
-    std::lock_guard lock(core_.mutex);
-    fail(item, error);
-    co_return;
+  } catch (const NSError&) {
+    thaw(item, frozen, false);
+    throw;
   }
   const auto outcome = co_await core_.provider.modify(wanted, version, fields, contents);
   bool accepted = false;

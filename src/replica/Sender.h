@@ -35,6 +35,10 @@ class Sender {
   /// is none within `limit`, or none to be had.
   void awaitVerdict(const ItemPtr& item, std::chrono::milliseconds limit,
                     Completion<Done> completion);
+  /// The same for who must know that it arrived: `ETIMEDOUT` when there is no word within `limit`,
+  /// and what `Health` gives as the reason when the provider cannot be asked.
+  void awaitArrival(const ItemPtr& item, std::chrono::milliseconds limit,
+                    Completion<Done> completion);
   /// The item, which is a file and has contents here, replaces another file at the provider:
   /// becomes its new contents, and what it was itself goes afterwards.
   void takeOver(const ItemPtr& item, const ItemPtr& replaced);
@@ -58,7 +62,7 @@ class Sender {
   struct SyncWaiter;
 
   // The queue.
-  void enqueue(const ItemPtr& item, std::int64_t due);
+  void enqueue(const ItemPtr& item, std::chrono::milliseconds delay);
   void unqueue(const ItemPtr& item);
   void retryAll();
   void schedule();
@@ -68,6 +72,7 @@ class Sender {
   ItemPtr blocker(const ItemPtr& item) const;
   ItemPtr placeBlocker(const ItemPtr& item) const;
   ItemPtr removalBlocker(const ItemPtr& item) const;
+  std::chrono::milliseconds openWait(const ItemPtr& item) const;
   void takeOverIfPossible(const ItemPtr& item);
   ItemPtr successor(const ItemPtr& item) const;
   bool isInCycle(const ItemPtr& item) const;
@@ -78,6 +83,7 @@ class Sender {
 
   // The requests. Each gives the error that ended it, already taken care of by `fail`.
   Task<void> run(ItemPtr item, bool isUpload);
+  Task<void> send(ItemPtr item);
   Task<void> sendCreation(ItemPtr item);
   Task<void> sendChange(ItemPtr item);
   Task<void> sendRemoval(ItemPtr item);
@@ -116,11 +122,15 @@ class Sender {
   void backOffLater(const ItemPtr& item, const NSError& error);
   void postpone(const ItemPtr& item, const NSError& error, FailureClass failureClass,
                 std::chrono::milliseconds delay);
+  static bool isAwaitedChangeOfNames(const Item& item);
   void refuse(const ItemPtr& item, const NSError& error);
   void rollBack(const ItemPtr& item);
-  void resurrect(const ItemPtr& item);
+  void resurrect(const ItemPtr& item, const NSError& reason);
   void bounce(const ItemPtr& item);
   void makeConflict(const ItemPtr& item, const Base& atProvider);
+  void await(const ItemPtr& item, std::chrono::milliseconds limit, bool needsWord,
+             Completion<Done> completion);
+  void answerWithoutWord(const ItemPtr& item, const NSError& reason);
   void answerVerdict(const ItemPtr& item, const std::optional<NSError>& error);
   std::string freeName(const ItemPtr& folder, const std::function<std::string(unsigned)>& name,
                        unsigned first) const;

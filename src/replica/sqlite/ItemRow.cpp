@@ -10,13 +10,13 @@ namespace kestrowan::replica {
 
 const char* const kSaveItem =
     "INSERT OR REPLACE INTO items VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
-    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35)";
+    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35,?36)";
 const char* const kLoadItems =
     "SELECT rid,parent,name,kind,content,content_changed,size,modified,mode,attributes,removed,"
     "local_only,pinned,last_use,listed_at,base_identifier,base_parent,base_name,base_version,"
     "base_version_known,base_size,base_date,base_capabilities,failure_class,failure_domain,"
     "failure_code,failure_text,failure_since,failure_next,failure_tries,sent_content,sent_size,"
-    "sent_at,sent_parent,sent_name FROM items";
+    "sent_at,sent_parent,sent_name,send_after FROM items";
 
 namespace {
 
@@ -24,7 +24,7 @@ namespace {
 constexpr int kBaseColumns = 15;
 constexpr int kFailureColumns = 23;
 constexpr int kSentColumns = 30;
-constexpr int kColumns = 35;
+constexpr int kOrderColumn = 35;
 
 constexpr std::uint16_t kPermissionBits = 07777;
 constexpr auto kLargestNumber =
@@ -120,7 +120,7 @@ void bindFailure(Statement& save, const Boxed<SyncFailure>& failure) {
 
 void bindSent(Statement& save, const Boxed<SentRecord>& sent) {
   Writer writer(save, kSentColumns);
-  if (!sent) return writer.putNothing(kColumns - kSentColumns);
+  if (!sent) return writer.putNothing(kOrderColumn - kSentColumns);
   writer.put(sent->content);
   writer.put(sent->size);
   writer.put(sent->at);
@@ -186,7 +186,7 @@ bool isSensible(const ItemRecord& record) {
   const auto& base = record.base;
   const auto& sent = record.sent;
   return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
-         isNumber(record.content) && record.size >= 0 && record.kind <= ItemKind::folder &&
+         isNumber(record.content) && isNumber(record.after) && record.size >= 0 && record.kind <= ItemKind::folder &&
          record.mode.value_or(0) <= kPermissionBits &&
          (record.rid == kRootRid || isValidName(record.name)) &&
          (!base || (base->size >= 0 && isNumber(base->parent))) &&
@@ -219,6 +219,7 @@ void bindItem(Statement& save, const ItemRecord& record, std::string& attributes
   bindBase(save, record.base);
   bindFailure(save, record.failure);
   bindSent(save, record.sent);
+  Writer(save, kOrderColumn).put(record.after);
 }
 
 std::optional<ItemRecord> itemFromRow(const Statement& row) {
@@ -250,6 +251,7 @@ std::optional<ItemRecord> itemFromRow(const Statement& row) {
   record.pinned = reader.flag();
   record.lastUse = reader.number();
   record.listedAt = reader.number();
+  record.after = Reader(row, kOrderColumn).natural();
   if (!reader.isSensible() || !attributesAreSensible || !readBase(row, record.base) ||
       !readFailure(row, record.failure) || !readSent(row, record.sent) || !isSensible(record)) {
     return std::nullopt;

@@ -57,6 +57,7 @@ constexpr const char* kMigrations[] = {
     ") STRICT;"
     "CREATE TABLE numbers(next INTEGER NOT NULL) STRICT;"
     "INSERT INTO numbers VALUES(2);",
+    "ALTER TABLE items ADD COLUMN send_after INTEGER NOT NULL DEFAULT 0;",
 };
 constexpr std::int64_t kNewest = std::size(kMigrations);
 

@@ -285,9 +285,9 @@ class History {
     world_.extension().setFaults({});
     world_.extension().setDown(false);
     world_.advance(seconds(70));
-    world_.replica().retry(replica::kRootRid);
+    // As long as what failed again and again waits.
+    world_.advance(seconds(1200));
     if (!world_.settle()) return "does not settle: " + describePending();
-    world_.advance(seconds(200));
     for (int round = 0; round < 3; ++round) {
       world_.tree();
       world_.advance(seconds(70));

@@ -189,10 +189,21 @@ TEST_F(ItemStoreDamageTest, AnEmptyFileBecomesADatabase) {
 
 TEST_F(ItemStoreDamageTest, ADatabaseOfALaterVersionIsRefusedAndKept) {
   store().save(item(2));
-  alter("PRAGMA user_version=2");
+  alter("PRAGMA user_version=3");
   EXPECT_EQ(errorOf([&] { store(); }), ENOTSUP);
-  alter("PRAGMA user_version=1");
+  alter("PRAGMA user_version=2");
   EXPECT_THAT(names(), ElementsAre("item 2"));
+}
+
+TEST_F(ItemStoreDamageTest, ADatabaseOfAnEarlierVersionIsBroughtUpToDate) {
+  store().save(item(2));
+  alter("ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
+  EXPECT_THAT(names(), ElementsAre("item 2"));
+  auto later = item(3);
+  later.after = 2;
+  store().save(later);
+  reopen();
+  EXPECT_THAT(names(), UnorderedElementsAre("item 2", "item 3"));
 }
 
 TEST_F(ItemStoreDamageTest, ASymbolicLinkInPlaceOfTheDatabaseIsRefused) {

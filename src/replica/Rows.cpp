@@ -1,0 +1,93 @@
+#include "replica/Rows.h"
+
+#include <chrono>
+#include <unordered_set>
+
+#include "platform/foundation/Logger.h"
+
+namespace kestrowan::replica {
+
+namespace {
+
+constexpr std::chrono::milliseconds kRetryInterval{1000};
+
+const Logger& replicaLog() {
+  static const Logger log("com.kestrowan.app.FileProvider", "replica");
+  return log;
+}
+
+}  // namespace
+
+Rows::Rows(ItemStore& store, Loop& loop, std::mutex& mutex)
+    : store_(store), loop_(loop), mutex_(mutex) {}
+
+Rows::Batch::~Batch() {
+  if (--rows_.batches_ == 0 && !rows_.error_) rows_.write();
+}
+
+void Rows::save(const ItemPtr& item) {
+  add({item->rid, item});
+}
+
+void Rows::remove(Rid rid) {
+  add({rid, nullptr});
+}
+
+void Rows::add(Change change) {
+  waiting_.push_back(std::move(change));
+  // While nothing can be written, who needs it tries, and the timer does.
+  if (batches_ == 0 && !error_) write();
+}
+
+void Rows::requireWritten() {
+  if (!waiting_.empty()) write();
+  if (!waiting_.empty()) throw *error_;
+}
+
+void Rows::write() {
+  if (waiting_.empty()) return;
+  try {
+    writeAll();
+    waiting_.clear();
+    if (error_) replicaLog().error("the database can be written again", {});
+    error_.reset();
+  } catch (const NSError& error) {
+    if (!error_) {
+      replicaLog().error("the database cannot be written: %{public}s",
+                         {error.localizedDescription()});
+    }
+    error_ = error;
+    tryLater();
+  }
+}
+
+void Rows::writeAll() {
+  std::optional<ItemStore::Transaction> transaction;
+  if (waiting_.size() > 1) transaction.emplace(store_);
+  for (const auto& [rid, item] : waiting_) {
+    if (item) {
+      store_.save(*item);
+    } else {
+      store_.remove(rid);
+    }
+  }
+  if (transaction) transaction->commit();
+}
+
+void Rows::tryLater() {
+  // The last change of an item is all that counts.
+  std::unordered_set<Rid> later;
+  std::vector<Change> kept;
+  for (auto change = waiting_.rbegin(); change != waiting_.rend(); ++change) {
+    if (later.insert(change->first).second) kept.push_back(std::move(*change));
+  }
+  waiting_ = std::move(kept);
+  if (std::exchange(retrying_, true)) return;
+  loop_.postAfter(kRetryInterval, [this] {
+    std::lock_guard lock(mutex_);
+    retrying_ = false;
+    write();
+  });
+}
+
+}  // namespace kestrowan::replica

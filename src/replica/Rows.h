@@ -1,0 +1,66 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/NSError.h"
+#include "replica/Item.h"
+#include "replica/Loop.h"
+#include "replica/sqlite/ItemStore.h"
+
+namespace kestrowan::replica {
+
+/// The items' way to their rows. What is saved is written at once, or together with the rest of a
+/// batch. What cannot be written (the disk is full) is tried again until it can: a row is always
+/// written as its item then is, so rows catch up with items whatever happened in between.
+///
+/// Guarded by `mutex`, the lock of the items.
+class Rows {
+ public:
+  Rows(ItemStore& store, Loop& loop, std::mutex& mutex);
+  Rows(const Rows&) = delete;
+  Rows& operator=(const Rows&) = delete;
+
+  // Locked; neither throws.
+
+  void save(const ItemPtr& item);
+  void remove(Rid rid);
+
+  /// For who promises that a change outlives the process: throws what keeps rows from being
+  /// written. Not in a batch.
+  void requireWritten();
+  bool areWritten() const { return waiting_.empty(); }
+
+  /// Rows that become true together, when the outermost of those that are nested ends.
+  class Batch {
+   public:
+    explicit Batch(Rows& rows) : rows_(rows) { ++rows_.batches_; }
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+    ~Batch();
+
+   private:
+    Rows& rows_;
+  };
+
+ private:
+  /// Null for a row that goes.
+  using Change = std::pair<Rid, ItemPtr>;
+
+  void add(Change change);
+  void write();
+  void writeAll();
+  void tryLater();
+
+  ItemStore& store_;
+  Loop& loop_;
+  std::mutex& mutex_;
+  unsigned batches_ = 0;
+  bool retrying_ = false;
+  std::vector<Change> waiting_;
+  std::optional<NSError> error_;
+};
+
+}  // namespace kestrowan::replica
