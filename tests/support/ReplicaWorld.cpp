@@ -48,9 +48,10 @@ void ReplicaWorld::crash() {
   connect();
 }
 
-void ReplicaWorld::connect() {
+void ReplicaWorld::connect(FaultHook faults) {
   extension_ = std::make_shared<InMemoryExtension>(loop_, directory_.path() + "/temporary", server_,
                                                    extensionOptions_);
+  extension_->setFaults(std::move(faults));
   replica_->setProvider(extension_);
   loop_.runUntilIdle();
 }

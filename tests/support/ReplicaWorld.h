@@ -37,7 +37,7 @@ class ReplicaWorld {
   void crash();
   /// The same, without a provider until `connect`; `between` is run while there is no replica.
   void crashUnconnected(const std::function<void()>& between = {});
-  void connect();
+  void connect(FaultHook faults = {});
 
   void advance(std::chrono::milliseconds time) { loop_.advance(time); }
   /// Until both sides agree; false when they do not within a simulated hour.

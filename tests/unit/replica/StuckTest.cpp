@@ -1,0 +1,238 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <optional>
+#include <string>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/NSError.h"
+#include "support/ReplicaWorld.h"
+
+namespace kestrowan::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::ElementsAre;
+
+const NSError kTransient{NSURLErrorDomain, NSURLErrorNetworkConnectionLost};
+
+std::string posix(int code) {
+  return std::string(NSPOSIXErrorDomain) + " " + std::to_string(code);
+}
+
+/// What waits is sent in the end by itself, and whoever waits for it is answered.
+class StuckTest : public testing::Test {
+ protected:
+  explicit StuckTest(replica::Options options = {}) : world({}, std::move(options)) {
+    world.list("/");
+  }
+
+  void failWithoutEffect(CallKind kind, NSError error) {
+    world.extension().setFaults([kind, error](const Call& call) {
+      Fault fault;
+      if (call.kind == kind) fault = {.effect = Fault::Effect::none, .error = error};
+      return fault;
+    });
+  }
+  void answerNothing(CallKind kind) {
+    world.extension().setFaults([kind](const Call& call) {
+      Fault fault;
+      if (call.kind == kind) fault.error = kTransient;
+      return fault;
+    });
+  }
+
+  mutable ReplicaWorld world;
+};
+
+TEST_F(StuckTest, RenameThatWaitsSurvivesNewContentsThere) {
+  world.server().writeFile("/a", "old");
+  world.advance(seconds(31));
+  EXPECT_EQ(world.read("/a"), "old");
+  failWithoutEffect(CallKind::modifyItem, kTransient);
+  world.rename("/a", "/b");
+  world.server().writeFile("/a", "theirs");
+  world.extension().setFaults({});
+  world.advance(minutes(2));
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/b"), "theirs");
+  EXPECT_EQ(world.server().read("/a"), std::nullopt);
+}
+
+TEST_F(StuckTest, NewFileIsSentWhenWhatItWaitedForIsDropped) {
+  world.server().makeFolder("/x");
+  world.advance(seconds(31));
+  world.list("/");
+  world.list("/x");
+  failWithoutEffect(CallKind::deleteItem, kTransient);
+  world.removeFolder("/x");
+  world.write("/x", "a file now");
+  // Somebody else removes it, and a listing says so before the next try.
+  world.server().remove("/x");
+  world.list("/");
+  world.extension().setFaults({});
+  world.advance(minutes(10));
+  EXPECT_EQ(world.server().read("/x"), "a file now");
+}
+
+TEST_F(StuckTest, ChangeThatWasTakenBackWhileNobodyKnewIsLookedAt) {
+  world.write("/a", "contents");
+  EXPECT_TRUE(world.settle());
+  answerNothing(CallKind::modifyItem);
+  world.rename("/a", "/b");
+  EXPECT_EQ(world.server().read("/b"), "contents") << "the request took effect";
+  world.extension().setDown(true);
+  world.rename("/b", "/a");
+  world.extension().setFaults({});
+  world.extension().setDown(false);
+  EXPECT_TRUE(world.settle());
+  EXPECT_THAT(world.list("/"), ElementsAre("a"));
+  EXPECT_EQ(world.server().read("/a"), "contents");
+  world.write("/b", "another");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/b"), "another");
+}
+
+TEST_F(StuckTest, WhoeverWaitsIsAnsweredByTheLookAfterALostAnswer) {
+  answerNothing(CallKind::createItem);
+  const auto before = world.loop().now();
+  world.makeFolder("/d");
+  EXPECT_LT(world.loop().now() - before, milliseconds(2500));
+  EXPECT_TRUE(world.server().stat("/d"));
+}
+
+TEST_F(StuckTest, FileThatIsSyncedAllTheTimeIsSent) {
+  const auto file = world.create("/a");
+  for (int round = 0; round < 20; ++round) {
+    ReplicaWorld::writeTo(*file, "x", round);
+    world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+    world.advance(milliseconds(500));
+  }
+  EXPECT_TRUE(world.server().read("/a"));
+}
+
+TEST_F(StuckTest, OpenFileIsSentAtMostEveryHalfMinute) {
+  const auto file = world.create("/a");
+  for (int round = 0; round < 60; ++round) {
+    ReplicaWorld::writeTo(*file, "x", round);
+    world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+    world.advance(seconds(2));
+  }
+  const auto sent = world.extension().count(CallKind::createItem) +
+                    world.extension().count(CallKind::modifyItem);
+  EXPECT_GE(sent, 3u);
+  EXPECT_LE(sent, 5u);
+}
+
+TEST_F(StuckTest, ClockThatIsSetBackHoldsNothingUp) {
+  world.write("/a", "contents");
+  world.loop().stepWallClock(-std::chrono::hours(2));
+  world.advance(seconds(3));
+  EXPECT_EQ(world.server().read("/a"), "contents");
+}
+
+TEST_F(StuckTest, FileIsFetchedWhileItsFolderMoves) {
+  world.server().makeFolder("/d");
+  world.server().writeFile("/d/a", "contents");
+  world.advance(seconds(31));
+  world.list("/");
+  world.list("/d");
+  // The move takes long; the fetch begins meanwhile, and would look in the old place.
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::modifyItem) fault.delay = seconds(10);
+    return fault;
+  });
+  world.rename("/d", "/e");
+  EXPECT_EQ(world.read("/e/a"), "contents");
+}
+
+TEST_F(StuckTest, UploadComesBeforeTheRemovalOfItsSourceAfterARestartToo) {
+  world.write("/a", "new");
+  world.write("/b", "old");
+  EXPECT_TRUE(world.settle());
+  world.extension().setDown(true);
+  world.rename("/a", "/b");
+  world.crashUnconnected();
+  world.connect([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::modifyItem) {
+      fault = {.effect = Fault::Effect::none,
+               .error = NSFileProviderError(NSFileProviderErrorCode::insufficientQuota)};
+    }
+    return fault;
+  });
+  world.advance(minutes(5));
+  EXPECT_EQ(world.server().read("/a"), "new") << "the only copy there is";
+  world.extension().setFaults({});
+  world.advance(minutes(20));
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/b"), "new");
+  EXPECT_EQ(world.server().read("/a"), std::nullopt);
+}
+
+class WaitingCloseTest : public StuckTest {
+ protected:
+  WaitingCloseTest() : StuckTest([] {
+      replica::Options options;
+      options.closeWaits = true;
+      return options;
+    }()) {}
+
+  std::string closeError(const std::shared_ptr<replica::OpenFile>& file) {
+    std::optional<replica::Outcome<replica::Done>> outcome;
+    world.replica().flush(file, [&](const auto& answer) { outcome.emplace(answer); });
+    if (!world.loop().runUntil([&] { return outcome.has_value(); }, minutes(20))) return "hangs";
+    if (outcome->succeeded()) return {};
+    return outcome->error().domain() + " " + std::to_string(outcome->error().code());
+  }
+};
+
+TEST_F(WaitingCloseTest, NewFileThatIsRefusedStaysHere) {
+  failWithoutEffect(CallKind::createItem, NSError(NSPOSIXErrorDomain, EPERM));
+  auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "kept");
+  EXPECT_EQ(closeError(file), posix(EPERM));
+  file.reset();
+  EXPECT_EQ(world.read("/a"), "kept");
+}
+
+TEST_F(WaitingCloseTest, NewFileWhoseNameIsTakenGetsAnother) {
+  failWithoutEffect(CallKind::createItem,
+                    NSFileProviderError(NSFileProviderErrorCode::filenameCollision));
+  auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "kept");
+  EXPECT_NE(closeError(file), "");
+  file.reset();
+  world.extension().setFaults({});
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a (2)"), "kept");
+}
+
+TEST_F(WaitingCloseTest, SaysThatNothingArrivedWhereThereIsNoServer) {
+  world.extension().setDown(true);
+  auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "contents");
+  EXPECT_NE(closeError(file), "");
+  file.reset();
+  world.extension().setDown(false);
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "contents");
+}
+
+TEST_F(WaitingCloseTest, IsNotAnsweredByTheArrivalOfEarlierContents) {
+  auto file = world.create("/a");
+  ReplicaWorld::writeTo(*file, "one");
+  world.extension().setLatency(seconds(5));
+  world.replica().fsync(file, [](const auto&) {});
+  world.advance(seconds(12));
+  ReplicaWorld::writeTo(*file, "two");
+  EXPECT_EQ(closeError(file), "");
+  EXPECT_EQ(world.server().read("/a"), "two");
+}
+
+}  // namespace
+}  // namespace kestrowan::test
