@@ -15,6 +15,8 @@ namespace kestrowan {
 namespace {
 
 constexpr std::size_t kLargestPiece = std::numeric_limits<int>::max();
+/// Elements within each other: each one takes a hundred bytes and more until it ends.
+constexpr std::size_t kDeepest = 1'000'000;
 
 /// The name behind the prefix. The library's own namespace processing would end the parse at an
 /// undeclared prefix.
@@ -38,6 +40,7 @@ struct NSXMLParser::Engine {
   NSXMLParserDelegate& delegate;
   XML_Parser parser;
   bool failed = false;
+  std::size_t depth = 0;
   std::exception_ptr thrown;
 
   explicit Engine(NSXMLParserDelegate& theDelegate)
@@ -79,9 +82,14 @@ struct NSXMLParser::Engine {
   static Engine& from(void* userData) { return *static_cast<Engine*>(userData); }
 
   static void XMLCALL startElement(void* userData, const char* name, const char**) noexcept {
+    if (++from(userData).depth > kDeepest) {
+      XML_StopParser(from(userData).parser, XML_FALSE);
+      return;
+    }
     from(userData).tell([name](auto& delegate) { delegate.didStartElement(localName(name)); });
   }
   static void XMLCALL endElement(void* userData, const char* name) noexcept {
+    --from(userData).depth;
     from(userData).tell([name](auto& delegate) { delegate.didEndElement(localName(name)); });
   }
   static void XMLCALL characters(void* userData, const char* text, int length) noexcept {

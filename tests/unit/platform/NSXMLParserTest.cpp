@@ -259,13 +259,29 @@ TEST(NSXMLParserTest, UnknownEncodingIsAnError) {
   EXPECT_EQ(parsed("<?xml version='1.0' encoding='klingon'?><a/>"), error(""));
 }
 
-TEST(NSXMLParserTest, NestingAndLengthHaveNoLimit) {
+TEST(NSXMLParserTest, DeepNestingAndLongTextAreRead) {
   std::string body;
   for (int i = 0; i < 100'000; ++i) body += "<x>";
   for (int i = 0; i < 100'000; ++i) body += "</x>";
   EXPECT_TRUE(parsed(body).wellFormed);
   const std::string text(5'000'000, 't');
   EXPECT_EQ(parsed("<a>" + text + "</a>"), ok("<a '" + text + "'>a "));
+}
+
+class Nobody : public NSXMLParserDelegate {
+ public:
+  void didStartElement(std::string_view) override {}
+  void foundCharacters(std::string_view) override {}
+  void didEndElement(std::string_view) override {}
+};
+
+TEST(NSXMLParserTest, NestingThatOnlyTakesMemoryIsAnError) {
+  Nobody nobody;
+  NSXMLParser parser(nobody);
+  std::string piece;
+  for (int i = 0; i < 100'000; ++i) piece += "<x>";
+  for (int million = 0; million < 10; ++million) EXPECT_TRUE(parser.append(piece));
+  EXPECT_FALSE(parser.append("<x>"));
 }
 
 class Thrower : public NSXMLParserDelegate {

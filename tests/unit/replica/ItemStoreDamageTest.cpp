@@ -203,7 +203,7 @@ TEST_F(ItemStoreDamageTest, ADatabaseOfAnEarlierVersionIsBroughtUpToDate) {
   later.after = 2;
   store().save(later);
   reopen();
-  EXPECT_THAT(names(), UnorderedElementsAre("item 2", "item 3"));
+  EXPECT_THAT(names(), testing::UnorderedElementsAre("item 2", "item 3"));
 }
 
 TEST_F(ItemStoreDamageTest, ASymbolicLinkInPlaceOfTheDatabaseIsRefused) {
