@@ -116,18 +116,17 @@ TEST_F(RemovalTest, SlowFoldersListingIsNoProofForHalfAMinute) {
   EXPECT_EQ(world.read("/a"), "theirs");
 }
 
-TEST_F(RemovalTest, NewFileDoesNotReplaceOneThatCameToASlowFolder) {
-  world.extension().setLatency(milliseconds(1500));
+TEST_F(RemovalTest, NewFileDoesNotReplaceOneThatOnlyAListingInDoubtShows) {
+  for (int number = 10; number < 22; ++number) {
+    world.server().writeFile("/" + std::to_string(number), "x");
+  }
   world.list("/");
-  world.write("/a", "ours");
-  world.advance(seconds(20));
-  world.extension().setLatency(milliseconds(0));
+  world.write("/new", "ours");
+  for (int number = 10; number < 21; ++number) world.server().remove("/" + std::to_string(number));
+  world.server().writeFile("/new", "theirs");
   EXPECT_TRUE(world.settle());
-  world.write("/b", "ours");
-  world.server().writeFile("/b", "theirs");
-  EXPECT_TRUE(world.settle());
-  EXPECT_EQ(world.server().read("/b"), "theirs");
-  EXPECT_EQ(world.server().read("/b (2)"), "ours");
+  EXPECT_EQ(world.server().read("/new"), "theirs");
+  EXPECT_EQ(world.server().read("/new (2)"), "ours");
 }
 
 TEST_F(RemovalTest, EntryThatIsNotBelievedDoesNotMakeAFileOneThatIsGone) {
