@@ -196,6 +196,34 @@ TEST_F(RemovalTest, RenameOverAFolderThatIsNotEmptyThereFails) {
   EXPECT_TRUE(world.exists("/from"));
 }
 
+TEST_F(RemovalTest, ContentsMoveAlongWithAFileThatWasRenamedThere) {
+  world.server().writeFile("/a", "contents");
+  EXPECT_EQ(world.read("/a"), "contents");
+  world.server().rename("/a", "/b");
+  world.advance(seconds(40));
+  world.extension().clearCalls();
+  EXPECT_EQ(world.read("/b"), "contents");
+  EXPECT_FALSE(world.exists("/a"));
+  EXPECT_EQ(world.extension().count(CallKind::fetchContents), 0u);
+}
+
+TEST_F(RemovalTest, RemovedFilesBytesAreKeptUntilEveryCopyHasArrived) {
+  world.server().writeFile("/a", "moved by copying");
+  EXPECT_EQ(world.read("/a"), "moved by copying");
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::createItem) {
+      fault = {.effect = Fault::Effect::none,
+               .error = NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)};
+    }
+    return fault;
+  });
+  world.write("/copy", "moved by copying");
+  world.remove("/a");
+  EXPECT_EQ(world.server().read("/a"), std::nullopt);
+  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
+}
+
 TEST_F(RemovalTest, FolderRemovedThereIsMadeAgainForWhoeverWritesInIt) {
   world.server().makeFolder("/d");
   world.write("/d/log", "one");
