@@ -28,8 +28,9 @@ namespace kestrowan::replica {
 /// What the parts of a replica share: the items, their rows, their contents, the provider, and the
 /// one lock that guards the items. Owned by the replica, and outlives its parts.
 ///
-/// Lock order: a file's `Contents::preparing`, its `Contents::mutex`, then `mutex`. Nothing is called back under the lock but
-/// the observer. What is marked "locked" is called with the lock held.
+/// Lock order: a file's `Contents::preparing`, its `Contents::mutex`, then `mutex`. Nothing is
+/// called back under the lock but the observer. What is marked "locked" is called with the lock
+/// held.
 struct Core {
   Core(const std::string& directory, Loop& loop, Options options);
   Core(const Core&) = delete;

@@ -91,8 +91,7 @@ void Fetcher::keepLimits() {
   makeRoom(0);
   core_.contents.trimRecovery(
       core_.options.recoveryLimit,
-      core_.seconds() -
-          std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
+      core_.seconds() - std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
   core_.contents.sweepTemporary(core_.seconds() - kLeftoverAge);
   if (core_.sending.empty() && inFlight_ == 0 && core_.rows.areWritten()) core_.store.compact();
 }

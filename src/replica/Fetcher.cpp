@@ -90,8 +90,8 @@ Task<void> Fetcher::run(ItemPtr item) {
 
 /// A request in flight that changes where the provider has the item; null when there is none.
 ItemPtr Fetcher::moverOf(const Item& item) const {
-  const auto found = std::find_if(
-      core_.sending.begin(), core_.sending.end(), [&](const ItemPtr& other) {
+  const auto found =
+      std::find_if(core_.sending.begin(), core_.sending.end(), [&](const ItemPtr& other) {
         return other->rid == item.rid ||
                (other->sync->wholeFolder && (core_.table.isWithin(item, other->rid) ||
                                              core_.table.isWithinAtProvider(item, other->rid)));

@@ -130,7 +130,8 @@ void Replica::Implementation::repair(bool isWhole) {
       const ItemPtr folder = core.table.find(item->parent);
       const bool isInTree = folder && folder->isFolder() && core.table.isWithin(*item, kRootRid);
       if (item->content != 0) checkContents(item, present);
-      if (!isInTree || (!item->base && !item->isFolder() && item->content == 0)) lost.push_back(item);
+      if (!isInTree || (!item->base && !item->isFolder() && item->content == 0))
+        lost.push_back(item);
     });
     for (const ItemPtr& item : lost) {
       core.log("belongs to no folder, or has nothing in it", *item);

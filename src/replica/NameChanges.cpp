@@ -351,8 +351,8 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
     if (replaces) {
       if (!target->base && !target->isSending() && !target->sent) {
         core.dropItem(target);
-      } else if (!target->isFolder() && !source->localOnly && target->base && !target->isSending() &&
-                 !target->sent && !source->isSending()) {
+      } else if (!target->isFolder() && !source->localOnly && target->base &&
+                 !target->isSending() && !target->sent && !source->isSending()) {
         sender.takeOver(source, target);
       } else {
         sender.changed(target, milliseconds(0));

@@ -186,8 +186,8 @@ bool isSensible(const ItemRecord& record) {
   const auto& base = record.base;
   const auto& sent = record.sent;
   return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
-         isNumber(record.content) && isNumber(record.after) && record.size >= 0 && record.kind <= ItemKind::folder &&
-         record.mode.value_or(0) <= kPermissionBits &&
+         isNumber(record.content) && isNumber(record.after) && record.size >= 0 &&
+         record.kind <= ItemKind::folder && record.mode.value_or(0) <= kPermissionBits &&
          (record.rid == kRootRid || isValidName(record.name)) &&
          (!base || (base->size >= 0 && isNumber(base->parent))) &&
          (!sent || (sent->size >= 0 && isNumber(sent->parent) && isNumber(sent->content))) &&

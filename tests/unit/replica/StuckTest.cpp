@@ -129,8 +129,8 @@ TEST_F(StuckTest, OpenFileIsSentAtMostEveryHalfMinute) {
     world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
     world.advance(seconds(2));
   }
-  const auto sent = world.extension().count(CallKind::createItem) +
-                    world.extension().count(CallKind::modifyItem);
+  const auto sent =
+      world.extension().count(CallKind::createItem) + world.extension().count(CallKind::modifyItem);
   EXPECT_GE(sent, 3u);
   EXPECT_LE(sent, 5u);
 }
@@ -194,11 +194,12 @@ TEST_F(StuckTest, UploadComesBeforeTheRemovalOfItsSourceAfterARestartToo) {
 
 class WaitingCloseTest : public StuckTest {
  protected:
-  WaitingCloseTest() : StuckTest([] {
-      replica::Options options;
-      options.closeWaits = true;
-      return options;
-    }()) {}
+  WaitingCloseTest()
+      : StuckTest([] {
+          replica::Options options;
+          options.closeWaits = true;
+          return options;
+        }()) {}
 
   std::string closeError(const std::shared_ptr<replica::OpenFile>& file) {
     std::optional<replica::Outcome<replica::Done>> outcome;
