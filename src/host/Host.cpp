@@ -131,7 +131,8 @@ class Host::Implementation {
 
 Host::Implementation::Implementation(HostSettings settings)
     : settings_(std::move(settings)), state_(settings_.stateDirectory) {
-  protectProcess();
+  protectMemory();
+  makeFilesPrivate();
   limitHeaps();
   LogSink::setShared(hostSink(settings_.extensionLog));
   NSFileManager::setDefaultManager(

@@ -25,10 +25,13 @@ constexpr off_t kLargestLog = 4 << 20;  // bytes
 
 }  // namespace
 
-void protectProcess() {
+void protectMemory() {
   const rlimit none{0, 0};
   ::setrlimit(RLIMIT_CORE, &none);
   ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+}
+
+void makeFilesPrivate() {
   ::umask(kNothingForOthers);
 }
 

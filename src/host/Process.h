@@ -7,9 +7,12 @@
 
 namespace kestrowan::host {
 
-/// Keeps the process's memory, which holds a password, out of core files and from other processes
-/// of the user, and what it makes from other users. Inherited by its children but for the second.
-void protectProcess();
+/// Keeps the process's memory, which holds a password, out of core files, which its children
+/// inherit, and keeps other processes of the user from attaching to it, which they do not.
+void protectMemory();
+
+/// Makes every file that the process and its children make from now on the user's alone.
+void makeFilesPrivate();
 
 /// Makes the process's free memory go back to the system sooner. Before there are other threads.
 void limitHeaps();
@@ -18,6 +21,7 @@ void limitHeaps();
 /// Made before the process has other threads, and outlives them.
 class StopSignals {
  public:
+  /// Throws `NSError` when the system has no descriptor left.
   StopSignals();
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;

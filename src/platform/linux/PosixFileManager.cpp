@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/base/UniqueFd.h"
+#include "platform/foundation/FileContents.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/linux/PosixFileMove.h"
@@ -16,7 +17,6 @@ namespace kestrowan {
 
 namespace {
 
-constexpr std::size_t kLargestContents = 1 << 20;
 constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
 constexpr std::size_t kUsualNameLength = 255;
 
@@ -52,29 +52,6 @@ bool holdsNUL(const NSURL& url) {
   return url.path().find('\0') != std::string::npos;
 }
 
-struct stat statusOf(const UniqueFd& file, const std::string& path) {
-  struct stat status;
-  if (!file || ::fstat(file.get(), &status) != 0) throw cocoaReadError(errno, path);
-  return status;
-}
-
-/// Reads up to `limit` bytes; throws when there are more.
-NSData readAtMost(std::size_t limit, int file, const std::string& path) {
-  // One byte more than allowed shows that the file has grown since its size was taken.
-  NSData data(limit + 1, '\0');
-  std::size_t length = 0;
-  while (length < data.size()) {
-    const auto count = ::read(file, data.data() + length, data.size() - length);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throw cocoaReadError(errno, path);
-    if (count == 0) break;
-    length += static_cast<std::size_t>(count);
-  }
-  if (length > limit) throw cocoaReadError(EFBIG, path);
-  data.resize(length);
-  return data;
-}
-
 bool writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const auto written = ::write(file, bytes.data(), bytes.size());
@@ -105,12 +82,8 @@ class PosixFileManager : public NSFileManager {
     if (holdsNUL(at)) throw cocoaReadError(ENOENT, at.path());
     // Without waiting, so that a FIFO in the file's place cannot hang the process.
     const UniqueFd file(::open(at.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    const auto status = statusOf(file, at.path());
-    if (!S_ISREG(status.st_mode)) throw cocoaReadError(EINVAL, at.path());
-    if (static_cast<std::size_t>(status.st_size) > kLargestContents) {
-      throw cocoaReadError(EFBIG, at.path());
-    }
-    return readAtMost(kLargestContents, file.get(), at.path());
+    if (!file) throw cocoaReadError(errno, at.path());
+    return fileContents(file, at.path());
   }
 
   bool createFile(const NSURL& at, std::string_view contents) override {

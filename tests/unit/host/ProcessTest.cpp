@@ -28,16 +28,21 @@ int inChild(const std::function<int()>& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(ProtectProcess, NoCoreIsWrittenAndNothingIsForOthers) {
+TEST(ProtectMemory, NoCoreIsWrittenAndNobodyCanAttach) {
   EXPECT_EQ(inChild([] {
-              protectProcess();
+              protectMemory();
               rlimit core{1, 1};
               ::getrlimit(RLIMIT_CORE, &core);
-              const bool closed = ::umask(0) == 077;
-              return core.rlim_cur == 0 && core.rlim_max == 0 && closed &&
-                             ::prctl(PR_GET_DUMPABLE) == 0
-                         ? 0
-                         : 1;
+              const bool attachable = ::prctl(PR_GET_DUMPABLE) != 0;
+              return core.rlim_cur == 0 && core.rlim_max == 0 && !attachable ? 0 : 1;
+            }),
+            0);
+}
+
+TEST(MakeFilesPrivate, NothingIsForOthers) {
+  EXPECT_EQ(inChild([] {
+              makeFilesPrivate();
+              return ::umask(0) == 077 ? 0 : 1;
             }),
             0);
 }
