@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -106,16 +107,26 @@ JSONValue HostCommands::status(const JSONValue& request) const {
 JSONValue HostCommands::wait(const JSONValue& request) const {
   const std::chrono::milliseconds limit(
       number(request, "limit", kLongestWait.count(), kLongestWait.count()));
-  const auto result = outcome<replica::Done>(limit + kLongestLookUp, [&](auto completion) {
-    replica_.waitUntilSynced(limit, std::move(completion));
-  });
+  std::optional<NSError> left;
+  if (limit > 0ms) {
+    const auto result = outcome<replica::Done>(limit + kLongestLookUp, [&](auto completion) {
+      replica_.waitUntilSynced(limit, std::move(completion));
+    });
+    if (!result.succeeded()) left = result.error();
+  }
   const auto status = replica_.status();
-  const auto refused = std::count_if(
+  // Time that is over before it begins leaves a look at how things stand.
+  const bool synced = limit > 0ms ? !left : status.pendingCount == 0;
+  std::int64_t refused = std::count_if(
       status.pending.begin(), status.pending.end(),
       [](const auto& pending) { return pending.state == replica::SyncState::refused; });
-  return JSONValue::Object{{"synced", result.succeeded()},
+  // The list is not endless. That nothing but refused changes is left is the replica's own word.
+  if (left && left->is(NSPOSIXErrorDomain, EIO) && !context_.isStopping()) {
+    refused = status.pendingCount;
+  }
+  return JSONValue::Object{{"synced", synced},
                            {"pending", status.pendingCount},
-                           {"refused", static_cast<std::int64_t>(refused)},
+                           {"refused", refused},
                            {"offline", status.offline},
                            {"held", status.held}};
 }
@@ -164,10 +175,7 @@ replica::Rid HostCommands::item(const JSONValue& request) const {
   const auto found = outcome<replica::Rid>(
       kLongestLookUp, [&](auto completion) { replica_.find(path, std::move(completion)); });
   if (found.succeeded()) return found.value();
-  const auto& error = found.error();
-  throw NSError(error.domain(), error.code(),
-                {{std::string(NSLocalizedDescriptionKey),
-                  escapedForDisplay(path) + ": " + error.localizedDescription()}});
+  throw found.error();
 }
 
 }  // namespace kestrowan::host

@@ -13,13 +13,18 @@ namespace kestrowan::host {
 /// The requests of the control socket. Each is an object whose "request" says what is wanted; paths
 /// begin at the root of the mount.
 ///
-/// | request | members | answer |
-/// |---|---|---|
-/// | status | limit? (pending items) | domain, mountPoint, stateDirectory, process, started, state,
-/// warnings, transfers, and what `statusForm` gives | | wait | limit? (milliseconds, at most
-/// 60,000) | synced, pending, refused (of those), offline, held | | evict | path | evicted, bytes,
-/// changed, open, pinned | | pin, unpin, retry | path | | | discard | path, confirm (true) |
-/// discarded | | unmount | force? | left (changes that were not sent) |
+///     status               limit? (pending items)
+///       gives domain, mountPoint, stateDirectory, process, started, state, warnings, transfers,
+///       and what `statusForm` says
+///     wait                 limit? (milliseconds, at most 60,000; 0 asks how things stand)
+///       gives synced, pending, refused (of those), offline, held
+///     evict                path
+///       gives evicted, bytes, changed, open, pinned
+///     pin, unpin, retry    path
+///     discard              path, confirm (true)
+///       gives discarded
+///     unmount              force?
+///       gives left (changes that were not sent)
 ///
 /// Usable from every thread; the replica and the functions must outlive it. Blocks; answers never
 /// hold contents or credentials.
