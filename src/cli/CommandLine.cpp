@@ -1,17 +1,23 @@
 #include "cli/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "cli/Bridge.h"
 #include "cli/CommandLineHost.h"
 #include "cli/Console.h"
 #include "cli/Describe.h"
 #include "cli/ExitCode.h"
+#include "cli/Failure.h"
+#include "cli/ParseProblem.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/Commands.h"
 #include "cli/drive/Driver.h"
@@ -56,8 +62,9 @@ class CommandLine {
         ->check([](const std::string& directory) {
           return std::string(directory.empty() ? "is empty" : "");
         });
-    app_.add_flag("--json", global_.json, "report in JSON, one object a line");
-    app_.add_flag("--verbose", global_.verbose, "show the extension's log on standard error");
+    app_.add_flag("--json", global_.json, "report in JSON, one object a line; failures too");
+    app_.add_flag("--verbose", global_.verbose,
+                  "show the extension's log on standard error, as drive always does");
     app_.footer(exitCodesText());
     addReadingCommands();
     addWritingCommands();
@@ -66,28 +73,51 @@ class CommandLine {
   }
 
   int run(int argc, char** argv) {
+    // Also for what is wrong with the command line itself.
+    const bool json = asksForJSON({argv + 1, argv + argc});
     try {
-      app_.parse(argc, argv);
-    } catch (const CLI::ParseError& problem) {
-      return app_.exit(problem) == 0 ? static_cast<int>(ExitCode::done)
-                                     : static_cast<int>(ExitCode::usage);
+      const ExitCode code = carryOut(argc, argv, json);
+      Output::standard().flush();
+      return static_cast<int>(code);
+    } catch (const OutputUnwritable& problem) {
+      complain(escapedForDisplay(problem.what()));
+      if (json) tryToReport(problem.what());
+      return static_cast<int>(ExitCode::outputUnwritable);
     }
-    if (global_.container) ::setenv("KESTROWAN_CONTAINER", global_.container->c_str(), 1);
-    return static_cast<int>(carryOut());
   }
 
  private:
-  ExitCode carryOut() {
+  static bool asksForJSON(const std::vector<std::string>& arguments) {
+    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    return std::find(arguments.begin(), end, "--json") != end;
+  }
+
+  ExitCode carryOut(int argc, char** argv, bool json) {
+    std::string wrong;
     try {
-      const ExitCode code = action_();
-      Output::standard().flush();
-      return code;
+      app_.parse(argc, argv);
+      if (global_.container) ::setenv("KESTROWAN_CONTAINER", global_.container->c_str(), 1);
+      return action_();
+    } catch (const CLI::ParseError& problem) {
+      std::ostringstream help;
+      if (app_.exit(problem, help, help) == 0) {
+        Output::standard().write(help.str());
+        return ExitCode::done;
+      }
+      wrong = problemText(app_, problem);
     } catch (const UsageError& problem) {
-      complain(problem.what());
-      return ExitCode::usage;
-    } catch (const OutputUnwritable& problem) {
-      complain(escapedForDisplay(problem.what()));
-      return ExitCode::outputUnwritable;
+      wrong = problem.what();
+    }
+    reportFailure(json, wrong, commandError(ExitCode::usage, wrong));
+    return ExitCode::usage;
+  }
+
+  /// Of a local file that cannot be written the report can be, of standard output itself not.
+  static void tryToReport(const std::string& text) {
+    try {
+      reportFailure(true, text, commandError(ExitCode::outputUnwritable, text));
+      Output::standard().flush();
+    } catch (const OutputUnwritable&) {
     }
   }
 
@@ -105,6 +135,7 @@ class CommandLine {
 
   ExitCode direct(const std::function<ExitCode(CommandContext&)>& action) {
     if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
+    useBridge();
     CommandContext context(global_);
     try {
       return action(context);
@@ -173,6 +204,7 @@ class CommandLine {
         "drive");
     drive->callback([this] {
       action_ = [] {
+        useBridge();
         return Driver(std::make_shared<FileProviderExtension>(
                           NSFileProviderDomain{"kestrowan", "Kestrowan"}))
             .run();
@@ -183,6 +215,7 @@ class CommandLine {
     doctor->callback([this] {
       action_ = [this] {
         if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
+        useBridge();
         return cli::doctor(global_);
       };
     });

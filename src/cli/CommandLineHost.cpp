@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/ParseProblem.h"
 #include "cli/commands/HostCommands.h"
 
 namespace kestrowan::cli {
@@ -24,6 +25,9 @@ struct Values {
   bool force = false;
   bool confirmed = false;
 };
+
+constexpr auto kTreeInMount =
+    "path on this machine of a file in a mount, or of a folder with all below it";
 
 /// Help names the values already, as the option's type.
 CLI::Validator oneOf(const std::vector<std::string>& values) {
@@ -73,8 +77,7 @@ class MountCommands {
         ->add_option("--cache-limit", mount.cacheLimit,
                      "how much of what could be fetched again stays here, as 500M or 20G; "
                      "otherwise 10G, or a tenth of the disk if that is less")
-        ->transform(CLI::AsSizeValue(false).description(""))
-        ->check(CLI::Validator(CLI::PositiveNumber).description(""))
+        ->transform(sizeAboveZero())
         ->type_name("SIZE");
     command
         ->add_option("--fsync", mount.fsync,
@@ -115,7 +118,7 @@ class MountCommands {
                      return unmount(options, values->path, values->force);
                    });
     command->add_flag("--force", values_->force,
-                      "at once, also while programs use it; nothing is lost");
+                      "at once, also while programs use it or its host hangs; nothing is lost");
     command->add_option("MOUNTPOINT", values_->path, "where it is mounted")->required();
   }
 
@@ -144,26 +147,30 @@ class MountCommands {
 
   void addPathCommands() {
     addPathCommand("evict", "give back the space of files that can be fetched again",
-                   "  kestrowan evict ~/Storage/Home/Videos", "file, or folder with all below it",
+                   "  kestrowan evict ~/Storage/Home/Videos", kTreeInMount,
                    [](const auto& options, const auto& path) { return evict(options, path); });
     addPathCommand("pin", "keep files here, and fetch them whenever they change",
-                   "  kestrowan pin ~/Storage/Home/Documents", "file, or folder with all below it",
+                   "  kestrowan pin ~/Storage/Home/Documents", kTreeInMount,
                    [](const auto& options, const auto& path) { return pin(options, path, true); });
     addPathCommand("unpin", "end what \"pin\" began", "  kestrowan unpin ~/Storage/Home/Documents",
-                   "file, or folder with all below it",
+                   kTreeInMount,
                    [](const auto& options, const auto& path) { return pin(options, path, false); });
     auto* again = addCommand(
         "retry", "try at once what failed", "  kestrowan retry\n  kestrowan retry report.odt",
         [values = values_, &options = options_] { return retry(options, values->place); });
-    again->add_option("PATH", values_->place,
-                      "item in a mount, with all below it; everything when left out");
+    again->add_option(
+        "PATH", values_->place,
+        "path on this machine of an item in a mount, with all below it; everything in "
+        "every mount when left out");
     auto* give =
         addCommand("discard", "give up local changes; what was written goes to the recovery area",
                    "  kestrowan discard report.odt", [values = values_, &options = options_] {
                      return discard(options, values->path, values->confirmed);
                    });
     give->add_flag("--yes", values_->confirmed, "do not ask");
-    give->add_option("PATH", values_->path, "item in a mount, with all below it")->required();
+    give->add_option("PATH", values_->path,
+                     "path on this machine of an item in a mount, with all below it")
+        ->required();
   }
 
   template <typename Action>

@@ -1,9 +1,11 @@
 #include "cli/Explain.h"
 
-#include "bridge/FPBridge.h"
+#include <algorithm>
+#include <iterator>
+
+#include "cli/Bridge.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
-#include "platform/foundation/NSFileManager.h"
 
 namespace kestrowan::cli {
 
@@ -66,10 +68,6 @@ constexpr Advice kAdvice[] = {
      "check the free space on the disk, then try again"},
 };
 
-std::string place(const NSURL& url) {
-  return escapedForDisplay(url.path());
-}
-
 std::string inWords(std::string_view path, const NSError& error) {
   std::string text = escapedForDisplay(path) + ": ";
   for (const auto& advice : kAdvice) {
@@ -85,29 +83,14 @@ std::string inWords(std::string_view path, const NSError& error) {
 
 }  // namespace
 
-std::optional<std::string> bridgeProblem() {
-  const auto container = FPBridge::groupURL();
-  if (!container) {
-    return "not configured: there is no container directory\n"
-           "  looked for $KESTROWAN_CONTAINER, else the directory " +
-           std::string(FPBridge::kGroupIdentifier) +
-           " in $XDG_DATA_HOME or ~/.local/share\n"
-           "  start the host application, or name the directory with --container";
-  }
-  try {
-    FPBridge::loadConfig();
-    return std::nullopt;
-  } catch (const NSError& error) {
-    const std::string file = place(container->appendingPathComponent(FPBridge::kConfigFileName));
-    if (error.is(NSCocoaErrorDomain, NSCoderReadCorruptError) ||
-        error.is(NSCocoaErrorDomain, NSCoderValueNotFoundError)) {
-      return "not configured: " + file +
-             " is not a JSON object with \"port\" (a whole number), \"user\", \"pass\" and "
-             "\"certPEM\" (texts)\n  restart the host application, so that it writes the file anew";
-    }
-    return "not configured: " + file + ": " + error.localizedDescription() +
-           "\n  check that the host application is running and may write there";
-  }
+bool isAboutLocalFile(const NSError& error) {
+  constexpr NSURLErrorCode kLocal[] = {
+      NSURLErrorFileDoesNotExist,        NSURLErrorFileIsDirectory,
+      NSURLErrorNoPermissionsToReadFile, NSURLErrorRequestBodyStreamExhausted,
+      NSURLErrorCannotCreateFile,        NSURLErrorCannotWriteToFile,
+  };
+  return error.domain() == NSURLErrorDomain &&
+         std::find(std::begin(kLocal), std::end(kLocal), error.code()) != std::end(kLocal);
 }
 
 Explanation explain(std::string_view path, const NSError& error) {

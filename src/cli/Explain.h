@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,15 +8,14 @@
 
 namespace kestrowan::cli {
 
-/// Why there is no usable bridge file, with the place where it was looked for; nothing when there
-/// is one.
-std::optional<std::string> bridgeProblem();
-
 struct Explanation {
   ExitCode exitCode;
   /// For a person: what happened, and what to do next.
   std::string text;
 };
+
+/// Whether the error of a transfer is about the local file rather than the one on the server.
+bool isAboutLocalFile(const NSError& error);
 
 /// What the failure of a request about `path` means.
 Explanation explain(std::string_view path, const NSError& error);

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "cli/Console.h"
-#include "cli/JSONForms.h"
+#include "cli/Failure.h"
+#include "cli/ServerPath.h"
 #include "host/ControlClient.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
@@ -17,36 +17,12 @@ namespace kestrowan::cli {
 
 namespace {
 
-void report(bool json, const std::string& text, const NSError& error) {
-  if (json) {
-    Output::standard().write(JSONValue(JSONValue::Object{{"error", jsonForm(error)}}).serialized() +
-                             "\n");
-  } else {
-    complain(text);
-  }
-}
+constexpr auto kNothingMounted = "nothing is mounted; see \"kestrowan mount --help\"";
 
 std::string listed(const std::vector<host::HostEntry>& hosts) {
   std::string text;
   for (const auto& host : hosts) text += "\n  " + escapedForDisplay(host.mountPoint);
-  return text.empty() ? "\n  nothing is mounted; see \"kestrowan mount --help\""
-                      : "\n  mounted:" + text;
-}
-
-}  // namespace
-
-ExitCode reportingFailure(bool json, const std::function<ExitCode()>& action) {
-  try {
-    return action();
-  } catch (const HostFailure& failure) {
-    report(json, failure.what(),
-           NSError("kestrowan", static_cast<std::int64_t>(failure.code),
-                   {{std::string(NSLocalizedDescriptionKey), failure.what()}}));
-    return failure.code;
-  } catch (const NSError& error) {
-    report(json, escapedForDisplay(error.localizedDescription()), error);
-    return error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::requestFailed;
-  }
+  return "\n  " + (text.empty() ? kNothingMounted : "mounted:" + text);
 }
 
 std::vector<host::HostEntry> runningHosts() {
@@ -55,18 +31,38 @@ std::vector<host::HostEntry> runningHosts() {
   return hosts;
 }
 
+}  // namespace
+
+ExitCode reportingFailure(bool json, const std::function<ExitCode()>& action) {
+  try {
+    return action();
+  } catch (const HostFailure& failure) {
+    reportFailure(json, failure.what(), commandError(failure.code, failure.what()));
+    return failure.code;
+  } catch (const NSError& error) {
+    reportFailure(json, escapedForDisplay(error.localizedDescription()), error);
+    return error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::requestFailed;
+  }
+}
+
+std::vector<host::HostEntry> chosenHosts(const std::optional<std::string>& mountPoint) {
+  if (mountPoint) return {runningHost(mountPoint)};
+  auto hosts = runningHosts();
+  if (hosts.empty()) throw HostFailure(ExitCode::notMounted, kNothingMounted);
+  return hosts;
+}
+
 host::HostEntry runningHost(const std::optional<std::string>& mountPoint) {
   if (mountPoint) return runningPlace(*mountPoint).host;
-  const auto running = runningHosts();
+  const auto running = chosenHosts(std::nullopt);
   if (running.size() == 1) return running.front();
-  if (running.empty()) {
-    throw HostFailure(ExitCode::notMounted, "nothing is mounted; see \"kestrowan mount --help\"");
-  }
   throw HostFailure(ExitCode::usage,
                     "there are several mounts; name one of them" + listed(running));
 }
 
 host::PlaceInMount runningPlace(const std::string& path) {
+  // The empty path would be the current directory, which nobody meant.
+  if (path.empty()) throw UsageError("an empty path names nothing");
   const auto hosts = runningHosts();
   if (auto place = host::placeInMount(hosts, path, currentDirectory())) return *std::move(place);
   throw HostFailure(ExitCode::notMounted,

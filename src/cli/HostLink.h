@@ -25,13 +25,15 @@ class HostFailure : public std::runtime_error {
 /// output, or in words on standard error.
 ExitCode reportingFailure(bool json, const std::function<ExitCode()>& action);
 
-std::vector<host::HostEntry> runningHosts();
+/// The running host whose mount is at, or holds, `mountPoint`; every running host when none is
+/// named. Never empty. Throws `HostFailure`, and `UsageError` for an empty path.
+std::vector<host::HostEntry> chosenHosts(const std::optional<std::string>& mountPoint);
 
-/// The running host whose mount is at, or holds, `mountPoint`; the only one when none is named.
-/// Throws `HostFailure`.
+/// The same for commands that work on one mount: the only one when none is named.
 host::HostEntry runningHost(const std::optional<std::string>& mountPoint);
 
-/// Where `path` lies in a mount that runs. Throws `HostFailure`.
+/// Where `path` lies in a mount that runs. Throws `HostFailure`, and `UsageError` for an empty
+/// path.
 host::PlaceInMount runningPlace(const std::string& path);
 
 /// Sends a request and gives the answer. Throws `HostFailure` when the host is gone, else `NSError`
@@ -44,7 +46,7 @@ std::int64_t integer(const JSONValue& form, std::string_view member);
 bool flag(const JSONValue& form, std::string_view member);
 std::string text(const JSONValue& form, std::string_view member);
 
-/// The process's current directory, absolute.
+/// The process's current directory, absolute; "/" when it has been removed.
 std::string currentDirectory();
 
 }  // namespace kestrowan::cli

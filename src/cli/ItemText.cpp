@@ -51,8 +51,8 @@ std::string byteText(std::int64_t bytes) {
   return formatted("%.1f %s", value, kUnits[unit]);
 }
 
-std::string counted(std::int64_t number, const std::string& one) {
-  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+std::string counted(std::int64_t number, const std::string& one, const std::string& several) {
+  return std::to_string(number) + " " + (number == 1 ? one : several.empty() ? one + "s" : several);
 }
 
 std::string longLine(const NSFileProviderItem& item, std::string_view name) {

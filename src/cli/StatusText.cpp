@@ -143,7 +143,7 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
                                   shownPath(status, "stateDirectory") + "/recovery");
   }
   if (integer(status, "refusedEntries") > 0) {
-    shown += line("Left out", counted(integer(status, "refusedEntries"), "entry") +
+    shown += line("Left out", counted(integer(status, "refusedEntries"), "entry", "entries") +
                                   " of listings, for impossible names or identifiers");
   }
   const auto count = integer(pending, "count");

@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 import shutil
 import subprocess
 import tempfile
@@ -10,7 +11,7 @@ from pathlib import Path
 import pytest
 
 from conftest import write_bridge
-from driver import FILE_PROVIDER, ROOT, Drive, environment, error_of, executable, run
+from driver import FILE_PROVIDER, ROOT, Drive, environment, error_of, executable, run, start
 from multistatus import multistatus
 
 UNCONFIGURED = "no WebDAV config in app group — host serve not up?"
@@ -129,6 +130,8 @@ def test_an_unreadable_file_is_no_configuration():
             assert_unconfigured(container)
             return
         # Root reads everything: an ordinary user is put on, with a copy that it can reach.
+        os.chown(container, 65534, 65534)
+        os.chown(bridge, 65534, 65534)
         program = container / "kestrowan"
         shutil.copy(executable(), program)
         program.chmod(0o755)
@@ -137,6 +140,73 @@ def test_an_unreadable_file_is_no_configuration():
                                 check=False)
         assert result.returncode == NOT_CONFIGURED
         assert b"fp-webdav.json" in result.stderr
+
+
+# ---- whose it is ---------------------------------------------------------------------------------
+
+
+def assert_refused(scene, path, reason):
+    """No command uses the bridge file, and each says which place is at fault, and why."""
+    scene.script(multistatus())
+    with scene.drive() as drive:
+        assert error_of(drive.call("enumerateItems", identifier=ROOT)) == (FILE_PROVIDER, -1000)
+        assert drive.log_lines(1) == [UNCONFIGURED]
+    for command in (["ls"], ["stat", "/a"], ["put", __file__, "/a"], ["rm", "/a"]):
+        result = scene.run(*command)
+        assert result.returncode == NOT_CONFIGURED, (command, result)
+        assert f"{path}: " in result.stderr.decode() and reason in result.stderr.decode()
+    result = scene.run("--json", "doctor")
+    assert result.returncode == NOT_CONFIGURED
+    problems = [finding["text"] for finding in json.loads(result.stdout)["findings"]
+                if finding["verdict"] == "problem"]
+    assert len(problems) == 1 and f"{path}: " in problems[0] and reason in problems[0]
+    assert scene.asked() == []
+
+
+@pytest.mark.parametrize("mode", [0o720, 0o702, 0o777])
+def test_a_container_that_others_may_write_in_counts_as_none(scene, mode):
+    scene.container.chmod(mode)
+    assert_refused(scene, scene.container, "chmod go-w")
+
+
+def test_a_bridge_file_that_is_a_link_is_not_read(scene):
+    bridge = scene.container / "fp-webdav.json"
+    bridge.rename(scene.directory / "real")
+    bridge.symlink_to(scene.directory / "real")
+    assert_refused(scene, bridge, "symbolic link")
+
+
+@pytest.mark.parametrize("given", ["container", "file"])
+def test_what_belongs_to_another_user_is_not_used(scene, given):
+    if os.geteuid() != 0:
+        pytest.skip("only root can give a file away")
+    path = scene.container if given == "container" else scene.container / "fp-webdav.json"
+    os.chown(path, 65534, 65534)
+    assert_refused(scene, path, "belongs to another user")
+
+
+@pytest.mark.parametrize("arguments", [["drive"], ["ls"], ["doctor"]])
+def test_the_password_stays_in_the_memory_of_every_command(scene, arguments):
+    scene.script(dict(multistatus(), holdFor="more"))
+    before = resource.getrlimit(resource.RLIMIT_CORE)
+    resource.setrlimit(resource.RLIMIT_CORE, (before[1], before[1]))
+    try:
+        process = start(*arguments, container=scene.container, env=scene.environment(),
+                        stdin=subprocess.PIPE)
+    finally:
+        resource.setrlimit(resource.RLIMIT_CORE, before)
+    if arguments == ["drive"]:
+        process.stdin.write(b'{"id":1,"request":"enumerateItems","identifier":"/Home"}\n')
+        process.stdin.flush()
+    scene.server.waitForRequests(1)
+    with open(f"/proc/{process.pid}/limits", encoding="ascii") as limits:
+        [line] = [line for line in limits if line.startswith("Max core file size")]
+    assert line.split()[4:6] == ["0", "0"]
+    # What nobody may attach to belongs to root.
+    assert os.stat(f"/proc/{process.pid}/mem").st_uid == 0
+    scene.server.release("more")
+    process.communicate(timeout=120)
+    assert process.returncode == 0
 
 
 @pytest.mark.parametrize("change", [

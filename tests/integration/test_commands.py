@@ -43,6 +43,38 @@ def test_wrong_usage_sends_nothing(scene, arguments):
     assert scene.asked() == []
 
 
+@pytest.mark.parametrize("arguments, what, where", [
+    (["explode"], "explode: there is no such command", ""),
+    (["--wrong"], "--wrong: there is no such option", ""), ([], "a command is missing", ""),
+    (["ls", "--wrong"], "ls: The following argument was not expected: --wrong", "ls "),
+    (["stat"], "stat: PATH is required", "stat "),
+    (["mount", "--cache-limit", "0", "x"], '--cache-limit: "0" is no size above 0', "mount "),
+    (["mount", "--cache-limit", "-1G", "x"], '--cache-limit: "-1G" is no size above 0', "mount "),
+    (["mount", "--cache-limit", "1X", "x"], '--cache-limit: "1X" is no size above 0', "mount ")])
+def test_wrong_usage_is_named_with_its_command(scene, arguments, what, where):
+    result = scene.run(*arguments)
+    assert result.returncode == USAGE
+    line, hint = result.stderr.decode().splitlines()
+    assert line.startswith("kestrowan: ") and what in line and len(line) < 100
+    assert hint == f'  see "kestrowan {where}--help"'
+
+
+@pytest.mark.parametrize("arguments", [
+    ["explode"], ["ls", "--wrong"], ["rm", "/"], ["evict", ""], ["mount", "--fsync=x", "x"]])
+def test_wrong_usage_is_told_in_json_too(scene, arguments):
+    result = scene.run("--json", *arguments)
+    assert result.returncode == USAGE
+    assert error(result) == ("kestrowan", USAGE)
+
+
+@pytest.mark.parametrize("arguments", [["--help"], ["--version"], ["ls", "--help"]])
+def test_help_that_cannot_be_written_is_an_error(scene, arguments):
+    with open("/dev/full", "wb") as full:
+        result = scene.run(*arguments, stdout=full)
+    assert result.returncode == UNWRITABLE
+    assert b"No space left" in result.stderr
+
+
 @pytest.mark.parametrize("arguments", [
     ["--help"], ["--version"], *([command, "--help"] for command in (
         "ls", "stat", "get", "put", "mkdir", "mv", "rm", "drive", "doctor"))])
@@ -190,7 +222,7 @@ def test_put_of_what_is_no_file_sends_nothing(scene):
     for path in (scene.directory / "missing", scene.directory):
         result = scene.run("put", path, "/a")
         assert result.returncode == FAILED
-        assert result.stderr
+        assert f"kestrowan: {path}: the local file is".encode() in result.stderr
     assert scene.asked() == []
 
 
@@ -220,6 +252,10 @@ def test_mv_does_not_overwrite(scene):
     result = scene.run("--json", "mv", "/Home/a.txt", "/Home/b.txt")
     assert result.returncode == FAILED
     assert error(result) == (COCOA, 516)
+    assert report(result)["path"] == "/Home/b.txt"
+    scene.script(multistatus(FILE), status(412))
+    result = scene.run("mv", "/Home/a.txt", "/Home/b.txt")
+    assert b"kestrowan: /Home/b.txt: the destination exists already" in result.stderr
 
 
 def test_rm_removes_a_file_and_asks_before_a_folder(scene):
@@ -284,6 +320,13 @@ def test_the_extensions_log_is_shown_on_demand(scene):
     log = b"[com.kestrowan.app.FileProvider:ext] error: enumerate /Home failed: "
     assert log not in scene.run("ls", "/Home").stderr
     assert log in scene.run("--verbose", "ls", "/Home").stderr
+
+
+def test_a_local_file_that_cannot_be_written_is_told_in_json_too(scene):
+    result = scene.run("--json", "get", "/a", scene.directory / "missing" / "a")
+    assert result.returncode == UNWRITABLE
+    assert report(result)["error"]["code"] == UNWRITABLE
+    assert b"No such file" in result.stderr
 
 
 @pytest.mark.parametrize("arguments", [["ls", "-l"], ["--json", "ls"], ["get", "/a", "-"],

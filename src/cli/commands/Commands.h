@@ -34,8 +34,10 @@ class CommandContext {
   const std::shared_ptr<NSFileProviderReplicatedExtension> extension_;
 };
 
-/// Each direct command throws `NSError` for the failure of its request, together with the path
-/// that it is about, and `UsageError` or `OutputUnwritable` as their names say.
+/// What each command below throws when its request fails: the path that the failure is about, on
+/// the server unless it is the local file's, and the error. It throws `UsageError` before anything
+/// is changed, and `OutputUnwritable` when standard output or a local file cannot be written. Paths
+/// are the server's, as `serverPath` takes them; each command blocks until it is done.
 struct RequestFailure {
   std::string path;
   NSError error;
@@ -46,26 +48,34 @@ struct ListOptions {
   bool longFormat = false;
   bool recursive = false;
 };
+/// Prints a folder. Of several folders the ones that fail are reported as they come, and the
+/// command ends with `partlyFailed`.
 ExitCode list(CommandContext& context, const ListOptions& options);
 
+/// Prints every property of one item.
 ExitCode stat(CommandContext& context, const std::string& path);
 
-/// `file`: where to; a folder keeps the item's name, "-" is standard output, none the current
-/// folder.
+/// Downloads. `file`: where to; a folder keeps the item's name, "-" is standard output, none the
+/// current folder. Replaces a file that is there only once the download is whole.
 ExitCode get(CommandContext& context, const std::string& path,
              const std::optional<std::string>& file);
 
-/// A `path` that ends in "/" keeps the file's name.
+/// Uploads the local `file`, and replaces what is there. A `path` that ends in "/" keeps the file's
+/// name.
 ExitCode put(CommandContext& context, const std::string& file, const std::string& path);
 
+/// Fails when something is there.
 ExitCode makeFolder(CommandContext& context, const std::string& path);
 
-/// A `to` that ends in "/" keeps the item's name.
+/// Renames or moves, unless the item's capabilities forbid it; never replaces another item. A `to`
+/// that ends in "/" keeps the item's name.
 ExitCode move(CommandContext& context, const std::string& from, const std::string& to);
 
+/// Removes, unless the item's capabilities forbid it; a folder only when `recursive`, with all that
+/// is in it.
 ExitCode remove(CommandContext& context, const std::string& path, bool recursive);
 
-/// Checks what the extension needs, one line each.
+/// Checks what the extension and a mount need, one line each. Throws `OutputUnwritable` alone.
 ExitCode doctor(const GlobalOptions& options);
 
 }  // namespace kestrowan::cli

@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,12 +9,14 @@
 
 #include "bridge/CertificatePEM.h"
 #include "bridge/FPBridge.h"
+#include "cli/Bridge.h"
 #include "cli/Console.h"
 #include "cli/Explain.h"
 #include "cli/JSONForms.h"
 #include "cli/Requests.h"
 #include "cli/commands/Commands.h"
 #include "cli/commands/Finding.h"
+#include "host/BridgeAccess.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSFileManager.h"
 
@@ -35,29 +36,24 @@ std::string_view word(Verdict verdict) {
   return "";
 }
 
-Finding checkContainer(const NSURL& container) {
-  const std::string shown = escapedForDisplay(container.path());
-  struct stat status {};
-  if (::stat(container.path().c_str(), &status) != 0) {
-    return {"container", Verdict::bad, shown + ": " + std::generic_category().message(errno)};
+/// The container, and the bridge file in one that is not refused.
+void checkBridge(std::vector<Finding>& found, bool configured) {
+  const auto container = bridgeContainer();
+  if (container) {
+    const auto refusal = host::containerRefusal(*container);
+    found.push_back({"container", refusal ? Verdict::bad : Verdict::good,
+                     refusal.value_or(escapedForDisplay(*container))});
+    if (refusal) return;
   }
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_uid != ::getuid()) {
-    return {"container", Verdict::warning,
-            shown +
-                ": others may write here, and could replace the bridge file; run chmod go-w, "
-                "and check who owns it"};
+  if (!container || !configured) {
+    found.push_back({"bridge file", Verdict::bad,
+                     bridgeProblem().value_or("it has just changed; run this again")});
+    return;
   }
-  return {"container", Verdict::good, shown};
-}
-
-Finding checkBridgeFile(const NSURL& file) {
-  const std::string shown = escapedForDisplay(file.path());
-  struct stat status {};
-  if (::stat(file.path().c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    return {"bridge file", Verdict::warning,
-            shown + ": others may read the password in it; run chmod 600"};
-  }
-  return {"bridge file", Verdict::good, shown};
+  const auto warning = host::bridgeWarning(container);
+  const auto file = *container + "/" + std::string(FPBridge::kConfigFileName);
+  found.push_back({"bridge file", warning ? Verdict::warning : Verdict::good,
+                   warning.value_or(escapedForDisplay(file))});
 }
 
 Finding checkPort(const FPBridge::Config& config) {
@@ -111,18 +107,13 @@ std::optional<FPBridge::Config> loadedConfig() {
 
 std::vector<Finding> findings(const GlobalOptions& options, bool& configured) {
   std::vector<Finding> found;
-  const auto container = FPBridge::groupURL();
   const auto config = loadedConfig();
   configured = config.has_value();
-  if (container) found.push_back(checkContainer(*container));
-  if (container && config) {
-    found.push_back(checkBridgeFile(container->appendingPathComponent(FPBridge::kConfigFileName)));
+  checkBridge(found, configured);
+  if (config) {
     found.push_back(checkPort(*config));
     found.push_back(checkCertificate(*config));
     found.push_back(checkServer(options));
-  } else {
-    found.push_back({"bridge file", Verdict::bad,
-                     bridgeProblem().value_or("it has just changed; run this again")});
   }
   found.push_back(checkTemporaryDirectory());
   for (auto& finding : mountFindings()) found.push_back(std::move(finding));

@@ -33,7 +33,7 @@ ExitCode mount(const GlobalOptions& options, const MountCommand& command);
 ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bool force);
 
 struct StatusCommand {
-  std::optional<std::string> mountPoint;
+  std::optional<std::string> mountPoint;  // every mount when absent
   bool watch = false;
 };
 ExitCode status(const GlobalOptions& options, const StatusCommand& command);
@@ -44,7 +44,7 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
 
 ExitCode evict(const GlobalOptions& options, const std::string& path);
 ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned);
-/// Without `path`, everything in the only mount.
+/// Without `path`, everything in every mount.
 ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path);
 /// Asks before it does anything, unless `confirmed`.
 ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed);

@@ -81,10 +81,15 @@ ExitCode move(CommandContext& context, const std::string& from, const std::strin
                            .parentItemIdentifier = parentIdentifier(target),
                            .filename = lastPathComponent(target),
                            .contentType = item->contentType()});
-  printItem(context, resultOf(modify(context.extension(), moved,
-                                     NSFileProviderItemField::filename |
-                                         NSFileProviderItemField::parentItemIdentifier),
-                              source));
+  try {
+    printItem(context, modify(context.extension(), moved,
+                              NSFileProviderItemField::filename |
+                                  NSFileProviderItemField::parentItemIdentifier)
+                           .get());
+  } catch (const NSError& error) {
+    const bool isTaken = error.is(NSCocoaErrorDomain, NSFileWriteFileExistsError);
+    throw RequestFailure{isTaken ? target : source, error};
+  }
   return ExitCode::done;
 }
 

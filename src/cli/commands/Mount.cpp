@@ -13,6 +13,7 @@
 #include "host/Directories.h"
 #include "host/Host.h"
 #include "host/StaleMount.h"
+#include "mount/Fusermount.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
 
@@ -24,6 +25,8 @@ using namespace std::chrono_literals;
 
 /// A host may take as long as it was told to drain, and a while more.
 constexpr std::chrono::milliseconds kUnmountPatience = 24h;
+/// One that is told to end at once takes a few seconds, unless it hangs.
+constexpr std::chrono::milliseconds kForcePatience = 10s;
 
 std::string absolutePath(const std::string& path) {
   if (path.empty()) throw UsageError("an empty path names nothing");
@@ -64,26 +67,50 @@ void fixContainer() {
 }
 
 ExitCode serve(host::HostSettings settings, const std::function<bool()>& ready) {
+  host::Host host(std::move(settings));
+  host.run(ready);
+  return ExitCode::done;
+}
+
+ExitCode mountAsTold(const GlobalOptions& options, const MountCommand& command) {
+  auto settings = settingsFor(options, command);
+  fixContainer();
+  if (!command.background) return serve(std::move(settings), [] { return true; });
+  Background background;
+  if (const auto code = background.divide()) return *code;
+  return serve(std::move(settings), [&] { return background.ready(); });
+}
+
+/// Has the host end its mount, and gives its answer; {"left": null} when it hangs and its mount was
+/// taken away without it, which only `force` does.
+JSONValue unmounted(const host::HostEntry& host, bool force) {
   try {
-    host::Host host(std::move(settings));
-    host.run(ready);
-    return ExitCode::done;
+    return ask(host, JSONValue::Object{{"request", "unmount"}, {"force", force}},
+               force ? kForcePatience : kUnmountPatience);
   } catch (const NSError& error) {
-    throw HostFailure(error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::mountFailed,
-                      escapedForDisplay(error.localizedDescription()));
+    if (!force || !error.is(NSPOSIXErrorDomain, ETIMEDOUT)) throw;
   }
+  // Lazily at once: an orderly end would wait for the host.
+  const auto complaint = mount::fusermountUnmount(host.mountPoint, true);
+  if (!complaint.empty()) throw HostFailure(ExitCode::busy, escapedForDisplay(complaint));
+  complain(
+      escapedForDisplay(host.mountPoint) + ": its host, process " + std::to_string(host.process) +
+      ", does not answer; the mount was taken away without it. Nothing is lost: what it has not "
+      "sent is sent once it runs on, or after the next mount");
+  return JSONValue::Object{{"left", nullptr}};
 }
 
 }  // namespace
 
 ExitCode mount(const GlobalOptions& options, const MountCommand& command) {
   return reportingFailure(options.json, [&] {
-    auto settings = settingsFor(options, command);
-    fixContainer();
-    if (!command.background) return serve(std::move(settings), [] { return true; });
-    Background background;
-    if (const auto code = background.divide()) return *code;
-    return serve(std::move(settings), [&] { return background.ready(); });
+    try {
+      return mountAsTold(options, command);
+    } catch (const NSError& error) {
+      throw HostFailure(
+          error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::mountFailed,
+          escapedForDisplay(error.localizedDescription()));
+    }
   });
 }
 
@@ -105,8 +132,7 @@ ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bo
       throw UsageError(escapedForDisplay(mountPoint) + " lies within the mount " +
                        escapedForDisplay(place.host.mountPoint) + "; name that to unmount it");
     }
-    const auto answer = ask(place.host, JSONValue::Object{{"request", "unmount"}, {"force", force}},
-                            kUnmountPatience);
+    const auto answer = unmounted(place.host, force);
     const auto left = integer(answer, "left");
     if (options.json) {
       Output::standard().write(answer.serialized() + "\n");

@@ -10,6 +10,7 @@
 #include "cli/commands/HostCommands.h"
 #include "host/PathForm.h"
 #include "platform/foundation/Logger.h"
+#include "platform/foundation/NSError.h"
 
 namespace kestrowan::cli {
 
@@ -20,22 +21,29 @@ using namespace std::chrono_literals;
 /// Work on a whole tree may take the host a while.
 constexpr std::chrono::milliseconds kPatience = 10min;
 
-struct Answer {
-  host::PlaceInMount place;
-  JSONValue form;
-};
-
-/// Has the host of `path` do something about the item there; in JSON its answer is the report.
-Answer askAbout(const GlobalOptions& options, const std::string& path, std::string_view request,
-                JSONValue::Object members = {}) {
-  auto place = runningPlace(path);
+/// Has a host do something about the item at `place`, which the user calls `path`; in JSON its
+/// answer is the report.
+JSONValue askAbout(const GlobalOptions& options, const host::PlaceInMount& place,
+                   const std::string& path, std::string_view request,
+                   JSONValue::Object members = {}) {
   JSONValue::Object form;
   form.emplace_back("request", request);
   host::addPath(form, "path", place.path);
   for (auto& member : members) form.push_back(std::move(member));
-  auto answer = ask(place.host, std::move(form), kPatience);
-  if (options.json) Output::standard().write(answer.serialized() + "\n");
-  return {std::move(place), std::move(answer)};
+  try {
+    auto answer = ask(place.host, std::move(form), kPatience);
+    if (options.json) Output::standard().write(answer.serialized() + "\n");
+    return answer;
+  } catch (const NSError& error) {
+    throw NSError(
+        error.domain(), error.code(),
+        {{std::string(NSLocalizedDescriptionKey), path + ": " + error.localizedDescription()}});
+  }
+}
+
+JSONValue askAbout(const GlobalOptions& options, const std::string& path,
+                   std::string_view request) {
+  return askAbout(options, runningPlace(path), path, request);
 }
 
 bool confirmedOnTerminal(const std::string& path) {
@@ -53,7 +61,7 @@ bool confirmedOnTerminal(const std::string& path) {
 
 ExitCode evict(const GlobalOptions& options, const std::string& path) {
   return reportingFailure(options.json, [&] {
-    const auto answer = askAbout(options, path, "evict").form;
+    const auto answer = askAbout(options, path, "evict");
     const auto evicted = integer(answer, "evicted");
     std::string kept;
     for (const auto& [member, why] : {std::pair{"changed", "changed here"},
@@ -80,7 +88,13 @@ ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned)
 
 ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path) {
   return reportingFailure(options.json, [&] {
-    askAbout(options, path ? *path : runningHost(std::nullopt).mountPoint, "retry");
+    if (path) {
+      askAbout(options, *path, "retry");
+      return ExitCode::done;
+    }
+    for (const auto& host : chosenHosts(std::nullopt)) {
+      askAbout(options, {host, "/"}, host.mountPoint, "retry");
+    }
     return ExitCode::done;
   });
 }
@@ -92,7 +106,7 @@ ExitCode discard(const GlobalOptions& options, const std::string& path, bool con
       complain("nothing was discarded");
       return ExitCode::requestFailed;
     }
-    const auto answer = askAbout(options, path, "discard", {{"confirm", true}}).form;
+    const auto answer = askAbout(options, place, path, "discard", {{"confirm", true}});
     if (!options.json) {
       const auto count = integer(answer, "discarded");
       Output::standard().write(

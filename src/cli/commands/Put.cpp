@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "cli/Console.h"
+#include "cli/Explain.h"
 #include "cli/JSONForms.h"
 #include "cli/ProgressLine.h"
 #include "cli/Requests.h"
@@ -25,7 +26,7 @@ ExitCode put(CommandContext& context, const std::string& file, const std::string
     const TransferProgress progress(!context.json(), "PUT", lastPathComponent(at));
     item = create(context.extension(), created, NSURL::fileURLWithPath(file)).get();
   } catch (const NSError& error) {
-    throw RequestFailure{at, error};
+    throw RequestFailure{isAboutLocalFile(error) ? file : at, error};
   }
   if (context.json()) {
     Output::standard().write(JSONValue(JSONValue::Object{{"item", jsonForm(item)}}).serialized() +

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,10 +28,11 @@ constexpr std::int64_t kMostForPeople = 100;
 constexpr std::size_t kFixedLines = 12;
 constexpr std::size_t kLinesOfAnItem = 2;
 
-std::size_t itemsThatFit() {
+/// How many items of each of so many mounts the terminal has room for.
+std::size_t itemsThatFit(std::size_t mounts) {
   winsize size{};
   if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return 10;
-  const std::size_t lines = std::max<std::size_t>(size.ws_row, kFixedLines + kLinesOfAnItem);
+  const auto lines = std::max<std::size_t>(size.ws_row / mounts, kFixedLines + kLinesOfAnItem);
   return (lines - kFixedLines) / kLinesOfAnItem;
 }
 
@@ -38,19 +40,34 @@ JSONValue asked(const host::HostEntry& host, std::int64_t limit) {
   return ask(host, JSONValue::Object{{"request", "status"}, {"limit", limit}}, kPatience);
 }
 
-ExitCode watch(const GlobalOptions& options, const host::HostEntry& host) {
+/// What replaces the text that the terminal shows: each line is written over the old one, whose
+/// rest is cleared, and then all that was below. Nothing is ever empty in between.
+std::string redrawn(const std::string& text) {
+  std::string drawn = "\033[H";
+  for (const char c : text) drawn += c == '\n' ? "\033[K\n" : std::string(1, c);
+  return drawn + "\033[J";
+}
+
+/// One line for each host in JSON, else their texts. `most`: see `statusText`.
+std::string report(const GlobalOptions& options, const std::vector<host::HostEntry>& hosts,
+                   std::int64_t limit, std::size_t most) {
+  std::string text;
+  for (const auto& host : hosts) {
+    const auto status = asked(host, limit);
+    text +=
+        options.json ? status.serialized() + "\n" : statusText(status, std::time(nullptr), most);
+  }
+  return text;
+}
+
+ExitCode watch(const GlobalOptions& options, const std::optional<std::string>& mountPoint) {
   auto& out = Output::standard();
   const bool redraws = out.isTerminal() && !options.json;
   while (true) {
-    const auto status = asked(host, kMostForPeople);
-    if (options.json) {
-      out.write(status.serialized() + "\n");
-    } else {
-      const auto text =
-          statusText(status, std::time(nullptr), redraws ? itemsThatFit() : kMostForPeople);
-      // Home, and whatever was below is cleared once the new text stands.
-      out.write(redraws ? "\033[H\033[2J" + text : text + "\n");
-    }
+    const auto hosts = chosenHosts(mountPoint);
+    const auto most = redraws ? itemsThatFit(hosts.size()) : kMostForPeople;
+    const auto text = report(options, hosts, kMostForPeople, most);
+    out.write(options.json ? text : redraws ? redrawn(text) : text + "\n");
     out.flush();
     std::this_thread::sleep_for(kBetween);
   }
@@ -60,16 +77,10 @@ ExitCode watch(const GlobalOptions& options, const host::HostEntry& host) {
 
 ExitCode status(const GlobalOptions& options, const StatusCommand& command) {
   return reportingFailure(options.json, [&] {
-    if (command.watch) return watch(options, runningHost(command.mountPoint));
-    std::vector<host::HostEntry> hosts;
-    if (!command.mountPoint) hosts = runningHosts();
-    if (hosts.empty()) hosts.push_back(runningHost(command.mountPoint));
-    for (const auto& host : hosts) {
-      const auto status = asked(host, options.json ? kMostForPrograms : kMostForPeople);
-      Output::standard().write(options.json
-                                   ? status.serialized() + "\n"
-                                   : statusText(status, std::time(nullptr), kMostForPeople));
-    }
+    if (command.watch) return watch(options, command.mountPoint);
+    Output::standard().write(report(options, chosenHosts(command.mountPoint),
+                                    options.json ? kMostForPrograms : kMostForPeople,
+                                    kMostForPeople));
     return ExitCode::done;
   });
 }

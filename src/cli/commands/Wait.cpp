@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cerrno>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -7,6 +9,8 @@
 #include "cli/ItemText.h"
 #include "cli/ProgressLine.h"
 #include "cli/commands/HostCommands.h"
+#include "platform/foundation/Logger.h"
+#include "platform/foundation/NSError.h"
 
 namespace kestrowan::cli {
 
@@ -18,11 +22,14 @@ using Clock = std::chrono::steady_clock;
 /// The host is asked again and again, so that the state can be shown meanwhile.
 constexpr std::chrono::milliseconds kStep = 1s;
 constexpr std::chrono::milliseconds kPatience = 3min;
+/// How much longer than the command's own limit a host may take to answer.
+constexpr std::chrono::milliseconds kMargin = 2s;
 
 std::string stateText(const JSONValue& answer) {
   std::string state = counted(integer(answer, "pending"), "change") + " waiting";
   if (flag(answer, "offline")) state += "; the server cannot be reached";
-  if (const auto held = text(answer, "held"); !held.empty()) state += "; held: " + held;
+  if (const auto held = text(answer, "held"); !held.empty())
+    state += "; held: " + escapedForDisplay(held);
   return state;
 }
 
@@ -36,6 +43,21 @@ ExitCode finished(const GlobalOptions& options, const JSONValue& answer, ExitCod
   return code;
 }
 
+/// The host's answer when everything is sent, or after `step`. A host that hangs is not waited for
+/// beyond `left`, the rest of the command's limit.
+JSONValue asked(const host::HostEntry& host, std::chrono::milliseconds step,
+                std::optional<std::chrono::milliseconds> left) {
+  const JSONValue::Object request{{"request", "wait"}, {"limit", std::int64_t{step.count()}}};
+  if (!left) return ask(host, request, kPatience);
+  try {
+    return ask(host, request, std::max(*left, 0ms) + kMargin);
+  } catch (const NSError& error) {
+    if (!error.is(NSPOSIXErrorDomain, ETIMEDOUT)) throw;
+    throw HostFailure(ExitCode::timedOut,
+                      escapedForDisplay(host.mountPoint) + ": " + error.localizedDescription());
+  }
+}
+
 }  // namespace
 
 ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mountPoint,
@@ -45,16 +67,13 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
     const auto start = Clock::now();
     ProgressLine line(!options.json);
     while (true) {
-      auto step = kStep;
+      const auto now = Clock::now();
+      std::optional<std::chrono::milliseconds> left;
       if (limit) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(start + *limit - Clock::now());
-        step = std::clamp(left, 0ms, kStep);
+        left = std::chrono::duration_cast<std::chrono::milliseconds>(start + *limit - now);
       }
-      const auto asked = Clock::now();
-      const auto answer =
-          ask(host, JSONValue::Object{{"request", "wait"}, {"limit", std::int64_t{step.count()}}},
-              kPatience);
+      const auto step = std::clamp(left.value_or(kStep), 0ms, kStep);
+      const auto answer = asked(host, step, left);
       line.clear();
       if (flag(answer, "synced")) return finished(options, answer, ExitCode::done, "");
       const auto refused = integer(answer, "refused");
@@ -69,7 +88,7 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
       }
       line.show(stateText(answer));
       // An answer that comes at once, because nothing is under way, would come at once again.
-      std::this_thread::sleep_until(asked + step);
+      std::this_thread::sleep_until(now + step);
     }
   });
 }
