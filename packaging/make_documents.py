@@ -19,8 +19,8 @@ LOCAL_PATHS = {"evict", "pin", "unpin", "retry", "discard"}
 
 DESCRIPTION = """\
 The host application serves the user's storage on this machine, over HTTPS on 127.0.0.1, and says in
-the bridge file how to reach it. This command works with that storage: directly, one request for each
-command, or as a folder (\\fBmount\\fR) in which any program can work.
+the bridge file how to reach it. This command works with that storage: directly, keeping nothing, or
+as a folder (\\fBmount\\fR) in which any program can work.
 
 A mount keeps what was listed and read, and every change until the server has it. Without the server
 it goes on with what is here; changes are sent when the server is back, also after the program or the
@@ -41,7 +41,8 @@ ENVIRONMENT = (
 
 FILES_USED = (
     ("fp-webdav.json", "the bridge file, in the container directory. It and the directory must "
-     "belong to the user, and nobody else may be allowed to write in the directory."),
+     "belong to the user, the file may be no symbolic link, and nobody else may be allowed to write "
+     "in the directory; otherwise no command uses it."),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/", "what a mount keeps: the replica, the downloaded files, "
      "the file \"log\" of a mount in the background"),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/recovery/", "what would have been lost otherwise: discarded "
@@ -135,10 +136,11 @@ def manual(form):
         lines += command_lines(command)
     lines += [".SH NAMES THAT STAY HERE",
               "Files with these names are lock, swap and temporary files of programs. A mount keeps "
-              "them here and never sends them, unless \\fB\\-\\-no\\-local\\-names\\fR is given:",
+              "them here and never sends them:",
               ".PP", ".RS", ", ".join(roff(name) for name in LOCAL_NAMES) + ".", ".RE", ".PP",
-              "\\&.Trash and \\&.Trash\\-* cannot be made at all, so that file managers offer to "
-              "delete for good. Renamed to another name, a file that stayed here is sent.",
+              "Renamed to another name, a file that stayed here is sent. \\&.Trash and "
+              "\\&.Trash\\-* cannot be made, so that file managers offer to delete for good. With "
+              "\\fB\\-\\-no\\-local\\-names\\fR all of these are names like any other.",
               ".SH EXIT STATUS"]
     for code in form["exitCodes"]:
         lines += [".TP", f"\\fB{code['code']}\\fR", roff(code["text"])]
@@ -171,17 +173,20 @@ BASH = """\
 
 _kestrowan() {{
   local current=${{COMP_WORDS[COMP_CWORD]}} previous=${{COMP_WORDS[COMP_CWORD-1]}}
-  local command= word i
+  local command= word i operands=0
   COMPREPLY=()
+  # The "=" between an option and its value is a word of its own.
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${{COMP_WORDS[i]}}
-    case $word in
-      {flags_with_value}) ((i++)) ;;
-      -*) ;;
-      *) command=$word; break ;;
+    case $command:$word in
+      {flags_with_value})
+        [[ ${{COMP_WORDS[i+1]}} == "=" ]] && ((i++))
+        ((i++)) ;;
+      *:-*) ;;
+      :*) command=$word ;;
+      *) ((operands++)) ;;
     esac
   done
-  # The "=" between an option and its value is a word of its own.
   if [[ $current == "=" ]]; then
     current=
   elif [[ $previous == "=" ]]; then
@@ -211,23 +216,31 @@ def flags(form):
     return [name for option in options(form) for name in option["names"]]
 
 
+def bash_patterns(name, command):
+    """For each option that takes a value, and that option: what "COMMAND:OPTION" looks like."""
+    for option in options(command):
+        if option["value"]:
+            yield " | ".join(f"{name or '*'}:{flag}" for flag in option["names"]), option
+
+
 def bash_values(name, command):
     """What follows an option that takes a value."""
-    for option in options(command):
-        if not option["value"]:
-            continue
+    for pattern, option in bash_patterns(name, command):
         kind = kind_of_files(name, option)
         body = ([bash_words(choices(option))] if choices(option)
                 else bash_files(kind) if kind else [])
-        pattern = " | ".join(f"{name or '*'}:{flag}" for flag in option["names"])
         yield from (f"    {pattern})", *(f"      {line}" for line in body), "      return ;;")
 
 
 def bash_arguments(name, command, form):
     """What can stand elsewhere, once the command is known."""
     words = flags(command) + [flag for flag in flags(form) if flag not in flags(command)]
-    kinds = {kind_of_files(name, option) for option in operands(command)} - {None}
-    body = bash_files("directory" if kinds == {"directory"} else "file") if kinds else []
+    body = []
+    for position, option in enumerate(operands(command)):
+        if kind := kind_of_files(name, option):
+            body += [f"  {position})", *(f"    {line}" for line in bash_files(kind)), "    ;;"]
+    if body:
+        body = ["case $operands in", *body, "esac"]
     if not name:
         body = [bash_words([each["name"] for each in form["commands"]])]
     yield from (f"    {name or quoted('')})", "      if [[ $current == -* ]]; then",
@@ -240,8 +253,8 @@ def bash_arguments(name, command, form):
 def bash(form):
     commands = [("", form)] + [(command["name"], command) for command in form["commands"]]
     return BASH.format(
-        flags_with_value=" | ".join(name for option in options(form) if option["value"]
-                                    for name in option["names"]),
+        flags_with_value=" | ".join(pattern for name, command in commands
+                                    for pattern, _ in bash_patterns(name, command)),
         values="\n".join(line for name, command in commands for line in bash_values(name, command)),
         words="\n".join(line for name, command in commands
                         for line in bash_arguments(name, command, form)))
@@ -254,22 +267,26 @@ def zsh_text(text):
 def zsh_action(command, option):
     if choices(option):
         return f"({' '.join(choices(option))})"
-    return {"directory": "_directories", "file": "_files"}.get(kind_of_files(command, option), " ")
+    # No matches, rather than a message in the place of the options that match.
+    return {"directory": "_directories", "file": "_files"}.get(kind_of_files(command, option), "()")
 
 
-def zsh_arguments(name, form):
-    specs = []
+def zsh_options(name, form, without=()):
     for option in options(form):
         for flag in option["names"]:
+            if flag in without:
+                continue
             equals = "=" if option["value"] and flag.startswith("--") else ""
-            spec = f"{flag}{equals}[{zsh_text(option['text'])}]"
+            argument = f"{flag}{equals}[{zsh_text(option['text'])}]"
             if option["value"]:
-                spec += f":{zsh_text(option['value'])}:{zsh_action(name, option)}"
-            specs.append(quoted(spec))
+                argument += f":{zsh_text(option['value'])}:{zsh_action(name, option)}"
+            yield quoted(argument)
+
+
+def zsh_operands(name, form):
     for position, option in enumerate(operands(form), 1):
         colons = ":" if option["required"] else "::"
-        specs.append(quoted(f"{position}{colons}{option['value']}:{zsh_action(name, option)}"))
-    return specs
+        yield quoted(f"{position}{colons}{option['value']}:{zsh_action(name, option)}")
 
 
 def zsh(form):
@@ -279,14 +296,18 @@ def zsh(form):
     lines += ["  )", "  _describe command commands", "}", "", "_kestrowan() {",
               "  local curcontext=$curcontext state line", "  local -A opt_args",
               "  _arguments -C \\"]
-    lines += [f"    {spec} \\" for spec in zsh_arguments("", form)]
+    lines += [f"    {argument} \\" for argument in zsh_options("", form)]
     lines += ["    '1:command:_kestrowan_commands' \\", "    '*::argument:->arguments'",
               "  [[ $state == arguments ]] || return", "  case $line[1] in"]
     for command in form["commands"]:
         lines.append(f"    {command['name']})")
-        specs = zsh_arguments(command["name"], command)
+        # The options before a command can be said after it as well.
+        arguments = [*zsh_options(command["name"], command),
+                     *zsh_options("", form, without=flags(command)),
+                     *zsh_operands(command["name"], command)]
         lines.append("      _arguments \\")
-        lines += [f"        {spec} \\" for spec in specs[:-1]] + [f"        {specs[-1]} ;;"]
+        lines += [f"        {argument} \\" for argument in arguments[:-1]]
+        lines.append(f"        {arguments[-1]} ;;")
     lines += ["  esac", "}", "", '_kestrowan "$@"', ""]
     return "\n".join(lines)
 

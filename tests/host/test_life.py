@@ -7,12 +7,13 @@ import resource
 import signal
 import stat
 import subprocess
+import time
 
 import pytest
 
 import driver
-from hosted import (BUSY, DONE, MOUNT_FAILED, NOT_MOUNTED, USAGE, NotifySocket, is_mounted,
-                    wait_for)
+from hosted import (BUSY, DONE, MOUNT_FAILED, NOT_MOUNTED, TIMED_OUT, USAGE, NotifySocket,
+                    is_mounted, wait_for)
 from scripted_server import ScriptedServer
 
 
@@ -104,6 +105,13 @@ def test_two_domains_are_mounted_side_by_side(place, folder):
     result = place.run("status")
     assert result.returncode == DONE
     assert result.stdout.decode().count("Mount: ") == 2
+    watching = driver.start("--json", "status", "--watch", env=place.environment())
+    lines = [json.loads(watching.stdout.readline()) for _ in range(4)]
+    watching.terminate()
+    watching.communicate(timeout=60)
+    assert [line["domain"] for line in lines] == ["default", "second"] * 2
+    result = place.run("retry")
+    assert (result.returncode, result.stderr) == (DONE, b"")
     result = place.run("wait")
     assert result.returncode == USAGE and b"several mounts" in result.stderr
     assert place.run("wait", place.point).returncode == DONE
@@ -128,6 +136,13 @@ def test_wrong_usage_mounts_nothing(place, arguments):
     assert result.returncode == USAGE, result.stderr
     assert result.stderr
     assert not place.state_home.exists()
+
+
+def test_a_mount_without_a_place_for_its_state_fails_as_a_mount(place):
+    result = place.run("mount", "x", cwd=place.directory,
+                       env={"HOME": "", "XDG_STATE_HOME": "relative"})
+    assert result.returncode == MOUNT_FAILED
+    assert b"XDG_STATE_HOME" in result.stderr
 
 
 def test_a_mount_point_that_is_not_fit_is_refused_with_the_reason(place):
@@ -313,6 +328,43 @@ def test_a_mount_in_use_is_not_unmounted_and_the_user_is_named(place, folder, us
     process.wait()
     assert place.run("unmount", place.point).returncode == DONE
     assert mounted.wait() == DONE
+
+
+@pytest.fixture
+def hanging(place, folder):
+    """A host that has stopped, with a change that it has not sent."""
+    mounted = place.mount().ready()
+    mount = place.point / "Home" / folder.name
+    (mount / "sent.txt").write_bytes(b"1")
+    place.wait_synced()
+    (mount / "left.txt").write_bytes(b"2")
+    mounted.send(signal.SIGSTOP)
+    yield mounted
+    if mounted.process.poll() is None:
+        mounted.send(signal.SIGCONT)
+
+
+@pytest.mark.parametrize("json_wanted", [False, True])
+def test_wait_keeps_its_limit_while_the_host_hangs(place, hanging, json_wanted):
+    start = time.monotonic()
+    result = place.run(*(["--json"] if json_wanted else []), "wait", "--timeout", "1")
+    assert time.monotonic() - start < 30, "far from what a host is given otherwise"
+    assert result.returncode == TIMED_OUT
+    assert b"did not answer in time" in (result.stdout if json_wanted else result.stderr)
+
+
+def test_force_takes_the_mount_of_a_host_that_hangs_away(place, folder, hanging):
+    start = time.monotonic()
+    result = place.run("unmount", "--force", place.point)
+    assert time.monotonic() - start < 60
+    assert result.returncode == DONE, result.stderr
+    assert f"process {hanging.process.pid}" in result.stderr.decode()
+    assert not is_mounted(place.point)
+    hanging.send(signal.SIGCONT)
+    assert hanging.wait() == DONE
+    place.mount().ready()
+    place.wait_synced()
+    assert (folder / "left.txt").read_bytes() == b"2"
 
 
 def test_force_unmounts_what_is_in_use(place, user):

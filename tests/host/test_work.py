@@ -177,7 +177,8 @@ def test_any_name_can_be_spoken_of(place, folder, mount):
 def test_a_path_that_is_not_there_or_not_in_a_mount_is_an_error(place, mount):
     result = place.run("evict", mount / "missing.txt")
     assert result.returncode == FAILED
-    assert b"/missing.txt" in result.stderr
+    assert f"kestrowan: {mount}/missing.txt: ".encode() in result.stderr
+    assert place.run("evict", "", cwd=mount).returncode == USAGE, "not the current folder"
     for command in ("evict", "pin", "unpin", "retry"):
         result = place.run(command, "/etc/hostname")
         assert result.returncode == NOT_MOUNTED
@@ -222,6 +223,17 @@ def test_discarded_changes_go_to_the_recovery_area(own_place, server):
     wait_for(lambda: own_place.status()["state"] == "online", "server")
     wait_for(lambda: os.listdir(documents) == ["a.txt"], "server's state")
     assert (documents / "a.txt").read_text() == "server's"
+
+
+def test_wait_without_time_asks_whether_everything_is_sent(place, folder, mount):
+    (mount / "a.txt").write_bytes(b"x")
+    place.wait_synced()
+    assert place.ask("wait", "--timeout", "0")["synced"] is True
+    assert place.run("wait", "--timeout", "0").returncode == DONE
+    with open(mount / "a.txt", "wb") as file:
+        file.write(b"y")
+        file.flush()
+        assert place.ask("wait", "--timeout", "0", code=TIMED_OUT)["pending"] == 1
 
 
 def test_wait_gives_up_in_time_and_says_what_is_left(own_place, server):
@@ -322,7 +334,8 @@ def test_a_watched_status_is_redrawn_on_a_terminal(place, mount):
     process.wait(60)
     os.close(ours)
     assert shown.count(b"\x1b[H") >= 2
-    assert b"in reach" in shown
+    assert b"in reach\x1b[K" in shown, "a line takes the rest of the old one away"
+    assert b"\x1b[J" in shown and b"\x1b[2J" not in shown, "it is never empty in between"
 
 
 # ---- settings ------------------------------------------------------------------------------------

@@ -23,6 +23,7 @@ CONTENTS = {
     "./usr/share/zsh/vendor-completions/_kestrowan": "-rw-r--r--",
 }
 MINUTE = 60
+SOURCE = Path(__file__).resolve().parents[2]
 
 
 def output(*command, **options):
@@ -150,17 +151,43 @@ def test_manual_and_completions_know_every_command_and_option(unpacked, manual):
     assert "__describe" not in manual + bash + zsh
 
 
-def test_the_manual_lists_the_names_that_stay_here(manual):
-    source = (Path(__file__).resolve().parents[2] / "src" / "replica" / "NameRules.h").read_text()
-    comment = source.split("By the documented patterns: ")[1].split("NameClass nameClass")[0]
-    patterns = re.findall(r'"([^"]+)"', comment)
-    assert len(patterns) > 10
-    for pattern in patterns:
-        assert pattern in manual, pattern
+def section(manual, heading):
+    """The text of a section of the manual, in one line."""
+    return " ".join(re.split(r"^\S", manual.split(f"\n{heading}\n")[1], flags=re.M)[0].split())
+
+
+def test_every_document_lists_the_names_that_stay_here(manual):
+    rules = (SOURCE / "src" / "replica" / "NameRules.cpp").read_text(encoding="utf-8")
+    table = re.findall(r'\{"([^"]+)", NameClass::(\w+)\}', rules)
+    assert len(table) > 10
+    kept = [pattern for pattern, treated in table if treated == "localOnly"]
+    refused = [pattern for pattern, treated in table if treated == "refused"]
+    in_manual = section(manual, "NAMES THAT STAY HERE")
+    assert f"never sends them: {', '.join(kept)}. " in in_manual
+    assert f" {' and '.join(refused)} cannot be made" in in_manual
+    guide = (SOURCE / "docs" / "MOUNT.md").read_text(encoding="utf-8")
+    guide = guide.split("## Names that stay here")[1].split("\n## ")[0]
+    sent, rest = guide.split("Renamed")
+    assert re.findall(r"`([^`]+)`", sent) == kept
+    assert re.findall(r"`([^`]+)`", rest) == [*refused, "--no-local-names"]
+    header = (SOURCE / "src" / "replica" / "NameRules.h").read_text(encoding="utf-8")
+    comment = header.split("By the documented patterns: ")[1].split("NameClass nameClass")[0]
+    assert re.findall(r'"([^"]+)"', comment) == kept + refused
+
+
+def test_the_manual_says_what_the_option_makes_of_these_names(manual):
+    assert section(manual, "NAMES THAT STAY HERE").endswith(
+        "With --no-local-names all of these are names like any other.")
+    assert "one request" not in section(manual, "DESCRIPTION")
+
+
+@pytest.mark.parametrize("command", ["evict", "pin", "unpin", "retry", "discard"])
+def test_paths_in_a_mount_are_told_from_the_servers(command):
+    assert "on this machine" in help_of(command) and "in a mount" in help_of(command)
 
 
 def test_the_same_program_gives_the_same_documents(build, tmp_path):
-    script = Path(__file__).resolve().parents[2] / "packaging" / "make_documents.py"
+    script = SOURCE / "packaging" / "make_documents.py"
     subprocess.run([sys.executable, "-B", script, driver.executable(), tmp_path], check=True)
     for name in ("kestrowan.1.gz", "kestrowan.bash", "_kestrowan"):
         assert (tmp_path / name).read_bytes() == (build / "packaging" / name).read_bytes()
@@ -191,6 +218,15 @@ def test_bash_completes_commands_options_values_and_files(unpacked, tmp_path, mo
     assert bash_completes(script, "kestrowan", "evict", "f") in (["file", "folder"],
                                                                 ["folder", "file"])
     assert bash_completes(script, "kestrowan", "put", "fi") == ["file"]
+    assert bash_completes(script, "kestrowan", "put", "file", "fi") == [], "the server's"
+    assert bash_completes(script, "kestrowan", "get", "fi") == [], "the server's"
+    assert bash_completes(script, "kestrowan", "get", "/Home/a", "fi") == ["file"]
+    assert bash_completes(script, "kestrowan", "--container", "=", "folder", "moun") == ["mount"]
+    assert bash_completes(script, "kestrowan", "--container", "=", "folder", "put", "fi") == ["file"]
+    assert bash_completes(script, "kestrowan", "--container", "=", "fo") == ["folder"]
+    assert bash_completes(script, "kestrowan", "get", "--container", "=", "x", "/a", "fi") == ["file"]
+    assert bash_completes(script, "kestrowan", "mount", "--fsync", "=", "local", "fo") == ["folder"]
+    assert bash_completes(script, "kestrowan", "ls", "--verb") == ["--verbose"]
     assert bash_completes(script, "kestrowan", "stat", "f") == []
     assert bash_completes(script, "kestrowan", "mount", "--drain", "f") == []
 
@@ -206,7 +242,8 @@ zpty -b shell zsh -f -i
 zpty -w shell 'PS1=; fpath=({folder} $fpath); autoload -Uz compinit; compinit -u -d {tmp_path}/dump'
 zpty -w shell 'bindkey -e; bindkey "^I" complete-word; print re""ady'
 zpty -m -r shell ready '*ready*'
-for line in 'kestrowan unm' 'kestrowan unmount --for' 'kestrowan mount --fsync=s'; do
+for line in 'kestrowan unm' 'kestrowan unmount --for' 'kestrowan mount --fsync=s' \\
+            'kestrowan ls --verb'; do
   zpty -w -n shell "$line"$'\\t; print do""ne\\C-a: \\n'
   zpty -m -r shell shown '*done*'
   print -r -- "$shown"
@@ -214,7 +251,7 @@ done
 zpty -d shell
 """
     shown = output("zsh", "-f", "-c", program, timeout=MINUTE)
-    for line in ("kestrowan unmount", "unmount --force", "mount --fsync=server"):
+    for line in ("kestrowan unmount", "unmount --force", "mount --fsync=server", "ls --verbose"):
         assert line in shown, shown
 
 

@@ -96,7 +96,7 @@ JSONValue unmounted(const host::HostEntry& host, bool force) {
   complain(
       escapedForDisplay(host.mountPoint) + ": its host, process " + std::to_string(host.process) +
       ", does not answer; the mount was taken away without it. Nothing is lost: what it has not "
-      "sent is sent once it runs on, or after the next mount");
+      "sent is sent after the next mount");
   return JSONValue::Object{{"left", nullptr}};
 }
 

@@ -68,6 +68,10 @@ TEST(StatusText, TroubleIsSaidInWords) {
               HasSubstr("Warning:   look out\n"));
   EXPECT_THAT(statusText(status(R"x(,"conflicts":[{"path":"/c (conflict)"}])x"), kNow, 10),
               HasSubstr("  /c (conflict)\n"));
+  EXPECT_THAT(statusText(status(R"(,"refusedEntries":1)"), kNow, 10),
+              HasSubstr("1 entry of listings"));
+  EXPECT_THAT(statusText(status(R"(,"refusedEntries":2)"), kNow, 10),
+              HasSubstr("2 entries of listings"));
   EXPECT_THAT(statusText(status(R"(,"recovery":{"files":1,"bytes":5})"), kNow, 10),
               HasSubstr("1 file, 5 B, in /state/recovery\n"));
 }

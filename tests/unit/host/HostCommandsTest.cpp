@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <future>
 #include <memory>
@@ -139,6 +140,47 @@ TEST_F(HostCommandsTest, WaitEndsWhenItsTimeIsOver) {
   const auto answer = ask({{"request", "wait"}, {"limit", 1}});
   EXPECT_FALSE(*answer.member("synced")->boolean());
   EXPECT_EQ(number(answer, "pending"), 1);
+}
+
+TEST_F(HostCommandsTest, WaitWithoutTimeSaysHowThingsStand) {
+  use("/Docs/a.txt", false);
+  auto answer = ask({{"request", "wait"}, {"limit", 0}});
+  EXPECT_TRUE(*answer.member("synced")->boolean());
+  extension_->setDown(true);
+  use("/Docs/a.txt", true);
+  answer = ask({{"request", "wait"}, {"limit", 0}});
+  EXPECT_FALSE(*answer.member("synced")->boolean());
+  EXPECT_EQ(number(answer, "pending"), 1);
+}
+
+TEST_F(HostCommandsTest, WaitCountsMoreRefusedChangesThanAStatusLists) {
+  constexpr int kFolders = 10'050;
+  std::atomic<bool> refuses = false;
+  extension_->setFaults([&refuses](const test::Call& call) {
+    test::Fault fault;
+    if (refuses && call.kind == test::CallKind::createItem) {
+      fault.effect = test::Fault::Effect::none;
+      fault.error = posixError(EPERM);
+    }
+    return fault;
+  });
+  find("/Docs/a.txt");
+  // Without a server nobody waits for its word.
+  extension_->setDown(true);
+  for (int i = 0; i < kFolders; ++i) {
+    auto [completion, future] = awaited<replica::Attributes>();
+    replica_->makeFolder(find("/Docs"), std::to_string(i), 0700, std::move(completion));
+    got(std::move(future));
+  }
+  refuses = true;
+  extension_->setDown(false);
+  ask({{"request", "retry"}, {"path", "/"}});
+  JSONValue answer;
+  for (int tries = 0; tries < 60 && number(answer, "refused") != kFolders; ++tries) {
+    answer = ask({{"request", "wait"}, {"limit", 1000}});
+  }
+  EXPECT_EQ(number(answer, "pending"), kFolders);
+  EXPECT_EQ(number(answer, "refused"), kFolders);
 }
 
 TEST_F(HostCommandsTest, EvictGivesBackSpaceAndSaysWhatStays) {
