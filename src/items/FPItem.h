@@ -27,8 +27,8 @@ class FPItem : public NSFileProviderItem {
   /// The server path that an identifier stands for: "/" for the root container.
   static std::string path(const NSFileProviderItemIdentifier& forIdentifier);
 
-  /// Whether `path` is, or lies in, a folder under "/Home/" that is only for reading: a hidden one
-  /// or one of `criticalHomeFolders`.
+  /// Whether `path` is, or lies in, an item directly in "/Home/" that is only for reading: a file
+  /// or folder whose name begins with ".", or one of `criticalHomeFolders`.
   static bool isHomeProtected(std::string_view path);
   static const std::set<std::string, std::less<>>& criticalHomeFolders();
 
