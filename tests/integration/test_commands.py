@@ -1,6 +1,7 @@
 """The direct commands: what they print, what they send, and how they end."""
 
 import json
+import resource
 import subprocess
 
 import pytest
@@ -204,6 +205,16 @@ def test_a_failed_get_keeps_the_old_file(scene):
         assert scene.run("get", "/a", target).returncode == FAILED
         assert target.read_text() == "before"
         assert sorted(path.name for path in scene.directory.iterdir()) == before
+
+
+def test_a_get_that_finds_no_room_names_the_local_file(scene):
+    scene.script({"fill": 300000}, multistatus(FILE))
+    target = scene.directory / "target"
+    result = scene.run("get", "/Home/a.txt", target, preexec_fn=lambda: resource.setrlimit(
+        resource.RLIMIT_FSIZE, (1000, 1000)))
+    assert result.returncode == FAILED, result
+    assert f"kestrowan: {target}: the local file could not be written".encode() in result.stderr
+    assert not target.exists()
 
 
 def test_put_sends_a_file_under_the_name_it_is_told(scene):

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "cli/Console.h"
+#include "cli/Explain.h"
 #include "cli/JSONForms.h"
 #include "cli/ProgressLine.h"
 #include "cli/Requests.h"
@@ -17,6 +18,7 @@
 #include "cli/ServerPath.h"
 #include "cli/commands/Commands.h"
 #include "platform/base/UniqueFd.h"
+#include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSString.h"
 
 namespace kestrowan::cli {
@@ -105,12 +107,14 @@ void deliver(const std::string& file, const std::string& target) {
   if (::rename(file.c_str(), target.c_str()) != 0) failLocally(target, errno);
 }
 
-FetchedContents fetched(CommandContext& context, const std::string& path) {
+/// `local`: where the file goes, for failures that are about that.
+FetchedContents fetched(CommandContext& context, const std::string& path,
+                        const std::string& local) {
   try {
     const TransferProgress progress(!context.json(), "GET", lastPathComponent(path));
     return fetch(context.extension(), identifier(path)).get();
   } catch (const NSError& error) {
-    throw RequestFailure{path, error};
+    throw RequestFailure{isAboutLocalFile(error) ? local : path, error};
   }
 }
 
@@ -121,14 +125,16 @@ ExitCode get(CommandContext& context, const std::string& path,
   const std::string at = serverPath(path);
   if (file == kStandardOutput) {
     const ScratchDirectory scratch("");
-    copy(fetched(context, at).file.path(), STDOUT_FILENO, "standard output");
+    const auto result =
+        fetched(context, at, NSFileManager::defaultManager()->temporaryDirectory().path());
+    copy(result.file.path(), STDOUT_FILENO, "standard output");
     return ExitCode::done;
   }
   const std::string target = localTarget(at, file);
   // Downloading beside the target makes the last step a rename, which is whole or not at all.
   const auto folder = std::filesystem::path(target).parent_path().string();
   const ScratchDirectory scratch(isSpecial(target) ? "" : folder.empty() ? "." : folder);
-  const auto result = fetched(context, at);
+  const auto result = fetched(context, at, target);
   deliver(result.file.path(), target);
   if (context.json()) {
     Output::standard().write(
