@@ -102,7 +102,7 @@ void openExisting(const std::shared_ptr<Reply>& reply, replica::Rid folder, std:
 void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
             fuse_file_info* info) noexcept {
   serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    const std::string checked(checkedName(name));
+    const std::string checked(checkedNewName(name));
     auto& session = reply->session();
     session.replica().createFile(
         folder, checked, permissionBits(mode),

@@ -27,7 +27,7 @@ void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mo
   serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
     if (!S_ISREG(mode)) return reply->fail(EPERM);
     reply->session().replica().createFile(
-        folder, checkedName(name), permissionBits(mode),
+        folder, checkedNewName(name), permissionBits(mode),
         reply->completion<replica::CreatedFile>(
             [folder](const std::shared_ptr<Reply>& made, replica::CreatedFile created) {
               made->session().nameChanges().count(folder);
@@ -40,7 +40,7 @@ void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mo
 void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) noexcept {
   serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
     reply->session().replica().makeFolder(
-        folder, checkedName(name), permissionBits(S_IFDIR | mode),
+        folder, checkedNewName(name), permissionBits(S_IFDIR | mode),
         reply->completion<replica::Attributes>(
             [folder](const std::shared_ptr<Reply>& made, replica::Attributes attributes) {
               made->session().nameChanges().count(folder);
@@ -68,14 +68,14 @@ void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
             const char* newName, unsigned flags) noexcept {
   serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
     if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return reply->fail(EINVAL);
-    reply->session().replica().rename(
-        folder, checkedName(name), newFolder, checkedName(newName), (flags & RENAME_NOREPLACE) == 0,
-        [reply, folder, newFolder,
-         answer = reply->completion()](replica::Outcome<replica::Done> outcome) {
-          reply->session().nameChanges().count(folder);
-          reply->session().nameChanges().count(newFolder);
-          answer(std::move(outcome));
-        });
+    reply->session().replica().rename(folder, checkedName(name), newFolder, checkedNewName(newName),
+                                      (flags & RENAME_NOREPLACE) == 0,
+                                      [reply, folder, newFolder, answer = reply->completion()](
+                                          replica::Outcome<replica::Done> outcome) {
+                                        reply->session().nameChanges().count(folder);
+                                        reply->session().nameChanges().count(newFolder);
+                                        answer(std::move(outcome));
+                                      });
     reply->allowSignal(OnSignal::endsTheDying);
   });
 }

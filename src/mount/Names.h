@@ -8,4 +8,8 @@ namespace kestrowan::mount {
 /// the kernel passes on up to 1024.
 std::string_view checkedName(const char* name);
 
+/// The same for the name that an item is to get. Throws EILSEQ besides for one that is not valid
+/// UTF-8: no listing could ever show it again.
+std::string_view checkedNewName(const char* name);
+
 }  // namespace kestrowan::mount

@@ -49,6 +49,33 @@ def test_making_what_is_there_fails_as_natively(host, mount, native):
         both(mount, native, lambda folder, name=name: os.mkdir(folder / name))
 
 
+@pytest.mark.parametrize("name", [b"caf\xe9.txt", b"\xff", b"half \xc3", b"\xed\xa0\x80",
+                                  b"\xc0\xaf", b".~lock.\xe9#", b"\xe9.part"])
+def test_names_that_are_not_utf8_are_not_taken(host, mount, name):
+    (mount / "file").write_text("x")
+    (mount / "folder").mkdir()
+    odd = os.path.join(os.fsencode(mount), name)
+    assert outcome(os.open, odd, os.O_CREAT | os.O_WRONLY) == "EILSEQ"
+    assert outcome(os.mknod, odd, stat.S_IFREG | 0o644) == "EILSEQ"
+    assert outcome(os.mkdir, odd) == "EILSEQ"
+    assert outcome(os.rename, os.fsencode(mount / "file"), odd) == "EILSEQ"
+    assert outcome(os.rename, os.fsencode(mount / "folder"), odd) == "EILSEQ"
+    for call in (os.stat, os.unlink, os.rmdir):
+        assert outcome(call, odd) == "ENOENT"
+    assert outcome(os.open, odd, os.O_RDONLY) == "ENOENT"
+    assert outcome(os.rename, odd, os.fsencode(mount / "new")) == "ENOENT"
+    host.wait()
+    assert host.tree() == {"/file": b"x", "/folder": None}
+
+
+def test_names_in_every_kind_of_utf8_are_taken(host, mount):
+    names = ["caf\u00e9", "\u4f60\u597d", "\U0001f9ea", "\u007f", "\u200b", "\ufffd"]
+    for name in names:
+        (mount / name).write_text("x")
+    host.wait()
+    assert host.tree() == {"/" + name: b"x" for name in names}
+
+
 def test_new_items_have_the_modes_that_were_asked_for(host, mount):
     before = os.umask(0o027)
     try:
