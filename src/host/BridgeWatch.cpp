@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "bridge/FPBridge.h"
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 
 namespace kestrowan::host {
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "host/HostError.h"
 #include "host/LocalAddress.h"
+#include "mount/DescribedError.h"
 #include "platform/base/UniqueFd.h"
 
 namespace kestrowan::host {
@@ -29,12 +29,12 @@ class Connection {
     while (::connect(socket_.get(), address.get(), address.size()) != 0) {
       if (errno == EINTR) continue;
       // The host's queue of connections is full.
-      if (errno != EAGAIN) throw hostError(ECONNREFUSED, "no mount answers");
+      if (errno != EAGAIN) throw describedError(ECONNREFUSED, "no mount answers");
       ::poll(nullptr, 0, 20);
       if (Clock::now() >= deadline_) throwTimeout();
     }
     if (!peerIsThisUser(socket_.get())) {
-      throw hostError(EACCES, "another user's process answers in the mount's place");
+      throw describedError(EACCES, "another user's process answers in the mount's place");
     }
   }
 
@@ -62,14 +62,14 @@ class Connection {
       line.append(buffer.data(), static_cast<std::size_t>(count));
       if (line.back() == '\n') return line;
     }
-    throw hostError(ECONNRESET, "the mount ended before it answered");
+    throw describedError(ECONNRESET, "the mount ended before it answered");
   }
 
  private:
   /// After a call that failed: waits until it can be tried again.
   void waitFor(short event) {
     if (errno == EINTR) return;
-    if (errno != EAGAIN) throw hostError(ECONNRESET, "the mount ended before it answered");
+    if (errno != EAGAIN) throw describedError(ECONNRESET, "the mount ended before it answered");
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
     pollfd awaited{socket_.get(), event, 0};
@@ -79,7 +79,7 @@ class Connection {
   }
 
   [[noreturn]] static void throwTimeout() {
-    throw hostError(ETIMEDOUT, "the mount did not answer in time");
+    throw describedError(ETIMEDOUT, "the mount did not answer in time");
   }
 
   const Clock::time_point deadline_;
@@ -92,7 +92,7 @@ NSError errorIn(const JSONValue& form) {
   const auto* text = form.member("text");
   if (domain == nullptr || domain->string() == nullptr || code == nullptr ||
       code->integer() == nullptr || text == nullptr || text->string() == nullptr) {
-    return hostError(EBADMSG, "the mount answered with an error of unknown form");
+    return describedError(EBADMSG, "the mount answered with an error of unknown form");
   }
   return NSError(*domain->string(), *code->integer(),
                  {{std::string(NSLocalizedDescriptionKey), *text->string()}});
@@ -105,7 +105,7 @@ JSONValue askHost(const std::string& path, const JSONValue& request,
   Connection connection(path, limit);
   connection.send(request.serialized() + "\n");
   auto reply = JSONValue::parse(connection.receiveLine());
-  if (!reply) throw hostError(EBADMSG, "the mount's answer is no JSON");
+  if (!reply) throw describedError(EBADMSG, "the mount's answer is no JSON");
   if (const auto* error = reply->member("error")) throw errorIn(*error);
   return *std::move(reply);
 }

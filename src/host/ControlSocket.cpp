@@ -13,8 +13,8 @@
 #include <string_view>
 #include <utility>
 
-#include "host/HostError.h"
 #include "host/LocalAddress.h"
+#include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
@@ -113,7 +113,7 @@ void ControlSocket::accept() {
   limitWaits(socket.get(), static_cast<int>(patience_.count()));
   if (connections_.size() >= kMostConnections) {
     sendAll(socket.get(),
-            errorReply(hostError(EBUSY, "too many requests at once")).serialized() + "\n",
+            errorReply(describedError(EBUSY, "too many requests at once")).serialized() + "\n",
             Clock::now() + patience_);
     return;
   }
@@ -130,10 +130,10 @@ void ControlSocket::serve(Connection& connection) const {
   const auto line = receiveLine(connection.socket.get(), Clock::now() + patience_);
   JSONValue reply;
   try {
-    if (!line) throw hostError(EMSGSIZE, "no request of at most 64 KiB came in time");
+    if (!line) throw describedError(EMSGSIZE, "no request of at most 64 KiB came in time");
     const auto request = JSONValue::parse(*line);
     if (!request || request->object() == nullptr) {
-      throw hostError(EBADMSG, "the request is no JSON object");
+      throw describedError(EBADMSG, "the request is no JSON object");
     }
     reply = handler_(*request);
   } catch (const NSError& error) {

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
@@ -54,7 +54,7 @@ std::string stateHome() {
   }
   const auto home = environmentValue("HOME");
   if (!home.starts_with('/')) {
-    throw hostError(ENOENT, "neither $XDG_STATE_HOME nor $HOME names a directory");
+    throw describedError(ENOENT, "neither $XDG_STATE_HOME nor $HOME names a directory");
   }
   return home + "/.local/state/kestrowan";
 }
@@ -81,20 +81,20 @@ bool isDomainName(std::string_view name) {
 
 std::string standardStateDirectory(std::string_view domain) {
   if (!isDomainName(domain)) {
-    throw hostError(EINVAL, "\"" + escapedForDisplay(domain) + "\" cannot be a domain's name");
+    throw describedError(EINVAL, "\"" + escapedForDisplay(domain) + "\" cannot be a domain's name");
   }
   return stateHome() + "/" + std::string(domain);
 }
 
 UniqueFd openPrivateDirectory(const std::string& path) {
   const auto shown = escapedForDisplay(path);
-  if (!path.starts_with('/')) throw hostError(EINVAL, shown + ": not an absolute path");
+  if (!path.starts_with('/')) throw describedError(EINVAL, shown + ": not an absolute path");
   makeWithParents(path);
   UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status;
   if (!directory || ::fstat(directory.get(), &status) != 0) throw systemError(errno, shown);
   if (!isOwnAndPrivate(status)) {
-    throw hostError(EACCES, shown + ": belongs to somebody else, or others may write in it");
+    throw describedError(EACCES, shown + ": belongs to somebody else, or others may write in it");
   }
   return directory;
 }

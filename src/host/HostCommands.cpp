@@ -11,9 +11,9 @@
 #include <string_view>
 #include <utility>
 
-#include "host/HostError.h"
 #include "host/PathForm.h"
 #include "host/StatusForm.h"
+#include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
 #include "platform/network/TransferMonitor.h"
 
@@ -34,7 +34,7 @@ std::int64_t number(const JSONValue& request, std::string_view member, std::int6
   const auto* value = request.member(member);
   if (value == nullptr || value->isNull()) return otherwise;
   if (value->integer() == nullptr) {
-    throw hostError(EBADMSG, "\"" + std::string(member) + "\" is no whole number");
+    throw describedError(EBADMSG, "\"" + std::string(member) + "\" is no whole number");
   }
   return std::clamp<std::int64_t>(*value->integer(), 0, most);
 }
@@ -51,7 +51,7 @@ replica::Outcome<T> outcome(std::chrono::milliseconds limit, const Start& start)
   auto future = promise->get_future();
   start([promise](replica::Outcome<T> result) { promise->set_value(std::move(result)); });
   if (future.wait_for(limit) != std::future_status::ready) {
-    return hostError(ETIMEDOUT, "there was no answer in time");
+    return describedError(ETIMEDOUT, "there was no answer in time");
   }
   return future.get();
 }
@@ -78,7 +78,7 @@ JSONValue HostCommands::answer(const JSONValue& request) const {
       if (name == *wanted->string()) return (this->*answer)(request);
     }
   }
-  throw hostError(EBADMSG, "there is no such request");
+  throw describedError(EBADMSG, "there is no such request");
 }
 
 JSONValue HostCommands::status(const JSONValue& request) const {
@@ -157,7 +157,7 @@ JSONValue HostCommands::retry(const JSONValue& request) const {
 
 JSONValue HostCommands::discard(const JSONValue& request) const {
   if (!isTrue(request, "confirm")) {
-    throw hostError(EPERM, "giving up local changes asks for \"confirm\": true");
+    throw describedError(EPERM, "giving up local changes asks for \"confirm\": true");
   }
   const auto count = replica_.discard(item(request));
   return JSONValue::Object{{"discarded", static_cast<std::int64_t>(count)}};
@@ -170,7 +170,7 @@ JSONValue HostCommands::unmount(const JSONValue& request) const {
 replica::Rid HostCommands::item(const JSONValue& request) const {
   const auto path = pathIn(request, "path");
   if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
-    throw hostError(EINVAL, "the request needs a \"path\" that begins with \"/\"");
+    throw describedError(EINVAL, "the request needs a \"path\" that begins with \"/\"");
   }
   const auto found = outcome<replica::Rid>(
       kLongestLookUp, [&](auto completion) { replica_.find(path, std::move(completion)); });

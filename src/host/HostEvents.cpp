@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 
 namespace kestrowan::host {
 

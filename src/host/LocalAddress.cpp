@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {

@@ -1,11 +1,8 @@
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <climits>
 #include <deque>
 
 #include "host/Registry.h"
+#include "mount/LocalFiles.h"
 
 namespace kestrowan::host {
 
@@ -23,14 +20,6 @@ void split(std::string_view path, std::deque<std::string>& front) {
     path.remove_prefix(end == std::string_view::npos ? path.size() : end + 1);
   }
   front.insert(front.begin(), parts.begin(), parts.end());
-}
-
-/// The target of the symbolic link at `path`; nothing for what is none.
-std::optional<std::string> linkTarget(const std::string& path) {
-  std::array<char, PATH_MAX> target;
-  const auto length = ::readlink(path.c_str(), target.data(), target.size());
-  if (length <= 0) return std::nullopt;
-  return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
 const HostEntry* hostAt(const std::vector<HostEntry>& hosts, const std::string& path) {

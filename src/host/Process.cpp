@@ -11,15 +11,15 @@
 
 #include <cerrno>
 
-#include "host/HostError.h"
 #include "host/HostLog.h"
+#include "mount/DescribedError.h"
+#include "mount/LocalFiles.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
 
 namespace {
 
-constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
 constexpr mode_t kNothingForOthers = S_IRWXG | S_IRWXO;
 constexpr off_t kLargestLog = 4 << 20;  // bytes
 

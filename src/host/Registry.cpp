@@ -1,22 +1,20 @@
 #include "host/Registry.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <tuple>
 #include <utility>
 
 #include "host/Directories.h"
-#include "host/HostError.h"
 #include "host/PathForm.h"
+#include "mount/DescribedError.h"
+#include "mount/LocalFiles.h"
 #include "platform/foundation/JSONValue.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
@@ -27,7 +25,6 @@ namespace {
 
 constexpr std::string_view kSuffix = ".json";
 constexpr std::size_t kLargestEntry = 64 * 1024;  // bytes
-constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
 
 std::string registryDirectory() {
   return stateHome() + "/.hosts";
@@ -43,23 +40,11 @@ std::string serialized(const HostEntry& entry) {
   return JSONValue(std::move(form)).serialized();
 }
 
-std::string readAll(int file) {
-  std::string contents;
-  std::array<char, 4096> buffer;
-  while (contents.size() < kLargestEntry) {
-    const auto count = ::read(file, buffer.data(), buffer.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    contents.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-  return contents;
-}
-
-std::optional<HostEntry> readEntry(int directory, const char* name) {
+std::optional<HostEntry> readEntry(const std::string& path) {
   const UniqueFd file(
-      ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return std::nullopt;
-  const auto form = JSONValue::parse(readAll(file.get()));
+  const auto form = JSONValue::parse(readAll(file.get(), kLargestEntry));
   if (!form) return std::nullopt;
   HostEntry entry;
   if (const auto* domain = form->member("domain"); domain != nullptr && domain->string()) {
@@ -110,13 +95,9 @@ std::vector<HostEntry> knownHosts() {
   } catch (const NSError&) {
     return hosts;
   }
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(place.c_str()), ::closedir);
-  if (!directory) return hosts;
-  while (const dirent* file = ::readdir(directory.get())) {
-    if (!std::string_view(file->d_name).ends_with(kSuffix)) continue;
-    if (auto entry = readEntry(::dirfd(directory.get()), file->d_name)) {
-      hosts.push_back(*std::move(entry));
-    }
+  for (const auto& name : namesIn(place)) {
+    if (!name.ends_with(kSuffix)) continue;
+    if (auto entry = readEntry(place + "/" + name)) hosts.push_back(*std::move(entry));
   }
   std::sort(hosts.begin(), hosts.end(), [](const HostEntry& a, const HostEntry& b) {
     return std::tie(a.mountPoint, a.stateDirectory) < std::tie(b.mountPoint, b.stateDirectory);

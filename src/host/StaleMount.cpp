@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 #include "mount/Fusermount.h"
 #include "mount/MountPoint.h"
 #include "mount/MountTable.h"
@@ -31,7 +31,7 @@ std::optional<HostEntry> hostThatLeft(const std::string& path, const std::string
 void removeLeftMount(const HostEntry& host) {
   if (mount::fusermountUnmount(host.mountPoint, false).empty()) return;
   const auto complaint = mount::fusermountUnmount(host.mountPoint, true);
-  if (!complaint.empty()) throw hostError(EBUSY, complaint);
+  if (!complaint.empty()) throw describedError(EBUSY, complaint);
 }
 
 }  // namespace kestrowan::host

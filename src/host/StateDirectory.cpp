@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "host/Directories.h"
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
@@ -71,9 +71,9 @@ void StateDirectory::tighten() const {
   struct stat lockFile;
   if (::fstatat(directory_.get(), kLockName, &lockFile, AT_SYMLINK_NOFOLLOW) != 0 &&
       !isEmpty(directory_.get())) {
-    throw hostError(ENOTEMPTY, escapedForDisplay(path_) +
-                                   ": holds something else than a host's state; name an empty "
-                                   "directory, or one that is not there yet");
+    throw describedError(ENOTEMPTY, escapedForDisplay(path_) +
+                                        ": holds something else than a host's state; name an empty "
+                                        "directory, or one that is not there yet");
   }
   if (::fchmod(directory_.get(), kPrivateDirectory) != 0) {
     throw systemError(errno, escapedForDisplay(path_));
@@ -88,14 +88,14 @@ void StateDirectory::lock() {
   struct stat status;
   if (!file || ::fstat(file.get(), &status) != 0) throw systemError(errno, shown);
   if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid()) {
-    throw hostError(EACCES, shown + ": is no regular file of this user");
+    throw describedError(EACCES, shown + ": is no regular file of this user");
   }
   if (!tryLock(file.get())) {
     if (errno != EWOULDBLOCK) throw systemError(errno, shown);
     const auto number = holder(file.get());
-    throw hostError(EBUSY, escapedForDisplay(path_) + ": in use by another host" +
-                               (number.empty() ? "" : ", process " + number) +
-                               "; unmount that first, or name another --state directory");
+    throw describedError(EBUSY, escapedForDisplay(path_) + ": in use by another host" +
+                                    (number.empty() ? "" : ", process " + number) +
+                                    "; unmount that first, or name another --state directory");
   }
   const auto number = std::to_string(::getpid()) + "\n";
   if (::ftruncate(file.get(), 0) != 0 || ::pwrite(file.get(), number.data(), number.size(), 0) !=

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <vector>
 
+#include "mount/DescribedError.h"
+#include "mount/LocalFiles.h"
 #include "platform/base/UniqueFd.h"
 #include "platform/foundation/NSError.h"
 
@@ -19,15 +21,9 @@ namespace {
 
 constexpr const char* kProgram = "fusermount3";
 
-std::string readAll(const UniqueFd& file) {
-  std::string text;
-  std::array<char, 512> piece = {};
-  while (true) {
-    const auto length = ::read(file.get(), piece.data(), piece.size());
-    if (length < 0 && errno == EINTR) continue;
-    if (length <= 0) break;
-    text.append(piece.data(), static_cast<std::size_t>(length));
-  }
+std::string complaintIn(const UniqueFd& file) {
+  constexpr std::size_t kLongest = 4096;
+  auto text = readAll(file.get(), kLongest);
   while (!text.empty() && text.back() == '\n') text.pop_back();
   return text;
 }
@@ -52,10 +48,9 @@ pid_t spawn(const std::string& path, bool lazily, int complaints) {
       ::posix_spawnp(&process, kProgram, &actions, nullptr, arguments.data(), environ);
   ::posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
-    throw NSError(NSPOSIXErrorDomain, error,
-                  {{std::string(NSLocalizedDescriptionKey),
-                    std::string(kProgram) + " cannot be run (" +
-                        std::generic_category().message(error) + "); install the package fuse3"}});
+    throw describedError(error, std::string(kProgram) + " cannot be run (" +
+                                    std::generic_category().message(error) +
+                                    "); install the package fuse3");
   }
   return process;
 }
@@ -69,7 +64,7 @@ std::string fusermountUnmount(const std::string& path, bool lazily) {
   UniqueFd writing(ends[1]);
   const auto process = spawn(path, lazily, writing.get());
   writing.reset();
-  auto complaint = readAll(reading);
+  auto complaint = complaintIn(reading);
   int status = 0;
   while (::waitpid(process, &status, 0) < 0) {
     if (errno != EINTR) throw posixError(errno);

@@ -1,41 +1,15 @@
 #include "mount/Holders.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
-#include <array>
 #include <charconv>
-#include <climits>
 #include <fstream>
-#include <memory>
 #include <optional>
 #include <string_view>
+
+#include "mount/LocalFiles.h"
 
 namespace kestrowan::mount {
 
 namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-std::vector<std::string> namesIn(const std::string& path) {
-  std::vector<std::string> names;
-  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
-  if (!directory) return names;
-  while (const auto* entry = ::readdir(directory.get())) names.emplace_back(entry->d_name);
-  return names;
-}
-
-std::string linkTarget(const std::string& path) {
-  std::array<char, PATH_MAX> target = {};
-  const auto length = ::readlink(path.c_str(), target.data(), target.size());
-  return length <= 0 ? std::string() : std::string(target.data(), static_cast<std::size_t>(length));
-}
-
-bool isWithin(std::string_view path, std::string_view folder) {
-  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
 
 /// The file that a line of /proc/NUMBER/maps names, from its first "/" on.
 std::string_view mappedPath(std::string_view line) {
@@ -46,11 +20,11 @@ std::string_view mappedPath(std::string_view line) {
 std::optional<std::string> usedPath(const std::string& process, const std::string& folder) {
   for (const char* link : {"cwd", "root", "exe"}) {
     auto target = linkTarget(process + link);
-    if (isWithin(target, folder)) return target;
+    if (target && isWithin(*target, folder)) return target;
   }
   for (const auto& number : namesIn(process + "fd")) {
     auto target = linkTarget(process + "fd/" + number);
-    if (isWithin(target, folder)) return target;
+    if (target && isWithin(*target, folder)) return target;
   }
   std::ifstream maps(process + "maps");
   for (std::string line; std::getline(maps, line);) {

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <fstream>
 
-#include "platform/foundation/NSError.h"
+#include "mount/DescribedError.h"
 
 namespace kestrowan::mount {
 
@@ -13,11 +13,10 @@ void checkKernelLimits(const std::string& directory) {
     // Older kernels have neither.
     long seconds = 0;
     if (!(file >> seconds) || seconds == 0) continue;
-    throw NSError(
-        NSPOSIXErrorDomain, ETIMEDOUT,
-        {{std::string(NSLocalizedDescriptionKey),
-          "this system ends a mount when one answer takes longer than " + std::to_string(seconds) +
-              " seconds, and a download may; allow it: sysctl fs.fuse." + name + "=0"}});
+    throw describedError(ETIMEDOUT, "this system ends a mount when one answer takes longer than " +
+                                        std::to_string(seconds) +
+                                        " seconds, and a download may; allow it: sysctl fs.fuse." +
+                                        name + "=0");
   }
 }
 

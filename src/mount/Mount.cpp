@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "mount/DescribedError.h"
 #include "mount/Fuse.h"
 #include "mount/FuseLog.h"
 #include "mount/Fusermount.h"
@@ -23,11 +24,6 @@
 namespace kestrowan::mount {
 
 namespace {
-
-NSError mountError(int number, std::string text) {
-  return NSError(NSPOSIXErrorDomain, number,
-                 {{std::string(NSLocalizedDescriptionKey), std::move(text)}});
-}
 
 /// In libfuse's list of options, a comma ends a value unless it is escaped.
 std::string escapedOption(const std::string& value) {
@@ -72,16 +68,6 @@ class Mount::Implementation {
 
   const std::string& mountPoint() const { return point_.path(); }
 
-  bool hasEnded() const {
-    std::lock_guard lock(mutex_);
-    return hasEnded_;
-  }
-
-  bool wasEndedByOthers() const {
-    std::lock_guard lock(mutex_);
-    return hasEnded_ && !isUnmounting_;
-  }
-
  private:
   void mount();
   void run(std::shared_ptr<Session> session);
@@ -98,7 +84,6 @@ class Mount::Implementation {
   mutable std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
   std::shared_ptr<Session> session_;
-  bool isUnmounting_ = false;
   bool hasEnded_ = false;
 };
 
@@ -115,7 +100,8 @@ void Mount::Implementation::start() {
   replica_.setObserver(session.get());
   loop_ = std::thread([this, session] { run(session); });
   if (!session->waitUntilReady()) {
-    throw mountError(EIO, "the mount at " + point_.path() + " ended at once: " + takeFuseMessage());
+    throw describedError(EIO,
+                         "the mount at " + point_.path() + " ended at once: " + takeFuseMessage());
   }
 }
 
@@ -127,8 +113,8 @@ void Mount::Implementation::mount() {
   if (result != 0) {
     session_.reset();
     const auto message = takeFuseMessage();
-    throw mountError(EIO, "cannot mount at " + point_.path() + ": " +
-                              (message.empty() ? "see the messages above" : message));
+    throw describedError(EIO, "cannot mount at " + point_.path() + ": " +
+                                  (message.empty() ? "see the messages above" : message));
   }
   if (const auto entry = mountAt(point_.path())) device_ = entry->device;
 }
@@ -176,19 +162,14 @@ void Mount::Implementation::unmount(Unmounting how) {
   {
     std::lock_guard lock(mutex_);
     if (!session_ || hasEnded_) return;
-    isUnmounting_ = true;
   }
   const auto complaint = fusermountUnmount(point_.path(), how == Unmounting::lazily);
   if (complaint.empty() || !isInPlace()) return;
-  {
-    std::lock_guard lock(mutex_);
-    isUnmounting_ = false;
-  }
-  if (complaint.find("busy") == std::string::npos) throw mountError(EIO, complaint);
+  if (complaint.find("busy") == std::string::npos) throw describedError(EIO, complaint);
   auto holders = holdersOf(point_.path());
   std::erase_if(holders, [](const Holder& holder) { return holder.process == ::getpid(); });
-  throw mountError(EBUSY, point_.path() + " is in use by " + describe(holders) +
-                              "; close what is open there and try again");
+  throw describedError(EBUSY, point_.path() + " is in use by " + describe(holders) +
+                                  "; close what is open there and try again");
 }
 
 bool Mount::Implementation::waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit) {
@@ -235,14 +216,6 @@ void Mount::unmount(Unmounting how) {
 
 bool Mount::waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit) {
   return implementation_->waitUntilUnmounted(limit);
-}
-
-bool Mount::hasEnded() const {
-  return implementation_->hasEnded();
-}
-
-bool Mount::wasEndedByOthers() const {
-  return implementation_->wasEndedByOthers();
 }
 
 }  // namespace kestrowan::mount

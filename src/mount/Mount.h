@@ -67,11 +67,6 @@ class Mount {
   /// observer. With a limit, false when it has not ended by then.
   bool waitUntilUnmounted(std::optional<std::chrono::milliseconds> limit = std::nullopt);
 
-  bool hasEnded() const;
-  /// Whether it ended without `unmount` having been called: by somebody else's hand, or the
-  /// kernel's.
-  bool wasEndedByOthers() const;
-
  private:
   class Implementation;
   const std::unique_ptr<Implementation> implementation_;

@@ -214,7 +214,7 @@ JSONValue::Object Host::onMount(std::string_view what, const JSONValue& command)
   }
   const bool hasEnded =
       mount_->waitUntilUnmounted(std::chrono::milliseconds(number(command, "milliseconds")));
-  return {{"ended", hasEnded}, {"byOthers", mount_->wasEndedByOthers()}};
+  return {{"ended", hasEnded}};
 }
 
 }  // namespace kestrowan::test

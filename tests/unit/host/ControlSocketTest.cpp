@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "host/ControlClient.h"
-#include "host/HostError.h"
 #include "host/LocalAddress.h"
+#include "mount/DescribedError.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::host {
@@ -200,7 +200,7 @@ TEST_F(ControlSocketTest, RequestsAreAnsweredAtTheSameTime) {
 
 TEST_F(ControlSocketTest, AnErrorOfTheHandlerIsThrownAtTheClient) {
   const ControlSocket socket(
-      path_, [](const JSONValue&) -> JSONValue { throw hostError(ENOENT, "no such thing"); });
+      path_, [](const JSONValue&) -> JSONValue { throw describedError(ENOENT, "no such thing"); });
   try {
     askHost(path_, kRequest, kLimit);
     FAIL();

@@ -8,7 +8,7 @@
 #include <future>
 #include <memory>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/NSError.h"
 #include "replica/LoopThread.h"
@@ -106,7 +106,7 @@ class HostCommandsTest : public testing::Test {
                                 .unmount =
                                     [this](bool force) {
                                       forced_ = force;
-                                      if (left_ < 0) throw hostError(EBUSY, "in use by cat");
+                                      if (left_ < 0) throw describedError(EBUSY, "in use by cat");
                                       return left_;
                                     }}};
 };

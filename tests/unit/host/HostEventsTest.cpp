@@ -6,7 +6,7 @@
 #include <csignal>
 #include <thread>
 
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 
 namespace kestrowan::host {
 namespace {
@@ -50,7 +50,7 @@ TEST(HostEvents, ARequestMayBeRefused) {
   auto left = events.postUnmountRequest(false);
   EXPECT_FALSE(events.forceIsWanted());
   events.takeUnmountRequest()->left.set_exception(
-      std::make_exception_ptr(hostError(EBUSY, "in use")));
+      std::make_exception_ptr(describedError(EBUSY, "in use")));
   EXPECT_THROW(left.get(), NSError);
 }
 

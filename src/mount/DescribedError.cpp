@@ -1,17 +1,17 @@
-#include "host/HostError.h"
+#include "mount/DescribedError.h"
 
 #include <system_error>
 #include <utility>
 
-namespace kestrowan::host {
+namespace kestrowan {
 
-NSError hostError(int number, std::string text) {
+NSError describedError(int number, std::string text) {
   return NSError(NSPOSIXErrorDomain, number,
                  {{std::string(NSLocalizedDescriptionKey), std::move(text)}});
 }
 
 NSError systemError(int number, const std::string& subject) {
-  return hostError(number, subject + ": " + std::generic_category().message(number));
+  return describedError(number, subject + ": " + std::generic_category().message(number));
 }
 
-}  // namespace kestrowan::host
+}  // namespace kestrowan
