@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/Registry.h"
 
@@ -11,11 +12,21 @@ namespace kestrowan::host {
 /// `NSError` when the system's table of mounts cannot be read.
 bool isLeftMounted(const HostEntry& host);
 
+/// Those that did, as `knownHosts` has them.
+std::vector<HostEntry> hostsThatLeft();
+
+/// Where `path` (absolute, or relative to `directory`) lies in a mount that was left behind.
+std::optional<PlaceInMount> placeThatWasLeft(const std::string& path, const std::string& directory);
+
 /// The host that left its mount behind at `path` (absolute, or relative to `directory`); nothing
 /// when that is none.
 std::optional<HostEntry> hostThatLeft(const std::string& path, const std::string& directory);
 
-/// Takes such a mount away. Throws `NSError` with a text for a person.
+/// What a person may do about it, in words.
+std::string adviceFor(const HostEntry& left);
+
+/// Takes such a mount away, and gives its folder the former mode back. Throws `NSError` with a text
+/// for a person.
 void removeLeftMount(const HostEntry& host);
 
 }  // namespace kestrowan::host

@@ -111,6 +111,7 @@ void Mount::Implementation::mount() {
   const int result = fuse_session_mount(session_->channel().session(), point_.path().c_str());
   point_.seal();
   if (result != 0) {
+    point_.restore();
     session_.reset();
     const auto message = takeFuseMessage();
     throw describedError(EIO, "cannot mount at " + point_.path() + ": " +
@@ -147,6 +148,7 @@ void Mount::Implementation::tearDown(Session& session) {
   try {
     // A connection that was cut leaves its mount in place.
     if (isInPlace()) fusermountUnmount(point_.path(), true);
+    if (!isInPlace()) point_.restore();
   } catch (const NSError&) {
     // The next mount frees the place.
   }

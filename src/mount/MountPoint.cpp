@@ -1,6 +1,5 @@
 #include "mount/MountPoint.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -13,10 +12,11 @@
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <system_error>
 #include <thread>
 
+#include "mount/DescribedError.h"
 #include "mount/Fusermount.h"
+#include "mount/LocalFiles.h"
 #include "mount/MountTable.h"
 #include "platform/foundation/NSError.h"
 
@@ -25,23 +25,16 @@ namespace kestrowan::mount {
 namespace {
 
 constexpr std::chrono::seconds kPatience{5};
-
-NSError refusal(int number, std::string text) {
-  return NSError(NSPOSIXErrorDomain, number,
-                 {{std::string(NSLocalizedDescriptionKey), std::move(text)}});
-}
-
-NSError failure(int number, const std::string& path) {
-  return refusal(number, path + ": " + std::generic_category().message(number));
-}
+constexpr mode_t kModeBits = 07777;
 
 std::string resolved(const std::string& path) {
   const std::unique_ptr<char, void (*)(void*)> found(::realpath(path.c_str(), nullptr), std::free);
   if (found) return found.get();
   if (errno == ENOENT) {
-    throw refusal(ENOENT, path + " does not exist; create it first: mkdir -p '" + path + "'");
+    throw describedError(ENOENT,
+                         path + " does not exist; create it first: mkdir -p '" + path + "'");
   }
-  throw failure(errno, path);
+  throw systemError(errno, path);
 }
 
 /// The `errno` with which a mount answers, 0 when it works; nothing when it does not answer in
@@ -62,8 +55,8 @@ void unmountStale(const std::string& path) {
   if (fusermountUnmount(path, false).empty()) return;
   const auto complaint = fusermountUnmount(path, true);
   if (complaint.empty()) return;
-  throw refusal(EBUSY,
-                path + " is a mount whose program has died, and cannot be freed: " + complaint);
+  throw describedError(
+      EBUSY, path + " is a mount whose program has died, and cannot be freed: " + complaint);
 }
 
 /// Several dead mounts may lie on each other.
@@ -73,75 +66,87 @@ void freeOfStaleMounts(const std::string& path) {
     const auto mount = mountAt(path);
     if (!mount) return;
     if (mount->type != kMountType) {
-      throw refusal(EBUSY, path + " is the mount point of another file system (" + mount->type +
-                               "); choose another folder, or unmount it first");
+      throw describedError(EBUSY, path + " is the mount point of another file system (" +
+                                      mount->type +
+                                      "); choose another folder, or unmount it first");
     }
     const auto answer = answerOf(path);
     if (!answer) {
-      throw refusal(EBUSY, path +
+      throw describedError(EBUSY,
+                           path +
                                " is mounted, and its program does not answer; end that program, "
                                "then run: fusermount3 -u '" +
                                path + "'");
     }
     if (*answer != ENOTCONN && *answer != ECONNABORTED) {
-      throw refusal(EBUSY,
-                    path + " is mounted already; unmount it first: fusermount3 -u '" + path + "'");
+      throw describedError(
+          EBUSY, path + " is mounted already; unmount it first: kestrowan unmount '" + path + "'");
     }
     unmountStale(path);
   }
-  throw refusal(EBUSY, path + " is a mount whose program has died, and cannot be freed");
-}
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-bool isEmpty(const UniqueFd& folder, const std::string& path) {
-  UniqueFd copy(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseDirectory> directory(copy ? ::fdopendir(copy.get()) : nullptr);
-  if (!directory) throw failure(errno, path);
-  copy.release();
-  while (const auto* entry = ::readdir(directory.get())) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") return false;
-  }
-  return true;
-}
-
-bool isWithin(std::string_view path, std::string_view folder) {
-  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+  throw describedError(EBUSY, path + " is a mount whose program has died, and cannot be freed");
 }
 
 }  // namespace
 
 MountPoint::MountPoint(const std::string& path, uid_t owner, const std::string& stateDirectory)
-    : path_(resolved(path)) {
+    : path_(resolved(path)), stateDirectory_(stateDirectory) {
   freeOfStaleMounts(path_);
-  if (!stateDirectory.empty() && isWithin(path_, resolved(stateDirectory))) {
-    throw refusal(EINVAL, path_ + " lies in " + stateDirectory +
-                              ", where the mount keeps its files; choose another folder");
+  if (!stateDirectory_.empty()) {
+    checkApart(path_, stateDirectory_);
+    restoreMountPoint(stateDirectory_);
   }
   folder_.reset(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder_ && errno == ENOTDIR) {
-    throw refusal(ENOTDIR, path_ + " is not a folder; choose an empty folder");
+    throw describedError(ENOTDIR, path_ + " is not a folder; choose an empty folder");
   }
   struct stat status = {};
-  if (!folder_ || ::fstat(folder_.get(), &status) != 0) throw failure(errno, path_);
+  if (!folder_ || ::fstat(folder_.get(), &status) != 0) throw systemError(errno, path_);
   if (status.st_uid != owner) {
-    throw refusal(EPERM, path_ + " belongs to another user; choose an empty folder of your own");
+    throw describedError(EPERM,
+                         path_ + " belongs to another user; choose an empty folder of your own");
   }
-  if (!isEmpty(folder_, path_)) {
-    throw refusal(ENOTEMPTY,
-                  path_ + " is not empty; its files would be hidden. Choose an empty folder");
+  if (!isEmptyFolder(folder_.get())) {
+    throw describedError(
+        ENOTEMPTY, path_ + " is not empty; its files would be hidden. Choose an empty folder");
+  }
+  former_ = {path_, status.st_dev, status.st_ino, status.st_mode & kModeBits};
+}
+
+void MountPoint::checkApart(const std::string& path, const std::string& stateDirectory) {
+  const auto point = resolvedAsFar(path);
+  const auto state = resolvedAsFar(stateDirectory);
+  if (isWithin(point, state)) {
+    throw describedError(EINVAL, path + " lies in " + stateDirectory +
+                                     ", where the mount keeps its files; choose another folder");
+  }
+  if (isWithin(state, point)) {
+    throw describedError(EINVAL, path + " would hide " + stateDirectory +
+                                     ", where the mount keeps its files; choose another folder");
   }
 }
 
 void MountPoint::open() {
-  if (::fchmod(folder_.get(), S_IRWXU) != 0) throw failure(errno, path_);
+  if (!stateDirectory_.empty()) former_.write(stateDirectory_);
+  if (::fchmod(folder_.get(), S_IRWXU) != 0) throw systemError(errno, path_);
 }
 
 void MountPoint::seal() {
-  ::fchmod(folder_.get(), S_IRUSR | S_IXUSR);
+  ::fchmod(folder_.get(), FormerMode::kSealed);
+}
+
+void MountPoint::restore() {
+  former_.restore(folder_.get());
+  if (!stateDirectory_.empty()) FormerMode::forget(stateDirectory_);
+}
+
+void restoreMountPoint(const std::string& stateDirectory) {
+  const auto former = FormerMode::read(stateDirectory);
+  if (!former || mountAt(former->path)) return;
+  const UniqueFd folder(
+      ::open(former->path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder) former->restore(folder.get());
+  FormerMode::forget(stateDirectory);
 }
 
 }  // namespace kestrowan::mount

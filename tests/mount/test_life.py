@@ -45,7 +45,7 @@ def test_programs_can_be_forbidden(make_host, place):
     assert outcome(os.execv, place / "mount" / "script", ["script"]) == "EACCES"
 
 
-def test_the_bare_mount_point_cannot_be_written(host, mount, place):
+def test_the_bare_mount_point_has_its_mode_again_afterwards(host, mount, place):
     host.unmount()
     assert host.do("waitUntilUnmounted", milliseconds=30_000) == {"ended": True}
     assert stat.S_IMODE(os.stat(mount).st_mode) == 0o755

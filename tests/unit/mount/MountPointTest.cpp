@@ -99,5 +99,87 @@ TEST_F(MountPointTest, TheBareFolderCannotBeWrittenAfterwards) {
   EXPECT_EQ(refusal(bare), 0);
 }
 
+TEST_F(MountPointTest, TheFormerModeComesBack) {
+  const auto bare = folder("bare");
+  const auto state = folder("state");
+  ASSERT_EQ(::chmod(bare.c_str(), 0751), 0);
+  MountPoint point(bare, ::getuid(), state);
+  point.open();
+  point.seal();
+  point.restore();
+  EXPECT_EQ(mode(bare), 0751U);
+  EXPECT_EQ(::rmdir(state.c_str()), 0) << "nothing is remembered any more";
+}
+
+TEST_F(MountPointTest, TheFormerModeComesBackAfterADeath) {
+  const auto bare = folder("odd \n name");
+  const auto state = folder("state");
+  ASSERT_EQ(::chmod(bare.c_str(), 0755), 0);
+  {
+    MountPoint point(bare, ::getuid(), state);
+    point.open();
+    point.seal();
+  }
+  EXPECT_EQ(mode(bare), 0500U);
+  restoreMountPoint(state);
+  EXPECT_EQ(mode(bare), 0755U);
+  // Once is enough.
+  ASSERT_EQ(::chmod(bare.c_str(), 0500), 0);
+  restoreMountPoint(state);
+  EXPECT_EQ(mode(bare), 0500U);
+}
+
+TEST_F(MountPointTest, TheNextMountPointOfTheSameStateSeesToIt) {
+  const auto bare = folder("bare");
+  const auto state = folder("state");
+  ASSERT_EQ(::chmod(bare.c_str(), 0755), 0);
+  {
+    MountPoint point(bare, ::getuid(), state);
+    point.open();
+    point.seal();
+  }
+  MountPoint again(bare, ::getuid(), state);
+  again.open();
+  again.seal();
+  again.restore();
+  EXPECT_EQ(mode(bare), 0755U);
+}
+
+TEST_F(MountPointTest, AModeThatSomebodyChangedMeanwhileAndAnotherFolderAreLeftAlone) {
+  const auto bare = folder("bare");
+  const auto state = folder("state");
+  MountPoint point(bare, ::getuid(), state);
+  point.open();
+  point.seal();
+  ASSERT_EQ(::chmod(bare.c_str(), 0711), 0);
+  point.restore();
+  EXPECT_EQ(mode(bare), 0711U);
+
+  point.open();
+  point.seal();
+  ASSERT_EQ(::rmdir(bare.c_str()), 0);
+  ASSERT_EQ(::mkdir(bare.c_str(), 0500), 0);
+  restoreMountPoint(state);
+  EXPECT_EQ(mode(bare), 0500U);
+}
+
+TEST_F(MountPointTest, WhatIsRememberedIsReadWithSuspicion) {
+  const auto state = folder("state");
+  for (const char* text : {"", "garbage", "1 2 755", "1 2 755\nrelative", "1 2 999\n/"}) {
+    std::ofstream(state + "/mount-point") << text;
+    restoreMountPoint(state);
+  }
+}
+
+TEST_F(MountPointTest, AStateThatWouldBeHiddenIsRefused) {
+  const auto outer = folder("outer");
+  const auto inner = outer + "/not/there/yet";
+  EXPECT_THROW(MountPoint::checkApart(outer, inner), NSError);
+  EXPECT_THROW(MountPoint::checkApart(inner + "/below", inner), NSError);
+  EXPECT_NO_THROW(MountPoint::checkApart(outer + "/a", outer + "/ab"));
+  ASSERT_EQ(::symlink("outer", path("link").c_str()), 0);
+  EXPECT_THROW(MountPoint::checkApart(path("link") + "/a/b", outer + "/a"), NSError);
+}
+
 }  // namespace
 }  // namespace kestrowan::mount
