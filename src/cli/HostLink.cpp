@@ -10,6 +10,7 @@
 #include "cli/Failure.h"
 #include "cli/ServerPath.h"
 #include "host/ControlClient.h"
+#include "host/StaleMount.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
 
@@ -23,6 +24,15 @@ std::string listed(const std::vector<host::HostEntry>& hosts) {
   std::string text;
   for (const auto& host : hosts) text += "\n  " + escapedForDisplay(host.mountPoint);
   return "\n  " + (text.empty() ? kNothingMounted : "mounted:" + text);
+}
+
+/// Why nothing runs: nothing is mounted, or the hosts have died.
+std::string nothingRuns() {
+  std::string text;
+  for (const auto& left : host::hostsThatLeft()) {
+    text += (text.empty() ? "" : "\n  ") + host::adviceFor(left);
+  }
+  return text.empty() ? kNothingMounted : text;
 }
 
 std::vector<host::HostEntry> runningHosts() {
@@ -48,7 +58,7 @@ ExitCode reportingFailure(bool json, const std::function<ExitCode()>& action) {
 std::vector<host::HostEntry> chosenHosts(const std::optional<std::string>& mountPoint) {
   if (mountPoint) return {runningHost(mountPoint)};
   auto hosts = runningHosts();
-  if (hosts.empty()) throw HostFailure(ExitCode::notMounted, kNothingMounted);
+  if (hosts.empty()) throw HostFailure(ExitCode::notMounted, nothingRuns());
   return hosts;
 }
 
@@ -65,6 +75,9 @@ host::PlaceInMount runningPlace(const std::string& path) {
   if (path.empty()) throw UsageError("an empty path names nothing");
   const auto hosts = runningHosts();
   if (auto place = host::placeInMount(hosts, path, currentDirectory())) return *std::move(place);
+  if (const auto left = host::placeThatWasLeft(path, currentDirectory())) {
+    throw HostFailure(ExitCode::notMounted, host::adviceFor(left->host));
+  }
   throw HostFailure(ExitCode::notMounted,
                     escapedForDisplay(path) + ": lies in no mount that runs" + listed(hosts));
 }

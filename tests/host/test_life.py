@@ -484,3 +484,15 @@ def test_a_mount_on_what_a_killed_host_left_works(place, folder):
     place.mount().ready().kill()
     place.mount().ready()
     assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]
+def test_commands_say_that_the_host_died_and_what_to_do(place):
+    place.mount().ready().kill()
+    advice = f"kestrowan mount '{place.point}'".encode()
+    for command in (["status"], ["status", place.point], ["wait"], ["retry"],
+                    ["evict", place.point / "Home" / "file"], ["pin", place.point]):
+        result = place.run(*command)
+        assert result.returncode == NOT_MOUNTED, (command, result.stderr)
+        assert b"its host died" in result.stderr and advice in result.stderr, result.stderr
+    assert "its host died" in place.ask("status", code=NOT_MOUNTED)["error"]["localizedDescription"]
+    assert b"lies in no mount" in place.run("evict", place.directory).stderr
+
+
