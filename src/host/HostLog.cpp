@@ -3,12 +3,41 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
 namespace kestrowan::host {
 
 namespace {
+
+std::atomic<bool> isDated = false;
+
+/// "2026-01-31 12:00:00 ".
+std::string date() {
+  const time_t now = std::time(nullptr);
+  struct tm parts;
+  std::array<char, 32> text;
+  if (::localtime_r(&now, &parts) == nullptr ||
+      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S ", &parts) == 0) {
+    return std::to_string(now) + " ";
+  }
+  return text.data();
+}
+
+bool isExtensions(std::string_view category) {
+  return category == "ext";
+}
+
+/// Writes messages as the host writes its own.
+class HostSink : public LogSink {
+ public:
+  void error(std::string_view, std::string_view category, std::string_view format,
+             std::span<const std::string_view> arguments) override {
+    hostLog((isExtensions(category) ? "extension: " : "") + renderedMessage(format, arguments));
+  }
+};
 
 /// Drops what the extension logs, and passes everything else on.
 class WithoutExtensionLog : public LogSink {
@@ -17,7 +46,7 @@ class WithoutExtensionLog : public LogSink {
 
   void error(std::string_view subsystem, std::string_view category, std::string_view format,
              std::span<const std::string_view> arguments) override {
-    if (category != "ext") inner_->error(subsystem, category, format, arguments);
+    if (!isExtensions(category)) inner_->error(subsystem, category, format, arguments);
   }
 
  private:
@@ -27,7 +56,7 @@ class WithoutExtensionLog : public LogSink {
 }  // namespace
 
 void hostLog(std::string_view text) {
-  const auto line = "kestrowan: " + escapedForDisplay(text) + "\n";
+  const auto line = (isDated ? date() : "") + "kestrowan: " + escapedForDisplay(text) + "\n";
   std::string_view rest = line;
   while (!rest.empty()) {
     const auto written = ::write(STDERR_FILENO, rest.data(), rest.size());
@@ -35,6 +64,10 @@ void hostLog(std::string_view text) {
     if (written <= 0) return;
     rest.remove_prefix(static_cast<std::size_t>(written));
   }
+}
+
+void dateHostLog() {
+  isDated = true;
 }
 
 LimitedLog::LimitedLog(std::shared_ptr<LogSink> inner, Clock clock)
@@ -65,7 +98,7 @@ void LimitedLog::error(std::string_view subsystem, std::string_view category,
 
 std::shared_ptr<LogSink> hostSink(bool extensionLog) {
   std::shared_ptr<LogSink> sink = std::make_shared<LimitedLog>(
-      LogSink::shared(), [] { return std::chrono::steady_clock::now(); });
+      std::make_shared<HostSink>(), [] { return std::chrono::steady_clock::now(); });
   if (extensionLog) return sink;
   return std::make_shared<WithoutExtensionLog>(std::move(sink));
 }

@@ -17,6 +17,9 @@ namespace kestrowan::host {
 /// From every thread; a line that cannot be written is dropped.
 void hostLog(std::string_view text);
 
+/// Puts date and time (local) before every line from now on, for a log that nothing else dates.
+void dateHostLog();
+
 /// Passes messages on, but of each kind only so many a minute, so that an error that repeats does
 /// not fill a disk. Says afterwards how many were left out. Usable from every thread.
 class LimitedLog : public LogSink {
@@ -41,8 +44,8 @@ class LimitedLog : public LogSink {
   std::map<std::string, Minute, std::less<>> kinds_;  // by the format
 };
 
-/// The sink of a host's process: the platform's, limited, and without what the extension itself
-/// logs unless that is wanted.
+/// The sink of a host's process: `hostLog`, limited, and without what the extension itself logs
+/// unless that is wanted, which is then told from the rest by "extension: ".
 std::shared_ptr<LogSink> hostSink(bool extensionLog);
 
 }  // namespace kestrowan::host

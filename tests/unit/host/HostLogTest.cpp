@@ -1,7 +1,11 @@
 #include "host/HostLog.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <string>
 #include <vector>
 
 namespace kestrowan::host {
@@ -52,6 +56,35 @@ TEST(HostLog, ALineIsEscapedAndWrittenAtOnce) {
   testing::internal::CaptureStderr();
   hostLog("name\n\x1b[31m");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "kestrowan: name\\n\\u001B[31m\n");
+}
+
+/// What is logged to the host's sink in a process of its own.
+std::string logged(bool extensionLog, bool dated) {
+  testing::internal::CaptureStderr();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (dated) dateHostLog();
+    const auto sink = hostSink(extensionLog);
+    const std::string_view argument[] = {"a\nb"};
+    sink->error("com.kestrowan.app.FileProvider", "replica", "kept %{public}s", argument);
+    sink->error("com.kestrowan.app.FileProvider", "ext", "failed", {});
+    hostLog("mounted");
+    ::_exit(0);
+  }
+  ::waitpid(child, nullptr, 0);
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(HostSink, EverythingIsWrittenInOneFormAndNothingIsCalledAnError) {
+  EXPECT_EQ(logged(false, false), "kestrowan: kept a\\nb\nkestrowan: mounted\n");
+  EXPECT_EQ(logged(true, false),
+            "kestrowan: kept a\\nb\nkestrowan: extension: failed\nkestrowan: mounted\n");
+}
+
+TEST(HostSink, LinesBearDateAndTimeWhenThatIsWanted) {
+  const std::string line =
+      "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} kestrowan: [a-z: \\\\]+\n";
+  EXPECT_THAT(logged(true, true), testing::MatchesRegex("(" + line + "){3}"));
 }
 
 }  // namespace
