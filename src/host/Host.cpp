@@ -372,6 +372,7 @@ std::int64_t Host::Implementation::finish(Clock::time_point deadline) {
   while (!events_.mountEnded() && Clock::now() < usersLeave && events_.signals() == signals) {
     events_.wait(kStep);
   }
+      events_.refuseRequests(std::current_exception());
   drain(deadline);
   const auto left = changesLeft();
   say(left == 0 ? "unmounted; nothing is left to send"

@@ -70,6 +70,14 @@ bool HostEvents::forceIsWanted() const {
                      [](const UnmountRequest& request) { return request.force; });
 }
 
+void HostEvents::refuseRequests(const std::exception_ptr& reason) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(requests_, [&](UnmountRequest& request) {
+    if (!request.force) request.left.set_exception(reason);
+    return !request.force;
+  });
+}
+
 void HostEvents::answerRequests(std::int64_t left) {
   std::lock_guard lock(mutex_);
   answer_ = left;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -41,6 +42,8 @@ class HostEvents {
   std::optional<UnmountRequest> takeUnmountRequest();
   /// Whether a request waits that wants the mount gone whoever uses it.
   bool forceIsWanted() const;
+  /// Refuses the requests that wait, but for those that `forceIsWanted` tells of.
+  void refuseRequests(const std::exception_ptr& reason);
   /// Answers the requests that wait, and those that come from now on.
   void answerRequests(std::int64_t left);
 

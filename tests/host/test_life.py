@@ -496,3 +496,35 @@ def test_commands_say_that_the_host_died_and_what_to_do(place):
     assert b"lies in no mount" in place.run("evict", place.directory).stderr
 
 
+def test_an_unmount_while_a_signal_waits_for_users_is_told_who_they_are(place, user):
+    mounted, process = user
+    mounted.send(signal.SIGTERM)
+    mounted.wait_said("in use by")
+    result = place.run("unmount", place.point)
+    assert result.returncode == BUSY
+    assert f"sleep ({process.pid}" in result.stderr.decode(), result.stderr
+    assert is_mounted(place.point)
+    assert place.run("unmount", "--force", place.point).returncode == DONE
+    assert mounted.wait() == DONE
+
+
+def stop_command():
+    """What the service manager runs to end the mount."""
+    unit = Path(__file__).resolve().parents[2] / "packaging" / "kestrowan.service"
+    [line] = [line for line in unit.read_text(encoding="utf-8").splitlines()
+              if line.startswith("ExecStop=")]
+    words = shlex.split(line.removeprefix("ExecStop=-").replace("$$", "$"))
+    return [word.replace("/usr/bin/kestrowan", shlex.quote(driver.executable())) for word in words]
+
+
+def test_the_service_ends_a_mount_in_use(place, folder, user):
+    mounted, _ = user
+    (place.point / "Home" / folder.name / "b.txt").write_bytes(b"sent before the end")
+    done = subprocess.run(stop_command(), capture_output=True, timeout=60, check=False,
+                          env={**os.environ, **place.environment(), "MOUNTPOINT": str(place.point)})
+    assert done.returncode == 0, done.stderr
+    assert mounted.wait() == DONE
+    assert not is_mounted(place.point)
+    assert (folder / "b.txt").read_bytes() == b"sent before the end"
+
+

@@ -54,6 +54,19 @@ TEST(HostEvents, ARequestMayBeRefused) {
   EXPECT_THROW(left.get(), NSError);
 }
 
+TEST(HostEvents, RequestsThatWaitAreRefusedButNotThoseByForce) {
+  HostEvents events;
+  auto gentle = events.postUnmountRequest(false);
+  auto forced = events.postUnmountRequest(true);
+  auto second = events.postUnmountRequest(false);
+  events.refuseRequests(std::make_exception_ptr(describedError(EBUSY, "in use")));
+  EXPECT_THROW(gentle.get(), NSError);
+  EXPECT_THROW(second.get(), NSError);
+  EXPECT_TRUE(events.forceIsWanted());
+  events.answerRequests(3);
+  EXPECT_EQ(forced.get(), 3);
+}
+
 TEST(HostEvents, WhoAsksInTheEndIsToldWhatIsLeft) {
   HostEvents events;
   auto before = events.postUnmountRequest(false);
