@@ -42,6 +42,9 @@ std::string serverText(const JSONValue& status) {
   if (state == "offline") {
     return "not in reach; what is here can be used, and changes are sent when it is back";
   }
+  if (state == "unanswered") {
+    return "not reached yet: " + escapedForDisplay(text(status, "unanswered"));
+  }
   if (state == "held") {
     return "held until the bridge file changes: " + escapedForDisplay(text(status, "held"));
   }

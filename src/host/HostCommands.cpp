@@ -93,6 +93,7 @@ JSONValue HostCommands::status(const JSONValue& request) const {
   form.emplace_back("state", context_.isStopping() ? "stopping"
                              : status.held         ? "held"
                              : status.offline      ? "offline"
+                             : status.unanswered   ? "unanswered"
                                                    : "online");
   JSONValue::Array warnings;
   for (auto& warning : context_.warnings()) warnings.emplace_back(std::move(warning));

@@ -83,6 +83,7 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   }
   JSONValue::Object form;
   form.emplace_back("offline", status.offline);
+  form.emplace_back("unanswered", status.unanswered);
   form.emplace_back("held", status.held);
   form.emplace_back("items", status.itemCount);
   form.emplace_back("fetching", status.fetching);

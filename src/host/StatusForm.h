@@ -11,7 +11,7 @@
 
 namespace kestrowan::host {
 
-/// What the answer to "status" says of a replica: {offline, held, items, fetching, refusedEntries,
+/// What the answer to "status" says of a replica: {offline, unanswered, held, items, fetching, refusedEntries,
 /// pending {count, bytes, items}, conflicts, cache {files, bytes}, recovery {files, bytes}}. Of the
 /// pending items at most `limit`, the failing ones first. Dates are seconds since 1970-01-01 UTC,
 /// sizes bytes.

@@ -51,6 +51,7 @@ Status Replica::Implementation::status() const {
   Status status;
   std::lock_guard lock(core.mutex);
   status.offline = health.isOffline();
+  status.unanswered = health.unanswered();
   status.held = health.held();
   std::vector<std::pair<std::uint64_t, const Item*>> pending;
   core.table.forEach([&](const ItemPtr& item) {

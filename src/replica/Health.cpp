@@ -22,6 +22,14 @@ std::optional<std::string> Health::held() const {
   return error_->localizedDescription();
 }
 
+std::optional<std::string> Health::unanswered() const {
+  if (state_ != State::up) return std::nullopt;
+  if (failures_ > 0) return error_->localizedDescription();
+  if (slow_) return NSError(NSURLErrorDomain, NSURLErrorTimedOut).localizedDescription();
+  if (!answered_) return "There has been no answer so far.";
+  return std::nullopt;
+}
+
 NSError Health::reason() const {
   return error_.value_or(NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost));
 }
@@ -31,6 +39,7 @@ void Health::begin() {
   error_.reset();
   failures_ = 0;
   slow_ = false;
+  answered_ = false;
   core_.loop.post(resume_);
 }
 
@@ -41,6 +50,7 @@ void Health::note(const std::optional<NSError>& error) {
     open(State::held, *error);
   } else if (kind == ErrorClass::down ||
              (kind == ErrorClass::transient && error->domain() == NSURLErrorDomain)) {
+    if (state_ == State::up) error_ = *error;
     if (++failures_ >= kFailuresUntilDown && state_ == State::up) open(State::down, *error);
   } else if (kind != ErrorClass::transient && kind != ErrorClass::ambiguous) {
     // Somebody answered.
@@ -48,6 +58,7 @@ void Health::note(const std::optional<NSError>& error) {
     slow_ = false;
     lastAnswer_ = core_.milliseconds();
     if (state_ != State::up) begin();
+    answered_ = true;
   }
 }
 
@@ -74,6 +85,7 @@ Task<void> Health::probe() {
   if (core_.stopped || state_ == State::up) co_return;
   if (outcome.succeeded()) {
     begin();
+    answered_ = true;
     co_return;
   }
   const auto kind = errorClass(outcome.error());

@@ -19,6 +19,9 @@ class Health {
   bool isUp() const { return state_ == State::up; }
   bool isOffline() const { return state_ == State::down || state_ == State::absent; }
   std::optional<std::string> held() const;
+  /// Why the provider, though it counts as up, has not answered: never so far, or not when it was
+  /// asked last.
+  std::optional<std::string> unanswered() const;
   /// What whoever asks meanwhile is told.
   NSError reason() const;
 
@@ -49,6 +52,8 @@ class Health {
   State state_ = State::absent;
   std::optional<NSError> error_;
   unsigned failures_ = 0;
+  /// Whether there has been an answer since the state became what it is.
+  bool answered_ = false;
   std::uint32_t probes_ = 0;
   bool probing_ = false;
   bool slow_ = false;

@@ -31,6 +31,7 @@ class Replica::Implementation {
   Sender sender;
 
   void setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
+  void askForRoot(Completion<Done> completion);
   void stop();
 
   void lookUp(Rid folder, std::string_view name, Completion<Attributes> completion);

@@ -33,6 +33,10 @@ void Replica::setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> pro
   implementation_->setProvider(std::move(provider));
 }
 
+void Replica::askForRoot(Completion<Done> completion) {
+  completing(completion, [&] { implementation_->askForRoot(completion); });
+}
+
 void Replica::setObserver(Observer* observer) {
   std::lock_guard lock(implementation_->core.mutex);
   implementation_->core.observer = observer;

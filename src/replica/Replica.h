@@ -87,6 +87,8 @@ class Replica {
   /// Makes `provider` the one that is asked from now on; the one before is invalidated and released
   /// when its calls have ended. What was held or waiting for a server is tried again.
   void setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
+  /// Lists the root, whatever is known of it; completes with what prevents that.
+  void askForRoot(Completion<Done> completion);
   /// May be null. Must outlive the replica, or be replaced.
   void setObserver(Observer* observer);
   /// From now on nothing can be opened to be written, or made: EROFS. What was begun can be ended.

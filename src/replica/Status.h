@@ -41,6 +41,9 @@ struct ItemStatus {
 struct Status {
   /// No server can be reached at present.
   bool offline = false;
+  /// The server counts as in reach, but has not answered: never so far, or not when it was asked
+  /// last; the reason.
+  std::optional<std::string> unanswered;
   /// Nothing is asked of the provider until its configuration changes; the reason.
   std::optional<std::string> held;
   /// Every item that is not synced, at most 10,000 of them.

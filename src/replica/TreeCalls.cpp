@@ -48,6 +48,15 @@ void Replica::Implementation::lookUp(Rid folderRid, std::string_view name,
                  });
 }
 
+void Replica::Implementation::askForRoot(Completion<Done> completion) {
+  ItemPtr root;
+  {
+    std::lock_guard lock(core.mutex);
+    root = core.requireFolder(kRootRid);
+  }
+  lister.prepare(root, Lister::Need::forced, std::move(completion));
+}
+
 void Replica::Implementation::openFolder(
     Rid folderRid, Completion<std::shared_ptr<const FolderSnapshot>> completion) {
   ItemPtr folder;

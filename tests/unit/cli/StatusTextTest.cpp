@@ -62,6 +62,8 @@ TEST(StatusText, TransfersShowHowFarTheyAre) {
 
 TEST(StatusText, TroubleIsSaidInWords) {
   EXPECT_THAT(statusText(status(R"(,"state":"offline")"), kNow, 10), HasSubstr("not in reach"));
+  EXPECT_THAT(statusText(status(R"(,"state":"unanswered","unanswered":"no connection")"), kNow, 10),
+              HasSubstr("not reached yet: no connection"));
   EXPECT_THAT(statusText(status(R"(,"state":"held","held":"wrong password")"), kNow, 10),
               HasSubstr("wrong password"));
   EXPECT_THAT(statusText(status(R"(,"warnings":["look out"])"), kNow, 10),

@@ -35,7 +35,7 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
   status.refusedEntries = 2;
   EXPECT_EQ(
       JSONValue(statusForm(status, 10)).serialized(),
-      R"({"offline":true,"held":"no bridge file","items":20,"fetching":0,"refusedEntries":2,)"
+      R"({"offline":true,"unanswered":null,"held":"no bridge file","items":20,"fetching":0,"refusedEntries":2,)"
       R"("pending":{"count":1,"bytes":12,"items":[{"path":"/Home/a.txt","kind":"file",)"
       R"("state":"retrying","changes":"contents","size":12,"downloaded":true,"pinned":false,)"
       R"("failure":{"class":"slow","domain":"D","code":-3,"text":"full","since":100,"next":200,)"

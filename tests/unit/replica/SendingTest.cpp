@@ -265,6 +265,25 @@ TEST_F(SendingTest, FullServerIsAskedEveryQuarterOfAnHour) {
   EXPECT_EQ(count(CallKind::createItem), 2u);
 }
 
+TEST_F(SendingTest, AServerThatDoesNotAnswerIsToldOfBeforeItCountsAsOutOfReach) {
+  const auto ask = [&] {
+    world.replica().askForRoot([](const auto&) {});
+    world.advance(seconds(1));
+    return world.replica().status();
+  };
+  world.crash();
+  EXPECT_EQ(world.replica().status().unanswered, "There has been no answer so far.");
+  EXPECT_EQ(ask().unanswered, std::nullopt);
+  world.extension().setDown(true);
+  const auto down = ask();
+  EXPECT_FALSE(down.offline);
+  ASSERT_TRUE(down.unanswered);
+  EXPECT_NE(down.unanswered, "There has been no answer so far.");
+  world.extension().setDown(false);
+  EXPECT_EQ(ask().unanswered, std::nullopt);
+  EXPECT_EQ(count(CallKind::enumerateItems), 3u) << "whatever is known, the provider is asked";
+}
+
 TEST_F(SendingTest, WithoutAServerOneAttemptAfterAnotherFindsOutWhenItIsBack) {
   world.extension().setDown(true);
   world.write("/a", "x");
