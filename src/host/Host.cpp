@@ -21,10 +21,10 @@
 #include "host/HostEvents.h"
 #include "host/HostFileManager.h"
 #include "host/HostLog.h"
+#include "host/MountFolder.h"
 #include "host/ProviderKeeper.h"
 #include "host/Registry.h"
 #include "host/ServiceManager.h"
-#include "host/StaleMount.h"
 #include "host/StateDirectory.h"
 #include "host/StatusNews.h"
 #include "host/VersionRules.h"
@@ -93,8 +93,10 @@ class Host::Implementation {
  private:
   mount::MountOptions mountOptions();
   void begin();
+  void use(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
   bool becomeReady(const std::function<bool()>& ready);
   void serve();
+  void sayHowItBegins();
   void tick();
   void warn();
   std::vector<std::string> warnings();
@@ -112,7 +114,8 @@ class Host::Implementation {
 
   const HostSettings settings_;
   HostEvents events_;
-  const StateDirectory state_;
+  MountFolder folder_;
+  StateDirectory state_;
   const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
   std::unique_ptr<replica::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
@@ -126,22 +129,21 @@ class Host::Implementation {
   StatusNews news_;
   Clock::time_point lastNews_;
   bool hurry_ = false;
+  /// The first provider was asked for the root, and has answered or failed.
+  std::atomic<bool> rootWasAsked_ = false;
   std::atomic<bool> stopping_ = false;
 };
 
 Host::Implementation::Implementation(HostSettings settings)
-    : settings_(std::move(settings)), state_(settings_.stateDirectory) {
+    : settings_(std::move(settings)),
+      folder_(settings_.mountPoint, settings_.stateDirectory),
+      state_(settings_.stateDirectory) {
   protectMemory();
   makeFilesPrivate();
   limitHeaps();
   LogSink::setShared(hostSink(settings_.extensionLog));
   NSFileManager::setDefaultManager(
       std::make_shared<HostFileManager>(systemFiles_, temporaryDirectoryIn(state_.path())));
-  // The lock of the host that died tells more surely than its mount, which may still seem alive.
-  if (const auto left = hostThatLeft(settings_.mountPoint, "/")) removeLeftMount(*left);
-  if (::mkdir(settings_.mountPoint.c_str(), S_IRWXU) != 0 && errno == ENOENT) {
-    throw systemError(errno, escapedForDisplay(settings_.mountPoint));
-  }
   loop_ = std::make_unique<replica::LoopThread>();
   replica_ = std::make_unique<replica::Replica>(state_.path(), *loop_, replicaOptions(settings_));
   mount_ = std::make_unique<Mount>(*replica_, mountOptions());
@@ -190,15 +192,16 @@ void Host::Implementation::begin() {
   }
   warn();
   keeper_ = std::make_unique<ProviderKeeper>(
-      ProviderKeeper::Functions{
-          .make = extensionFactory({settings_.domain, "Kestrowan"}),
-          .use = [this](auto provider) { replica_->setProvider(std::move(provider)); },
-          .isHeld = [this] { return replica_->status().held.has_value(); }},
+      ProviderKeeper::Functions{.make = extensionFactory({settings_.domain, "Kestrowan"}),
+                                .use = [this](auto provider) { use(std::move(provider)); },
+                                .isHeld = [this] { return replica_->status().held.has_value(); }},
       kHeldInterval);
   watch_ = std::make_unique<BridgeWatch>([this] { return containerPath(*systemFiles_); },
                                          [this] { keeper_->renew(); });
   keeper_->start();
   mount_->start();
+  folder_.keep();
+  state_.keep();
 
   HostEntry entry{.domain = settings_.domain,
                   .mountPoint = mount_->mountPoint(),
@@ -217,23 +220,41 @@ void Host::Implementation::begin() {
   registration_ = std::make_unique<Registration>(entry);
 }
 
-/// Waits until the root is known; false when nobody wants the mount any more.
-bool Host::Implementation::becomeReady(const std::function<bool()>& ready) {
-  const auto answered = std::make_shared<std::atomic<bool>>(false);
-  replica_->openFolder(replica::kRootRid, [this, answered](const auto& outcome) {
-    if (outcome.succeeded()) replica_->closeFolder(replica::kRootRid);
-    *answered = true;
+void Host::Implementation::use(std::shared_ptr<NSFileProviderReplicatedExtension> provider) {
+  replica_->setProvider(std::move(provider));
+  // So that the status says whether it works before a program finds out.
+  replica_->askForRoot([this](const auto&) {
+    rootWasAsked_ = true;
     events_.wake();
   });
+}
+
+/// Waits until the root is known; false when nobody wants the mount any more.
+bool Host::Implementation::becomeReady(const std::function<bool()>& ready) {
   const auto deadline = Clock::now() + kRootPatience;
-  while (!*answered && !events_.mountEnded() && events_.signals() == 0 && Clock::now() < deadline) {
+  while (!rootWasAsked_ && !events_.mountEnded() && events_.signals() == 0 &&
+         Clock::now() < deadline) {
     events_.wait(kStep);
   }
-  hostLog("mounted at " + mount_->mountPoint());
-  tick();
-  if (settings_.logsToFile) logToFile(state_.path() + "/log");
+  sayHowItBegins();
+  if (settings_.logsToFile) {
+    logToFile(state_.path() + "/log");
+    dateHostLog();
+    // The file's readers did not see what the terminal's did.
+    news_ = StatusNews();
+    warned_.clear();
+    sayHowItBegins();
+  }
   tellServiceManager("READY=1\nSTATUS=Mounted at " + escapedForDisplay(mount_->mountPoint()));
   return ready();
+}
+
+void Host::Implementation::sayHowItBegins() {
+  hostLog("mounted at " + mount_->mountPoint());
+  if (const auto reason = replica_->status().unanswered) {
+    hostLog("the server is not reached yet (" + *reason + "); changes are kept and sent later");
+  }
+  tick();
 }
 
 void Host::Implementation::serve() {
@@ -351,6 +372,7 @@ bool Host::Implementation::unmountWhenFree() {
       }
       break;
     } catch (const NSError& error) {
+      events_.refuseRequests(std::current_exception());
       if (error.localizedDescription() != said) hostLog(error.localizedDescription());
       said = error.localizedDescription();
       if (isHurried()) break;
@@ -372,7 +394,6 @@ std::int64_t Host::Implementation::finish(Clock::time_point deadline) {
   while (!events_.mountEnded() && Clock::now() < usersLeave && events_.signals() == signals) {
     events_.wait(kStep);
   }
-      events_.refuseRequests(std::current_exception());
   drain(deadline);
   const auto left = changesLeft();
   say(left == 0 ? "unmounted; nothing is left to send"

@@ -1,6 +1,5 @@
 #include "host/StateDirectory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/file.h>
@@ -8,16 +7,17 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <memory>
-#include <string_view>
 #include <thread>
 #include <utility>
 
 #include "host/Directories.h"
+#include "host/Registry.h"
 #include "mount/DescribedError.h"
+#include "mount/LocalFiles.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
@@ -26,18 +26,6 @@ namespace {
 
 constexpr const char* kLockName = "lock";
 constexpr mode_t kPrivateDirectory = S_IRWXU;
-constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
-
-bool isEmpty(int directory) {
-  const int copy = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(copy), ::closedir);
-  if (!entries) return false;
-  while (const dirent* entry = ::readdir(entries.get())) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") return false;
-  }
-  return true;
-}
 
 /// The process that wrote its number into the lock file; empty when none can be read.
 std::string holder(int file) {
@@ -46,6 +34,16 @@ std::string holder(int file) {
   std::string number(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
   number.resize(number.find_last_of("0123456789") + 1);
   return number.find_first_not_of("0123456789") == std::string::npos ? number : "";
+}
+
+/// What is mounted from the state at `path`, and how that is ended.
+std::string mountOf(const std::string& path) {
+  for (const auto& host : knownHosts()) {
+    if (!host.running || host.stateDirectory != path) continue;
+    const auto shown = escapedForDisplay(host.mountPoint);
+    return ", which serves " + shown + "; end that with: kestrowan unmount '" + shown + "'";
+  }
+  return "; end that first";
 }
 
 /// A host that was killed holds its lock until the system has taken it apart.
@@ -62,15 +60,32 @@ bool tryLock(int file) {
 }  // namespace
 
 StateDirectory::StateDirectory(std::string path)
-    : path_(std::move(path)), directory_(openPrivateDirectory(path_)) {
+    : path_(std::move(path)),
+      isMade_(::access(path_.c_str(), F_OK) != 0 && errno == ENOENT),
+      directory_(openPrivateDirectory(path_)) {
   tighten();
   lock();
+}
+
+StateDirectory::~StateDirectory() {
+  if (isMade_) remove();
+}
+
+/// Nothing but what an empty replica and its host consist of is removed.
+void StateDirectory::remove() const {
+  for (const char* folder : {"contents", "recovery", "temporary"}) {
+    if (::unlinkat(directory_.get(), folder, AT_REMOVEDIR) != 0 && errno != ENOENT) return;
+  }
+  for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", kLockName}) {
+    ::unlinkat(directory_.get(), file, 0);
+  }
+  ::rmdir(path_.c_str());
 }
 
 void StateDirectory::tighten() const {
   struct stat lockFile;
   if (::fstatat(directory_.get(), kLockName, &lockFile, AT_SYMLINK_NOFOLLOW) != 0 &&
-      !isEmpty(directory_.get())) {
+      !isEmptyFolder(directory_.get())) {
     throw describedError(ENOTEMPTY, escapedForDisplay(path_) +
                                         ": holds something else than a host's state; name an empty "
                                         "directory, or one that is not there yet");
@@ -94,8 +109,8 @@ void StateDirectory::lock() {
     if (errno != EWOULDBLOCK) throw systemError(errno, shown);
     const auto number = holder(file.get());
     throw describedError(EBUSY, escapedForDisplay(path_) + ": in use by another host" +
-                                    (number.empty() ? "" : ", process " + number) +
-                                    "; unmount that first, or name another --state directory");
+                                    (number.empty() ? "" : ", process " + number) + mountOf(path_) +
+                                    ", or name another --domain for a second mount");
   }
   const auto number = std::to_string(::getpid()) + "\n";
   if (::ftruncate(file.get(), 0) != 0 || ::pwrite(file.get(), number.data(), number.size(), 0) !=
@@ -106,15 +121,16 @@ void StateDirectory::lock() {
 }
 
 bool StateDirectory::isRemote() const {
+  struct statfs status;
+  return ::fstatfs(directory_.get(), &status) == 0 &&
+         isRemoteFileSystem(static_cast<unsigned long>(status.f_type));
+}
+
+bool isRemoteFileSystem(unsigned long type) {
   constexpr std::array<unsigned long, 6> kRemote = {NFS_SUPER_MAGIC,  SMB_SUPER_MAGIC,
                                                     CIFS_SUPER_MAGIC, SMB2_SUPER_MAGIC,
                                                     AFS_SUPER_MAGIC,  FUSE_SUPER_MAGIC};
-  struct statfs status;
-  if (::fstatfs(directory_.get(), &status) != 0) return false;
-  for (const auto magic : kRemote) {
-    if (static_cast<unsigned long>(status.f_type) == magic) return true;
-  }
-  return false;
+  return std::find(kRemote.begin(), kRemote.end(), type) != kRemote.end();
 }
 
 }  // namespace kestrowan::host

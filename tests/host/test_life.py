@@ -3,11 +3,15 @@
 import errno
 import json
 import os
+import re
 import resource
+import shlex
+import shutil
 import signal
 import stat
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
@@ -151,18 +155,101 @@ def test_a_mount_point_that_is_not_fit_is_refused_with_the_reason(place):
     (full / "file").write_bytes(b"x")
     for point, words in ((full, "not empty"), (full / "file", "not a folder"),
                          (place.directory / "no" / "parent", "No such file"),
-                         (place.state / "inside", "keeps its files")):
+                         (place.state / "inside", "keeps its files"),
+                         (place.state_home, "would hide"), ("/", "would hide")):
         mounted = place.mount(point=point)
         assert mounted.wait() == MOUNT_FAILED, mounted.lines
         assert mounted.has_said(words), (point, mounted.lines)
+    mounted = place.mount(point="/proc")
+    assert mounted.wait() == BUSY, mounted.lines
+    assert mounted.has_said("another file system"), mounted.lines
     assert (full / "file").read_bytes() == b"x"
+    assert not place.state_home.exists(), "nothing was made"
+    assert not (place.directory / "no").exists()
+
+
+def test_a_mount_that_cannot_be_made_leaves_nothing(place):
+    """Without the right to mount, in a folder of the user's own and in one that is missing."""
+    if os.geteuid() != 0 or not shutil.which("setpriv"):
+        pytest.skip("only root can give the right up, and with setpriv")
+    mine = place.directory / "mine"
+    mine.mkdir()
+    mine.chmod(0o755)
+    for point in (mine, place.point):
+        done = subprocess.run(["setpriv", "--bounding-set=-sys_admin", driver.executable(),
+                               "--container", place.container, "mount", point],
+                              capture_output=True, timeout=60, check=False,
+                              env={**os.environ, **place.environment()})
+        assert done.returncode == MOUNT_FAILED, (done.returncode, done.stderr)
+        assert not place.state.exists()
+    assert mode(mine) == 0o755
+    assert not place.point.exists()
+
+
+def test_a_failed_mount_leaves_the_state_of_earlier_ones(place, folder):
+    mounted = place.mount().ready()
+    assert mounted.end() == DONE
+    full = place.directory / "full"
+    full.mkdir()
+    (full / "file").write_bytes(b"x")
+    assert place.mount(point=full).wait() == MOUNT_FAILED
+    assert (place.state / "replica.db").exists()
+
+
+def test_the_folder_has_its_former_mode_after_the_mount(place):
+    place.point.mkdir()
+    place.point.chmod(0o751)
+    for end in (lambda mounted: mounted.send(signal.SIGTERM),
+                lambda mounted: place.run("unmount", place.point),
+                lambda mounted: place.run("unmount", "--force", place.point),
+                lambda mounted: subprocess.run(["fusermount3", "-u", "--", place.point])):
+        mounted = place.mount().ready()
+        end(mounted)
+        assert mounted.wait() == DONE
+        assert mode(place.point) == 0o751
+
+
+def test_the_former_mode_comes_back_after_a_host_that_died(place):
+    place.point.mkdir()
+    place.point.chmod(0o755)
+    place.mount().ready().kill()
+    assert place.mount().ready().end() == DONE
+    assert mode(place.point) == 0o755
+    place.mount().ready().kill()
+    assert place.run("unmount", place.point).returncode == DONE
+    assert mode(place.point) == 0o755
+    place.mount().ready().kill()
+    assert place.mount("--domain", "second").ready().end() == DONE
+    assert mode(place.point) == 0o755
+
+
+def test_a_second_mount_on_the_same_state_is_told_what_to_do(place):
+    place.mount().ready()
+    second = place.mount(point=place.directory / "other")
+    assert second.wait() == BUSY
+    assert second.has_said(f"kestrowan unmount '{place.point}'"), second.lines
+    assert second.has_said("--domain"), second.lines
+    assert not (place.directory / "other").exists()
+
+
+def test_state_on_what_another_mount_serves_is_warned_of(place, folder):
+    place.mount().ready()
+    state = place.point / "Home" / folder.name / "state"
+    second = place.mount("--domain", "second", "--state", state, point=place.directory / "other")
+    wait_for(lambda: second.has_said("another machine's disk") or second.process.poll() is not None,
+             "warning")
+    assert second.has_said("another machine's disk"), second.lines
+    second.kill()
+    subprocess.run(["fusermount3", "-u", "-z", "--", second.point], check=False,
+                   capture_output=True)
 
 
 def test_a_mount_point_in_use_is_refused(place):
     place.mount().ready()
     second = place.mount("--domain", "second")
     assert second.wait() == BUSY
-    assert second.has_said("is mounted already"), second.lines
+    assert second.has_said(f"is mounted already; unmount it first: kestrowan unmount '{place.point}'")
+    assert not (place.state_home / "kestrowan" / "second").exists()
 
 
 # ---- in the background ---------------------------------------------------------------------------
@@ -180,7 +267,11 @@ def test_background_returns_when_the_mount_is_there(place, folder):
     assert not is_mounted(place.point)
     log = place.state / "log"
     assert mode(log) == 0o600
-    assert "unmounted; nothing is left to send" in log.read_text(encoding="utf-8")
+    lines = log.read_text(encoding="utf-8").splitlines()
+    for line in lines:
+        assert re.match(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d kestrowan: \S", line), line
+    assert lines[0].endswith(f"kestrowan: mounted at {place.point}")
+    assert lines[-1].endswith("kestrowan: unmounted; nothing is left to send")
 
 
 def test_background_takes_relative_paths(place):
@@ -224,6 +315,31 @@ def silent_place(make_place, tmp_path):
 def test_readiness_does_not_wait_for_a_silent_server(silent_place):
     silent_place.mount().ready()
     assert is_mounted(silent_place.point)
+
+
+@pytest.mark.parametrize("known", [False, True])
+def test_a_server_that_is_not_there_is_told_of(make_place, server, tmp_path, known):
+    """A new state knows nothing of the server, an old one what it saw last."""
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    shutil.copy(server.container / "fp-webdav.json", container)
+    place = make_place(container)
+    if known:
+        mounted = place.mount().ready()
+        assert os.listdir(place.point) == ["Home"]
+        assert mounted.end() == DONE
+    server._control("stop")
+    mounted = place.mount().ready()
+    status = place.status()
+    assert status["state"] in ("unanswered", "offline")
+    assert status["state"] == "offline" or status["unanswered"]
+    shown = place.run("status").stdout.decode()
+    assert "not reached yet" in shown or "not in reach" in shown
+    assert mounted.has_said("the server is not reached yet") or (
+        mounted.has_said("the server cannot be reached")), mounted.lines
+    server._control("start", "--parent", str(os.getpid()))
+    shutil.copy(server.container / "fp-webdav.json", container)
+    wait_for(lambda: place.status()["state"] == "online", "server")
 
 
 def test_who_gives_up_waiting_for_the_background_leaves_no_mount(silent_place):
@@ -405,6 +521,38 @@ def test_after_a_signal_nothing_new_is_begun_and_what_was_begun_is_ended(place, 
         ("begun", b"begun and ended")]
 
 
+def test_an_unmount_while_a_signal_waits_for_users_is_told_who_they_are(place, user):
+    mounted, process = user
+    mounted.send(signal.SIGTERM)
+    mounted.wait_said("in use by")
+    result = place.run("unmount", place.point)
+    assert result.returncode == BUSY
+    assert f"sleep ({process.pid}" in result.stderr.decode(), result.stderr
+    assert is_mounted(place.point)
+    assert place.run("unmount", "--force", place.point).returncode == DONE
+    assert mounted.wait() == DONE
+
+
+def stop_command():
+    """What the service manager runs to end the mount."""
+    unit = Path(__file__).resolve().parents[2] / "packaging" / "kestrowan.service"
+    [line] = [line for line in unit.read_text(encoding="utf-8").splitlines()
+              if line.startswith("ExecStop=")]
+    words = shlex.split(line.removeprefix("ExecStop=-").replace("$$", "$"))
+    return [word.replace("/usr/bin/kestrowan", shlex.quote(driver.executable())) for word in words]
+
+
+def test_the_service_ends_a_mount_in_use(place, folder, user):
+    mounted, _ = user
+    (place.point / "Home" / folder.name / "b.txt").write_bytes(b"sent before the end")
+    done = subprocess.run(stop_command(), capture_output=True, timeout=60, check=False,
+                          env={**os.environ, **place.environment(), "MOUNTPOINT": str(place.point)})
+    assert done.returncode == 0, done.stderr
+    assert mounted.wait() == DONE
+    assert not is_mounted(place.point)
+    assert (folder / "b.txt").read_bytes() == b"sent before the end"
+
+
 def test_a_second_signal_unmounts_at_once(place, user):
     mounted, _ = user
     mounted.send(signal.SIGTERM)
@@ -479,11 +627,6 @@ def test_what_a_killed_host_left_mounted_is_found_and_removed(place):
     assert not is_mounted(place.point)
 
 
-def test_a_mount_on_what_a_killed_host_left_works(place, folder):
-    (folder / "a.txt").write_bytes(b"x")
-    place.mount().ready().kill()
-    place.mount().ready()
-    assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]
 def test_commands_say_that_the_host_died_and_what_to_do(place):
     place.mount().ready().kill()
     advice = f"kestrowan mount '{place.point}'".encode()
@@ -496,35 +639,8 @@ def test_commands_say_that_the_host_died_and_what_to_do(place):
     assert b"lies in no mount" in place.run("evict", place.directory).stderr
 
 
-def test_an_unmount_while_a_signal_waits_for_users_is_told_who_they_are(place, user):
-    mounted, process = user
-    mounted.send(signal.SIGTERM)
-    mounted.wait_said("in use by")
-    result = place.run("unmount", place.point)
-    assert result.returncode == BUSY
-    assert f"sleep ({process.pid}" in result.stderr.decode(), result.stderr
-    assert is_mounted(place.point)
-    assert place.run("unmount", "--force", place.point).returncode == DONE
-    assert mounted.wait() == DONE
-
-
-def stop_command():
-    """What the service manager runs to end the mount."""
-    unit = Path(__file__).resolve().parents[2] / "packaging" / "kestrowan.service"
-    [line] = [line for line in unit.read_text(encoding="utf-8").splitlines()
-              if line.startswith("ExecStop=")]
-    words = shlex.split(line.removeprefix("ExecStop=-").replace("$$", "$"))
-    return [word.replace("/usr/bin/kestrowan", shlex.quote(driver.executable())) for word in words]
-
-
-def test_the_service_ends_a_mount_in_use(place, folder, user):
-    mounted, _ = user
-    (place.point / "Home" / folder.name / "b.txt").write_bytes(b"sent before the end")
-    done = subprocess.run(stop_command(), capture_output=True, timeout=60, check=False,
-                          env={**os.environ, **place.environment(), "MOUNTPOINT": str(place.point)})
-    assert done.returncode == 0, done.stderr
-    assert mounted.wait() == DONE
-    assert not is_mounted(place.point)
-    assert (folder / "b.txt").read_bytes() == b"sent before the end"
-
-
+def test_a_mount_on_what_a_killed_host_left_works(place, folder):
+    (folder / "a.txt").write_bytes(b"x")
+    place.mount().ready().kill()
+    place.mount().ready()
+    assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]

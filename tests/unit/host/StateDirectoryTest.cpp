@@ -1,6 +1,7 @@
 #include "host/StateDirectory.h"
 
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,6 +52,52 @@ TEST_F(StateDirectoryTest, IsMadeWithItsParentsForTheUserAlone) {
   EXPECT_FALSE(state.isRemote());
 }
 
+TEST_F(StateDirectoryTest, OneThatWasMadeAndNeverKeptIsRemoved) {
+  {
+    const StateDirectory state(path_);
+    for (const char* folder : {"/contents", "/recovery", "/temporary"}) {
+      fs::create_directory(path_ + folder);
+    }
+    for (const char* file : {"/replica.db", "/replica.db-wal", "/replica.db-shm"}) {
+      std::ofstream(path_ + file) << "rows";
+    }
+  }
+  EXPECT_FALSE(fs::exists(path_));
+  EXPECT_TRUE(fs::exists(fs::path(path_).parent_path()));
+}
+
+TEST_F(StateDirectoryTest, OneThatHoldsSomethingStays) {
+  {
+    const StateDirectory state(path_);
+    fs::create_directories(path_ + "/recovery");
+    std::ofstream(path_ + "/recovery/1") << "precious";
+    std::ofstream(path_ + "/replica.db") << "rows";
+  }
+  EXPECT_TRUE(fs::exists(path_ + "/recovery/1"));
+  EXPECT_TRUE(fs::exists(path_ + "/replica.db"));
+}
+
+TEST_F(StateDirectoryTest, OneThatWasThereOrWasKeptStays) {
+  {
+    StateDirectory state(path_);
+    state.keep();
+  }
+  EXPECT_TRUE(fs::exists(path_ + "/lock"));
+  { const StateDirectory state(path_); }
+  EXPECT_TRUE(fs::exists(path_ + "/lock"));
+}
+
+TEST(RemoteFileSystem, IsToldByItsType) {
+  for (const unsigned long type : {NFS_SUPER_MAGIC, SMB_SUPER_MAGIC, FUSE_SUPER_MAGIC}) {
+    EXPECT_TRUE(isRemoteFileSystem(type));
+  }
+  EXPECT_TRUE(isRemoteFileSystem(CIFS_SUPER_MAGIC));
+  EXPECT_TRUE(isRemoteFileSystem(SMB2_SUPER_MAGIC));
+  for (const unsigned long type : {EXT4_SUPER_MAGIC, TMPFS_MAGIC, OVERLAYFS_SUPER_MAGIC}) {
+    EXPECT_FALSE(isRemoteFileSystem(type));
+  }
+}
+
 TEST_F(StateDirectoryTest, ASecondHostIsRefusedAndToldWhichProcessHoldsIt) {
   const StateDirectory state(path_);
   const auto error = refusal(path_);
@@ -62,7 +109,10 @@ TEST_F(StateDirectoryTest, ASecondHostIsRefusedAndToldWhichProcessHoldsIt) {
 }
 
 TEST_F(StateDirectoryTest, CanBeHeldAgainOnceTheFirstHolderIsGone) {
-  { const StateDirectory state(path_); }
+  {
+    StateDirectory state(path_);
+    state.keep();
+  }
   EXPECT_FALSE(refusal(path_));
 }
 
