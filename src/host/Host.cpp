@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/BridgeAccess.h"
+#include "host/BridgeProblem.h"
 #include "host/BridgeWatch.h"
 #include "host/ControlSocket.h"
 #include "host/Directories.h"
@@ -209,12 +210,13 @@ void Host::Implementation::begin() {
                   .socket = socketPath(settings_),
                   .process = ::getpid(),
                   .running = true};
-  const HostCommands commands(*replica_,
-                              {.host = entry,
-                               .started = std::time(nullptr),
-                               .warnings = [this] { return warnings(); },
-                               .isStopping = [this] { return stopping_.load(); },
-                               .unmount = [this](bool force) { return answerUnmount(force); }});
+  const HostCommands commands(
+      *replica_, {.host = entry,
+                  .started = std::time(nullptr),
+                  .status = [this] { return statusWithBridge(*replica_, *systemFiles_); },
+                  .warnings = [this] { return warnings(); },
+                  .isStopping = [this] { return stopping_.load(); },
+                  .unmount = [this](bool force) { return answerUnmount(force); }});
   socket_ = std::make_unique<ControlSocket>(
       entry.socket, [commands](const JSONValue& request) { return commands.answer(request); });
   registration_ = std::make_unique<Registration>(entry);
@@ -281,7 +283,7 @@ void Host::Implementation::serve() {
 /// What is done from time to time.
 void Host::Implementation::tick() {
   lastNews_ = Clock::now();
-  for (const auto& line : news_.of(replica_->status())) hostLog(line);
+  for (const auto& line : news_.of(statusWithBridge(*replica_, *systemFiles_))) hostLog(line);
   warn();
   if (settings_.logsToFile) limitLogFile(state_.path() + "/log");
 }

@@ -83,7 +83,7 @@ JSONValue HostCommands::answer(const JSONValue& request) const {
 
 JSONValue HostCommands::status(const JSONValue& request) const {
   const auto limit = number(request, "limit", kUsualItems, kMostItems);
-  const auto status = replica_.status();
+  const auto status = context_.status();
   JSONValue::Object form;
   form.emplace_back("domain", context_.host.domain);
   addPath(form, "mountPoint", context_.host.mountPoint);
@@ -115,7 +115,7 @@ JSONValue HostCommands::wait(const JSONValue& request) const {
     });
     if (!result.succeeded()) left = result.error();
   }
-  const auto status = replica_.status();
+  const auto status = context_.status();
   // Time that is over before it begins leaves a look at how things stand.
   const bool synced = limit > 0ms ? !left : status.pendingCount == 0;
   std::int64_t refused = std::count_if(

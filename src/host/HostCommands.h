@@ -34,6 +34,8 @@ class HostCommands {
     HostEntry host;
     /// Seconds since 1970-01-01 UTC.
     std::int64_t started = 0;
+    /// The replica's, in words for a person.
+    std::function<replica::Status()> status;
     /// What needs the user's attention, in words.
     std::function<std::vector<std::string>()> warnings;
     std::function<bool()> isStopping;

@@ -101,6 +101,7 @@ class HostCommandsTest : public testing::Test {
                                          .socket = "/run/x",
                                          .process = 7},
                                 .started = 1000,
+                                .status = [this] { return replica_->status(); },
                                 .warnings = [] { return std::vector<std::string>{"look out"}; },
                                 .isStopping = [] { return false; },
                                 .unmount =
