@@ -97,6 +97,27 @@ def test_a_wrong_bridge_file_holds_everything_until_a_right_one_comes(
     assert config["pass"] not in "\n".join(mounted.lines)
 
 
+def test_what_is_wrong_with_the_bridge_file_is_said_and_the_file_named(make_place, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bridge = container / "fp-webdav.json"
+    for contents, words in ((None, "check that the host application is running"),
+                            ("{}", "is not a JSON object with")):
+        if contents is not None:
+            bridge.write_text(contents, encoding="utf-8")
+            bridge.chmod(0o600)
+        place = make_place(container, f"place{contents}")
+        mounted = place.mount().ready()
+        status = place.status()
+        assert status["state"] == "held"
+        shown = place.run("status").stdout.decode()
+        for text in (status["held"], shown, "\n".join(mounted.lines)):
+            assert str(bridge) in text and words in text, text
+            assert "authenticate" not in text
+            assert "\\n" not in text, "several lines on one"
+        assert mounted.end() == DONE
+
+
 def test_half_a_bridge_file_is_read_again_when_it_is_whole(make_place, server, tmp_path):
     container = tmp_path / "container"
     container.mkdir(mode=0o700)
