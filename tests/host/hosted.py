@@ -10,6 +10,7 @@ import os
 import shutil
 import signal
 import socket
+import stat
 import subprocess
 import threading
 import time
@@ -45,6 +46,11 @@ def wait_for(condition, what, seconds=SECONDS):
         if time.monotonic() > deadline:
             raise AssertionError(f"no {what} in {seconds} s")
         time.sleep(0.02)
+
+
+def mode(path):
+    """Permission bits."""
+    return stat.S_IMODE(os.lstat(path).st_mode)
 
 
 def is_mounted(path):

@@ -1,4 +1,4 @@
-"""How a mount begins and ends: readiness, signals, drains, unmounting, crashes."""
+"""How a mount begins and ends: readiness, signals, drains, unmounting."""
 
 import errno
 import json
@@ -8,7 +8,6 @@ import resource
 import shlex
 import shutil
 import signal
-import stat
 import subprocess
 import time
 from pathlib import Path
@@ -17,12 +16,8 @@ import pytest
 
 import driver
 from hosted import (BUSY, DONE, MOUNT_FAILED, NOT_MOUNTED, TIMED_OUT, USAGE, NotifySocket,
-                    is_mounted, wait_for)
+                    is_mounted, mode, wait_for)
 from scripted_server import ScriptedServer
-
-
-def mode(path):
-    return stat.S_IMODE(os.lstat(path).st_mode)
 
 
 # ---- beginning -----------------------------------------------------------------------------------
@@ -92,15 +87,6 @@ def test_noexec_keeps_programs_from_running(place, folder):
         subprocess.run([program], check=False)
 
 
-def test_a_second_host_on_the_same_state_is_refused(place):
-    first = place.mount().ready()
-    second = place.mount(point=place.directory / "other")
-    assert second.wait() == BUSY
-    assert second.has_said(f"process {first.process.pid}"), second.lines
-    assert first.process.poll() is None
-    assert list(place.point.iterdir()) is not None
-
-
 def test_two_domains_are_mounted_side_by_side(place, folder):
     other = place.directory / "other"
     place.mount().ready()
@@ -147,109 +133,6 @@ def test_a_mount_without_a_place_for_its_state_fails_as_a_mount(place):
                        env={"HOME": "", "XDG_STATE_HOME": "relative"})
     assert result.returncode == MOUNT_FAILED
     assert b"XDG_STATE_HOME" in result.stderr
-
-
-def test_a_mount_point_that_is_not_fit_is_refused_with_the_reason(place):
-    full = place.directory / "full"
-    full.mkdir()
-    (full / "file").write_bytes(b"x")
-    for point, words in ((full, "not empty"), (full / "file", "not a folder"),
-                         (place.directory / "no" / "parent", "No such file"),
-                         (place.state / "inside", "keeps its files"),
-                         (place.state_home, "would hide"), ("/", "would hide")):
-        mounted = place.mount(point=point)
-        assert mounted.wait() == MOUNT_FAILED, mounted.lines
-        assert mounted.has_said(words), (point, mounted.lines)
-    mounted = place.mount(point="/proc")
-    assert mounted.wait() == BUSY, mounted.lines
-    assert mounted.has_said("another file system"), mounted.lines
-    assert (full / "file").read_bytes() == b"x"
-    assert not place.state_home.exists(), "nothing was made"
-    assert not (place.directory / "no").exists()
-
-
-def test_a_mount_that_cannot_be_made_leaves_nothing(place):
-    """Without the right to mount, in a folder of the user's own and in one that is missing."""
-    if os.geteuid() != 0 or not shutil.which("setpriv"):
-        pytest.skip("only root can give the right up, and with setpriv")
-    mine = place.directory / "mine"
-    mine.mkdir()
-    mine.chmod(0o755)
-    for point in (mine, place.point):
-        done = subprocess.run(["setpriv", "--bounding-set=-sys_admin", driver.executable(),
-                               "--container", place.container, "mount", point],
-                              capture_output=True, timeout=60, check=False,
-                              env={**os.environ, **place.environment()})
-        assert done.returncode == MOUNT_FAILED, (done.returncode, done.stderr)
-        assert not place.state.exists()
-    assert mode(mine) == 0o755
-    assert not place.point.exists()
-
-
-def test_a_failed_mount_leaves_the_state_of_earlier_ones(place, folder):
-    mounted = place.mount().ready()
-    assert mounted.end() == DONE
-    full = place.directory / "full"
-    full.mkdir()
-    (full / "file").write_bytes(b"x")
-    assert place.mount(point=full).wait() == MOUNT_FAILED
-    assert (place.state / "replica.db").exists()
-
-
-def test_the_folder_has_its_former_mode_after_the_mount(place):
-    place.point.mkdir()
-    place.point.chmod(0o751)
-    for end in (lambda mounted: mounted.send(signal.SIGTERM),
-                lambda mounted: place.run("unmount", place.point),
-                lambda mounted: place.run("unmount", "--force", place.point),
-                lambda mounted: subprocess.run(["fusermount3", "-u", "--", place.point])):
-        mounted = place.mount().ready()
-        end(mounted)
-        assert mounted.wait() == DONE
-        assert mode(place.point) == 0o751
-
-
-def test_the_former_mode_comes_back_after_a_host_that_died(place):
-    place.point.mkdir()
-    place.point.chmod(0o755)
-    place.mount().ready().kill()
-    assert place.mount().ready().end() == DONE
-    assert mode(place.point) == 0o755
-    place.mount().ready().kill()
-    assert place.run("unmount", place.point).returncode == DONE
-    assert mode(place.point) == 0o755
-    place.mount().ready().kill()
-    assert place.mount("--domain", "second").ready().end() == DONE
-    assert mode(place.point) == 0o755
-
-
-def test_a_second_mount_on_the_same_state_is_told_what_to_do(place):
-    place.mount().ready()
-    second = place.mount(point=place.directory / "other")
-    assert second.wait() == BUSY
-    assert second.has_said(f"kestrowan unmount '{place.point}'"), second.lines
-    assert second.has_said("--domain"), second.lines
-    assert not (place.directory / "other").exists()
-
-
-def test_state_on_what_another_mount_serves_is_warned_of(place, folder):
-    place.mount().ready()
-    state = place.point / "Home" / folder.name / "state"
-    second = place.mount("--domain", "second", "--state", state, point=place.directory / "other")
-    wait_for(lambda: second.has_said("another machine's disk") or second.process.poll() is not None,
-             "warning")
-    assert second.has_said("another machine's disk"), second.lines
-    second.kill()
-    subprocess.run(["fusermount3", "-u", "-z", "--", second.point], check=False,
-                   capture_output=True)
-
-
-def test_a_mount_point_in_use_is_refused(place):
-    place.mount().ready()
-    second = place.mount("--domain", "second")
-    assert second.wait() == BUSY
-    assert second.has_said(f"is mounted already; unmount it first: kestrowan unmount '{place.point}'")
-    assert not (place.state_home / "kestrowan" / "second").exists()
 
 
 # ---- in the background ---------------------------------------------------------------------------
@@ -586,61 +469,3 @@ def test_nothing_of_a_mount_stays_but_its_state(place):
     assert place.sockets() == []
     assert list((place.state_home / "kestrowan" / ".hosts").iterdir()) == []
     assert place.run("status").returncode == NOT_MOUNTED
-
-
-# ---- dying ---------------------------------------------------------------------------------------
-
-
-def test_a_killed_hosts_changes_arrive_after_the_next_mount(own_place, server):
-    mounted = own_place.mount().ready()
-    documents = own_place.point / "Home" / "Documents"
-    (documents / "new.txt").write_bytes(b"first")
-    own_place.wait_synced()
-    server._control("stop")
-    (documents / "new.txt").write_bytes(b"second")
-    (documents / "folder").mkdir()
-    (documents / "folder" / "deep.txt").write_bytes(b"deep")
-    os.rename(documents / "new.txt", documents / "renamed.txt")
-    mounted.kill()
-    assert is_mounted(own_place.point), "what a killed host leaves"
-
-    server._control("start", "--parent", str(os.getpid()))
-    own_place.mount().ready()
-    assert (documents / "renamed.txt").read_bytes() == b"second"
-    own_place.wait_synced()
-    on_server = server.root / "Home" / "Documents"
-    assert (on_server / "renamed.txt").read_bytes() == b"second"
-    assert (on_server / "folder" / "deep.txt").read_bytes() == b"deep"
-    assert sorted(os.listdir(on_server)) == ["folder", "renamed.txt"]
-
-
-def test_what_a_killed_host_left_mounted_is_found_and_removed(place):
-    mounted = place.mount().ready()
-    mounted.kill()
-    findings = [finding["text"] for finding in place.ask("doctor")["findings"]
-                if finding["verdict"] == "warning" and finding["subject"] == "mount"]
-    assert len(findings) == 1 and str(place.point) in findings[0]
-    assert place.run("status").returncode == NOT_MOUNTED
-    result = place.run("unmount", place.point)
-    assert result.returncode == DONE
-    assert b"had died" in result.stderr
-    assert not is_mounted(place.point)
-
-
-def test_commands_say_that_the_host_died_and_what_to_do(place):
-    place.mount().ready().kill()
-    advice = f"kestrowan mount '{place.point}'".encode()
-    for command in (["status"], ["status", place.point], ["wait"], ["retry"],
-                    ["evict", place.point / "Home" / "file"], ["pin", place.point]):
-        result = place.run(*command)
-        assert result.returncode == NOT_MOUNTED, (command, result.stderr)
-        assert b"its host died" in result.stderr and advice in result.stderr, result.stderr
-    assert "its host died" in place.ask("status", code=NOT_MOUNTED)["error"]["localizedDescription"]
-    assert b"lies in no mount" in place.run("evict", place.directory).stderr
-
-
-def test_a_mount_on_what_a_killed_host_left_works(place, folder):
-    (folder / "a.txt").write_bytes(b"x")
-    place.mount().ready().kill()
-    place.mount().ready()
-    assert os.listdir(place.point / "Home" / folder.name) == ["a.txt"]
