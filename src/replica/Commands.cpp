@@ -23,6 +23,7 @@ std::string changesOf(const Item& item) {
   if (item.mustCreate()) return "create";
   if (item.mustRemove() || item.mustSettle()) return "delete";
   std::string result;
+  if (item.isPending() && !item.mustMove() && !item.mustSendContents()) return "verify";
   if (item.mustMove()) result = "rename";
   if (item.mustSendContents()) result += result.empty() ? "contents" : ", contents";
   return result;
@@ -164,6 +165,11 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
   sender.withdraw(item);
   item->failure.reset();
   core.forgetSent(item);
+  // What stays here is nothing that was to be sent.
+  if (item->localOnly) {
+    core.save(item);
+    return;
+  }
   if (!item->base) {
     if (item->isFolder() && core.table.hasChildren(item->rid)) return;
     const Rid folder = item->parent;
@@ -212,6 +218,7 @@ std::size_t Replica::Implementation::discard(Rid rid) {
   for (const ItemPtr& item : pending) {
     if (item->isPending()) sender.changed(item, {});
   }
+  core.loop.post([this] { sender.pump(); });
   core.rows.requireWritten();
   return pending.size();
 }

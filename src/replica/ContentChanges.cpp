@@ -21,7 +21,7 @@ struct Copy {
   Copy(const Copy&) = delete;
   Copy& operator=(const Copy&) = delete;
   ~Copy() {
-    if (number != 0) store.remove(number);
+    if (number != 0) store.removeIfPossible(number);
   }
   ContentNumber keep() { return std::exchange(number, 0); }
 
@@ -29,6 +29,10 @@ struct Copy {
   ContentNumber number = 0;
   UniqueFd file;
 };
+
+bool isOpenAs(const Item& item, const Contents& contents) {
+  return !item.gone && item.contents.lock().get() == &contents;
+}
 
 }  // namespace
 
@@ -60,7 +64,8 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
   }
   // A copy takes the place of what a power failure must not take; and contents that could be
   // fetched again, and were never synced, become ones that replace the provider's.
-  if (frozen ? contents.promised || !contents.noted : !contents.noted) {
+  const bool synced = !contents.noted || (frozen && contents.promised);
+  if (synced) {
     if (::fdatasync(frozen ? copy.file.get() : file.get()) != 0) throw posixError(errno);
     core.contents.syncNames();
   }
@@ -68,8 +73,10 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
   std::lock_guard still(contents.mutex);
   // Whoever wants to write looks again.
   if (contents.frozen != frozen || contents.freezes != freezes) return;
+  if (frozen && contents.promised && !synced) return;
   std::lock_guard lock(core.mutex);
-  if (!item->gone) {
+  // An item that was given other contents, or is gone, has no part in what becomes of these.
+  if (isOpenAs(*item, contents)) {
     const ContentNumber before = item->content;
     const bool wasChanged = item->contentsChanged;
     if (frozen) item->content = copy.number;
@@ -88,7 +95,7 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
     item->lastWrite = core.uptime();
     if (item->isPending()) sender.changed(item, Sender::kQuietTime);
   } else if (frozen) {
-    // Nobody will ask for these contents again; the open file is all there is.
+    // The open file is all there is.
     contents.file = std::move(copy.file);
   }
   contents.frozen = false;
@@ -97,6 +104,7 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
 
 void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& contents) {
   std::lock_guard lock(core.mutex);
+  if (!item->gone && !isOpenAs(*item, contents)) return;
   struct stat status;
   if (::fstat(contents.file.get(), &status) == 0) {
     item->size = status.st_size;

@@ -111,6 +111,10 @@ void ContentStore::remove(ContentNumber number) {
   if (::unlink(file.c_str()) != 0 && errno != ENOENT) throw fileError(errno, file);
 }
 
+void ContentStore::removeIfPossible(ContentNumber number) noexcept {
+  ::unlink(path(number).c_str());
+}
+
 std::vector<ContentNumber> ContentStore::numbers() const {
   std::vector<ContentNumber> numbers;
   for (const auto& name : namesIn(contents_)) {

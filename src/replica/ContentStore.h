@@ -32,6 +32,8 @@ class ContentStore {
   void adopt(ContentNumber number, const std::string& file);
   /// Does nothing for contents that are not there.
   void remove(ContentNumber number);
+  /// The same for who cannot be told of a failure; what stays is found at the next start.
+  void removeIfPossible(ContentNumber number) noexcept;
   std::vector<ContentNumber> numbers() const;
   /// Makes durable that the contents made so far are there; what is in them has to be made durable
   /// by itself.

@@ -119,7 +119,15 @@ void Core::dropContents(const ItemPtr& item, bool recover) {
     const std::string kept = contents.recover(number, item->name, seconds());
     log("kept in the recovery area", *item, kept);
   } catch (const NSError& error) {
-    log("could not be kept in the recovery area", *item, error.localizedDescription());
+    log("cannot be kept in the recovery area yet", *item, error.localizedDescription());
+    unrecovered.emplace_back(number, item->name);
+  }
+}
+
+void Core::recoverRest() {
+  while (!unrecovered.empty()) {
+    contents.recover(unrecovered.back().first, unrecovered.back().second, seconds());
+    unrecovered.pop_back();
   }
 }
 

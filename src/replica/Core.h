@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/Logger.h"
@@ -35,6 +36,8 @@ struct Core {
   Core(const std::string& directory, Loop& loop, Options options);
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
+  /// Nothing runs on the loop any more that uses what goes now.
+  ~Core() { loop.close(); }
 
   const Options options;
   GatedLoop loop;
@@ -58,6 +61,8 @@ struct Core {
   std::mt19937_64 random;
   /// Contents that no row names, but perhaps one did when rows were durable last.
   std::vector<ContentNumber> retired;
+  /// Contents for the recovery area that could not be put there yet, and the names of their items.
+  std::vector<std::pair<ContentNumber, std::string>> unrecovered;
   /// Told, locked, of each item that has been taken out of the tree.
   std::function<void(const ItemPtr&)> dropped;
 
@@ -93,6 +98,8 @@ struct Core {
   void removeRetired();
   /// Removes contents, or keeps them in the recovery area under the item's name.
   void dropContents(const ItemPtr& item, bool recover);
+  /// Tries again to keep what could not be kept. Throws why it cannot.
+  void recoverRest();
   /// Whether contents are on their way to the provider, or may have arrived there: they must not
   /// change, and are needed to find out.
   bool areNeeded(const Item& item, ContentNumber number) const;

@@ -88,6 +88,7 @@ void Fetcher::makeRoom(std::int64_t needed) {
 
 void Fetcher::keepLimits() {
   using std::chrono::seconds;
+  core_.recoverRest();
   makeRoom(0);
   core_.contents.trimRecovery(
       core_.options.recoveryLimit,

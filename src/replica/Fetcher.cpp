@@ -198,7 +198,7 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     if (sizeChanged) core_.itemChanged(item->rid, false);
   } catch (const NSError& error) {
     item->content = 0;
-    if (number != 0) core_.contents.remove(number);
+    if (number != 0) core_.contents.removeIfPossible(number);
     return error;
   }
   return std::nullopt;

@@ -204,7 +204,7 @@ void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
     if (item->isPending() && !item->removed) {
       const bool waits = core.options.fsyncWaits;
       // One that follows another soon must not put off what that one began.
-      const bool isUnderWay = std::exchange(item->sendNow, true);
+      const bool isUnderWay = std::exchange(item->sendNow, true) && !item->failure;
       if (waits || !isUnderWay) {
         sender.changed(item, waits ? milliseconds(0) : core.options.sendDelay);
       }

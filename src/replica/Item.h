@@ -39,8 +39,8 @@ struct FolderRuntime {
   Walk folderWalk;
   /// Names that the provider no longer has by a change of ours, and when that was confirmed.
   std::unordered_map<std::string, Sequence> left;
-  /// Materialised items that the last listings lacked and since when, in milliseconds since
-  /// 1970-01-01 UTC; they await another listing that agrees.
+  /// Materialised items that the last listings lacked and since when, in milliseconds of uptime;
+  /// they await another listing that agrees.
   std::unordered_map<Rid, std::int64_t> missing;
   /// Of a listing that lost suspiciously much, and was not applied; 0 for none.
   std::uint64_t suspectedDigest = 0;
@@ -69,7 +69,11 @@ struct SyncRuntime {
   /// Whoever waits for the provider's word; without one they get an error, or success.
   struct VerdictWaiter {
     Completion<Done> completion;
+    /// Who it is.
+    std::shared_ptr<void> once;
     bool needsWord = false;
+    /// The request in flight has everything that this one waits for.
+    bool isCovered = false;
   };
   std::vector<VerdictWaiter> verdictWaiters;
   /// Items that must wait until this one's request has ended, and fetches that do.

@@ -179,6 +179,7 @@ Task<void> Lister::run(ItemPtr folder) {
   NSFileProviderItemIdentifier identifier;
   Sequence begun = 0;
   const std::int64_t at = core_.milliseconds();
+  const std::int64_t uptime = core_.uptime();
   {
     std::lock_guard lock(core_.mutex);
     if (!folder->base || folder->gone) {
@@ -196,11 +197,13 @@ Task<void> Lister::run(ItemPtr folder) {
     co_return;
   }
   health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
+  if (folder->base && !folder->gone && folder->base->identifier != identifier) {
+    // It was looked for where it no longer is.
+    startOn(core_.loop, run(folder));
+    co_return;
+  }
   if (!outcome.succeeded()) {
-    if (folder->base && folder->base->identifier != identifier) {
-      // It was looked for where it no longer is.
-      startOn(core_.loop, run(folder));
-    } else if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
+    if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
       finish(folder, outcome.error());
     } else if (folder->rid != kRootRid) {
       startOn(core_.loop, lookForFolder(folder, outcome.error()));
@@ -220,14 +223,11 @@ Task<void> Lister::run(ItemPtr folder) {
   listing->begun = begun;
   core_.refusedEntries += static_cast<std::int64_t>(listing->refused);
   outcome.value().clear();
-  core_.folder(folder).lastDuration = core_.milliseconds() - at;
+  core_.folder(folder).lastDuration = core_.uptime() - uptime;
   try {
-    // An identifier that changed on the way belongs to another place now.
-    if (folder->base->identifier == identifier) {
-      if (apply(folder, *listing)) {
-        folder->listedAt = at;
-        core_.save(folder);
-      }
+    if (apply(folder, *listing)) {
+      folder->listedAt = at;
+      core_.save(folder);
     }
     finish(folder, ListingPtr(listing));
     if (listing->entries.size() >= kLargeListing) {

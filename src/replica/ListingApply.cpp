@@ -42,7 +42,7 @@ bool Lister::isSuspicious(const ItemPtr& folder, const Listing& listing) {
     return false;
   }
   const std::uint64_t digest = listing.digest();
-  const std::int64_t now = core_.milliseconds();
+  const std::int64_t now = core_.uptime();
   if (runtime.suspectedDigest == digest && now - runtime.suspectedAt >= kSuspicionTime) {
     runtime.suspectedDigest = 0;
     return false;
@@ -65,6 +65,8 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
   std::vector<ItemPtr> vanished;
   for (const ItemPtr& item : core_.table.serverChildren(folder->rid)) {
     if (item->isSending() || item->confirmed > listing.begun) continue;
+    // A request of which nobody knows what it did may have taken it elsewhere.
+    if (item->sent && !item->removed) continue;
     const auto* entry = listing.find(item->base->name);
     if (!entry || entry->kind != item->kind) {
       vanished.push_back(item);
@@ -81,6 +83,7 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
       continue;
     }
     if (known) {
+      if (known->isSending() || known->confirmed > listing.begun) continue;
       std::erase(vanished, known);
       vanish(known, false);
       if (!known->gone && known->base) continue;
@@ -230,7 +233,7 @@ void Lister::vanish(const ItemPtr& item, bool certain) {
   if (!certain && materialised && !item->contentsChanged) {
     const ItemPtr folder = core_.table.find(item->base->parent);
     FolderRuntime& runtime = core_.folder(folder);
-    const std::int64_t now = core_.milliseconds();
+    const std::int64_t now = core_.uptime();
     const auto since = runtime.missing.emplace(item->rid, now).first->second;
     if (now - since < kSecondLook) {
       listLater(folder, milliseconds(kSecondLook));

@@ -48,6 +48,7 @@ Replica::Implementation::~Implementation() {
   core.loop.close();
   core.removeRetired();
   try {
+    core.recoverRest();
     core.contents.syncAll();
     core.store.sync();
     useMark_.clear();

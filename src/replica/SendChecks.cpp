@@ -332,6 +332,11 @@ Task<bool> Sender::verify(ItemPtr item) {
   } else if (!before && atTarget && atTarget->kind == item->kind &&
              (item->isFolder() || hasContents)) {
     // Our creation.
+    if (item->localOnly) {
+      leaveBehind(*item, atTarget->base);
+      core_.save(item);
+      co_return true;
+    }
     core_.confirm(item);
     core_.folder(target).shadowed.erase(sent.name);
     if (item->content == sent.content && !item->isFolder()) item->contentsChanged = false;

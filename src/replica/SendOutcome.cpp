@@ -60,6 +60,10 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     backOffLater(item, NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse));
     return false;
   }
+  if (item->localOnly) {
+    leaveBehind(*item, std::move(base));
+    return false;
+  }
   const bool contentsSent = frozen.number != 0;
   const bool isNew = !item->base;
   if (item->isFolder()) {
@@ -108,10 +112,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   if (!base.versionKnown) lister_.look(folder);
   core_.setBase(item, std::move(base));
   item->sync->unreported.reset();
-  // Whoever waits for contents does so for the last ones.
-  if (!item->mustSendContents() || item->content == frozen.number) {
-    answerVerdict(item, std::nullopt);
-  }
+  answerCovered(item);
   if (overwritten && item->content == frozen.number) {
     // Somebody else wrote in between, or the provider changes what it is sent. Ours is kept, theirs
     // is shown.
@@ -142,6 +143,20 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     return false;
   }
   return arrived;
+}
+
+/// The item got a name that is never sent while a request about it was under way: what the provider
+/// has of it now goes.
+void Sender::leaveBehind(const Item& item, Base base) {
+  ItemPtr rest = core_.table.serverChild(base.parent, base.name);
+  if (rest && !rest->removed) return;
+  if (!rest) {
+    rest = core_.makeItem(base.parent, base.name, item.kind);
+    rest->removed = true;
+    core_.table.add(rest);
+  }
+  core_.setBase(rest, std::move(base));
+  changed(rest, milliseconds(0));
 }
 
 void Sender::acceptRemoval(const ItemPtr& item) {

@@ -152,7 +152,6 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
       enqueue(item, wait);
       continue;
     }
-    if (uploads && item->writers > 0) sync.sentOpenAt = core_.uptime();
     takeOverIfPossible(item);
     if (!item->isPending()) continue;
     if (const ItemPtr other = blocker(item)) {
@@ -162,6 +161,7 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
       continue;
     }
     item->sendNow = false;
+    if (uploads && item->writers > 0 && !item->sent) sync.sentOpenAt = core_.uptime();
     ++running;
     start(item, uploads);
   }

@@ -86,6 +86,8 @@ void Sender::noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent,
   item->sent = SentRecord{frozen.number, frozen.size, core_.seconds(), parent, name};
   std::erase(core_.unsettled, item);
   core_.unsettled.push_back(item);
+  // Contents that somebody wrote since they were frozen are not among what is sent.
+  if (frozen.number == 0 || frozen.number == item->content) coverWaiters(item);
   core_.save(item);
   try {
     core_.rows.requireWritten();

@@ -36,11 +36,13 @@ void Sender::await(const ItemPtr& item, milliseconds limit, bool needsWord,
   auto once = std::make_shared<SyncWaiter>();
   once->completion = std::move(completion);
   const auto timer =
-      core_.loop.postAfter(limit, [this, once, needsWord, since = core_.milliseconds()] {
+      core_.loop.postAfter(limit, [this, item, once, needsWord, since = core_.milliseconds()] {
         if (std::exchange(once->answered, true)) return;
         {
           std::lock_guard lock(core_.mutex);
           health_.noteWaited(since);
+          std::erase_if(item->sync->verdictWaiters,
+                        [&](const auto& waiter) { return waiter.once == once; });
         }
         if (needsWord) {
           once->completion(posixError(ETIMEDOUT));
@@ -53,7 +55,7 @@ void Sender::await(const ItemPtr& item, milliseconds limit, bool needsWord,
     core_.loop.cancel(timer);
     once->completion(std::move(outcome));
   };
-  core_.sync(item).verdictWaiters.push_back({std::move(answer), needsWord});
+  core_.sync(item).verdictWaiters.push_back({std::move(answer), once, needsWord});
 }
 
 void Sender::answerVerdict(const ItemPtr& item, const std::optional<NSError>& error) {
@@ -65,6 +67,20 @@ void Sender::answerVerdict(const ItemPtr& item, const std::optional<NSError>& er
       core_.answer<Done>(std::move(waiter.completion), Done{});
     }
   }
+}
+
+/// What is about to be sent is all that whoever waits by now waits for.
+void Sender::coverWaiters(const ItemPtr& item) {
+  for (auto& waiter : item->sync->verdictWaiters) waiter.isCovered = true;
+}
+
+/// It has arrived.
+void Sender::answerCovered(const ItemPtr& item) {
+  auto& waiters = item->sync->verdictWaiters;
+  for (auto& waiter : waiters) {
+    if (waiter.isCovered) core_.answer<Done>(std::move(waiter.completion), Done{});
+  }
+  std::erase_if(waiters, [](const auto& waiter) { return waiter.isCovered; });
 }
 
 /// There will be no word for now.
@@ -95,13 +111,16 @@ void Sender::waitUntilSynced(milliseconds limit, Completion<Done> completion) {
 void Sender::checkWaiters() {
   if (syncWaiters_.empty()) return;
   const bool busy = !core_.sending.empty() || !delayed_.empty() || !readyNames_.empty() ||
-                    !readyContents_.empty() || !blocked_.empty();
+                    !readyContents_.empty();
   if (busy && !core_.stopped) return;
   bool refused = false;
   bool waiting = false;
   core_.table.forEach([&](const ItemPtr& item) {
     if (!item->isPending()) return;
-    const bool isRefused = item->failure && item->failure->failureClass == FailureClass::refused;
+    // What waits for others when nothing else is under way waits for what was refused.
+    const bool isBlocked = item->sync && item->sync->place == Place::blocked;
+    const bool isRefused =
+        isBlocked || (item->failure && item->failure->failureClass == FailureClass::refused);
     refused = refused || isRefused;
     // What somebody still has open is queued when it is closed.
     waiting = waiting || !isRefused;

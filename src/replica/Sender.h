@@ -117,6 +117,7 @@ class Sender {
   void noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent, const std::string& name);
   bool accept(const ItemPtr& item, const WrittenItem& written, Rid parent, const std::string& name,
               const Frozen& frozen);
+  void leaveBehind(const Item& item, Base base);
   void acceptRemoval(const ItemPtr& item);
   void fail(const ItemPtr& item, const NSError& error);
   void backOffLater(const ItemPtr& item, const NSError& error);
@@ -130,6 +131,8 @@ class Sender {
   void makeConflict(const ItemPtr& item, const Base& atProvider);
   void await(const ItemPtr& item, std::chrono::milliseconds limit, bool needsWord,
              Completion<Done> completion);
+  static void coverWaiters(const ItemPtr& item);
+  void answerCovered(const ItemPtr& item);
   void answerWithoutWord(const ItemPtr& item, const NSError& reason);
   void answerVerdict(const ItemPtr& item, const std::optional<NSError>& error);
   std::string freeName(const ItemPtr& folder, const std::function<std::string(unsigned)>& name,

@@ -192,6 +192,76 @@ TEST_F(StuckTest, UploadComesBeforeTheRemovalOfItsSourceAfterARestartToo) {
   EXPECT_EQ(world.server().read("/a"), std::nullopt);
 }
 
+TEST_F(StuckTest, RefusalThatComesTooLateForTheCallLeavesWhatWasMadeHere) {
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::createItem) {
+      fault = {.effect = Fault::Effect::none,
+               .error = NSError(NSPOSIXErrorDomain, EPERM),
+               .delay = seconds(5)};
+    }
+    return fault;
+  });
+  world.makeFolder("/d");
+  world.advance(seconds(10));
+  EXPECT_TRUE(world.exists("/d"));
+  ASSERT_EQ(world.replica().status().pending.size(), 1u);
+  EXPECT_EQ(world.replica().status().pending[0].state, replica::SyncState::refused);
+}
+
+TEST_F(StuckTest, FolderIsListedWhileTheFolderAboveMoves) {
+  world.server().makeFolder("/p");
+  world.server().makeFolder("/p/sub");
+  world.server().writeFile("/p/sub/a", "contents");
+  world.advance(seconds(31));
+  world.list("/");
+  world.list("/p");
+  const auto folder = world.find("/p/sub");
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::enumerateItems) fault.delay = seconds(2);
+    return fault;
+  });
+  std::size_t entries = 0;
+  bool isListed = false;
+  world.replica().openFolder(folder, [&](const auto& outcome) {
+    isListed = true;
+    if (outcome.succeeded()) entries = outcome.value()->entries.size();
+  });
+  world.rename("/p", "/q");
+  ASSERT_TRUE(world.loop().runUntil([&] { return isListed; }, minutes(1)));
+  EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(StuckTest, FileThatGetsANameThatStaysHereWhileItIsSentLeavesNothingThere) {
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::createItem) fault.delay = seconds(5);
+    return fault;
+  });
+  world.write("/video", "contents");
+  world.advance(seconds(3));
+  world.rename("/video", "/video.part");
+  world.advance(seconds(20));
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/video"), std::nullopt);
+  EXPECT_EQ(world.read("/video.part"), "contents");
+  world.rename("/video.part", "/video");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/video"), "contents");
+}
+
+TEST_F(StuckTest, WaitingEndsWhenWhatIsLeftWaitsForWhatWasRefused) {
+  failWithoutEffect(CallKind::createItem, NSError(NSPOSIXErrorDomain, EPERM));
+  world.extension().setLatency(seconds(5));
+  world.makeFolder("/d");
+  world.write("/d/a", "contents");
+  world.advance(minutes(1));
+  const auto before = world.loop().now();
+  EXPECT_FALSE(world.settle());
+  EXPECT_LT(world.loop().now() - before, minutes(1));
+}
+
 class WaitingCloseTest : public StuckTest {
  protected:
   WaitingCloseTest()
