@@ -65,8 +65,6 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
   std::vector<ItemPtr> vanished;
   for (const ItemPtr& item : core_.table.serverChildren(folder->rid)) {
     if (item->isSending() || item->confirmed > listing.begun) continue;
-    // A request of which nobody knows what it did may have taken it elsewhere.
-    if (item->sent && !item->removed) continue;
     const auto* entry = listing.find(item->base->name);
     if (!entry || entry->kind != item->kind) {
       vanished.push_back(item);
