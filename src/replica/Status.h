@@ -27,7 +27,8 @@ struct ItemStatus {
   std::string path;
   ItemKind kind = ItemKind::file;
   SyncState state = SyncState::synced;
-  /// What is to be sent: "create", "contents", "rename", "delete", some of them separated by ", ".
+  /// What is to be sent: "create", "contents", "rename", "delete", some of them separated by ", ";
+  /// "verify" when it is not known whether that has arrived.
   std::string changes;
   /// The provider's identifier; empty when it has none yet.
   NSFileProviderItemIdentifier identifier;
