@@ -62,6 +62,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   }
   if (item->localOnly) {
     leaveBehind(*item, std::move(base));
+    core_.save(item);
     return false;
   }
   const bool contentsSent = frozen.number != 0;
