@@ -1,3 +1,7 @@
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -14,6 +18,7 @@
 #include "host/Host.h"
 #include "host/StaleMount.h"
 #include "mount/Fusermount.h"
+#include "platform/base/UniqueFd.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
 
@@ -27,6 +32,9 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kUnmountPatience = 24h;
 /// One that is told to end at once takes a few seconds, unless it hangs.
 constexpr std::chrono::milliseconds kForcePatience = 10s;
+
+/// What it does after its answer, such as closing its database, takes a moment.
+constexpr std::chrono::milliseconds kEndPatience = 10s;
 
 std::string absolutePath(const std::string& path) {
   if (path.empty()) throw UsageError("an empty path names nothing");
@@ -81,12 +89,22 @@ ExitCode mountAsTold(const GlobalOptions& options, const MountCommand& command) 
   return serve(std::move(settings), [&] { return background.ready(); });
 }
 
+/// Asks the host to end its mount, and waits until its process is gone, so that whoever comes next
+/// can mount anew or remove what the host left.
+JSONValue askToEnd(const host::HostEntry& host, bool force) {
+  const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, host.process, 0)));
+  auto answer = ask(host, JSONValue::Object{{"request", "unmount"}, {"force", force}},
+                    force ? kForcePatience : kUnmountPatience);
+  pollfd end{.fd = process.get(), .events = POLLIN, .revents = 0};
+  if (process) ::poll(&end, 1, static_cast<int>(kEndPatience.count()));
+  return answer;
+}
+
 /// Has the host end its mount, and gives its answer; {"left": null} when it hangs and its mount was
 /// taken away without it, which only `force` does.
 JSONValue unmounted(const host::HostEntry& host, bool force) {
   try {
-    return ask(host, JSONValue::Object{{"request", "unmount"}, {"force", force}},
-               force ? kForcePatience : kUnmountPatience);
+    return askToEnd(host, force);
   } catch (const NSError& error) {
     if (!force || !error.is(NSPOSIXErrorDomain, ETIMEDOUT)) throw;
   }
