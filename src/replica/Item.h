@@ -91,14 +91,14 @@ struct SyncRuntime {
 struct Item : ItemRecord {
   /// No longer in the tree: removed for good, or replaced.
   bool gone = false;
+  /// To be sent although somebody has it open for writing.
+  bool sendNow = false;
   /// How often the kernel knows it, how many handles there are, and how many of them may write.
   std::uint64_t lookups = 0;
   std::uint32_t handles = 0;
   std::uint32_t writers = 0;
   /// When what the provider has was last learnt from an answer to a change of ours.
   Sequence confirmed = 0;
-  /// To be sent although somebody has it open for writing.
-  bool sendNow = false;
   /// Milliseconds of uptime: the last write.
   std::int64_t lastWrite = 0;
   /// Waiters of a fetch in flight; the fetch is in flight while this is there.

@@ -10,6 +10,7 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::chrono::milliseconds kRetryInterval{1000};
+constexpr std::size_t kKeptRoom = 1024;
 
 const Logger& replicaLog() {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
@@ -49,6 +50,8 @@ void Rows::write() {
   try {
     writeAll();
     waiting_.clear();
+    // A large listing's room is needed no more than once.
+    if (waiting_.capacity() > kKeptRoom) waiting_.shrink_to_fit();
     if (error_) replicaLog().error("the database can be written again", {});
     error_.reset();
   } catch (const NSError& error) {
