@@ -23,10 +23,9 @@ std::string changesOf(const Item& item) {
   if (item.mustCreate()) return "create";
   if (item.mustRemove() || item.mustSettle()) return "delete";
   std::string result;
-  if (item.isPending() && !item.mustMove() && !item.mustSendContents()) return "verify";
   if (item.mustMove()) result = "rename";
   if (item.mustSendContents()) result += result.empty() ? "contents" : ", contents";
-  return result;
+  return result.empty() && item.sent ? "verify" : result;
 }
 
 }  // namespace

@@ -103,6 +103,10 @@ void Core::removeRetired() {
   } catch (const NSError& error) {
     replicaLog().error("contents stay that nobody needs: %{public}s",
                        {error.localizedDescription()});
+    {
+      std::lock_guard lock(mutex);
+      retired.insert(retired.end(), numbers.begin(), numbers.end());
+    }
     loop.postAfter(kRetirement, [this] { removeRetired(); });
   }
 }

@@ -81,7 +81,8 @@ class Sender {
   void finish(const ItemPtr& item, bool isUpload);
   void checkWaiters();
 
-  // The requests. Each gives the error that ended it, already taken care of by `fail`.
+  // The requests. `fail` takes care of the provider's errors; those of this machine, such as a full
+  // disk, leave `send` and are taken care of by `run`.
   Task<void> run(ItemPtr item, bool isUpload);
   Task<void> send(ItemPtr item);
   Task<void> sendCreation(ItemPtr item);

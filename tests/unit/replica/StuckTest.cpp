@@ -95,6 +95,8 @@ TEST_F(StuckTest, ChangeThatWasTakenBackWhileNobodyKnewIsLookedAt) {
   world.rename("/a", "/b");
   EXPECT_EQ(world.server().read("/b"), "contents") << "the request took effect";
   world.rename("/b", "/a");
+  ASSERT_EQ(world.replica().status().pending.size(), 1u);
+  EXPECT_EQ(world.replica().status().pending[0].changes, "verify");
   world.extension().setFaults({});
   world.advance(minutes(10));
   EXPECT_THAT(world.list("/"), ElementsAre("a"));

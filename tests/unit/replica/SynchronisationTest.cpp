@@ -274,22 +274,6 @@ TEST_F(SynchronisationTest, FolderWithNewEntriesThereIsNotRemoved) {
   EXPECT_THAT(world.list("/d"), ElementsAre("new"));
 }
 
-TEST_F(SynchronisationTest, TreeRemovedWithoutAServerIsOneRequest) {
-  world.server().makeFolder("/d");
-  world.server().writeFile("/d/a", "1");
-  world.server().writeFile("/d/b", "2");
-  world.list("/d");
-  world.extension().setDown(true);
-  world.remove("/d/a");
-  world.remove("/d/b");
-  world.removeFolder("/d");
-  world.extension().setDown(false);
-  world.extension().clearCalls();
-  EXPECT_TRUE(world.settle());
-  EXPECT_THAT(world.server().tree(), IsEmpty());
-  EXPECT_EQ(world.extension().count(CallKind::deleteItem), 1u);
-}
-
 TEST_F(SynchronisationTest, NamesThatChangePlacesGoByAThirdName) {
   world.server().writeFile("/a", "A");
   world.server().writeFile("/b", "B");
