@@ -6,6 +6,7 @@ import os
 import shutil
 import stat
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -166,7 +167,7 @@ def test_killing_it_at_work_loses_nothing_that_was_acknowledged(host, make_host,
               "    with open(name + '~', 'w') as file: file.write('x' * number)\n"
               "    os.rename(name + '~', name)\n"
               "    log.write(f'{number}\\n')\n")
-    worker = subprocess.Popen(["python3", "-c", script, str(mount), str(journal)],
+    worker = subprocess.Popen([sys.executable, "-c", script, str(mount), str(journal)],
                               stderr=subprocess.DEVNULL)
     eventually(lambda: journal.exists() and len(journal.read_text().splitlines()) > 100)
     host.kill()

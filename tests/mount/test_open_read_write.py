@@ -4,6 +4,7 @@ import ctypes
 import mmap
 import os
 import subprocess
+import sys
 import threading
 
 import pytest
@@ -297,7 +298,7 @@ def test_signals_at_any_moment_spoil_nothing(host, mount):
         host.write(f"/{number}", str(number))
     os.listdir(mount)
     host.do("latency", milliseconds=2)
-    readers = [subprocess.Popen(["python3", "-c", ALARMED, str(mount)], stdout=subprocess.PIPE)
+    readers = [subprocess.Popen([sys.executable, "-c", ALARMED, str(mount)], stdout=subprocess.PIPE)
                for _ in range(3)]
     for reader in readers:
         assert reader.communicate(timeout=100)[0] == b"read\n"
@@ -353,13 +354,13 @@ def test_locks_work_within_the_mount(host, mount):
     held = "import fcntl,sys; f=open(sys.argv[1],'r+b'); fcntl.{}; print('locked')"
     for call in ("flock(f, fcntl.LOCK_EX | fcntl.LOCK_NB)", "lockf(f, fcntl.LOCK_EX | fcntl.LOCK_NB)"):
         script = held.format(call)
-        first = subprocess.Popen(["python3", "-c", script + "; sys.stdout.flush(); sys.stdin.read()",
+        first = subprocess.Popen([sys.executable, "-c", script + "; sys.stdout.flush(); sys.stdin.read()",
                                   str(mount / "file")], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         assert first.stdout.readline() == b"locked\n"
-        second = subprocess.run(["python3", "-c", script, str(mount / "file")], check=False,
+        second = subprocess.run([sys.executable, "-c", script, str(mount / "file")], check=False,
                                 capture_output=True, timeout=60)
         assert b"BlockingIOError" in second.stderr
         first.communicate()
-        third = subprocess.run(["python3", "-c", script, str(mount / "file")], check=True,
+        third = subprocess.run([sys.executable, "-c", script, str(mount / "file")], check=True,
                                capture_output=True, timeout=60)
         assert third.stdout == b"locked\n"
