@@ -6,6 +6,8 @@ target_compile_options(kfp_flags INTERFACE -Wall -Wextra -Wpedantic
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports std::string's own concatenation when it inlines it.
   target_compile_options(kfp_flags INTERFACE -Wshadow=local -Wno-restrict)
+else()
+  target_compile_options(kfp_flags INTERFACE -Wthread-safety)
 endif()
 
 option(KFP_WERROR "treat warnings as errors" OFF)

@@ -21,6 +21,11 @@ REACH = {
     "cli": {"host", "mount", "replica", "extension", "items", "webdav", "bridge", "platform"},
     "macos": {"extension", "items", "webdav", "bridge", "platform"},
 }
+# Rooms of a layer that have arrows of their own: what each may include besides itself.
+ROOMS = {
+    "replica/model": {"platform"},
+    "replica/plan": {"replica/model", "platform"},
+}
 # The module's logger is a leaf that these layers include too.
 LOGGER = "extension/fpLog.h"
 LOGGING = {"webdav", "items"}
@@ -40,6 +45,18 @@ SYSTEM = re.compile(
     r"|semaphore|signal|spawn|stdint|stdio|stdlib|strings?|termios|time|unistd|utime|wchar)\.h$")
 # The shell of the app extension is written for another platform, whose own headers it needs.
 FOREIGN_LAYERS = {"macos"}
+
+
+def lies_in(header, folder):
+    return PurePosixPath(header).is_relative_to(folder)
+
+
+def room_problem(folder, header):
+    """Why a file of a room must not include a header of ours; None when it may."""
+    for room, reach in ROOMS.items():
+        if lies_in(folder, room) and not any(lies_in(header, home) for home in reach | {room}):
+            return f'{room}/ must not include "{header}"'
+    return None
 
 
 def check(path, text, exists):
@@ -68,6 +85,8 @@ def check(path, text, exists):
         elif target != layer and target not in REACH[layer]:
             if not (header == LOGGER and layer in LOGGING):
                 problems.append(f'{where}{layer}/ must not include "{header}"')
+        elif problem := room_problem(folder, header):
+            problems.append(where + problem)
     return problems
 
 

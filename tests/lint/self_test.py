@@ -34,6 +34,14 @@ class IncludeRules(unittest.TestCase):
         self.assertRefused("replica/A.h", '#include "mount/M.h"')
         self.assertRefused("extension/A.h", '#include "host/H.h"')
 
+    def test_rooms_of_a_layer_have_arrows_of_their_own(self):
+        self.assertPasses("replica/plan/A.cpp", '#include "replica/plan/A.h"\n#include "replica/model/B.h"')
+        self.assertPasses("replica/model/A.h", '#include "platform/base/Fatal.h"')
+        self.assertRefused("replica/model/A.h", '#include "replica/plan/B.h"')
+        self.assertRefused("replica/plan/A.h", '#include "replica/NameRules.h"')
+        self.assertRefused("replica/model/A.h", '#include "replica/model.h"')
+        self.assertRefused("replica/plan/A.h", '#include "mount/M.h"')
+
     def test_the_logger_is_a_leaf(self):
         self.assertPasses("webdav/A.cpp", '#include "extension/fpLog.h"')
         self.assertPasses("items/A.cpp", '#include "extension/fpLog.h"')

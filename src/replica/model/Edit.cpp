@@ -1,0 +1,188 @@
+#include "replica/model/Edit.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "platform/base/Fatal.h"
+
+namespace kestrowan::replica::model {
+
+namespace {
+
+std::vector<Intent>::const_iterator find(const std::vector<Intent>& intents, IntentNumber number) {
+  return std::find_if(intents.begin(), intents.end(),
+                      [&](const Intent& intent) { return intent.number == number; });
+}
+
+}  // namespace
+
+Edit::Edit(Tree& tree) : tree_(tree) {
+  tree.mutex_.lock();
+  state_ = &tree.state_;
+  nextItemBefore_ = state_->nextItem_;
+  nextIntentBefore_ = state_->nextIntent_;
+}
+
+Edit::~Edit() {
+  if (!isCommitted_) undo();
+  tree_.mutex_.unlock();
+}
+
+Item& Edit::touched(ItemNumber number) {
+  Item& item = state_->changeable(number);
+  before_.try_emplace(number, item);
+  return item;
+}
+
+ItemNumber Edit::make(Kind kind) {
+  const ItemNumber number = state_->make(kind);
+  before_.emplace(number, std::nullopt);
+  return number;
+}
+
+void Edit::setHere(ItemNumber number, std::optional<Here> here) {
+  state_->setHere(touched(number), std::move(here));
+}
+
+void Edit::setThere(ItemNumber number, std::optional<There> there) {
+  state_->setThere(touched(number), std::move(there));
+}
+
+void Edit::setAgreed(ItemNumber number, std::optional<There> agreed) {
+  state_->setAgreed(touched(number), std::move(agreed));
+}
+
+void Edit::addAfter(ItemNumber number, ItemNumber other) {
+  Item& item = touched(number);
+  std::vector<ItemNumber> after = item.after();
+  const auto place = std::lower_bound(after.begin(), after.end(), other);
+  if (place != after.end() && *place == other) return;
+  after.insert(place, other);
+  state_->setAfter(item, std::move(after));
+}
+
+void Edit::clearAfter(ItemNumber number) {
+  state_->setAfter(touched(number), {});
+}
+
+void Edit::drop(ItemNumber number) {
+  if (number == ItemNumber::root) fatalError("the root cannot be dropped");
+  touched(number);
+  state_->take(number);
+}
+
+void Edit::keepIntents() {
+  if (!intentsBefore_) intentsBefore_ = state_->intents_;
+}
+
+IntentNumber Edit::add(Intent intent) {
+  keepIntents();
+  intent.number = state_->nextIntent_;
+  state_->nextIntent_ = IntentNumber{static_cast<std::uint64_t>(intent.number) + 1};
+  state_->intents_.push_back(std::move(intent));
+  return state_->intents_.back().number;
+}
+
+void Edit::change(const Intent& intent) {
+  keepIntents();
+  const auto found = find(state_->intents_, intent.number);
+  if (found == state_->intents_.end()) fatalError("an intent was changed that is no more");
+  state_->intents_[static_cast<std::size_t>(found - state_->intents_.begin())] = intent;
+}
+
+void Edit::end(IntentNumber number) {
+  keepIntents();
+  const auto found = find(state_->intents_, number);
+  if (found != state_->intents_.end()) state_->intents_.erase(found);
+}
+
+void Edit::commit() {
+  if (isCommitted_) fatalError("an edit was committed twice");
+  for (const auto& [number, before] : before_) {
+    if (const Item* item = state_->find(number)) checkFolders(*item);
+  }
+  tree_.journal_.write(changes());
+  isCommitted_ = true;
+}
+
+void Edit::undo() {
+  for (const auto& [number, before] : before_) {
+    if (state_->find(number)) state_->take(number);
+  }
+  for (const auto& [number, before] : before_) {
+    if (before) state_->put(*before);
+  }
+  if (intentsBefore_) state_->intents_ = std::move(*intentsBefore_);
+  state_->nextItem_ = nextItemBefore_;
+  state_->nextIntent_ = nextIntentBefore_;
+}
+
+Changes Edit::changes() const {
+  Changes changes;
+  for (const auto& [number, before] : before_) {
+    if (const Item* item = state_->find(number)) {
+      changes.items.push_back(item);
+    } else if (before) {
+      changes.dropped.push_back(number);
+    }
+  }
+  std::sort(changes.items.begin(), changes.items.end(),
+            [](const Item* a, const Item* b) { return a->number() < b->number(); });
+  std::sort(changes.dropped.begin(), changes.dropped.end());
+  addIntents(changes);
+  addLeft(changes);
+  changes.nextItem = state_->nextItem_;
+  changes.nextIntent = state_->nextIntent_;
+  return changes;
+}
+
+void Edit::addIntents(Changes& changes) const {
+  if (!intentsBefore_) return;
+  for (const Intent& intent : state_->intents_) {
+    const auto before = find(*intentsBefore_, intent.number);
+    if (before == intentsBefore_->end() || *before != intent) changes.intents.push_back(&intent);
+  }
+  for (const Intent& intent : *intentsBefore_) {
+    if (find(state_->intents_, intent.number) == state_->intents_.end()) {
+      changes.ended.push_back(intent.number);
+    }
+  }
+}
+
+void Edit::addLeft(Changes& changes) const {
+  std::set<Content> kept;
+  for (const Item* item : changes.items) {
+    if (item->here()) kept.insert(item->here()->content);
+  }
+  for (const auto& [number, before] : before_) {
+    if (!before || !before->here() || before->here()->content == Content::none) continue;
+    if (!kept.contains(before->here()->content)) {
+      changes.left.push_back({number, *before->here()});
+    }
+  }
+  std::sort(changes.left.begin(), changes.left.end(),
+            [](const Left& a, const Left& b) { return a.item < b.item; });
+}
+
+void Edit::checkFolders(const Item& item) const {
+  if (item.number() == ItemNumber::root) return;
+  if (item.here()) {
+    const Item* folder = state_->find(item.here()->place.folder);
+    if (!folder || !folder->isFolder() || !folder->here()) {
+      fatalError("an item was left in a folder that is not here");
+    }
+  } else if (state_->anyHereIn(item.number())) {
+    fatalError("a folder was removed here that is not empty");
+  }
+  if (item.there()) {
+    const Item* folder = state_->find(item.there()->place.folder);
+    if (!folder || !folder->isFolder() || !folder->there()) {
+      fatalError("an item was left in a folder that the provider has not got");
+    }
+  } else if (state_->anyThereIn(item.number())) {
+    fatalError("a folder that is not empty was taken for absent at the provider");
+  }
+}
+
+}  // namespace kestrowan::replica::model

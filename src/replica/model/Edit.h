@@ -1,0 +1,68 @@
+#pragma once
+
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "replica/model/Tree.h"
+
+namespace kestrowan::replica::model {
+
+/// One change of a tree, all or nothing. Holds the tree's lock, alone, while it lives. What it
+/// changes is seen through it at once, and by others after `commit`. An edit that is not committed,
+/// or whose journal throws, leaves everything as it was.
+///
+/// To change places, items are taken off (`setHere` of nothing) before they are put where another
+/// one was.
+class KFP_SCOPED_CAPABILITY Edit {
+ public:
+  explicit Edit(Tree& tree) KFP_ACQUIRE(tree.mutex_);
+  ~Edit() KFP_RELEASE();
+  Edit(const Edit&) = delete;
+  Edit& operator=(const Edit&) = delete;
+
+  const State& operator*() const { return *state_; }
+  const State* operator->() const { return state_; }
+
+  /// A new item without any state.
+  ItemNumber make(Kind kind);
+  void setHere(ItemNumber number, std::optional<Here> here);
+  void setThere(ItemNumber number, std::optional<There> there);
+  void setAgreed(ItemNumber number, std::optional<There> agreed);
+  /// `number` is removed after `other` has arrived, besides those that are in `after` already.
+  void addAfter(ItemNumber number, ItemNumber other);
+  void clearAfter(ItemNumber number);
+  /// The item is no more. The root cannot be dropped.
+  void drop(ItemNumber number);
+
+  /// Notes a request; its number is set here.
+  IntentNumber add(Intent intent);
+  /// Replaces the intent of that number.
+  void change(const Intent& intent);
+  void end(IntentNumber number);
+
+  /// Writes what was changed to the journal; nothing is to be changed afterwards. Throws what the
+  /// journal throws. An item in a folder that is not where the item is, is a programming error and
+  /// ends the process.
+  void commit();
+
+ private:
+  Item& touched(ItemNumber number);
+  void keepIntents();
+  void undo();
+  Changes changes() const;
+  void addIntents(Changes& changes) const;
+  void addLeft(Changes& changes) const;
+  void checkFolders(const Item& item) const;
+
+  Tree& tree_;
+  State* state_ = nullptr;
+  /// What each changed item was before; absent for a new one.
+  std::unordered_map<ItemNumber, std::optional<Item>> before_;
+  std::optional<std::vector<Intent>> intentsBefore_;
+  ItemNumber nextItemBefore_ = ItemNumber::none;
+  IntentNumber nextIntentBefore_ = IntentNumber::none;
+  bool isCommitted_ = false;
+};
+
+}  // namespace kestrowan::replica::model

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "replica/model/Numbers.h"
+#include "replica/model/Place.h"
+#include "replica/model/Version.h"
+
+namespace kestrowan::replica::model {
+
+enum class Kind : std::uint8_t { file, folder };
+
+/// Where programs see an item, and which bytes they see.
+struct Here {
+  Place place;
+  /// Of a folder always `none`. Of a file `none` while its contents were not downloaded: they are
+  /// then those of the agreed state, whose content is `none` too.
+  Content content = Content::none;
+
+  friend bool operator==(const Here&, const Here&) = default;
+};
+
+/// What the provider has of an item.
+struct There {
+  Place place;
+  Version version;
+  /// The bytes of that version; `none` for a folder, and while they are not known.
+  Content content = Content::none;
+
+  friend bool operator==(const There&, const There&) = default;
+};
+
+/// One file or folder in its three states. What is to be done about it is a function of them:
+///
+///     here     as programs see it; absent once it was removed here
+///     there    as the provider showed it last; absent while the provider has it not
+///     agreed   the merge base: the state of `there` that `here` takes into account; absent when
+///              there is none
+///
+///     there differs from agreed   the provider has changed it: that is to be merged into `here`
+///     here differs from agreed    a program has changed it: that is to be sent
+///
+/// A removed item is one without `here`; it needs no place among those that programs see. Owned by
+/// the tree's state, read under its lock, and changed by an `Edit` alone.
+class Item {
+ public:
+  Item(ItemNumber number, Kind kind) : number_(number), kind_(kind) {}
+
+  ItemNumber number() const { return number_; }
+  bool isFile() const { return kind_ == Kind::file; }
+  bool isFolder() const { return kind_ == Kind::folder; }
+  Kind kind() const { return kind_; }
+  const std::optional<Here>& here() const { return here_; }
+  const std::optional<There>& there() const { return there_; }
+  const std::optional<There>& agreed() const { return agreed_; }
+  /// The items whose contents must have arrived before this one is removed at the provider. In
+  /// ascending order; items that are no more may be among them.
+  const std::vector<ItemNumber>& after() const { return after_; }
+
+  /// The provider has other contents of this file than those that `here` takes into account, or has
+  /// it although there is no agreed state. False for a folder that is known.
+  bool isNewThere() const;
+  /// What the provider showed last is taken into account in `here`.
+  bool isMerged() const;
+  /// The three states are the same: there is nothing to merge and nothing to send.
+  bool isInStep() const;
+
+ private:
+  friend class State;
+
+  ItemNumber number_;
+  Kind kind_;
+  std::optional<Here> here_;
+  std::optional<There> there_;
+  std::optional<There> agreed_;
+  std::vector<ItemNumber> after_;
+};
+
+}  // namespace kestrowan::replica::model

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace kestrowan::replica::model {
+
+/// Names one item for the life of a replica. Never used twice; `none` is no item.
+enum class ItemNumber : std::uint64_t { none = 0, root = 1 };
+
+/// Names bytes of a file. The same number stands for the same bytes, so a write takes a new one.
+/// `none`: the bytes are not on this disk.
+enum class Content : std::uint64_t { none = 0 };
+
+/// Names one intent. Never used twice.
+enum class IntentNumber : std::uint64_t { none = 0 };
+
+/// A point in time, by the clock that goes on while the process does not run.
+using Time = std::chrono::sys_time<std::chrono::milliseconds>;
+
+}  // namespace kestrowan::replica::model

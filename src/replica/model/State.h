@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+#include "replica/model/Intent.h"
+#include "replica/model/Item.h"
+#include "replica/model/Path.h"
+
+namespace kestrowan::replica::model {
+
+/// All that a replica knows: the items in their three states, and the intents. Owned by the tree;
+/// read through a `View` or an `Edit`, which hold the tree's lock, and changed by an `Edit` alone.
+///
+/// At most one item is at a place here, and at most one there. To put an item where another is, is
+/// a programming error and ends the process. The root is always there; its place has no folder.
+class State {
+ public:
+  State();
+
+  /// Absent when there is none of that number.
+  const Item* find(ItemNumber number) const;
+  /// Of a number that is known to be one's; any other ends the process.
+  const Item& item(ItemNumber number) const;
+  const Item& root() const { return item(ItemNumber::root); }
+  std::size_t count() const { return items_.size(); }
+
+  /// What is at a place here, and there; absent when nothing is.
+  const Item* hereAt(const Place& place) const;
+  const Item* thereAt(const Place& place) const;
+  /// What is in a folder, in the order of the names.
+  std::vector<const Item*> hereIn(ItemNumber folder) const;
+  std::vector<const Item*> thereIn(ItemNumber folder) const;
+  /// Any of these; absent when the folder is empty.
+  const Item* anyHereIn(ItemNumber folder) const;
+  const Item* anyThereIn(ItemNumber folder) const;
+
+  /// Of an item that the provider has.
+  Path therePath(const Item& item) const;
+  /// What the provider has at a path; absent when that is not known.
+  const Item* atPath(const Path& path) const;
+  /// The path of a place there; absent when the provider has not got its folder.
+  std::optional<Path> pathOf(const Place& place) const;
+
+  /// The items of which something that the provider showed is not merged yet; those that are not in
+  /// step, which are these and what is to be sent; those that others must precede.
+  const std::set<ItemNumber>& unmerged() const { return unmerged_; }
+  const std::set<ItemNumber>& pending() const { return pending_; }
+  const std::set<ItemNumber>& following() const { return following_; }
+
+  /// In the order in which the requests were made.
+  const std::vector<Intent>& intents() const { return intents_; }
+
+ private:
+  friend class Edit;
+
+  struct ByHere {
+    using is_transparent = void;
+    bool operator()(const Item* a, const Item* b) const {
+      return a->here_->place < b->here_->place;
+    }
+    bool operator()(const Item* a, const Place& b) const { return a->here_->place < b; }
+    bool operator()(const Place& a, const Item* b) const { return a < b->here_->place; }
+  };
+  struct ByThere {
+    using is_transparent = void;
+    bool operator()(const Item* a, const Item* b) const {
+      return a->there_->place < b->there_->place;
+    }
+    bool operator()(const Item* a, const Place& b) const { return a->there_->place < b; }
+    bool operator()(const Place& a, const Item* b) const { return a < b->there_->place; }
+  };
+
+  Item& changeable(ItemNumber number);
+  ItemNumber make(Kind kind);
+  void setHere(Item& item, std::optional<Here> here);
+  void setThere(Item& item, std::optional<There> there);
+  void setAgreed(Item& item, std::optional<There> agreed);
+  void setAfter(Item& item, std::vector<ItemNumber> after);
+  void take(ItemNumber number);
+  void put(const Item& item);
+  void note(const Item& item);
+
+  std::unordered_map<ItemNumber, Item> items_;
+  std::set<Item*, ByHere> here_;
+  std::set<Item*, ByThere> there_;
+  std::set<ItemNumber> unmerged_;
+  std::set<ItemNumber> pending_;
+  std::set<ItemNumber> following_;
+  std::vector<Intent> intents_;
+  ItemNumber nextItem_{2};
+  IntentNumber nextIntent_{1};
+};
+
+}  // namespace kestrowan::replica::model
