@@ -1,0 +1,26 @@
+#include "replica/plan/FreePlace.h"
+
+#include <algorithm>
+
+namespace kestrowan::replica::plan {
+
+using namespace model;
+
+namespace {
+
+bool isAsked(const State& state, const Place& place) {
+  const auto path = state.pathOf(place);
+  return path && std::any_of(state.intents().begin(), state.intents().end(),
+                             [&](const Intent& intent) { return intent.touches(*path); });
+}
+
+}  // namespace
+
+Place freePlace(const State& state, const Place& place, const Names& names, NameForm form) {
+  for (unsigned number = 1;; ++number) {
+    Place other{place.folder, (names.*form)(place.name, number)};
+    if (!state.hereAt(other) && !state.thereAt(other) && !isAsked(state, other)) return other;
+  }
+}
+
+}  // namespace kestrowan::replica::plan

@@ -1,0 +1,27 @@
+#include "replica/plan/Landing.h"
+
+#include <algorithm>
+
+namespace kestrowan::replica::plan {
+
+using namespace model;
+
+bool mayLand(const State& state, const Item& item, const Place& place) {
+  const auto path = state.pathOf(place);
+  return std::any_of(state.intents().begin(), state.intents().end(), [&](const Intent& intent) {
+    return intent.verb == Verb::put && (intent.item == item.number() || intent.target == path) &&
+           intent.content != item.here()->content;
+  });
+}
+
+std::optional<Time> endangeredUntil(const State& state, const Path& path) {
+  std::optional<Time> result;
+  for (const Intent& intent : state.intents()) {
+    const bool removes = intent.verb == Verb::remove && path.isAtOrBelow(*intent.source);
+    const bool overwrites = intent.verb == Verb::put && *intent.target == path;
+    if (removes || overwrites) result = std::max(result, std::optional(intent.until));
+  }
+  return result;
+}
+
+}  // namespace kestrowan::replica::plan

@@ -1,0 +1,149 @@
+#include "replica/plan/Settling.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace kestrowan::replica::plan {
+
+using namespace model;
+
+namespace {
+
+/// In a state of the provider, the folder `from` is now `to`.
+std::optional<There> inFolder(std::optional<There> state, ItemNumber from, ItemNumber to) {
+  if (state && state->place.folder == from) state->place.folder = to;
+  return state;
+}
+
+/// `to` becomes what `from` is at the provider, with all that is in it; `from` is no more.
+void give(Edit& edit, ItemNumber from, ItemNumber to) {
+  const auto there = edit->item(from).there();
+  for (const Item* child : edit->thereIn(from)) {
+    edit.setThere(child->number(), inFolder(child->there(), from, to));
+    edit.setAgreed(child->number(), inFolder(child->agreed(), from, to));
+  }
+  // What is gone there is in no folder there, but may agree with one.
+  const auto unmerged = edit->unmerged();
+  for (const ItemNumber number : unmerged) {
+    edit.setAgreed(number, inFolder(edit->item(number).agreed(), from, to));
+  }
+  edit.drop(from);
+  edit.setThere(to, there);
+  edit.setAgreed(to, there);
+}
+
+void recognise(Edit& edit, const Item& item, ItemNumber asker) {
+  const ItemNumber number = item.number();
+  if (item.isFolder()) {
+    // A folder has no version that tells: it is explained once.
+    const Path path = edit->therePath(item);
+    const auto intents = edit->intents();
+    for (const Intent& intent : intents) {
+      if (intent.verb == Verb::makeFolder && intent.target == path) edit.end(intent.number);
+    }
+  }
+  const Item* other = edit->find(asker);
+  const bool isForOther = other && other != &item && !other->there() &&
+                          other->kind() == item.kind() && !item.here() && !item.agreed();
+  if (isForOther) {
+    give(edit, number, asker);
+  } else {
+    edit.setAgreed(number, item.there());
+  }
+}
+
+/// Of what is made anew the provider has nothing, nor of what is in it and gone there too.
+void forgetAgreed(Edit& edit, ItemNumber number) {
+  edit.setAgreed(number, std::nullopt);
+  for (const Item* child : edit->hereIn(number)) {
+    if (child->there()) continue;
+    if (child->isFile() && child->here()->content == Content::none) {
+      edit.drop(child->number());
+    } else {
+      forgetAgreed(edit, child->number());
+    }
+  }
+}
+
+/// What is shown here is what the provider has now.
+void pull(Edit& edit, const Item& item) {
+  There agreed = *item.there();
+  if (item.agreed()) agreed.place = item.agreed()->place;
+  edit.setHere(item.number(), Here{item.here()->place, agreed.content});
+  edit.setAgreed(item.number(), std::move(agreed));
+}
+
+void layBeside(Edit& edit, const Item& item, const Place& place) {
+  const ItemNumber copy = edit.make(Kind::file);
+  edit.setHere(copy, Here{place, item.here()->content});
+  // What waits for these bytes to arrive waits for the copy now.
+  const auto following = edit->following();
+  for (const ItemNumber number : following) {
+    const auto& after = edit->item(number).after();
+    if (std::binary_search(after.begin(), after.end(), item.number())) edit.addAfter(number, copy);
+  }
+  pull(edit, item);
+}
+
+/// The item becomes the new contents of the other one, whose place it takes. What stood for it
+/// elsewhere is to be removed after it has arrived.
+void takePlace(Edit& edit, const Item& item, const Item& other) {
+  const ItemNumber number = item.number();
+  const ItemNumber otherNumber = other.number();
+  const auto there = item.there();
+  const auto agreed = item.agreed();
+  const auto otherThere = other.there();
+  edit.setAgreed(number, other.agreed());
+  edit.setAgreed(otherNumber, agreed);
+  edit.setThere(otherNumber, std::nullopt);
+  edit.setThere(number, otherThere);
+  edit.setThere(otherNumber, there);
+  edit.addAfter(otherNumber, number);
+}
+
+void endIntents(Edit& edit) {
+  const auto intents = edit->intents();
+  for (const Intent& intent : intents) {
+    if (intent.over) edit.end(intent.number);
+  }
+}
+
+}  // namespace
+
+void settle(Edit& edit, const Settle& step) {
+  if (step.resolution == Resolution::end) return endIntents(edit);
+  const Item& item = edit->item(step.item);
+  switch (step.resolution) {
+    case Resolution::drop:
+    case Resolution::forget:
+      return edit.drop(step.item);
+    case Resolution::own:
+      return recognise(edit, item, step.other);
+    case Resolution::back:
+      edit.setAgreed(step.item, std::nullopt);
+      return edit.clearAfter(step.item);
+    case Resolution::show:
+      edit.setHere(step.item, Here{item.there()->place, item.there()->content});
+      return edit.setAgreed(step.item, item.there());
+    case Resolution::join:
+      return give(edit, step.other, step.item);
+    case Resolution::aside:
+      return edit.setHere(step.item, Here{step.place, item.here()->content});
+    case Resolution::anew:
+      return forgetAgreed(edit, step.item);
+    case Resolution::agree:
+      return edit.setAgreed(step.item, item.there());
+    case Resolution::pull:
+      return pull(edit, item);
+    case Resolution::beside:
+      return layBeside(edit, item, step.place);
+    case Resolution::take:
+      return takePlace(edit, item, edit->item(step.other));
+    case Resolution::end:
+      return;
+  }
+}
+
+}  // namespace kestrowan::replica::plan
