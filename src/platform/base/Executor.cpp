@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "platform/base/Threads.h"
+#include "platform/foundation/NSError.h"
+
 namespace kestrowan {
 
 namespace {
@@ -13,7 +16,14 @@ constexpr unsigned kMaximumThreads = 4;
 
 Executor::Executor(unsigned threadCount) {
   threads_.reserve(threadCount);
-  for (unsigned i = 0; i < threadCount; ++i) threads_.emplace_back([this] { run(); });
+  try {
+    while (threads_.size() < threadCount) {
+      threads_.push_back(startThread("the executor", [this] { run(); }));
+    }
+  } catch (const NSError&) {
+    // Fewer do the same work.
+    if (threads_.empty()) throw;
+  }
 }
 
 Executor::~Executor() {
@@ -35,7 +45,8 @@ Executor& Executor::shared() {
 void Executor::post(std::coroutine_handle<> handle) {
   {
     std::lock_guard lock(mutex_);
-    queue_.push_back(handle);
+    // Whatever waits for this coroutine would wait for ever.
+    untilThereIsMemory([&] { queue_.push_back(handle); });
   }
   posted_.notify_one();
 }
@@ -48,7 +59,7 @@ void Executor::run() {
     auto handle = queue_.front();
     queue_.pop_front();
     lock.unlock();
-    handle.resume();
+    guarded("the executor", [&] { handle.resume(); });
     lock.lock();
   }
 }

@@ -12,9 +12,10 @@ namespace kestrowan {
 /// A few threads that resume coroutines in the order in which they were posted.
 ///
 /// The process has one, `shared()`, made on first use and never destroyed. Safe from every thread.
-/// Coroutines must not block its threads; a coroutine that throws out of its frame is fatal.
+/// Coroutines must not block its threads. One that throws out of its frame is a line in the log.
 class Executor {
  public:
+  /// Makes fewer threads when the system gives no more; throws `NSError` when it gives none.
   explicit Executor(unsigned threadCount);
   Executor(const Executor&) = delete;
   Executor& operator=(const Executor&) = delete;

@@ -4,10 +4,13 @@
 #include <cstddef>
 #include <mutex>
 #include <new>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "platform/base/Executor.h"
-#include "platform/base/Fatal.h"
+#include "platform/base/Threads.h"
+#include "platform/foundation/CaughtError.h"
 
 namespace kestrowan {
 
@@ -58,9 +61,7 @@ struct Detached {
     std::suspend_never initial_suspend() const noexcept { return {}; }
     std::suspend_never final_suspend() const noexcept { return {}; }
     void return_void() const noexcept {}
-    void unhandled_exception() const noexcept {
-      fatalError("an error left a background task unhandled");
-    }
+    void unhandled_exception() const noexcept { logEscaped("a background task"); }
   };
 };
 
@@ -70,6 +71,21 @@ Detached run(Task<void> task) {
 }
 
 }  // namespace
+
+std::exception_ptr detail::currentException() noexcept {
+  auto caught = std::current_exception();
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return std::make_exception_ptr(asError(caught));
+  } catch (const std::length_error&) {
+    return std::make_exception_ptr(asError(caught));
+  } catch (const std::system_error&) {
+    return std::make_exception_ptr(asError(caught));
+  } catch (...) {
+    return caught;
+  }
+}
 
 void startDetached(Task<void> task) {
   run(std::move(task));

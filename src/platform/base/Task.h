@@ -24,13 +24,17 @@ struct FinalAwaiter {
   void await_resume() const noexcept {}
 };
 
+/// The exception that is being handled; one for which there was no memory, or which the system
+/// threw, as the `NSError` that it stands for, so that those who await need to know of no other.
+std::exception_ptr currentException() noexcept;
+
 struct TaskPromiseBase {
   std::coroutine_handle<> continuation;
   std::exception_ptr exception;
 
   std::suspend_always initial_suspend() const noexcept { return {}; }
   FinalAwaiter final_suspend() const noexcept { return {}; }
-  void unhandled_exception() noexcept { exception = std::current_exception(); }
+  void unhandled_exception() noexcept { exception = currentException(); }
 };
 
 template <typename T>
@@ -106,7 +110,7 @@ inline Task<void> TaskPromise<void>::get_return_object() {
 }  // namespace detail
 
 /// Starts `task` as a background task of its own on the shared executor and returns at once.
-/// An exception that leaves the task is fatal: the task must handle its errors itself.
+/// The task must handle its errors itself: one that leaves it is a line in the log.
 void startDetached(Task<void> task);
 
 /// Waits until no background task is left, frames and what they held included, for at most `limit`;
