@@ -8,8 +8,6 @@ namespace kestrowan::replica {
 
 namespace {
 
-constexpr std::size_t kMostPending = 10000;
-
 SyncState stateOf(const Item& item) {
   if (item.localOnly) return SyncState::localOnly;
   if (!item.isPending()) return SyncState::synced;
@@ -47,33 +45,47 @@ ItemStatus Replica::Implementation::itemStatus(const Item& item) const {
   return status;
 }
 
-Status Replica::Implementation::status() const {
+/// The items that are not synced, at most `limit` of them, in the order of their changes.
+std::vector<ItemStatus> Replica::Implementation::pendingItems(std::size_t limit) const {
+  std::vector<std::pair<std::uint64_t, ItemPtr>> found;
+  if (limit == 0) return {};
+  found.reserve(core.tally.pending().size());
+  for (const auto& [rid, bytes] : core.tally.pending()) {
+    if (auto item = core.table.find(rid)) {
+      const std::uint64_t order = item->sync ? item->sync->order : 0;
+      found.emplace_back(order, std::move(item));
+    }
+  }
+  const auto end = found.begin() + static_cast<std::ptrdiff_t>(std::min(limit, found.size()));
+  std::partial_sort(found.begin(), end, found.end());
+  std::vector<ItemStatus> items;
+  for (auto at = found.begin(); at != end; ++at) items.push_back(itemStatus(*at->second));
+  return items;
+}
+
+Cost Replica::Implementation::cost() const {
+  std::lock_guard lock(core.mutex);
+  return {.visitsOfAllItems = core.table.visits(),
+          .readingsOfRecovery = core.contents.readingsOfRecovery()};
+}
+
+Status Replica::Implementation::status(std::size_t limit) const {
   Status status;
+  const auto recovered = core.contents.recoveryUsage();
+  status.recoveredFiles = recovered.files;
+  status.recoveredBytes = recovered.bytes;
   std::lock_guard lock(core.mutex);
   status.offline = health.isOffline();
   status.unanswered = health.unanswered();
   status.held = health.held();
-  std::vector<std::pair<std::uint64_t, const Item*>> pending;
-  core.table.forEach([&](const ItemPtr& item) {
-    if (item->gone) return;
-    ++status.itemCount;
-    if (!item->isPending()) return;
-    ++status.pendingCount;
-    if (item->contentsChanged && !item->removed) status.pendingBytes += item->size;
-    pending.emplace_back(item->sync ? item->sync->order : 0, item.get());
-  });
-  std::sort(pending.begin(), pending.end());
-  for (const auto& entry : pending) {
-    if (status.pending.size() == kMostPending) break;
-    status.pending.push_back(itemStatus(*entry.second));
-  }
-  const auto cached = fetcher.cached();
+  status.itemCount = static_cast<std::int64_t>(core.table.sizeOfTree());
+  status.pendingCount = static_cast<std::int64_t>(core.tally.pending().size());
+  status.pendingBytes = core.tally.pendingBytes();
+  status.pending = pendingItems(limit);
+  const auto cached = core.tally.cached();
   status.cachedFiles = cached.files;
   status.cachedBytes = cached.bytes;
   status.fetching = fetcher.inFlight();
-  const auto recovered = core.contents.recoveryUsage();
-  status.recoveredFiles = recovered.files;
-  status.recoveredBytes = recovered.bytes;
   status.conflicts = core.conflicts;
   status.refusedEntries = core.refusedEntries;
   return status;

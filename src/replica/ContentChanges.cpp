@@ -111,6 +111,7 @@ void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& co
     item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
   }
   item->lastWrite = core.uptime();
+  core.tally.note(*item);
 }
 
 /// Makes the item's contents empty, without a look at what they were.

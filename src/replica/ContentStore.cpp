@@ -13,6 +13,7 @@
 #include <optional>
 #include <system_error>
 
+#include "platform/base/Threads.h"
 #include "replica/StoreFiles.h"
 
 namespace kestrowan::replica {
@@ -61,6 +62,7 @@ ContentStore::ContentStore(const std::string& directory)
   }
   if (made) syncDirectory(directory);
   for (const auto& name : namesIn(temporary_)) removeTree(temporary_ + "/" + name);
+  readRecovery();
 }
 
 std::string ContentStore::path(ContentNumber number) const {
@@ -112,7 +114,7 @@ void ContentStore::remove(ContentNumber number) {
 }
 
 void ContentStore::removeIfPossible(ContentNumber number) noexcept {
-  ::unlink(path(number).c_str());
+  guarded("the removal of contents", [&] { ::unlink(path(number).c_str()); });
 }
 
 std::vector<ContentNumber> ContentStore::numbers() const {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,13 +49,17 @@ class ContentStore {
   /// person removes it; gives its path.
   std::string recoverAll(std::int64_t at);
   /// Removes the oldest recovered files beyond `bytes` in sum, and those from before `before`
-  /// (seconds since 1970-01-01 UTC).
+  /// (seconds since 1970-01-01 UTC). Reads the recovery area.
   void trimRecovery(std::int64_t bytes, std::int64_t before);
   struct Usage {
     std::int64_t files = 0;
     std::int64_t bytes = 0;
   };
+  /// What lies in the recovery area, as far as this object knows: exact when the area was read
+  /// last, and kept up with what it put there and took away since. Reads no disk.
   Usage recoveryUsage() const;
+  /// How often the recovery area has been read.
+  std::int64_t readingsOfRecovery() const { return recoveryReadings_; }
 
   /// A private directory on the same file system, for files that `adopt` will take. Emptied by the
   /// constructor.
@@ -77,6 +82,19 @@ class ContentStore {
   /// How many contents were made, and how many of these are known to be durable by name.
   std::atomic<std::uint64_t> made_ = 1;
   std::atomic<std::uint64_t> durable_ = 0;
+
+  struct RecoveredFile {
+    /// Seconds since 1970-01-01 UTC.
+    std::int64_t at = 0;
+    std::string path;
+    std::int64_t size = 0;
+  };
+  std::vector<RecoveredFile> readRecovery();
+  void addRecovered(std::int64_t files, std::int64_t bytes);
+
+  mutable std::mutex usageMutex_;  // guards what follows
+  Usage recoveryUsage_;
+  std::atomic<std::int64_t> recoveryReadings_ = 0;
 };
 
 }  // namespace kestrowan::replica

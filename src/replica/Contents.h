@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 
@@ -17,6 +18,8 @@ struct Contents {
   std::shared_mutex mutex;
   /// Held, before `mutex`, by whoever makes the file one that may be changed.
   std::mutex preparing;
+  /// That of its descriptor among those of programs.
+  std::shared_ptr<void> place;
   UniqueFd file;
   ContentNumber number = 0;
   /// How often the file has been frozen. Under `mutex`.

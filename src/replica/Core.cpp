@@ -29,6 +29,7 @@ Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
       contents(directory),
       provider(loop, {options.metadataCalls, options.downloads, options.uploads}),
       rows(store, loop, mutex),
+      places(options.openFiles),
       random(std::random_device()()) {}
 
 ItemPtr Core::require(Rid rid) const {
@@ -150,6 +151,7 @@ void Core::forgetSent(const ItemPtr& item) {
 void Core::dropItem(const ItemPtr& item) {
   forgetSent(item);
   table.detach(item);
+  tally.note(*item);
   rows.remove(item->rid);
   if (dropped) dropped(item);
   releaseIfUnused(item);

@@ -14,6 +14,7 @@
 
 #include "platform/foundation/Logger.h"
 #include "replica/ContentStore.h"
+#include "replica/FilePlaces.h"
 #include "replica/GatedLoop.h"
 #include "replica/ItemTable.h"
 #include "replica/Loop.h"
@@ -22,6 +23,7 @@
 #include "replica/ProviderCalls.h"
 #include "replica/Replica.h"
 #include "replica/Rows.h"
+#include "replica/Tally.h"
 #include "replica/sqlite/ItemStore.h"
 
 namespace kestrowan::replica {
@@ -48,6 +50,8 @@ struct Core {
   mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`
   Rows rows;
   ItemTable table;
+  Tally tally;
+  FilePlaces places;
   Observer* observer = nullptr;
   Sequence sequence = 0;
   bool refusesNewWork = false;
@@ -89,7 +93,10 @@ struct Core {
   ItemPtr makeItem(Rid parent, std::string name, ItemKind kind);
   FolderRuntime& folder(const ItemPtr& item);
   SyncRuntime& sync(const ItemPtr& item);
-  void save(const ItemPtr& item) { rows.save(item); }
+  void save(const ItemPtr& item) {
+    tally.note(*item);
+    rows.save(item);
+  }
   /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
   void dropItem(const ItemPtr& item);
   /// Removes contents that a row named, once a power failure cannot bring that row back.

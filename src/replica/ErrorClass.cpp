@@ -1,6 +1,7 @@
 #include "replica/ErrorClass.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "platform/fileprovider/NSFileProviderError.h"
 
@@ -51,6 +52,20 @@ ErrorClass fileProviderClass(std::int64_t code) {
   }
 }
 
+ErrorClass posixClass(std::int64_t code) {
+  switch (code) {
+    // What this machine lacks for the moment says nothing of the change.
+    case EAGAIN:
+    case EINTR:
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+      return ErrorClass::transient;
+    default:
+      return ErrorClass::refused;
+  }
+}
+
 ErrorClass cocoaClass(std::int64_t code) {
   switch (code) {
     case NSFileWriteFileExistsError:
@@ -95,7 +110,7 @@ milliseconds doubled(std::uint32_t number, std::int64_t longest) {
 
 ErrorClass errorClass(const NSError& error) {
   if (error.domain() == NSFileProviderErrorDomain) return fileProviderClass(error.code());
-  if (error.domain() == NSPOSIXErrorDomain) return ErrorClass::refused;
+  if (error.domain() == NSPOSIXErrorDomain) return posixClass(error.code());
   if (error.domain() == NSCocoaErrorDomain) return cocoaClass(error.code());
   if (error.domain() == NSURLErrorDomain) return urlClass(error.code());
   return ErrorClass::transient;

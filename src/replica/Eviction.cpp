@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "platform/foundation/CaughtError.h"
 #include "replica/Fetcher.h"
 
 namespace kestrowan::replica {
@@ -18,16 +19,6 @@ constexpr std::int64_t kLeftoverAge = 3600;
 bool Fetcher::isEvictable(const Item& item) {
   return !item.gone && item.content != 0 && item.base && !item.isPending() && !item.isSending() &&
          !item.localOnly && !item.pinned && item.handles == 0 && !item.removed;
-}
-
-ContentStore::Usage Fetcher::cached() const {
-  ContentStore::Usage usage;
-  core_.table.forEach([&](const ItemPtr& item) {
-    if (item->content == 0 || item->gone || !item->base || item->contentsChanged) return;
-    ++usage.files;
-    usage.bytes += item->size;
-  });
-  return usage;
 }
 
 std::int64_t Fetcher::cacheLimit() const {
@@ -57,7 +48,7 @@ void Fetcher::makeRoom(std::int64_t needed) {
     *cachedAtMost_ += needed;
     return;
   }
-  const ContentStore::Usage usage = cached();
+  const ContentStore::Usage usage = core_.tally.cached();
   if (needed > 0 && free + usage.bytes - needed < freeSpaceFloor()) {
     // Giving up everything would not be enough.
     throw posixError(ENOSPC);
@@ -86,15 +77,38 @@ void Fetcher::makeRoom(std::int64_t needed) {
   }
 }
 
+/// Gives `action` what it throws a line in the log for.
+void Fetcher::keepLimit(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (...) {
+    const auto error = caughtError();
+    std::lock_guard lock(core_.mutex);
+    core_.log("the limits of the disk cannot be kept", *core_.table.find(kRootRid),
+              error.localizedDescription());
+  }
+}
+
 void Fetcher::keepLimits() {
   using std::chrono::seconds;
-  core_.recoverRest();
-  makeRoom(0);
-  core_.contents.trimRecovery(
-      core_.options.recoveryLimit,
-      core_.seconds() - std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
-  core_.contents.sweepTemporary(core_.seconds() - kLeftoverAge);
-  if (core_.sending.empty() && inFlight_ == 0 && core_.rows.areWritten()) core_.store.compact();
+  keepLimit([this] {
+    std::lock_guard lock(core_.mutex);
+    core_.recoverRest();
+    makeRoom(0);
+  });
+  // There may be many files, which nobody must wait for.
+  keepLimit([this] {
+    core_.contents.trimRecovery(
+        core_.options.recoveryLimit,
+        core_.seconds() - std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
+  });
+  keepLimit([this] { core_.contents.sweepTemporary(core_.seconds() - kLeftoverAge); });
+  keepLimit([this] {
+    std::lock_guard lock(core_.mutex);
+    if (core_.sending.empty() && inFlight_ == 0 && core_.rows.areWritten()) {
+      core_.store.compact();
+    }
+  });
 }
 
 void Fetcher::watchLimits() {
@@ -102,13 +116,8 @@ void Fetcher::watchLimits() {
     {
       std::lock_guard lock(core_.mutex);
       if (core_.stopped) return;
-      try {
-        keepLimits();
-      } catch (const NSError& error) {
-        core_.log("the limits of the disk cannot be kept", *core_.table.find(kRootRid),
-                  error.localizedDescription());
-      }
     }
+    keepLimits();
     watchLimits();
   });
 }

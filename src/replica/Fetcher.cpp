@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
 #include "replica/LoopTask.h"
 #include "replica/PendingCall.h"
@@ -79,11 +80,15 @@ Task<void> Fetcher::run(ItemPtr item) {
     std::lock_guard lock(core_.mutex);
     try {
       if (item->base) makeRoom(item->base->size);
-    } catch (const NSError& full) {
-      error = full;
+    } catch (...) {
+      error = caughtError();
     }
   }
-  if (!error) error = co_await attempt(item);
+  try {
+    if (!error) error = co_await attempt(item);
+  } catch (...) {
+    error = caughtError();
+  }
   std::lock_guard lock(core_.mutex);
   finish(item, error);
 }
@@ -196,10 +201,10 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     setModified(core_.contents.path(number), item->modified);
     core_.setBase(item, std::move(base));
     if (sizeChanged) core_.itemChanged(item->rid, false);
-  } catch (const NSError& error) {
+  } catch (...) {
     item->content = 0;
     if (number != 0) core_.contents.removeIfPossible(number);
-    return error;
+    return caughtError();
   }
   return std::nullopt;
 }

@@ -23,8 +23,6 @@ class Fetcher {
 
   /// Gives space back until `needed` bytes more fit. Locked; throws ENOSPC when they do not.
   void makeRoom(std::int64_t needed);
-  /// Contents that could be fetched again: their number and bytes. Locked.
-  ContentStore::Usage cached() const;
   /// Whether contents could be given back now. Locked.
   static bool isEvictable(const Item& item);
   /// Gives contents back. Locked.
@@ -34,6 +32,7 @@ class Fetcher {
 
  private:
   void keepLimits();
+  void keepLimit(const std::function<void()>& action);
   void begin(const ItemPtr& item);
   ItemPtr moverOf(const Item& item) const;
   Task<void> untilItStays(ItemPtr item);
@@ -48,7 +47,7 @@ class Fetcher {
   Core& core_;
   Health& health_;
   std::int64_t inFlight_ = 0;
-  /// At most so much is cached; exact after every look at all items.
+  /// At most so much is cached, what is being fetched included.
   std::optional<std::int64_t> cachedAtMost_;
 };
 

@@ -41,6 +41,8 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
     if (item->isFolder()) throw posixError(EISDIR);
     if (mode.write) core.requireNewWork();
     if (mode.write && !core.mayWrite(*item)) throw posixError(EACCES);
+    // Before anything is fetched, or made empty.
+    if (item->contents.expired()) core.places.require();
     if (item->base && !item->removed && !item->gone) folder = core.table.find(item->base->parent);
   }
   auto open = [this, item, mode, completion = std::move(completion)](const Outcome<Done>&) {
@@ -123,6 +125,7 @@ std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, boo
   auto contents = item->contents.lock();
   if (!contents) {
     contents = std::make_shared<Contents>();
+    contents->place = core.places.take();
     contents->file = core.contents.open(item->content);
     contents->number = item->content;
     contents->frozen = core.areNeeded(*item, item->content);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
 #include "replica/LoopTask.h"
 
@@ -11,6 +12,12 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr unsigned kFailuresUntilDown = 3;
+/// The transport's codes from here on are about local files.
+constexpr std::int64_t kFirstFileCode = NSURLErrorCannotCreateFile;
+
+bool isOfThisMachine(const NSError& error) {
+  return error.domain() == NSURLErrorDomain && error.code() <= kFirstFileCode;
+}
 
 }  // namespace
 
@@ -45,6 +52,8 @@ void Health::begin() {
 
 void Health::note(const std::optional<NSError>& error) {
   if (core_.stopped || state_ == State::absent) return;
+  // A file that could not be written or read here says nothing of the server.
+  if (error && isOfThisMachine(*error)) return;
   const auto kind = error ? std::optional(errorClass(*error)) : std::nullopt;
   if (kind == ErrorClass::held) {
     open(State::held, *error);
@@ -79,22 +88,28 @@ void Health::scheduleProbe() {
 
 Task<void> Health::probe() {
   NSFileProviderItemIdentifier root(NSFileProviderRootContainerItemIdentifier);
-  const auto outcome = co_await core_.provider.list(std::move(root));
+  std::optional<NSError> failure;
+  try {
+    const auto outcome = co_await core_.provider.list(std::move(root));
+    if (!outcome.succeeded()) failure = outcome.error();
+  } catch (...) {
+    failure = caughtError();
+  }
   std::lock_guard lock(core_.mutex);
   probing_ = false;
   if (core_.stopped || state_ == State::up) co_return;
-  if (outcome.succeeded()) {
+  if (!failure) {
     begin();
     answered_ = true;
     co_return;
   }
-  const auto kind = errorClass(outcome.error());
+  const auto kind = errorClass(*failure);
   if (kind == ErrorClass::held) {
     state_ = State::held;
-    error_ = outcome.error();
+    error_ = failure;
   } else if (kind == ErrorClass::down) {
     state_ = State::down;
-    error_ = outcome.error();
+    error_ = failure;
   }
   scheduleProbe();
 }

@@ -57,7 +57,8 @@ class Replica::Implementation {
   void rename(Move move, Completion<Done> completion);
 
   void find(std::string path, Completion<Rid> completion);
-  Status status() const;
+  Status status(std::size_t limit) const;
+  Cost cost() const;
   ItemStatus itemStatus(const Item& item) const;
   EvictionResult evict(Rid item);
   void setPinned(Rid item, bool pinned);
@@ -109,6 +110,7 @@ class Replica::Implementation {
   struct FetchWaiter;
   void watchFetch(const std::shared_ptr<FetchWaiter>& waiter);
   std::vector<ItemPtr> subtree(const ItemPtr& item) const;
+  std::vector<ItemStatus> pendingItems(std::size_t limit) const;
   void discardOne(const ItemPtr& item);
 
   Replica& replica_;

@@ -85,6 +85,7 @@ std::size_t ItemTable::serverChildCount(Rid folder) const {
 }
 
 void ItemTable::forEach(const std::function<void(const ItemPtr&)>& use) const {
+  ++visits_;
   for (const auto& item : byRid_) use(item);
 }
 
@@ -120,7 +121,9 @@ void ItemTable::erase(const ItemPtr& item) {
   hide(item);
   if (item->base) remove(atProvider_, item->base->parent, item->base->name, item);
   const auto found = byRid_.find(item->rid);
-  if (found != byRid_.end()) byRid_.erase(found);
+  if (found == byRid_.end()) return;
+  if (item->gone) --outside_;
+  byRid_.erase(found);
 }
 
 void ItemTable::place(const ItemPtr& item, Rid parent, std::string name) {
@@ -139,7 +142,7 @@ void ItemTable::setRemoved(const ItemPtr& item, bool removed) {
 void ItemTable::detach(const ItemPtr& item) {
   setBase(item, std::nullopt);
   hide(item);
-  item->gone = true;
+  if (!std::exchange(item->gone, true)) ++outside_;
 }
 
 void ItemTable::setBase(const ItemPtr& item, std::optional<Base> base) {

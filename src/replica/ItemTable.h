@@ -29,7 +29,11 @@ class ItemTable {
   bool hasChildren(Rid folder) const;
   std::size_t serverChildCount(Rid folder) const;
   std::size_t size() const { return byRid_.size(); }
+  /// How many are in the tree, the root included.
+  std::size_t sizeOfTree() const { return byRid_.size() - outside_; }
   void forEach(const std::function<void(const ItemPtr&)>& use) const;
+  /// How often all items have been visited.
+  std::int64_t visits() const { return visits_; }
 
   /// Adds an item; it is found by its places unless it is removed (then only by the provider's).
   void add(const ItemPtr& item);
@@ -87,6 +91,9 @@ class ItemTable {
   std::unordered_set<ItemPtr, ByRid, ByRid> byRid_;
   Index<visibleName> visible_;
   Index<providerName> atProvider_;
+  /// How many were taken out of the tree and are still known.
+  std::size_t outside_ = 0;
+  mutable std::int64_t visits_ = 0;
 };
 
 }  // namespace kestrowan::replica

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
 #include "replica/LoopTask.h"
 
@@ -176,6 +177,19 @@ void Lister::begin(const ItemPtr& folder) {
 }
 
 Task<void> Lister::run(ItemPtr folder) {
+  std::optional<NSError> problem;
+  try {
+    co_await ask(folder);
+  } catch (...) {
+    problem = caughtError();
+  }
+  if (!problem) co_return;
+  std::lock_guard lock(core_.mutex);
+  core_.log("cannot be listed", *folder, problem->localizedDescription());
+  if (core_.folder(folder).listing) finish(folder, *problem);
+}
+
+Task<void> Lister::ask(ItemPtr folder) {
   NSFileProviderItemIdentifier identifier;
   Sequence begun = 0;
   const std::int64_t at = core_.milliseconds();
@@ -190,6 +204,12 @@ Task<void> Lister::run(ItemPtr folder) {
     begun = ++core_.sequence;
   }
   auto outcome = co_await core_.provider.list(identifier);
+  // Of a large folder that takes long, which nobody must wait for.
+  std::shared_ptr<Listing> listing;
+  if (outcome.succeeded()) {
+    listing = std::make_shared<Listing>(outcome.value(), folder->rid, identifier, core_.options);
+    outcome.value().clear();
+  }
 
   std::unique_lock lock(core_.mutex);
   if (core_.stopped) {
@@ -219,10 +239,8 @@ Task<void> Lister::run(ItemPtr folder) {
     finish(folder, posixError(ESTALE));
     co_return;
   }
-  auto listing = std::make_shared<Listing>(outcome.value(), folder->rid, identifier, core_.options);
   listing->begun = begun;
   core_.refusedEntries += static_cast<std::int64_t>(listing->refused);
-  outcome.value().clear();
   core_.folder(folder).lastDuration = core_.uptime() - uptime;
   try {
     if (apply(folder, *listing)) {
@@ -246,8 +264,12 @@ Task<void> Lister::lookForFolder(ItemPtr folder, NSError error) {
   }
   std::optional<NSError> verdict;
   if (parent) {
-    const auto outcome = co_await listed(parent);
-    if (!outcome.succeeded()) verdict = outcome.error();
+    try {
+      const auto outcome = co_await listed(parent);
+      if (!outcome.succeeded()) verdict = outcome.error();
+    } catch (...) {
+      verdict = caughtError();
+    }
   }
   std::lock_guard lock(core_.mutex);
   if (!verdict) {

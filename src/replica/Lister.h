@@ -61,6 +61,7 @@ class Lister {
   bool isFresh(const Item& folder, std::int64_t within) const;
   void begin(const ItemPtr& folder);
   Task<void> run(ItemPtr folder);
+  Task<void> ask(ItemPtr folder);
   void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
   void listLater(const ItemPtr& folder, std::chrono::milliseconds delay);
   void watch(const ItemPtr& folder);

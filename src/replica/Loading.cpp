@@ -40,6 +40,7 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
   // The loop may run what is posted here at once.
   std::lock_guard lock(core.mutex);
   load();
+  core.table.forEach([this](const ItemPtr& item) { core.tally.note(*item); });
   sender.restore();
   fetcher.watchLimits();
 }

@@ -7,7 +7,8 @@
 namespace kestrowan::replica {
 
 /// One thread's worth of work in order, and the time: the seam through which the replica waits.
-/// Calls may come from every thread; the functions run one at a time, never inside a call.
+/// Calls may come from every thread; the functions run one at a time, never inside a call. What a
+/// function throws is a line in the log.
 /// The loop must outlive whatever posts to it.
 class Loop {
  public:

@@ -5,6 +5,8 @@
 
 #include <utility>
 
+#include "platform/base/Threads.h"
+
 namespace kestrowan::replica {
 
 namespace {
@@ -32,7 +34,7 @@ class BlockedSignals {
 
 LoopThread::LoopThread() {
   const BlockedSignals blocked;
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread("the loop", [this] { run(); });
 }
 
 LoopThread::~LoopThread() {
@@ -47,7 +49,8 @@ LoopThread::~LoopThread() {
 void LoopThread::post(Function function) {
   {
     std::lock_guard lock(mutex_);
-    posted_.push_back(std::move(function));
+    // Whatever waits for it would wait for ever.
+    untilThereIsMemory([&] { posted_.push_back(std::move(function)); });
   }
   changed_.notify_one();
 }
@@ -107,7 +110,7 @@ void LoopThread::run() noexcept {
   std::unique_lock lock(mutex_);
   while (auto function = takeNext(lock)) {
     lock.unlock();
-    function();
+    guarded("the loop", function);
     function = nullptr;
     lock.lock();
   }

@@ -11,7 +11,7 @@
 namespace kestrowan::replica {
 
 /// The loop of a running program: one thread of its own, and the system's clocks. The thread takes
-/// no signals but those of its own faults. A function that throws ends the process.
+/// no signals but those of its own faults. What a function throws is a line in the log.
 class LoopThread : public Loop {
  public:
   LoopThread();

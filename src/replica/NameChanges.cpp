@@ -76,6 +76,7 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
       item->modified = core.milliseconds() * 1'000'000;
       item->localOnly = staysHere(name, ItemKind::file);
       item->pinned = folder->pinned;
+      core.places.require();
       item->content = core.store.nextNumber();
       core.contents.create(item->content);
       item->contentsChanged = true;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "replica/Implementation.h"
 
 namespace kestrowan::replica {
@@ -14,7 +15,7 @@ OpenFile::OpenFile(Replica& replica, std::shared_ptr<Item> item, std::shared_ptr
       writable_(writable) {}
 
 OpenFile::~OpenFile() {
-  replica_.implementation_->closed(*this);
+  guarded("the close of a file", [this] { replica_.implementation_->closed(*this); });
 }
 
 Rid OpenFile::rid() const {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -49,6 +50,9 @@ struct Options {
   std::chrono::hours recoveryTime{7 * 24};
   /// Contents used within this time are not evicted to make room.
   std::chrono::seconds evictionAge{600};
+
+  /// How many files programs may have open at once; 0 for any number.
+  std::size_t openFiles = 0;
 
   unsigned metadataCalls = 8;
   unsigned downloads = 4;

@@ -30,8 +30,10 @@ class PendingCall : public AbandonableCall {
   bool complete(Outcome<T> outcome) {
     std::lock_guard lock(mutex_);
     if (outcome_) return false;
+    // First, because it may find no memory. Who is resumed waits for this lock.
+    if (waiter_) loop_.post([waiter = waiter_] { waiter.resume(); });
+    waiter_ = nullptr;
     outcome_.emplace(std::move(outcome));
-    if (auto waiter = std::exchange(waiter_, nullptr)) loop_.post([waiter] { waiter.resume(); });
     return true;
   }
 

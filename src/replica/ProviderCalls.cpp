@@ -5,7 +5,9 @@
 #include <chrono>
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
 
 namespace kestrowan::replica {
 
@@ -62,6 +64,17 @@ WriteCompletion written(std::shared_ptr<PendingCall<WrittenItem>> call) {
       call->complete(WrittenItem{std::move(item), remaining, fetchAgain});
     }
   };
+}
+
+/// The call as the provider gets it: when the provider lets go of it unanswered, nobody knows what
+/// became of the request.
+template <typename T>
+std::shared_ptr<PendingCall<T>> asProviderHoldsIt(std::shared_ptr<PendingCall<T>> call) {
+  auto* const pointer = call.get();
+  return std::shared_ptr<PendingCall<T>>(pointer, [call = std::move(call)](PendingCall<T>*) {
+    guarded("a call of the provider",
+            [&] { call->complete(NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)); });
+  });
 }
 
 std::optional<NSURL> fileURL(const std::optional<std::string>& path) {
@@ -156,9 +169,9 @@ Task<Outcome<T>> ProviderCalls::call(Slots& slots, std::optional<std::chrono::mi
         *limit, [pending] { pending->complete(NSError(NSURLErrorDomain, NSURLErrorTimedOut)); });
   }
   try {
-    make(*provider, pending);
-  } catch (const NSError& error) {
-    pending->complete(error);
+    make(*provider, asProviderHoldsIt(pending));
+  } catch (...) {
+    pending->complete(caughtError());
   }
   auto outcome = co_await pending->result();
   if (timer) loop_.cancel(*timer);

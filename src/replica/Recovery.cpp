@@ -52,29 +52,9 @@ std::string harmlessName(std::string_view name) {
   return harmless;
 }
 
-struct RecoveredFile {
-  std::int64_t at = 0;
-  std::string path;
-  std::int64_t size = 0;
-};
-
-/// What `recover` put there and nobody renamed since; `folders` gets the folders of `recoverAll`.
-std::vector<RecoveredFile> recoveredFiles(const std::string& directory,
-                                          std::vector<std::string>* folders = nullptr) {
-  std::vector<RecoveredFile> files;
-  // It is a user's to look into, and perhaps to remove.
-  makePrivateDirectory(directory);
-  for (const auto& name : namesIn(directory)) {
-    const auto at = dateFromName(name);
-    auto path = directory + "/" + name;
-    struct stat status;
-    if (!at || ::lstat(path.c_str(), &status) != 0) continue;
-    if (S_ISREG(status.st_mode))
-      files.push_back({*at, std::move(path), status.st_size});
-    else if (S_ISDIR(status.st_mode) && folders)
-      folders->push_back(std::move(path));
-  }
-  return files;
+std::int64_t sizeOf(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0 ? status.st_size : 0;
 }
 
 /// Moves a file or folder into the recovery area under a name that is free there; gives its path.
@@ -97,8 +77,47 @@ std::string moveThere(const std::string& source, const std::string& directory,
 
 }  // namespace
 
+/// What `recover` put there and nobody renamed since. Counts it, and what `recoverAll` put there.
+std::vector<ContentStore::RecoveredFile> ContentStore::readRecovery() {
+  const Usage before = recoveryUsage();
+  Usage usage;
+  std::vector<RecoveredFile> files;
+  // It is a user's to look into, and perhaps to remove.
+  makePrivateDirectory(recovery_);
+  for (const auto& name : namesIn(recovery_)) {
+    const auto at = dateFromName(name);
+    auto path = recovery_ + "/" + name;
+    struct stat status;
+    if (!at || ::lstat(path.c_str(), &status) != 0) continue;
+    if (S_ISDIR(status.st_mode)) {
+      for (const auto& inside : namesIn(path)) {
+        ++usage.files;
+        usage.bytes += sizeOf(path + "/" + inside);
+      }
+    } else if (S_ISREG(status.st_mode)) {
+      ++usage.files;
+      usage.bytes += status.st_size;
+      files.push_back({*at, std::move(path), status.st_size});
+    }
+  }
+  ++recoveryReadings_;
+  std::lock_guard lock(usageMutex_);
+  // What came meanwhile was not seen.
+  recoveryUsage_.files += usage.files - before.files;
+  recoveryUsage_.bytes += usage.bytes - before.bytes;
+  return files;
+}
+
+void ContentStore::addRecovered(std::int64_t files, std::int64_t bytes) {
+  std::lock_guard lock(usageMutex_);
+  recoveryUsage_.files += files;
+  recoveryUsage_.bytes += bytes;
+}
+
 std::string ContentStore::recover(ContentNumber number, std::string_view name, std::int64_t at) {
-  return moveThere(path(number), recovery_, name, at);
+  auto kept = moveThere(path(number), recovery_, name, at);
+  addRecovered(1, sizeOf(kept));
+  return kept;
 }
 
 std::string ContentStore::recoverAll(std::int64_t at) {
@@ -106,11 +125,12 @@ std::string ContentStore::recoverAll(std::int64_t at) {
   makePrivateDirectory(contents_);
   syncDirectory(recovery_);
   syncDirectory(contents_.substr(0, contents_.rfind('/')));
+  readRecovery();
   return kept;
 }
 
 void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
-  auto files = recoveredFiles(recovery_);
+  auto files = readRecovery();
   std::sort(files.begin(), files.end(), [](const RecoveredFile& a, const RecoveredFile& b) {
     return a.at != b.at ? a.at > b.at : a.path > b.path;
   });
@@ -123,25 +143,13 @@ void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
       continue;
     }
     if (::unlink(file.path.c_str()) != 0 && errno != ENOENT) throw fileError(errno, file.path);
+    addRecovered(-1, -file.size);
   }
 }
 
 ContentStore::Usage ContentStore::recoveryUsage() const {
-  Usage usage;
-  std::vector<std::string> folders;
-  for (const auto& file : recoveredFiles(recovery_, &folders)) {
-    ++usage.files;
-    usage.bytes += file.size;
-  }
-  for (const auto& folder : folders) {
-    for (const auto& name : namesIn(folder)) {
-      struct stat status;
-      if (::lstat((folder + "/" + name).c_str(), &status) != 0) continue;
-      ++usage.files;
-      usage.bytes += status.st_size;
-    }
-  }
-  return usage;
+  std::lock_guard lock(usageMutex_);
+  return recoveryUsage_;
 }
 
 }  // namespace kestrowan::replica

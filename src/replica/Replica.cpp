@@ -210,8 +210,12 @@ void Replica::find(std::string_view path, Completion<Rid> completion) {
   implementation_->find(std::string(path), std::move(completion));
 }
 
-Status Replica::status() const {
-  return implementation_->status();
+Status Replica::status(std::size_t limit) const {
+  return implementation_->status(limit);
+}
+
+Cost Replica::cost() const {
+  return implementation_->cost();
 }
 
 void Replica::waitUntilSynced(std::chrono::milliseconds limit, Completion<Done> completion) {

@@ -149,7 +149,12 @@ class Replica {
   ItemStatus itemStatus(Rid item) const;
   /// The item at `path`, known here or not yet.
   void find(std::string_view path, Completion<Rid> completion);
-  Status status() const;
+  /// How things stand, with at most `limit` of the pending items. Counted beforehand: no item is
+  /// visited but those, and no disk is read.
+  Status status(std::size_t limit = kMostPending) const;
+  /// How many pending items a status names.
+  static constexpr std::size_t kMostPending = 10000;
+  Cost cost() const;
   /// Completes when both sides agree, with EIO when only refused changes are left, or with
   /// ETIMEDOUT after `limit`.
   void waitUntilSynced(std::chrono::milliseconds limit, Completion<Done> completion);

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <unordered_set>
 
+#include "platform/base/Threads.h"
+#include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::replica {
@@ -54,13 +56,18 @@ void Rows::write() {
     if (waiting_.capacity() > kKeptRoom) waiting_.shrink_to_fit();
     if (error_) replicaLog().error("the database can be written again", {});
     error_.reset();
-  } catch (const NSError& error) {
-    if (!error_) {
-      replicaLog().error("the database cannot be written: %{public}s",
-                         {error.localizedDescription()});
-    }
+  } catch (...) {
+    const auto error = caughtError();
+    const bool isNew = !error_;
     error_ = error;
-    tryLater();
+    // Whoever needs the rows written tries again besides.
+    guarded("the database", [&] {
+      if (isNew) {
+        replicaLog().error("the database cannot be written: %{public}s",
+                           {error.localizedDescription()});
+      }
+      tryLater();
+    });
   }
 }
 

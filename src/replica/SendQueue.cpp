@@ -2,6 +2,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/base/Threads.h"
+#include "platform/foundation/CaughtError.h"
 #include "replica/LoopTask.h"
 #include "replica/Sender.h"
 
@@ -120,8 +122,8 @@ void Sender::pump() {
   }
   while (!delayed_.empty() && delayed_.begin()->first <= now) {
     const auto item = core_.table.find(delayed_.begin()->second);
-    delayed_.erase(delayed_.begin());
     if (item) makeReady(item);
+    delayed_.erase(delayed_.begin());
   }
   if (health_.isUp()) {
     startReady(readyNames_, namesRunning_, core_.options.metadataCalls);
@@ -270,14 +272,14 @@ Task<void> Sender::run(ItemPtr item, bool upload) {
   std::optional<NSError> problem;
   try {
     co_await send(item);
-  } catch (const NSError& error) {
+  } catch (...) {
     // Something here, such as the disk: no answer of the provider's.
-    problem = error;
+    problem = caughtError();
   }
   {
     std::lock_guard lock(core_.mutex);
     if (problem && !item->gone && item->sync->place == Place::sending) {
-      backOffLater(item, *problem);
+      guarded("the sending of an item", [&] { backOffLater(item, *problem); });
     }
     finish(item, upload);
   }

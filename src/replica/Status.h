@@ -47,7 +47,7 @@ struct Status {
   std::optional<std::string> unanswered;
   /// Nothing is asked of the provider until its configuration changes; the reason.
   std::optional<std::string> held;
-  /// Every item that is not synced, at most 10,000 of them.
+  /// The items that are not synced, as many of them as were asked for.
   std::vector<ItemStatus> pending;
   std::int64_t pendingCount = 0;
   std::int64_t pendingBytes = 0;
@@ -62,6 +62,12 @@ struct Status {
   std::vector<std::string> conflicts;
   /// Entries of listings that could not be admitted, since the start.
   std::int64_t refusedEntries = 0;
+};
+
+/// What was done since the start that takes longer the more there is.
+struct Cost {
+  std::int64_t visitsOfAllItems = 0;
+  std::int64_t readingsOfRecovery = 0;
 };
 
 struct EvictionResult {

@@ -58,13 +58,15 @@ void ReplicaWorld::connect(FaultHook faults) {
 
 template <typename T, typename Call>
 T ReplicaWorld::await(Call&& call) {
-  std::optional<Outcome<T>> result;
-  call([&](Outcome<T> outcome) { result.emplace(std::move(outcome)); });
-  if (!loop_.runUntil([&] { return result.has_value(); }, std::chrono::minutes(10))) {
+  // Shared, because an answer may come after a call that threw.
+  auto result = std::make_shared<std::optional<Outcome<T>>>();
+  call([result](Outcome<T> outcome) { result->emplace(std::move(outcome)); });
+  if (!loop_.runUntil([&] { return result->has_value(); }, std::chrono::minutes(10))) {
     throw std::runtime_error("a call was not answered");
   }
-  if (!result->succeeded()) throw result->error();
-  return std::move(result->value());
+  auto& outcome = **result;
+  if (!outcome.succeeded()) throw outcome.error();
+  return std::move(outcome.value());
 }
 
 bool ReplicaWorld::settle() {

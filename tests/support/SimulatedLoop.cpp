@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/base/Threads.h"
+
 namespace kestrowan::test {
 
 namespace {
@@ -55,7 +57,7 @@ bool SimulatedLoop::runOne() {
     }
   }
   if (!function) return false;
-  function();
+  guarded("the loop", function);
   return true;
 }
 

@@ -41,7 +41,7 @@ class ItemStore::Implementation {
   ~Implementation() {
     try {
       if (depth_ == 0) numbers_.giveBack();
-    } catch (const NSError&) {
+    } catch (...) {
       // They stay noted as given, which costs nothing but numbers.
     }
   }
@@ -61,7 +61,7 @@ class ItemStore::Implementation {
     try {
       if (isSpoilt_) throw fileError(ECANCELED, database_->path());
       commit_.run();
-    } catch (const NSError&) {
+    } catch (...) {
       undo();
       throw;
     }
@@ -131,7 +131,7 @@ class ItemStore::Implementation {
     if (depth_ > 0 && isSpoilt_) throw fileError(ECANCELED, database_->path());
     try {
       run();
-    } catch (const NSError&) {
+    } catch (...) {
       isSpoilt_ = true;
       throw;
     }
@@ -155,7 +155,7 @@ class ItemStore::Implementation {
         numbers_.forgetReservation();
         reserveNumbers();
       }
-    } catch (const NSError&) {
+    } catch (...) {
       // A transaction that cannot be ended is undone when the database is opened next; numbers that
       // cannot be reserved now are reserved when the next one is wanted.
     }

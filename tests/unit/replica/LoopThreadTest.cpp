@@ -9,10 +9,14 @@
 #include <ctime>
 #include <future>
 #include <memory>
+#include <new>
 #include <numeric>
 #include <optional>
+#include <stdexcept>
 #include <thread>
 #include <vector>
+
+#include "support/RecordingLog.h"
 
 namespace kestrowan::replica {
 namespace {
@@ -194,6 +198,19 @@ TEST(LoopThread, LetsGoOfAFunctionBeforeItRunsTheNext) {
   loop.post([kept = std::move(held)] {});
   drain(loop);
   EXPECT_TRUE(watch.expired());
+}
+
+TEST(LoopThread, GoesOnWhenAFunctionThrows) {
+  const test::RecordingLog log;
+  LoopThread loop;
+  loop.post([] { throw std::runtime_error("broken"); });
+  loop.postAfter(milliseconds(0), [] { throw std::bad_alloc(); });
+  std::promise<void> timerRan;
+  loop.postAfter(milliseconds(1), [&] { timerRan.set_value(); });
+  timerRan.get_future().wait();
+  drain(loop);
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_NE(log.lines()[0].find("left unhandled in the loop"), std::string::npos);
 }
 
 TEST(LoopThread, ItsThreadTakesNoSignalsButThoseOfItsFaults) {

@@ -284,6 +284,22 @@ TEST_F(SendingTest, AServerThatDoesNotAnswerIsToldOfBeforeItCountsAsOutOfReach) 
   EXPECT_EQ(count(CallKind::enumerateItems), 3u) << "whatever is known, the provider is asked";
 }
 
+TEST_F(SendingTest, AFileThatCannotBeWrittenHereSaysNothingOfTheServer) {
+  world.server().writeFile("/a", "12345");
+  world.advance(minutes(1));
+  world.list("/");
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::fetchContents) {
+      fault.error = NSError(NSURLErrorDomain, NSURLErrorCannotWriteToFile);
+    }
+    return fault;
+  });
+  for (int i = 0; i < 5; ++i) EXPECT_NE(errorOf([&] { world.read("/a"); }), "");
+  EXPECT_FALSE(world.replica().status().offline);
+  EXPECT_EQ(world.replica().status().unanswered, std::nullopt);
+}
+
 TEST_F(SendingTest, WithoutAServerOneAttemptAfterAnotherFindsOutWhenItIsBack) {
   world.extension().setDown(true);
   world.write("/a", "x");

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/NSError.h"
@@ -323,6 +325,72 @@ TEST_F(WaitingCloseTest, IsNotAnsweredByTheArrivalOfEarlierContents) {
   ReplicaWorld::writeTo(*file, "two");
   EXPECT_EQ(closeError(file), "");
   EXPECT_EQ(world.server().read("/a"), "two");
+}
+
+/// Passes everything on to another provider, but loses the first download and its handler.
+class LosingProvider : public NSFileProviderReplicatedExtension {
+ public:
+  explicit LosingProvider(InMemoryExtension& inner) : inner_(inner) {}
+
+  void invalidate() override {}
+  std::shared_ptr<NSFileProviderEnumerator> enumerator(
+      const NSFileProviderItemIdentifier& forContainer,
+      const NSFileProviderRequest& request) override {
+    return inner_.enumerator(forContainer, request);
+  }
+  std::shared_ptr<NSProgress> item(const NSFileProviderItemIdentifier& forIdentifier,
+                                   const NSFileProviderRequest& request,
+                                   ItemCompletion completionHandler) override {
+    return inner_.item(forIdentifier, request, std::move(completionHandler));
+  }
+  std::shared_ptr<NSProgress> fetchContents(const NSFileProviderItemIdentifier& forIdentifier,
+                                            const std::optional<NSFileProviderItemVersion>& version,
+                                            const NSFileProviderRequest& request,
+                                            FetchCompletion completionHandler) override {
+    if (!std::exchange(lost_, true)) return std::make_shared<NSProgress>();
+    return inner_.fetchContents(forIdentifier, version, request, std::move(completionHandler));
+  }
+  std::shared_ptr<NSProgress> createItem(NSFileProviderItemPtr basedOnTemplate,
+                                         NSFileProviderItemFields fields,
+                                         std::optional<NSURL> contents,
+                                         NSFileProviderCreateItemOptions options,
+                                         const NSFileProviderRequest& request,
+                                         WriteCompletion completionHandler) override {
+    return inner_.createItem(std::move(basedOnTemplate), fields, std::move(contents), options,
+                             request, std::move(completionHandler));
+  }
+  std::shared_ptr<NSProgress> modifyItem(NSFileProviderItemPtr item,
+                                         const NSFileProviderItemVersion& baseVersion,
+                                         NSFileProviderItemFields changedFields,
+                                         std::optional<NSURL> contents,
+                                         NSFileProviderModifyItemOptions options,
+                                         const NSFileProviderRequest& request,
+                                         WriteCompletion completionHandler) override {
+    return inner_.modifyItem(std::move(item), baseVersion, changedFields, std::move(contents),
+                             options, request, std::move(completionHandler));
+  }
+  std::shared_ptr<NSProgress> deleteItem(const NSFileProviderItemIdentifier& identifier,
+                                         const NSFileProviderItemVersion& baseVersion,
+                                         NSFileProviderDeleteItemOptions options,
+                                         const NSFileProviderRequest& request,
+                                         DeleteCompletion completionHandler) override {
+    return inner_.deleteItem(identifier, baseVersion, options, request,
+                             std::move(completionHandler));
+  }
+
+ private:
+  InMemoryExtension& inner_;
+  bool lost_ = false;
+};
+
+TEST_F(StuckTest, ACallThatTheProviderLetsGoOfUnansweredIsAnErrorAndNotTheEndOfTheFile) {
+  world.server().writeFile("/a", "12345");
+  world.advance(seconds(31));
+  world.list("/");
+  world.replica().setProvider(std::make_shared<LosingProvider>(world.extension()));
+  EXPECT_EQ(errorOf([&] { world.read("/a"); }),
+            std::string(NSURLErrorDomain) + " " + std::to_string(NSURLErrorNetworkConnectionLost));
+  EXPECT_EQ(world.read("/a"), "12345");
 }
 
 }  // namespace

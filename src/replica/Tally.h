@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <unordered_map>
+
+#include "replica/ContentStore.h"
+#include "replica/Item.h"
+
+namespace kestrowan::replica {
+
+/// Which items have something to be sent, and which contents could be fetched again: kept up with
+/// each change of an item, so that a question takes no look at all items. Guarded by the core's
+/// lock. Sizes are bytes.
+class Tally {
+ public:
+  using Pending = std::unordered_map<Rid, std::int64_t>;
+
+  /// The item may count in another way than before: it was changed, or left the tree.
+  void note(const Item& item);
+
+  /// The items with something to be sent, and how many bytes of contents that is of each.
+  const Pending& pending() const { return pending_; }
+  std::int64_t pendingBytes() const { return pendingBytes_; }
+  /// Contents here that the provider has too.
+  ContentStore::Usage cached() const {
+    return {static_cast<std::int64_t>(cached_.size()), cachedBytes_};
+  }
+
+ private:
+  Pending pending_;
+  std::int64_t pendingBytes_ = 0;
+  std::unordered_map<Rid, std::int64_t> cached_;
+  std::int64_t cachedBytes_ = 0;
+};
+
+}  // namespace kestrowan::replica

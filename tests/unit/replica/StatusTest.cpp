@@ -1,0 +1,142 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/ReplicaWorld.h"
+
+namespace kestrowan::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::minutes;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+/// What can be counted of a status.
+std::string counts(const replica::Status& status) {
+  return "items " + std::to_string(status.itemCount) + ", pending " +
+         std::to_string(status.pendingCount) + " of " + std::to_string(status.pendingBytes) +
+         " bytes, cached " + std::to_string(status.cachedFiles) + " of " +
+         std::to_string(status.cachedBytes) + " bytes, recovered " +
+         std::to_string(status.recoveredFiles) + " of " + std::to_string(status.recoveredBytes) +
+         " bytes";
+}
+
+class StatusTest : public testing::Test {
+ protected:
+  StatusTest() {
+    for (const char* name : {"/a", "/b", "/c"}) world.server().writeFile(name, "12345");
+    world.server().makeFolder("/folder");
+    world.server().writeFile("/folder/deep", "1234567");
+    world.list("/");
+    world.list("/folder");
+  }
+
+  std::string counted() { return counts(world.replica().status()); }
+  std::string recovery() { return world.directory() + "/recovery"; }
+  /// Nothing is sent from here on.
+  void goOffline() {
+    world.extension().setDown(true);
+    world.advance(minutes(3));
+  }
+
+  ReplicaWorld world;
+};
+
+TEST_F(StatusTest, CountsWithoutALookAtAllItemsOrAtTheRecoveryArea) {
+  goOffline();
+  world.write("/new", "123");
+  const auto before = world.replica().cost();
+  EXPECT_EQ(counted(),
+            "items 7, pending 1 of 3 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  EXPECT_THAT(world.replica().status().pending, SizeIs(1));
+  const auto after = world.replica().cost();
+  EXPECT_EQ(after.visitsOfAllItems, before.visitsOfAllItems);
+  EXPECT_EQ(after.readingsOfRecovery, before.readingsOfRecovery);
+}
+
+TEST_F(StatusTest, EveryKindOfChangeIsCounted) {
+  world.read("/b");
+  EXPECT_EQ(counted(),
+            "items 6, pending 0 of 0 bytes, cached 1 of 5 bytes, recovered 0 of 0 bytes");
+  goOffline();
+  world.write("/new", "123");
+  world.append("/b", "678");
+  world.rename("/a", "/folder/moved");
+  world.remove("/c");
+  world.makeFolder("/made");
+  EXPECT_EQ(counted(),
+            "items 8, pending 5 of 11 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  world.append("/new", "45");
+  EXPECT_EQ(world.replica().status().pendingBytes, 13);
+  world.remove("/new");
+  EXPECT_EQ(counted(),
+            "items 7, pending 4 of 8 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  world.extension().setDown(false);
+  ASSERT_TRUE(world.settle());
+  EXPECT_EQ(counted(),
+            "items 6, pending 0 of 0 bytes, cached 1 of 8 bytes, recovered 0 of 0 bytes");
+  world.replica().evict(replica::kRootRid);
+  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+}
+
+TEST_F(StatusTest, WhatIsGivenUpIsCountedInTheRecoveryArea) {
+  goOffline();
+  world.write("/new", "123");
+  world.replica().discard(replica::kRootRid);
+  EXPECT_EQ(counted(),
+            "items 6, pending 0 of 0 bytes, cached 0 of 0 bytes, recovered 1 of 3 bytes");
+}
+
+TEST_F(StatusTest, TheCountsAreTheSameAfterANewStart) {
+  world.read("/b");
+  goOffline();
+  world.write("/new", "123");
+  world.rename("/a", "/folder/moved");
+  world.remove("/c");
+  world.replica().discard(world.find("/new"));
+  world.write("/other", "1234");
+  const auto before = counted();
+  world.crashUnconnected();
+  EXPECT_EQ(counted(), before);
+}
+
+TEST_F(StatusTest, TheListOfPendingItemsIsAsLongAsItIsAskedFor) {
+  goOffline();
+  for (const char* name : {"/1", "/2", "/3"}) world.write(name, "x");
+  const auto status = world.replica().status(2);
+  ASSERT_THAT(status.pending, SizeIs(2));
+  EXPECT_EQ(status.pending[0].path, "/1");
+  EXPECT_EQ(status.pending[1].path, "/2");
+  EXPECT_EQ(status.pendingCount, 3);
+  EXPECT_THAT(world.replica().status(0).pending, IsEmpty());
+}
+
+TEST_F(StatusTest, ARecoveryAreaThatCannotBeReadDoesNotKeepItFromBeingTold) {
+  goOffline();
+  world.write("/new", "123");
+  world.replica().discard(replica::kRootRid);
+  fs::rename(recovery(), recovery() + ".away");
+  fs::create_symlink("/", recovery());
+  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
+  world.advance(minutes(5));
+  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
+  fs::remove(recovery());
+  fs::rename(recovery() + ".away", recovery());
+}
+
+TEST_F(StatusTest, FilesThatAPersonTookFromTheRecoveryAreaAreNoLongerCountedAfterAWhile) {
+  goOffline();
+  world.write("/new", "123");
+  world.replica().discard(replica::kRootRid);
+  for (const auto& entry : fs::directory_iterator(recovery())) fs::remove(entry.path());
+  world.advance(minutes(2));
+  EXPECT_EQ(world.replica().status().recoveredFiles, 0);
+  EXPECT_EQ(world.replica().status().recoveredBytes, 0);
+}
+
+}  // namespace
+}  // namespace kestrowan::test
