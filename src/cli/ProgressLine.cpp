@@ -6,7 +6,9 @@
 
 #include "cli/Console.h"
 #include "cli/ItemText.h"
+#include "platform/base/Threads.h"
 #include "platform/foundation/Logger.h"
+#include "platform/foundation/NSError.h"
 #include "platform/network/TransferMonitor.h"
 
 namespace kestrowan::cli {
@@ -45,7 +47,11 @@ void ProgressLine::clear() {
 
 TransferProgress::TransferProgress(bool wanted, std::string httpMethod, std::string label)
     : httpMethod_(std::move(httpMethod)), label_(escapedForDisplay(label)), line_(wanted) {
-  if (line_.isShown()) thread_ = std::thread([this] { run(); });
+  try {
+    if (line_.isShown()) thread_ = startThread("the progress line", [this] { run(); });
+  } catch (const NSError&) {
+    // The transfer goes on without.
+  }
 }
 
 TransferProgress::~TransferProgress() {

@@ -13,6 +13,8 @@
 #include <system_error>
 
 #include "cli/Console.h"
+#include "platform/base/Threads.h"
+#include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileManager.h"
 
 namespace kestrowan::cli {
@@ -31,14 +33,19 @@ ScratchDirectory::ScratchDirectory(const std::string& parent) {
   pthread_sigmask(SIG_BLOCK, &signals_, &signalsBefore_);
   signalled_.reset(::signalfd(-1, &signals_, SFD_CLOEXEC));
   stop_.reset(::eventfd(0, EFD_CLOEXEC));
-  watcher_ = std::thread([this] { watchSignals(); });
+  try {
+    watcher_ = startThread("the watch for signals", [this] { watchSignals(); });
+  } catch (const NSError&) {
+    // Signals end the process as ever, and leave the directory.
+    pthread_sigmask(SIG_SETMASK, &signalsBefore_, nullptr);
+  }
 }
 
 ScratchDirectory::~ScratchDirectory() {
   const std::uint64_t one = 1;
   while (::write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
   }
-  watcher_.join();
+  if (watcher_.joinable()) watcher_.join();
   remove();
   pthread_sigmask(SIG_SETMASK, &signalsBefore_, nullptr);
 }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/base/Threads.h"
+
 namespace kestrowan::mount {
 
 Invalidation::Invalidation(KernelCache& cache) : cache_(cache) {}
@@ -13,8 +15,8 @@ Invalidation::~Invalidation() {
 void Invalidation::start() {
   std::lock_guard lock(mutex_);
   running_ = true;
-  entryThread_ = std::thread([this] { tellEntries(); });
-  itemThread_ = std::thread([this] { tellItems(); });
+  entryThread_ = startThread("the invalidation of names", [this] { tellEntries(); });
+  itemThread_ = startThread("the invalidation of items", [this] { tellItems(); });
 }
 
 void Invalidation::stop() {
@@ -35,7 +37,7 @@ void Invalidation::stop() {
     itemOrder_.clear();
   }
   for (auto& [item, news] : left) {
-    for (auto& function : news.afterwards) function();
+    for (auto& function : news.afterwards) guarded("the invalidation of items", function);
   }
 }
 
@@ -81,7 +83,7 @@ void Invalidation::tellEntries() {
       for (const auto& name : names) {
         if (!running_) return;
         lock.unlock();
-        cache_.dropEntry(folder, name);
+        guarded("the invalidation of names", [&] { cache_.dropEntry(folder, name); });
         lock.lock();
       }
     }
@@ -100,8 +102,10 @@ void Invalidation::tellItems() {
     auto& news = node.mapped();
     itemInHand_ = item;
     lock.unlock();
-    if (news.attributes) cache_.dropItem(item, news.contents);
-    for (auto& function : news.afterwards) function();
+    guarded("the invalidation of items", [&] {
+      if (news.attributes) cache_.dropItem(item, news.contents);
+    });
+    for (auto& function : news.afterwards) guarded("the invalidation of items", function);
     // What the functions hold is let go of without the lock.
     news.afterwards.clear();
     lock.lock();

@@ -39,6 +39,7 @@ class Invalidation : public replica::Observer {
   Invalidation& operator=(const Invalidation&) = delete;
   ~Invalidation() override;
 
+  /// Throws `NSError` when the system gives no thread.
   void start();
   /// Returns when both threads have ended. What was queued is not told any more.
   void stop();

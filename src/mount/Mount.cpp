@@ -19,6 +19,7 @@
 #include "mount/MountPoint.h"
 #include "mount/MountTable.h"
 #include "mount/Session.h"
+#include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
 
 namespace kestrowan::mount {
@@ -96,9 +97,16 @@ void Mount::Implementation::start() {
   auto session = std::make_shared<Session>(replica_, appearance, optionText(options_));
   session_ = session;
   mount();
-  session->invalidation().start();
-  replica_.setObserver(session.get());
-  loop_ = std::thread([this, session] { run(session); });
+  try {
+    session->invalidation().start();
+    replica_.setObserver(session.get());
+    loop_ = startThread("the mount", [this, session] { run(session); });
+  } catch (...) {
+    session->setEnded();
+    tearDown(*session);
+    session_.reset();
+    throw;
+  }
   if (!session->waitUntilReady()) {
     throw describedError(EIO,
                          "the mount at " + point_.path() + " ended at once: " + takeFuseMessage());
@@ -122,12 +130,14 @@ void Mount::Implementation::mount() {
 
 void Mount::Implementation::run(std::shared_ptr<Session> session) {
   auto* const config = fuse_loop_cfg_create();
-  fuse_loop_cfg_set_clone_fd(config, 0);
-  fuse_loop_cfg_set_max_threads(config, options_.threads);
-  fuse_session_loop_mt(session->channel().session(), config);
-  fuse_loop_cfg_destroy(config);
+  if (config != nullptr) {
+    fuse_loop_cfg_set_clone_fd(config, 0);
+    fuse_loop_cfg_set_max_threads(config, options_.threads);
+    fuse_session_loop_mt(session->channel().session(), config);
+    fuse_loop_cfg_destroy(config);
+  }
   session->setEnded();
-  tearDown(*session);
+  guarded("the mount", [&] { tearDown(*session); });
   session.reset();
   {
     std::lock_guard lock(mutex_);
@@ -149,7 +159,7 @@ void Mount::Implementation::tearDown(Session& session) {
     // A connection that was cut leaves its mount in place.
     if (isInPlace()) fusermountUnmount(point_.path(), true);
     if (!isInPlace()) point_.restore();
-  } catch (const NSError&) {
+  } catch (...) {
     // The next mount frees the place.
   }
   channel.close();

@@ -18,6 +18,7 @@
 #include "mount/Fusermount.h"
 #include "mount/LocalFiles.h"
 #include "mount/MountTable.h"
+#include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
 
 namespace kestrowan::mount {
@@ -42,7 +43,7 @@ std::string resolved(const std::string& path) {
 std::optional<int> answerOf(const std::string& path) {
   auto answer = std::make_shared<std::promise<int>>();
   auto future = answer->get_future();
-  std::thread([answer, path] {
+  startThread("the probe of a mount", [answer, path] {
     // Unlike attributes, this the kernel never answers by itself.
     struct statvfs space = {};
     answer->set_value(::statvfs(path.c_str(), &space) == 0 ? 0 : errno);

@@ -5,9 +5,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <future>
+#include <new>
 #include <set>
 #include <string>
 #include <utility>
+
+#include "support/RecordingLog.h"
 
 namespace kestrowan::mount {
 namespace {
@@ -79,6 +82,43 @@ class InvalidationTest : public testing::Test {
   RecordingCache cache_;
   Invalidation invalidation_{cache_};
 };
+
+/// Throws once of each kind.
+class ThrowingCache : public RecordingCache {
+ public:
+  void dropEntry(replica::Rid folder, const std::string& name) override {
+    if (!std::exchange(threwEntry_, true)) throw std::bad_alloc();
+    RecordingCache::dropEntry(folder, name);
+  }
+  void dropItem(replica::Rid item, bool contents) override {
+    if (!std::exchange(threwItem_, true)) throw std::bad_alloc();
+    RecordingCache::dropItem(item, contents);
+  }
+
+ private:
+  bool threwEntry_ = false;
+  bool threwItem_ = false;
+};
+
+TEST(InvalidationErrorTest, WhatCannotBeToldIsALineInTheLogAndTheRestIsTold) {
+  const test::RecordingLog log;
+  ThrowingCache cache;
+  Invalidation invalidation(cache);
+  invalidation.start();
+  std::promise<void> known;
+  invalidation.itemChanged(1, true);
+  invalidation.whenKnown(1, [&] { known.set_value(); });
+  known.get_future().wait();
+  invalidation.itemChanged(2, true);
+  cache.waitForItems(1);
+  invalidation.entryChanged(1, "a");
+  invalidation.entryChanged(1, "b");
+  cache.entriesBegun.wait();
+  invalidation.stop();
+  EXPECT_EQ(cache.items()[0].first, 2u);
+  EXPECT_EQ(cache.entries().size(), 1u);
+  EXPECT_EQ(log.lines().size(), 2u);
+}
 
 using Items = std::vector<std::pair<replica::Rid, bool>>;
 
