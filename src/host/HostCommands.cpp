@@ -81,6 +81,14 @@ JSONValue HostCommands::answer(const JSONValue& request) const {
   throw describedError(EBADMSG, "there is no such request");
 }
 
+ControlLane HostCommands::lane(const JSONValue& request) {
+  const auto* wanted = request.member("request");
+  const auto* name = wanted != nullptr ? wanted->string() : nullptr;
+  if (name != nullptr && *name == "status") return ControlLane::quick;
+  if (name != nullptr && *name == "unmount") return ControlLane::ending;
+  return ControlLane::waiting;
+}
+
 JSONValue HostCommands::status(const JSONValue& request) const {
   const auto limit = number(request, "limit", kUsualItems, kMostItems);
   const auto status = context_.status();

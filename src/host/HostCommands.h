@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "host/ControlWorkers.h"
 #include "host/Registry.h"
 #include "platform/foundation/JSONValue.h"
 #include "replica/Replica.h"
@@ -47,6 +48,8 @@ class HostCommands {
 
   /// Throws `NSError` with a text for a person.
   JSONValue answer(const JSONValue& request) const;
+  /// Which places of the control socket a request takes.
+  static ControlLane lane(const JSONValue& request);
 
  private:
   using Answer = JSONValue (HostCommands::*)(const JSONValue& request) const;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,12 +31,6 @@ bool peerIsThisUser(int connection) {
   socklen_t size = sizeof peer;
   return ::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
          peer.uid == ::geteuid();
-}
-
-void limitWaits(int connection, int milliseconds) {
-  const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000};
-  ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  ::setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 }  // namespace kestrowan::host

@@ -28,7 +28,4 @@ class LocalAddress {
 /// Whether the process at the other end of the connection belongs to this process's user.
 bool peerIsThisUser(int connection);
 
-/// Lets every read and every write of the socket fail with EAGAIN after so many milliseconds.
-void limitWaits(int connection, int milliseconds);
-
 }  // namespace kestrowan::host

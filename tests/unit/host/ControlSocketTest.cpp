@@ -1,6 +1,7 @@
 #include "host/ControlSocket.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,6 +13,9 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <new>
+#include <optional>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -167,18 +171,121 @@ TEST_F(ControlSocketTest, AClientThatTakesNoAnswerHoldsNobodyUp) {
   EXPECT_EQ(askHost(path_, kRequest, kLimit).member("text")->string()->size(), 8U << 20);
 }
 
-TEST_F(ControlSocketTest, TooManyConnectionsAreTurnedAwayAndLaterOnesServed) {
-  const ControlSocket socket(path_, echo, 2s);
+TEST_F(ControlSocketTest, ClientsThatSayNothingGiveWayToOneThatDoes) {
+  const ControlSocket socket(path_, echo, kLimit);
   std::vector<UniqueFd> silent;
-  for (std::size_t i = 0; i < ControlSocket::kMostConnections; ++i) silent.push_back(connected());
-  EXPECT_EQ(errorOfAsking(), EBUSY);
-  silent.clear();
-  std::int64_t code = EBUSY;
-  for (const auto end = std::chrono::steady_clock::now() + kLimit;
-       code != 0 && std::chrono::steady_clock::now() < end;) {
-    code = errorOfAsking();
+  for (int i = 0; i < 200; ++i) {
+    silent.push_back(connected());
+    ASSERT_EQ(::send(silent.back().get(), "{\"half\":", i % 2 == 0 ? 0 : 8, MSG_NOSIGNAL),
+              i % 2 == 0 ? 0 : 8);
   }
-  EXPECT_EQ(code, 0);
+  EXPECT_EQ(askHost(path_, kRequest, kLimit), echo(kRequest));
+  // The oldest one has been let go, the newest one can still say something.
+  EXPECT_EQ(readAll(silent.front()), "");
+  ASSERT_EQ(::send(silent.back().get(), "1}\n", 3, MSG_NOSIGNAL), 3);
+  EXPECT_NE(readAll(silent.back()).find("half"), std::string::npos);
+}
+
+/// Requests name their lane, and those that wait do so until they are let go.
+class ControlLanesTest : public ControlSocketTest {
+ protected:
+  static ControlLane laneOf(const JSONValue& request) {
+    const auto* name = request.member("lane")->string();
+    if (*name == "quick") return ControlLane::quick;
+    return *name == "ending" ? ControlLane::ending : ControlLane::waiting;
+  }
+  JSONValue answer(const JSONValue& request) {
+    std::unique_lock lock(mutex_);
+    ++begun_;
+    changed_.notify_all();
+    const bool waits = request.member("waits") != nullptr;
+    if (waits) changed_.wait_for(lock, kLimit, [this] { return letGo_; });
+    return request;
+  }
+  void waitForBegun(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    ASSERT_TRUE(changed_.wait_for(lock, kLimit, [&] { return begun_ >= count; }));
+  }
+  void letGo() {
+    std::lock_guard lock(mutex_);
+    letGo_ = true;
+    changed_.notify_all();
+  }
+  std::int64_t errorOfAsking(const std::string& lane) const {
+    try {
+      askHost(path_, JSONValue::Object{{"lane", lane}}, kLimit);
+      return 0;
+    } catch (const NSError& error) {
+      return error.code();
+    }
+  }
+  std::vector<UniqueFd> keepWaiting(const std::string& lane, std::size_t count) {
+    std::vector<UniqueFd> clients;
+    const auto request = R"({"lane":")" + lane + R"(","waits":true})" + "\n";
+    for (std::size_t i = 0; i < count; ++i) {
+      clients.push_back(connected());
+      EXPECT_EQ(::send(clients.back().get(), request.data(), request.size(), MSG_NOSIGNAL),
+                static_cast<ssize_t>(request.size()));
+    }
+    return clients;
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::size_t begun_ = 0;
+  bool letGo_ = false;
+  std::optional<ControlSocket> socket_{std::in_place, path_,
+                                       [this](const JSONValue& request) { return answer(request); },
+                                       std::chrono::milliseconds(kLimit), &laneOf};
+};
+
+TEST_F(ControlLanesTest, RequestsThatWaitTakeThePlacesOfNoOthers) {
+  const auto waiting = keepWaiting("waiting", ControlWorkers::kMostWaiting);
+  waitForBegun(ControlWorkers::kMostWaiting);
+  EXPECT_EQ(errorOfAsking("waiting"), EBUSY);
+  EXPECT_EQ(errorOfAsking("quick"), 0);
+  EXPECT_EQ(errorOfAsking("ending"), 0);
+  letGo();
+  for (const auto& client : waiting) EXPECT_NE(readAll(client).find("waits"), std::string::npos);
+  EXPECT_EQ(errorOfAsking("waiting"), 0);
+}
+
+TEST_F(ControlLanesTest, QuickRequestsWaitTheirTurn) {
+  const auto slow = keepWaiting("quick", ControlWorkers::kMostQuick + 3);
+  waitForBegun(ControlWorkers::kMostQuick);
+  letGo();
+  for (const auto& client : slow) EXPECT_NE(readAll(client).find("waits"), std::string::npos);
+}
+
+TEST_F(ControlLanesTest, AThreadThatCannotBeMadeIsAnErrorOfThatRequestAlone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can act as somebody else";
+  socket_.reset();
+  ASSERT_EQ(::chmod(directory_.path().c_str(), 0777), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::setuid(65534) != 0) ::_exit(2);
+    const ControlSocket socket(path_, echo, kLimit, &laneOf);
+    // The user has one process at least.
+    const rlimit none{0, 0};
+    if (::setrlimit(RLIMIT_NPROC, &none) != 0) ::_exit(3);
+    if (errorOfAsking("waiting") != EAGAIN) ::_exit(4);
+    if (errorOfAsking("quick") != 0) ::_exit(5);
+    if (errorOfAsking("ending") != 0) ::_exit(6);
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(ControlSocketTest, WhateverTheHandlerThrowsIsTheAnswer) {
+  const ControlSocket socket(path_, [](const JSONValue& request) -> JSONValue {
+    if (request.member("memory") != nullptr) throw std::bad_alloc();
+    throw std::logic_error("broken");
+  });
+  EXPECT_EQ(errorCode(answerTo("{\"memory\":1}\n")), ENOMEM);
+  EXPECT_EQ(errorCode(answerTo("{}\n")), EIO);
 }
 
 TEST_F(ControlSocketTest, RequestsAreAnsweredAtTheSameTime) {
