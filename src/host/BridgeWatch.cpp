@@ -13,6 +13,7 @@
 
 #include "bridge/FPBridge.h"
 #include "mount/DescribedError.h"
+#include "platform/base/Threads.h"
 
 namespace kestrowan::host {
 
@@ -44,7 +45,7 @@ BridgeWatch::BridgeWatch(Container container, std::function<void()> changed, Tim
   if (!stop_) throw systemError(errno, "watching for the bridge file");
   watchContainer();
   known_ = signature();
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread("the bridge watch", [this] { run(); });
 }
 
 BridgeWatch::~BridgeWatch() {
@@ -58,12 +59,14 @@ void BridgeWatch::run() {
   for (bool stopping = false; !stopping;) {
     if (waitForEvent(times_.look, stopping)) settle(stopping);
     if (stopping) return;
-    // Before the look, so that what changes after it is an event.
-    watchContainer();
-    auto now = signature();
-    if (now == known_) continue;
-    known_ = std::move(now);
-    changed_();
+    guarded("the bridge watch", [this] {
+      // Before the look, so that what changes after it is an event.
+      watchContainer();
+      auto now = signature();
+      if (now == known_) return;
+      changed_();
+      known_ = std::move(now);
+    });
   }
 }
 

@@ -31,6 +31,8 @@
 #include "host/VersionRules.h"
 #include "mount/DescribedError.h"
 #include "mount/Mount.h"
+#include "platform/base/Threads.h"
+#include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
 #include "replica/LoopThread.h"
 #include "replica/Replica.h"
@@ -71,6 +73,7 @@ replica::Options replicaOptions(const HostSettings& settings) {
   options.hostName = machineName();
   options.saysNothing = saysNothing;
   options.sameContents = sameContents;
+  options.openFiles = raiseDescriptorLimit();
   return options;
 }
 
@@ -110,7 +113,7 @@ class Host::Implementation {
   std::int64_t finish(Clock::time_point deadline);
   void leaveLazily();
   bool isHurried() const { return events_.signals() > 1 || hurry_ || events_.forceIsWanted(); }
-  std::int64_t changesLeft() const { return replica_->status().pendingCount; }
+  std::int64_t changesLeft() const { return replica_->status(0).pendingCount; }
   void say(const std::string& text);
 
   const HostSettings settings_;
@@ -142,6 +145,7 @@ Host::Implementation::Implementation(HostSettings settings)
   protectMemory();
   makeFilesPrivate();
   limitHeaps();
+  ignoreHarmlessSignals();
   LogSink::setShared(hostSink(settings_.extensionLog));
   NSFileManager::setDefaultManager(
       std::make_shared<HostFileManager>(systemFiles_, temporaryDirectoryIn(state_.path())));
@@ -195,7 +199,7 @@ void Host::Implementation::begin() {
   keeper_ = std::make_unique<ProviderKeeper>(
       ProviderKeeper::Functions{.make = extensionFactory({settings_.domain, "Kestrowan"}),
                                 .use = [this](auto provider) { use(std::move(provider)); },
-                                .isHeld = [this] { return replica_->status().held.has_value(); }},
+                                .isHeld = [this] { return replica_->status(0).held.has_value(); }},
       kHeldInterval);
   watch_ = std::make_unique<BridgeWatch>([this] { return containerPath(*systemFiles_); },
                                          [this] { keeper_->renew(); });
@@ -218,7 +222,8 @@ void Host::Implementation::begin() {
                   .isStopping = [this] { return stopping_.load(); },
                   .unmount = [this](bool force) { return answerUnmount(force); }});
   socket_ = std::make_unique<ControlSocket>(
-      entry.socket, [commands](const JSONValue& request) { return commands.answer(request); });
+      entry.socket, [commands](const JSONValue& request) { return commands.answer(request); },
+      ControlSocket::kPatience, &HostCommands::lane);
   registration_ = std::make_unique<Registration>(entry);
 }
 
@@ -253,7 +258,7 @@ bool Host::Implementation::becomeReady(const std::function<bool()>& ready) {
 
 void Host::Implementation::sayHowItBegins() {
   hostLog("mounted at " + mount_->mountPoint());
-  if (const auto reason = replica_->status().unanswered) {
+  if (const auto reason = replica_->status(0).unanswered) {
     hostLog("the server is not reached yet (" + *reason + "); changes are kept and sent later");
   }
   tick();
@@ -276,7 +281,7 @@ void Host::Implementation::serve() {
       continue;
     }
     events_.wait(kNewsInterval);
-    if (Clock::now() - lastNews_ >= kNewsInterval) tick();
+    if (Clock::now() - lastNews_ >= kNewsInterval) guarded("the host", [this] { tick(); });
   }
 }
 
@@ -319,15 +324,18 @@ bool Host::Implementation::leaveForRequest(UnmountRequest request) {
       drain(deadline);
       isHurried() ? leaveLazily() : mount_->unmount(Mount::Unmounting::whenFree);
     }
-  } catch (const NSError& error) {
+  } catch (...) {
     stopping_ = false;
     hurry_ = false;
+    const auto error = caughtError();
+    request.left.set_exception(std::make_exception_ptr(error));
     hostLog(error.localizedDescription());
-    request.left.set_exception(std::current_exception());
     return false;
   }
   say("ending");
-  request.left.set_value(finish(deadline));
+  std::int64_t left = 0;
+  guarded("the end of the mount", [&] { left = finish(deadline); });
+  request.left.set_value(left);
   return true;
 }
 
@@ -354,7 +362,7 @@ void Host::Implementation::drain(Clock::time_point deadline) {
     events_.wake();
   });
   while (!*drained && !isHurried() && left() > 0ms) {
-    const auto status = replica_->status();
+    const auto status = replica_->status(0);
     // Nothing goes out before the server, or a bridge file, is there.
     if (status.offline || status.held) return;
     events_.wait(std::min(kStep, left()));
@@ -373,8 +381,9 @@ bool Host::Implementation::unmountWhenFree() {
         mount_->unmount(Mount::Unmounting::whenFree);
       }
       break;
-    } catch (const NSError& error) {
-      events_.refuseRequests(std::current_exception());
+    } catch (...) {
+      const auto error = caughtError();
+      events_.refuseRequests(std::make_exception_ptr(error));
       if (error.localizedDescription() != said) hostLog(error.localizedDescription());
       said = error.localizedDescription();
       if (isHurried()) break;
@@ -410,13 +419,20 @@ void Host::Implementation::say(const std::string& text) {
   tellServiceManager("STOPPING=1\nSTATUS=" + text);
 }
 
-Host::Host(HostSettings settings)
-    : implementation_(std::make_unique<Implementation>(std::move(settings))) {}
+Host::Host(HostSettings settings) try
+    : implementation_(std::make_unique<Implementation>(std::move(settings))) {
+} catch (...) {
+  throw caughtError();
+}
 
 Host::~Host() = default;
 
 void Host::run(const std::function<bool()>& ready) {
-  implementation_->run(ready);
+  try {
+    implementation_->run(ready);
+  } catch (...) {
+    throw caughtError();
+  }
 }
 
 }  // namespace kestrowan::host

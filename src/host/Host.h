@@ -9,7 +9,7 @@ namespace kestrowan::host {
 
 /// One domain's life: its state directory, the extension and the replica, the mount and the control
 /// socket. One at a time in a process, made before the process has other threads: it takes the
-/// signals INT, TERM and HUP, the process's file manager and its log.
+/// signals INT, TERM, HUP and QUIT, the process's file manager and its log.
 class Host {
  public:
   /// Takes the state directory, reads what it holds, and looks at the mount point, which is made

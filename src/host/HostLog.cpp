@@ -1,11 +1,13 @@
 #include "host/HostLog.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <mutex>
 #include <utility>
 
 namespace kestrowan::host {
@@ -58,7 +60,12 @@ class WithoutExtensionLog : public LogSink {
 void hostLog(std::string_view text) {
   const auto line = (isDated ? date() : "") + "kestrowan: " + escapedForDisplay(text) + "\n";
   std::string_view rest = line;
+  static std::mutex writing;
+  std::lock_guard lock(writing);
   while (!rest.empty()) {
+    // A terminal that was halted, or a reader that reads no more, must not halt the mount.
+    pollfd room{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&room, 1, 0) != 1) return;
     const auto written = ::write(STDERR_FILENO, rest.data(), rest.size());
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;

@@ -14,7 +14,7 @@
 namespace kestrowan::host {
 
 /// Writes "kestrowan: " and `text`, control characters escaped, as one line to standard error.
-/// From every thread; a line that cannot be written is dropped.
+/// From every thread; a line that cannot be written at once is dropped.
 void hostLog(std::string_view text);
 
 /// Puts date and time (local) before every line from now on, for a log that nothing else dates.

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "host/HostLog.h"
@@ -21,6 +22,12 @@ namespace kestrowan::host {
 namespace {
 
 constexpr mode_t kNothingForOthers = S_IRWXG | S_IRWXO;
+/// What the host needs at most: 80 for commands, 32 for the pipes of the FUSE workers, 16 for the
+/// connections of two sessions, 16 for transfers, and a few for each of its other parts.
+constexpr rlim_t kOwnDescriptors = 256;
+/// Where the system sets no limit.
+constexpr rlim_t kMostDescriptors = rlim_t{1} << 20;
+constexpr std::size_t kFewestForPrograms = 8;
 constexpr off_t kLargestLog = 4 << 20;  // bytes
 
 }  // namespace
@@ -40,10 +47,30 @@ void limitHeaps() {
   ::mallopt(M_ARENA_MAX, 2);
 }
 
+std::size_t raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kFewestForPrograms;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  // Whatever came of that.
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t all = std::min<rlim_t>(limit.rlim_cur, kMostDescriptors);
+  const rlim_t own = std::min(kOwnDescriptors, all / 4 * 3);
+  return std::max<std::size_t>(all - own, kFewestForPrograms);
+}
+
+void ignoreHarmlessSignals() {
+  for (const int signal : {SIGPIPE, SIGXFSZ, SIGXCPU, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF,
+                           SIGIO, SIGPWR, SIGSTKFLT, SIGTTIN, SIGTTOU}) {
+    std::signal(signal, SIG_IGN);
+  }
+  for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) std::signal(signal, SIG_IGN);
+}
+
 StopSignals::StopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&signals, signal);
   pthread_sigmask(SIG_BLOCK, &signals, &before_);
   file_.reset(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!file_) {

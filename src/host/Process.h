@@ -1,6 +1,7 @@
 #pragma once
 
 #include <csignal>
+#include <cstddef>
 #include <string>
 
 #include "platform/base/UniqueFd.h"
@@ -17,8 +18,18 @@ void makeFilesPrivate();
 /// Makes the process's free memory go back to the system sooner. Before there are other threads.
 void limitHeaps();
 
-/// Takes INT, TERM and HUP from the process while it lives: they are read instead of ending it.
-/// Made before the process has other threads, and outlives them.
+/// Raises the number of descriptors that the process may have as far as the system lets it, and
+/// gives how many of them open files of programs may take. The rest is the host's own: database,
+/// connections, transfers, commands, the kernel's pipes.
+std::size_t raiseDescriptorLimit();
+
+/// Ignores the signals whose cause is an error of a call as well (the limit of a file's size, a
+/// reader that is gone), and those that end a process when they are sent by accident.
+/// docs/THREADS.md has the list. Before there are other threads.
+void ignoreHarmlessSignals();
+
+/// Takes INT, TERM, HUP and QUIT from the process while it lives: they are read instead of ending
+/// it. Made before the process has other threads, and outlives them.
 class StopSignals {
  public:
   /// Throws `NSError` when the system has no descriptor left.

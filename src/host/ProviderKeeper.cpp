@@ -5,6 +5,7 @@
 
 #include "extension/FileProviderExtension.h"
 #include "items/FPItem.h"
+#include "platform/base/Threads.h"
 
 namespace kestrowan::host {
 
@@ -21,7 +22,7 @@ decltype(replica::Options::wouldRefuse) extensionRefusals() {
 
 ProviderKeeper::ProviderKeeper(Functions functions, std::chrono::milliseconds interval)
     : functions_(std::move(functions)), interval_(interval) {
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread("the provider keeper", [this] { run(); });
 }
 
 ProviderKeeper::~ProviderKeeper() {
@@ -46,13 +47,16 @@ void ProviderKeeper::renew() {
 }
 
 void ProviderKeeper::run() {
+  bool failed = false;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     const bool told = changed_.wait_for(lock, interval_, [this] { return stopping_ || wanted_; });
     if (stopping_) return;
     wanted_ = false;
     lock.unlock();
-    if (told || functions_.isHeld()) replace();
+    failed = !guarded("the provider keeper", [&] {
+      if (told || failed || functions_.isHeld()) replace();
+    });
     lock.lock();
   }
 }

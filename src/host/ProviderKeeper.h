@@ -21,7 +21,8 @@ ProviderFactory extensionFactory(NSFileProviderDomain domain);
 decltype(replica::Options::wouldRefuse) extensionRefusals();
 
 /// Keeps a replica's provider good: makes a new one when told to, and time and again while the
-/// present one does not work. Lives no longer than what its functions use.
+/// present one does not work. What a function throws is a line in the log, and is tried again after
+/// the interval. Lives no longer than what its functions use.
 class ProviderKeeper {
  public:
   struct Functions {

@@ -7,6 +7,7 @@ to the mount then fails.
 import contextlib
 import json
 import os
+import resource
 import shutil
 import signal
 import socket
@@ -78,17 +79,27 @@ class NotifySocket:
         self.socket.close()
 
 
+def limiting(limits):
+    """What sets a new process's limits: {resource: (soft, hard)}."""
+    def limit():
+        for kind, values in limits.items():
+            resource.setrlimit(kind, values)
+    return limit
+
+
 class Mounted:
     """One `kestrowan mount` in the foreground."""
 
-    def __init__(self, place, *options, point=None, env=None):
+    def __init__(self, place, *options, point=None, env=None, limits=None,
+                 stderr=subprocess.PIPE):
         self.place = place
         self.point = Path(point or place.point)
         self.notify = NotifySocket(place.new_path("notify"))
         self.lines = []
         self.process = driver.start(
             "mount", *options, self.point, container=place.container, stdout=subprocess.PIPE,
-            env={**place.environment(), "NOTIFY_SOCKET": self.notify.name, **(env or {})})
+            stderr=stderr, env={**place.environment(), "NOTIFY_SOCKET": self.notify.name, **(env or {})},
+            preexec_fn=limiting(limits or {}))
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
         self.watchdog = threading.Timer(WATCHDOG_SECONDS, self.process.kill)
@@ -96,7 +107,7 @@ class Mounted:
         self.watchdog.start()
 
     def _read(self):
-        for line in self.process.stderr:
+        for line in self.process.stderr or []:
             self.lines.append(line.decode("utf-8", "replace").rstrip("\n"))
 
     def has_said(self, text):
@@ -138,7 +149,8 @@ class Mounted:
         print("\n".join(["what the host said:", *self.lines]))
         self.notify.close()
         self.process.stdout.close()
-        self.process.stderr.close()
+        if self.process.stderr:
+            self.process.stderr.close()
 
 
 class Place:

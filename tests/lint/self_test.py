@@ -9,6 +9,19 @@ sys.dont_write_bytecode = True
 import co_await_temporaries  # noqa: E402
 import include_rules  # noqa: E402
 import sources  # noqa: E402
+import threads  # noqa: E402
+
+
+class Threads(unittest.TestCase):
+    def test_threads_are_found_wherever_they_are_made(self):
+        for text in ("std::thread([] {}).detach();", "std::thread{run};", "std::async(run);",
+                     "std::jthread (run);", "pthread_create(&t, nullptr, run, nullptr);"):
+            self.assertTrue(threads.check("a.cpp", text), text)
+
+    def test_threads_that_are_only_held_are_none(self):
+        for text in ("std::thread thread_;", "std::vector<std::thread> threads_;",
+                     "std::thread::id id;", "// std::thread(run)", "thread_ = startThread(a, b);"):
+            self.assertEqual(threads.check("a.cpp", text), [], text)
 
 
 class IncludeRules(unittest.TestCase):

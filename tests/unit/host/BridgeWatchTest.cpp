@@ -7,7 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <new>
+#include <utility>
 
+#include "support/RecordingLog.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::host {
@@ -32,6 +35,7 @@ class BridgeWatchTest : public testing::Test {
         },
         [this] {
           const std::lock_guard lock(mutex_);
+          if (std::exchange(throwsOnce_, false)) throw std::bad_alloc();
           ++changes_;
           changed_.notify_all();
         },
@@ -60,7 +64,19 @@ class BridgeWatchTest : public testing::Test {
   std::mutex mutex_;
   std::condition_variable changed_;
   int changes_ = 0;
+  bool throwsOnce_ = false;
 };
+
+TEST_F(BridgeWatchTest, AChangeThatCouldNotBeReportedIsReportedAtTheNextLook) {
+  const test::RecordingLog log;
+  fs::create_directory(container_);
+  throwsOnce_ = true;
+  const auto watching = watch({1ms, 1ms});
+  replaceBridgeFile("one");
+  ASSERT_TRUE(waitForChanges(1));
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_NE(log.lines()[0].find("the bridge watch"), std::string::npos);
+}
 
 TEST_F(BridgeWatchTest, NoticesTheFileAppearingChangingAndGoing) {
   fs::create_directory(container_);

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -51,7 +52,7 @@ TEST(StopSignals, AreTakenInsteadOfEndingTheProcess) {
   EXPECT_EQ(inChild([] {
               const StopSignals signals;
               if (signals.take() != 0) return 1;
-              for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+              for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
                 ::raise(signal);
                 if (signals.take() != signal) return 2;
               }
@@ -66,6 +67,52 @@ TEST(StopSignals, OneThatCameLateIsDropped) {
                 const StopSignals signals;
                 ::raise(SIGTERM);
               }
+              return 7;
+            }),
+            7);
+}
+
+TEST(IgnoreHarmlessSignals, NoneOfThemEndsTheProcess) {
+  EXPECT_EQ(inChild([] {
+              ignoreHarmlessSignals();
+              for (const int signal :
+                   {SIGPIPE, SIGXFSZ, SIGXCPU, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO,
+                    SIGPWR, SIGSTKFLT, SIGTTIN, SIGTTOU, SIGRTMIN, SIGRTMAX}) {
+                ::raise(signal);
+              }
+              return 7;
+            }),
+            7);
+}
+
+/// How many open files programs may have in a process with such limits; 0 when the limit was not
+/// raised as far as it may be.
+int filesWith(rlim_t soft, rlim_t hard) {
+  return inChild([&] {
+    const rlimit limit{soft, hard};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+    const auto count = raiseDescriptorLimit();
+    rlimit now{};
+    ::getrlimit(RLIMIT_NOFILE, &now);
+    return now.rlim_cur == hard && count < 256 ? static_cast<int>(count) : 0;
+  });
+}
+
+TEST(RaiseDescriptorLimit, LeavesTheHostItsOwnAndProgramsTheRest) {
+  EXPECT_EQ(filesWith(100, 500), 500 - 256);
+  EXPECT_EQ(filesWith(200, 200), 50);
+  EXPECT_EQ(filesWith(64, 64), 16);
+}
+
+TEST(HostLog, ALineForWhichThereIsNoRoomIsDropped) {
+  EXPECT_EQ(inChild([] {
+              int ends[2];
+              if (::pipe2(ends, O_NONBLOCK) != 0) return 1;
+              while (::write(ends[1], "x", 1) == 1) {
+              }
+              // From here on a write would wait.
+              if (::fcntl(ends[1], F_SETFL, 0) != 0 || ::dup2(ends[1], STDERR_FILENO) < 0) return 2;
+              hostLog("nobody reads this");
               return 7;
             }),
             7);

@@ -4,9 +4,11 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "extension/FileProviderExtension.h"
+#include "support/RecordingLog.h"
 
 namespace kestrowan::host {
 namespace {
@@ -43,6 +45,7 @@ class ProviderKeeperTest : public testing::Test {
   std::mutex mutex_;
   std::condition_variable changed_;
   int used_ = 0;
+  int tries_ = 0;
   int asked_ = 0;
   bool held_ = false;
 };
@@ -51,6 +54,23 @@ TEST_F(ProviderKeeperTest, TheFirstProviderIsThereAtOnce) {
   ProviderKeeper keeper(functions(), 1h);
   keeper.start();
   EXPECT_EQ(used_, 1);
+}
+
+TEST_F(ProviderKeeperTest, AProviderThatCannotBeMadeIsTriedAgain) {
+  const test::RecordingLog log;
+  auto failing = functions();
+  failing.make = [this, made = failing.make] {
+    {
+      const std::lock_guard lock(mutex_);
+      if (++tries_ == 1) throw std::bad_alloc();
+    }
+    return made();
+  };
+  ProviderKeeper keeper(failing, 1ms);
+  keeper.renew();
+  ASSERT_TRUE(waitFor(used_, 1));
+  ASSERT_FALSE(log.lines().empty());
+  EXPECT_NE(log.lines()[0].find("the provider keeper"), std::string::npos);
 }
 
 TEST_F(ProviderKeeperTest, ANewOneIsMadeWhenToldTo) {
