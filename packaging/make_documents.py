@@ -37,6 +37,7 @@ ENVIRONMENT = (
     ("XDG_STATE_HOME", "where mounts keep their state; ~/.local/state when unset"),
     ("XDG_RUNTIME_DIR", "where mounts have their control sockets; with the state when unset"),
     ("NOTIFY_SOCKET", "set by a service manager that wants to know when a mount is ready"),
+    ("Others", "are taken away before a library could read them, but for HOME, PATH, TMPDIR and TZ"),
 )
 
 FILES_USED = (

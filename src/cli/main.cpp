@@ -3,9 +3,9 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 
 #include "cli/CommandLine.h"
+#include "cli/Variables.h"
 #include "platform/base/Task.h"
 
 namespace {
@@ -26,8 +26,8 @@ int main(int argc, char** argv) {
   openStandardStreams();
   // A reader that goes away is an error of the write, which says so, not a silent end.
   std::signal(SIGPIPE, SIG_IGN);
-  // TLS secrets are never written to a file, whatever the environment asks for.
-  ::unsetenv("SSLKEYLOGFILE");
+  // Before a library reads what is not meant for this program.
+  kestrowan::cli::keepOwnVariables();
   const int code = kestrowan::cli::run(argc, argv);
   // Requests that nobody waits for any more must not run beneath the process's clean-up.
   if (!kestrowan::waitForDetachedTasks(kLongestWait)) ::_exit(code);

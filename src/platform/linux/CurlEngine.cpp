@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/linux/CurlError.h"
+#include "platform/linux/OpenSSLSetUp.h"
 
 namespace kestrowan {
 
@@ -32,6 +33,7 @@ class SignalsBlocked {
 };
 
 void initializeCurl() {
+  if (!setUpOpenSSL()) throw urlErrorForCurl(CURLE_FAILED_INIT, false, {});
   static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (result != CURLE_OK) throw urlErrorForCurl(result, false, {});
 }

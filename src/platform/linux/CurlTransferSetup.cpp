@@ -1,5 +1,6 @@
 #include <openssl/ssl.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
 
@@ -11,15 +12,25 @@ namespace kestrowan {
 
 namespace {
 
-// A connection attempt is bounded by the idle time-out alone.
-constexpr long kLongestConnectMilliseconds = 7L * 24 * 60 * 60 * 1000;
 constexpr long kFileReceiveBufferBytes = 128 * 1024;
+constexpr double kLongestConnectMilliseconds = 7.0 * 24 * 60 * 60 * 1000;
 
 template <typename Value>
 void set(CURL* easy, CURLoption option, Value value) {
   const auto code = curl_easy_setopt(easy, option, value);
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
   if (code != CURLE_OK) throw urlErrorForCurl(code, false, {});
+}
+
+/// How long connecting may take, the handshake included, however busily: nothing of an answer comes
+/// before its end. At least 1, since 0 would mean another limit.
+long connectMilliseconds(double timeoutSeconds) {
+  const double milliseconds = timeoutSeconds * 1000;
+  // The negation also catches what is not a number.
+  if (!(milliseconds < kLongestConnectMilliseconds)) {
+    return static_cast<long>(kLongestConnectMilliseconds);
+  }
+  return std::max(static_cast<long>(std::max(milliseconds, 0.0)), 1L);
 }
 
 }  // namespace
@@ -39,8 +50,9 @@ struct CurlTransfer::Callbacks {
 
   static CURLcode governTLS(CURL*, void* context, void* pointer) noexcept {
     auto& transfer = self(pointer);
-    transfer.handshake_->govern(static_cast<SSL_CTX*>(context), transfer.socket_);
-    return CURLE_OK;
+    const bool governed =
+        transfer.handshake_->govern(static_cast<SSL_CTX*>(context), transfer.socket_);
+    return governed ? CURLE_OK : CURLE_SSL_CIPHER;
   }
 
   static int beforeRequest(void* pointer, char*, char*, int, int) noexcept {
@@ -91,7 +103,7 @@ void CurlTransfer::setOptions() {
   set(easy_, CURLOPT_PRIVATE, static_cast<void*>(this));
   set(easy_, CURLOPT_ERRORBUFFER, &reason_[0]);
   set(easy_, CURLOPT_NOSIGNAL, 1L);
-  set(easy_, CURLOPT_CONNECTTIMEOUT_MS, kLongestConnectMilliseconds);
+  set(easy_, CURLOPT_CONNECTTIMEOUT_MS, connectMilliseconds(request_.timeoutInterval));
 
   // The request is what it says, once, to the host that it names.
   set(easy_, CURLOPT_URL, request_.url.absoluteString().c_str());

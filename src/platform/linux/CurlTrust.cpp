@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <optional>
@@ -11,6 +12,16 @@
 namespace kestrowan {
 
 namespace {
+
+// Forward secrecy and a cipher in every one; none without a certificate.
+constexpr const char* kSuites13 =
+    "TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256:TLS_AES_128_GCM_SHA256";
+constexpr const char* kSuites12 =
+    "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20:ECDHE+AES:"
+    "!AESCCM:!aNULL:!eNULL:!PSK:!SRP:!DSS";
+constexpr int kSecurityLevel = 2;  // at least 112 bits
+// An ordinary server sends a dozen, and seldom one more.
+constexpr std::intptr_t kMostMessagesInARow = 1000;
 
 std::optional<SecCertificate> certificateCopy(X509* certificate) {
   unsigned char* bytes = nullptr;
@@ -61,6 +72,51 @@ int socketIndex() {
   return index;
 }
 
+/// Where a connection keeps how many messages of handshakes have come since the last data.
+int messageCountIndex() {
+  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+  return index;
+}
+
+int socketOf(const SSL* connection) {
+  const auto* stored = SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), socketIndex());
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(stored)) - 1;
+}
+
+/// Whether the library tells of a record with data of the application.
+bool bringsData(const SSL* connection, int kind, const void* bytes, std::size_t size) {
+  // In version 1.3 every sealed record looks like data from outside.
+  const int telling =
+      SSL_version(connection) == TLS1_3_VERSION ? SSL3_RT_INNER_CONTENT_TYPE : SSL3_RT_HEADER;
+  return kind == telling && size > 0 &&
+         *static_cast<const unsigned char*>(bytes) == SSL3_RT_APPLICATION_DATA;
+}
+
+/// Ends a connection on which a server sends nothing but messages of handshakes: the library
+/// reads those, and answers some, for as long as they come.
+void countMessage(int sent, int, int kind, const void* bytes, std::size_t size, SSL* connection,
+                  void*) noexcept {
+  if (sent != 0) return;
+  auto count = reinterpret_cast<std::intptr_t>(SSL_get_ex_data(connection, messageCountIndex()));
+  if (bringsData(connection, kind, bytes, size)) {
+    count = 0;
+  } else if (kind == SSL3_RT_HANDSHAKE && ++count > kMostMessagesInARow) {
+    ::shutdown(socketOf(connection), SHUT_RDWR);
+  }
+  SSL_set_ex_data(connection, messageCountIndex(), reinterpret_cast<void*>(count));
+}
+
+bool allowGoodSuitesOnly(SSL_CTX* context) {
+  SSL_CTX_set_security_level(context, kSecurityLevel);
+  SSL_CTX_set_options(context, SSL_OP_NO_COMPRESSION);
+  SSL_CTX_clear_options(context,
+                        SSL_OP_ALLOW_UNSAFE_LEGACY_RENEGOTIATION | SSL_OP_LEGACY_SERVER_CONNECT);
+  return SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) == 1 &&
+         SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) == 1 &&
+         SSL_CTX_set_ciphersuites(context, kSuites13) == 1 &&
+         SSL_CTX_set_cipher_list(context, kSuites12) == 1;
+}
+
 const SSL* connectionOf(CURL* easy) {
   curl_tlssessioninfo* session = nullptr;
   if (curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || !session) {
@@ -92,7 +148,7 @@ bool CurlChallenger::accepts(std::string_view method,
   }
 }
 
-void CurlHandshake::govern(ssl_ctx_st* context, int socket) {
+bool CurlHandshake::govern(ssl_ctx_st* context, int socket) {
   // Stored with one added, so that nothing stored reads as no socket.
   SSL_CTX_set_ex_data(context, socketIndex(), reinterpret_cast<void*>(std::intptr_t{socket} + 1));
   SSL_CTX_set_cert_verify_callback(context, &judgeServer, this);
@@ -104,6 +160,8 @@ void CurlHandshake::govern(ssl_ctx_st* context, int socket) {
   SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
   // The environment can make curl write the keys of every connection to a file.
   SSL_CTX_set_keylog_callback(context, nullptr);
+  SSL_CTX_set_msg_callback(context, &countMessage);
+  return allowGoodSuitesOnly(context);
 }
 
 bool CurlHandshake::decide(std::string_view method,
@@ -115,9 +173,7 @@ bool CurlHandshake::decide(std::string_view method,
 
 int socketOf(CURL* easy) {
   const auto* connection = connectionOf(easy);
-  if (!connection) return -1;
-  const auto* stored = SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), socketIndex());
-  return static_cast<int>(reinterpret_cast<std::intptr_t>(stored)) - 1;
+  return connection ? socketOf(connection) : -1;
 }
 
 bool hasClosingAlert(CURL* easy) {

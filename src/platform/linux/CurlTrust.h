@@ -35,9 +35,11 @@ class CurlHandshake {
  public:
   explicit CurlHandshake(const CurlChallenger& challenger) : challenger_(challenger) {}
 
-  /// Makes the delegate the only judge of the server that `context` talks to, and keeps secrets,
-  /// resumption and later handshakes out of it. `socket` is what the context will talk through.
-  void govern(ssl_ctx_st* context, int socket);
+  /// Makes the delegate the only judge of the server that `context` talks to, allows good versions
+  /// and suites only, whatever the environment says, keeps secrets, resumption and later handshakes
+  /// out of it, and bounds what a server may say in a handshake. `socket` is what the context will
+  /// talk through. False when that cannot be done: the context must not be used then.
+  bool govern(ssl_ctx_st* context, int socket);
 
   bool decide(std::string_view method, std::shared_ptr<const SecTrust> trust) noexcept;
   /// Whether any challenge was refused.

@@ -4,13 +4,14 @@
 
 #include "platform/base/Fatal.h"
 #include "platform/foundation/NSUUID.h"
+#include "platform/linux/OpenSSLSetUp.h"
 
 namespace kestrowan {
 
 std::string newUUIDString() {
   constexpr char kHex[] = "0123456789ABCDEF";
   std::array<unsigned char, 16> bytes;
-  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+  if (!setUpOpenSSL() || RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
     fatalError("the system has no random bytes");
   }
   bytes[6] = static_cast<unsigned char>(0x40 | (bytes[6] & 0x0F));
