@@ -266,7 +266,8 @@ def test_no_file_that_the_environment_names_to_a_library_is_opened(place, comman
         if command == ("drive",):
             assert place.list_once(variables)[0]["error"] is None
         else:
-            place.run(*(word.format(file=source) for word in command), env=variables)
+            result = place.run(*(word.format(file=source) for word in command), env=variables)
+            assert result.returncode == 0, result.stderr
         assert watch.seen() == set()
         watch.close()
     assert not (directory / "keys").exists()

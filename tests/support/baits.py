@@ -50,12 +50,13 @@ def _icu_name():
 
 
 def lay(directory):
-    """Makes the files, and gives the variables that name them."""
+    """Makes the files, and gives the variables that name them. Those that libraries read while the
+    system loads them, before the program begins, are not among them."""
     names = ["openssl.cnf", "engines/bait.so", "modules/legacy.so", "certificates.pem",
              "certificates/bait.0", "gconv/gconv-modules", "gconv/gconv-modules.cache",
-             "locale/C/LC_CTYPE", "zones/Europe/Paris", "krb5.conf", "ldap.conf", "ldaprc",
+             "zones/Europe/Paris", "krb5.conf", "ldap.conf", "ldaprc",
              "home/.netrc", "home/.curlrc", "home/.sqliterc", "home/.ldaprc", "hosts", "messages",
-             "sqlite/bait", "ctlog.cnf", "p11/bait.conf", "mallocs/bait"]
+             "sqlite/bait", "ctlog.cnf"]
     icu = _icu_name()
     names.append(f"icu/{icu}.dat")
     names += [f"icu/{icu}/{name}" for name in (
@@ -77,7 +78,7 @@ def lay(directory):
         "CTLOG_FILE": "ctlog.cnf", "SSLKEYLOGFILE": "keys",
         "CURL_CA_BUNDLE": "certificates.pem", "CURL_HOME": "home", "NETRC": "home/.netrc",
         "HOME": "home", "ICU_DATA": "icu", "ICU_TIMEZONE_FILES_DIR": f"icu/{icu}",
-        "GCONV_PATH": "gconv", "LOCPATH": "locale", "NLSPATH": "messages", "TZDIR": "zones",
+        "GCONV_PATH": "gconv", "NLSPATH": "messages", "TZDIR": "zones",
         "KRB5_CONFIG": "krb5.conf", "LDAPCONF": "ldap.conf", "LDAPRC": "ldaprc",
-        "HOSTALIASES": "hosts", "SQLITE_TMPDIR": "sqlite", "P11_KIT_SYSTEM_CONFIG": "p11",
+        "HOSTALIASES": "hosts", "SQLITE_TMPDIR": "sqlite",
     }.items()} | {"LC_ALL": "en_US.UTF-8", "LANG": "en_US.UTF-8", "TZ": "Europe/Paris"}
