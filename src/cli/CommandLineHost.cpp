@@ -70,9 +70,16 @@ class MountCommands {
                      "directory for what is kept here; otherwise kestrowan/DOMAIN in "
                      "$XDG_STATE_HOME or ~/.local/state")
         ->type_name("DIR");
-    command->add_option("--domain", mount.domain, "name of the state, for several mounts")
-        ->type_name("NAME")
-        ->capture_default_str();
+    command
+        ->add_option(
+            "--domain", mount.domain,
+            "name of the state, for several mounts; otherwise \"default\" for the standard "
+            "container, and a name made from its path for every other one")
+        ->type_name("NAME");
+    command->add_flag("--move-here", mount.moveHere,
+                      "the storage that the state was made for has this container now: note that, "
+                      "and send there what waits. Say it once, after a look at what waits, and "
+                      "never for another storage");
     command
         ->add_option("--cache-limit", mount.cacheLimit,
                      "how much of what could be fetched again stays here, as 500M or 20G; "

@@ -14,6 +14,7 @@ enum class ExitCode : int {
   notMounted = 7,        // no mount is running there
   timedOut = 8,          // the time for waiting ran out
   busy = 9,              // the mount, or its state directory, is in use
+  otherStorage = 10,     // the state was made for another container
 };
 
 struct ExitCodeText {
@@ -33,6 +34,7 @@ inline constexpr ExitCodeText kExitCodes[] = {
     {ExitCode::notMounted, "no mount is running there"},
     {ExitCode::timedOut, "the time for waiting ran out"},
     {ExitCode::busy, "the mount, or its state directory, is in use"},
+    {ExitCode::otherStorage, "the state was made for another container"},
 };
 
 }  // namespace kestrowan::cli

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "cli/Bridge.h"
+#include "host/CommandAdvice.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
 
@@ -78,7 +79,7 @@ std::string inWords(std::string_view path, const NSError& error) {
         .append(advice.whatToDo);
   }
   return text + error.localizedDescription() + " (" + error.domain() + " " +
-         std::to_string(error.code()) + ")\n  run \"kestrowan doctor\" to see what is wrong";
+         std::to_string(error.code()) + ")\n  this shows what is wrong: " + host::doctorCommand();
 }
 
 }  // namespace

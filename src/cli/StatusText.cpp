@@ -133,6 +133,9 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
       line("Mount", shownPath(status, "mountPoint") + "  (domain " + text(status, "domain") +
                         ", process " + std::to_string(integer(status, "process")) + ", for " +
                         durationText(now - integer(status, "started")) + ")");
+  if (const auto container = shownPath(status, "container"); !container.empty()) {
+    shown += line("Container", container);
+  }
   shown += line("Server", serverText(status));
   for (const auto& warning : elements(status, "warnings")) {
     if (warning.string() != nullptr) shown += line("Warning", escapedForDisplay(*warning.string()));

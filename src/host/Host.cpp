@@ -16,8 +16,10 @@
 #include "host/BridgeAccess.h"
 #include "host/BridgeProblem.h"
 #include "host/BridgeWatch.h"
+#include "host/CommandAdvice.h"
 #include "host/ControlSocket.h"
 #include "host/Directories.h"
+#include "host/DomainChoice.h"
 #include "host/HostCommands.h"
 #include "host/HostEvents.h"
 #include "host/HostFileManager.h"
@@ -28,6 +30,7 @@
 #include "host/ServiceManager.h"
 #include "host/StateDirectory.h"
 #include "host/StatusNews.h"
+#include "host/StorageBinding.h"
 #include "host/VersionRules.h"
 #include "mount/DescribedError.h"
 #include "mount/Mount.h"
@@ -85,6 +88,12 @@ std::string socketPath(const HostSettings& settings) {
   return directory + "/" + settings.domain + "-" + shortName(settings.stateDirectory) + ".sock";
 }
 
+/// Before anything is made or taken away for a mount that is refused.
+HostSettings checked(HostSettings settings) {
+  requireOwnStorage(settings);
+  return settings;
+}
+
 }  // namespace
 
 class Host::Implementation {
@@ -103,6 +112,7 @@ class Host::Implementation {
   void sayHowItBegins();
   void tick();
   void warn();
+  replica::Status status() const;
   std::vector<std::string> warnings();
   std::int64_t answerUnmount(bool force);
 
@@ -139,16 +149,17 @@ class Host::Implementation {
 };
 
 Host::Implementation::Implementation(HostSettings settings)
-    : settings_(std::move(settings)),
+    : settings_(checked(std::move(settings))),
       folder_(settings_.mountPoint, settings_.stateDirectory),
       state_(settings_.stateDirectory) {
+  bindStorage(settings_);
   protectMemory();
   makeFilesPrivate();
   limitHeaps();
   ignoreHarmlessSignals();
   LogSink::setShared(hostSink(settings_.extensionLog));
-  NSFileManager::setDefaultManager(
-      std::make_shared<HostFileManager>(systemFiles_, temporaryDirectoryIn(state_.path())));
+  NSFileManager::setDefaultManager(std::make_shared<HostFileManager>(
+      systemFiles_, temporaryDirectoryIn(state_.path()), settings_.container));
   loop_ = std::make_unique<replica::LoopThread>();
   replica_ = std::make_unique<replica::Replica>(state_.path(), *loop_, replicaOptions(settings_));
   mount_ = std::make_unique<Mount>(*replica_, mountOptions());
@@ -208,19 +219,18 @@ void Host::Implementation::begin() {
   folder_.keep();
   state_.keep();
 
-  HostEntry entry{.domain = settings_.domain,
-                  .mountPoint = mount_->mountPoint(),
-                  .stateDirectory = state_.path(),
-                  .socket = socketPath(settings_),
-                  .process = ::getpid(),
-                  .running = true};
-  const HostCommands commands(
-      *replica_, {.host = entry,
-                  .started = std::time(nullptr),
-                  .status = [this] { return statusWithBridge(*replica_, *systemFiles_); },
-                  .warnings = [this] { return warnings(); },
-                  .isStopping = [this] { return stopping_.load(); },
-                  .unmount = [this](bool force) { return answerUnmount(force); }});
+  auto entry = entryOf(settings_);
+  entry.mountPoint = mount_->mountPoint();
+  entry.socket = socketPath(settings_);
+  entry.process = ::getpid();
+  entry.running = true;
+  const HostCommands commands(*replica_,
+                              {.host = entry,
+                               .started = std::time(nullptr),
+                               .status = [this] { return status(); },
+                               .warnings = [this] { return warnings(); },
+                               .isStopping = [this] { return stopping_.load(); },
+                               .unmount = [this](bool force) { return answerUnmount(force); }});
   socket_ = std::make_unique<ControlSocket>(
       entry.socket, [commands](const JSONValue& request) { return commands.answer(request); },
       ControlSocket::kPatience, &HostCommands::lane);
@@ -288,7 +298,7 @@ void Host::Implementation::serve() {
 /// What is done from time to time.
 void Host::Implementation::tick() {
   lastNews_ = Clock::now();
-  for (const auto& line : news_.of(statusWithBridge(*replica_, *systemFiles_))) hostLog(line);
+  for (const auto& line : news_.of(status())) hostLog(line);
   warn();
   if (settings_.logsToFile) limitLogFile(state_.path() + "/log");
 }
@@ -297,6 +307,16 @@ void Host::Implementation::warn() {
   const auto warning = bridgeWarning(containerPath(*systemFiles_)).value_or("");
   if (warning != warned_ && !warning.empty()) hostLog(warning);
   warned_ = warning;
+}
+
+/// With a reason for being held that a person can act upon.
+replica::Status Host::Implementation::status() const {
+  auto status = statusWithBridge(*replica_, *systemFiles_);
+  if (status.held && withoutLinks(settings_.container) != settings_.container) {
+    status.held = escapedForDisplay(settings_.container) +
+                  " leads to another directory now, which the state was not made for";
+  }
+  return status;
 }
 
 std::vector<std::string> Host::Implementation::warnings() {
@@ -409,7 +429,7 @@ std::int64_t Host::Implementation::finish(Clock::time_point deadline) {
   const auto left = changesLeft();
   say(left == 0 ? "unmounted; nothing is left to send"
                 : "unmounted; " + changesText(left) +
-                      " could not be sent, and will be after the next mount");
+                      " could not be sent, and will be after: " + mountCommand(entryOf(settings_)));
   events_.answerRequests(left);
   return left;
 }

@@ -96,6 +96,7 @@ JSONValue HostCommands::status(const JSONValue& request) const {
   form.emplace_back("domain", context_.host.domain);
   addPath(form, "mountPoint", context_.host.mountPoint);
   addPath(form, "stateDirectory", context_.host.stateDirectory);
+  addPath(form, "container", context_.host.container);
   form.emplace_back("process", static_cast<std::int64_t>(context_.host.process));
   form.emplace_back("started", context_.started);
   form.emplace_back("state", context_.isStopping() ? "stopping"

@@ -15,8 +15,8 @@ namespace kestrowan::host {
 /// begin at the root of the mount.
 ///
 ///     status               limit? (pending items)
-///       gives domain, mountPoint, stateDirectory, process, started, state, warnings, transfers,
-///       and what `statusForm` says
+///       gives domain, mountPoint, stateDirectory, container, process, started, state, warnings,
+///       transfers, and what `statusForm` says
 ///     wait                 limit? (milliseconds, at most 60,000; 0 asks how things stand)
 ///       gives synced, pending, refused (of those), offline, held
 ///     evict                path

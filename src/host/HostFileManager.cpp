@@ -4,13 +4,22 @@
 
 #include <utility>
 
+#include "host/DomainChoice.h"
 #include "replica/Options.h"
 
 namespace kestrowan::host {
 
 HostFileManager::HostFileManager(std::shared_ptr<NSFileManager> inner,
-                                 std::string temporaryDirectory)
-    : GuardedFileManager(std::move(inner)), temporaryDirectory_(std::move(temporaryDirectory)) {}
+                                 std::string temporaryDirectory, std::string container)
+    : GuardedFileManager(std::move(inner)),
+      temporaryDirectory_(std::move(temporaryDirectory)),
+      container_(std::move(container)) {}
+
+std::optional<NSURL> HostFileManager::containerURL(std::string_view group) {
+  auto found = GuardedFileManager::containerURL(group);
+  if (found && withoutLinks(found->path()) != container_) return std::nullopt;
+  return found;
+}
 
 NSURL HostFileManager::temporaryDirectory() {
   return NSURL::fileURLWithPath(temporaryDirectory_);

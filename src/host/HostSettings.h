@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "replica/Options.h"
 
@@ -12,6 +13,14 @@ struct HostSettings {
   std::string domain;
   std::string stateDirectory;
   std::string mountPoint;
+  /// The container's directory, without symbolic links; it need not be there.
+  std::string container;
+  /// The domain and the state directory are those that the container has by itself.
+  bool isOwnDomain = false;
+  /// The state is to be the container's, whatever it was made for.
+  bool moveHere = false;
+  /// What a command that mounts in the same way says besides, as words of a command line.
+  std::vector<std::string> options;
   /// How long an orderly end waits for changes to be sent.
   std::chrono::seconds drain{30};
   bool noexec = false;

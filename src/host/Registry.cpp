@@ -24,6 +24,7 @@ namespace kestrowan::host {
 namespace {
 
 constexpr std::string_view kSuffix = ".json";
+constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::size_t kLargestEntry = 64 * 1024;  // bytes
 
 std::string registryDirectory() {
@@ -35,6 +36,10 @@ std::string serialized(const HostEntry& entry) {
   form.emplace_back("domain", entry.domain);
   addPath(form, "mountPoint", entry.mountPoint);
   addPath(form, "stateDirectory", entry.stateDirectory);
+  addPath(form, "container", entry.container);
+  JSONValue::Array options;
+  for (const auto& option : entry.options) options.emplace_back(option);
+  form.emplace_back("options", std::move(options));
   addPath(form, "socket", entry.socket);
   form.emplace_back("process", static_cast<std::int64_t>(entry.process));
   return JSONValue(std::move(form)).serialized();
@@ -52,11 +57,21 @@ std::optional<HostEntry> readEntry(const std::string& path) {
   }
   entry.mountPoint = pathIn(*form, "mountPoint");
   entry.stateDirectory = pathIn(*form, "stateDirectory");
+  entry.container = pathIn(*form, "container");
+  if (const auto* options = form->member("options"); options != nullptr && options->array()) {
+    for (const auto& option : *options->array()) {
+      if (option.string() != nullptr) entry.options.push_back(*option.string());
+    }
+  }
   entry.socket = pathIn(*form, "socket");
   if (const auto* process = form->member("process"); process != nullptr && process->integer()) {
     entry.process = static_cast<pid_t>(*process->integer());
   }
   if (!entry.mountPoint.starts_with('/') || !entry.socket.starts_with('/')) return std::nullopt;
+  struct stat status;
+  if (::fstat(file.get(), &status) == 0) {
+    entry.registered = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+  }
   entry.running = ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
   return entry;
 }

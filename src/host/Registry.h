@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,9 +17,15 @@ struct HostEntry {
   std::string domain;
   std::string mountPoint;
   std::string stateDirectory;
+  /// What it serves: the container's directory; empty when the host that wrote this did not say.
+  std::string container;
+  /// Words of the command line that mounts in the same way, besides what is told here.
+  std::vector<std::string> options;
   /// Of its control socket.
   std::string socket;
   pid_t process = 0;
+  /// When it made itself known, in nanoseconds since 1970-01-01 UTC; later ones are greater.
+  std::int64_t registered = 0;
   /// Whether it still runs. One that does not has ended without saying so.
   bool running = false;
 };
@@ -27,7 +34,7 @@ struct HostEntry {
 /// the process lives. Throws `NSError` of `NSPOSIXErrorDomain` with a text for a person.
 class Registration {
  public:
-  /// `entry.running` does not matter.
+  /// `entry.running` and `entry.registered` do not matter.
   explicit Registration(const HostEntry& entry);
   Registration(const Registration&) = delete;
   Registration& operator=(const Registration&) = delete;

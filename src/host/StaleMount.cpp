@@ -1,8 +1,10 @@
 #include "host/StaleMount.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
+#include "host/CommandAdvice.h"
 #include "mount/DescribedError.h"
 #include "mount/Fusermount.h"
 #include "mount/MountPoint.h"
@@ -11,16 +13,33 @@
 
 namespace kestrowan::host {
 
+namespace {
+
+/// Whether a mount of the kind is where the host had its own.
 bool isLeftMounted(const HostEntry& host) {
   if (host.running) return false;
   const auto mount = mount::mountAt(host.mountPoint);
   return mount && mount->type == mount::kMountType;
 }
 
+/// Whether `later` has been mounted at the same place since.
+bool isSucceeded(const HostEntry& host, const HostEntry& later) {
+  return later.mountPoint == host.mountPoint &&
+         (later.running || later.registered > host.registered);
+}
+
+}  // namespace
+
 std::vector<HostEntry> hostsThatLeft() {
-  auto hosts = knownHosts();
-  std::erase_if(hosts, [](const HostEntry& host) { return !isLeftMounted(host); });
-  return hosts;
+  const auto known = knownHosts();
+  std::vector<HostEntry> left;
+  for (const auto& host : known) {
+    const bool isLast = std::none_of(known.begin(), known.end(), [&](const HostEntry& later) {
+      return isSucceeded(host, later);
+    });
+    if (isLast && isLeftMounted(host)) left.push_back(host);
+  }
+  return left;
 }
 
 std::optional<PlaceInMount> placeThatWasLeft(const std::string& path,
@@ -48,11 +67,9 @@ void removeLeftMount(const HostEntry& host) {
 }
 
 std::string adviceFor(const HostEntry& left) {
-  const auto shown = escapedForDisplay(left.mountPoint);
-  return shown +
-         ": its host died and left the mount behind; this cleans it up, and loses nothing: "
-         "kestrowan mount " +
-         (left.domain == "default" ? "" : "--domain " + left.domain + " ") + "'" + shown + "'";
+  return escapedForDisplay(left.mountPoint) +
+         ": its host died and left the mount behind; this cleans it up, and loses nothing: " +
+         mountCommand(left);
 }
 
 }  // namespace kestrowan::host

@@ -8,11 +8,10 @@
 
 namespace kestrowan::host {
 
-/// Whether a host that does not run any more left its mount behind. Touches no mount. Throws
-/// `NSError` when the system's table of mounts cannot be read.
-bool isLeftMounted(const HostEntry& host);
-
-/// Those that did, as `knownHosts` has them.
+/// The hosts that do not run any more and left their mounts behind, in the order of `knownHosts`.
+/// Of several that were mounted at one place the last one counts, and none when another one is
+/// mounted there now. Touches no mount. Throws `NSError` when the system's table of mounts cannot
+/// be read.
 std::vector<HostEntry> hostsThatLeft();
 
 /// Where `path` (absolute, or relative to `directory`) lies in a mount that was left behind.

@@ -14,8 +14,10 @@
 #include <thread>
 #include <utility>
 
+#include "host/CommandAdvice.h"
 #include "host/Directories.h"
 #include "host/Registry.h"
+#include "host/StorageNote.h"
 #include "mount/DescribedError.h"
 #include "mount/LocalFiles.h"
 #include "platform/foundation/Logger.h"
@@ -40,8 +42,8 @@ std::string holder(int file) {
 std::string mountOf(const std::string& path) {
   for (const auto& host : knownHosts()) {
     if (!host.running || host.stateDirectory != path) continue;
-    const auto shown = escapedForDisplay(host.mountPoint);
-    return ", which serves " + shown + "; end that with: kestrowan unmount '" + shown + "'";
+    return ", which serves " + escapedForDisplay(host.mountPoint) +
+           "; end that with: " + unmountCommand(host);
   }
   return "; end that first";
 }
@@ -79,6 +81,7 @@ void StateDirectory::remove() const {
   for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", kLockName}) {
     ::unlinkat(directory_.get(), file, 0);
   }
+  removeStorageNote(directory_.get());
   ::rmdir(path_.c_str());
 }
 

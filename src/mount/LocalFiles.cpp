@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <memory>
 
 #include "platform/base/UniqueFd.h"
@@ -58,17 +57,27 @@ std::optional<std::string> linkTarget(const std::string& path) {
 }
 
 std::string resolvedAsFar(const std::string& path) {
-  auto there = path;
-  std::string rest;
-  while (true) {
-    const std::unique_ptr<char, void (*)(void*)> found(::realpath(there.c_str(), nullptr),
-                                                       std::free);
-    if (found) return (found.get() == std::string_view("/") ? "" : found.get()) + rest;
-    const auto slash = there.rfind('/');
-    if (slash == std::string::npos || slash == 0) return path;
-    rest.insert(0, there, slash);
-    there.resize(slash);
+  // As many as the system follows in one path.
+  constexpr int kMostLinks = 40;
+  std::string reached;
+  const auto goUp = [&] { reached.resize(reached.empty() ? 0 : reached.rfind('/')); };
+  auto left = path;
+  for (int links = 0; !left.empty();) {
+    const auto end = std::min(left.find('/'), left.size());
+    const auto part = left.substr(0, end);
+    left.erase(0, end + 1);
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      goUp();
+      continue;
+    }
+    reached.append("/").append(part);
+    const auto target = linkTarget(reached);
+    if (!target || ++links > kMostLinks) continue;
+    target->starts_with('/') ? reached.clear() : goUp();
+    left.insert(0, *target + "/");
   }
+  return reached;
 }
 
 bool isWithin(std::string_view path, std::string_view folder) {

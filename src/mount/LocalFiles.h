@@ -24,7 +24,8 @@ bool isEmptyFolder(int folder);
 /// The target of the symbolic link at `path`; nothing for what is none.
 std::optional<std::string> linkTarget(const std::string& path);
 
-/// `path` (absolute) without symbolic links, as far as it is there, and the rest as it stands.
+/// `path` (absolute) without symbolic links, "." and "..", and without a "/" at its end: empty for
+/// the root. What it leads to need not be there.
 std::string resolvedAsFar(const std::string& path);
 
 /// Whether `path` is `folder`, or lies below it, told from the text of both.

@@ -20,6 +20,7 @@
 #include "mount/MountTable.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
+#include "platform/foundation/ShellWord.h"
 
 namespace kestrowan::mount {
 
@@ -33,7 +34,7 @@ std::string resolved(const std::string& path) {
   if (found) return found.get();
   if (errno == ENOENT) {
     throw describedError(ENOENT,
-                         path + " does not exist; create it first: mkdir -p '" + path + "'");
+                         path + " does not exist; create it first: mkdir -p " + shellWord(path));
   }
   throw systemError(errno, path);
 }
@@ -76,12 +77,13 @@ void freeOfStaleMounts(const std::string& path) {
       throw describedError(EBUSY,
                            path +
                                " is mounted, and its program does not answer; end that program, "
-                               "then run: fusermount3 -u '" +
-                               path + "'");
+                               "then run: fusermount3 -u " +
+                               shellWord(path));
     }
     if (*answer != ENOTCONN && *answer != ECONNABORTED) {
       throw describedError(
-          EBUSY, path + " is mounted already; unmount it first: kestrowan unmount '" + path + "'");
+          EBUSY,
+          path + " is mounted already; unmount it first: kestrowan unmount " + shellWord(path));
     }
     unmountStale(path);
   }

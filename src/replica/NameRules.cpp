@@ -12,6 +12,7 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::size_t kLongestHost = 64;
+constexpr std::string_view kConflictMark = " (conflict ";
 
 struct ClassPattern {
   std::string_view pattern;
@@ -82,9 +83,17 @@ NameClass nameClass(std::string_view name) {
   return NameClass::ordinary;
 }
 
+bool isConflictName(std::string_view name) {
+  const auto begin = name.find(kConflictMark);
+  if (begin == std::string_view::npos) return false;
+  const auto rest = name.substr(begin + kConflictMark.size());
+  return !rest.empty() && rest.front() >= '0' && rest.front() <= '9' &&
+         rest.find(')') != std::string_view::npos;
+}
+
 std::string conflictName(std::string_view name, std::int64_t at, std::string_view host,
                          unsigned attempt) {
-  std::string suffix = " (conflict " + localMinute(at);
+  std::string suffix = std::string(kConflictMark) + localMinute(at);
   std::string plainHost;
   std::copy_if(host.begin(), host.end(), std::back_inserter(plainHost), isPlain);
   plainHost.resize(std::min(plainHost.size(), kLongestHost));

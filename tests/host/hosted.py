@@ -5,8 +5,11 @@ to the mount then fails.
 """
 
 import contextlib
+import copy
+import itertools
 import json
 import os
+import re
 import resource
 import shutil
 import signal
@@ -23,7 +26,17 @@ SECONDS = 60
 WATCHDOG_SECONDS = 180
 
 (DONE, FAILED, USAGE, NOT_CONFIGURED, PARTLY_FAILED, UNWRITABLE, MOUNT_FAILED, NOT_MOUNTED,
- TIMED_OUT, BUSY) = range(10)
+ TIMED_OUT, BUSY, OTHER_STORAGE) = range(11)
+
+
+def own_domain(container):
+    """The domain of a container that is not the standard one."""
+    path = os.fsencode(os.path.realpath(container))
+    short = 0xcbf29ce484222325
+    for byte in path:
+        short = (short ^ byte) * 0x100000001b3 % 2**64
+    part = re.sub(rb"[^A-Za-z0-9._-]", b"-", os.path.basename(path)[:40]).lstrip(b"-.")
+    return f"{(part or b'storage').decode()}-{short:016x}"[:-8]
 
 
 def obstacle():
@@ -56,7 +69,10 @@ def mode(path):
 
 def is_mounted(path):
     with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as table:
-        return any(line.split()[4] == str(path) for line in table)
+        # Blanks and the like stand there as "\\040".
+        points = [re.sub(r"\\([0-7]{3})", lambda found: chr(int(found[1], 8)), line.split()[4])
+                  for line in table]
+    return str(path) in points
 
 
 class NotifySocket:
@@ -163,13 +179,26 @@ class Place:
         self.state_home = directory / "state"
         self.runtime = directory / "run"
         self.runtime.mkdir(mode=0o700)
-        self.state = self.state_home / "kestrowan" / "default"
         self.mounts = []
-        self.paths = 0
+        self.numbers = itertools.count(1)
 
     def new_path(self, name):
-        self.paths += 1
-        return self.directory / f"{name}{self.paths}"
+        return self.directory / f"{name}{next(self.numbers)}"
+
+    @property
+    def domain(self):
+        return own_domain(self.container)
+
+    @property
+    def state(self):
+        """Of the domain that the container has by itself."""
+        return self.state_home / "kestrowan" / self.domain
+
+    def with_container(self, container):
+        """The same place, whose commands are told of another container."""
+        other = copy.copy(self)
+        other.container = container
+        return other
 
     def environment(self):
         return {"XDG_STATE_HOME": str(self.state_home), "XDG_RUNTIME_DIR": str(self.runtime)}

@@ -43,7 +43,8 @@ def test_what_a_killed_host_left_mounted_is_found_and_removed(place):
 
 def test_commands_say_that_the_host_died_and_what_to_do(place):
     place.mount().ready().kill()
-    advice = f"kestrowan mount '{place.point}'".encode()
+    advice = (f"kestrowan --container '{place.container}' mount --domain {place.domain} "
+              f"'{place.point}'").encode()
     for command in (["status"], ["status", place.point], ["wait"], ["retry"],
                     ["evict", place.point / "Home" / "file"], ["pin", place.point]):
         result = place.run(*command)

@@ -99,7 +99,7 @@ def test_two_domains_are_mounted_side_by_side(place, folder):
     lines = [json.loads(watching.stdout.readline()) for _ in range(4)]
     watching.terminate()
     watching.communicate(timeout=60)
-    assert [line["domain"] for line in lines] == ["default", "second"] * 2
+    assert [line["domain"] for line in lines] == [place.domain, "second"] * 2
     result = place.run("retry")
     assert (result.returncode, result.stderr) == (DONE, b"")
     result = place.run("wait")

@@ -69,7 +69,7 @@ def test_a_killed_hosts_mount_is_taken_over(as_nobody, server):
     done = as_nobody("""
 kestrowan mount --background $HOME/mount
 echo kept >$HOME/mount/Home/Documents/a.txt
-pid=$(cat $HOME/.local/state/kestrowan/default/lock)
+pid=$(cat $HOME/.local/state/kestrowan/*/lock)
 kill -9 $pid
 while kill -0 $pid 2>/dev/null; do sleep 0.02; done
 kestrowan mount --background $HOME/mount
@@ -85,7 +85,7 @@ kestrowan unmount $HOME/mount
 def test_no_other_program_of_the_user_can_look_into_the_process(as_nobody, server):
     done = as_nobody("""
 kestrowan mount --background $HOME/mount
-pid=$(cat $HOME/.local/state/kestrowan/default/lock)
+pid=$(cat $HOME/.local/state/kestrowan/*/lock)
 ls /proc/$pid/fd >/dev/null 2>&1 && echo readable || echo hidden
 stat -c %U /proc/$pid/mem
 kestrowan unmount $HOME/mount

@@ -11,6 +11,7 @@
 #include "cli/HostLink.h"
 #include "cli/ItemText.h"
 #include "cli/commands/Finding.h"
+#include "host/CommandAdvice.h"
 #include "host/StaleMount.h"
 #include "platform/base/UniqueFd.h"
 #include "platform/foundation/Logger.h"
@@ -77,7 +78,10 @@ Finding checkHost(const host::HostEntry& host) {
         ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
     const auto* pending = status.member("pending");
     return {"mount", Verdict::good,
-            shown + ": " + text(status, "state") + ", " +
+            shown + ": domain " + escapedForDisplay(host.domain) + ", for " +
+                (host.container.empty() ? "a container that it does not tell"
+                                        : escapedForDisplay(host.container)) +
+                ": " + text(status, "state") + ", " +
                 counted(pending != nullptr ? integer(*pending, "count") : 0, "change") +
                 " to send"};
   } catch (const NSError& error) {
@@ -89,14 +93,12 @@ Finding checkHost(const host::HostEntry& host) {
 
 void checkMounts(std::vector<Finding>& found) {
   for (const auto& host : host::knownHosts()) {
-    if (host.running) {
-      found.push_back(checkHost(host));
-    } else if (host::isLeftMounted(host)) {
-      found.push_back({"mount", Verdict::warning,
-                       escapedForDisplay(host.mountPoint) +
-                           ": left behind by a host that died; mount there again, which loses "
-                           "nothing, or unmount it"});
-    }
+    if (host.running) found.push_back(checkHost(host));
+  }
+  for (const auto& left : host::hostsThatLeft()) {
+    found.push_back(
+        {"mount", Verdict::warning,
+         host::adviceFor(left) + "; this only takes it away: " + host::unmountCommand(left)});
   }
 }
 

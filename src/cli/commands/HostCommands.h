@@ -18,7 +18,8 @@ struct MountCommand {
   std::string mountPoint;
   bool background = false;
   std::optional<std::string> stateDirectory;
-  std::string domain = "default";
+  std::optional<std::string> domain;  // the container's own when absent
+  bool moveHere = false;
   std::uint64_t cacheLimit = 0;  // bytes; 0 for the usual
   std::string fsync = "local";   // or "server"
   std::string close = "return";  // or "wait"

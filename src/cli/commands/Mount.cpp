@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
+#include <vector>
 
 #include "cli/Background.h"
 #include "cli/Console.h"
@@ -14,9 +15,12 @@
 #include "cli/ItemText.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/HostCommands.h"
+#include "host/CommandAdvice.h"
 #include "host/Directories.h"
+#include "host/DomainChoice.h"
 #include "host/Host.h"
 #include "host/StaleMount.h"
+#include "host/StorageBinding.h"
 #include "mount/Fusermount.h"
 #include "platform/base/UniqueFd.h"
 #include "platform/foundation/Logger.h"
@@ -44,15 +48,43 @@ std::string absolutePath(const std::string& path) {
                                                         : absolute;
 }
 
+/// The words that mount in the same way, but for container, domain, state and mount point.
+std::vector<std::string> wordsOf(const MountCommand& command) {
+  const MountCommand usual;
+  std::vector<std::string> words;
+  if (command.background) words.emplace_back("--background");
+  if (command.cacheLimit != usual.cacheLimit) {
+    words.push_back("--cache-limit=" + std::to_string(command.cacheLimit));
+  }
+  if (command.fsync != usual.fsync) words.push_back("--fsync=" + command.fsync);
+  if (command.close != usual.close) words.push_back("--close=" + command.close);
+  if (command.moves != usual.moves) words.push_back("--moves=" + command.moves);
+  if (command.noLocalNames) words.emplace_back("--no-local-names");
+  if (command.noExec) words.emplace_back("--noexec");
+  if (command.drain != usual.drain) words.push_back("--drain=" + std::to_string(command.drain));
+  return words;
+}
+
+/// Which storage is mounted, and where its state lies.
+void chooseState(host::HostSettings& settings, const MountCommand& command) {
+  settings.container = host::chosenContainer();
+  settings.isOwnDomain = !command.domain && !command.stateDirectory;
+  settings.domain = command.domain         ? *command.domain
+                    : settings.isOwnDomain ? host::domainOf(settings.container)
+                                           : host::ownDomain(settings.container);
+  settings.stateDirectory = command.stateDirectory ? absolutePath(*command.stateDirectory)
+                                                   : host::standardStateDirectory(settings.domain);
+  settings.moveHere = command.moveHere;
+}
+
 host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand& command) {
   host::HostSettings settings;
-  if (!host::isDomainName(command.domain)) {
+  if (command.domain && !host::isDomainName(*command.domain)) {
     throw UsageError("a domain's name is 1 to 64 letters, digits, \"-\", \"_\" and \".\"");
   }
-  settings.domain = command.domain;
   settings.mountPoint = absolutePath(command.mountPoint);
-  settings.stateDirectory = command.stateDirectory ? absolutePath(*command.stateDirectory)
-                                                   : host::standardStateDirectory(command.domain);
+  chooseState(settings, command);
+  settings.options = wordsOf(command);
   settings.drain = std::chrono::seconds(command.drain);
   settings.noexec = command.noExec;
   settings.extensionLog = options.verbose;
@@ -66,14 +98,6 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
   return settings;
 }
 
-/// Makes a relative container independent of the directory, which a process in the background
-/// leaves.
-void fixContainer() {
-  const char* container = std::getenv("KESTROWAN_CONTAINER");
-  if (container == nullptr || *container == '\0') return;
-  ::setenv("KESTROWAN_CONTAINER", absolutePath(container).c_str(), 1);
-}
-
 ExitCode serve(host::HostSettings settings, const std::function<bool()>& ready) {
   host::Host host(std::move(settings));
   host.run(ready);
@@ -82,7 +106,8 @@ ExitCode serve(host::HostSettings settings, const std::function<bool()>& ready) 
 
 ExitCode mountAsTold(const GlobalOptions& options, const MountCommand& command) {
   auto settings = settingsFor(options, command);
-  fixContainer();
+  // The one that the state is for, from whatever directory, and wherever a link leads later.
+  ::setenv("KESTROWAN_CONTAINER", settings.container.c_str(), 1);
   if (!command.background) return serve(std::move(settings), [] { return true; });
   Background background;
   if (const auto code = background.divide()) return *code;
@@ -114,7 +139,8 @@ JSONValue unmounted(const host::HostEntry& host, bool force) {
   complain(
       escapedForDisplay(host.mountPoint) + ": its host, process " + std::to_string(host.process) +
       ", does not answer; the mount was taken away without it. Nothing is lost: what it has not "
-      "sent is sent after the next mount");
+      "sent is sent after: " +
+      host::mountCommand(host));
   return JSONValue::Object{{"left", nullptr}};
 }
 
@@ -124,6 +150,8 @@ ExitCode mount(const GlobalOptions& options, const MountCommand& command) {
   return reportingFailure(options.json, [&] {
     try {
       return mountAsTold(options, command);
+    } catch (const host::StorageRefusal& refusal) {
+      throw HostFailure(ExitCode::otherStorage, refusal.what());
     } catch (const NSError& error) {
       throw HostFailure(
           error.is(NSPOSIXErrorDomain, EBUSY) ? ExitCode::busy : ExitCode::mountFailed,
@@ -141,14 +169,16 @@ ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bo
       } else {
         complain(escapedForDisplay(left->mountPoint) +
                  ": its host had died; unmounted, and nothing is lost: what it had not sent is "
-                 "sent after the next mount");
+                 "sent after: " +
+                 host::mountCommand(*left));
       }
       return ExitCode::done;
     }
     const auto place = runningPlace(mountPoint);
     if (place.path != "/") {
       throw UsageError(escapedForDisplay(mountPoint) + " lies within the mount " +
-                       escapedForDisplay(place.host.mountPoint) + "; name that to unmount it");
+                       escapedForDisplay(place.host.mountPoint) +
+                       "; this unmounts it: " + host::unmountCommand(place.host));
     }
     const auto answer = unmounted(place.host, force);
     const auto left = integer(answer, "left");
@@ -156,7 +186,7 @@ ExitCode unmount(const GlobalOptions& options, const std::string& mountPoint, bo
       Output::standard().write(answer.serialized() + "\n");
     } else if (left > 0) {
       complain(counted(left, "change") +
-               " could not be sent: kept here, and sent after the next mount");
+               " could not be sent: kept here, and sent after: " + host::mountCommand(place.host));
     }
     return ExitCode::done;
   });

@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kBetween = 1s;
 constexpr std::int64_t kMostForPrograms = 10'000;
 constexpr std::int64_t kMostForPeople = 100;
 /// Lines of a status besides its lists, and lists that share what is left of the terminal.
-constexpr std::size_t kFixedLines = 12;
+constexpr std::size_t kFixedLines = 13;
 constexpr std::size_t kLinesOfAnItem = 2;
 
 /// How many items of each of so many mounts the terminal has room for.

@@ -9,6 +9,7 @@
 #include "cli/ItemText.h"
 #include "cli/ProgressLine.h"
 #include "cli/commands/HostCommands.h"
+#include "host/CommandAdvice.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
 
@@ -80,8 +81,8 @@ ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mo
       if (refused > 0 && refused == integer(answer, "pending")) {
         return finished(options, answer, ExitCode::partlyFailed,
                         counted(refused, "change") +
-                            " refused, and not tried again unless you retry or discard; see "
-                            "\"kestrowan status\"");
+                            " refused, and not tried again unless you retry or discard; see: " +
+                            host::statusCommand(host));
       }
       if (limit && Clock::now() - start >= *limit) {
         return finished(options, answer, ExitCode::timedOut, "time is over: " + stateText(answer));

@@ -11,6 +11,7 @@
 #include "platform/foundation/FileContents.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileManager.h"
+#include "platform/linux/ContainerPath.h"
 #include "platform/linux/PosixFileMove.h"
 
 namespace kestrowan {
@@ -30,21 +31,6 @@ std::string absolutePath(const std::string& path) {
   std::error_code error;
   const auto absolute = std::filesystem::absolute(path, error);
   return error ? path : absolute.string();
-}
-
-/// Where a group's container would be; empty when the environment does not say.
-std::string containerPath(std::string_view group) {
-  if (const auto own = environmentValue("KESTROWAN_CONTAINER"); !own.empty()) {
-    return absolutePath(own);
-  }
-  auto base = environmentValue("XDG_DATA_HOME");
-  // The base directory rules of the desktop say that a relative one is to be ignored.
-  if (!base.starts_with('/')) {
-    const auto home = environmentValue("HOME");
-    if (home.empty()) return {};
-    base = home + "/.local/share";
-  }
-  return base + "/" + std::string(group);
 }
 
 /// Whether the system would take a part of `path` for the whole.

@@ -113,6 +113,11 @@ void Database::beginLogging() {
   execute(kLogSettings);
 }
 
+void Database::leaveLog() {
+  const int code = ::sqlite3_db_config(connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  if (code != SQLITE_OK) fail(code);
+}
+
 bool Database::isInTransaction() const {
   return ::sqlite3_get_autocommit(connection_) == 0;
 }

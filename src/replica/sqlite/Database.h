@@ -26,6 +26,8 @@ class Database {
   /// Keeps what is committed in a log beside the file, which is cheap, and moves it to the file
   /// from time to time. Done by the owner once it knows that the file is its own.
   void beginLogging();
+  /// Leaves the log as it is when the database is closed, instead of moving it to the file.
+  void leaveLog();
   const std::string& path() const { return path_; }
   std::string logPath() const { return path_ + "-wal"; }
 

@@ -1,5 +1,7 @@
 #include "replica/sqlite/Schema.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <iterator>
@@ -101,6 +103,21 @@ std::unique_ptr<Database> openReplicaDatabase(const std::string& path) {
     database->execute(step.c_str());
     ++version;
   }
+  return database;
+}
+
+std::unique_ptr<Database> readReplicaDatabase(const std::string& path) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
+  // Closing moves what is in the log to the file; a log that holds nothing is removed.
+  const bool hasLog = ::lstat((path + "-wal").c_str(), &status) == 0 && status.st_size > 0;
+  auto database = std::make_unique<Database>(path);
+  if (hasLog) database->leaveLog();
+  const auto version = versionOf(*database);
+  if (version == 0) return nullptr;
+  // Never committed.
+  database->execute("BEGIN");
+  for (auto next = version; next < kNewest; ++next) database->execute(kMigrations[next]);
   return database;
 }
 

@@ -27,6 +27,11 @@ TEST(StatusText, AQuietMountIsFourLines) {
             "To send:   nothing\n");
 }
 
+TEST(StatusText, TheContainerIsShownWhenItIsTold) {
+  EXPECT_THAT(statusText(status(R"(,"container":"/srv/w\u001b")"), kNow, 10),
+              HasSubstr("\nContainer: /srv/w\\u001B\n"));
+}
+
 TEST(StatusText, AFailureIsShownWithReasonAgeAndNextTry) {
   const auto text = statusText(
       status(R"(,"state":"online","pending":{"count":3,"bytes":5000,"items":[{"path":"/a",)"

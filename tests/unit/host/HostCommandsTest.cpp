@@ -98,6 +98,7 @@ class HostCommandsTest : public testing::Test {
                                {.host = {.domain = "default",
                                          .mountPoint = "/mnt/x",
                                          .stateDirectory = "/state",
+                                         .container = "/srv/work",
                                          .socket = "/run/x",
                                          .process = 7},
                                 .started = 1000,
@@ -118,6 +119,7 @@ TEST_F(HostCommandsTest, StatusSaysWhatAndWhereItIs) {
   EXPECT_EQ(*answer.member("domain")->string(), "default");
   EXPECT_EQ(*answer.member("mountPoint")->string(), "/mnt/x");
   EXPECT_EQ(*answer.member("stateDirectory")->string(), "/state");
+  EXPECT_EQ(*answer.member("container")->string(), "/srv/work");
   EXPECT_EQ(number(answer, "process"), 7);
   EXPECT_EQ(number(answer, "started"), 1000);
   EXPECT_EQ(*answer.member("state")->string(), "online");

@@ -9,6 +9,7 @@
 
 #include "ScopedVariable.h"
 #include "bridge/FPBridge.h"
+#include "host/DomainChoice.h"
 #include "platform/foundation/NSError.h"
 #include "support/TemporaryDirectory.h"
 
@@ -24,7 +25,8 @@ class HostFileManagerTest : public testing::Test {
   HostFileManagerTest() {
     write(container_.path() + "/fp-webdav.json", kBridgeText);
     NSFileManager::setDefaultManager(std::make_shared<HostFileManager>(
-        NSFileManager::defaultManager(), temporaryDirectoryIn(state_.path())));
+        NSFileManager::defaultManager(), temporaryDirectoryIn(state_.path()),
+        withoutLinks(container_.path())));
   }
   ~HostFileManagerTest() override { NSFileManager::setDefaultManager(nullptr); }
 
@@ -54,6 +56,17 @@ TEST_F(HostFileManagerTest, DownloadsLeaveAGibibyteFree) {
   EXPECT_EQ(NSFileManager::defaultManager()->reservedCapacity(), 0) << "there is no such folder";
   fs::create_directory(state_.path() + "/temporary");
   EXPECT_GE(NSFileManager::defaultManager()->reservedCapacity(), std::int64_t{1} << 30);
+}
+
+TEST_F(HostFileManagerTest, AContainerThatBecameALinkIsNone) {
+  const auto place = container_.path() + "-moved";
+  fs::rename(container_.path(), place);
+  fs::create_directory_symlink(place, container_.path());
+  EXPECT_FALSE(isConfigured());
+  fs::remove(container_.path());
+  EXPECT_FALSE(isConfigured());
+  fs::rename(place, container_.path());
+  EXPECT_TRUE(isConfigured());
 }
 
 TEST_F(HostFileManagerTest, ABridgeFileOfTheUsersOwnIsRead) {

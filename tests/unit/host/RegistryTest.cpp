@@ -22,6 +22,8 @@ class RegistryTest : public testing::Test {
     return {.domain = name,
             .mountPoint = directory_.path() + "/mnt/" + name,
             .stateDirectory = directory_.path() + "/" + name,
+            .container = "/srv/" + name,
+            .options = {"--fsync=server", "--noexec"},
             .socket = "/run/" + name + ".sock",
             .process = ::getpid()};
   }
@@ -43,6 +45,8 @@ TEST_F(RegistryTest, AHostIsKnownWhileItLives) {
     EXPECT_EQ(hosts[0].domain, "a");
     EXPECT_EQ(hosts[1].mountPoint, directory_.path() + "/mnt/b");
     EXPECT_EQ(hosts[1].stateDirectory, directory_.path() + "/b");
+    EXPECT_EQ(hosts[1].container, "/srv/b");
+    EXPECT_EQ(hosts[1].options, (std::vector<std::string>{"--fsync=server", "--noexec"}));
     EXPECT_EQ(hosts[1].socket, "/run/b.sock");
     EXPECT_EQ(hosts[1].process, ::getpid());
     EXPECT_TRUE(hosts[1].running);
@@ -72,6 +76,19 @@ TEST_F(RegistryTest, PathsOfAnyBytesAreKept) {
   const Registration registration(odd);
   ASSERT_EQ(knownHosts().size(), 1U);
   EXPECT_EQ(knownHosts()[0].mountPoint, odd.mountPoint);
+}
+
+TEST_F(RegistryTest, AnEntryOfAnEarlierVersionIsUnderstood) {
+  const Registration registration(entry("a"));
+  std::ofstream(directory_.path() + "/kestrowan/.hosts/earlier.json")
+      << R"({"domain":"default","mountPoint":"/mnt","stateDirectory":"/s","socket":"/r",)"
+      << R"("process":7})";
+  const auto hosts = knownHosts();
+  ASSERT_EQ(hosts.size(), 2U);
+  EXPECT_EQ(hosts[0].domain, "default");
+  EXPECT_EQ(hosts[0].container, "");
+  EXPECT_TRUE(hosts[0].options.empty());
+  EXPECT_GE(hosts[0].registered, hosts[1].registered);
 }
 
 TEST_F(RegistryTest, OtherFilesAreIgnored) {
