@@ -11,7 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "host/HostLog.h"
 #include "mount/DescribedError.h"
+#include "mount/PathTrust.h"
+#include "mount/PathWalk.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::host {
@@ -19,30 +22,13 @@ namespace kestrowan::host {
 namespace {
 
 constexpr mode_t kPrivate = S_IRWXU;
-constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
+constexpr mode_t kForOthers = S_IRWXG | S_IRWXO;
+constexpr mode_t kModeBits = 07777;
 constexpr std::size_t kLongestDomainName = 64;  // bytes
 
 std::string environmentValue(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
-}
-
-bool isOwnAndPrivate(const struct stat& status) {
-  return status.st_uid == ::geteuid() && (status.st_mode & kWritableByOthers) == 0;
-}
-
-void makeWithParents(const std::string& path) {
-  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-    const auto part = path.substr(0, end);
-    // What cannot be made because it is there answers EEXIST, or EROFS and the like above a place
-    // that can be written.
-    if (::mkdir(part.c_str(), kPrivate) != 0 && errno != EEXIST) {
-      const int error = errno;
-      struct stat status;
-      if (::stat(part.c_str(), &status) != 0) throw systemError(error, escapedForDisplay(part));
-    }
-    if (end == std::string::npos) return;
-  }
 }
 
 }  // namespace
@@ -61,11 +47,7 @@ std::string stateHome() {
 
 std::optional<std::string> runtimeHome() {
   const auto path = environmentValue("XDG_RUNTIME_DIR");
-  struct stat status;
-  if (!path.starts_with('/') || ::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-      !isOwnAndPrivate(status)) {
-    return std::nullopt;
-  }
+  if (!path.starts_with('/') || folderFault(path)) return std::nullopt;
   return path;
 }
 
@@ -89,14 +71,31 @@ std::string standardStateDirectory(std::string_view domain) {
 UniqueFd openPrivateDirectory(const std::string& path) {
   const auto shown = escapedForDisplay(path);
   if (!path.starts_with('/')) throw describedError(EINVAL, shown + ": not an absolute path");
-  makeWithParents(path);
-  UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat status;
-  if (!directory || ::fstat(directory.get(), &status) != 0) throw systemError(errno, shown);
-  if (!isOwnAndPrivate(status)) {
-    throw describedError(EACCES, shown + ": belongs to somebody else, or others may write in it");
+  const auto user = ::geteuid();
+  const PathWalk walk(path, trustedBy(user), PathWalk::LastLink::kept, PathWalk::Missing::made);
+  if (walk.refusal()) throw describedError(EACCES, *walk.refusal());
+  if (walk.error() != 0) throw systemError(walk.error(), escapedForDisplay(walk.path()));
+  if (S_ISLNK(walk.status().st_mode)) {
+    throw describedError(EACCES, shown + ": is a symbolic link; name the directory itself");
   }
+  if (const auto fault = ownFolderFault(path, walk.status(), user)) {
+    throw describedError(EACCES, *fault);
+  }
+  UniqueFd directory(
+      ::openat(walk.end().get(), ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) throw systemError(errno, shown);
   return directory;
+}
+
+void closeToOthers(const UniqueFd& directory, const std::string& path) {
+  const auto shown = escapedForDisplay(path);
+  struct stat status;
+  if (::fstat(directory.get(), &status) != 0) throw systemError(errno, shown);
+  if ((status.st_mode & kModeBits) == kPrivate) return;
+  if (::fchmod(directory.get(), kPrivate) != 0) throw systemError(errno, shown);
+  if ((status.st_mode & kForOthers) != 0) {
+    hostLog(path + ": others could look into it; its mode is 0700 now");
+  }
 }
 
 std::string shortName(std::string_view path) {

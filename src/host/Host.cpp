@@ -84,7 +84,7 @@ std::string socketPath(const HostSettings& settings) {
   const auto runtime = runtimeHome();
   if (!runtime) return settings.stateDirectory + "/control.sock";
   const auto directory = *runtime + "/kestrowan";
-  openPrivateDirectory(directory);
+  closeToOthers(openPrivateDirectory(directory), directory);
   return directory + "/" + settings.domain + "-" + shortName(settings.stateDirectory) + ".sock";
 }
 

@@ -15,6 +15,7 @@
 #include "host/PathForm.h"
 #include "mount/DescribedError.h"
 #include "mount/LocalFiles.h"
+#include "mount/PathTrust.h"
 #include "platform/foundation/JSONValue.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
@@ -80,7 +81,7 @@ std::optional<HostEntry> readEntry(const std::string& path) {
 
 Registration::Registration(const HostEntry& entry)
     : file_(registryDirectory() + "/" + shortName(entry.stateDirectory) + std::string(kSuffix)) {
-  openPrivateDirectory(registryDirectory());
+  closeToOthers(openPrivateDirectory(registryDirectory()), registryDirectory());
   // Locked before it bears the name, so that nobody ever sees the entry of a host that runs
   // unlocked.
   const auto temporary = file_ + "." + std::to_string(::getpid());
@@ -110,6 +111,10 @@ std::vector<HostEntry> knownHosts() {
   } catch (const NSError&) {
     return hosts;
   }
+  struct stat status;
+  if (::stat(place.c_str(), &status) != 0) return hosts;
+  // What another user could have put there would say which folders are the user's mounts.
+  if (const auto fault = folderFault(place)) throw describedError(EACCES, *fault);
   for (const auto& name : namesIn(place)) {
     if (!name.ends_with(kSuffix)) continue;
     if (auto entry = readEntry(place + "/" + name)) hosts.push_back(*std::move(entry));

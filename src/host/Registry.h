@@ -46,6 +46,7 @@ class Registration {
 };
 
 /// The user's hosts that are known, sorted by mount point. Empty when there is no such place.
+/// Throws `NSError` EACCES, in words that name what is at fault, when others could write there.
 std::vector<HostEntry> knownHosts();
 
 /// A path inside of a mount: the host, and the path from the root of the mount, which begins with

@@ -27,7 +27,6 @@ namespace kestrowan::host {
 namespace {
 
 constexpr const char* kLockName = "lock";
-constexpr mode_t kPrivateDirectory = S_IRWXU;
 
 /// The process that wrote its number into the lock file; empty when none can be read.
 std::string holder(int file) {
@@ -93,9 +92,7 @@ void StateDirectory::tighten() const {
                                         ": holds something else than a host's state; name an empty "
                                         "directory, or one that is not there yet");
   }
-  if (::fchmod(directory_.get(), kPrivateDirectory) != 0) {
-    throw systemError(errno, escapedForDisplay(path_));
-  }
+  closeToOthers(directory_, path_);
 }
 
 void StateDirectory::lock() {

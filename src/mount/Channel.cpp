@@ -13,13 +13,10 @@
 
 namespace kestrowan::mount {
 
-Channel::Channel(const std::string& mountOptions, const fuse_lowlevel_ops& operations,
-                 void* userData) {
+Channel::Channel(const fuse_lowlevel_ops& operations, void* userData) {
   std::string program = "kestrowan";
-  std::string flag = "-o";
-  std::string value = mountOptions;
-  char* words[] = {program.data(), flag.data(), value.data(), nullptr};
-  fuse_args arguments = FUSE_ARGS_INIT(3, words);
+  char* words[] = {program.data(), nullptr};
+  fuse_args arguments = FUSE_ARGS_INIT(1, words);
   session_ = fuse_session_new(&arguments, &operations, sizeof operations, userData);
   fuse_opt_free_args(&arguments);
   if (session_ == nullptr) throw posixError(EINVAL);
@@ -27,6 +24,13 @@ Channel::Channel(const std::string& mountOptions, const fuse_lowlevel_ops& opera
 
 Channel::~Channel() {
   fuse_session_destroy(session_);
+}
+
+void Channel::attach(UniqueFd device) {
+  const auto name = "/dev/fd/" + std::to_string(device.get());
+  if (fuse_session_mount(session_, name.c_str()) != 0) throw posixError(EIO);
+  // libfuse closes it.
+  device.release();
 }
 
 void Channel::addWaiting(Reply& reply) {
@@ -67,14 +71,12 @@ void Channel::dropItem(replica::Rid item, bool contents) {
 void Channel::close() {
   std::unique_lock lock(closing_);
   isOpen_ = false;
-  // libfuse unmounts by the path, where another mount may lie by now, unless its connection is
-  // dead; and a pipe without a reader looks so.
+  // Nothing but a descriptor that leads nowhere keeps the number, which libfuse closes at its end.
   std::array<int, 2> ends = {};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
   ::close(ends[0]);
   ::dup3(ends[1], fuse_session_fd(session_), O_CLOEXEC);
   ::close(ends[1]);
-  fuse_session_unmount(session_);
 }
 
 }  // namespace kestrowan::mount

@@ -8,6 +8,7 @@
 
 #include "mount/Fuse.h"
 #include "mount/Invalidation.h"
+#include "platform/base/UniqueFd.h"
 
 namespace kestrowan::mount {
 
@@ -17,12 +18,15 @@ class Reply;
 /// the last of them has been answered. Usable from every thread.
 class Channel : public KernelCache {
  public:
-  /// `userData` is what the requests' `fuse_req_userdata` gives. Throws `NSError` when libfuse does
-  /// not take the options.
-  Channel(const std::string& mountOptions, const fuse_lowlevel_ops& operations, void* userData);
+  /// `userData` is what the requests' `fuse_req_userdata` gives. Throws `NSError` when libfuse
+  /// makes no session.
+  Channel(const fuse_lowlevel_ops& operations, void* userData);
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
   ~Channel() override;
+
+  /// Takes over the connection to the kernel, which mounting gave. Once. Throws `NSError`.
+  void attach(UniqueFd device);
 
   fuse_session* session() const { return session_; }
 

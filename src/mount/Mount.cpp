@@ -26,7 +26,7 @@ namespace kestrowan::mount {
 
 namespace {
 
-/// In libfuse's list of options, a comma ends a value unless it is escaped.
+/// In fusermount3's list of options, a comma ends a value unless it is escaped.
 std::string escapedOption(const std::string& value) {
   std::string escaped;
   for (const char character : value) {
@@ -94,7 +94,7 @@ void Mount::Implementation::start() {
   prepareWakeUpSignal();
   const Appearance appearance{options_.user, options_.group,
                               std::chrono::duration<double>(options_.cacheTime).count()};
-  auto session = std::make_shared<Session>(replica_, appearance, optionText(options_));
+  auto session = std::make_shared<Session>(replica_, appearance);
   session_ = session;
   mount();
   try {
@@ -116,15 +116,16 @@ void Mount::Implementation::start() {
 void Mount::Implementation::mount() {
   takeFuseMessage();
   point_.open();
-  const int result = fuse_session_mount(session_->channel().session(), point_.path().c_str());
-  point_.seal();
-  if (result != 0) {
+  try {
+    session_->channel().attach(fusermountMount(point_.path(), optionText(options_)));
+  } catch (const NSError& error) {
+    point_.seal();
     point_.restore();
     session_.reset();
-    const auto message = takeFuseMessage();
-    throw describedError(EIO, "cannot mount at " + point_.path() + ": " +
-                                  (message.empty() ? "see the messages above" : message));
+    throw describedError(EIO,
+                         "cannot mount at " + point_.path() + ": " + error.localizedDescription());
   }
+  point_.seal();
   if (const auto entry = mountAt(point_.path())) device_ = entry->device;
 }
 

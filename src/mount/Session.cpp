@@ -4,10 +4,10 @@
 
 namespace kestrowan::mount {
 
-Session::Session(replica::Replica& replica, Appearance appearance, const std::string& mountOptions)
+Session::Session(replica::Replica& replica, Appearance appearance)
     : replica_(replica),
       appearance_(appearance),
-      channel_(mountOptions, operations(), this),
+      channel_(operations(), this),
       invalidation_(channel_) {}
 
 void Session::entryChanged(replica::Rid folder, const std::string& name) {

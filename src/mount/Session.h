@@ -57,7 +57,7 @@ class NameChanges {
 class Session : public std::enable_shared_from_this<Session>, public replica::Observer {
  public:
   /// Throws `NSError`. The replica must outlive the session.
-  Session(replica::Replica& replica, Appearance appearance, const std::string& mountOptions);
+  Session(replica::Replica& replica, Appearance appearance);
 
   /// The session that `request` came in.
   static Session& of(fuse_req_t request) {

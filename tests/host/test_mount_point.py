@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 import driver
-from hosted import BUSY, DONE, MOUNT_FAILED, mode, wait_for
+from hosted import BUSY, DONE, MOUNT_FAILED, is_mounted, mode, wait_for
 
 
 def test_a_mount_point_that_is_not_fit_is_refused_with_the_reason(place):
@@ -121,3 +121,45 @@ def test_a_second_host_on_the_same_state_is_refused(place):
     assert second.has_said(f"process {first.process.pid}"), second.lines
     assert first.process.poll() is None
     assert list(place.point.iterdir()) is not None
+
+
+# ---- the program that mounts ---------------------------------------------------------------------
+
+
+def test_a_program_of_the_path_never_mounts_or_unmounts(place, folder):
+    fake = place.directory / "bin"
+    fake.mkdir()
+    marker = place.directory / "was-run"
+    program = fake / "fusermount3"
+    program.write_text(f"#!/bin/sh\necho \"$@\" >>'{marker}'\nexit 1\n")
+    program.chmod(0o755)
+    path = {"PATH": f"{fake}:{os.environ['PATH']}"}
+
+    place.mount(env=path).ready()
+    assert place.run("unmount", place.point, env=path).returncode == DONE
+    assert not is_mounted(place.point)
+
+    place.mount(env=path).ready()
+    user = os.open(place.point / "Home" / folder.name, os.O_RDONLY | os.O_DIRECTORY)
+    assert place.run("unmount", "--force", place.point, env=path).returncode == DONE
+    os.close(user)
+    assert not is_mounted(place.point)
+
+    hanging = place.mount(env=path).ready()
+    hanging.send(signal.SIGSTOP)
+    assert place.run("unmount", "--force", place.point, env=path).returncode == DONE
+    assert not is_mounted(place.point)
+    hanging.kill()
+
+    # What a host that died left is cleaned up by the next mount, and by unmount.
+    place.mount(env=path).ready().kill()
+    place.mount(env=path).ready().kill()
+    assert is_mounted(place.point)
+    assert place.run("unmount", place.point, env=path).returncode == DONE
+    assert not is_mounted(place.point)
+
+    place.mount(env=path).ready()
+    findings = {finding["subject"]: finding
+                for finding in place.ask("doctor", env=path)["findings"]}
+    assert findings["fusermount3"]["text"] == "/usr/bin/fusermount3"
+    assert not marker.exists(), marker.read_text()

@@ -92,3 +92,25 @@ kestrowan unmount $HOME/mount
 """)
     assert done.returncode == 0, done.stdout + done.stderr
     assert done.stdout.splitlines() == ["hidden", "root"]
+
+
+def test_a_program_of_the_path_never_mounts_or_unmounts(as_nobody, server):
+    done = as_nobody("""
+mkdir $HOME/bin
+printf '#!/bin/sh\necho "$@" >>$HOME/was-run\nexit 1\n' >$HOME/bin/fusermount3
+chmod +x $HOME/bin/fusermount3
+PATH=$HOME/bin:$PATH
+test "$(command -v fusermount3)" = $HOME/bin/fusermount3
+kestrowan mount --background $HOME/mount
+kestrowan unmount $HOME/mount
+kestrowan mount --background $HOME/mount
+kestrowan unmount --force $HOME/mount
+kestrowan mount --background $HOME/mount
+pid=$(cat $HOME/.local/state/kestrowan/default/lock)
+kill -9 $pid
+while kill -0 $pid 2>/dev/null; do sleep 0.02; done
+kestrowan unmount $HOME/mount
+cat $HOME/was-run 2>/dev/null || echo never run
+""")
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout == "never run\n"

@@ -5,14 +5,17 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <system_error>
 
 #include "cli/HostLink.h"
 #include "cli/ItemText.h"
 #include "cli/commands/Finding.h"
 #include "host/CommandAdvice.h"
+#include "host/Directories.h"
 #include "host/StaleMount.h"
+#include "mount/Fusermount.h"
+#include "mount/PathTrust.h"
+#include "mount/PathWalk.h"
 #include "platform/base/UniqueFd.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
@@ -38,19 +41,44 @@ Finding checkDevice() {
 }
 
 Finding checkHelper() {
-  const char* path = std::getenv("PATH");
-  std::istringstream directories(path != nullptr ? path : "/usr/bin:/bin");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    const auto file = directory + "/fusermount3";
+  try {
+    const auto file = mount::fusermountProgram();
     struct stat status;
-    if (::access(file.c_str(), X_OK) != 0 || ::stat(file.c_str(), &status) != 0) continue;
-    if (::geteuid() != 0 && (status.st_mode & S_ISUID) == 0) {
-      return {"fusermount3", Verdict::warning,
-              escapedForDisplay(file) + ": is not set-uid, so only root can mount"};
+    if (::geteuid() != 0 &&
+        (::stat(file.c_str(), &status) != 0 || (status.st_mode & S_ISUID) == 0)) {
+      return {"fusermount3", Verdict::warning, file + ": is not set-uid, so only root can mount"};
     }
-    return {"fusermount3", Verdict::good, escapedForDisplay(file)};
+    return {"fusermount3", Verdict::good, file};
+  } catch (const NSError& error) {
+    return {"fusermount3", Verdict::warning,
+            error.localizedDescription() + "; the direct commands do not need it, a mount does"};
   }
-  return {"fusermount3", Verdict::warning, "not found; a mount needs the package fuse3"};
+}
+
+/// The way to where mounts keep their files, as far as it is there.
+Finding checkState() {
+  const std::string subject = "state directory";
+  try {
+    const auto path = host::stateHome();
+    const PathWalk walk(path, trustedBy(::geteuid()));
+    if (!walk.refusal()) return {subject, Verdict::good, escapedForDisplay(path)};
+    return {subject, Verdict::warning, *walk.refusal() + "; a mount is refused until then"};
+  } catch (const NSError& error) {
+    return {subject, Verdict::warning, error.localizedDescription()};
+  }
+}
+
+/// The way to where mounts have their sockets, if there is such a place.
+void checkRuntime(std::vector<Finding>& found) {
+  const char* value = std::getenv("XDG_RUNTIME_DIR");
+  if (value == nullptr || *value == '\0') return;
+  const std::string subject = "runtime directory";
+  if (const auto fault = folderFault(value)) {
+    found.push_back({subject, Verdict::warning,
+                     *fault + "; mounts have their sockets in the state directory meanwhile"});
+  } else {
+    found.push_back({subject, Verdict::good, escapedForDisplay(value)});
+  }
 }
 
 /// Newer kernels can abort a connection whose answers take longer than so many seconds.
@@ -108,8 +136,14 @@ std::vector<Finding> mountFindings() {
   std::vector<Finding> found;
   found.push_back(checkDevice());
   found.push_back(checkHelper());
+  found.push_back(checkState());
+  checkRuntime(found);
   checkTimeouts(found);
-  checkMounts(found);
+  try {
+    checkMounts(found);
+  } catch (const NSError& error) {
+    found.push_back({"mount", Verdict::bad, error.localizedDescription()});
+  }
   return found;
 }
 

@@ -53,6 +53,47 @@ TEST(Directories, TheRuntimeDirectoryMustBePrivate) {
   EXPECT_EQ(runtimeHome(), std::nullopt);
 }
 
+TEST(Directories, TheWayToTheRuntimeDirectoryMustBeTheUsersOwn) {
+  const test::TemporaryDirectory directory;
+  const auto path = directory.path() + "/run";
+  ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+  const ScopedVariable runtime("XDG_RUNTIME_DIR", path);
+  EXPECT_EQ(runtimeHome(), path);
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0777), 0);
+  EXPECT_EQ(runtimeHome(), std::nullopt);
+  ASSERT_EQ(::chmod(directory.path().c_str(), 01777), 0);
+  EXPECT_EQ(runtimeHome(), path);
+}
+
+TEST(Directories, APrivateDirectoryIsNotMadeWhereOthersCouldExchangeIt) {
+  const test::TemporaryDirectory directory;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0770), 0);
+  const auto path = directory.path() + "/a/b";
+  try {
+    openPrivateDirectory(path);
+    FAIL();
+  } catch (const NSError& error) {
+    EXPECT_TRUE(error.is(NSPOSIXErrorDomain, EACCES));
+    EXPECT_TRUE(error.localizedDescription().starts_with(directory.path() + ": others may write"))
+        << error.localizedDescription();
+  }
+  struct stat status;
+  EXPECT_NE(::lstat((directory.path() + "/a").c_str(), &status), 0);
+}
+
+TEST(Directories, ADirectoryThatOthersCouldLookIntoIsClosed) {
+  const test::TemporaryDirectory directory;
+  const auto path = directory.path() + "/a";
+  for (const mode_t mode : {0755U, 0710U, 0500U}) {
+    const auto opened = openPrivateDirectory(path);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    closeToOthers(opened, path);
+    struct stat status;
+    ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+  }
+}
+
 TEST(Directories, ARuntimeDirectoryThatIsMissingOrRelativeIsNone) {
   for (const auto& value : {std::optional<std::string>(), std::optional<std::string>("run"),
                             std::optional<std::string>("/nonexistent/run")}) {

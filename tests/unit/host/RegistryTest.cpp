@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "ScopedVariable.h"
+#include "platform/foundation/NSError.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::host {
@@ -34,6 +35,26 @@ class RegistryTest : public testing::Test {
 
 TEST_F(RegistryTest, NobodyIsKnownAtFirst) {
   EXPECT_TRUE(knownHosts().empty());
+}
+
+TEST_F(RegistryTest, EntriesThatOthersCouldHaveMadeAreNotRead) {
+  const Registration registration(entry("a"));
+  const auto place = directory_.path() + "/kestrowan/.hosts";
+  ASSERT_EQ(::chmod(place.c_str(), 0770), 0);
+  EXPECT_THROW(knownHosts(), NSError);
+  ASSERT_EQ(::chmod(place.c_str(), 0700), 0);
+  EXPECT_EQ(knownHosts().size(), 1U);
+  ASSERT_EQ(::chmod(directory_.path().c_str(), 0770), 0);
+  EXPECT_THROW(knownHosts(), NSError);
+  ASSERT_EQ(::chmod(directory_.path().c_str(), 0700), 0);
+}
+
+TEST_F(RegistryTest, TheirPlaceIsClosedToOthers) {
+  const auto place = directory_.path() + "/kestrowan/.hosts";
+  fs::create_directories(place);
+  ASSERT_EQ(::chmod(place.c_str(), 0755), 0);
+  const Registration registration(entry("a"));
+  EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(RegistryTest, AHostIsKnownWhileItLives) {

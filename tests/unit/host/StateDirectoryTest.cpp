@@ -137,6 +137,19 @@ TEST_F(StateDirectoryTest, OneThatOthersMayWriteInIsRefused) {
   }
 }
 
+TEST_F(StateDirectoryTest, OneBelowAFolderThatOthersMayWriteInIsRefusedAndTheFolderNamed) {
+  fs::create_directories(path_);
+  const auto above = directory_.path() + "/a";
+  ::chmod(above.c_str(), 0777);
+  const auto error = refusal(path_);
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->is(NSPOSIXErrorDomain, EACCES));
+  EXPECT_TRUE(error->localizedDescription().starts_with(above + ": others may write"))
+      << error->localizedDescription();
+  ::chmod(above.c_str(), 01777);
+  EXPECT_FALSE(refusal(path_));
+}
+
 TEST_F(StateDirectoryTest, OneThatOthersMayReadIsClosedToThem) {
   fs::create_directories(path_);
   ::chmod(path_.c_str(), 0755);
