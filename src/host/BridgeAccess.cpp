@@ -5,9 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "bridge/FPBridge.h"
+#include "mount/PathTrust.h"
+#include "mount/PathWalk.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
 
@@ -15,12 +16,26 @@ namespace kestrowan::host {
 
 namespace {
 
-bool isOwn(const struct stat& status) {
-  return status.st_uid == ::geteuid();
-}
-
 std::string bridgeFile(const std::string& container) {
   return container + "/" + std::string(FPBridge::kConfigFileName);
+}
+
+/// Why the file of these attributes, at `path`, is not read.
+std::optional<std::string> fileFault(const std::string& path, const struct stat& status) {
+  const auto shown = escapedForDisplay(path);
+  if (S_ISLNK(status.st_mode)) {
+    return shown + ": is a symbolic link, so it is not used; the file itself must lie there";
+  }
+  if (status.st_uid != ::geteuid()) {
+    return shown + ": belongs to another user, so it is not used; check who owns it";
+  }
+  if (othersMayWrite(status)) {
+    return shown +
+           ": others may write to it and choose the server, so it is not used; run chmod "
+           "go-w '" +
+           shown + "' and restart the host application, which writes it anew";
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -31,40 +46,12 @@ std::optional<std::string> containerPath(NSFileManager& files) {
   return container->path();
 }
 
-std::optional<std::string> containerRefusal(const std::string& container) {
-  const auto shown = escapedForDisplay(container) + ": ";
-  struct stat status;
-  if (::stat(container.c_str(), &status) != 0) {
-    return shown + std::generic_category().message(errno);
-  }
-  if (!S_ISDIR(status.st_mode)) return shown + "is no directory";
-  if (!isOwn(status)) {
-    return shown +
-           "belongs to another user, who could replace the bridge file, so it is not used; check "
-           "who owns it";
-  }
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    return shown +
-           "others may write here and could replace the bridge file, so it is not used; run chmod "
-           "go-w";
-  }
-  return std::nullopt;
-}
-
 std::optional<std::string> bridgeRefusal(const std::string& container) {
-  if (auto refusal = containerRefusal(container)) return refusal;
+  if (auto refusal = folderFault(container)) return refusal;
   const auto file = bridgeFile(container);
   struct stat status;
   if (::lstat(file.c_str(), &status) != 0) return std::nullopt;
-  if (S_ISLNK(status.st_mode)) {
-    return escapedForDisplay(file) +
-           ": is a symbolic link, so it is not used; the file itself must lie there";
-  }
-  if (!isOwn(status)) {
-    return escapedForDisplay(file) +
-           ": belongs to another user, so it is not used; check who owns it";
-  }
-  return std::nullopt;
+  return fileFault(file, status);
 }
 
 std::optional<std::string> bridgeWarning(const std::optional<std::string>& container) {
@@ -79,11 +66,19 @@ std::optional<std::string> bridgeWarning(const std::optional<std::string>& conta
 }
 
 UniqueFd openBridgeFile(const std::string& path) {
+  const auto slash = path.rfind('/');
+  const auto user = ::geteuid();
+  const PathWalk folder(path.substr(0, slash + 1), trustedBy(user));
+  if (folder.error() != 0) throw cocoaReadError(folder.error(), path);
+  if (folder.refusal() || ownFolderFault(path, folder.status(), user)) {
+    throw cocoaReadError(EACCES, path);
+  }
   // Without waiting, so that a FIFO in the file's place cannot hang the process.
-  UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  UniqueFd file(::openat(folder.end().get(), path.c_str() + slash + 1,
+                         O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   struct stat status;
   if (!file || ::fstat(file.get(), &status) != 0) throw cocoaReadError(errno, path);
-  if (!isOwn(status)) throw cocoaReadError(EACCES, path);
+  if (fileFault(path, status)) throw cocoaReadError(EACCES, path);
   return file;
 }
 

@@ -8,19 +8,16 @@
 
 namespace kestrowan::host {
 
-/// Who may do what with the directory and the file through which the host application says how to
-/// reach it. Whoever can write there chooses the server, so that both must be the user's own. Pure
-/// of state; usable from every thread. What is absent below needs no words.
+/// Whether the directory and the file through which the host application says how to reach it are
+/// the user's alone to change, for what can be written there chooses the server. Pure of state;
+/// usable from every thread. What is absent below needs no words.
 
 /// The container as `files` has it; absent when there is none.
 std::optional<std::string> containerPath(NSFileManager& files);
 
-/// Why the directory `container` is taken for none, in words: it belongs to somebody else, or
-/// others may write in it.
-std::optional<std::string> containerRefusal(const std::string& container);
-
-/// Why the bridge file in `container` is not read, in words: the container is refused, or the file
-/// is a symbolic link or belongs to somebody else. Absent for a file that is not there.
+/// Why the bridge file in `container` is not read, in words that name what is at fault: the
+/// container is not to be trusted (`folderFault`), or the file is a symbolic link, belongs to
+/// another user, or can be written by others. Absent for a file that is not there.
 std::optional<std::string> bridgeRefusal(const std::string& container);
 
 /// What about the container, or the bridge file in it, needs the user's attention, in words: that
@@ -28,8 +25,8 @@ std::optional<std::string> bridgeRefusal(const std::string& container);
 /// absent when there is none.
 std::optional<std::string> bridgeWarning(const std::optional<std::string>& container);
 
-/// Opens the bridge file at `path` to read, and judges what was opened. Throws `NSError` of
-/// `NSCocoaErrorDomain` when it is absent or refused.
+/// Opens the bridge file at `path` (absolute) to read. The way to it and the file are judged as
+/// they are opened. Throws `NSError` of `NSCocoaErrorDomain` when it is absent or refused.
 UniqueFd openBridgeFile(const std::string& path);
 
 }  // namespace kestrowan::host

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "bridge/FPBridge.h"
+#include "host/BridgeAccess.h"
 #include "mount/DescribedError.h"
 #include "platform/base/Threads.h"
 
@@ -110,6 +111,8 @@ std::string BridgeWatch::signature() const {
   std::string signature = *container + " " + std::to_string(status.st_dev) + " " +
                           std::to_string(status.st_ino) + " " + std::to_string(status.st_mode) +
                           " " + std::to_string(status.st_uid) + " ";
+  // Which says also whether a part above the container can be trusted.
+  if (const auto refusal = bridgeRefusal(*container)) signature += *refusal + " ";
   const std::string file = *container + "/" + std::string(FPBridge::kConfigFileName);
   if (::lstat(file.c_str(), &status) != 0) return signature + "no file";
   return signature + std::to_string(status.st_ino) + " " + std::to_string(status.st_size) + " " +

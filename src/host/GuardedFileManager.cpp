@@ -4,6 +4,7 @@
 
 #include "bridge/FPBridge.h"
 #include "host/BridgeAccess.h"
+#include "mount/PathTrust.h"
 #include "platform/foundation/FileContents.h"
 #include "platform/foundation/NSString.h"
 
@@ -14,7 +15,7 @@ GuardedFileManager::GuardedFileManager(std::shared_ptr<NSFileManager> inner)
 
 std::optional<NSURL> GuardedFileManager::containerURL(std::string_view group) {
   auto container = inner_->containerURL(group);
-  if (container && containerRefusal(container->path())) return std::nullopt;
+  if (container && folderFault(container->path())) return std::nullopt;
   return container;
 }
 

@@ -7,7 +7,7 @@ import socket
 
 import pytest
 
-from hosted import DONE, wait_for
+from hosted import DONE, NOT_CONFIGURED, TIMED_OUT, wait_for
 from real_server import RealServer
 
 
@@ -147,6 +147,113 @@ def test_a_container_that_others_may_write_in_is_treated_as_none(make_place, ser
     container.chmod(0o700)
     wait_for(lambda: place.status()["state"] == "online", "server")
     assert place.status()["warnings"] == []
+
+
+def listen():
+    """A port on which a stranger listens, without waiting for connections."""
+    stranger = socket.socket()
+    stranger.bind(("127.0.0.1", 0))
+    stranger.listen()
+    stranger.setblocking(False)
+    return stranger
+
+
+def bridge_file(container, **members):
+    """Rewrites the bridge file in place, as a user who may only write can do it."""
+    path = container / "fp-webdav.json"
+    config = json.loads(path.read_text(encoding="utf-8"))
+    path.write_text(json.dumps({**config, **members}), encoding="utf-8")
+    return path
+
+
+def assert_held_and_said(place, mounted, path):
+    """The mount is held, and status, log and doctor name the part at fault and say what to do."""
+    wait_for(lambda: place.status()["state"] == "held", "hold")
+    status = place.status()
+    doctor = place.ask("doctor", code=NOT_CONFIGURED)
+    problems = " ".join(finding["text"] for finding in doctor["findings"]
+                        if finding["verdict"] == "problem")
+    mounted.wait_said(f"{path}: others may write")
+    for text in (status["held"], " ".join(status["warnings"]), problems,
+                 place.run("status").stdout.decode(), "\n".join(mounted.lines)):
+        assert f"{path}: others may write" in text, text
+        assert f"chmod go-w '{path}'" in text, text
+
+
+@pytest.mark.parametrize("mode", [0o620, 0o602])
+def test_a_bridge_file_that_others_may_write_is_not_used(make_place, server, tmp_path, mode):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    with listen() as stranger:
+        path = bridge_file(container, port=stranger.getsockname()[1])
+        path.chmod(mode)
+        place = make_place(container)
+        mounted = place.mount().ready()
+        assert_held_and_said(place, mounted, path)
+        with pytest.raises(BlockingIOError):
+            stranger.accept()
+    bring(server, container)
+    wait_for(lambda: place.status()["state"] == "online", "server")
+
+
+def test_a_mount_does_not_follow_a_bridge_file_that_another_user_rewrote(
+        make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    documents = place.point / "Home" / "Documents"
+    assert os.listdir(documents) == []
+    with listen() as stranger:
+        path = container / "fp-webdav.json"
+        path.chmod(0o666)
+        bridge_file(container, port=stranger.getsockname()[1])
+        assert_held_and_said(place, mounted, path)
+        (documents / "secret.txt").write_bytes(b"not for strangers")
+        # As soon as it may be used again it is, so that nothing was on its way meanwhile.
+        bring(server, container)
+        place.wait_synced()
+        with pytest.raises(BlockingIOError):
+            stranger.accept()
+    assert (server.root / "Home" / "Documents" / "secret.txt").read_bytes() == b"not for strangers"
+
+
+def test_a_held_mount_sends_nothing_to_the_server_it_knew(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    bring(server, container)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    documents = place.point / "Home" / "Documents"
+    assert os.listdir(documents) == []
+    path = container / "fp-webdav.json"
+    path.chmod(0o666)
+    assert_held_and_said(place, mounted, path)
+    (documents / "a.txt").write_bytes(b"kept here")
+    assert place.run("retry").returncode == DONE
+    waited = place.ask("wait", "--timeout", "1", code=TIMED_OUT)
+    assert waited["synced"] is False
+    assert os.listdir(server.root / "Home" / "Documents") == []
+    path.chmod(0o600)
+    place.wait_synced()
+    assert (server.root / "Home" / "Documents" / "a.txt").read_bytes() == b"kept here"
+
+
+def test_a_folder_above_the_container_that_others_may_write_in_holds_the_mount(
+        make_place, server, tmp_path):
+    above = tmp_path / "above"
+    container = above / "container"
+    container.mkdir(mode=0o700, parents=True)
+    bring(server, container)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    assert place.status()["state"] == "online"
+    above.chmod(0o777)
+    assert_held_and_said(place, mounted, above)
+    above.chmod(0o1777)
+    wait_for(lambda: place.status()["state"] == "online", "server")
 
 
 def test_a_bridge_file_that_others_may_read_is_used_and_warned_of(make_place, server, tmp_path):

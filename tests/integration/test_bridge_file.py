@@ -169,6 +169,35 @@ def test_a_container_that_others_may_write_in_counts_as_none(scene, mode):
     assert_refused(scene, scene.container, "chmod go-w")
 
 
+@pytest.mark.parametrize("mode", [0o620, 0o602, 0o666])
+def test_a_bridge_file_that_others_may_write_is_not_read(scene, mode):
+    bridge = scene.container / "fp-webdav.json"
+    bridge.chmod(mode)
+    assert_refused(scene, bridge, f"chmod go-w '{bridge}'")
+
+
+def test_a_container_below_a_folder_that_others_may_write_in_counts_as_none(scene):
+    scene.directory.chmod(0o770)
+    assert_refused(scene, scene.directory, f"chmod go-w '{scene.directory}'")
+    # As in /tmp: nobody can put anything in the container's place.
+    scene.directory.chmod(0o1777)
+    assert scene.run("ls").returncode == 0
+
+
+def test_a_container_behind_another_users_link_counts_as_none(scene):
+    if os.geteuid() != 0:
+        pytest.skip("only root can give a link away")
+    scene.script(multistatus())
+    link = scene.directory / "link"
+    link.symlink_to(scene.container)
+    scene.directory.chmod(0o1777)
+    assert run("ls", container=link).returncode == 0
+    os.lchown(link, 65534, 65534)
+    result = run("ls", container=link)
+    assert result.returncode == NOT_CONFIGURED
+    assert f"{link}: belongs to another user" in result.stderr.decode()
+
+
 def test_a_bridge_file_that_is_a_link_is_not_read(scene):
     bridge = scene.container / "fp-webdav.json"
     bridge.rename(scene.directory / "real")

@@ -17,6 +17,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/Finding.h"
 #include "host/BridgeAccess.h"
+#include "mount/PathTrust.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSFileManager.h"
 
@@ -40,7 +41,7 @@ std::string_view word(Verdict verdict) {
 void checkBridge(std::vector<Finding>& found, bool configured) {
   const auto container = bridgeContainer();
   if (container) {
-    const auto refusal = host::containerRefusal(*container);
+    const auto refusal = folderFault(*container);
     found.push_back({"container", refusal ? Verdict::bad : Verdict::good,
                      refusal.value_or(escapedForDisplay(*container))});
     if (refusal) return;

@@ -91,6 +91,16 @@ TEST_F(BridgeWatchTest, NoticesTheFileAppearingChangingAndGoing) {
   ASSERT_TRUE(waitForChanges(4));
 }
 
+TEST_F(BridgeWatchTest, NoticesThatAFolderAboveTheContainerCanBeTrustedNoMore) {
+  fs::create_directory(container_);
+  write("fp-webdav.json", "one");
+  const auto watching = watch({1ms, 1ms});
+  ::chmod(directory_.path().c_str(), 0777);
+  EXPECT_TRUE(waitForChanges(1));
+  ::chmod(directory_.path().c_str(), 0700);
+  EXPECT_TRUE(waitForChanges(2));
+}
+
 TEST_F(BridgeWatchTest, NoticesThatPermissionsChanged) {
   fs::create_directory(container_);
   write("fp-webdav.json", "one");
