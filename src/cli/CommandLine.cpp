@@ -157,14 +157,18 @@ class CommandLine {
                            [this](CommandContext& context) { return cli::stat(context, path_); });
     stat->add_option("PATH", path_, "item on the server")->required();
 
-    auto* get =
-        addDirect("get", "download a file",
-                  "  kestrowan get /Home/a.txt\n  kestrowan get /Home/a.txt - | less",
-                  [this](CommandContext& context) { return cli::get(context, path_, file_); });
+    auto* get = addDirect(
+        "get", "download a file",
+        "  kestrowan get /Home/a.txt\n  kestrowan get /Home/a.txt - | less",
+        [this](CommandContext& context) { return cli::get(context, path_, file_, follow_); });
     get->add_option("PATH", path_, "file on the server")->required();
     get->add_option("FILE", file_,
                     "local file or folder, \"-\" for standard output; the current folder when "
-                    "left out. A file that is there is replaced once the download is whole.");
+                    "left out. A file that is there is replaced once the download is whole, a "
+                    "symbolic link too.");
+    get->add_flag("--follow", follow_,
+                  "replace what a symbolic link leads to; never followed in a folder that others "
+                  "may write in");
   }
 
   void addWritingCommands() {
@@ -235,6 +239,7 @@ class CommandLine {
   std::string source_;
   std::optional<std::string> file_;
   bool recursive_ = false;
+  bool follow_ = false;
 };
 
 }  // namespace

@@ -16,6 +16,10 @@ constexpr std::size_t kGatherLimit = 64 * 1024;  // bytes
 
 }  // namespace
 
+void throwUnwritable(const std::string& file, int number) {
+  throw OutputUnwritable(file + ": " + std::generic_category().message(number));
+}
+
 Output& Output::standard() {
   static auto* output = new Output;
   return *output;

@@ -7,11 +7,15 @@
 
 namespace kestrowan::cli {
 
-/// Standard output cannot be written any more: its reader is gone, or its disk is full.
+/// Standard output or a local file cannot be written: its reader is gone, its disk is full, or the
+/// user may not.
 class OutputUnwritable : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// Throws `OutputUnwritable` for the local `file`, which the system refused with that `errno`.
+[[noreturn]] void throwUnwritable(const std::string& file, int number);
 
 /// Standard output: gathered and written in large pieces. Usable from every thread.
 class Output {

@@ -1,18 +1,20 @@
 #include "cli/ScratchDirectory.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
 #include "cli/Console.h"
+#include "mount/LocalFiles.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileManager.h"
@@ -23,8 +25,12 @@ ScratchDirectory::ScratchDirectory(const std::string& parent) {
   const std::string place =
       parent.empty() ? NSFileManager::defaultManager()->temporaryDirectory().path() : parent;
   path_ = place + "/.kestrowan-XXXXXX";
-  if (::mkdtemp(path_.data()) == nullptr) {
-    throw OutputUnwritable(place + ": " + std::generic_category().message(errno));
+  if (::mkdtemp(path_.data()) == nullptr) throwUnwritable(place, errno);
+  directory_.reset(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status = {};
+  // Others who may write in the same place could have exchanged it.
+  if (!directory_ || ::fstat(directory_.get(), &status) != 0 || status.st_uid != ::geteuid()) {
+    throwUnwritable(path_, EACCES);
   }
   ::setenv("TMPDIR", path_.c_str(), 1);
 
@@ -66,9 +72,18 @@ void ScratchDirectory::watchSignals() {
   std::raise(static_cast<int>(caught.ssi_signo));
 }
 
+UniqueFd ScratchDirectory::open(const std::string& name) const {
+  UniqueFd file(::openat(directory_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!file) throwUnwritable(path_ + "/" + name, errno);
+  return file;
+}
+
+/// It holds files only.
 void ScratchDirectory::remove() const {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  for (const auto& name : namesIn("/proc/self/fd/" + std::to_string(directory_.get()))) {
+    ::unlinkat(directory_.get(), name.c_str(), 0);
+  }
+  ::rmdir(path_.c_str());
 }
 
 }  // namespace kestrowan::cli

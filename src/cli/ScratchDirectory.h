@@ -20,11 +20,17 @@ class ScratchDirectory {
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
   ~ScratchDirectory();
 
+  /// The directory itself, wherever its name may lead by now.
+  int descriptor() const { return directory_.get(); }
+  /// Opens the file `name` in it to read. Throws `OutputUnwritable`.
+  UniqueFd open(const std::string& name) const;
+
  private:
   void watchSignals();
   void remove() const;
 
   std::string path_;
+  UniqueFd directory_;
   sigset_t signals_;
   sigset_t signalsBefore_;
   UniqueFd signalled_;

@@ -2,14 +2,16 @@
 
 import contextlib
 import os
+import shutil
 import signal
 import subprocess
+import tempfile
 import threading
 from pathlib import Path
 
 import pytest
 
-from driver import ROOT, URL, children, error_of, start
+from driver import ROOT, URL, children, environment, error_of, executable, start
 from multistatus import multistatus, response, status
 
 UNWRITABLE = 5
@@ -186,6 +188,11 @@ def test_an_interruption_after_the_body_leaves_no_file(scene):
     assert scene.leftovers() == []
 
 
+def serve_file(scene):
+    scene.routes({"GET /a": {"status": 200, "body": "whole"},
+                  "PROPFIND /a": multistatus(response("/a"))})
+
+
 def test_a_download_onto_a_pipe_is_written_into_it(scene):
     scene.routes({"GET /a": {"status": 200, "body": "whole"},
                   "PROPFIND /a": multistatus(response("/a"))})
@@ -198,17 +205,149 @@ def test_a_download_onto_a_pipe_is_written_into_it(scene):
     assert pipe.is_fifo()
 
 
-def test_a_download_follows_a_symbolic_link(scene):
-    scene.routes({"GET /a": {"status": 200, "body": "whole"},
-                  "PROPFIND /a": multistatus(response("/a"))})
+def test_a_download_goes_to_what_a_process_has_open(scene):
+    serve_file(scene)
+    out = scene.directory / "out"
+    with out.open("wb") as file:
+        file.write(b"longer than the download")
+        file.flush()
+        assert scene.run("get", "/a", "/dev/stdout", stdout=file).returncode == 0
+    assert out.read_bytes() == b"whole"
+    reading, writing = os.pipe()
+    with open(reading, "rb") as pipe:
+        process = start("get", "/a", f"/dev/fd/{writing}", container=scene.container,
+                        env=scene.environment(), pass_fds=[writing])
+        os.close(writing)
+        assert pipe.read() == b"whole"
+        process.communicate(timeout=60)
+    assert process.returncode == 0
+    assert Path("/dev/stdout").is_symlink()
+
+
+def test_a_download_replaces_a_symbolic_link(scene):
+    serve_file(scene)
+    other = scene.directory / "other"
+    other.write_bytes(b"precious")
+    link = scene.directory / "link"
+    for target in (other, scene.directory / "missing" / "file"):
+        link.unlink(missing_ok=True)
+        link.symlink_to(target)
+        assert scene.run("get", "/a", link).returncode == 0
+        assert not link.is_symlink() and link.read_bytes() == b"whole"
+    assert other.read_bytes() == b"precious"
+
+
+def test_a_download_follows_a_symbolic_link_when_told(scene):
+    serve_file(scene)
     folder = scene.directory / "elsewhere"
     folder.mkdir()
     link = scene.directory / "link"
-    link.symlink_to(folder / "file")
+    link.symlink_to("elsewhere/file")
+    for _ in range(2):
+        assert scene.run("get", "--follow", "/a", link).returncode == 0
+        assert link.is_symlink()
+        assert (folder / "file").read_bytes() == b"whole"
+        assert [entry.name for entry in folder.iterdir()] == ["file"]
+
+
+def test_a_download_goes_into_the_folder_that_a_link_leads_to(scene):
+    serve_file(scene)
+    folder = scene.directory / "elsewhere"
+    folder.mkdir()
+    link = scene.directory / "link"
+    link.symlink_to(folder)
     assert scene.run("get", "/a", link).returncode == 0
+    assert (folder / "a").read_bytes() == b"whole"
     assert link.is_symlink()
-    assert (folder / "file").read_bytes() == b"whole"
-    assert [entry.name for entry in folder.iterdir()] == ["file"]
+
+
+@pytest.mark.parametrize("mode", [0o1777, 0o777, 0o770])
+@pytest.mark.parametrize("to", ["file", "missing", "pipe"])
+def test_a_planted_link_is_never_followed(scene, mode, to):
+    serve_file(scene)
+    shared = scene.directory / "shared"
+    shared.mkdir()
+    shared.chmod(mode)
+    target = scene.directory / "target"
+    if to == "file":
+        target.write_bytes(b"precious")
+    elif to == "pipe":
+        os.mkfifo(target)
+    (shared / "a").symlink_to(target)
+    followed = scene.run("get", "--follow", "/a", f"{shared}/")
+    assert followed.returncode == UNWRITABLE
+    assert b"is not followed" in followed.stderr
+    assert scene.run("get", "/a", f"{shared}/").returncode == 0
+    assert not (shared / "a").is_symlink()
+    assert (shared / "a").read_bytes() == b"whole"
+    assert os.listdir(shared) == ["a"]
+    if to == "file":
+        assert target.read_bytes() == b"precious"
+    elif to == "missing":
+        assert not target.exists()
+
+
+@pytest.mark.parametrize("form", ["{}", "{}/", "{}/b"])
+def test_a_planted_link_to_a_folder_is_never_followed(scene, form):
+    serve_file(scene)
+    shared = scene.directory / "shared"
+    shared.mkdir()
+    shared.chmod(0o1777)
+    private = scene.directory / "private"
+    private.mkdir()
+    (shared / "link").symlink_to(private)
+    result = scene.run("get", "/a", form.format(shared / "link"))
+    assert result.returncode == UNWRITABLE
+    assert f"{shared}/link: is a symbolic link" in result.stderr.decode()
+    assert os.listdir(private) == []
+    assert (shared / "link").is_symlink()
+    assert scene.asked() == []
+
+
+def test_another_users_pipe_in_a_folder_for_all_gets_nothing(scene):
+    if os.geteuid() != 0:
+        pytest.skip("only root can give a pipe away")
+    shared = scene.directory / "shared"
+    shared.mkdir()
+    shared.chmod(0o1777)
+    os.mkfifo(shared / "a")
+    os.chown(shared / "a", 65534, 65534)
+    result = scene.run("get", "/a", shared)
+    assert result.returncode == UNWRITABLE
+    assert b"belongs to another user" in result.stderr
+    assert scene.asked() == []
+
+
+def test_a_download_of_an_ordinary_user_leaves_another_users_link_alone(scene):
+    if os.geteuid() != 0:
+        pytest.skip("only root can become another user")
+    serve_file(scene)
+    with tempfile.TemporaryDirectory() as directory:
+        # The user has to be able to get there.
+        place = Path(directory)
+        place.chmod(0o755)
+        for name in ("container", "mine"):
+            shutil.copytree(scene.container, place / name)
+            for path in (place / name, *(place / name).iterdir()):
+                os.chown(path, 65534, 65534)
+        program = place / "kestrowan"
+        shutil.copy(executable(), program)
+        program.chmod(0o755)
+        shared = place / "shared"
+        shared.mkdir()
+        shared.chmod(0o1777)
+        victim = place / "mine" / "victim"
+        victim.write_bytes(b"precious")
+        os.chown(victim, 65534, 65534)
+        (shared / "a").symlink_to(victim)
+        result = subprocess.run([program, "get", "/a", f"{shared}/"],
+                                env=environment(place / "container"), cwd="/", user=65534,
+                                group=65534, extra_groups=[], capture_output=True, timeout=120,
+                                check=False)
+        assert result.returncode == UNWRITABLE, result
+        assert victim.read_bytes() == b"precious"
+        assert (shared / "a").is_symlink()
+        assert os.listdir(shared) == ["a"]
 
 
 def test_a_name_with_a_nul_is_no_local_file(scene):

@@ -56,9 +56,10 @@ ExitCode list(CommandContext& context, const ListOptions& options);
 ExitCode stat(CommandContext& context, const std::string& path);
 
 /// Downloads. `file`: where to; a folder keeps the item's name, "-" is standard output, none the
-/// current folder. Replaces a file that is there only once the download is whole.
+/// current folder. Replaces a file that is there only once the download is whole; of a symbolic
+/// link the link itself, or with `follow` what it leads to.
 ExitCode get(CommandContext& context, const std::string& path,
-             const std::optional<std::string>& file);
+             const std::optional<std::string>& file, bool follow);
 
 /// Uploads the local `file`, and replaces what is there. A `path` that ends in "/" keeps the file's
 /// name.
