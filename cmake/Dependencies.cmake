@@ -1,6 +1,6 @@
 find_package(Threads REQUIRED)
 find_package(CURL 7.88 REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)
-find_package(EXPAT REQUIRED)
+find_package(LibXml2 2.9 REQUIRED)
 find_package(ICU REQUIRED COMPONENTS i18n uc)
 find_package(nlohmann_json 3.11 REQUIRED)

@@ -95,6 +95,20 @@ void MultiStatusParser::didEndElement(std::string_view elementName) {
   }
 }
 
+NSXMLParserDelegate::Keeps MultiStatusParser::keeps(std::string_view elementName) const {
+  switch (elementNamed(elementName)) {
+    case Element::response:
+      return Keeps::record;
+    case Element::href:
+    case Element::contentLength:
+    case Element::entityTag:
+    case Element::lastModified:
+      return Keeps::text;
+    default:
+      return Keeps::nothing;
+  }
+}
+
 void MultiStatusParser::beginResponse() {
   inResponse_ = true;
   curHref_.clear();

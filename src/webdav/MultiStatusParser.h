@@ -26,6 +26,7 @@ class MultiStatusParser : public NSXMLParserDelegate {
   void didStartElement(std::string_view elementName) override;
   void foundCharacters(std::string_view characters) override;
   void didEndElement(std::string_view elementName) override;
+  Keeps keeps(std::string_view elementName) const override;
 
   /// Reads dates as HTTP writes them; one for the process, made on first use.
   static const NSDateFormatter& httpDate();

@@ -32,7 +32,7 @@ LOGGING = {"webdav", "items"}
 
 # Headers of other projects, and the one folder in which each may appear.
 THIRD_PARTY = (
-    (re.compile(r"(curl|openssl|unicode|nlohmann|spdlog|fmt)/|expat(_external)?\.h$|syslog\.h$"
+    (re.compile(r"(curl|openssl|unicode|nlohmann|libxml|spdlog|fmt)/|syslog\.h$"
                 r"|systemd/"),
      "platform/linux"),
     (re.compile(r"sqlite3(ext)?\.h$"), "replica/sqlite"),

@@ -37,6 +37,7 @@ constexpr KnownText kKnownTexts[] = {
     {NSURLErrorDomain, NSURLErrorFileIsDirectory, "file is directory"},
     {NSURLErrorDomain, NSURLErrorNoPermissionsToReadFile,
      "You do not have permission to access the requested resource."},
+    {NSURLErrorDomain, NSURLErrorDataLengthExceedsMaximum, "resource exceeds maximum size"},
     {NSURLErrorDomain, NSURLErrorSecureConnectionFailed,
      "An SSL error has occurred and a secure connection to the server cannot be made."},
     {NSURLErrorDomain, NSURLErrorCannotCreateFile, "cannot create file"},

@@ -44,6 +44,7 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorFileDoesNotExist = -1100,
   NSURLErrorFileIsDirectory = -1101,
   NSURLErrorNoPermissionsToReadFile = -1102,
+  NSURLErrorDataLengthExceedsMaximum = -1103,
   NSURLErrorSecureConnectionFailed = -1200,
   NSURLErrorCannotCreateFile = -3000,
   NSURLErrorCannotWriteToFile = -3003,
