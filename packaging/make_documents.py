@@ -26,6 +26,10 @@ A mount keeps what was listed and read, and every change until the server has it
 it goes on with what is here; changes are sent when the server is back, also after the program or the
 machine died. When both sides have changed a file, the server's version keeps the name, and the
 version from here lies beside it as "name (conflict DATE TIME HOST).ext".
+
+What a mount keeps is the state of a domain, and belongs to one container. Two containers have two
+domains without more ado. A state is never used with another container: what waits in it would be sent
+to another server.
 """
 
 LOCAL_NAMES = (".~lock.*#", ".*.sw?", "4913", ".goutputstream-*", ".nfs*", ".fuse_hidden*", "._*",
@@ -46,6 +50,8 @@ FILES_USED = (
      "in the directory; otherwise no command uses it."),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/", "what a mount keeps: the replica, the downloaded files, "
      "the file \"log\" of a mount in the background"),
+    ("$XDG_STATE_HOME/kestrowan/DOMAIN/container", "which container the state was made for; it is "
+     "used with no other one, unless \\fB--move-here\\fR says that the storage has moved"),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/recovery/", "what would have been lost otherwise: discarded "
      "changes, and files that went while they were changed here; kept for a week, 1 GiB at most"),
     ("$XDG_CONFIG_HOME/kestrowan/service.conf", "MOUNTPOINT= and OPTIONS= for the service "

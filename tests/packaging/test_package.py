@@ -75,6 +75,8 @@ def test_the_service_ends_after_the_host_and_keeps_its_helper_working(unpacked):
                     if "=" in line and not line.startswith("#"))
     assert settings["Type"] == "notify"
     assert settings["Restart"] == "on-failure"
+    # Wrong usage, a place in use, and a state of another storage.
+    assert settings["RestartPreventExitStatus"].split() == ["2", "9", "10"]
     assert settings["KillMode"] == "mixed"
     assert settings["LimitCORE"] == "0"
     described = json.loads(output(driver.executable(), "__describe"))

@@ -51,7 +51,7 @@ TEST_F(DomainChoiceTest, AnotherContainerHasADomainMadeFromItsPath) {
   EXPECT_TRUE(ownDomain("/srv/a b").starts_with("a-b-"));
   EXPECT_TRUE(ownDomain("/").starts_with("storage-"));
   for (const std::string& path : {std::string("/srv/.."), std::string("/\xC3\xBC\n"),
-                                 "/" + std::string(255, 'x'), std::string("/...")}) {
+                                  "/" + std::string(255, 'x'), std::string("/...")}) {
     EXPECT_TRUE(isDomainName(ownDomain(path))) << path;
   }
 }
