@@ -46,8 +46,9 @@ ENVIRONMENT = (
 
 FILES_USED = (
     ("fp-webdav.json", "the bridge file, in the container directory. It and the directory must "
-     "belong to the user, the file may be no symbolic link, and nobody else may be allowed to write "
-     "in the directory; otherwise no command uses it."),
+     "belong to the user, the file may be no symbolic link, and only the user may write to either. "
+     "Every folder on the way must belong to the user or to root, and others may not write in it "
+     "unless it has the sticky bit. Otherwise no command uses the file."),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/", "what a mount keeps: the replica, the downloaded files, "
      "the file \"log\" of a mount in the background"),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/container", "which container the state was made for; it is "

@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-from hosted import DONE
+from hosted import DONE, FAILED, MOUNT_FAILED, is_mounted, mode
 
 PATIENCE = 60
 
@@ -112,8 +112,9 @@ def test_another_user_is_not_served(place, control):
     opened = [control, *list(control.parents)[:-1]]
     modes = [os.stat(path).st_mode for path in opened]
     try:
-        for path in opened:
-            os.chmod(path, 0o777)
+        # Others may go there, but nobody may exchange anything, which other tests' mounts look at.
+        for path, mode in zip(opened, modes):
+            os.chmod(path, mode | (0o777 if path == control else 0o001))
         assert as_nobody() == 5
     finally:
         for path, mode in zip(opened, modes):
@@ -133,6 +134,80 @@ def test_a_runtime_directory_that_others_may_write_in_is_not_used(place):
     place.mount().ready()
     assert place.sockets() == []
     assert (place.state / "control.sock").is_socket()
+
+
+def test_directories_of_the_hosts_own_are_closed_to_others_and_that_is_said(place):
+    own = [place.runtime / "kestrowan", place.state_home / "kestrowan" / ".hosts"]
+    for directory in own:
+        directory.mkdir(parents=True)
+        directory.chmod(0o755)
+    mounted = place.mount().ready()
+    for directory in own:
+        assert mode(directory) == 0o700
+        assert mounted.has_said(f"{directory}: others could look into it")
+    assert mounted.end() == DONE
+    assert not place.mount().ready().has_said("others could look into it")
+
+
+def test_a_directory_for_the_socket_that_others_may_write_in_is_refused(place):
+    directory = place.runtime / "kestrowan"
+    directory.mkdir()
+    directory.chmod(0o770)
+    mounted = place.mount()
+    assert mounted.wait() == MOUNT_FAILED
+    assert mounted.has_said(f"{directory}: others may write here"), mounted.lines
+    assert mounted.has_said(f"chmod go-w '{directory}'")
+    assert not is_mounted(place.point)
+
+
+def test_nothing_that_a_host_keeps_can_be_looked_at_by_others(own_place):
+    loose = os.umask(0)
+    try:
+        mounted = own_place.mount().ready()
+        (own_place.point / "Home" / "Documents" / "a.txt").write_bytes(b"secret")
+        own_place.wait_synced()
+    finally:
+        os.umask(loose)
+    kept = [path for top in (own_place.state_home, own_place.runtime) for path in top.rglob("*")]
+    assert any(path.is_socket() for path in kept) and any(path.is_file() for path in kept)
+    for path in kept:
+        assert mode(path) == (0o700 if path.is_dir() else 0o600), path
+    assert mounted.end() == DONE
+
+
+def test_a_state_that_another_user_could_exchange_is_refused_and_the_part_named(place):
+    above = place.state_home.parent / "above"
+    above.mkdir()
+    place.state_home = above / "state"
+    above.chmod(0o777)
+    mounted = place.mount()
+    assert mounted.wait() == MOUNT_FAILED
+    assert mounted.has_said(f"{above}: others may write here"), mounted.lines
+    assert mounted.has_said(f"chmod go-w '{above}'")
+    assert not place.point.exists() and not place.state_home.exists()
+    findings = {finding["subject"]: finding for finding in place.ask("doctor")["findings"]}
+    assert findings["state directory"]["verdict"] == "warning"
+    assert findings["state directory"]["text"].startswith(f"{above}: others may write here")
+    above.chmod(0o1777)
+    place.mount().ready()
+    # A mount that runs already is named no more, for the list of mounts could be a stranger's.
+    above.chmod(0o777)
+    asked = place.run("status")
+    assert asked.returncode == FAILED
+    assert f"{above}: others may write here" in asked.stderr.decode()
+    above.chmod(0o755)
+    assert place.status()["state"] == "online"
+
+
+def test_doctor_names_the_part_of_the_runtime_directorys_path_that_is_at_fault(place):
+    above = place.directory / "above"
+    runtime = above / "run"
+    runtime.mkdir(parents=True, mode=0o700)
+    above.chmod(0o777)
+    findings = {finding["subject"]: finding for finding in
+                place.ask("doctor", env={"XDG_RUNTIME_DIR": str(runtime)})["findings"]}
+    assert findings["runtime directory"]["verdict"] == "warning"
+    assert findings["runtime directory"]["text"].startswith(f"{above}: others may write here")
 
 
 def test_paths_that_are_too_long_for_an_address_work(place):
