@@ -34,7 +34,7 @@ class Host {
     ~Directory() { std::filesystem::remove_all(path); }
   };
 
-  const Directory directory_;
+  const Directory directory_ = {};
   replica::LoopThread loop_;
   replica::Replica replica_{directory_.path, loop_, {}};
   const HostCommands commands_{replica_,
