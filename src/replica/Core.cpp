@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <utility>
 
 namespace kestrowan::replica {
@@ -19,7 +20,11 @@ const Logger& replicaLog() {
 }  // namespace
 
 std::int64_t modifiedOf(const Base& base) {
-  return base.date.value_or(0) * kNanoseconds;
+  using Limits = std::numeric_limits<std::int64_t>;
+  const std::int64_t date = base.date.value_or(0);
+  if (date > Limits::max() / kNanoseconds) return Limits::max();
+  if (date < Limits::min() / kNanoseconds) return Limits::min();
+  return date * kNanoseconds;
 }
 
 Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)

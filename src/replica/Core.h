@@ -138,7 +138,7 @@ struct Core {
   void log(std::string_view what, const Item& item, std::string_view detail = {}) const;
 };
 
-/// Nanoseconds of a base's date; of 1970 when it has none.
+/// Nanoseconds of a base's date, or the nearest that there are; of 1970 when it has none.
 std::int64_t modifiedOf(const Base& base);
 
 }  // namespace kestrowan::replica

@@ -10,15 +10,11 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::size_t kLongestVersion = 128;
-/// More than any disk holds, and sums of a few such sizes are numbers still.
-constexpr std::int64_t kLargestSize = std::int64_t{1} << 60;
 
 std::optional<std::int64_t> wholeDate(const std::optional<NSDate>& date) {
-  // Years 0 to 9999.
-  constexpr double kFirst = -62167219200;
-  constexpr double kLast = 253402300799;
   if (!date || !std::isfinite(date->timeIntervalSince1970)) return std::nullopt;
-  if (date->timeIntervalSince1970 < kFirst || date->timeIntervalSince1970 > kLast) {
+  if (date->timeIntervalSince1970 < static_cast<double>(kFirstDate) ||
+      date->timeIntervalSince1970 > static_cast<double>(kLastDate)) {
     return std::nullopt;
   }
   return static_cast<std::int64_t>(std::floor(date->timeIntervalSince1970));

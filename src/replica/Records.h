@@ -18,6 +18,13 @@ using ContentNumber = Number;
 
 inline constexpr Rid kRootRid = 1;
 
+/// The greatest size that is taken for one: more than any disk holds, and sums of a few are numbers
+/// still.
+inline constexpr std::int64_t kLargestSize = std::int64_t{1} << 60;
+/// The years 0 to 9999, in seconds since 1970-01-01 UTC: what is taken for a date.
+inline constexpr std::int64_t kFirstDate = -62167219200;
+inline constexpr std::int64_t kLastDate = 253402300799;
+
 enum class ItemKind : std::uint8_t { file, folder };
 
 /// What the provider last confirmed of an item.

@@ -1,5 +1,6 @@
 #include "replica/sqlite/ItemRow.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -71,6 +72,10 @@ class Reader {
   }
   std::uint64_t natural() { return static_cast<std::uint64_t>(number(0)); }
   bool flag() { return number(0, 1) == 1; }
+  /// Bytes: one that is too large is as large as can be.
+  std::int64_t size() { return std::min(number(0), kLargestSize); }
+  /// Seconds since 1970-01-01 UTC.
+  std::int64_t date() { return number(kFirstDate, kLastDate); }
   std::string bytes() {
     const auto value = row_.bytes(next_++);
     if (value) return std::string(*value);
@@ -138,9 +143,8 @@ bool readBase(const Statement& row, std::optional<Base>& result) {
   base.name = reader.bytes();
   base.version = reader.bytes();
   base.versionKnown = reader.flag();
-  base.size = reader.number(0);
-  base.date = reader.optionalNumber(std::numeric_limits<std::int64_t>::min(),
-                                    std::numeric_limits<std::int64_t>::max());
+  base.size = reader.size();
+  base.date = reader.optionalNumber(kFirstDate, kLastDate);
   // All 64 bits may be used.
   base.capabilities = static_cast<NSFileProviderItemCapabilities>(reader.number());
   return reader.isSensible();
@@ -155,8 +159,8 @@ bool readFailure(const Statement& row, Boxed<SyncFailure>& result) {
   failure.domain = reader.bytes();
   failure.code = reader.number();
   failure.text = reader.bytes();
-  failure.since = reader.number();
-  failure.next = reader.number();
+  failure.since = reader.date();
+  failure.next = reader.date();
   failure.tries =
       static_cast<std::uint32_t>(reader.number(0, std::numeric_limits<std::uint32_t>::max()));
   result = std::move(failure);
@@ -168,8 +172,8 @@ bool readSent(const Statement& row, Boxed<SentRecord>& result) {
   if (reader.isNothing()) return true;
   SentRecord sent;
   sent.content = reader.natural();
-  sent.size = reader.number(0);
-  sent.at = reader.number();
+  sent.size = reader.size();
+  sent.at = reader.date();
   sent.parent = reader.natural();
   sent.name = reader.bytes();
   result = std::move(sent);
@@ -249,8 +253,8 @@ std::optional<ItemRecord> itemFromRow(const Statement& row) {
   record.removed = reader.flag();
   record.localOnly = reader.flag();
   record.pinned = reader.flag();
-  record.lastUse = reader.number();
-  record.listedAt = reader.number();
+  record.lastUse = reader.date();
+  record.listedAt = reader.number(0, kLastDate * 1000);
   record.after = Reader(row, kOrderColumn).natural();
   if (!reader.isSensible() || !attributesAreSensible || !readBase(row, record.base) ||
       !readFailure(row, record.failure) || !readSent(row, record.sent) || !isSensible(record)) {

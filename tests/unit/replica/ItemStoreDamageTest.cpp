@@ -249,5 +249,38 @@ TEST_F(ItemStoreDamageTest, RowsWithoutSenseAreLeftOutAndCounted) {
   EXPECT_THAT(found, ElementsAre(2u));
 }
 
+TEST_F(ItemStoreDamageTest, RowsWithDatesThatAreNoneAreLeftOut) {
+  const char* const columns[] = {"base_date", "failure_since", "failure_next",
+                                 "sent_at",   "last_use",      "listed_at"};
+  std::string changes;
+  for (Rid rid = 2; rid < 14; ++rid) {
+    auto record = item(rid);
+    record.failure = SyncFailure{};
+    record.base = Base{};
+    record.sent = SentRecord{};
+    store().save(record);
+    changes += "UPDATE items SET " + std::string(columns[(rid - 2) / 2]) +
+               (rid % 2 == 0 ? "=9223372036854775807" : "=-9223372036854775808") +
+               " WHERE rid=" + std::to_string(rid) + ";";
+  }
+  store().save(item(14));
+  alter(changes.c_str());
+  std::vector<Rid> found;
+  const auto leftOut = store().load([&](const ItemRecord& record) { found.push_back(record.rid); });
+  EXPECT_EQ(leftOut, 12u);
+  EXPECT_THAT(found, ElementsAre(14u));
+}
+
+TEST_F(ItemStoreDamageTest, SizesThatNoDiskHoldsAreTheLargest) {
+  auto record = item(2);
+  record.base = Base{};
+  record.sent = SentRecord{};
+  store().save(record);
+  alter("UPDATE items SET base_size=9223372036854775807, sent_size=9223372036854775807");
+  const auto found = rows().at(2);
+  EXPECT_EQ(found.base->size, kLargestSize);
+  EXPECT_EQ(found.sent->size, kLargestSize);
+}
+
 }  // namespace
 }  // namespace kestrowan::replica

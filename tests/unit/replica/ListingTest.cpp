@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -103,6 +104,26 @@ TEST_F(ListingTest, DatesBeyondTheYear9999AreNone) {
   item->date = NSDate{1e15};
   add(item);
   EXPECT_EQ(world.attributes("/b").modified, 0);
+}
+
+TEST_F(ListingTest, DatesThatHaveNoNanosecondsAreTheNearestThatHave) {
+  auto late = entry("/b", "b");
+  late->date = NSDate{2e11};
+  add(late);
+  EXPECT_EQ(world.attributes("/b").modified, std::numeric_limits<std::int64_t>::max());
+  auto early = entry("/c", "c");
+  early->date = NSDate{-6e10};
+  add(early);
+  world.advance(seconds(60));
+  EXPECT_EQ(world.attributes("/c").modified, std::numeric_limits<std::int64_t>::min());
+}
+
+TEST_F(ListingTest, SizeIsNeverBeyondWhatADiskHolds) {
+  auto item = entry("/b", "b");
+  item->size = std::numeric_limits<std::int64_t>::max();
+  add(item);
+  EXPECT_EQ(world.attributes("/b").size, std::int64_t{1} << 60);
+  EXPECT_NE(errorOf([&] { world.read("/b"); }), "");
 }
 
 TEST_F(ListingTest, OverlongVersionSaysNothing) {
