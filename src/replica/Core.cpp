@@ -32,7 +32,8 @@ Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
       loop(usedLoop),
       store(directory),
       contents(directory),
-      provider(loop, {options.metadataCalls, options.downloads, options.uploads}),
+      provider(loop, {options.metadataCalls, options.downloads, options.uploads},
+               options.identifiers),
       rows(store, loop, mutex),
       places(options.openFiles),
       random(std::random_device()()) {}

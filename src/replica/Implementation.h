@@ -77,6 +77,10 @@ class Replica::Implementation {
   /// `isWhole` when every row has been taken.
   void repair(bool isWhole);
   void checkContents(const ItemPtr& item, const std::unordered_set<ContentNumber>& present);
+  bool isProper(const Item& item) const;
+  void forgetBasesWithoutFolder();
+  std::size_t leaveOutImproper();
+  void doubtFolders();
   void settleOrphans(const std::unordered_set<ContentNumber>& orphans, bool isWhole);
   void itemChangedByListing(const ItemPtr& item);
 

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-
-#include "replica/NameRules.h"
+#include <utility>
 
 namespace kestrowan::replica {
 
@@ -42,8 +41,9 @@ Listing::Listing(const std::vector<NSFileProviderItemPtr>& items, Rid folder,
   entries.reserve(items.size());
   byName_.reserve(items.size());
   for (const auto& item : items) {
-    const bool proper = item && item->itemIdentifier().starts_with(options.identifierPrefix) &&
-                        item->parentItemIdentifier() == identifier && isValidName(item->filename());
+    const bool proper =
+        item && item->parentItemIdentifier() == identifier &&
+        options.identifiers.isProper(item->itemIdentifier(), identifier, item->filename());
     if (!proper) {
       ++refused;
       continue;

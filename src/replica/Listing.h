@@ -27,8 +27,8 @@ struct Listing {
     ItemKind kind = ItemKind::file;
   };
 
-  /// Admits those of `items` that are proper children of the folder: with an identifier of the
-  /// provider's form, the folder as parent, and a valid name that none before it has.
+  /// Admits those of `items` that are proper children of the folder: with the identifier that an
+  /// item of that name in it can have, the folder as parent, and a name that none before it has.
   Listing(const std::vector<NSFileProviderItemPtr>& items, Rid folder,
           const NSFileProviderItemIdentifier& identifier, const Options& options);
 

@@ -18,6 +18,14 @@ constexpr NSFileProviderItemCapabilities kRootCapabilities =
     NSFileProviderItemCapability::allowsReading | NSFileProviderItemCapability::allowsWriting;
 /// No replica gives as many numbers; whatever bears a higher one was not made by one.
 constexpr Number kHighestNumber = Number{1} << 62;
+/// Of a folder that is known, but has to be looked at before anything is done with it.
+constexpr std::int64_t kListedLongAgo = 1;
+
+bool isRootRecord(const ItemRecord& record) {
+  return record.parent == kRootRid && record.kind == ItemKind::folder && !record.removed &&
+         record.base && record.base->parent == kRootRid &&
+         IdentifierForm::isRoot(record.base->identifier);
+}
 
 }  // namespace
 
@@ -102,12 +110,10 @@ void Replica::Implementation::load() {
 
 bool Replica::Implementation::loadRecord(ItemRecord record) {
   const bool isRoot = record.rid == kRootRid;
+  if (isRoot && !isRootRecord(record)) return false;
   if (!isRoot && (!isValidName(record.name) || record.rid == record.parent)) return false;
-  // A provider may take an identifier of another form for that of its root.
-  const bool isAdmitted = isRoot || !record.base ||
-                          (record.base->identifier.starts_with(core.options.identifierPrefix) &&
-                           isValidName(record.base->name));
-  if (!isAdmitted) return false;
+  // Of contents that are here, their file tells.
+  if (record.content == 0) record.size = std::min(record.size, kLargestSize);
   auto item = std::make_shared<Item>();
   static_cast<ItemRecord&>(*item) = std::move(record);
   // Two rows in one place: whichever has something that must not be lost keeps it, and the contents
@@ -120,6 +126,58 @@ bool Replica::Implementation::loadRecord(ItemRecord record) {
   return !here;
 }
 
+/// Whether what the provider is said to have of an item is what a listing of its folder could have
+/// shown.
+bool Replica::Implementation::isProper(const Item& item) const {
+  if (item.rid == kRootRid || !item.base) return true;
+  const ItemPtr folder = core.table.find(item.base->parent);
+  return folder && folder->isFolder() && folder->base &&
+         core.options.identifiers.isProper(item.base->identifier, folder->base->identifier,
+                                           item.base->name) &&
+         core.table.isWithinAtProvider(item, kRootRid);
+}
+
+/// A folder that the provider lost while something in it was being written has taken with it what
+/// the provider had there.
+void Replica::Implementation::forgetBasesWithoutFolder() {
+  for (std::vector<ItemPtr> lost;; lost.clear()) {
+    core.table.forEach([&](const ItemPtr& item) {
+      if (item->rid == kRootRid || !item->base) return;
+      const ItemPtr folder = core.table.find(item->base->parent);
+      if (folder && folder->isFolder() && !folder->base) lost.push_back(item);
+    });
+    if (lost.empty()) return;
+    for (const ItemPtr& item : lost) core.setBase(item, std::nullopt);
+  }
+}
+
+/// Leaves out the items that the provider may not be asked for, and so what is in them. Their
+/// contents are kept. Says how many there were.
+std::size_t Replica::Implementation::leaveOutImproper() {
+  std::size_t leftOut = 0;
+  for (std::vector<ItemPtr> improper;; improper.clear()) {
+    core.table.forEach([&](const ItemPtr& item) {
+      if (!isProper(*item)) improper.push_back(item);
+    });
+    if (improper.empty()) return leftOut;
+    if (leftOut == 0) core.log("rows of other places were left out, as of", *improper.front());
+    leftOut += improper.size();
+    for (const ItemPtr& item : improper) {
+      core.dropContents(item, true);
+      core.dropItem(item);
+    }
+  }
+}
+
+/// Items are missing: what was known of folders is no proof any more.
+void Replica::Implementation::doubtFolders() {
+  core.table.forEach([&](const ItemPtr& item) {
+    if (!item->isFolder() || item->listedAt <= kListedLongAgo) return;
+    item->listedAt = kListedLongAgo;
+    core.save(item);
+  });
+}
+
 /// Makes rows and files agree: a row without a file, a file without a row, an item without a
 /// folder.
 void Replica::Implementation::repair(bool isWhole) {
@@ -127,19 +185,25 @@ void Replica::Implementation::repair(bool isWhole) {
   for (const ContentNumber number : core.contents.numbers()) present.insert(number);
   {
     Rows::Batch batch(core.rows);
+    core.table.forEach([&](const ItemPtr& item) {
+      if (item->content != 0) checkContents(item, present);
+    });
+    forgetBasesWithoutFolder();
+    isWhole = leaveOutImproper() == 0 && isWhole;
     std::vector<ItemPtr> lost;
     core.table.forEach([&](const ItemPtr& item) {
       const ItemPtr folder = core.table.find(item->parent);
       const bool isInTree = folder && folder->isFolder() && core.table.isWithin(*item, kRootRid);
-      if (item->content != 0) checkContents(item, present);
-      if (!isInTree || (!item->base && !item->isFolder() && item->content == 0))
-        lost.push_back(item);
+      const bool isEmpty = !item->isFolder() && item->content == 0;
+      const bool isNothing = !item->base && (isEmpty || (item->removed && !item->sent));
+      if (!isInTree || isNothing) lost.push_back(item);
     });
     for (const ItemPtr& item : lost) {
       core.log("belongs to no folder, or has nothing in it", *item);
-      core.dropContents(item, item->contentsChanged || !item->base);
+      core.dropContents(item, !isWhole || item->contentsChanged || !item->base);
       core.dropItem(item);
     }
+    if (!isWhole) doubtFolders();
   }
   core.rows.requireWritten();
   std::unordered_set<ContentNumber> orphans = std::move(present);

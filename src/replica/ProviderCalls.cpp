@@ -2,12 +2,15 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
+#include "platform/foundation/Logger.h"
+#include "replica/NameRules.h"
 
 namespace kestrowan::replica {
 
@@ -21,6 +24,13 @@ constexpr std::string_view kFirstPage = "NSFileProviderInitialPageSortedByName";
 const NSError& stoppedError() {
   static const NSError error(NSURLErrorDomain, NSURLErrorCancelled);
   return error;
+}
+
+/// The outcome of a call that is not made.
+NSError refusal(std::string_view call, const NSFileProviderItemIdentifier& identifier) {
+  static const Logger log("com.kestrowan.app.FileProvider", "replica");
+  log.error("%{public}s was not asked for: no item can be %{public}s", {call, identifier});
+  return posixError(EIO);
 }
 
 struct Page {
@@ -105,11 +115,16 @@ void ProviderCalls::Slots::give() {
   loop_.post([next] { next.resume(); });
 }
 
-ProviderCalls::ProviderCalls(Loop& loop, Limits limits)
+ProviderCalls::ProviderCalls(Loop& loop, Limits limits, IdentifierForm identifiers)
     : loop_(loop),
+      identifiers_(std::move(identifiers)),
       metadata_(loop, limits.metadata),
       downloads_(loop, limits.downloads),
       uploads_(loop, limits.uploads) {}
+
+bool ProviderCalls::isPlace(const NSFileProviderItem& item) const {
+  return identifiers_.isAskable(item.parentItemIdentifier()) && isValidName(item.filename());
+}
 
 void ProviderCalls::setProvider(Provider provider) {
   Provider before;
@@ -180,6 +195,7 @@ Task<Outcome<T>> ProviderCalls::call(Slots& slots, std::optional<std::chrono::mi
 
 Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::list(
     NSFileProviderItemIdentifier container) {
+  if (!identifiers_.isAskable(container)) co_return refusal("a listing", container);
   auto first = co_await listOnce(container);
   const bool again =
       !first.succeeded() &&
@@ -213,6 +229,7 @@ Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::listOnce(
 }
 
 Task<Outcome<NSFileProviderItemPtr>> ProviderCalls::item(NSFileProviderItemIdentifier identifier) {
+  if (!identifiers_.isAskable(identifier)) co_return refusal("an item", identifier);
   auto make = [identifier](NSFileProviderReplicatedExtension& provider,
                            const std::shared_ptr<PendingCall<NSFileProviderItemPtr>>& pending) {
     provider.item(identifier, {},
@@ -229,6 +246,7 @@ Task<Outcome<NSFileProviderItemPtr>> ProviderCalls::item(NSFileProviderItemIdent
 }
 
 Task<Outcome<FetchedFile>> ProviderCalls::fetch(NSFileProviderItemIdentifier identifier) {
+  if (!identifiers_.isItem(identifier)) co_return refusal("a file", identifier);
   auto make = [identifier](NSFileProviderReplicatedExtension& provider,
                            const std::shared_ptr<PendingCall<FetchedFile>>& pending) {
     provider.fetchContents(
@@ -251,6 +269,9 @@ Task<Outcome<WrittenItem>> ProviderCalls::create(NSFileProviderItemPtr basedOnTe
                                                  NSFileProviderItemFields fields,
                                                  std::optional<std::string> contents,
                                                  NSFileProviderCreateItemOptions options) {
+  if (!isPlace(*basedOnTemplate)) {
+    co_return refusal("a new item", basedOnTemplate->parentItemIdentifier());
+  }
   Slots& slots = contents ? uploads_ : metadata_;
   const std::optional<std::chrono::milliseconds> limit =
       contents ? std::nullopt : std::optional(kMetadataLimit);
@@ -266,6 +287,9 @@ Task<Outcome<WrittenItem>> ProviderCalls::modify(NSFileProviderItemPtr item,
                                                  NSFileProviderItemVersion baseVersion,
                                                  NSFileProviderItemFields changedFields,
                                                  std::optional<std::string> contents) {
+  if (!identifiers_.isItem(item->itemIdentifier()) || !isPlace(*item)) {
+    co_return refusal("a change", item->itemIdentifier());
+  }
   Slots& slots = contents ? uploads_ : metadata_;
   const std::optional<std::chrono::milliseconds> limit =
       contents ? std::nullopt : std::optional(kMetadataLimit);
@@ -279,6 +303,7 @@ Task<Outcome<WrittenItem>> ProviderCalls::modify(NSFileProviderItemPtr item,
 
 Task<Outcome<Done>> ProviderCalls::remove(NSFileProviderItemIdentifier identifier,
                                           NSFileProviderItemVersion baseVersion, bool recursive) {
+  if (!identifiers_.isItem(identifier)) co_return refusal("a removal", identifier);
   auto make = [identifier, baseVersion, recursive](
                   NSFileProviderReplicatedExtension& provider,
                   const std::shared_ptr<PendingCall<Done>>& pending) {

@@ -10,6 +10,7 @@
 
 #include "platform/base/Task.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
+#include "replica/IdentifierForm.h"
 #include "replica/Loop.h"
 #include "replica/Outcome.h"
 #include "replica/PendingCall.h"
@@ -33,6 +34,9 @@ struct WrittenItem {
 /// The provider's requests as coroutines. Started and continued on the loop; so many at once as the
 /// limits allow, the others in the order in which they came. The provider may be exchanged at any
 /// time: calls in flight stay with the one that they were made to.
+///
+/// Nothing is asked for but what the form of the identifiers allows, and the root is only listed
+/// and asked about: any other call ends with EIO, without a word to the provider, and is logged.
 class ProviderCalls {
  public:
   struct Limits {
@@ -41,7 +45,7 @@ class ProviderCalls {
     unsigned uploads = 4;
   };
 
-  ProviderCalls(Loop& loop, Limits limits);
+  ProviderCalls(Loop& loop, Limits limits, IdentifierForm identifiers);
   ProviderCalls(const ProviderCalls&) = delete;
   ProviderCalls& operator=(const ProviderCalls&) = delete;
 
@@ -106,7 +110,11 @@ class ProviderCalls {
       NSFileProviderItemIdentifier container);
   void enroll(const std::shared_ptr<AbandonableCall>& call);
 
+  /// Whether an item that `item` describes can be in a folder that it describes.
+  bool isPlace(const NSFileProviderItem& item) const;
+
   Loop& loop_;
+  const IdentifierForm identifiers_;
   Slots metadata_;
   Slots downloads_;
   Slots uploads_;

@@ -51,9 +51,9 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
   }
   Base base = baseOf(*written.item, parent, core_.options);
   const ItemPtr folder = core_.table.find(parent);
-  if (!base.identifier.starts_with(core_.options.identifierPrefix) || !isValidName(base.name) ||
-      !folder || !folder->base ||
-      written.item->parentItemIdentifier() != folder->base->identifier) {
+  if (!folder || !folder->base ||
+      written.item->parentItemIdentifier() != folder->base->identifier ||
+      !core_.options.identifiers.isProper(base.identifier, folder->base->identifier, base.name)) {
     // Not an answer about this item: the next listing tells what happened.
     core_.log("the provider answered with another item", *item);
     item->sent = SentRecord{frozen.number, frozen.size, core_.seconds(), parent, name};

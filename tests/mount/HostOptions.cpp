@@ -56,7 +56,9 @@ HostOptions::HostOptions(const JSONValue& json) : state(text(json, "state")) {
   set(json, "cacheTime", mount.cacheTime);
 
   set(json, "opaqueIdentifiers", provider.opaqueIdentifiers);
-  if (provider.opaqueIdentifiers) replica.identifierPrefix = "node:";
+  if (provider.opaqueIdentifiers) {
+    replica.identifiers = replica::IdentifierForm::opaque("node:");
+  }
   if (const auto* const paths = json.member("readOnly"); paths != nullptr && paths->array()) {
     std::set<std::string, std::less<>> readOnly;
     for (const auto& path : *paths->array()) {

@@ -12,7 +12,9 @@ using namespace replica;
 
 ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
     : extensionOptions_(std::move(extensionOptions)), options_(std::move(options)) {
-  if (extensionOptions_.opaqueIdentifiers) options_.identifierPrefix = "node:";
+  if (extensionOptions_.opaqueIdentifiers) {
+    options_.identifiers = IdentifierForm::opaque("node:");
+  }
   if (options_.freeSpaceFloor == 0) options_.freeSpaceFloor = 1;
   options_.saysNothing = [](const NSData& version) {
     return version.starts_with("new|") || version.starts_with("modified|") ||

@@ -61,6 +61,34 @@ TEST_F(ListingTest, EmptyIdentifierIsRefused) {
   expectRefused(entry("", "b"));
 }
 
+TEST_F(ListingTest, AnotherSpellingOfAnIdentifierIsRefused) {
+  for (const char* other : {"//b", "/b/", "/./b", "/a/../b", "/B", "/c", "/b/b", "/", "/."}) {
+    ReplicaWorld another;
+    auto item = entry(other, "b");
+    another.extension().setFaults([item](const Call& call) {
+      Fault fault;
+      if (call.kind == CallKind::enumerateItems) fault.moreEntries = {item};
+      return fault;
+    });
+    EXPECT_THAT(another.list("/"), ElementsAre()) << other;
+    EXPECT_EQ(another.replica().status().refusedEntries, 1) << other;
+  }
+}
+
+TEST_F(ListingTest, OfOpaqueIdentifiersOnlyTheFormIsKnown) {
+  ReplicaWorld another({.opaqueIdentifiers = true});
+  std::vector<NSFileProviderItemPtr> items;
+  for (const char* one : {"node:900", "other:901", ""}) items.push_back(entry(one, "b"));
+  items.push_back(entry(std::string(NSFileProviderRootContainerItemIdentifier), "c"));
+  another.extension().setFaults([items](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::enumerateItems) fault.moreEntries = items;
+    return fault;
+  });
+  EXPECT_THAT(another.list("/"), ElementsAre("b"));
+  EXPECT_EQ(another.replica().status().refusedEntries, 3);
+}
+
 TEST_F(ListingTest, EntryOfAnotherFolderIsRefused) {
   auto item = entry("/b", "b");
   item->parent = "/elsewhere";

@@ -332,5 +332,81 @@ TEST_F(LoadingTest, AbsurdNumberDoesNotKeepTheReplicaFromBeginning) {
   EXPECT_EQ(world.server().read("/b"), "in b");
 }
 
+// ---- rows of other places ----------------------------------------------------------------------
+
+TEST_F(LoadingTest, AnItemOfAnotherPlaceIsLeftOutAndItsContentsAreKept) {
+  world.server().writeFile("/a", "theirs");
+  world.server().makeFolder("/d");
+  world.tree();
+  for (const char* other : {"2F", "2F64", "2F642F2E2E", "2F2F61", "2F612F", "2F6100", "61", ""}) {
+    const std::string mine = "mine " + std::string(other);
+    world.extension().setDown(true);
+    world.write("/a", mine);
+    restart([&] {
+      changeRows(("UPDATE items SET base_identifier=x'" + std::string(other) + "' WHERE name=x'61'")
+                     .c_str());
+    });
+    EXPECT_THAT(recovered(), testing::Contains(mine)) << other;
+    world.connect();
+    EXPECT_TRUE(world.settle());
+    EXPECT_EQ(world.read("/a"), "theirs") << other;
+    EXPECT_EQ(world.server().tree().size(), 2u) << other;
+  }
+}
+
+TEST_F(LoadingTest, RemovalOfAnItemOfAnotherPlaceIsForgotten) {
+  world.server().writeFile("/a", "theirs");
+  world.server().writeFile("/b", "others");
+  world.tree();
+  world.extension().setDown(true);
+  world.remove("/a");
+  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F62' WHERE name=x'61'"); });
+  world.connect();
+  EXPECT_TRUE(world.settle());
+  EXPECT_THAT(world.list("/"), ElementsAre("a", "b"));
+  EXPECT_EQ(world.server().tree().size(), 2u);
+}
+
+TEST_F(LoadingTest, WhatIsInAFolderOfAnotherPlaceIsLeftOutWithIt) {
+  world.server().makeFolder("/d");
+  world.server().makeFolder("/d/e");
+  world.server().writeFile("/d/e/a", "theirs");
+  world.server().writeFile("/d/e/b", "read before");
+  world.tree();
+  world.extension().setDown(true);
+  world.write("/d/e/a", "mine");
+  world.write("/d/e/c", "made here");
+  world.remove("/d/e/b");
+  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F' WHERE name=x'64'"); });
+  EXPECT_THAT(recovered(), testing::IsSupersetOf({"mine", "made here"}));
+  world.connect();
+  const auto before = world.server().tree();
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.tree(), before);
+  EXPECT_EQ(world.server().tree(), before);
+}
+
+TEST_F(LoadingTest, AFolderIsLookedAtAnewWhenRowsWereLeftOut) {
+  world.server().writeFile("/a", "theirs");
+  world.tree();
+  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F' WHERE name=x'61'"); });
+  world.connect();
+  EXPECT_THAT(world.list("/"), ElementsAre("a"));
+}
+
+TEST_F(LoadingTest, ARootThatIsAnotherItemIsMadeAnew) {
+  for (const char* change :
+       {"base_identifier=x'2F64'", "kind=0", "removed=1", "base_identifier=NULL", "parent=7"}) {
+    world.connect();
+    if (world.server().tree().empty()) world.server().makeFolder("/d");
+    EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;
+    restart(
+        [&] { changeRows(("UPDATE items SET " + std::string(change) + " WHERE rid=1").c_str()); });
+    world.connect();
+    EXPECT_TRUE(world.settle());
+    EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;
+  }
+}
+
 }  // namespace
 }  // namespace kestrowan::test

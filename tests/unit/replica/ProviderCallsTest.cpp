@@ -1,0 +1,129 @@
+#include "replica/ProviderCalls.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/fileprovider/TemplateItem.h"
+#include "replica/LoopTask.h"
+#include "support/InMemoryExtension.h"
+#include "support/RecordingLog.h"
+#include "support/SimulatedLoop.h"
+#include "support/TemporaryDirectory.h"
+
+namespace kestrowan::test {
+namespace {
+
+using replica::IdentifierForm;
+using replica::Outcome;
+using replica::ProviderCalls;
+
+const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
+
+template <typename T>
+Task<void> note(Task<Outcome<T>> call, std::shared_ptr<std::vector<std::string>> results) {
+  auto outcome = co_await std::move(call);
+  results->push_back(outcome.succeeded()
+                         ? "done"
+                         : outcome.error().domain() + " " + std::to_string(outcome.error().code()));
+}
+
+class ProviderCallsTest : public testing::Test {
+ protected:
+  ProviderCallsTest() {
+    server->makeFolder("/d");
+    server->writeFile("/d/a", "x");
+    calls.setProvider(extension);
+  }
+
+  /// What the call came to.
+  template <typename T>
+  std::string result(Task<Outcome<T>> call) {
+    const auto results = std::make_shared<std::vector<std::string>>();
+    replica::startOn(loop, note(std::move(call), results));
+    loop.advance(std::chrono::seconds(1));
+    return results->empty() ? "no end" : results->front();
+  }
+
+  static NSFileProviderItemPtr wanted(const std::string& identifier, const std::string& parent,
+                                      const std::string& name) {
+    return std::make_shared<const TemplateItem>(TemplateItem::Values{.itemIdentifier = identifier,
+                                                                     .parentItemIdentifier = parent,
+                                                                     .filename = name,
+                                                                     .contentType = std::nullopt});
+  }
+
+  SimulatedLoop loop;
+  TemporaryDirectory directory;
+  std::shared_ptr<MemoryServer> server = std::make_shared<MemoryServer>();
+  std::shared_ptr<InMemoryExtension> extension =
+      std::make_shared<InMemoryExtension>(loop, directory.path(), server);
+  ProviderCalls calls{loop, {}, IdentifierForm::paths()};
+};
+
+TEST_F(ProviderCallsTest, ProperItemsAreAskedFor) {
+  EXPECT_EQ(result(calls.list(kRoot)), "done");
+  EXPECT_EQ(result(calls.list("/d")), "done");
+  EXPECT_EQ(result(calls.item("/d/a")), "done");
+  EXPECT_EQ(result(calls.fetch("/d/a")), "done");
+  EXPECT_EQ(result(calls.create(wanted("new:1", "/d", "b"), 0, std::nullopt, 0)), "done");
+  EXPECT_EQ(result(calls.modify(
+                wanted("/d/b", kRoot, "c"), {},
+                NSFileProviderItemField::filename | NSFileProviderItemField::parentItemIdentifier,
+                std::nullopt)),
+            "done");
+  EXPECT_EQ(result(calls.remove("/c", {}, false)), "done");
+  EXPECT_EQ(server->tree().size(), 2u);
+}
+
+TEST_F(ProviderCallsTest, NothingElseReachesTheProvider) {
+  const RecordingLog log;
+  const std::string refused = std::string(NSPOSIXErrorDomain) + " " + std::to_string(EIO);
+  const auto before = server->tree();
+  std::size_t count = 0;
+  for (const std::string& identifier :
+       {std::string("/"), std::string(), std::string("d"), std::string("/d/../.."),
+        std::string("/d/."), std::string("//d/a"), std::string("/d//a"), std::string("/d/a/"),
+        std::string("https://127.0.0.1/d"), std::string("/d/a\0", 5),
+        "/" + std::string(256, 'x')}) {
+    EXPECT_EQ(result(calls.list(identifier)), refused) << identifier;
+    EXPECT_EQ(result(calls.item(identifier)), refused) << identifier;
+    EXPECT_EQ(result(calls.fetch(identifier)), refused) << identifier;
+    EXPECT_EQ(result(calls.remove(identifier, {}, true)), refused) << identifier;
+    EXPECT_EQ(result(calls.create(wanted("new:1", identifier, "b"), 0, std::nullopt, 0)), refused)
+        << identifier;
+    EXPECT_EQ(result(calls.modify(wanted(identifier, "/d", "a"), {}, 0, std::nullopt)), refused)
+        << identifier;
+    EXPECT_EQ(result(calls.modify(wanted("/d/a", identifier, "a"), {}, 0, std::nullopt)), refused)
+        << identifier;
+    count += 7;
+  }
+  for (const std::string& name :
+       {std::string(), std::string("."), std::string(".."), std::string("a/b"),
+        std::string("a\0", 2), std::string(256, 'x')}) {
+    EXPECT_EQ(result(calls.create(wanted("new:1", "/d", name), 0, std::nullopt, 0)), refused);
+    EXPECT_EQ(result(calls.modify(wanted("/d/a", "/d", name), {}, 0, std::nullopt)), refused);
+    count += 2;
+  }
+  EXPECT_EQ(extension->count(), 0u);
+  EXPECT_EQ(server->tree(), before);
+  EXPECT_EQ(log.lines().size(), count);
+}
+
+TEST_F(ProviderCallsTest, TheRootIsOnlyLookedAt) {
+  const RecordingLog log;
+  const std::string refused = std::string(NSPOSIXErrorDomain) + " " + std::to_string(EIO);
+  EXPECT_EQ(result(calls.fetch(kRoot)), refused);
+  EXPECT_EQ(result(calls.remove(kRoot, {}, true)), refused);
+  EXPECT_EQ(result(calls.modify(wanted(kRoot, kRoot, "other"), {},
+                                NSFileProviderItemField::filename, std::nullopt)),
+            refused);
+  EXPECT_EQ(extension->count(), 0u);
+}
+
+}  // namespace
+}  // namespace kestrowan::test
