@@ -76,8 +76,8 @@ replica::Options replicaOptions(const HostSettings& settings) {
   options.wouldRefuse = extensionRefusals();
   options.hostName = machineName();
   options.saysNothing = saysNothing;
-  options.sameContents = sameContents;
   options.openFiles = raiseDescriptorLimit();
+  options.lastingPart = lastingPart;
   return options;
 }
 

@@ -1,35 +1,29 @@
 #include "host/VersionRules.h"
 
 #include <algorithm>
-#include <array>
 #include <string_view>
 
 namespace kestrowan::host {
 
 namespace {
 
-/// In the place of an entity tag; no server's tag is without quotation marks or a digit.
-constexpr std::array<std::string_view, 4> kWords = {"new", "modified", "downloaded", "root"};
+constexpr std::string_view kDownloaded = "downloaded|0|";
+constexpr std::string_view kWeak = "W/";
 
-std::string_view tagOf(std::string_view version) {
-  const auto size = version.rfind('|');
-  if (size == std::string_view::npos || size == 0) return version;
-  return version.substr(0, version.rfind('|', size - 1));
-}
-
-std::string_view withoutWeakness(std::string_view version) {
-  if (version.starts_with("W/")) version.remove_prefix(2);
-  return version;
+bool isDigit(char character) {
+  return character >= '0' && character <= '9';
 }
 
 }  // namespace
 
 bool saysNothing(const NSData& version) {
-  return std::find(kWords.begin(), kWords.end(), tagOf(version)) != kWords.end();
+  if (version == "new|0|0" || version == "modified|0|0" || version == "root|0|0") return true;
+  if (!version.starts_with(kDownloaded) || version.size() == kDownloaded.size()) return false;
+  return std::all_of(version.begin() + kDownloaded.size(), version.end(), isDigit);
 }
 
-bool sameContents(const NSData& known, const NSData& listed) {
-  return withoutWeakness(known) == withoutWeakness(listed);
+NSData lastingPart(const NSData& version) {
+  return version.starts_with(kWeak) ? version.substr(kWeak.size()) : version;
 }
 
 }  // namespace kestrowan::host

@@ -4,14 +4,15 @@
 
 namespace kestrowan::host {
 
-/// What the content versions of our extension mean: an entity tag, a date and a size, with "|"
-/// between them. Pure functions.
+/// What the content versions of our extension mean: an entity tag without its quotation marks, the
+/// date in whole seconds since 1970-01-01 UTC or 0, and the size, with "|" between them. Pure
+/// functions.
 
-/// Whether a version was made without a word of the server about the item's state.
+/// Whether a version may have been made without a word of the server about the item's state: it has
+/// a word of the extension's in the place of the tag, no date, and no size but that of a download.
 bool saysNothing(const NSData& version);
 
-/// Whether two versions stand for the same contents: equal but for the strength of the entity tag,
-/// which a server may raise without a change.
-bool sameContents(const NSData& known, const NSData& listed);
+/// The version without the strength of its entity tag, which a server may raise without a change.
+NSData lastingPart(const NSData& version);
 
 }  // namespace kestrowan::host

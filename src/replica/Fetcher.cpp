@@ -157,11 +157,11 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
   }
   const auto bytes = sizeOfFile(file.path);
   if (!bytes) return posixError(EIO);
-  Base after = baseOf(*file.item, item->base->parent, core_.options);
-  const bool sameVersion =
-      after.version == before.version || !after.versionKnown || !before.versionKnown ||
-      (core_.options.sameContents && core_.options.sameContents(before.version, after.version));
-  const std::int64_t announced = after.versionKnown ? after.size : before.size;
+  Base after = baseOf(*file.item, item->base->parent, core_.options, Source::answer);
+  // An answer without a version says nothing of the size that was announced.
+  if (!after.versionKnown) after.size = before.size;
+  const std::int64_t announced = after.size;
+  const bool sameVersion = canBeSame(core_.options, before, after);
   const bool same = sameVersion && *bytes == announced;
   if (!same && !last) {
     // What was known may be older than the file: the next try compares with what is known now.

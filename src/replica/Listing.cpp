@@ -8,8 +8,6 @@ namespace kestrowan::replica {
 
 namespace {
 
-constexpr std::size_t kLongestVersion = 128;
-
 std::optional<std::int64_t> wholeDate(const std::optional<NSDate>& date) {
   if (!date || !std::isfinite(date->timeIntervalSince1970)) return std::nullopt;
   if (date->timeIntervalSince1970 < static_cast<double>(kFirstDate) ||
@@ -21,16 +19,15 @@ std::optional<std::int64_t> wholeDate(const std::optional<NSDate>& date) {
 
 }  // namespace
 
-Base baseOf(const NSFileProviderItem& item, Rid parent, const Options& options) {
+Base baseOf(const NSFileProviderItem& item, Rid parent, const Options& options, Source source) {
   Base base;
   base.identifier = item.itemIdentifier();
   base.parent = parent;
   base.name = item.filename();
   base.date = wholeDate(item.contentModificationDate());
   base.version = item.itemVersion().contentVersion;
-  base.versionKnown = base.version.size() <= kLongestVersion &&
-                      !(options.saysNothing && options.saysNothing(base.version));
-  if (base.version.size() > kLongestVersion) base.version.clear();
+  base.versionKnown = isVersionKnown(options, base.version, source);
+  base.version = keptVersion(options, std::move(base.version));
   base.size = std::clamp<std::int64_t>(item.documentSize().value_or(0), 0, kLargestSize);
   base.capabilities = item.capabilities();
   return base;
@@ -49,7 +46,7 @@ Listing::Listing(const std::vector<NSFileProviderItemPtr>& items, Rid folder,
       continue;
     }
     const auto type = item->contentType();
-    entries.push_back({baseOf(*item, folder, options),
+    entries.push_back({baseOf(*item, folder, options, Source::look),
                        type && *type == UTType::folder() ? ItemKind::folder : ItemKind::file});
     if (!byName_.emplace(entries.back().base.name, entries.size() - 1).second) {
       entries.pop_back();

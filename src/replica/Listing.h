@@ -10,6 +10,7 @@
 #include "replica/Options.h"
 #include "replica/Outcome.h"
 #include "replica/Records.h"
+#include "replica/Sameness.h"
 
 namespace kestrowan::replica {
 
@@ -18,7 +19,7 @@ namespace kestrowan::replica {
 using Sequence = std::uint64_t;
 
 /// What a provider's item says, as a base under `parent`; its size clamped, its version judged.
-Base baseOf(const NSFileProviderItem& item, Rid parent, const Options& options);
+Base baseOf(const NSFileProviderItem& item, Rid parent, const Options& options, Source source);
 
 /// One folder as the provider listed it, admitted entries only. Immutable once built.
 struct Listing {

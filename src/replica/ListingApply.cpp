@@ -19,13 +19,6 @@ constexpr std::int64_t kSuspicionTime = 5000;
 constexpr std::size_t kManyEntries = 10;
 constexpr std::size_t kSomeEntries = 3;
 
-bool sameVersion(const Options& options, const Base& known, const Base& listed) {
-  if (known.size != listed.size) return false;
-  if (known.version == listed.version) return true;
-  return options.sameContents && known.date == listed.date &&
-         options.sameContents(known.version, listed.version);
-}
-
 }  // namespace
 
 bool Lister::isSuspicious(const ItemPtr& folder, const Listing& listing) {
@@ -153,8 +146,7 @@ void Lister::showBase(const ItemPtr& item) {
 
 /// Whether the provider has the same contents of an item as was known.
 bool Lister::isSame(const Item& item, const Base& listed) const {
-  return item.isFolder() || sameVersion(core_.options, *item.base, listed) ||
-         (!item.base->versionKnown && item.base->size == listed.size);
+  return item.isFolder() || canBeSame(core_.options, *item.base, listed);
 }
 
 void Lister::update(const ItemPtr& item, const Listing::Entry& entry) {

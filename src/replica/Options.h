@@ -27,10 +27,11 @@ struct Options {
   /// provider of which that is not known beforehand.
   std::function<bool(const NSFileProviderItemIdentifier& folder, std::string_view name)>
       wouldRefuse;
-  /// Whether two content versions, of which the first is older, stand for the same contents; equal
-  /// ones do when this is empty. Size and date are compared besides.
-  std::function<bool(const NSData& known, const NSData& listed)> sameContents;
-  /// Whether a content version says nothing of the contents; none does when this is empty.
+  /// A content version without what may change in it while the contents stay as they are; the whole
+  /// version when this is empty. Size and date are compared besides.
+  std::function<NSData(const NSData& version)> lastingPart;
+  /// Whether a content version in an answer to a change or a fetch says nothing of the contents;
+  /// only an empty one does when this is empty.
   std::function<bool(const NSData& version)> saysNothing;
   /// Stands in the names of conflict copies.
   std::string hostName = "here";

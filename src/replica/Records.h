@@ -33,7 +33,7 @@ struct Base {
   /// The folder, and the name in it, under which the provider has the item.
   Rid parent = 0;
   std::string name;
-  /// The content version; bytes of the provider's own.
+  /// The content version; bytes of the provider's own, or a digest when they are too many.
   NSData version;
   /// False for a version that says nothing of the contents: it is replaced by the next one listed.
   bool versionKnown = false;

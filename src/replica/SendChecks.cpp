@@ -24,23 +24,6 @@ constexpr std::int64_t kDateTolerance = 2;
 /// A request whose sender died may still take effect for so many seconds.
 constexpr std::int64_t kLandingTime = 10;
 
-bool sameContents(const Options& options, const Base& known, const Base& atProvider) {
-  if (known.size != atProvider.size) return false;
-  if (known.version == atProvider.version) return true;
-  // An answer that said nothing of the state may have said nothing of its date either.
-  if (!known.versionKnown && !known.date) return true;
-  if (known.date != atProvider.date) return false;
-  if (!known.versionKnown || !atProvider.versionKnown) return true;
-  return options.sameContents && options.sameContents(known.version, atProvider.version);
-}
-
-/// Whether a file can be the other one under a new name. Not every server keeps the version through
-/// a move.
-bool canBeMoved(const Base& before, const Base& after) {
-  if (before.size != after.size) return false;
-  return before.version == after.version || !before.date || before.date == after.date;
-}
-
 bool filesAreEqual(const std::string& a, const std::string& b) {
   const UniqueFd first(::open(a.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   const UniqueFd second(::open(b.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -69,7 +52,7 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
   std::optional<Base> found;
   const auto outcome = co_await core_.provider.item(known.identifier);
   if (outcome.succeeded()) {
-    found = baseOf(*outcome.value(), known.parent, core_.options);
+    found = baseOf(*outcome.value(), known.parent, core_.options, Source::look);
     found->name = known.name;
     std::lock_guard lock(core_.mutex);
     health_.note(std::nullopt);
@@ -101,7 +84,7 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
       core_.setBase(item, std::nullopt);
       co_return false;
     }
-    if (sameContents(core_.options, *item->base, *found)) co_return true;
+    if (canBeSame(core_.options, *item->base, *found)) co_return true;
   }
   // What was sent before a power failure may have been forgotten by it.
   Base atProvider = *found;
@@ -170,7 +153,7 @@ Task<bool> Sender::mayRemove(ItemPtr item) {
 
 /// A file that was removed here and changed there is kept. Whether that is so.
 bool Sender::keepIfChanged(const ItemPtr& item, const Base& atProvider) {
-  if (sameContents(core_.options, *item->base, atProvider)) return false;
+  if (canBeSame(core_.options, *item->base, atProvider)) return false;
   core_.log("changed at the provider, so it is not removed", *item);
   core_.dropContents(item, true);
   core_.setBase(item, atProvider);
@@ -204,7 +187,7 @@ Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
     for (const auto& entry : listed.value()->entries) {
       const ItemPtr child = core_.table.serverChild(at->rid, entry.base.name);
       empty = empty && child && child->removed && child->kind == entry.kind &&
-              (child->isFolder() || sameContents(core_.options, *child->base, entry.base));
+              (child->isFolder() || canBeSame(core_.options, *child->base, entry.base));
       if (!empty) break;
       if (child->isFolder()) unseen.push_back(child);
     }
@@ -302,7 +285,8 @@ Task<bool> Sender::verify(ItemPtr item) {
 
   bool hasContents = false;
   if (atTarget && sent.content != 0 && atTarget->kind == ItemKind::file) {
-    const bool unchanged = before && before->version == atTarget->base.version;
+    const bool unchanged =
+        before && sameness(core_.options, *before, atTarget->base) == Sameness::same;
     if (!unchanged) {
       const auto compared = co_await holdsSameBytes(atTarget->base, sent.content, sent.at);
       if (!compared.succeeded()) {
@@ -323,7 +307,7 @@ Task<bool> Sender::verify(ItemPtr item) {
   core_.forgetSent(item);
   const bool removal = item->removed && before && !moved && sent.content == 0;
   const bool hasMoved =
-      moved && atTarget && (item->isFolder() || canBeMoved(*before, atTarget->base));
+      moved && atTarget && (item->isFolder() || canBeMoved(core_.options, *before, atTarget->base));
   if (removal && !atTarget) {
     // Where a listing is no proof, the next request tells.
     if (lister_.isComplete(target, *listed.value())) acceptRemoval(item);

@@ -49,7 +49,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     answerVerdict(item, std::nullopt);
     return false;
   }
-  Base base = baseOf(*written.item, parent, core_.options);
+  Base base = baseOf(*written.item, parent, core_.options, Source::answer);
   const ItemPtr folder = core_.table.find(parent);
   if (!folder || !folder->base ||
       written.item->parentItemIdentifier() != folder->base->identifier ||

@@ -1,6 +1,7 @@
 #include "support/CallRunner.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace kestrowan::test {
@@ -9,6 +10,14 @@ namespace {
 
 NSError errorOf(const Fault& fault) {
   return fault.error.value_or(NSError(NSURLErrorDomain, NSURLErrorTimedOut));
+}
+
+void change(const Fault& fault, NSFileProviderItemPtr& item) {
+  const auto* known = dynamic_cast<const MemoryItem*>(item.get());
+  if (!fault.itemChange || known == nullptr) return;
+  auto changed = std::make_shared<MemoryItem>(*known);
+  fault.itemChange(*changed);
+  item = std::move(changed);
 }
 
 }  // namespace
@@ -32,6 +41,8 @@ Reply CallRunner::reply(const Work& work, const Fault& fault) const {
     Requests requests(fault);
     work(requests, reply);
     reply.error = fault.error;
+    change(fault, reply.item);
+    for (auto& item : reply.items) change(fault, item);
   } catch (const NSError& error) {
     reply.error = error;
   }

@@ -9,6 +9,7 @@
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "platform/foundation/NSError.h"
+#include "support/MemoryItem.h"
 
 namespace kestrowan::test {
 
@@ -52,6 +53,8 @@ struct Fault {
   std::optional<std::int64_t> fileSize = std::nullopt;
   /// The last request of the call, for the item's state, is answered without an entry.
   bool withoutEntry = false;
+  /// Changes each item that the call gives.
+  std::function<void(MemoryItem&)> itemChange = {};
 };
 
 /// Decides on every call, on the thread that makes it.

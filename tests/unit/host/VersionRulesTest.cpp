@@ -2,38 +2,87 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <string>
+
+#include "items/FPItem.h"
+#include "platform/foundation/NSXMLParser.h"
+#include "webdav/MultiStatusParser.h"
+
 namespace kestrowan::host {
 namespace {
 
-TEST(VersionRules, AVersionWithAWordInThePlaceOfATagSaysNothing) {
-  for (const char* word : {"new", "modified", "downloaded", "root"}) {
-    EXPECT_TRUE(saysNothing(std::string(word) + "|Sat, 21 Nov 2026 12:00:00 GMT|17")) << word;
-    EXPECT_TRUE(saysNothing(std::string(word) + "||")) << word;
-    EXPECT_TRUE(saysNothing(word)) << word;
+/// The version that our extension gives an item with these properties.
+NSData versionOf(const std::string& tag, std::optional<double> date, std::int64_t size) {
+  std::optional<NSDate> modified;
+  if (date) modified = NSDate{*date};
+  return FPItem("/Home/a", false, size, tag, modified).itemVersion().contentVersion;
+}
+
+/// The version of an entry for which a server says these properties.
+NSData listedVersion(const std::string& properties) {
+  MultiStatusParser parser;
+  NSXMLParser xml(parser);
+  xml.append(
+      "<D:multistatus xmlns:D=\"DAV:\"><D:response><D:href>/Home/a</D:href>"
+      "<D:propstat><D:prop>");
+  xml.append(properties);
+  xml.append("</D:prop></D:propstat></D:response></D:multistatus>");
+  EXPECT_TRUE(xml.finish());
+  const auto entries = parser.takeEntries();
+  return entries.empty() ? "" : FPItem::make(entries.front())->itemVersion().contentVersion;
+}
+
+TEST(VersionRules, AVersionThatTheExtensionMadeUpSaysNothing) {
+  EXPECT_TRUE(saysNothing(versionOf("new", std::nullopt, 0)));
+  EXPECT_TRUE(saysNothing(versionOf("modified", std::nullopt, 0)));
+  EXPECT_TRUE(saysNothing(versionOf("root", std::nullopt, 0)));
+  for (const std::int64_t size : {0L, 1L, 17L, 1L << 60}) {
+    EXPECT_TRUE(saysNothing(versionOf("downloaded", std::nullopt, size))) << size;
   }
 }
 
-TEST(VersionRules, AServersTagSaysSomething) {
-  for (const char* tag : {"\"new\"", "W/\"new\"", "\"5f3-62\"", "newer", "New", "new ", "1"}) {
-    EXPECT_FALSE(saysNothing(std::string(tag) + "|Sat, 21 Nov 2026 12:00:00 GMT|17")) << tag;
+TEST(VersionRules, AServersTagSaysSomethingEvenWhenItIsAWordOfTheExtension) {
+  for (const char* tag : {"new", "modified", "root", "downloaded"}) {
+    EXPECT_FALSE(saysNothing(versionOf(tag, 1'700'000'000.0, 17))) << tag;
+    EXPECT_FALSE(saysNothing(versionOf(tag, -1.0, 17))) << tag;
+    EXPECT_FALSE(saysNothing(versionOf(tag, 1'700'000'000.0, 0))) << tag;
+    EXPECT_FALSE(saysNothing(versionOf(std::string("W/") + tag, std::nullopt, 0))) << tag;
   }
-  // Without a tag, date and size are what there is.
-  EXPECT_FALSE(saysNothing("|Sat, 21 Nov 2026 12:00:00 GMT|17"));
-  EXPECT_FALSE(saysNothing(""));
+  for (const char* tag : {"new", "modified", "root"}) {
+    EXPECT_FALSE(saysNothing(versionOf(tag, std::nullopt, 17))) << tag;
+  }
+  EXPECT_FALSE(saysNothing(versionOf("downloaded", std::nullopt, -5)));
+  for (const char* tag : {"5f3-62", "newer", "New", "1", "new|0|0", "downloaded|0|7", "|", "a|b"}) {
+    EXPECT_FALSE(saysNothing(versionOf(tag, std::nullopt, 0))) << tag;
+  }
 }
 
-TEST(VersionRules, ATagMayHoldWhatSeparatesTheParts) {
-  EXPECT_FALSE(saysNothing("\"new|x\"|date|17"));
-  EXPECT_FALSE(saysNothing("new|x|date|17"));
+TEST(VersionRules, WhatAServerSendsIsAVersionWithoutQuotationMarks) {
+  const std::string rest =
+      "<D:getcontentlength>17</D:getcontentlength>"
+      "<D:getlastmodified>Tue, 15 Nov 1994 08:12:31 GMT</D:getlastmodified>";
+  const auto strong = listedVersion("<D:getetag>\"new\"</D:getetag>" + rest);
+  EXPECT_EQ(strong, "new|784887151|17");
+  EXPECT_FALSE(saysNothing(strong));
+  const auto weak = listedVersion("<D:getetag>W/\"new\"</D:getetag>" + rest);
+  EXPECT_EQ(weak, "W/new|784887151|17");
+  EXPECT_EQ(lastingPart(weak), lastingPart(strong));
+  // Without a tag the size stands in for it.
+  EXPECT_EQ(listedVersion(rest), "17|784887151|17");
+  EXPECT_EQ(listedVersion("<D:getetag>\"\"</D:getetag>"), "0|0|0");
+  EXPECT_FALSE(saysNothing("0|0|0"));
 }
 
-TEST(VersionRules, OnlyTheStrengthOfATagMakesNoDifference) {
-  EXPECT_TRUE(sameContents("\"a\"|date|1", "\"a\"|date|1"));
-  EXPECT_TRUE(sameContents("W/\"a\"|date|1", "\"a\"|date|1"));
-  EXPECT_TRUE(sameContents("\"a\"|date|1", "W/\"a\"|date|1"));
-  EXPECT_FALSE(sameContents("W/\"a\"|date|1", "\"b\"|date|1"));
-  EXPECT_FALSE(sameContents("\"a\"|date|1", "\"a\"|date|2"));
-  EXPECT_FALSE(sameContents("\"a\"|date|1", "\"a\"|later|1"));
+TEST(VersionRules, OnlyTheStrengthOfATagDoesNotLast) {
+  EXPECT_EQ(lastingPart(versionOf("W/a", 1.0, 1)), versionOf("a", 1.0, 1));
+  EXPECT_EQ(lastingPart(versionOf("a", 1.0, 1)), versionOf("a", 1.0, 1));
+  EXPECT_EQ(lastingPart(versionOf("W/W/a", 1.0, 1)), versionOf("W/a", 1.0, 1));
+  EXPECT_NE(lastingPart(versionOf("W/a", 1.0, 1)), lastingPart(versionOf("b", 1.0, 1)));
+  EXPECT_NE(lastingPart(versionOf("W/a", 1.0, 1)), lastingPart(versionOf("a", 2.0, 1)));
+  EXPECT_NE(lastingPart(versionOf("W/a", 1.0, 1)), lastingPart(versionOf("a", 1.0, 2)));
+  EXPECT_EQ(lastingPart("w/a|1|1"), "w/a|1|1");
+  EXPECT_EQ(lastingPart(""), "");
 }
 
 }  // namespace

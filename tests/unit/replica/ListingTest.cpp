@@ -154,11 +154,84 @@ TEST_F(ListingTest, SizeIsNeverBeyondWhatADiskHolds) {
   EXPECT_NE(errorOf([&] { world.read("/b"); }), "");
 }
 
-TEST_F(ListingTest, OverlongVersionSaysNothing) {
+TEST_F(ListingTest, OfAnOverlongVersionABoundedPartIsKept) {
   auto item = entry("/b", "b");
-  item->version = {NSData(std::string(200, 'v')), NSData("1")};
+  item->version = {NSData(std::string(20000, 'v')), NSData("1")};
   add(item);
-  EXPECT_EQ(world.replica().itemStatus(world.find("/b")).version, NSData());
+  const auto version = world.replica().itemStatus(world.find("/b")).version;
+  EXPECT_NE(version, NSData());
+  EXPECT_LE(version.size(), 128u);
+}
+
+/// A file whose contents change while its size stays, and what else the provider says of it.
+class SameSizeTest : public testing::Test {
+ protected:
+  struct Saying {
+    std::string version;
+    std::optional<double> date;
+  };
+
+  SameSizeTest() { say({"", std::nullopt}); }
+
+  /// Every listing, and every answer about the file, says that from now on.
+  void say(const Saying& saying) {
+    world.extension().setFaults([saying](const Call& call) {
+      Fault fault;
+      if (call.kind != CallKind::enumerateItems && call.path != "/a") return fault;
+      fault.itemChange = [saying](MemoryItem& item) {
+        if (item.name != "a") return;
+        item.version = {NSData(saying.version), NSData(saying.version)};
+        item.date.reset();
+        if (saying.date) item.date = NSDate{*saying.date};
+      };
+      return fault;
+    });
+  }
+
+  /// What is shown after the file has been changed at the provider, when it was read before.
+  std::string afterChange(const Saying& before, const Saying& after) {
+    world.server().writeFile("/a", "old");
+    say(before);
+    world.advance(seconds(60));
+    EXPECT_EQ(world.read("/a"), "old");
+    world.server().writeFile("/a", "new");
+    say(after);
+    world.advance(seconds(60));
+    return world.read("/a");
+  }
+
+  ReplicaWorld world;
+};
+
+TEST_F(SameSizeTest, AChangeThatOnlyAnOverlongVersionTellsIsSeen) {
+  const std::string long_(200, 'v');
+  EXPECT_EQ(afterChange({long_ + "1", 5}, {long_ + "2", 5}), "new");
+}
+
+TEST_F(SameSizeTest, AChangeThatOnlyTheDateTellsIsSeen) {
+  EXPECT_EQ(afterChange({"", 5}, {"", 6}), "new");
+}
+
+TEST_F(SameSizeTest, AVersionThatIsAWordOfAnswersIsSeenInListings) {
+  EXPECT_EQ(afterChange({"new|5|3", 5}, {"new|6|3", 6}), "new");
+  EXPECT_EQ(afterChange({"new|1", std::nullopt}, {"modified|1", std::nullopt}), "new");
+}
+
+TEST_F(SameSizeTest, WhatNothingTellsIsNotSeen) {
+  EXPECT_EQ(afterChange({"", 5}, {"", 5}), "old");
+  EXPECT_EQ(afterChange({"", std::nullopt}, {"", std::nullopt}), "old");
+}
+
+TEST_F(SameSizeTest, AChangeThatOnlyTheDateTellsIsNotOverwritten) {
+  world.server().writeFile("/a", "old");
+  say({"", 5});
+  EXPECT_EQ(world.read("/a"), "old");
+  world.write("/a", "ours");
+  world.server().writeFile("/a", "new");
+  say({"", 6});
+  EXPECT_TRUE(world.settle());
+  EXPECT_TRUE(world.server().everHeld("ours"));
+  EXPECT_EQ(world.server().read("/a"), "new");
 }
 
 TEST_F(ListingTest, NothingIsAskedForThatWasNotAdmitted) {
