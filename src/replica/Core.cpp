@@ -192,6 +192,22 @@ void Core::setBase(const ItemPtr& item, std::optional<Base> base) {
   }
 }
 
+void Core::noteFolderChange(Rid rid) {
+  const ItemPtr item = table.find(rid);
+  if (!item) return;
+  item->modified = milliseconds() * 1'000'000;
+  if (!std::exchange(folder(item).dateIsNoted, true)) save(item);
+}
+
+void Core::doubtFolderDate(Rid rid) {
+  const ItemPtr item = table.find(rid);
+  if (!item || item->gone || !item->base || rid == kRootRid) return;
+  confirm(item);
+  if (!item->base->date) return;
+  item->base->date.reset();
+  save(item);
+}
+
 bool Core::isBeingSentTo(Rid folderRid, std::string_view name) const {
   return std::any_of(sending.begin(), sending.end(),
                      [&](const ItemPtr& item) {

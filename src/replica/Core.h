@@ -117,6 +117,11 @@ struct Core {
   /// Changes what the provider is known to have, in the table and on disk; identifiers below a
   /// folder change with it.
   void setBase(const ItemPtr& item, std::optional<Base> base);
+  /// Something was made, removed or renamed in the folder here: it is modified now.
+  void noteFolderChange(Rid folder);
+  /// A request that begins or ends changes something in the folder, and with that the provider's
+  /// date of it. The next one that a listing shows is taken as known, and programs are not told.
+  void doubtFolderDate(Rid folder);
   /// The provider confirmed a change of ours just now.
   void confirm(const ItemPtr& item) { item->confirmed = ++sequence; }
   /// Whether a request in flight puts an item there, or one of which nobody knows what it did.

@@ -223,6 +223,10 @@ void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
 void Replica::Implementation::setModified(const ItemPtr& item, std::int64_t modified) {
   if (item->content != 0) setFileModified(core.contents.path(item->content), modified);
   item->modified = modified;
+  if (!item->isFolder()) return;
+  // Only what changes at the provider from now on makes it newer.
+  if (item->base) item->base->date.reset();
+  core.folder(item).dateIsNoted = false;
 }
 
 void Replica::Implementation::setAttributes(Rid rid, const AttributeChange& change,

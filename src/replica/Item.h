@@ -27,6 +27,8 @@ struct FolderRuntime {
   bool listing = false;
   /// Another listing must begin when this one has ended: it began too early for somebody.
   bool listAgain = false;
+  /// That it was modified here since its date was set or listed stands in its row.
+  bool dateIsNoted = false;
   /// A timer will list it anew while it is in use.
   bool watched = false;
   std::vector<Completion<ListingPtr>> listingWaiters;
@@ -66,6 +68,8 @@ struct SyncRuntime {
   Rid targetParent = 0;
   std::string targetName;
   bool wholeFolder = false;
+  /// The folders in which the request in flight changes something.
+  std::vector<Rid> changedFolders;
   /// Whoever waits for the provider's word; without one they get an error, or success.
   struct VerdictWaiter {
     Completion<Done> completion;

@@ -72,6 +72,7 @@ class Lister {
   bool isSuspicious(const ItemPtr& folder, const Listing& listing);
   bool isSame(const Item& item, const Base& listed) const;
   void update(const ItemPtr& item, const Listing::Entry& entry);
+  void updateDate(const ItemPtr& item, const Base& listed);
   void replaceContents(const ItemPtr& item, const Base& base);
   void vanish(const ItemPtr& item, bool certain);
   bool holdsChanges(const ItemPtr& folder) const;

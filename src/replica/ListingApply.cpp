@@ -149,15 +149,29 @@ bool Lister::isSame(const Item& item, const Base& listed) const {
   return item.isFolder() || canBeSame(core_.options, *item.base, listed);
 }
 
+/// Shows the date that the provider has of the same contents, unless a program set another one.
+void Lister::updateDate(const ItemPtr& item, const Base& listed) {
+  const Base& known = *item->base;
+  if (item->isFolder()) {
+    if (!known.date || !listed.date || *known.date == *listed.date) return;
+    item->modified = modifiedOf(listed);
+    core_.folder(item).dateIsNoted = false;
+  } else if (item->content == 0 && item->modified == modifiedOf(known)) {
+    item->modified = modifiedOf(listed);
+  }
+}
+
 void Lister::update(const ItemPtr& item, const Listing::Entry& entry) {
-  const Base& listed = entry.base;
+  Base listed = entry.base;
   if (*item->base == listed) return;
   if (isSame(*item, listed)) {
-    // A dateless answer to an upload must not hide what is shown since.
-    const bool shown = item->content != 0 || item->mode || item->isFolder();
-    core_.setBase(item, listed);
-    if (!shown) showBase(item);
-    if (item->isFolder() && item->base->date) item->modified = modifiedOf(*item->base);
+    if (!listed.versionKnown && item->base->versionKnown) {
+      listed.version = item->base->version;
+      listed.versionKnown = true;
+    }
+    if (*item->base == listed) return;
+    updateDate(item, listed);
+    core_.setBase(item, std::move(listed));
     core_.itemChanged(item->rid, false);
     return;
   }

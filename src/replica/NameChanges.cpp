@@ -83,6 +83,7 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
       core.table.add(item);
       core.save(item);
       requireWritten([&] { core.dropItem(item); });
+      core.noteFolderChange(folder->rid);
       item->lastWrite = core.uptime();
       sender.changed(item, Sender::kQuietTime);
       created = CreatedFile{core.attributes(*item), open(item, true)};
@@ -117,6 +118,7 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
       core.table.add(item);
       core.save(item);
       requireWritten([&] { core.dropItem(item); });
+      core.noteFolderChange(folder->rid);
       sender.changed(item, milliseconds(0));
       const Attributes attributes = core.attributes(*item);
       sender.awaitVerdict(item, core.options.verdictWait,
@@ -136,8 +138,10 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
 
 void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> completion) {
   require(*item, NSFileProviderItemCapability::allowsDeleting);
+  const Rid folder = item->parent;
   if (!item->base && !item->isSending() && !item->sent) {
     core.dropItem(item);
+    core.noteFolderChange(folder);
     core.answer<Done>(std::move(completion), Done{});
     return;
   }
@@ -147,6 +151,7 @@ void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> c
     core.table.setRemoved(item, false);
     core.save(item);
   });
+  core.noteFolderChange(folder);
   if (item->isSending()) {
     core.answer<Done>(std::move(completion), Done{});
     return;
@@ -349,6 +354,8 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
       source->contentsChanged = true;
     }
     core.save(source);
+    core.noteFolderChange(move.folder);
+    core.noteFolderChange(move.newFolder);
     if (replaces) {
       if (!target->base && !target->isSending() && !target->sent) {
         core.dropItem(target);

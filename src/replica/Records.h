@@ -39,7 +39,8 @@ struct Base {
   bool versionKnown = false;
   /// Bytes, at least 0; 0 for a folder.
   std::int64_t size = 0;
-  /// Whole seconds since 1970-01-01 UTC; absent when the provider gave none.
+  /// Whole seconds since 1970-01-01 UTC; absent when the provider gave none, and for a folder also
+  /// when something was changed here since: the next one listed is then as good as the last.
   std::optional<std::int64_t> date;
   NSFileProviderItemCapabilities capabilities = 0;
 

@@ -227,7 +227,16 @@ void Sender::start(const ItemPtr& item, bool upload) {
   sync.targetName = item->name;
   sync.wholeFolder = item->isFolder();
   core_.sending.push_back(item);
+  if (item->sent) doubtFolderDates(item);
   startOn(core_.loop, run(item, upload));
+}
+
+/// Before and after a request: a listing between the two shows the date before or after it.
+void Sender::doubtFolderDates(const ItemPtr& item) {
+  std::vector<Rid>& folders = core_.sync(item).changedFolders;
+  if (item->sent) folders.push_back(item->sent->parent);
+  if (item->base) folders.push_back(item->base->parent);
+  for (const Rid folder : folders) core_.doubtFolderDate(folder);
 }
 
 void Sender::release(const ItemPtr& item) {
@@ -244,6 +253,8 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   --(upload ? contentsRunning_ : namesRunning_);
   std::erase(core_.sending, item);
   SyncRuntime& sync = *item->sync;
+  if (!sync.changedFolders.empty()) doubtFolderDates(item);
+  sync.changedFolders.clear();
   if (sync.place == Place::sending) sync.place = Place::idle;
   sync.targetParent = 0;
   release(item);

@@ -84,6 +84,7 @@ void Sender::thaw(const ItemPtr& item, const Frozen& frozen, bool sent) {
 void Sender::noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent,
                       const std::string& name) {
   item->sent = SentRecord{frozen.number, frozen.size, core_.seconds(), parent, name};
+  doubtFolderDates(item);
   std::erase(core_.unsettled, item);
   core_.unsettled.push_back(item);
   // Contents that somebody wrote since they were frozen are not among what is sent.

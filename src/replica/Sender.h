@@ -77,6 +77,7 @@ class Sender {
   ItemPtr successor(const ItemPtr& item) const;
   bool isInCycle(const ItemPtr& item) const;
   void start(const ItemPtr& item, bool isUpload);
+  void doubtFolderDates(const ItemPtr& item);
   void release(const ItemPtr& item);
   void finish(const ItemPtr& item, bool isUpload);
   void checkWaiters();
