@@ -16,7 +16,8 @@ using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 struct NSURLRequest {
   NSURL url;
   NSURLRequestCachePolicy cachePolicy = NSURLRequestCachePolicy::useProtocolCachePolicy;
-  /// Seconds without any progress after which the request fails; no limit on the whole.
+  /// Seconds without any progress after which the request fails; no limit on the whole. Connecting,
+  /// the handshake included, may take as long at most.
   double timeoutInterval = 60;
   std::string httpMethod = "GET";
   /// Sent in this order, after the session's own.
