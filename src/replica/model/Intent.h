@@ -22,6 +22,7 @@ enum class Verb : std::uint8_t {
 struct Intent {
   IntentNumber number = IntentNumber::none;
   Verb verb = Verb::put;
+  /// The item it was made for, which may be no more; `none` when that was removed at the provider.
   ItemNumber item = ItemNumber::none;
   /// As they were sent; which of them there are, the verb says.
   std::optional<Path> source;

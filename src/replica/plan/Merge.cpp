@@ -42,6 +42,8 @@ std::optional<Step> recogniseOurOwn(const Case& c) {
     if (intent.content == c.there->content) latest = &intent;
   }
   if (!latest) return std::nullopt;
+  const bool isKnown = c.here || c.agreed;
+  if (latest->item == ItemNumber::none && !isKnown) return std::nullopt;
   return Settle{Resolution::own, c.item.number(), latest->item, {}};
 }
 

@@ -93,7 +93,13 @@ std::vector<ItemNumber> foldersOf(const State& state, const Push& push) {
   const Item& item = state.item(push.item);
   std::vector<ItemNumber> folders{push.place.folder};
   if (push.change == Change::move) folders.push_back(item.there()->place.folder);
-  if (push.change == Change::remove && item.isFolder()) folders.push_back(push.item);
+  if (push.change != Change::remove) return folders;
+  if (item.isFolder()) folders.push_back(push.item);
+  for (const ItemNumber number : item.after()) {
+    // What it is removed after is to be there still.
+    const Item* other = state.find(number);
+    if (other && other->there()) folders.push_back(other->there()->place.folder);
+  }
   return folders;
 }
 

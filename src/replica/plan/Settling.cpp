@@ -47,11 +47,16 @@ void recognise(Edit& edit, const Item& item, ItemNumber asker) {
   const Item* other = edit->find(asker);
   const bool isForOther = other && other != &item && !other->there() &&
                           other->kind() == item.kind() && !item.here() && !item.agreed();
-  if (isForOther) {
-    give(edit, number, asker);
-  } else {
-    edit.setAgreed(number, item.there());
-  }
+  if (isForOther) return give(edit, number, asker);
+  edit.setAgreed(number, item.there());
+  // A second copy is removed while the first one is there.
+  if (!item.here() && other && other != &item) edit.addAfter(number, asker);
+}
+
+/// It is no longer to be removed there: it is theirs, as if it were new.
+void bringBack(Edit& edit, ItemNumber number) {
+  edit.setAgreed(number, std::nullopt);
+  edit.clearAfter(number);
 }
 
 /// Of what is made anew the provider has nothing, nor of what is in it and gone there too.
@@ -103,6 +108,26 @@ void takePlace(Edit& edit, const Item& item, const Item& other) {
   edit.addAfter(otherNumber, number);
 }
 
+/// The provider removed it and nothing of it stays here. What there is of it elsewhere, or lands
+/// later, is no longer ours to remove: another client may as well have brought it there.
+void forget(Edit& edit, ItemNumber number) {
+  const Content content = edit->item(number).here()->content;
+  const auto following = edit->following();
+  for (const ItemNumber other : following) {
+    const Item& copy = edit->item(other);
+    const bool waits = std::binary_search(copy.after().begin(), copy.after().end(), number);
+    const bool isSame = copy.there() && copy.there()->content == content;
+    if (waits && isSame && content != Content::none) bringBack(edit, other);
+  }
+  const auto intents = edit->intents();
+  for (Intent intent : intents) {
+    if (intent.item != number) continue;
+    intent.item = ItemNumber::none;
+    edit.change(intent);
+  }
+  edit.drop(number);
+}
+
 void endIntents(Edit& edit) {
   const auto intents = edit->intents();
   for (const Intent& intent : intents) {
@@ -117,13 +142,13 @@ void settle(Edit& edit, const Settle& step) {
   const Item& item = edit->item(step.item);
   switch (step.resolution) {
     case Resolution::drop:
-    case Resolution::forget:
       return edit.drop(step.item);
+    case Resolution::forget:
+      return forget(edit, step.item);
     case Resolution::own:
       return recognise(edit, item, step.other);
     case Resolution::back:
-      edit.setAgreed(step.item, std::nullopt);
-      return edit.clearAfter(step.item);
+      return bringBack(edit, step.item);
     case Resolution::show:
       edit.setHere(step.item, Here{item.there()->place, item.there()->content});
       return edit.setAgreed(step.item, item.there());

@@ -1,0 +1,359 @@
+#include "unit/replica/plan/Explorer.h"
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <utility>
+
+namespace kestrowan::test {
+
+namespace {
+
+/// Steps in which everything must have come to its end.
+constexpr std::size_t kLimit = 150;
+
+}  // namespace
+
+bool Explorer::HashSet::contains(std::uint64_t hash) const {
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t i = hash & mask; slots_[i] != 0; i = (i + 1) & mask) {
+    if (slots_[i] == hash) return true;
+  }
+  return false;
+}
+
+bool Explorer::HashSet::insert(std::uint64_t hash) {
+  if (count_ * 4 >= slots_.size() * 3) grow();
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t i = hash & mask;
+  for (; slots_[i] != 0; i = (i + 1) & mask) {
+    if (slots_[i] == hash) return false;
+  }
+  slots_[i] = hash;
+  ++count_;
+  return true;
+}
+
+void Explorer::HashSet::clear() {
+  slots_.assign(1024, 0);
+  count_ = 0;
+}
+
+void Explorer::HashSet::grow() {
+  const auto old = std::exchange(slots_, std::vector<std::uint64_t>(slots_.size() * 2));
+  count_ = 0;
+  for (const std::uint64_t hash : old) {
+    if (hash != 0) insert(hash);
+  }
+}
+
+std::uint64_t Explorer::hash(const Node& node) {
+  std::string text = node.text;
+  for (const std::uint8_t left : {node.here, node.there, node.faults}) {
+    text += static_cast<char>(left);
+  }
+  return std::hash<std::string>{}(text) | 1;
+}
+
+void Explorer::exploreAll(const PlannerWorld& start) {
+  seen_.clear();
+  deeds_.assign(1, {});
+  start_ = start.encoded();
+  todo_.push_back({start_, static_cast<std::uint8_t>(bounds_.here),
+                   static_cast<std::uint8_t>(bounds_.there),
+                   static_cast<std::uint8_t>(bounds_.faults), 0});
+  while (!todo_.empty()) {
+    Node node = std::move(todo_.back());
+    todo_.pop_back();
+    runToTheEnd(std::move(node));
+  }
+}
+
+/// Follows what the engine does when every answer comes; what else may happen is put aside. A state
+/// that was entered before has been followed to its end, unless it is one of this way.
+void Explorer::runToTheEnd(Node node) {
+  std::vector<std::uint64_t> chain;
+  while (enter(node, chain)) {
+    try {
+      const PlannerWorld world(node.text);
+      branch(node, world);
+      auto next = engineStep(node, world);
+      if (!next) return;
+      node = std::move(*next);
+    } catch (const Broken& broken) {
+      return fail(broken.what(), node, {});
+    }
+  }
+}
+
+bool Explorer::enter(const Node& node, std::vector<std::uint64_t>& chain) {
+  const std::uint64_t number = hash(node);
+  const bool isNew = seen_.insert(number);
+  const bool isLoop = !isNew && std::find(chain.begin(), chain.end(), number) != chain.end();
+  if (isLoop || chain.size() > kLimit) {
+    fail("it does not end", node, {});
+    return false;
+  }
+  chain.push_back(number);
+  if (isNew) ++cases_;
+  return isNew;
+}
+
+/// Everything that may happen now besides the engine's own next step.
+void Explorer::branch(const Node& node, const PlannerWorld& world) {
+  if (node.here > 0) {
+    const std::size_t count = world.eventsHere(bounds_.names).size();
+    for (std::size_t i = 0; i < count; ++i) {
+      consider(node, {Deed::Kind::here, 0, static_cast<std::uint16_t>(i), node.trace});
+    }
+  }
+  if (node.there > 0) {
+    const std::size_t count = world.eventsThere(bounds_.names).size();
+    for (std::size_t i = 0; i < count; ++i) {
+      consider(node, {Deed::Kind::there, 0, static_cast<std::uint16_t>(i), node.trace});
+    }
+  }
+}
+
+std::optional<Explorer::Node> Explorer::engineStep(const Node& node, const PlannerWorld& world) {
+  const Move move = world.next(bounds_.isReversed);
+  const bool isIdle = move.kind == Move::Kind::none || move.kind == Move::Kind::wait;
+  if (move.kind == Move::Kind::none && !world.isUnseen()) {
+    world.judge();
+    ++ends_;
+    return std::nullopt;
+  }
+  const Deed look{Deed::Kind::look, 0, 0, node.trace};
+  if (world.isUnseen() && isIdle) return done(node, look);
+  if (world.isUnseen()) consider(node, look);
+  const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
+  if (isSent && node.faults > 0) branchFates(node, move);
+  return done(node, {Deed::Kind::step, 0, 0, node.trace});
+}
+
+void Explorer::branchFates(const Node& node, const Move&) {
+  for (const Fate fate : {Fate::lostBefore, Fate::lostAfter, Fate::lateByOne, Fate::lateByTwo}) {
+    consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(fate), 0, node.trace});
+  }
+}
+
+/// The state after a deed; absent when it broke a rule.
+std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed) {
+  Node next{{}, node.here, node.there, node.faults, 0};
+  try {
+    PlannerWorld world(node.text);
+    doIt(world, deed);
+    next.text = world.encoded();
+  } catch (const Broken& broken) {
+    fail(broken.what(), node, deed);
+    return std::nullopt;
+  }
+  if (deed.kind == Deed::Kind::here) --next.here;
+  if (deed.kind == Deed::Kind::there) --next.there;
+  const bool isEngine = deed.kind == Deed::Kind::look || deed.kind == Deed::Kind::step;
+  if (isEngine && !bounds_.isInterleaved) next.here = next.there = 0;
+  if (deed.fate != 0) --next.faults;
+  next.trace = static_cast<std::uint32_t>(deeds_.size());
+  deeds_.push_back(deed);
+  return next;
+}
+
+void Explorer::consider(const Node& node, Deed deed) {
+  auto next = done(node, deed);
+  if (!next) return;
+  if (seen_.contains(hash(*next))) {
+    deeds_.pop_back();
+    return;
+  }
+  todo_.push_back(std::move(*next));
+}
+
+void Explorer::doIt(PlannerWorld& world, const Deed& deed) const {
+  switch (deed.kind) {
+    case Deed::Kind::start:
+      return;
+    case Deed::Kind::here:
+      return world.apply(world.eventsHere(bounds_.names).at(deed.index));
+    case Deed::Kind::there:
+      return world.apply(world.eventsThere(bounds_.names).at(deed.index));
+    case Deed::Kind::look:
+      return world.carryOut({Move::Kind::look, {}, {}}, Fate::ok);
+    case Deed::Kind::step:
+      return world.carryOut(world.next(bounds_.isReversed), static_cast<Fate>(deed.fate));
+  }
+}
+
+std::string Explorer::describeDeed(const PlannerWorld& world, const Deed& deed) const {
+  constexpr const char* kFates[] = {"", "  (lost before its effect)", "  (lost after its effect)",
+                                    "  (one step late)", "  (two steps late)"};
+  switch (deed.kind) {
+    case Deed::Kind::start:
+      return "start";
+    case Deed::Kind::here:
+      return world.describe(world.eventsHere(bounds_.names).at(deed.index));
+    case Deed::Kind::there:
+      return world.describe(world.eventsThere(bounds_.names).at(deed.index));
+    case Deed::Kind::look:
+      return "look at all";
+    case Deed::Kind::step:
+      return world.describe(world.next(bounds_.isReversed)) + kFates[deed.fate];
+  }
+  return {};
+}
+
+void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
+  std::vector<Deed> way;
+  if (deed.kind != Deed::Kind::start) way.push_back(deed);
+  for (std::uint32_t at = node.trace; at != 0; at = deeds_[at].from) way.push_back(deeds_[at]);
+  std::reverse(way.begin(), way.end());
+  if (failure_ && failure_->length <= way.size()) return;
+  std::ostringstream out;
+  std::string text = start_;
+  out << PlannerWorld(text).describe();
+  for (const Deed& one : way) {
+    PlannerWorld world(text);
+    try {
+      out << describeDeed(world, one) << "\n";
+      doIt(world, one);
+    } catch (const Broken& broken) {
+      out << "  " << broken.what() << "\n";
+    }
+    text = world.encoded();
+    out << PlannerWorld(text).describe();
+  }
+  failure_ = Failure{rule, rule + "\n" + out.str(), way.size()};
+}
+
+void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
+  const auto chance = [&](std::uint64_t among) { return random() % among; };
+  seen_.clear();
+  deeds_.assign(1, {});
+  start_ = start.encoded();
+  Node node{start_, static_cast<std::uint8_t>(chance(bounds_.here + 1)),
+            static_cast<std::uint8_t>(chance(bounds_.there + 1)),
+            static_cast<std::uint8_t>(bounds_.faults), 0};
+  // The changes, and what the engine does between them.
+  while (node.here + node.there > 0) {
+    std::optional<Node> next;
+    try {
+      const PlannerWorld world(node.text);
+      const bool isHere = chance(node.here + node.there) < node.here;
+      const auto events =
+          isHere ? world.eventsHere(bounds_.names) : world.eventsThere(bounds_.names);
+      if (events.empty()) break;
+      const auto index = static_cast<std::uint16_t>(chance(events.size()));
+      next = done(node, {isHere ? Deed::Kind::here : Deed::Kind::there, 0, index, node.trace});
+    } catch (const Broken& broken) {
+      return fail(broken.what(), node, {});
+    }
+    if (!next) return;
+    node = std::move(*next);
+    for (std::uint64_t steps = bounds_.isInterleaved ? chance(4) : 0; steps > 0; --steps) {
+      std::optional<Node> after;
+      try {
+        const PlannerWorld world(node.text);
+        const Move move = world.next(bounds_.isReversed);
+        if (world.isUnseen() && chance(2) == 0) {
+          after = done(node, {Deed::Kind::look, 0, 0, node.trace});
+        } else if (move.kind == Move::Kind::step) {
+          const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
+          const bool isFaulty = isSent && node.faults > 1 && chance(3) == 0;
+          const auto fate = static_cast<std::uint8_t>(isFaulty ? 1 + chance(4) : 0);
+          after = done(node, {Deed::Kind::step, fate, 0, node.trace});
+        } else {
+          break;
+        }
+      } catch (const Broken& broken) {
+        return fail(broken.what(), node, {});
+      }
+      if (!after) return;
+      node = std::move(*after);
+    }
+  }
+  // Then every fate of what is still to be sent.
+  node.here = node.there = 0;
+  node.faults = std::min<std::uint8_t>(node.faults, 1);
+  todo_.push_back(std::move(node));
+  while (!todo_.empty()) {
+    Node one = std::move(todo_.back());
+    todo_.pop_back();
+    runToTheEnd(std::move(one));
+  }
+}
+
+namespace {
+
+using Shape = std::set<std::pair<std::vector<std::size_t>, Kind>>;
+
+bool hasItsFolders(const Shape& shape) {
+  return std::all_of(shape.begin(), shape.end(), [&](const auto& one) {
+    return one.first.size() == 1 || shape.contains({{one.first[0]}, Kind::folder});
+  });
+}
+
+Shape smallestAlike(const Shape& shape, std::size_t names) {
+  std::vector<std::size_t> order(names);
+  for (std::size_t i = 0; i < names; ++i) order[i] = i;
+  Shape smallest = shape;
+  do {
+    Shape other;
+    for (const auto& [path, kind] : shape) {
+      std::vector<std::size_t> renamed;
+      for (const std::size_t name : path) renamed.push_back(order[name]);
+      other.insert({renamed, kind});
+    }
+    smallest = std::min(smallest, other);
+  } while (std::next_permutation(order.begin(), order.end()));
+  return smallest;
+}
+
+std::string textOf(const Shape& shape, const std::vector<std::string>& names, bool isDownloaded) {
+  PlannerWorld world;
+  std::map<std::size_t, ItemNumber> folders;
+  for (const bool isTop : {true, false}) {
+    for (const auto& [path, kind] : shape) {
+      if ((path.size() == 1) != isTop) continue;
+      const ItemNumber folder = isTop ? ItemNumber::root : folders.at(path[0]);
+      const ItemNumber made = world.add(kind, folder, names[path.back()], isDownloaded);
+      if (isTop) folders[path[0]] = made;
+    }
+  }
+  return world.encoded();
+}
+
+}  // namespace
+
+std::vector<std::string> startingTrees(unsigned items, const std::vector<std::string>& names) {
+  std::vector<std::vector<std::size_t>> paths;
+  for (std::size_t a = 0; a < names.size(); ++a) {
+    paths.push_back({a});
+    for (std::size_t b = 0; b < names.size(); ++b) paths.push_back({a, b});
+  }
+  std::set<Shape> shapes;
+  const std::function<void(Shape, std::size_t)> add = [&](Shape shape, std::size_t from) {
+    if (hasItsFolders(shape)) shapes.insert(smallestAlike(shape, names.size()));
+    if (shape.size() == items) return;
+    for (std::size_t i = from; i < paths.size(); ++i) {
+      for (const Kind kind : {Kind::file, Kind::folder}) {
+        Shape more = shape;
+        more.insert({paths[i], kind});
+        add(std::move(more), i + 1);
+      }
+    }
+  };
+  add({}, 0);
+  std::vector<Shape> sorted(shapes.begin(), shapes.end());
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const Shape& a, const Shape& b) { return a.size() < b.size(); });
+  std::vector<std::string> result;
+  for (const Shape& shape : sorted) {
+    result.push_back(textOf(shape, names, true));
+    const bool hasFiles = std::any_of(shape.begin(), shape.end(),
+                                      [](const auto& one) { return one.second == Kind::file; });
+    if (hasFiles) result.push_back(textOf(shape, names, false));
+  }
+  return result;
+}
+
+}  // namespace kestrowan::test

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "unit/replica/plan/PlannerWorld.h"
+
+namespace kestrowan::test {
+
+/// How much may happen in one history.
+struct Bounds {
+  unsigned here = 0;
+  unsigned there = 0;
+  /// Answers that are lost or late.
+  unsigned faults = 0;
+  /// The engine may work between any two changes; else it begins after the last one.
+  bool isInterleaved = false;
+  /// Which of the steps that may be done the engine takes: the last instead of the first.
+  bool isReversed = false;
+  std::vector<std::string> names;
+};
+
+/// A history that broke a rule.
+struct Failure {
+  std::string rule;
+  /// As it is printed, one step a line.
+  std::string text;
+  std::size_t length = 0;
+};
+
+/// Runs histories through the planner. A state that was reached before is not entered again.
+class Explorer {
+ public:
+  explicit Explorer(Bounds bounds) : bounds_(std::move(bounds)) {}
+
+  /// Every history from this tree. Ends at the first failure of each rule it finds.
+  void exploreAll(const PlannerWorld& start);
+  /// One history at random.
+  void sample(const PlannerWorld& start, std::mt19937_64& random);
+
+  /// States of the world that were entered, and those of them in which nothing was left to be done.
+  std::uint64_t cases() const { return cases_; }
+  std::uint64_t ends() const { return ends_; }
+  /// The shortest that was found.
+  const std::optional<Failure>& failure() const { return failure_; }
+
+ private:
+  /// How a state was reached from another one.
+  struct Deed {
+    enum class Kind : std::uint8_t { start, here, there, look, step };
+
+    Kind kind = Kind::start;
+    std::uint8_t fate = 0;
+    std::uint16_t index = 0;
+    std::uint32_t from = 0;
+  };
+  struct Node {
+    std::string text;
+    std::uint8_t here = 0;
+    std::uint8_t there = 0;
+    std::uint8_t faults = 0;
+    std::uint32_t trace = 0;
+  };
+  /// Hashes of states; the size is a power of two.
+  class HashSet {
+   public:
+    bool contains(std::uint64_t hash) const;
+    bool insert(std::uint64_t hash);
+    void clear();
+
+   private:
+    void grow();
+
+    std::vector<std::uint64_t> slots_ = std::vector<std::uint64_t>(1024);
+    std::size_t count_ = 0;
+  };
+
+  void runToTheEnd(Node node);
+  bool enter(const Node& node, std::vector<std::uint64_t>& chain);
+  void branch(const Node& node, const PlannerWorld& world);
+  void branchFates(const Node& node, const Move& move);
+  std::optional<Node> engineStep(const Node& node, const PlannerWorld& world);
+  std::optional<Node> done(const Node& node, Deed deed);
+  void consider(const Node& node, Deed deed);
+  void doIt(PlannerWorld& world, const Deed& deed) const;
+  std::string describeDeed(const PlannerWorld& world, const Deed& deed) const;
+  void fail(const std::string& rule, const Node& node, Deed deed);
+  static std::uint64_t hash(const Node& node);
+
+  Bounds bounds_;
+  HashSet seen_;
+  std::vector<Node> todo_;
+  std::vector<Deed> deeds_;
+  std::string start_;
+  std::uint64_t cases_ = 0;
+  std::uint64_t ends_ = 0;
+  std::optional<Failure> failure_;
+};
+
+/// All trees in step of up to `items` items in two levels, one of those that differ in names only;
+/// once downloaded and once not.
+std::vector<std::string> startingTrees(unsigned items, const std::vector<std::string>& names);
+
+}  // namespace kestrowan::test

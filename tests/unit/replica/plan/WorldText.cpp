@@ -1,0 +1,307 @@
+// A world as a short text of bytes, and back. Items, contents and versions get new numbers in the
+// order in which they come, so that worlds that differ only in them have the same text.
+
+#include <algorithm>
+#include <array>
+#include <unordered_map>
+
+#include "unit/replica/plan/PlannerWorld.h"
+
+namespace kestrowan::test {
+
+namespace {
+
+constexpr unsigned kStep = 100;
+constexpr unsigned kNoItem = 0;
+/// An item that is no more, in an agreed state.
+constexpr unsigned kGone = 254;
+constexpr ItemNumber kGoneNumber{100000};
+
+/// Texts by numbers, for the life of the process.
+class Dictionary {
+ public:
+  unsigned number(const std::string& text) {
+    const auto [found, isNew] = numbers_.try_emplace(text, texts_.size());
+    if (isNew) texts_.push_back(text);
+    return static_cast<unsigned>(found->second);
+  }
+  const std::string& text(unsigned number) const { return texts_.at(number); }
+
+ private:
+  std::unordered_map<std::string, std::size_t> numbers_;
+  std::vector<std::string> texts_;
+};
+
+Dictionary& dictionary() {
+  static Dictionary shared;
+  return shared;
+}
+
+Path pathOf(const std::string& text) {
+  Path path;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = std::min(text.find('/', begin), text.size());
+    path = path.child(std::string_view(text).substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return path;
+}
+
+}  // namespace
+
+class WorldWriter {
+ public:
+  explicit WorldWriter(const PlannerWorld& world) : world_(world), view_(world.tree_) {}
+
+  std::string write() {
+    items_ = allItems(*view_);
+    byte(static_cast<unsigned>(items_.size()));
+    for (std::size_t i = 1; i < items_.size(); ++i) item(*items_[i]);
+    byte(static_cast<unsigned>(view_->intents().size()));
+    for (const Intent& one : view_->intents()) intent(one);
+    byte(static_cast<unsigned>(world_.provider_.tree.size()));
+    for (const auto& [path, entry] : world_.provider_.tree) {
+      word(path.text());
+      byte(static_cast<unsigned>(entry.kind));
+      version(ModelProvider::versionOf(entry));
+      content(entry.content);
+    }
+    byte(static_cast<unsigned>(world_.late_.size()));
+    for (const auto& late : world_.late_) {
+      byte(late.due);
+      byte(static_cast<unsigned>(late.verb));
+      path(late.source);
+      path(late.target);
+      content(late.content);
+    }
+    tables();
+    return std::move(out_);
+  }
+
+ private:
+  void byte(unsigned value) { out_ += static_cast<char>(value); }
+  void word(const std::string& text) {
+    const unsigned number = dictionary().number(text);
+    byte(number & 0xFF);
+    byte(number >> 8);
+  }
+  void path(const std::optional<Path>& path) {
+    byte(path ? 1 : 0);
+    if (path) word(path->text());
+  }
+  void number(ItemNumber number) {
+    if (number == ItemNumber::none) return byte(kNoItem);
+    const auto found = std::find_if(items_.begin(), items_.end(),
+                                    [&](const Item* item) { return item->number() == number; });
+    byte(found == items_.end() ? kGone : static_cast<unsigned>(found - items_.begin()) + 1);
+  }
+  void content(Content content) {
+    if (content == Content::none) return byte(0);
+    auto& known = contents_.at(static_cast<std::size_t>(content));
+    if (known == 0) {
+      contentOrder_.push_back(content);
+      known = static_cast<unsigned>(contentOrder_.size());
+    }
+    byte(known);
+  }
+  void version(const Version& version) {
+    if (version.text.empty()) return byte(0);
+    const auto found = std::find(versions_.begin(), versions_.end(), version.text);
+    if (found == versions_.end()) versions_.push_back(version.text);
+    const auto index = static_cast<std::size_t>(
+        std::find(versions_.begin(), versions_.end(), version.text) - versions_.begin());
+    byte(static_cast<unsigned>(index) + 1);
+  }
+  void state(const std::optional<There>& state) {
+    byte(state ? 1 : 0);
+    if (!state) return;
+    number(state->place.folder);
+    word(state->place.name);
+    version(state->version);
+    content(state->content);
+  }
+  void item(const Item& item) {
+    byte(static_cast<unsigned>(item.kind()));
+    byte(item.here() ? 1 : 0);
+    if (item.here()) {
+      number(item.here()->place.folder);
+      word(item.here()->place.name);
+      content(item.here()->content);
+    }
+    state(item.there());
+    state(item.agreed());
+    std::vector<ItemNumber> after;
+    for (const ItemNumber other : item.after()) {
+      if (view_->find(other)) after.push_back(other);
+    }
+    byte(static_cast<unsigned>(after.size()));
+    for (const ItemNumber other : after) number(other);
+  }
+  void intent(const Intent& intent) {
+    byte(static_cast<unsigned>(intent.verb));
+    number(intent.item);
+    path(intent.source);
+    path(intent.target);
+    content(intent.content);
+    const auto left = std::chrono::duration_cast<std::chrono::seconds>(intent.until - world_.now_);
+    byte(left.count() > 0 ? static_cast<unsigned>(left.count()) / kStep : 0);
+    byte((intent.looked ? 1 : 0) + (intent.over ? 2 : 0));
+  }
+  /// What is known of contents and versions by their numbers.
+  void tables() {
+    byte(static_cast<unsigned>(versions_.size()));
+    for (const std::string& version : versions_) content(world_.contentOf_.at(std::stoul(version)));
+    for (unsigned i = 1; i <= world_.lastContent_; ++i) {
+      if ((world_.wanted_ >> i & 1) != 0) content(Content{i});
+    }
+    std::size_t written = out_.size();
+    byte(static_cast<unsigned>(contentOrder_.size()));
+    for (const Content one : contentOrder_) {
+      const auto i = static_cast<unsigned>(one);
+      unsigned flags = (world_.wanted_ >> i & 1) + 2 * (world_.strays_ >> i & 1);
+      unsigned weight = 4;
+      for (const auto& late : world_.late_) {
+        flags += weight * static_cast<unsigned>(late.newer >> i & 1);
+        weight *= 2;
+      }
+      byte(flags);
+    }
+    // Where the tables begin cannot be told otherwise: wanted contents that are nowhere stand
+    // between them.
+    byte(static_cast<unsigned>(out_.size() - written));
+    byte((world_.hasChangedThere_ ? 1 : 0) + (world_.isUnseen_ ? 2 : 0));
+  }
+
+  const PlannerWorld& world_;
+  View view_;
+  std::string out_;
+  std::vector<const Item*> items_;
+  std::array<unsigned, 64> contents_{};
+  std::vector<Content> contentOrder_;
+  std::vector<std::string> versions_;
+};
+
+class WorldReader {
+ public:
+  WorldReader(PlannerWorld& world, const std::string& text) : world_(world), text_(text) {}
+
+  void read() {
+    {
+      Edit edit(world_.tree_);
+      const unsigned count = byte();
+      kindsAt(edit, count);
+      intents(edit);
+      edit.commit();
+    }
+    auto& tree = world_.provider_.tree;
+    for (unsigned left = byte(); left > 0; --left) {
+      auto& entry = tree[Path(pathOf(word()))];
+      entry.kind = static_cast<Kind>(byte());
+      entry.version = byte();
+      entry.content = Content{byte()};
+    }
+    for (unsigned left = byte(); left > 0; --left) {
+      auto& late = world_.late_.emplace_back();
+      late.due = byte();
+      late.verb = static_cast<Verb>(byte());
+      late.source = path();
+      late.target = path();
+      late.content = Content{byte()};
+    }
+    tables();
+  }
+
+ private:
+  unsigned byte() { return static_cast<unsigned char>(text_[at_++]); }
+  const std::string& word() {
+    const unsigned low = byte();
+    return dictionary().text(low + (byte() << 8));
+  }
+  std::optional<Path> path() {
+    if (byte() == 0) return std::nullopt;
+    return pathOf(word());
+  }
+  static ItemNumber numberOf(unsigned number) {
+    return number == kGone ? kGoneNumber : ItemNumber{number};
+  }
+  Place place() {
+    const ItemNumber folder = numberOf(byte());
+    return {folder, word()};
+  }
+  std::optional<There> state() {
+    if (byte() == 0) return std::nullopt;
+    There there;
+    there.place = place();
+    there.version = versionOf(byte());
+    there.content = Content{byte()};
+    return there;
+  }
+  static Version versionOf(unsigned version) {
+    return {version == 0 ? std::string() : std::to_string(version)};
+  }
+  void kindsAt(Edit& edit, unsigned count) {
+    // The kinds stand before what they are needed for, so the items are made one by one.
+    for (unsigned i = 2; i <= count; ++i) {
+      const ItemNumber number = edit.make(static_cast<Kind>(byte()));
+      if (byte() == 1) {
+        Here here;
+        here.place = place();
+        here.content = Content{byte()};
+        edit.setHere(number, here);
+      }
+      edit.setThere(number, state());
+      edit.setAgreed(number, state());
+      for (unsigned left = byte(); left > 0; --left) edit.addAfter(number, numberOf(byte()));
+    }
+  }
+  void intents(Edit& edit) {
+    for (unsigned left = byte(); left > 0; --left) {
+      Intent intent;
+      intent.verb = static_cast<Verb>(byte());
+      intent.item = numberOf(byte());
+      intent.source = path();
+      intent.target = path();
+      intent.content = Content{byte()};
+      intent.ended = world_.now_;
+      intent.until = world_.now_ + std::chrono::seconds(byte() * kStep);
+      const unsigned flags = byte();
+      intent.looked = (flags & 1) != 0;
+      intent.over = (flags & 2) != 0;
+      edit.add(intent);
+    }
+  }
+  void tables() {
+    const unsigned versions = byte();
+    for (unsigned i = 0; i < versions; ++i) world_.contentOf_.push_back(Content{byte()});
+    world_.provider_.lastVersion = versions;
+    // Read from the end: what stands between was told by the numbers already.
+    const unsigned last = static_cast<unsigned char>(text_.back());
+    world_.hasChangedThere_ = (last & 1) != 0;
+    world_.isUnseen_ = (last & 2) != 0;
+    const unsigned length = static_cast<unsigned char>(text_[text_.size() - 2]);
+    const std::size_t begin = text_.size() - 2 - length;
+    const auto count = static_cast<unsigned char>(text_[begin]);
+    world_.lastContent_ = count;
+    for (unsigned i = 1; i <= count; ++i) {
+      const auto flags = static_cast<unsigned char>(text_[begin + i]);
+      world_.wanted_ |= ContentSet{flags & 1U} << i;
+      world_.strays_ |= ContentSet{flags >> 1 & 1U} << i;
+      unsigned shift = 2;
+      for (auto& late : world_.late_) late.newer |= ContentSet{flags >> shift++ & 1U} << i;
+    }
+  }
+
+  PlannerWorld& world_;
+  const std::string& text_;
+  std::size_t at_ = 0;
+};
+
+PlannerWorld::PlannerWorld(const std::string& text) {
+  WorldReader(*this, text).read();
+}
+
+std::string PlannerWorld::encoded() const {
+  return WorldWriter(*this).write();
+}
+
+}  // namespace kestrowan::test
