@@ -80,7 +80,7 @@ UniqueFd ScratchDirectory::open(const std::string& name) const {
 
 /// It holds files only.
 void ScratchDirectory::remove() const {
-  for (const auto& name : namesIn("/proc/self/fd/" + std::to_string(directory_.get()))) {
+  for (const auto& name : namesIn(path_)) {
     ::unlinkat(directory_.get(), name.c_str(), 0);
   }
   ::rmdir(path_.c_str());
