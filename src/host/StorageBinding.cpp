@@ -106,10 +106,9 @@ std::string moveHere(const HostSettings& settings, const std::string& domain,
 }
 
 std::string waysOn(const HostSettings& settings, const std::string& domain,
-                   const std::string& stateDirectory) {
-  return "\n  to give this container a state of its own:\n    " + beginAnew(settings) +
-         "\n  if it is the same storage, whose container has moved: to send there what waits:\n   "
-         " " +
+                   const std::string& stateDirectory, std::string_view ifItIs) {
+  return "\n  to give this container a state of its own:\n    " + beginAnew(settings) + "\n  if " +
+         std::string(ifItIs) + ": to go on with the state, and send what waits:\n    " +
          moveHere(settings, domain, stateDirectory);
 }
 
@@ -122,7 +121,8 @@ StorageRefusal otherStorage(const StorageNote& note, const HostSettings& setting
       "\n  asked for: " + escapedForDisplay(settings.container) +
       "\n  waiting:   " + waitingAt(settings.stateDirectory).value_or("nothing") +
       "\n  to mount what it was made for:\n    " + mountCommand(former) +
-      waysOn(settings, settings.domain, settings.stateDirectory));
+      waysOn(settings, settings.domain, settings.stateDirectory,
+             "it is the same storage, whose container has moved"));
 }
 
 StorageRefusal unknownStorage(const HostSettings& settings, const std::string& domain,
@@ -130,9 +130,9 @@ StorageRefusal unknownStorage(const HostSettings& settings, const std::string& d
   return StorageRefusal("not mounted: the state of the domain " + domain +
                         " does not say which container it was made for, as with earlier versions"
                         "\n  state:     " +
-                        escapedForDisplay(stateDirectory) +
-                        "\n  asked for: " + escapedForDisplay(settings.container) +
-                        "\n  waiting:   " + waiting + waysOn(settings, domain, stateDirectory));
+                        escapedForDisplay(stateDirectory) + "\n  asked for: " +
+                        escapedForDisplay(settings.container) + "\n  waiting:   " + waiting +
+                        waysOn(settings, domain, stateDirectory, "it was made for this container"));
 }
 
 StorageRefusal nothingToMove(const HostSettings& settings) {

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <optional>
 
+#include "host/StorageNote.h"
 #include "platform/foundation/NSError.h"
 #include "support/TemporaryDirectory.h"
 
@@ -61,6 +62,7 @@ TEST_F(StateDirectoryTest, OneThatWasMadeAndNeverKeptIsRemoved) {
     for (const char* file : {"/replica.db", "/replica.db-wal", "/replica.db-shm"}) {
       std::ofstream(path_ + file) << "rows";
     }
+    writeStorageNote(path_, "/srv/work", false);
   }
   EXPECT_FALSE(fs::exists(path_));
   EXPECT_TRUE(fs::exists(fs::path(path_).parent_path()));
