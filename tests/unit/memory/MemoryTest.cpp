@@ -48,51 +48,5 @@ TEST(MemoryTest, AListingForWhichThereIsNoMemoryIsAnErrorOfThatListing) {
   EXPECT_EQ(world.server().tree().at("/small"), "2");
 }
 
-/// What programs do, one thing after another; each may fail by itself. Gives the first error.
-void work(ReplicaWorld& world, std::optional<std::string>& written) {
-  errorIn([&] { world.list("/"); });
-  errorIn([&] { world.read("/a"); });
-  errorIn([&] { world.list("/folder"); });
-  errorIn([&] { world.makeFolder("/made"); });
-  errorIn([&] { world.rename("/b", "/folder/moved"); });
-  errorIn([&] { world.replica().status(); });
-  if (!errorIn([&] { world.write("/new", "contents"); })) written = "contents";
-}
-
-/// The process lives through the failure of each of its allocations, and works on.
-TEST(MemoryTest, NoSingleAllocationThatFailsEndsTheReplicaOrStopsIt) {
-  constexpr std::size_t kMost = 100000;
-  // All of them take too long.
-  constexpr std::size_t kStep = 7;
-  std::size_t failures = 0;
-  for (std::size_t number = 1; number < kMost; number += kStep) {
-    ReplicaWorld world;
-    for (const char* name : {"/a", "/b", "/c"}) world.server().writeFile(name, "12345");
-    world.server().makeFolder("/folder");
-    std::optional<std::string> written;
-    bool happened = false;
-    {
-      const OneFailure failing(number);
-      work(world, written);
-      happened = failing.happened();
-    }
-    failures += happened ? 1 : 0;
-    world.advance(minutes(20));
-    const auto error = errorIn([&] {
-      EXPECT_EQ(world.read("/a"), "12345") << number;
-      world.write("/later", "later");
-      EXPECT_TRUE(world.settle()) << number;
-      world.advance(minutes(20));
-      EXPECT_EQ(world.server().tree().at("/later"), "later") << number;
-      if (written) {
-        EXPECT_EQ(world.read("/new"), *written) << number;
-      }
-    });
-    EXPECT_FALSE(error) << number << ": " << error->localizedDescription();
-    if (!happened) break;
-  }
-  EXPECT_GT(failures, 10u);
-}
-
 }  // namespace
 }  // namespace kestrowan::test
