@@ -88,14 +88,16 @@ struct Link {
   Blocker blocker;
 };
 
+/// The choice does not depend on where the ring was entered.
 Step breakRing(const State& state, const std::vector<Link>& ring, const Names& names) {
+  std::optional<ItemNumber> first;
   for (const Link& link : ring) {
     if (link.blocker.why != Why::place) continue;
-    const ItemNumber number = link.blocker.item;
-    const Place place = freePlace(state, state.item(number).there()->place, names, &Names::third);
-    return Push{Change::move, number, place, Content::none};
+    first = std::min(first.value_or(link.blocker.item), link.blocker.item);
   }
-  return Stuck{ring.front().from};
+  if (!first) return Stuck{ring.front().from};
+  const Place& place = state.item(*first).there()->place;
+  return Push{Change::move, *first, freePlace(state, place, names, &Names::third), Content::none};
 }
 
 /// What the item waits for in the end, or how the ring is broken that it waits for.

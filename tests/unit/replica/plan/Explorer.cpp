@@ -76,7 +76,7 @@ void Explorer::runToTheEnd(Node node) {
   std::vector<std::uint64_t> chain;
   while (enter(node, chain)) {
     try {
-      const PlannerWorld world(node.text);
+      PlannerWorld world(node.text);
       branch(node, world);
       auto next = engineStep(node, world);
       if (!next) return;
@@ -102,21 +102,18 @@ bool Explorer::enter(const Node& node, std::vector<std::uint64_t>& chain) {
 
 /// Everything that may happen now besides the engine's own next step.
 void Explorer::branch(const Node& node, const PlannerWorld& world) {
-  if (node.here > 0) {
-    const std::size_t count = world.eventsHere(bounds_.names).size();
-    for (std::size_t i = 0; i < count; ++i) {
-      consider(node, {Deed::Kind::here, 0, static_cast<std::uint16_t>(i), node.trace});
+  const auto considerAll = [&](Deed::Kind kind, const std::vector<Event>& events) {
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      consider(node, {kind, 0, static_cast<std::uint16_t>(i), node.trace},
+               [&](PlannerWorld& other) { other.apply(events[i]); });
     }
-  }
-  if (node.there > 0) {
-    const std::size_t count = world.eventsThere(bounds_.names).size();
-    for (std::size_t i = 0; i < count; ++i) {
-      consider(node, {Deed::Kind::there, 0, static_cast<std::uint16_t>(i), node.trace});
-    }
-  }
+  };
+  if (node.here > 0) considerAll(Deed::Kind::here, world.eventsHere(bounds_.names));
+  if (node.there > 0) considerAll(Deed::Kind::there, world.eventsThere(bounds_.names));
 }
 
-std::optional<Explorer::Node> Explorer::engineStep(const Node& node, const PlannerWorld& world) {
+/// The state after the engine's next step, which is done in `world`.
+std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorld& world) {
   const Move move = world.next(bounds_.isReversed);
   const bool isIdle = move.kind == Move::Kind::none || move.kind == Move::Kind::wait;
   if (move.kind == Move::Kind::none && !world.isUnseen()) {
@@ -125,25 +122,29 @@ std::optional<Explorer::Node> Explorer::engineStep(const Node& node, const Plann
     return std::nullopt;
   }
   const Deed look{Deed::Kind::look, 0, 0, node.trace};
-  if (world.isUnseen() && isIdle) return done(node, look);
-  if (world.isUnseen()) consider(node, look);
+  const auto doLook = [](PlannerWorld& other) {
+    other.carryOut({Move::Kind::look, {}, {}}, Fate::ok);
+  };
+  if (world.isUnseen() && isIdle) return done(node, look, world, doLook);
+  if (world.isUnseen()) consider(node, look, doLook);
   const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
-  if (isSent && node.faults > 0) branchFates(node, move);
-  return done(node, {Deed::Kind::step, 0, 0, node.trace});
-}
-
-void Explorer::branchFates(const Node& node, const Move&) {
-  for (const Fate fate : {Fate::lostBefore, Fate::lostAfter, Fate::lateByOne, Fate::lateByTwo}) {
-    consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(fate), 0, node.trace});
+  if (isSent && node.faults > 0) {
+    for (const Fate fate : {Fate::lostBefore, Fate::lostAfter, Fate::lateByOne, Fate::lateByTwo}) {
+      consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(fate), 0, node.trace},
+               [&](PlannerWorld& other) { other.carryOut(move, fate); });
+    }
   }
+  return done(node, {Deed::Kind::step, 0, 0, node.trace}, world,
+              [&](PlannerWorld& other) { other.carryOut(move, Fate::ok); });
 }
 
-/// The state after a deed; absent when it broke a rule.
-std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed) {
+/// The state after a deed, which is done in `world`; absent when it broke a rule.
+template <class Do>
+std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed, PlannerWorld& world,
+                                             const Do& doIt) {
   Node next{{}, node.here, node.there, node.faults, 0};
   try {
-    PlannerWorld world(node.text);
-    doIt(world, deed);
+    doIt(world);
     next.text = world.encoded();
   } catch (const Broken& broken) {
     fail(broken.what(), node, deed);
@@ -159,8 +160,10 @@ std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed) {
   return next;
 }
 
-void Explorer::consider(const Node& node, Deed deed) {
-  auto next = done(node, deed);
+template <class Do>
+void Explorer::consider(const Node& node, Deed deed, const Do& doIt) {
+  PlannerWorld world(node.text);
+  auto next = done(node, deed, world, doIt);
   if (!next) return;
   if (seen_.contains(hash(*next))) {
     deeds_.pop_back();
@@ -169,7 +172,7 @@ void Explorer::consider(const Node& node, Deed deed) {
   todo_.push_back(std::move(*next));
 }
 
-void Explorer::doIt(PlannerWorld& world, const Deed& deed) const {
+void Explorer::repeat(PlannerWorld& world, const Deed& deed) const {
   switch (deed.kind) {
     case Deed::Kind::start:
       return;
@@ -215,7 +218,7 @@ void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
     PlannerWorld world(text);
     try {
       out << describeDeed(world, one) << "\n";
-      doIt(world, one);
+      repeat(world, one);
     } catch (const Broken& broken) {
       out << "  " << broken.what() << "\n";
     }
@@ -226,53 +229,20 @@ void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
 }
 
 void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
-  const auto chance = [&](std::uint64_t among) { return random() % among; };
   seen_.clear();
   deeds_.assign(1, {});
   start_ = start.encoded();
-  Node node{start_, static_cast<std::uint8_t>(chance(bounds_.here + 1)),
-            static_cast<std::uint8_t>(chance(bounds_.there + 1)),
+  Node node{start_, static_cast<std::uint8_t>(random() % (bounds_.here + 1)),
+            static_cast<std::uint8_t>(random() % (bounds_.there + 1)),
             static_cast<std::uint8_t>(bounds_.faults), 0};
-  // The changes, and what the engine does between them.
   while (node.here + node.there > 0) {
-    std::optional<Node> next;
-    try {
-      const PlannerWorld world(node.text);
-      const bool isHere = chance(node.here + node.there) < node.here;
-      const auto events =
-          isHere ? world.eventsHere(bounds_.names) : world.eventsThere(bounds_.names);
-      if (events.empty()) break;
-      const auto index = static_cast<std::uint16_t>(chance(events.size()));
-      next = done(node, {isHere ? Deed::Kind::here : Deed::Kind::there, 0, index, node.trace});
-    } catch (const Broken& broken) {
-      return fail(broken.what(), node, {});
-    }
+    std::optional<Node> next = changeAtRandom(node, random);
+    const std::uint64_t steps = bounds_.isInterleaved ? random() % 4 : 0;
+    for (std::uint64_t i = 0; next && i < steps; ++i) next = workAtRandom(*next, random);
     if (!next) return;
     node = std::move(*next);
-    for (std::uint64_t steps = bounds_.isInterleaved ? chance(4) : 0; steps > 0; --steps) {
-      std::optional<Node> after;
-      try {
-        const PlannerWorld world(node.text);
-        const Move move = world.next(bounds_.isReversed);
-        if (world.isUnseen() && chance(2) == 0) {
-          after = done(node, {Deed::Kind::look, 0, 0, node.trace});
-        } else if (move.kind == Move::Kind::step) {
-          const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
-          const bool isFaulty = isSent && node.faults > 1 && chance(3) == 0;
-          const auto fate = static_cast<std::uint8_t>(isFaulty ? 1 + chance(4) : 0);
-          after = done(node, {Deed::Kind::step, fate, 0, node.trace});
-        } else {
-          break;
-        }
-      } catch (const Broken& broken) {
-        return fail(broken.what(), node, {});
-      }
-      if (!after) return;
-      node = std::move(*after);
-    }
   }
   // Then every fate of what is still to be sent.
-  node.here = node.there = 0;
   node.faults = std::min<std::uint8_t>(node.faults, 1);
   todo_.push_back(std::move(node));
   while (!todo_.empty()) {
@@ -280,6 +250,40 @@ void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
     todo_.pop_back();
     runToTheEnd(std::move(one));
   }
+}
+
+std::optional<Explorer::Node> Explorer::changeAtRandom(const Node& node, std::mt19937_64& random) {
+  PlannerWorld world(node.text);
+  const bool isHere = random() % (node.here + node.there) < node.here;
+  const auto events = isHere ? world.eventsHere(bounds_.names) : world.eventsThere(bounds_.names);
+  const auto index = static_cast<std::uint16_t>(random() % events.size());
+  return done(node, {isHere ? Deed::Kind::here : Deed::Kind::there, 0, index, node.trace}, world,
+              [&](PlannerWorld& other) { other.apply(events[index]); });
+}
+
+/// A step of the engine, or the same state when there is none.
+std::optional<Explorer::Node> Explorer::workAtRandom(const Node& node, std::mt19937_64& random) {
+  PlannerWorld world(node.text);
+  Move move;
+  try {
+    move = world.next(bounds_.isReversed);
+  } catch (const Broken& broken) {
+    fail(broken.what(), node, {});
+    return std::nullopt;
+  }
+  Deed deed{Deed::Kind::step, 0, 0, node.trace};
+  if (world.isUnseen() && random() % 2 == 0) {
+    deed.kind = Deed::Kind::look;
+    move = {Move::Kind::look, {}, {}};
+  }
+  if (move.kind == Move::Kind::none) return node;
+  const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
+  // The last fault is for the end.
+  if (isSent && node.faults > 1 && random() % 3 == 0) {
+    deed.fate = static_cast<std::uint8_t>(1 + random() % 4);
+  }
+  return done(node, deed, world,
+              [&](PlannerWorld& other) { other.carryOut(move, static_cast<Fate>(deed.fate)); });
 }
 
 namespace {

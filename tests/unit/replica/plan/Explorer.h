@@ -81,11 +81,14 @@ class Explorer {
   void runToTheEnd(Node node);
   bool enter(const Node& node, std::vector<std::uint64_t>& chain);
   void branch(const Node& node, const PlannerWorld& world);
-  void branchFates(const Node& node, const Move& move);
-  std::optional<Node> engineStep(const Node& node, const PlannerWorld& world);
-  std::optional<Node> done(const Node& node, Deed deed);
-  void consider(const Node& node, Deed deed);
-  void doIt(PlannerWorld& world, const Deed& deed) const;
+  std::optional<Node> engineStep(const Node& node, PlannerWorld& world);
+  template <class Do>
+  std::optional<Node> done(const Node& node, Deed deed, PlannerWorld& world, const Do& doIt);
+  template <class Do>
+  void consider(const Node& node, Deed deed, const Do& doIt);
+  std::optional<Node> changeAtRandom(const Node& node, std::mt19937_64& random);
+  std::optional<Node> workAtRandom(const Node& node, std::mt19937_64& random);
+  void repeat(PlannerWorld& world, const Deed& deed) const;
   std::string describeDeed(const PlannerWorld& world, const Deed& deed) const;
   void fail(const std::string& rule, const Node& node, Deed deed);
   static std::uint64_t hash(const Node& node);

@@ -1,0 +1,336 @@
+#include "replica/plan/Merge.h"
+
+#include <gtest/gtest.h>
+
+#include "unit/replica/plan/StateBuilder.h"
+
+namespace kestrowan::test {
+namespace {
+
+Step settling(Resolution resolution, ItemNumber item, ItemNumber other = ItemNumber::none,
+              Place place = {}) {
+  return Settle{resolution, item, other, std::move(place)};
+}
+
+class MergeTest : public testing::Test {
+ protected:
+  static Place top(const std::string& name) { return StateBuilder::top(name); }
+
+  StateBuilder state_;
+};
+
+TEST_F(MergeTest, HasNothingToDoForWhatIsInStep) {
+  EXPECT_EQ(state_.plan(state_.file(top("a"))), Step(Nothing{}));
+  EXPECT_EQ(state_.plan(state_.file(top("b"), kNone)), Step(Nothing{}));
+  EXPECT_EQ(state_.plan(state_.folder(top("d"))), Step(Nothing{}));
+}
+
+TEST_F(MergeTest, DropsWhatIsNowhere) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  state_.remove(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::drop, a));
+  state_.settlePlanned(a);
+  EXPECT_FALSE(state_.has(a));
+}
+
+TEST_F(MergeTest, FetchesWhatMayBeItsOwnPut) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  state_.sent(Verb::put, a, "", "a", kOurs);
+  const ItemNumber found = state_.fileThere(top("a"));
+  EXPECT_EQ(state_.plan(found), Step(Fetch{found}));
+}
+
+TEST_F(MergeTest, TakesTheEffectOfAPutWithoutAnAnswerForTheItemThatAsked) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  state_.sent(Verb::put, a, "", "a", kOurs);
+  const ItemNumber found = state_.fileThere(top("a"), kOurs);
+  EXPECT_EQ(state_.plan(found), settling(Resolution::own, found, a));
+  state_.settlePlanned(found);
+  EXPECT_FALSE(state_.has(found));
+  EXPECT_TRUE(state_.item(a).isInStep());
+}
+
+TEST_F(MergeTest, PushesAgainWhatAnOlderPutOverwroteLate) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.changeThere(a, kFromBefore);
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kOurs}));
+}
+
+TEST_F(MergeTest, RemovesASecondCopyAfterTheFirstIsKnownToBeThere) {
+  const ItemNumber b = state_.file(top("b"), kOurs);
+  state_.sent(Verb::put, b, "", "a", kOurs);
+  const ItemNumber stray = state_.fileThere(top("a"), kOurs);
+  state_.settlePlanned(stray);
+  EXPECT_EQ(state_.plan(stray), Step(Push{Change::remove, stray, top("a"), kNone}));
+  EXPECT_EQ(state_.item(stray).after(), std::vector{b});
+  state_.removeThere(b);
+  state_.settlePlanned(b);
+  EXPECT_EQ(state_.plan(stray), settling(Resolution::show, stray));
+}
+
+TEST_F(MergeTest, ShowsWhatLandsOfAnItemThatWasRemovedThere) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::put, a, "", "b", kOurs);
+  state_.removeThere(a);
+  state_.settlePlanned(a);
+  const ItemNumber found = state_.fileThere(top("b"), kOurs);
+  EXPECT_EQ(state_.plan(found), settling(Resolution::show, found));
+}
+
+TEST_F(MergeTest, ExplainsAFolderByOneRequestOnce) {
+  const ItemNumber d = state_.folderHere(top("d"));
+  state_.sent(Verb::makeFolder, d, "", "d");
+  const ItemNumber found = state_.folderThere(top("d"));
+  EXPECT_EQ(state_.plan(found), settling(Resolution::own, found, d));
+  state_.settlePlanned(found);
+  EXPECT_TRUE(state_.item(d).isInStep());
+  state_.remove(d);
+  state_.removeThere(d);
+  const ItemNumber again = state_.folderThere(top("d"));
+  EXPECT_EQ(state_.plan(again), settling(Resolution::show, again));
+}
+
+TEST_F(MergeTest, ShowsWhatIsNewWithoutFetchingIt) {
+  const ItemNumber a = state_.fileThere(top("a"));
+  EXPECT_EQ(state_.plan(a), settling(Resolution::show, a));
+  state_.settlePlanned(a);
+  EXPECT_TRUE(state_.item(a).isInStep());
+}
+
+TEST_F(MergeTest, FetchesWhatIsNewWhereALateRemovalMayDestroyIt) {
+  const ItemNumber gone = state_.folderHere(top("d"));
+  state_.sent(Verb::remove, gone, "a", "");
+  const ItemNumber a = state_.fileThere(top("a"));
+  EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
+}
+
+TEST_F(MergeTest, ShowsAFolderBeforeWhatIsInIt) {
+  const ItemNumber d = state_.folderThere(top("d"));
+  const ItemNumber f = state_.fileThere({d, "f"});
+  EXPECT_EQ(state_.plan(f), Step(WaitFor{d}));
+  state_.settlePlanned(d);
+  EXPECT_EQ(state_.plan(f), settling(Resolution::show, f));
+}
+
+TEST_F(MergeTest, BringsAFolderBackForWhatIsNewInIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.remove(d);
+  const ItemNumber f = state_.fileThere({d, "f"});
+  EXPECT_EQ(state_.plan(f), settling(Resolution::back, d));
+  state_.settlePlanned(f);
+  EXPECT_EQ(state_.plan(d), settling(Resolution::show, d));
+}
+
+TEST_F(MergeTest, PutsOursAsideForTheirs) {
+  const ItemNumber ours = state_.fileHere(top("a"));
+  const ItemNumber theirs = state_.fileThere(top("a"), kTheirs);
+  EXPECT_EQ(state_.plan(theirs), settling(Resolution::aside, ours, ItemNumber::none, top("a (2)")));
+  state_.settlePlanned(theirs);
+  EXPECT_EQ(state_.plan(theirs), settling(Resolution::show, theirs));
+}
+
+TEST_F(MergeTest, PutsOursAsideThatComesFromElsewhere) {
+  const ItemNumber ours = state_.file(top("b"));
+  state_.move(ours, top("a"));
+  const ItemNumber theirs = state_.fileThere(top("a"));
+  EXPECT_EQ(state_.plan(theirs), settling(Resolution::aside, ours, ItemNumber::none, top("a (2)")));
+}
+
+TEST_F(MergeTest, FetchesTheirsToCompareItWithOurs) {
+  state_.fileHere(top("a"));
+  const ItemNumber theirs = state_.fileThere(top("a"));
+  EXPECT_EQ(state_.plan(theirs), Step(Fetch{theirs}));
+}
+
+TEST_F(MergeTest, TakesEqualFilesMadeOnBothSidesForOne) {
+  const ItemNumber ours = state_.fileHere(top("a"));
+  const ItemNumber theirs = state_.fileThere(top("a"), kOurs);
+  EXPECT_EQ(state_.plan(theirs), settling(Resolution::join, ours, theirs));
+  state_.settlePlanned(theirs);
+  EXPECT_TRUE(state_.item(ours).isInStep());
+}
+
+TEST_F(MergeTest, MakesFoldersOfOneNameOne) {
+  const ItemNumber ours = state_.folderHere(top("d"));
+  const ItemNumber theirs = state_.folderThere(top("d"));
+  const ItemNumber inside = state_.fileThere({theirs, "f"});
+  EXPECT_EQ(state_.plan(theirs), settling(Resolution::join, ours, theirs));
+  state_.settlePlanned(theirs);
+  EXPECT_EQ(state_.item(inside).there()->place.folder, ours);
+}
+
+TEST_F(MergeTest, LetsAnItemThatIsGoneLeaveItsPlaceFirst) {
+  const ItemNumber gone = state_.file(top("a"));
+  state_.removeThere(gone);
+  const ItemNumber theirs = state_.folderThere(top("a"));
+  EXPECT_EQ(state_.plan(theirs), Step(WaitFor{gone}));
+}
+
+TEST_F(MergeTest, BringsBackWhatChangedThereAfterItsRemoval) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(a);
+  state_.changeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::back, a));
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::show, a));
+}
+
+TEST_F(MergeTest, RemovesThereWhatWasRemovedHere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::remove, a, top("a"), kNone}));
+}
+
+TEST_F(MergeTest, CreatesThereWhatIsOnlyHere) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  const ItemNumber d = state_.folderHere(top("d"));
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
+  EXPECT_EQ(state_.plan(d), Step(Push{Change::create, d, top("d"), kNone}));
+}
+
+TEST_F(MergeTest, ForgetsAFileWhoseBytesAreNowhere) {
+  const ItemNumber a = state_.fileHere(top("a"), kNone);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::forget, a));
+}
+
+TEST_F(MergeTest, RemovesHereWhatWasRemovedThere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::forget, a));
+  state_.settlePlanned(a);
+  EXPECT_FALSE(state_.has(a));
+  EXPECT_EQ(state_.journal().history().size(), 1U);
+}
+
+TEST_F(MergeTest, MakesAnewWhatChangedHereAndWasRemovedThere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::anew, a));
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
+}
+
+TEST_F(MergeTest, MakesAnewWhatMovedHereAndWasRemovedThere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.move(a, top("b"));
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::anew, a));
+}
+
+TEST_F(MergeTest, MakesAnewWhatAnOlderPutMayHaveHiddenFromTheRemover) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::anew, a));
+}
+
+TEST_F(MergeTest, ForgetsAMovedFileThatIsGoneAndWasNeverDownloaded) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.move(a, top("b"));
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::forget, a));
+}
+
+TEST_F(MergeTest, MakesAMovedFolderAnewWithAllInItThatIsGoneToo) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  const ItemNumber g = state_.file({d, "g"}, kNone);
+  state_.move(d, top("e"));
+  for (const ItemNumber item : {f, g, d}) state_.removeThere(item);
+  EXPECT_EQ(state_.plan(d), settling(Resolution::anew, d));
+  state_.settlePlanned(d);
+  EXPECT_EQ(state_.plan(f), Step(WaitFor{d}));
+  EXPECT_FALSE(state_.has(g)) << "its bytes are nowhere";
+}
+
+TEST_F(MergeTest, DecidesAboutWhatIsInAFolderThatIsGoneFirst) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  for (const ItemNumber item : {f, d}) state_.removeThere(item);
+  EXPECT_EQ(state_.plan(d), Step(WaitFor{f}));
+  state_.settlePlanned(f);
+  EXPECT_EQ(state_.plan(d), settling(Resolution::forget, d));
+}
+
+TEST_F(MergeTest, KeepsAFolderThatIsGoneForWhatStaysInIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.fileHere({d, "f"});
+  state_.removeThere(d);
+  EXPECT_EQ(state_.plan(d), settling(Resolution::anew, d));
+}
+
+TEST_F(MergeTest, PullsWhatChangedThereAloneWithoutFetchingIt) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.changeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::pull, a));
+  state_.settlePlanned(a);
+  EXPECT_TRUE(state_.item(a).isInStep());
+  EXPECT_EQ(state_.item(a).here()->content, kNone);
+  ASSERT_EQ(state_.journal().history().size(), 1U);
+  EXPECT_EQ(state_.journal().history()[0].here.content, kOld);
+}
+
+TEST_F(MergeTest, FetchesWhatChangedOnBothSides) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  state_.changeThere(a);
+  EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
+}
+
+TEST_F(MergeTest, AgreesOnEqualContentsOfBothSides) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  state_.changeThere(a, kOurs);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::agree, a));
+  state_.settlePlanned(a);
+  EXPECT_TRUE(state_.item(a).isInStep());
+}
+
+TEST_F(MergeTest, LaysOursBesideTheirs) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  state_.changeThere(a, kTheirs);
+  EXPECT_EQ(state_.plan(a),
+            settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 1)")));
+  state_.settlePlanned(a);
+  EXPECT_TRUE(state_.item(a).isInStep());
+  EXPECT_EQ(state_.item(a).here()->content, kTheirs);
+  ASSERT_EQ(state_.journal().history().size(), 1U) << "ours is another item's now";
+  EXPECT_EQ(state_.journal().history()[0].here.content, kOld);
+}
+
+TEST_F(MergeTest, LaysBesideWhatAnOlderPutMayHaveHiddenFromTheOtherClient) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::put, a, "", "x", kFromBefore);
+  state_.changeThere(a);
+  EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
+  state_.changeThere(a, kTheirs);
+  EXPECT_EQ(state_.plan(a),
+            settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 1)")));
+}
+
+TEST_F(MergeTest, MovesThereWhatMovedHereThenSendsItsContents) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.here(a, top("b"), kOurs);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::move, a, top("b"), kNone}));
+}
+
+TEST_F(MergeTest, SendsContentsThatChangedHere) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.write(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kOurs}));
+}
+
+TEST_F(MergeTest, PullsWhatLandedOnAFileThatWasNeverDownloaded) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.changeThere(a, kFromBefore);
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::pull, a));
+}
+
+}  // namespace
+}  // namespace kestrowan::test

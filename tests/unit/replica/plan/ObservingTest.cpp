@@ -1,0 +1,272 @@
+#include "replica/plan/Observing.h"
+
+#include <gtest/gtest.h>
+
+#include "replica/model/View.h"
+#include "replica/plan/Landing.h"
+#include "replica/plan/Requests.h"
+#include "unit/replica/plan/StateBuilder.h"
+
+namespace kestrowan::test {
+namespace {
+
+constexpr Time kStart{};
+
+class ObservingTest : public testing::Test {
+ protected:
+  static Place top(const std::string& name) { return StateBuilder::top(name); }
+  static ListedEntry file(const Version& version = kVersion1) { return {Kind::file, version}; }
+  static ListedEntry folder() { return {Kind::folder, {}}; }
+
+  /// A look at the root; gives what is lacking.
+  std::vector<Path> look(Listings listings, Time began = kStart) {
+    Edit edit(state_.tree());
+    auto lacking = observe(edit, {ItemNumber::root}, listings, began);
+    if (lacking.empty()) edit.commit();
+    return lacking;
+  }
+  std::vector<Path> lookAtRoot(Listing listing, Time began = kStart) {
+    return look({{Path(), std::move(listing)}}, began);
+  }
+  const Item* thereAt(const Place& place) { return View(state_.tree())->thereAt(place); }
+
+  StateBuilder state_;
+};
+
+TEST_F(ObservingTest, WritesWhatIsThereAndNothingElse) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  lookAtRoot({{"a", file(kVersion2)}, {"b", file()}, {"d", folder()}});
+  const Item after = state_.item(a);
+  EXPECT_EQ(after.there(), (There{top("a"), kVersion2, kNone}));
+  EXPECT_EQ(after.agreed()->version, kVersion1);
+  EXPECT_EQ(after.here()->content, kOurs);
+  EXPECT_TRUE(thereAt(top("b")));
+  EXPECT_TRUE(thereAt(top("d"))->isFolder());
+}
+
+TEST_F(ObservingTest, WritesWhatChangedOfAnItemThatWasRemovedHere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(a);
+  lookAtRoot({{"a", file(kVersion2)}});
+  EXPECT_EQ(state_.item(a).there()->version, kVersion2);
+}
+
+TEST_F(ObservingTest, TakesWhatAListingLacksForAbsentWithAllInIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  lookAtRoot({});
+  EXPECT_FALSE(state_.item(d).there());
+  EXPECT_FALSE(state_.item(f).there());
+  EXPECT_TRUE(state_.item(f).agreed());
+}
+
+TEST_F(ObservingTest, TakesAnItemOfAnotherKindForAnotherItem) {
+  const ItemNumber a = state_.file(top("a"));
+  lookAtRoot({{"a", folder()}});
+  EXPECT_FALSE(state_.item(a).there());
+  EXPECT_NE(thereAt(top("a"))->number(), a);
+}
+
+TEST_F(ObservingTest, AsksForTheFolderOfAFolderThatIsGone) {
+  const ItemNumber d = state_.folder(top("d"));
+  Edit edit(state_.tree());
+  Listings listings{{Path().child("d"), std::nullopt}};
+  EXPECT_EQ(observe(edit, {d}, listings, kStart), std::vector{Path()});
+}
+
+TEST_F(ObservingTest, AsksForAllFoldersThatRequestsTouch) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.sent(Verb::move, d, "x", "d/y");
+  EXPECT_EQ(look({}), (std::vector{Path(), Path().child("d")}));
+}
+
+TEST_F(ObservingTest, KnowsAnItemThatALostMoveHasMoved) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"b", file()}});
+  EXPECT_EQ(state_.item(a).there()->place, top("b"));
+  EXPECT_EQ(state_.item(a).agreed()->place, top("b"));
+}
+
+TEST_F(ObservingTest, DoesNotTakeAnotherFileForTheOneThatMoved) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"b", file(kVersion2)}});
+  EXPECT_FALSE(state_.item(a).there());
+  EXPECT_NE(thereAt(top("b"))->number(), a);
+}
+
+TEST_F(ObservingTest, LetsTheBytesTellWhenAPutMayHaveComeBeforeTheMove) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"b", file(kVersion2)}});
+  EXPECT_EQ(state_.item(a).there(), (There{top("b"), kVersion2, kNone}));
+}
+
+TEST_F(ObservingTest, KnowsAFileThatMovedAlthoughALatePutMadeItsOldPlaceAnew) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"a", file(kVersion2)}, {"b", file()}});
+  EXPECT_EQ(state_.item(a).there()->place, top("b"));
+}
+
+TEST_F(ObservingTest, LeavesAFolderThatIsStillAtItsOldPlace) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.sent(Verb::move, d, "d", "e");
+  lookAtRoot({{"d", folder()}, {"e", folder()}});
+  EXPECT_EQ(state_.item(d).there()->place, top("d"));
+}
+
+TEST_F(ObservingTest, FollowsMovesThatCameOneAfterTheOther) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "b", "c");
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"c", file()}});
+  EXPECT_EQ(state_.item(a).there()->place, top("c"));
+}
+
+TEST_F(ObservingTest, KnowsRequestsBelowAMovedFolderByBothPaths) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.fileHere({d, "f"});
+  state_.sent(Verb::move, d, "d", "e");
+  state_.sent(Verb::put, f, "", "d/f", kOurs);
+  Listings listings{{Path(), Listing{{"e", folder()}}},
+                    {Path().child("d"), std::nullopt},
+                    {Path().child("e"), Listing{{"f", file()}}}};
+  EXPECT_TRUE(look(listings).empty());
+  const Item* found = thereAt({d, "f"});
+  ASSERT_TRUE(found);
+  EXPECT_EQ(state_.plan(found->number()), Step(Fetch{found->number()}));
+}
+
+TEST_F(ObservingTest, WillMakeAnewWhatOurOwnLateRemovalTook) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  state_.sent(Verb::remove, d, "d", "");
+  lookAtRoot({});
+  EXPECT_FALSE(state_.item(d).agreed());
+  EXPECT_FALSE(state_.item(f).agreed());
+}
+
+TEST_F(ObservingTest, LooksForARequestOnlyWhenItBeganAfterItsEnd) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  Request request{Verb::put, a, std::nullopt, Path().child("a"), kOurs};
+  IntentNumber number;
+  {
+    Edit edit(state_.tree());
+    number = noteSent(edit, request, kStart);
+    edit.commit();
+  }
+  const auto intent = [&] { return state_.journal().intents().at(number); };
+  lookAtRoot({}, kStart);
+  EXPECT_FALSE(intent().looked) << "it is still under way";
+  EXPECT_EQ(state_.plan(a), Step(WaitFor{a}));
+  {
+    Edit edit(state_.tree());
+    noteLostAnswer(edit, number, kStart + std::chrono::seconds(60));
+    edit.commit();
+  }
+  lookAtRoot({}, kStart + std::chrono::seconds(59));
+  EXPECT_FALSE(intent().looked);
+  lookAtRoot({}, kStart + std::chrono::seconds(60));
+  EXPECT_TRUE(intent().looked);
+  EXPECT_FALSE(intent().over);
+  lookAtRoot({}, kStart + std::chrono::seconds(60) + kLandingTime);
+  EXPECT_TRUE(intent().over);
+}
+
+class AnswerTest : public ObservingTest {
+ protected:
+  IntentNumber send(Verb verb, ItemNumber item, const char* source, const char* target,
+                    Content content = kNone) {
+    Request request{verb, item, std::nullopt, std::nullopt, content};
+    if (*source) request.source = Path().child(source);
+    if (*target) request.target = Path().child(target);
+    Edit edit(state_.tree());
+    const IntentNumber number = noteSent(edit, request, kStart);
+    edit.commit();
+    return number;
+  }
+  void answer(IntentNumber number, const Version& version = {}) {
+    Edit edit(state_.tree());
+    noteAnswer(edit, number, version, kStart);
+    edit.commit();
+  }
+};
+
+TEST_F(AnswerTest, OfAPutAgreesAndLeavesWhatWasWrittenMeanwhileToBeSent) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
+  state_.write(a, kFromBefore);
+  answer(number, kVersion1);
+  EXPECT_EQ(state_.item(a).agreed(), (There{top("a"), kVersion1, kOurs}));
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kFromBefore}));
+  EXPECT_TRUE(state_.journal().intents().empty());
+}
+
+TEST_F(AnswerTest, OfACreationForAnItemThatIsNoMoreIsRemovedThere) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
+  state_.remove(a);
+  {
+    Edit edit(state_.tree());
+    edit.drop(a);
+    edit.commit();
+  }
+  answer(number, kVersion1);
+  const Item* made = thereAt(top("a"));
+  ASSERT_TRUE(made);
+  EXPECT_EQ(state_.plan(made->number()),
+            Step(Push{Change::remove, made->number(), top("a"), kNone}));
+}
+
+TEST_F(AnswerTest, OfAMoveMovesBothStates) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.move(a, top("b"));
+  answer(send(Verb::move, a, "a", "b"));
+  EXPECT_TRUE(state_.item(a).isInStep());
+}
+
+TEST_F(AnswerTest, OfARemovalLeavesNothingThere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(a);
+  answer(send(Verb::remove, a, "a", ""));
+  EXPECT_FALSE(state_.item(a).there());
+  EXPECT_FALSE(state_.item(a).agreed());
+}
+
+TEST_F(AnswerTest, ThatCanNoLongerBePlacedCountsAsLost) {
+  const ItemNumber a = state_.fileHere(top("b"));
+  const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
+  state_.fileThere(top("a"));
+  answer(number, kVersion2);
+  EXPECT_FALSE(state_.journal().intents().at(number).isUnderWay());
+  EXPECT_FALSE(state_.item(a).there());
+}
+
+TEST_F(AnswerTest, OfARefusalLeavesEverythingAsItWas) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
+  {
+    Edit edit(state_.tree());
+    noteRefusal(edit, number);
+    edit.commit();
+  }
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
+}
+
+TEST_F(AnswerTest, OfAFetchIsTheContentsOfAFileThatWasNotDownloaded) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  Edit edit(state_.tree());
+  noteFetched(edit, a, kVersion2, kTheirs);
+  EXPECT_EQ(edit->item(a).here()->content, kNone) << "another version";
+  noteFetched(edit, a, kVersion1, kTheirs);
+  edit.commit();
+  EXPECT_EQ(edit->item(a).here()->content, kTheirs);
+  EXPECT_TRUE(edit->item(a).isInStep());
+}
+
+}  // namespace
+}  // namespace kestrowan::test
