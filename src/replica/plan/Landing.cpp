@@ -9,8 +9,11 @@ using namespace model;
 bool mayLand(const State& state, const Item& item, const Place& place) {
   const auto path = state.pathOf(place);
   return std::any_of(state.intents().begin(), state.intents().end(), [&](const Intent& intent) {
-    return intent.verb == Verb::put && (intent.item == item.number() || intent.target == path) &&
-           intent.content != item.here()->content;
+    const bool concerns = intent.item == item.number() || intent.target == path;
+    const bool overwrites =
+        intent.verb == Verb::put && concerns && intent.content != item.here()->content;
+    const bool removes = intent.verb == Verb::remove && path && path->isAtOrBelow(*intent.source);
+    return overwrites || removes;
   });
 }
 

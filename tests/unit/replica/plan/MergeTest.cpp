@@ -312,6 +312,14 @@ TEST_F(MergeTest, LaysBesideWhatAnOlderPutMayHaveHiddenFromTheOtherClient) {
             settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 1)")));
 }
 
+TEST_F(MergeTest, LaysBesideWhatALateRemovalMayHaveHiddenFromTheOtherClient) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::remove, ItemNumber::none, "a", "");
+  state_.changeThere(a, kTheirs);
+  EXPECT_EQ(state_.plan(a),
+            settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 1)")));
+}
+
 TEST_F(MergeTest, MovesThereWhatMovedHereThenSendsItsContents) {
   const ItemNumber a = state_.file(top("a"));
   state_.here(a, top("b"), kOurs);
