@@ -152,6 +152,14 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
     shown += line("Left out", counted(integer(status, "refusedEntries"), "entry", "entries") +
                                   " of listings, for impossible names or identifiers");
   }
+  const auto& partial = elements(status, "partialFolders");
+  if (!partial.empty()) {
+    shown += line("Incomplete",
+                  "the server's list of these folders was cut short or is no proper XML; what it "
+                  "lacks is not taken as removed");
+    shown += rows(partial, static_cast<std::int64_t>(partial.size()), most,
+                  [](const JSONValue& folder) { return "  " + shownPath(folder) + "\n"; });
+  }
   const auto count = integer(pending, "count");
   shown += line("To send",
                 count == 0 ? "nothing"

@@ -24,6 +24,7 @@
 #include "host/HostEvents.h"
 #include "host/HostFileManager.h"
 #include "host/HostLog.h"
+#include "host/ListingRules.h"
 #include "host/MountFolder.h"
 #include "host/ProviderKeeper.h"
 #include "host/Registry.h"
@@ -78,6 +79,7 @@ replica::Options replicaOptions(const HostSettings& settings) {
   options.saysNothing = saysNothing;
   options.openFiles = raiseDescriptorLimit();
   options.lastingPart = lastingPart;
+  options.cameWhole = cameWhole;
   return options;
 }
 

@@ -81,6 +81,12 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
     addPath(form, "path", path);
     conflicts.emplace_back(std::move(form));
   }
+  JSONValue::Array partialFolders;
+  for (const auto& path : status.partialFolders) {
+    JSONValue::Object form;
+    addPath(form, "path", path);
+    partialFolders.emplace_back(std::move(form));
+  }
   JSONValue::Object form;
   form.emplace_back("offline", status.offline);
   form.emplace_back("unanswered", status.unanswered);
@@ -88,6 +94,8 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   form.emplace_back("items", status.itemCount);
   form.emplace_back("fetching", status.fetching);
   form.emplace_back("refusedEntries", status.refusedEntries);
+  form.emplace_back("partialListings", status.partialListings);
+  form.emplace_back("partialFolders", std::move(partialFolders));
   form.emplace_back("pending", pendingForm(status, limit));
   form.emplace_back("conflicts", std::move(conflicts));
   form.emplace_back("cache", countForm(status.cachedFiles, status.cachedBytes));

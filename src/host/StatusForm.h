@@ -12,7 +12,7 @@
 namespace kestrowan::host {
 
 /// What the answer to "status" says of a replica: {offline, unanswered, held, items, fetching,
-/// refusedEntries, pending {count, bytes, items}, conflicts, cache {files, bytes}, recovery {files,
+/// refusedEntries, partialListings, partialFolders, pending {count, bytes, items}, conflicts, cache {files, bytes}, recovery {files,
 /// bytes}}. Of the pending items at most `limit`, the failing ones first. Dates are seconds since
 /// 1970-01-01 UTC, sizes bytes.
 JSONValue::Object statusForm(const replica::Status& status, std::size_t limit);

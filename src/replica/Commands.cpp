@@ -8,6 +8,8 @@ namespace kestrowan::replica {
 
 namespace {
 
+constexpr std::size_t kMostPartialFolders = 100;
+
 SyncState stateOf(const Item& item) {
   if (item.localOnly) return SyncState::localOnly;
   if (!item.isPending()) return SyncState::synced;
@@ -88,6 +90,13 @@ Status Replica::Implementation::status(std::size_t limit) const {
   status.fetching = fetcher.inFlight();
   status.conflicts = core.conflicts;
   status.refusedEntries = core.refusedEntries;
+  status.partialListings = core.partialListings;
+  for (const Rid rid : core.tally.partialFolders()) {
+    if (status.partialFolders.size() == kMostPartialFolders) break;
+    if (const auto folder = core.table.find(rid)) {
+      status.partialFolders.push_back(core.table.path(*folder));
+    }
+  }
   return status;
 }
 

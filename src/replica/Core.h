@@ -62,6 +62,7 @@ struct Core {
   std::vector<ItemPtr> unsettled;
   std::vector<std::string> conflicts;
   std::int64_t refusedEntries = 0;
+  std::int64_t partialListings = 0;
   std::mt19937_64 random;
   /// Contents that no row names, but perhaps one did when rows were durable last.
   std::vector<ContentNumber> retired;

@@ -47,6 +47,8 @@ struct FolderRuntime {
   /// Of a listing that lost suspiciously much, and was not applied; 0 for none.
   std::uint64_t suspectedDigest = 0;
   std::int64_t suspectedAt = 0;
+  /// How many of the last listings in a row did not come whole.
+  std::uint32_t partialListings = 0;
 };
 
 /// What is known of an item's way to the provider, while it is on it.

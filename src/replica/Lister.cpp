@@ -32,6 +32,9 @@ constexpr milliseconds kFirstListingWait{60000};
 constexpr std::size_t kLargeListing = 5000;
 constexpr milliseconds kTrimDelay{1000};
 
+/// So often in a row a listing that did not come whole is asked for anew by itself.
+constexpr std::uint32_t kRepeats = 8;
+
 }  // namespace
 
 /// One caller of `prepare`, answered once: by the listing or by the clock.
@@ -64,11 +67,12 @@ bool Lister::isFresh(const Item& folder, std::int64_t within) const {
 }
 
 bool Lister::isCertain(const Item& folder) const {
+  if (folder.folder && folder.folder->partialListings > 0) return false;
   return isRecent(folder, core_.options.freshTime.count(), kCertainFactor);
 }
 
 bool Lister::isComplete(const ItemPtr& folder, const Listing& listing) const {
-  return listing.refused == 0 && core_.folder(folder).suspectedDigest == 0;
+  return listing.provesAbsence() && core_.folder(folder).suspectedDigest == 0;
 }
 
 void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completion) {
@@ -242,10 +246,13 @@ Task<void> Lister::ask(ItemPtr folder) {
   listing->begun = begun;
   core_.refusedEntries += static_cast<std::int64_t>(listing->refused);
   core_.folder(folder).lastDuration = core_.uptime() - uptime;
+  listing->whole = !core_.options.cameWhole ||
+                   core_.options.cameWhole(identifier, milliseconds(core_.uptime() - uptime));
+  noteWholeness(folder, listing->whole);
   try {
     if (apply(folder, *listing)) {
       folder->listedAt = at;
-      core_.save(folder);
+      if (listing->whole) core_.save(folder);
     }
     finish(folder, ListingPtr(listing));
     if (listing->entries.size() >= kLargeListing) {
@@ -253,6 +260,26 @@ Task<void> Lister::ask(ItemPtr folder) {
     }
   } catch (const NSError& error) {
     finish(folder, error);
+  }
+}
+
+/// A listing that did not come whole is asked for anew, at first soon.
+void Lister::noteWholeness(const ItemPtr& folder, bool whole) {
+  FolderRuntime& runtime = core_.folder(folder);
+  if (whole) {
+    if (std::exchange(runtime.partialListings, 0) != 0) {
+      core_.log("the listing came whole again", *folder);
+      core_.tally.note(*folder);
+    }
+    return;
+  }
+  ++core_.partialListings;
+  if (++runtime.partialListings == 1) {
+    core_.log("a listing did not come whole and removes nothing", *folder);
+    core_.tally.note(*folder);
+  }
+  if (runtime.partialListings <= kRepeats) {
+    listLater(folder, backOff(runtime.partialListings, core_.random()));
   }
 }
 

@@ -63,6 +63,7 @@ class Lister {
   Task<void> run(ItemPtr folder);
   Task<void> ask(ItemPtr folder);
   void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
+  void noteWholeness(const ItemPtr& folder, bool whole);
   void listLater(const ItemPtr& folder, std::chrono::milliseconds delay);
   void watch(const ItemPtr& folder);
   void walked(const ItemPtr& folder);

@@ -33,6 +33,8 @@ struct Listing {
   Listing(const std::vector<NSFileProviderItemPtr>& items, Rid folder,
           const NSFileProviderItemIdentifier& identifier, const Options& options);
 
+  /// Whether what it lacks is not there.
+  bool provesAbsence() const { return whole && refused == 0; }
   /// Null when there is none.
   const Entry* find(std::string_view name) const;
   /// The same for names in any order.
@@ -41,6 +43,8 @@ struct Listing {
   std::vector<Entry> entries;
   /// How many entries were not admitted. A listing with such proves nothing about missing names.
   std::size_t refused = 0;
+  /// Whether all of it came. One that did not proves nothing about missing names either.
+  bool whole = true;
   Sequence begun = 0;
 
  private:

@@ -50,7 +50,8 @@ bool Lister::isSuspicious(const ItemPtr& folder, const Listing& listing) {
 }
 
 bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
-  if (isSuspicious(folder, listing)) return false;
+  // What only a part of a listing lacks is no matter of belief: it is not removed at all.
+  if (listing.whole && isSuspicious(folder, listing)) return false;
   Rows::Batch batch(core_.rows);
   FolderRuntime& runtime = core_.folder(folder);
   runtime.shadowed.clear();
@@ -107,7 +108,7 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
   }
 
   // A listing with entries that could not be admitted may have lost others to the same fault.
-  if (listing.refused == 0) {
+  if (listing.provesAbsence()) {
     for (const ItemPtr& item : vanished) {
       if (!item->gone && item->base) vanish(item, false);
     }

@@ -33,6 +33,11 @@ struct Options {
   /// Whether a content version in an answer to a change or a fetch says nothing of the contents;
   /// only an empty one does when this is empty.
   std::function<bool(const NSData& version)> saysNothing;
+  /// Whether the last listing of a folder, which was asked for so long ago, came whole; each did
+  /// when this is empty. One that did not proves nothing by what it lacks. Called with locks held,
+  /// and must not call back.
+  std::function<bool(const NSFileProviderItemIdentifier& folder, std::chrono::milliseconds age)>
+      cameWhole;
   /// Stands in the names of conflict copies.
   std::string hostName = "here";
 

@@ -24,6 +24,11 @@ constexpr std::int64_t kDateTolerance = 2;
 /// A request whose sender died may still take effect for so many seconds.
 constexpr std::int64_t kLandingTime = 10;
 
+/// Why nothing is sent that a whole listing would have to allow.
+NSError partialListing() {
+  return NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+}
+
 bool filesAreEqual(const std::string& a, const std::string& b) {
   const UniqueFd first(::open(a.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   const UniqueFd second(::open(b.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -74,7 +79,13 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
       fail(item, listed.error());
       co_return false;
     }
-    if (const auto* entry = listed.value()->find(known.name)) found = entry->base;
+    if (const auto* entry = listed.value()->find(known.name)) {
+      found = entry->base;
+    } else if (!listed.value()->whole) {
+      std::lock_guard lock(core_.mutex);
+      fail(item, partialListing());
+      co_return false;
+    }
   }
   {
     std::lock_guard lock(core_.mutex);
@@ -183,7 +194,7 @@ Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
       }
       co_return false;
     }
-    bool empty = listed.value()->refused == 0;
+    bool empty = listed.value()->provesAbsence();
     for (const auto& entry : listed.value()->entries) {
       const ItemPtr child = core_.table.serverChild(at->rid, entry.base.name);
       empty = empty && child && child->removed && child->kind == entry.kind &&
@@ -279,6 +290,11 @@ Task<bool> Sender::verify(ItemPtr item) {
   }
   std::optional<Listing::Entry> atTarget;
   if (const auto* found = listed.value()->find(sent.name)) atTarget = *found;
+  if (!atTarget && !(listed.value()->whole && listedSource.value()->whole)) {
+    std::lock_guard lock(core_.mutex);
+    fail(item, partialListing());
+    co_return false;
+  }
   const bool moved = before && (before->parent != sent.parent || before->name != sent.name);
   const bool stillAtSource = before && moved && listedSource.value()->find(before->name) != nullptr;
   if (moved && stillAtSource) atTarget.reset();
@@ -342,7 +358,7 @@ Task<bool> Sender::verify(ItemPtr item) {
     }
     core_.setBase(item, std::move(now));
   } else if (moved && atTarget && !item->removed && item->content != 0 &&
-             listedSource.value()->refused == 0) {
+             listedSource.value()->provesAbsence()) {
     // Somebody removed it, and the name that it was to get is another's: what is here lives on.
     core_.setBase(item, std::nullopt);
   }

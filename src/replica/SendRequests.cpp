@@ -132,6 +132,11 @@ Task<void> Sender::sendCreation(ItemPtr item) {
       // A listing may tell of it without having been believed as a whole.
       if (const auto* entry = listing->find(item->name)) taken = *entry;
     }
+    if (!taken && listing && !listing->whole && !item->isFolder()) {
+      // What it lacks may be there, and would be replaced.
+      fail(item, NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse));
+      co_return;
+    }
   }
   if (taken) {
     Listing::Entry entry = std::move(*taken);

@@ -33,6 +33,12 @@ void Tally::note(const Item& item) {
   std::optional<std::int64_t> here;
   if (item.content != 0 && !item.gone && item.base && !item.contentsChanged) here = item.size;
   recount(cached_, cachedBytes_, item.rid, here);
+
+  if (!item.gone && item.folder && item.folder->partialListings > 0) {
+    partialFolders_.insert(item.rid);
+  } else {
+    partialFolders_.erase(item.rid);
+  }
 }
 
 }  // namespace kestrowan::replica

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <unordered_map>
 
 #include "replica/ContentStore.h"
@@ -8,8 +9,9 @@
 
 namespace kestrowan::replica {
 
-/// Which items have something to be sent, and which contents could be fetched again: kept up with
-/// each change of an item, so that a question takes no look at all items. Guarded by the core's
+/// Which items have something to be sent, which contents could be fetched again, and which folders'
+/// listings do not come whole: kept up with each change of an item, so that a question takes no look
+/// at all items. Guarded by the core's
 /// lock. Sizes are bytes.
 class Tally {
  public:
@@ -25,12 +27,15 @@ class Tally {
   ContentStore::Usage cached() const {
     return {static_cast<std::int64_t>(cached_.size()), cachedBytes_};
   }
+  /// The folders whose last listing did not come whole.
+  const std::set<Rid>& partialFolders() const { return partialFolders_; }
 
  private:
   Pending pending_;
   std::int64_t pendingBytes_ = 0;
   std::unordered_map<Rid, std::int64_t> cached_;
   std::int64_t cachedBytes_ = 0;
+  std::set<Rid> partialFolders_;
 };
 
 }  // namespace kestrowan::replica

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -17,6 +18,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/commands/Finding.h"
 #include "host/BridgeAccess.h"
+#include "host/ListingRules.h"
 #include "mount/PathTrust.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSFileManager.h"
@@ -86,10 +88,19 @@ Finding checkTemporaryDirectory() {
 }
 
 Finding checkServer(const GlobalOptions& options) {
+  using Clock = std::chrono::steady_clock;
   CommandContext context(options);
   const NSFileProviderItemIdentifier root(NSFileProviderRootContainerItemIdentifier);
+  const auto begun = Clock::now();
   try {
     const auto items = listFolder(context.extension(), root).get();
+    const auto age = std::chrono::ceil<std::chrono::milliseconds>(Clock::now() - begun);
+    if (!host::cameWhole(root, age)) {
+      return {"server", Verdict::warning,
+              "answers, but its list of the root is cut short or is no proper XML: " +
+                  std::to_string(items.size()) +
+                  " items could be read; the server's own log may tell more"};
+    }
     return {"server", Verdict::good,
             "answers, with " + std::to_string(items.size()) + " items in the root"};
   } catch (const NSError& error) {

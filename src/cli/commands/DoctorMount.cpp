@@ -12,6 +12,7 @@
 #include "cli/commands/Finding.h"
 #include "host/CommandAdvice.h"
 #include "host/Directories.h"
+#include "host/PathForm.h"
 #include "host/StaleMount.h"
 #include "mount/Fusermount.h"
 #include "mount/PathTrust.h"
@@ -105,6 +106,13 @@ Finding checkHost(const host::HostEntry& host) {
     const auto status =
         ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
     const auto* pending = status.member("pending");
+    const auto* partial = status.member("partialFolders");
+    if (partial != nullptr && partial->array() != nullptr && !partial->array()->empty()) {
+      return {"mount", Verdict::warning,
+              shown + ": the server's list of a folder is cut short or is no proper XML, as of " +
+                  escapedForDisplay(host::pathIn(partial->array()->front(), "path")) +
+                  "; see kestrowan status"};
+    }
     return {"mount", Verdict::good,
             shown + ": domain " + escapedForDisplay(host.domain) + ", for " +
                 (host.container.empty() ? "a container that it does not tell"

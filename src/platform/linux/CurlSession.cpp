@@ -8,6 +8,7 @@
 
 #include "platform/linux/CurlBodyPipe.h"
 #include "platform/linux/CurlDownloadFile.h"
+#include "platform/network/FinishedTransfers.h"
 
 namespace kestrowan {
 
@@ -47,6 +48,11 @@ Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
                            NSURLRequest request,
                            std::shared_ptr<NSURLSessionDataReceiver> receiver) {
   const auto pipe = std::make_shared<CurlBodyPipe>();
+  const auto body = std::make_shared<ReceivedBody>();
+  FinishedTransfer finished{.httpMethod = request.httpMethod,
+                            .url = request.url.absoluteString(),
+                            .finishedAt = {},
+                            .body = body};
   const auto transfer =
       std::make_shared<CurlTransfer>(CurlTransfer::Kind::data, std::move(request), *headers, pipe);
   Submission submission{engine, transfer, pipe.get()};
@@ -55,12 +61,24 @@ Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
   while (true) {
     const auto taken = pipe->take(piece);
     if (taken.wasFull) engine->resume(transfer);
-    if (!piece.empty()) receiver->didReceiveData(piece);
+    try {
+      const ReceivedBody::Delivery delivery(body);
+      if (!piece.empty()) receiver->didReceiveData(piece);
+    } catch (...) {
+      pipe->abandon();
+      engine->resume(transfer);
+      throw;
+    }
     if (taken.ended) break;
     MoreData more{pipe.get()};
     co_await more;
   }
-  co_return pipe->response();
+  const auto response = pipe->response();
+  const auto* http = dynamic_cast<const NSHTTPURLResponse*>(response.get());
+  finished.httpStatus = http ? http->statusCode() : 0;
+  finished.finishedAt = FinishedTransfers::Clock::now();
+  FinishedTransfers::shared().add(std::move(finished));
+  co_return response;
 }
 
 Task<Response> sendDiscarding(std::shared_ptr<CurlEngine> engine, Headers headers,

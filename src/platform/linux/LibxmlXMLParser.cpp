@@ -13,6 +13,7 @@
 #include "platform/base/Fatal.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSXMLParser.h"
+#include "platform/network/ReceivedBody.h"
 
 namespace kestrowan {
 
@@ -194,6 +195,8 @@ struct NSXMLParser::Engine {
   }
 
   NSXMLParserDelegate& delegate;
+  /// Null when what is parsed is no answer's body.
+  std::shared_ptr<ReceivedBody> body;
   xmlParserCtxtPtr context = nullptr;
   bool failed = false;
   bool stopped = false;
@@ -219,6 +222,7 @@ NSXMLParser::NSXMLParser(NSXMLParserDelegate& delegate)
 NSXMLParser::~NSXMLParser() = default;
 
 bool NSXMLParser::append(std::string_view bytes) {
+  if (!engine_->body) engine_->body = ReceivedBody::beingDelivered();
   bool isWellFormed = !engine_->failed;
   while (isWellFormed && !bytes.empty()) {
     isWellFormed = engine_->parse(bytes.substr(0, kPiece), false);
@@ -228,7 +232,9 @@ bool NSXMLParser::append(std::string_view bytes) {
 }
 
 bool NSXMLParser::finish() {
-  return engine_->parse({}, true) && !engine_->leftOut;
+  const bool isWhole = engine_->parse({}, true) && !engine_->leftOut;
+  if (engine_->body) engine_->body->setWhole(isWhole);
+  return isWhole;
 }
 
 }  // namespace kestrowan

@@ -1,10 +1,12 @@
 #include <map>
+#include <set>
 #include <variant>
 
 #include "platform/foundation/JSONDecoder.h"
 #include "platform/foundation/JSONEncoding.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/WholeNumber.h"
+#include "platform/linux/JSONText.h"
 #include "platform/linux/NlohmannSax.h"
 
 namespace kestrowan {
@@ -20,7 +22,8 @@ using MemberMap = std::map<std::string, Member, std::less<>>;
 /// Collects the members of the outermost object.
 class MemberReader : public NlohmannSax {
  public:
-  explicit MemberReader(MemberMap& members) : members_(members) {}
+  MemberReader(MemberMap& members, const std::set<std::size_t>& brokenStrings)
+      : members_(members), brokenStrings_(brokenStrings) {}
 
   bool null() override { return add(OtherValue()); }
   bool boolean(bool) override { return add(OtherValue()); }
@@ -33,8 +36,12 @@ class MemberReader : public NlohmannSax {
     if (const auto whole = wholeNumberFromJSONToken(token)) return add(*whole);
     return add(OtherValue());
   }
-  bool string(string_t& text) override { return add(std::move(text)); }
+  bool string(string_t& text) override {
+    if (brokenStrings_.contains(strings_++)) return add(OtherValue());
+    return add(std::move(text));
+  }
   bool key(string_t& name) override {
+    ++strings_;
     if (depth() == 1) name_ = std::move(name);
     return true;
   }
@@ -59,6 +66,8 @@ class MemberReader : public NlohmannSax {
   }
 
   MemberMap& members_;
+  const std::set<std::size_t>& brokenStrings_;
+  std::size_t strings_ = 0;  // so far
   std::string name_;
 };
 
@@ -88,8 +97,10 @@ struct KeyedDecodingContainer::Members {
 KeyedDecodingContainer::KeyedDecodingContainer(std::string_view json)
     : members_(std::make_unique<Members>()) {
   const auto text = utf8FromJSONText(json);
-  MemberReader reader(members_->byName);
-  if (!text || !readJSON(*text, reader)) throw decodingError(NSCoderReadCorruptError, "");
+  if (!text) throw decodingError(NSCoderReadCorruptError, "");
+  const auto readable = readableJSON(*text);
+  MemberReader reader(members_->byName, readable.brokenStrings);
+  if (!readJSON(readable.text, reader)) throw decodingError(NSCoderReadCorruptError, "");
 }
 
 KeyedDecodingContainer::~KeyedDecodingContainer() = default;

@@ -43,8 +43,8 @@ class NSURLSessionDataReceiver {
   virtual ~NSURLSessionDataReceiver() = default;
 
   /// The next piece of the body, in order, on an executor thread, one call at a time, and only
-  /// before the task that it belongs to completes. Must not throw. The view is valid only during
-  /// the call.
+  /// before the task that it belongs to completes. What it throws ends the transfer and is the
+  /// task's error. The view is valid only during the call.
   virtual void didReceiveData(std::string_view data) = 0;
 };
 

@@ -106,5 +106,13 @@ TEST(DurationText, IsShort) {
   EXPECT_EQ(durationText(86400 * 3 + 7200), "3 d 2 h");
 }
 
+TEST(StatusText, FoldersWhoseListingWasCutAreNamed) {
+  const auto text = statusText(
+      status(R"(,"partialFolders":[{"path":"/Home/cut"},{"path":"/Home/too"}])"), kNow, 1);
+  EXPECT_THAT(text, HasSubstr("Incomplete:"));
+  EXPECT_THAT(text, HasSubstr("  /Home/cut\n  … and 1 more\n"));
+  EXPECT_THAT(statusText(status(R"(,"partialFolders":[])"), kNow, 1), Not(HasSubstr("Incomplete")));
+}
+
 }  // namespace
 }  // namespace kestrowan::cli

@@ -33,9 +33,12 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
   status.recoveredBytes = 5;
   status.conflicts = {"/Home/b (conflict).txt"};
   status.refusedEntries = 2;
+  status.partialListings = 3;
+  status.partialFolders = {"/Home/cut"};
   EXPECT_EQ(
       JSONValue(statusForm(status, 10)).serialized(),
       R"({"offline":true,"unanswered":null,"held":"no bridge file","items":20,"fetching":0,"refusedEntries":2,)"
+      R"("partialListings":3,"partialFolders":[{"path":"/Home/cut"}],)"
       R"("pending":{"count":1,"bytes":12,"items":[{"path":"/Home/a.txt","kind":"file",)"
       R"("state":"retrying","changes":"contents","size":12,"downloaded":true,"pinned":false,)"
       R"("failure":{"class":"slow","domain":"D","code":-3,"text":"full","since":100,"next":200,)"

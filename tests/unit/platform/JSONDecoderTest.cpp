@@ -75,6 +75,27 @@ TEST(JSONDecoderTest, ValuesOfAnotherKindAreCorrupt) {
   }
 }
 
+TEST(JSONDecoderTest, MembersThatAreNotAskedForMayHoldAnyNumberAndHalfCharacters) {
+  const std::string digits(400, '9');
+  for (const auto& value :
+       {std::string("1e400"), std::string("-1e400"), digits, "-" + digits + ".5", digits + "e999",
+        std::string(R"("\ud800")"), std::string(R"("a\udc00b")"), std::string(R"("\ud800\ud800")"),
+        std::string(R"([1e400,{"s":"\ud800"}])")}) {
+    EXPECT_EQ(numberIn(R"({"x":)" + value + R"(,"n":5})"), 5) << value;
+    EXPECT_EQ(textIn(R"({"\ud800":1,"x":)" + value + R"(,"s":"\ud83d\ude00"})"), "\xF0\x9F\x98\x80")
+        << value;
+    EXPECT_EQ(codeThrownBy([&] { numberIn(R"({"n":)" + value + "}"); }), NSCoderReadCorruptError);
+    EXPECT_EQ(codeThrownBy([&] { textIn(R"({"s":)" + value + "}"); }), NSCoderReadCorruptError);
+  }
+}
+
+TEST(JSONDecoderTest, NumbersThatAreNoneAreErrorsWhereverTheyStand) {
+  for (const auto* value : {"01", "1.", ".5", "-", "1e", "1e+", "+1", "1-2", "0x1", "1.5.5"}) {
+    EXPECT_EQ(codeOfParsing(std::string("{\"x\":") + value + ",\"n\":5}"), NSCoderReadCorruptError)
+        << value;
+  }
+}
+
 TEST(JSONDecoderTest, AbsentMembersAreNotFound) {
   EXPECT_EQ(codeThrownBy([] { numberIn("{}"); }), NSCoderValueNotFoundError);
   EXPECT_EQ(codeThrownBy([] { textIn("{\"S\":\"a\"}"); }), NSCoderValueNotFoundError);

@@ -244,5 +244,104 @@ TEST_F(ListingTest, NothingIsAskedForThatWasNotAdmitted) {
   EXPECT_EQ(world.extension().count(CallKind::fetchContents), 0u);
 }
 
+/// A provider whose listings come whole only while it is said so.
+class PartialListingTest : public testing::Test {
+ protected:
+  PartialListingTest() {
+    for (const auto* name : {"/a", "/b", "/c", "/d"}) world.server().writeFile(name, "x");
+  }
+
+  replica::Options options() {
+    replica::Options made;
+    made.cameWhole = [this](const NSFileProviderItemIdentifier& folder, std::chrono::milliseconds) {
+      EXPECT_FALSE(folder.empty());
+      return whole;
+    };
+    return made;
+  }
+
+  bool whole = true;
+  ReplicaWorld world{{}, options()};
+};
+
+TEST_F(PartialListingTest, RemovesNothingHoweverOftenItComes) {
+  world.list("/");
+  EXPECT_EQ(world.read("/a"), "x");
+  whole = false;
+  for (const auto* name : {"/a", "/b", "/c"}) world.server().remove(name);
+  for (int i = 0; i < 10; ++i) {
+    world.advance(seconds(60));
+    EXPECT_THAT(world.list("/"), ElementsAre("a", "b", "c", "d"));
+  }
+  whole = true;
+  world.advance(seconds(120));
+  world.list("/");
+  world.advance(seconds(120));
+  EXPECT_THAT(world.list("/"), ElementsAre("d"));
+}
+
+TEST_F(PartialListingTest, ShowsWhatIsNew) {
+  world.list("/");
+  whole = false;
+  world.server().writeFile("/e", "x");
+  world.advance(seconds(60));
+  EXPECT_THAT(world.list("/"), ElementsAre("a", "b", "c", "d", "e"));
+}
+
+TEST_F(PartialListingTest, IsAskedForAgainAndThenNamedNoLonger) {
+  whole = false;
+  world.list("/");
+  EXPECT_THAT(world.replica().status().partialFolders, ElementsAre("/"));
+  EXPECT_GE(world.replica().status().partialListings, 1);
+  world.extension().clearCalls();
+  whole = true;
+  world.advance(seconds(3));
+  EXPECT_GE(world.extension().count(CallKind::enumerateItems), 1u);
+  EXPECT_THAT(world.replica().status().partialFolders, ElementsAre());
+}
+
+TEST_F(PartialListingTest, IsAskedForEverMoreRarely) {
+  whole = false;
+  world.list("/");
+  world.extension().clearCalls();
+  world.advance(std::chrono::hours(24));
+  EXPECT_LE(world.extension().count(CallKind::enumerateItems), 30u);
+}
+
+TEST_F(PartialListingTest, DoesNotAllowAFileToReplaceWhatItLacks) {
+  world.list("/");
+  whole = false;
+  world.advance(seconds(60));
+  world.server().writeFile("/new", "theirs");
+  // The server has it, and the listing does not say so.
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::enumerateItems) fault.entries = 4;
+    return fault;
+  });
+  world.write("/new", "ours");
+  world.advance(seconds(600));
+  EXPECT_EQ(world.server().tree().at("/new"), "theirs");
+  EXPECT_EQ(world.read("/new"), "ours");
+  world.extension().setFaults({});
+  whole = true;
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().tree().at("/new"), "theirs");
+}
+
+TEST_F(PartialListingTest, DoesNotProveThatARemovedFileIsGone) {
+  world.list("/");
+  whole = false;
+  world.advance(seconds(60));
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.kind == CallKind::enumerateItems) fault.entries = 0;
+    return fault;
+  });
+  world.remove("/a");
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().tree().count("/a"), 0u);
+}
+
 }  // namespace
 }  // namespace kestrowan::test
