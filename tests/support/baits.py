@@ -56,7 +56,7 @@ def lay(directory):
              "certificates/bait.0", "gconv/gconv-modules", "gconv/gconv-modules.cache",
              "zones/Europe/Paris", "krb5.conf", "ldap.conf", "ldaprc",
              "home/.netrc", "home/.curlrc", "home/.sqliterc", "home/.ldaprc", "hosts", "messages",
-             "sqlite/bait", "ctlog.cnf"]
+             "sqlite/bait", "ctlog.cnf", "catalog.xml"]
     icu = _icu_name()
     names.append(f"icu/{icu}.dat")
     names += [f"icu/{icu}/{name}" for name in (
@@ -80,5 +80,5 @@ def lay(directory):
         "HOME": "home", "ICU_DATA": "icu", "ICU_TIMEZONE_FILES_DIR": f"icu/{icu}",
         "GCONV_PATH": "gconv", "NLSPATH": "messages", "TZDIR": "zones",
         "KRB5_CONFIG": "krb5.conf", "LDAPCONF": "ldap.conf", "LDAPRC": "ldaprc",
-        "HOSTALIASES": "hosts", "SQLITE_TMPDIR": "sqlite",
+        "HOSTALIASES": "hosts", "XML_CATALOG_FILES": "catalog.xml", "SQLITE_TMPDIR": "sqlite",
     }.items()} | {"LC_ALL": "en_US.UTF-8", "LANG": "en_US.UTF-8", "TZ": "Europe/Paris"}

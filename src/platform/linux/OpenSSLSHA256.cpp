@@ -4,6 +4,7 @@
 
 #include "platform/base/Fatal.h"
 #include "platform/foundation/SHA256.h"
+#include "platform/linux/OpenSSLSetUp.h"
 
 namespace kestrowan {
 
@@ -11,7 +12,8 @@ std::string sha256Text(std::string_view bytes) {
   constexpr char kHex[] = "0123456789abcdef";
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
   unsigned int size = 0;
-  if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
+  if (!setUpOpenSSL() ||
+      EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
     fatalError("the system has no SHA-256");
   }
   std::string text;
