@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from driver import FILE_PROVIDER, ROOT, URL, error_of, start
+from driver import COCOA, FILE_PROVIDER, ROOT, URL, error_of, start
 from multistatus import HEAD, TAIL, multistatus, response, status
 
 LOST = (URL, -1005)
@@ -90,6 +90,54 @@ def test_an_early_refusal_of_an_upload_is_heard(scene):
         assert error_of(reply) == (FILE_PROVIDER, -1000)
 
 
+BROKEN = {
+    "no length and no closing alert": {"length": None, "then": "drop"},
+    "fewer bytes than announced": {"length": 1000, "then": "drop"},
+    "a chunk too few": {"chunked": True, "cut": 110, "then": "close"},
+    "an unknown coding": {"headers": [["Transfer-Encoding", "gzip"]]},
+}
+
+
+@pytest.mark.parametrize("how", BROKEN)
+def test_the_status_counts_where_the_body_is_ignored(scene, how):
+    broken = {"body": "0123456789" * 20, **BROKEN[how]}
+    rename = {"item": {"itemIdentifier": "/a", "filename": "b", "parentItemIdentifier": ROOT},
+              "changedFields": ["filename"]}
+    scene.routes({"DELETE /a": status(404, **broken), "MOVE /a": status(412, **broken),
+                  "MKCOL /new": status(201, **broken), "PUT /file": status(201, **broken)},
+                 responses=[multistatus(response("/made"))])
+    body = scene.directory / "body"
+    body.write_bytes(b"contents")
+    with scene.drive() as drive:
+        assert error_of(drive.call("deleteItem", identifier="/a")) == (FILE_PROVIDER, -1004)
+        assert error_of(drive.call("modifyItem", **rename)) == (COCOA, 516)
+        folder = {"filename": "new", "parentItemIdentifier": ROOT, "contentType": "public.folder"}
+        assert drive.call("createItem", item=folder)["error"] is None
+        file = {"filename": "file", "parentItemIdentifier": ROOT}
+        assert drive.call("createItem", item=file, contents=str(body))["error"] is None
+
+
+@pytest.mark.parametrize("how", BROKEN)
+def test_a_broken_body_that_is_used_is_an_error_whatever_the_status(scene, how):
+    broken = {"body": "0123456789" * 20, **BROKEN[how]}
+    scene.script(*(status(code, **broken) for code in (207, 404, 207, 404)))
+    with scene.drive() as drive:
+        for request in ("enumerateItems", "enumerateItems", "fetchContents", "fetchContents"):
+            assert error_of(drive.call(request, identifier="/a")) in BAD_ANSWER
+    assert scene.leftovers() == []
+
+
+@pytest.mark.parametrize("coding", ["identity", "gzip", "unknown", "gzip, chunked", ""])
+def test_a_file_of_another_coding_than_chunked_is_not_taken_for_whole(scene, coding):
+    target = scene.directory / "target"
+    scene.script({"raw": f"HTTP/1.1 200 OK\r\nTransfer-Encoding: {coding}\r\n"
+                         "Content-Length: 1000\r\n\r\n0123456789", "then": "close"})
+    result = scene.run("get", "/a", target)
+    assert result.returncode == 1
+    assert b"NSURLErrorDomain -1017" in result.stderr
+    assert not target.exists()
+
+
 def test_interim_answers_are_passed_over(scene):
     scene.script(dict(multistatus(response("/a")), interim=[100, 102, 103]))
     with scene.drive() as drive:
@@ -145,6 +193,22 @@ def test_a_million_responses_arrive(scene):
     assert len(lines) == count
     assert lines[0] == b"f0"
     assert lines[-1] == b"f999999"
+    process.stderr.close()
+    process.stdout.close()
+
+
+def test_a_listing_of_any_length_is_read(scene):
+    count = 30000
+    filler = "<x:y xmlns:x='z'>" + "x" * 950 + "</x:y>"
+    each = "<D:response><D:href>/f%d</D:href>" + filler * 11 + "</D:response>"
+    assert count * len(each) > 280 << 20
+    scene.script({"status": 207, "chunked": True, "repeat": {
+        "before": HEAD, "each": each, "count": count, "after": TAIL}})
+    process = start("ls", "--timeout", "600", container=scene.container)
+    lines = [line.rstrip(b"\n") for line in process.stdout]
+    assert process.wait() == 0, process.stderr.read()
+    assert len(lines) == count
+    assert lines[-1] == b"f29999"
     process.stderr.close()
     process.stdout.close()
 

@@ -57,6 +57,8 @@ struct Detached {
       DetachedCount::shared().remove();
     }
 
+    std::shared_ptr<Abandonment> abandonment = Abandonment::current();
+
     Detached get_return_object() const noexcept { return {}; }
     std::suspend_never initial_suspend() const noexcept { return {}; }
     std::suspend_never final_suspend() const noexcept { return {}; }

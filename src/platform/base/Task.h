@@ -3,8 +3,11 @@
 #include <chrono>
 #include <coroutine>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <utility>
+
+#include "platform/base/Abandonment.h"
 
 namespace kestrowan {
 
@@ -30,6 +33,7 @@ std::exception_ptr currentException() noexcept;
 
 struct TaskPromiseBase {
   std::coroutine_handle<> continuation;
+  std::shared_ptr<Abandonment> abandonment;
   std::exception_ptr exception;
 
   std::suspend_always initial_suspend() const noexcept { return {}; }
@@ -61,12 +65,29 @@ struct TaskPromise<void> : TaskPromiseBase {
   }
 };
 
+/// Starts a task, which gets the awaiting task's abandonment, and resumes with what it came to.
+template <typename T>
+struct TaskAwaiter {
+  std::coroutine_handle<TaskPromise<T>> handle;
+  bool await_ready() const noexcept { return false; }
+  template <typename Promise>
+  std::coroutine_handle<> await_suspend(std::coroutine_handle<Promise> awaiting) noexcept {
+    handle.promise().continuation = awaiting;
+    if constexpr (requires { awaiting.promise().abandonment; }) {
+      handle.promise().abandonment = awaiting.promise().abandonment;
+    }
+    return handle;
+  }
+  T await_resume() { return handle.promise().take(); }
+};
+
 }  // namespace detail
 
 /// An asynchronous operation that yields one `T` or throws one exception to its only awaiter.
 ///
 /// Lazy: the body starts when the task is awaited, on the awaiting thread. The task owns the
 /// coroutine frame and is awaited at most once; destroying it before that discards the operation.
+/// A task that runs out of memory throws `NSError` of `NSPOSIXErrorDomain`, `ENOMEM`.
 template <typename T>
 class [[nodiscard]] Task {
  public:
@@ -79,18 +100,7 @@ class [[nodiscard]] Task {
     if (handle_) handle_.destroy();
   }
 
-  auto operator co_await() && noexcept {
-    struct Awaiter {
-      std::coroutine_handle<promise_type> handle;
-      bool await_ready() const noexcept { return false; }
-      std::coroutine_handle<> await_suspend(std::coroutine_handle<> awaiting) noexcept {
-        handle.promise().continuation = awaiting;
-        return handle;
-      }
-      T await_resume() { return handle.promise().take(); }
-    };
-    return Awaiter{handle_};
-  }
+  auto operator co_await() && noexcept { return detail::TaskAwaiter<T>{handle_}; }
 
  private:
   std::coroutine_handle<promise_type> handle_;
@@ -109,8 +119,8 @@ inline Task<void> TaskPromise<void>::get_return_object() {
 
 }  // namespace detail
 
-/// Starts `task` as a background task of its own on the shared executor and returns at once.
-/// The task must handle its errors itself: one that leaves it is a line in the log.
+/// Starts `task` as a background task of its own on the shared executor and returns at once. It has
+/// the calling thread's current `Abandonment`. The task must handle its errors itself: one that leaves it is a line in the log.
 void startDetached(Task<void> task);
 
 /// Waits until no background task is left, frames and what they held included, for at most `limit`;

@@ -15,7 +15,6 @@ constexpr std::size_t kMostBytes = 1024 * 1024;
 
 bool CurlBodyPipe::write(std::string_view data) {
   std::unique_lock lock(mutex_);
-  if (abandoned_) throw NSError(NSURLErrorDomain, NSURLErrorCancelled);
   if (gathered_.size() >= kMostBytes) {
     full_ = true;
     return false;
@@ -52,12 +51,6 @@ CurlBodyPipe::Taken CurlBodyPipe::take(std::string& piece) {
   if (auto error = std::exchange(error_, nullptr)) std::rethrow_exception(std::move(error));
   piece.swap(gathered_);
   return {std::exchange(full_, false), ended_};
-}
-
-void CurlBodyPipe::abandon() {
-  std::lock_guard lock(mutex_);
-  abandoned_ = true;
-  gathered_.clear();
 }
 
 bool CurlBodyPipe::isWorthTaking() const {

@@ -33,8 +33,6 @@ class CurlBodyPipe : public CurlBodySink {
   /// Moves what has gathered into `piece`, whose old contents are dropped. Throws the error of a
   /// failed transfer, and then drops what has gathered.
   Taken take(std::string& piece);
-  /// The reader wants nothing more: the transfer's next `write` throws `NSURLErrorCancelled`.
-  void abandon();
   /// The response, after the end.
   std::shared_ptr<const NSURLResponse> response() const { return response_; }
 
@@ -46,7 +44,6 @@ class CurlBodyPipe : public CurlBodySink {
   std::string gathered_;
   bool full_ = false;
   bool ended_ = false;
-  bool abandoned_ = false;
   std::coroutine_handle<> reader_;
   std::shared_ptr<const NSURLResponse> response_;
   std::exception_ptr error_;

@@ -15,6 +15,9 @@ class CurlBodySink {
  public:
   virtual ~CurlBodySink() = default;
 
+  /// Whether the body does not matter, so that the status counts once the head is whole.
+  virtual bool ignoresBody() const { return false; }
+
   /// Comes before the request is sent. Throws `NSError` when there is no room for a body.
   virtual void open() {}
   /// Takes `data` whole, or nothing of it (false) when it must wait: whoever reads the sink then
@@ -32,6 +35,7 @@ class CurlDiscardingSink : public CurlBodySink {
 
   explicit CurlDiscardingSink(std::shared_ptr<Result> result) : result_(std::move(result)) {}
 
+  bool ignoresBody() const override { return true; }
   bool write(std::string_view) override { return true; }
   void finish(std::shared_ptr<const NSURLResponse> response) override {
     result_->resolve(std::move(response));

@@ -51,7 +51,9 @@ CURLM* makeMulti(std::size_t connections) {
 }  // namespace
 
 CurlEngine::CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits)
-    : challenger_(std::move(delegate)), limits_(limits) {}
+    : challenger_(std::move(delegate)), limits_(limits), cancelled_(urlError(NSURLErrorCancelled)) {
+  spareHandles_.reserve(limits.transfers);
+}
 
 CurlEngine::~CurlEngine() = default;
 
@@ -60,22 +62,35 @@ void CurlEngine::setSession(std::weak_ptr<NSURLSession> session) {
 }
 
 void CurlEngine::submit(std::shared_ptr<CurlTransfer> transfer) {
+  const auto abandonment = transfer->abandonment();
   {
-    std::lock_guard lock(mutex_);
-    if (!stopping_) {
-      if (!multi_) startThread();
-      submitted_.push_back(std::move(transfer));
-      wake();
+    std::unique_lock lock(mutex_);
+    if (stopping_) {
+      lock.unlock();
+      transfer->fail(cancelled_);
       return;
     }
+    if (!multi_) startThread();
+    submitted_.push_back(std::move(transfer));
+    wake();
   }
-  transfer->fail(urlError(NSURLErrorCancelled));
+  if (!abandonment) return;
+  abandonment->whenDeclared([engine = weak_from_this()] {
+    if (const auto living = engine.lock()) living->dropUnwanted();
+  });
 }
 
 void CurlEngine::resume(std::shared_ptr<CurlTransfer> transfer) {
   std::lock_guard lock(mutex_);
   if (stopping_) return;
   resumed_.push_back(std::move(transfer));
+  wake();
+}
+
+void CurlEngine::dropUnwanted() {
+  std::lock_guard lock(mutex_);
+  if (stopping_ || !multi_) return;
+  someUnwanted_ = true;
   wake();
 }
 
@@ -114,8 +129,9 @@ void CurlEngine::run() noexcept {
     int stillRunning = 0;
     curl_multi_perform(multi_, &stillRunning);
     // Places that have become free are taken before waiting.
-    if (reapFinished()) continue;
-    failIdle();
+    const bool finished = reapFinished();
+    const bool expired = failIdle();
+    if (finished || expired) continue;
     curl_multi_poll(multi_, nullptr, 0, millisecondsToNextCheck(), nullptr);
   }
   cancelAll();
@@ -124,17 +140,20 @@ void CurlEngine::run() noexcept {
 bool CurlEngine::takeOrders() {
   Transfers submitted;
   Transfers resumed;
+  bool someUnwanted = false;
   {
     std::lock_guard lock(mutex_);
     woken_ = false;
     if (stopping_) return false;
     submitted.swap(submitted_);
     resumed.swap(resumed_);
+    someUnwanted = std::exchange(someUnwanted_, false);
   }
-  for (auto& transfer : submitted) {
-    auto& waiting = transfer->movesFile() ? waitingFiles_ : waitingRequests_;
-    waiting.push_back(std::move(transfer));
+  while (!submitted.empty()) {
+    auto& waiting = submitted.front()->movesFile() ? waitingFiles_ : waitingRequests_;
+    waiting.splice(waiting.end(), submitted, submitted.begin());
   }
+  if (someUnwanted) failUnwanted();
   for (const auto& transfer : resumed) {
     const bool isRunning = std::find(running_.begin(), running_.end(), transfer) != running_.end();
     if (isRunning) transfer->resume();
@@ -153,34 +172,70 @@ void CurlEngine::admit() {
 
 bool CurlEngine::admitFrom(Transfers& waiting) {
   if (waiting.empty()) return false;
-  auto transfer = std::move(waiting.front());
-  waiting.pop_front();
-  begin(std::move(transfer));
+  if (begin(*waiting.front())) {
+    runningFiles_ += waiting.front()->movesFile() ? 1 : 0;
+    running_.splice(running_.end(), waiting, waiting.begin());
+  } else {
+    waiting.pop_front();
+  }
   return true;
 }
 
-void CurlEngine::begin(std::shared_ptr<CurlTransfer> transfer) {
+/// Whether `transfer` runs now; it has failed otherwise.
+bool CurlEngine::begin(CurlTransfer& transfer) noexcept {
   CURL* easy = nullptr;
-  if (spareHandles_.empty()) {
-    easy = curl_easy_init();
-    if (!easy) throw std::bad_alloc();
-  } else {
-    easy = spareHandles_.back();
-    spareHandles_.pop_back();
-  }
   try {
-    transfer->prepare(easy, challenger_);
-    if (const auto code = curl_multi_add_handle(multi_, easy); code != CURLM_OK) {
-      throw urlError(NSURLErrorUnknown, curl_multi_strerror(code));
-    }
+    easy = takeHandle();
+    transfer.prepare(easy, challenger_);
+    const auto code = curl_multi_add_handle(multi_, easy);
+    if (code == CURLM_OK) return true;
+    throw urlError(NSURLErrorUnknown, curl_multi_strerror(code));
   } catch (const NSError& error) {
-    curl_easy_reset(easy);
-    spareHandles_.push_back(easy);
-    transfer->fail(error);
-    return;
+    transfer.fail(error);
+  } catch (const std::bad_alloc&) {
+    transfer.fail(outOfMemoryError());
   }
-  runningFiles_ += transfer->movesFile() ? 1 : 0;
-  running_.push_back(std::move(transfer));
+  if (easy) giveBack(easy);
+  return false;
+}
+
+CURL* CurlEngine::takeHandle() {
+  if (spareHandles_.empty()) {
+    auto* easy = curl_easy_init();
+    if (!easy) throw std::bad_alloc();
+    return easy;
+  }
+  auto* easy = spareHandles_.back();
+  spareHandles_.pop_back();
+  return easy;
+}
+
+void CurlEngine::giveBack(CURL* easy) {
+  curl_easy_reset(easy);
+  spareHandles_.push_back(easy);
+}
+
+void CurlEngine::failUnwanted() {
+  for (auto* waiting : {&waitingFiles_, &waitingRequests_}) {
+    for (auto place = waiting->begin(); place != waiting->end();) {
+      if ((*place)->isUnwanted()) {
+        (*place)->fail(cancelled_);
+        place = waiting->erase(place);
+      } else {
+        ++place;
+      }
+    }
+  }
+  for (auto place = running_.begin(); place != running_.end();) {
+    const auto transfer = *place;
+    if (transfer->isUnwanted()) {
+      // No callback may follow the result.
+      place = leave(place);
+      transfer->fail(cancelled_);
+    } else {
+      ++place;
+    }
+  }
 }
 
 bool CurlEngine::reapFinished() {
@@ -194,29 +249,36 @@ bool CurlEngine::reapFinished() {
     const auto place = std::find_if(running_.begin(), running_.end(),
                                     [easy](const auto& each) { return each->easy() == easy; });
     const auto transfer = *place;
-    if (transfer->end(code) == CurlTransfer::Verdict::runAgain) {
-      curl_multi_remove_handle(multi_, easy);
-      curl_multi_add_handle(multi_, easy);
-    } else {
-      leave(static_cast<std::size_t>(place - running_.begin()));
+    if (transfer->end(code) == CurlTransfer::Verdict::finished) {
+      leave(place);
+      continue;
+    }
+    curl_multi_remove_handle(multi_, easy);
+    if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+      leave(place);
+      transfer->fail(outOfMemoryError());
     }
   }
   return any;
 }
 
-void CurlEngine::failIdle() {
+/// Whether any was, so that there is a place now.
+bool CurlEngine::failIdle() {
   const auto now = CurlTransfer::Clock::now();
-  for (std::size_t i = 0; i < running_.size();) {
-    const auto transfer = running_[i];
+  bool any = false;
+  for (auto place = running_.begin(); place != running_.end();) {
+    const auto transfer = *place;
     if (transfer->nextCheck() <= now && transfer->isIdle(now)) {
       // No callback may follow the result.
       curl_multi_remove_handle(multi_, transfer->easy());
-      transfer->end(CURLE_OPERATION_TIMEDOUT);
-      leave(i);
+      transfer->expire();
+      place = leave(place);
+      any = true;
     } else {
-      ++i;
+      ++place;
     }
   }
+  return any;
 }
 
 int CurlEngine::millisecondsToNextCheck() const {
@@ -230,30 +292,28 @@ int CurlEngine::millisecondsToNextCheck() const {
   return static_cast<int>(std::max<std::int64_t>(wait.count(), 0));
 }
 
-void CurlEngine::leave(std::size_t index) {
-  const auto transfer = std::move(running_[index]);
-  running_.erase(running_.begin() + static_cast<std::ptrdiff_t>(index));
+/// The place behind it.
+CurlEngine::Transfers::iterator CurlEngine::leave(Transfers::iterator place) {
+  const auto transfer = *place;
   runningFiles_ -= transfer->movesFile() ? 1 : 0;
-  auto* easy = transfer->easy();
-  curl_multi_remove_handle(multi_, easy);
-  curl_easy_reset(easy);
-  spareHandles_.push_back(easy);
+  curl_multi_remove_handle(multi_, transfer->easy());
+  giveBack(transfer->easy());
+  return running_.erase(place);
 }
 
 void CurlEngine::cancelAll() {
-  const auto cancelled = urlError(NSURLErrorCancelled);
   Transfers submitted;
   {
     std::lock_guard lock(mutex_);
     submitted.swap(submitted_);
   }
   while (!running_.empty()) {
-    const auto transfer = running_.back();
-    leave(running_.size() - 1);
-    transfer->fail(cancelled);
+    const auto transfer = running_.front();
+    leave(running_.begin());
+    transfer->fail(cancelled_);
   }
   for (auto* transfers : {&waitingFiles_, &waitingRequests_, &submitted}) {
-    for (const auto& transfer : *transfers) transfer->fail(cancelled);
+    for (const auto& transfer : *transfers) transfer->fail(cancelled_);
     transfers->clear();
   }
   for (auto* easy : spareHandles_) curl_easy_cleanup(easy);

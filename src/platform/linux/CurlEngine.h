@@ -3,7 +3,7 @@
 #include <curl/curl.h>
 
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -24,9 +24,12 @@ struct CurlLimits {
 
 /// Runs the transfers of one session on a thread of its own, which starts with the first of them.
 ///
-/// Transfers beyond the limits wait in the order of submission, files apart from the others. Shared
-/// between the session, the thread and running tasks. `submit`, `resume` and `stop` may be called
-/// from every thread.
+/// Transfers beyond the limits wait in the order of submission, files apart from the others. A
+/// place that becomes free, however it does, goes to the next that waits before the thread sleeps.
+/// A transfer that nothing waits for any more fails with `NSURLErrorCancelled`: one that waits is
+/// never sent, one that runs is broken off. Want of memory fails the transfer that needs it, no
+/// other. Shared between the session, the thread and running tasks. `submit`, `resume`,
+/// `dropUnwanted` and `stop` may be called from every thread.
 class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
  public:
   CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits);
@@ -38,6 +41,8 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   void setSession(std::weak_ptr<NSURLSession> session);
   /// Runs `transfer` once there is a place for it; fails it after `stop`.
   void submit(std::shared_ptr<CurlTransfer> transfer);
+  /// Looks for transfers that nothing waits for any more.
+  void dropUnwanted();
   /// Goes on with a transfer whose body had no room.
   void resume(std::shared_ptr<CurlTransfer> transfer);
   /// Fails all transfers with `NSURLErrorCancelled` and ends the thread; waits for its end unless
@@ -45,7 +50,8 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   void stop();
 
  private:
-  using Transfers = std::deque<std::shared_ptr<CurlTransfer>>;
+  // Lists, whose members are moved from one to the next without memory.
+  using Transfers = std::list<std::shared_ptr<CurlTransfer>>;
 
   void startThread();
   void wake();
@@ -53,21 +59,26 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   bool takeOrders();
   void admit();
   bool admitFrom(Transfers& waiting);
-  void begin(std::shared_ptr<CurlTransfer> transfer);
+  bool begin(CurlTransfer& transfer) noexcept;
+  CURL* takeHandle();
+  void giveBack(CURL* easy);
+  void failUnwanted();
   bool reapFinished();
-  void failIdle();
+  bool failIdle();
   int millisecondsToNextCheck() const;
-  void leave(std::size_t index);
+  Transfers::iterator leave(Transfers::iterator place);
   void cancelAll();
 
   CurlChallenger challenger_;
   const CurlLimits limits_;
+  const NSError cancelled_;  // made while there is memory
 
   std::mutex mutex_;
   // Guarded by mutex_.
   Transfers submitted_;
   Transfers resumed_;
   bool stopping_ = false;
+  bool someUnwanted_ = false;
   bool woken_ = false;
   std::thread thread_;
   CURLM* multi_ = nullptr;  // made before the thread starts, freed by it
@@ -75,9 +86,9 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   // The thread's own.
   Transfers waitingRequests_;
   Transfers waitingFiles_;
-  std::vector<std::shared_ptr<CurlTransfer>> running_;
+  Transfers running_;
   std::size_t runningFiles_ = 0;
-  std::vector<CURL*> spareHandles_;
+  std::vector<CURL*> spareHandles_;  // has room for all that can be
 };
 
 }  // namespace kestrowan

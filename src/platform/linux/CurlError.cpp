@@ -50,12 +50,20 @@ NSURLErrorCode codeAfterRequest(CURLcode code) {
   }
 }
 
+// Never destroyed: a transfer may end after the static objects of the program.
+const NSError& kOutOfMemory =
+    *new NSError(NSURLErrorDomain, NSURLErrorUnknown, {{"NSUnderlyingError", "out of memory"}});
+
 }  // namespace
 
 NSError urlError(NSURLErrorCode code, std::string_view reason) {
   NSError::UserInfo userInfo;
   if (!reason.empty()) userInfo.emplace("NSUnderlyingError", reason);
   return NSError(NSURLErrorDomain, code, std::move(userInfo));
+}
+
+const NSError& outOfMemoryError() {
+  return kOutOfMemory;
 }
 
 NSError urlErrorForCurl(CURLcode code, bool requestSent, std::string_view reason) {

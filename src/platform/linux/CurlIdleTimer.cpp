@@ -2,13 +2,11 @@
 
 #include <algorithm>
 
-#include "platform/linux/CurlSocket.h"
-
 namespace kestrowan {
 
 namespace {
 
-constexpr int kChecksPerLimit = 4;
+constexpr int kChecksPerLimit = 60;
 constexpr double kLongestSeconds = 7.0 * 24 * 60 * 60;
 constexpr std::chrono::nanoseconds kShortest = std::chrono::milliseconds(1);
 
@@ -25,14 +23,17 @@ CurlIdleTimer::CurlIdleTimer(double seconds) : limit_(bounded(seconds)) {}
 
 void CurlIdleTimer::restart(Clock::time_point now) {
   lastProgress_ = now;
+  lastLook_ = now;
   nextCheck_ = now + limit_ / kChecksPerLimit;
 }
 
-bool CurlIdleTimer::expired(int socket, Clock::time_point now) {
-  if (const auto moved = bytesMoved(socket); moved != bytesMoved_) {
-    bytesMoved_ = moved;
-    lastProgress_ = now;
+bool CurlIdleTimer::note(const CurlTraffic& traffic, Clock::time_point now) {
+  if (traffic.bytesMoved != bytesMoved_) {
+    bytesMoved_ = traffic.bytesMoved;
+    // What moved before the last look was noticed then.
+    lastProgress_ = std::max(lastLook_, now - traffic.quietFor);
   }
+  lastLook_ = now;
   const auto end = lastProgress_ + limit_;
   nextCheck_ = std::min(now + limit_ / kChecksPerLimit, end);
   return now >= end;

@@ -3,11 +3,14 @@
 #include <chrono>
 #include <cstdint>
 
+#include "platform/linux/CurlSocket.h"
+
 namespace kestrowan {
 
 /// Tells when a connection has moved no byte, in either direction and in any phase, for a given
-/// time. Looks at the socket itself a few times within that time, so it may be late by a quarter.
-/// Not thread-safe.
+/// time. It has no clock of its own: its owner asks it again and again. Late by a sixtieth of that
+/// time at most, and by nothing where the system tells since when a socket is quiet. Not
+/// thread-safe.
 class CurlIdleTimer {
  public:
   using Clock = std::chrono::steady_clock;
@@ -19,13 +22,15 @@ class CurlIdleTimer {
   void restart(Clock::time_point now);
   /// When `expired` wants to be asked again.
   Clock::time_point nextCheck() const { return nextCheck_; }
-  /// Whether nothing has moved on `socket` (-1 while there is none) for the whole time.
-  bool expired(int socket, Clock::time_point now);
+  /// Takes the traffic of the connection as it stands at `now`; whether nothing has moved for the
+  /// whole time.
+  bool note(const CurlTraffic& traffic, Clock::time_point now);
 
  private:
   std::chrono::nanoseconds limit_;
   std::uint64_t bytesMoved_ = 0;
   Clock::time_point lastProgress_;
+  Clock::time_point lastLook_;
   Clock::time_point nextCheck_;
 };
 

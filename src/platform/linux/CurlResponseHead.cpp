@@ -2,8 +2,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <utility>
 
 #include "platform/linux/CurlError.h"
 
@@ -12,6 +14,7 @@ namespace kestrowan {
 namespace {
 
 constexpr std::size_t kMostBytes = 256 * 1024;
+constexpr std::string_view kOldVersion = "HTTP/1.0";
 constexpr std::string_view kBlanks = " \t\r\n";
 constexpr std::string_view kLengthName = "Content-Length:";
 constexpr std::string_view kCodingName = "Transfer-Encoding:";
@@ -29,6 +32,15 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
 
+std::string inSmallLetters(std::string_view text) {
+  std::string small(text);
+  std::transform(small.begin(), small.end(), small.begin(), [](char character) {
+    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
+                                                : character;
+  });
+  return small;
+}
+
 bool isLength(std::string_view text) {
   std::int64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -40,16 +52,25 @@ bool isLength(std::string_view text) {
 void CurlResponseHead::add(std::string_view line, long status) {
   bytes_ += line.size();
   if (bytes_ > kMostBytes) throw urlError(NSURLErrorCannotParseResponse, "too long a head");
-  if (trimmed(line).empty()) {
-    // Interim answers have heads of their own.
-    complete_ = status >= 200 || status == kSwitchingProtocols;
-    mayHaveBody_ = status != kNoContent && status != kNotModified;
-    if (!complete_) contentLength_.reset();
+  if (complete_) return;
+  if (!trimmed(line).empty()) return addHeader(line);
+  // Interim answers have heads of their own.
+  complete_ = status >= 200 || status == kSwitchingProtocols;
+  mayHaveBody_ = status != kNoContent && status != kNotModified;
+  if (complete_) return;
+  contentLength_.reset();
+  coding_.reset();
+}
+
+void CurlResponseHead::addHeader(std::string_view line) {
+  if (hasName(line, "HTTP/")) {
+    isOld_ = hasName(line, kOldVersion);
   } else if (hasName(line, kLengthName)) {
     checkLength(trimmed(line.substr(kLengthName.size())));
   } else if (hasName(line, kCodingName)) {
-    // Curl refuses codings other than those that have an end of their own.
-    chunked_ = true;
+    auto coding = inSmallLetters(trimmed(line.substr(kCodingName.size())));
+    // Several lines are one list, and a list is not one coding.
+    coding_ = coding_ ? *coding_ + "," + coding : std::move(coding);
   }
 }
 

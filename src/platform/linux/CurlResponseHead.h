@@ -8,23 +8,33 @@
 namespace kestrowan {
 
 /// Watches the header lines of one transfer for what curl lets pass: heads that break off, that
-/// never end, and lengths that mean nothing. Not thread-safe.
+/// never end, lengths that mean nothing and codings whose end is unknown. Not thread-safe.
 class CurlResponseHead {
  public:
-  /// Takes one line, its end included, of the head with the status `status`. Throws
-  /// `NSURLErrorCannotParseResponse` when the answer makes no sense.
+  /// Takes one line, its end included, of the head with the status `status`, or of what follows a
+  /// chunked body, which is only counted. Throws `NSURLErrorCannotParseResponse` when a length
+  /// makes no sense or all lines have more than 256 KiB.
   void add(std::string_view line, long status);
   /// Whether the head of the final answer has come to its end.
   bool isComplete() const { return complete_; }
+  /// Whether the body has a transfer coding that is not `chunked` alone, so that nothing tells
+  /// whether it is whole. A version before 1.1 has no codings.
+  bool hasForeignCoding() const {
+    return complete_ && mayHaveBody_ && coding_ && (coding_ != kChunked || isOld_);
+  }
   /// Whether only the end of the connection can tell where the body ends.
-  bool leavesEndOpen() const { return complete_ && mayHaveBody_ && !contentLength_ && !chunked_; }
+  bool leavesEndOpen() const { return complete_ && mayHaveBody_ && !contentLength_ && !coding_; }
 
  private:
+  static constexpr std::string_view kChunked = "chunked";
+
+  void addHeader(std::string_view line);
   void checkLength(std::string_view length);
 
   std::size_t bytes_ = 0;
   std::optional<std::string> contentLength_;
-  bool chunked_ = false;
+  std::optional<std::string> coding_;  // all of them, in small letters
+  bool isOld_ = false;
   bool mayHaveBody_ = false;
   bool complete_ = false;
 };

@@ -44,6 +44,25 @@ struct MoreData {
   void await_resume() const noexcept {}
 };
 
+/// Hands what has gathered in `pipe` to `receiver`, as a piece of `body`; whether nothing more comes.
+/// Throws the error of a failed transfer.
+bool handOver(CurlBodyPipe& pipe, std::string& piece, NSURLSessionDataReceiver& receiver,
+              const std::shared_ptr<ReceivedBody>& body, CurlEngine& engine,
+              const std::shared_ptr<CurlTransfer>& transfer) {
+  try {
+    const auto taken = pipe.take(piece);
+    if (taken.wasFull) engine.resume(transfer);
+    const ReceivedBody::Delivery delivery(body);
+    if (!piece.empty()) receiver.didReceiveData(piece);
+    return taken.ended;
+  } catch (...) {
+    // Its place must not wait for a reader that has gone.
+    transfer->giveUp();
+    engine.dropUnwanted();
+    throw;
+  }
+}
+
 Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
                            NSURLRequest request,
                            std::shared_ptr<NSURLSessionDataReceiver> receiver) {
@@ -53,23 +72,14 @@ Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
                             .url = request.url.absoluteString(),
                             .finishedAt = {},
                             .body = body};
-  const auto transfer =
-      std::make_shared<CurlTransfer>(CurlTransfer::Kind::data, std::move(request), *headers, pipe);
+  AbandonmentOfTask ofTask;
+  auto abandonment = co_await ofTask;
+  const auto transfer = std::make_shared<CurlTransfer>(CurlTransfer::Kind::data, std::move(request),
+                                                       *headers, pipe, std::move(abandonment));
   Submission submission{engine, transfer, pipe.get()};
   co_await submission;
   std::string piece;
-  while (true) {
-    const auto taken = pipe->take(piece);
-    if (taken.wasFull) engine->resume(transfer);
-    try {
-      const ReceivedBody::Delivery delivery(body);
-      if (!piece.empty()) receiver->didReceiveData(piece);
-    } catch (...) {
-      pipe->abandon();
-      engine->resume(transfer);
-      throw;
-    }
-    if (taken.ended) break;
+  while (!handOver(*pipe, piece, *receiver, body, *engine, transfer)) {
     MoreData more{pipe.get()};
     co_await more;
   }
@@ -86,8 +96,10 @@ Task<Response> sendDiscarding(std::shared_ptr<CurlEngine> engine, Headers header
                               std::optional<NSURL> upload) {
   const auto result = std::make_shared<CurlDiscardingSink::Result>();
   const auto sink = std::make_shared<CurlDiscardingSink>(result);
-  engine->submit(
-      std::make_shared<CurlTransfer>(kind, std::move(request), *headers, sink, std::move(upload)));
+  AbandonmentOfTask ofTask;
+  auto abandonment = co_await ofTask;
+  engine->submit(std::make_shared<CurlTransfer>(kind, std::move(request), *headers, sink,
+                                                std::move(abandonment), std::move(upload)));
   auto end = CurlDiscardingSink::Result::result(result);
   co_return co_await std::move(end);
 }
@@ -96,8 +108,10 @@ Task<NSURLSessionDownload> sendForFile(std::shared_ptr<CurlEngine> engine, Heade
                                        NSURLRequest request) {
   const auto result = std::make_shared<CurlDownloadSink::Result>();
   const auto sink = std::make_shared<CurlDownloadSink>(result);
+  AbandonmentOfTask ofTask;
+  auto abandonment = co_await ofTask;
   engine->submit(std::make_shared<CurlTransfer>(CurlTransfer::Kind::download, std::move(request),
-                                                *headers, sink));
+                                                *headers, sink, std::move(abandonment)));
   auto end = CurlDownloadSink::Result::result(result);
   co_return co_await std::move(end);
 }

@@ -20,13 +20,13 @@ int openSocketCloseOnExec(int family, int type, int protocol) {
   return socket;
 }
 
-std::uint64_t bytesMoved(int socket) {
+CurlTraffic trafficOf(int socket) {
   tcp_connection_info info{};
   socklen_t size = sizeof info;
   if (socket < 0 || ::getsockopt(socket, IPPROTO_TCP, TCP_CONNECTION_INFO, &info, &size) != 0) {
-    return 0;
+    return {};
   }
-  return info.tcpi_rxbytes + info.tcpi_txbytes;
+  return {info.tcpi_rxbytes + info.tcpi_txbytes, {}};
 }
 
 bool hasInput(int socket) {
@@ -40,11 +40,12 @@ int openSocketCloseOnExec(int family, int type, int protocol) {
   return ::socket(family, type | SOCK_CLOEXEC, protocol);
 }
 
-std::uint64_t bytesMoved(int socket) {
+CurlTraffic trafficOf(int socket) {
   tcp_info info{};
   socklen_t size = sizeof info;
-  if (socket < 0 || ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return 0;
-  return info.tcpi_bytes_received + info.tcpi_bytes_acked;
+  if (socket < 0 || ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return {};
+  return {info.tcpi_bytes_received + info.tcpi_bytes_acked,
+          std::chrono::milliseconds(info.tcpi_last_ack_recv)};
 }
 
 bool hasInput(int socket) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 namespace kestrowan {
@@ -7,9 +8,17 @@ namespace kestrowan {
 /// As `socket` gives it, but not inherited by programs that are started later.
 int openSocketCloseOnExec(int family, int type, int protocol);
 
-/// Bytes that a TCP socket has received and has had acknowledged so far; 0 for what is no TCP
-/// socket. Counts handshakes, so it grows whenever a connection makes any progress.
-std::uint64_t bytesMoved(int socket);
+/// What the system knows of the traffic of a TCP socket.
+struct CurlTraffic {
+  /// Bytes received and bytes sent that the peer has acknowledged, so far. Counts handshakes, so it
+  /// grows whenever a connection makes any progress.
+  std::uint64_t bytesMoved = 0;
+  /// Since the peer last sent anything; 0 where the system does not tell.
+  std::chrono::milliseconds quietFor{0};
+};
+
+/// The traffic of `socket` so far; none for what is no TCP socket.
+CurlTraffic trafficOf(int socket);
 
 /// Whether anything, the peer's closing included, waits to be read from `socket`.
 bool hasInput(int socket);

@@ -1,5 +1,6 @@
 #include "platform/linux/CurlTransfer.h"
 
+#include <new>
 #include <utility>
 
 #include "platform/linux/CurlError.h"
@@ -10,8 +11,9 @@ namespace kestrowan {
 
 namespace {
 
-/// A longer body that goes to no file is not waited for: it would be a million entries of a folder.
-constexpr std::int64_t kLongestAnswer = std::int64_t{256} << 20;
+/// So much of a body that is ignored is read for the sake of the connection, which can be used
+/// again when the body ends there.
+constexpr std::int64_t kLongestIgnoredBody = std::int64_t{1} << 20;
 
 CurlList checkedHeaderLines(const NSURLRequest& request, const HTTPHeaders& sessionHeaders) {
   checkRequest(request, sessionHeaders);
@@ -21,11 +23,13 @@ CurlList checkedHeaderLines(const NSURLRequest& request, const HTTPHeaders& sess
 }  // namespace
 
 CurlTransfer::CurlTransfer(Kind kind, NSURLRequest request, const HTTPHeaders& sessionHeaders,
-                           std::shared_ptr<CurlBodySink> sink, std::optional<NSURL> upload)
+                           std::shared_ptr<CurlBodySink> sink,
+                           std::shared_ptr<Abandonment> abandonment, std::optional<NSURL> upload)
     : kind_(kind),
       request_(std::move(request)),
       headers_(checkedHeaderLines(request_, sessionHeaders)),
       sink_(std::move(sink)),
+      abandonment_(std::move(abandonment)),
       uploadURL_(std::move(upload)),
       idleTimer_(request_.timeoutInterval) {}
 
@@ -51,22 +55,46 @@ CurlTransfer::Verdict CurlTransfer::end(CURLcode code) noexcept {
     curl_easy_setopt(easy_, CURLOPT_FRESH_CONNECT, 1L);
     return Verdict::runAgain;
   }
-  monitored_.reset();
-  uploadFile_.reset();
-  try {
-    if (handshake_->refused()) throw urlError(NSURLErrorCancelled, reason_);
-    if (ownError_) throw *ownError_;
-    if (code != CURLE_OK) throw urlErrorForCurl(code, requestSent_, reason_);
-    finish();
-  } catch (const NSError& error) {
-    fail(error);
-  }
+  conclude(code);
   return Verdict::finished;
 }
 
-void CurlTransfer::finish() {
+long CurlTransfer::status() const {
   long status = 0;
   curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+  return status;
+}
+
+void CurlTransfer::conclude(CURLcode code) noexcept {
+  monitored_.reset();
+  try {
+    if (handshake_->refused()) throw urlError(NSURLErrorCancelled, reason_);
+    if (!countsByStatus()) {
+      if (ownError_) throw *ownError_;
+      if (code != CURLE_OK) throw urlErrorForCurl(code, requestSent_, reason_);
+      requireWholeAnswer();
+    }
+    sink_->finish(std::make_shared<NSHTTPURLResponse>(status()));
+  } catch (const NSError& error) {
+    fail(error);
+  } catch (const std::bad_alloc&) {
+    fail(outOfMemoryError());
+  }
+  uploadFile_.reset();
+}
+
+/// Whether the status is all that matters of the answer, and is known. A file that was not sent
+/// whole is not there, whatever the server says.
+bool CurlTransfer::countsByStatus() const {
+  if (!head_.isComplete() || !sink_->ignoresBody()) return false;
+  const bool isSuccess = status() >= 200 && status() <= 299;
+  if (!uploadFile_ || !isSuccess) return true;
+  curl_off_t sent = 0;
+  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
+  return sent == uploadFile_->size();
+}
+
+void CurlTransfer::requireWholeAnswer() const {
   if (!head_.isComplete()) {
     throw urlError(NSURLErrorNetworkConnectionLost, "the head of the answer broke off");
   }
@@ -74,7 +102,6 @@ void CurlTransfer::finish() {
   if (head_.leavesEndOpen() && request_.httpMethod != "HEAD" && !endWasAnnounced_) {
     throw urlError(NSURLErrorNetworkConnectionLost, "the end of the body was not announced");
   }
-  sink_->finish(std::make_shared<NSHTTPURLResponse>(status));
 }
 
 void CurlTransfer::resume() {
@@ -84,16 +111,23 @@ void CurlTransfer::resume() {
 }
 
 bool CurlTransfer::isIdle(Clock::time_point now) {
+  const auto traffic = trafficOf(socket_);
+  monitored_->moved(static_cast<std::int64_t>(traffic.bytesMoved - bytesMovedBefore_));
   if (waitsForReader_) idleTimer_.restart(now);
-  return idleTimer_.expired(socket_, now);
+  return idleTimer_.note(traffic, now);
 }
 
 bool CurlTransfer::maySend() {
   // Curl comes here again when it wants to send the request a second time, because a reused
   // connection was closed before the first byte of the answer.
   if (requestSent_) return false;
+  if (isUnwanted()) {
+    stopWith(urlError(NSURLErrorCancelled));
+    return false;
+  }
   if (!madeConnection_) {
     socket_ = socketOf(easy_);
+    bytesMovedBefore_ = trafficOf(socket_).bytesMoved;
     // What waits on an idle connection is its closing, or belongs to no answer of ours. Nothing of
     // the request has been sent yet, so another connection may carry it.
     if (hasInput(socket_) || hasDecryptedInput(easy_)) {
@@ -106,9 +140,10 @@ bool CurlTransfer::maySend() {
 }
 
 void CurlTransfer::takeHeaderLine(std::string_view line) {
-  long status = 0;
-  curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
-  head_.add(line, status);
+  head_.add(line, status());
+  if (head_.hasForeignCoding() && request_.httpMethod != "HEAD") {
+    throw urlError(NSURLErrorCannotParseResponse, "a transfer coding other than chunked");
+  }
 }
 
 bool CurlTransfer::take(std::string_view data) {
@@ -122,8 +157,8 @@ bool CurlTransfer::take(std::string_view data) {
     return false;
   }
   bytesReceived_ += static_cast<std::int64_t>(data.size());
-  if (kind_ != Kind::download && bytesReceived_ > kLongestAnswer) {
-    throw urlError(NSURLErrorCannotParseResponse, "the answer is too long");
+  if (sink_->ignoresBody() && bytesReceived_ > kLongestIgnoredBody) {
+    throw urlError(NSURLErrorCannotParseResponse, "the ignored body does not end");
   }
   monitored_->received(bytesReceived_);
   return true;

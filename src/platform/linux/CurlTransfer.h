@@ -2,12 +2,14 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
 
+#include "platform/base/Abandonment.h"
 #include "platform/linux/CurlBodySink.h"
 #include "platform/linux/CurlIdleTimer.h"
 #include "platform/linux/CurlRequest.h"
@@ -19,9 +21,9 @@
 
 namespace kestrowan {
 
-/// One request on its way through curl. Shared between the engine and whoever awaits the result;
-/// everything but the constructor, `movesFile` and, before it runs, `fail` belongs to the transfer
-/// thread.
+/// One request on its way through curl. Shared between the engine and the task that awaits the
+/// result; everything but the constructor, `movesFile`, `abandonment`, `giveUp`, `isUnwanted` and,
+/// before it runs, `fail` belongs to the transfer thread.
 class CurlTransfer {
  public:
   using Clock = CurlIdleTimer::Clock;
@@ -29,22 +31,35 @@ class CurlTransfer {
   enum class Kind { data, download, upload };
   enum class Verdict { finished, runAgain };
 
-  /// Throws `NSURLErrorBadURL` for a request that cannot be sent. `upload` is the file to send.
+  /// Throws `NSURLErrorBadURL` for a request that cannot be sent. `abandonment` is that of the task
+  /// that awaits the result, if it has one. `upload` is the file to send.
   CurlTransfer(Kind kind, NSURLRequest request, const HTTPHeaders& sessionHeaders,
-               std::shared_ptr<CurlBodySink> sink, std::optional<NSURL> upload = std::nullopt);
+               std::shared_ptr<CurlBodySink> sink, std::shared_ptr<Abandonment> abandonment,
+               std::optional<NSURL> upload = std::nullopt);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
   /// Whether a whole file is moved, which may take long.
   bool movesFile() const { return kind_ != Kind::data; }
+  /// May be null.
+  const std::shared_ptr<Abandonment>& abandonment() const { return abandonment_; }
+  /// The task will not take the result.
+  void giveUp() noexcept { givenUp_ = true; }
+  /// Whether nothing waits for the result any more: the request is not sent then.
+  bool isUnwanted() const noexcept {
+    return givenUp_ || (abandonment_ && abandonment_->isDeclared());
+  }
 
-  /// Opens the files and makes `easy`, freshly reset, ready to run. Throws `NSError`.
+  /// Opens the files and makes `easy`, freshly reset, ready to run. Throws `NSError` and
+  /// `std::bad_alloc`.
   void prepare(CURL* easy, const CurlChallenger& challenger);
   /// The handle given to `prepare`; null before.
   CURL* easy() const { return easy_; }
   /// Curl ended with `code`: hands out the result, or asks for another run of the same handle
   /// when the connection had been closed before a byte of the request was sent.
   Verdict end(CURLcode code) noexcept;
+  /// Hands out the result of a transfer that was stopped because it is idle.
+  void expire() noexcept { conclude(CURLE_OPERATION_TIMEDOUT); }
   /// Hands out `error` as the result.
   void fail(const NSError& error) noexcept { sink_->fail(error); }
   /// The reader of the body has made room.
@@ -61,7 +76,10 @@ class CurlTransfer {
 
   void setOptions();
   void setMethod();
-  void finish();
+  long status() const;
+  void conclude(CURLcode code) noexcept;
+  bool countsByStatus() const;
+  void requireWholeAnswer() const;
 
   /// Whether a connection may be made: only for a request that has not been sent.
   bool mayConnect() const { return !requestSent_; }
@@ -78,6 +96,8 @@ class CurlTransfer {
   const NSURLRequest request_;
   const CurlList headers_;
   const std::shared_ptr<CurlBodySink> sink_;
+  const std::shared_ptr<Abandonment> abandonment_;
+  std::atomic<bool> givenUp_ = false;
   const std::optional<NSURL> uploadURL_;
   std::optional<CurlUploadFile> uploadFile_;
   std::optional<TransferMonitor::Entry> monitored_;
@@ -93,6 +113,7 @@ class CurlTransfer {
   bool connectionWasClosed_ = false;
   bool endWasAnnounced_ = false;
   bool waitsForReader_ = false;
+  std::uint64_t bytesMovedBefore_ = 0;  // on a connection that is used again
   std::int64_t bytesReceived_ = 0;
   std::optional<NSError> ownError_;  // why a callback stopped the transfer
 };

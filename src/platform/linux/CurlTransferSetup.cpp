@@ -39,6 +39,19 @@ long connectMilliseconds(double timeoutSeconds) {
 struct CurlTransfer::Callbacks {
   static CurlTransfer& self(void* pointer) { return *static_cast<CurlTransfer*>(pointer); }
 
+  /// What `step` gives; when it throws, `otherwise`, and `transfer` ends with the error.
+  template <typename Step, typename Value>
+  static Value attempt(CurlTransfer& transfer, const Step& step, Value otherwise) noexcept {
+    try {
+      return step();
+    } catch (const NSError& error) {
+      transfer.stopWith(error);
+    } catch (const std::bad_alloc&) {
+      transfer.stopWith(outOfMemoryError());
+    }
+    return otherwise;
+  }
+
   static curl_socket_t openSocket(void* pointer, curlsocktype, curl_sockaddr* address) noexcept {
     auto& transfer = self(pointer);
     if (!transfer.mayConnect()) return CURL_SOCKET_BAD;
@@ -56,41 +69,35 @@ struct CurlTransfer::Callbacks {
   }
 
   static int beforeRequest(void* pointer, char*, char*, int, int) noexcept {
-    return self(pointer).maySend() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+    auto& transfer = self(pointer);
+    return attempt(
+               transfer, [&] { return transfer.maySend(); }, false)
+               ? CURL_PREREQFUNC_OK
+               : CURL_PREREQFUNC_ABORT;
   }
 
   static std::size_t headerLine(char* data, std::size_t, std::size_t size, void* pointer) noexcept {
     auto& transfer = self(pointer);
-    try {
+    const auto take = [&] {
       transfer.takeHeaderLine({data, size});
       return size;
-    } catch (const NSError& error) {
-      transfer.stopWith(error);
-      return CURL_WRITEFUNC_ERROR;
-    }
+    };
+    return attempt(transfer, take, std::size_t{CURL_WRITEFUNC_ERROR});
   }
 
   static std::size_t body(char* data, std::size_t, std::size_t size, void* pointer) noexcept {
     auto& transfer = self(pointer);
-    try {
-      return transfer.take({data, size}) ? size : CURL_WRITEFUNC_PAUSE;
-    } catch (const NSError& error) {
-      transfer.stopWith(error);
-    } catch (const std::bad_alloc&) {
-      transfer.stopWith(urlError(NSURLErrorUnknown, "out of memory"));
-    }
-    return CURL_WRITEFUNC_ERROR;
+    const auto take = [&] {
+      return transfer.take({data, size}) ? size : std::size_t{CURL_WRITEFUNC_PAUSE};
+    };
+    return attempt(transfer, take, std::size_t{CURL_WRITEFUNC_ERROR});
   }
 
   static std::size_t source(char* buffer, std::size_t, std::size_t capacity,
                             void* pointer) noexcept {
     auto& transfer = self(pointer);
-    try {
-      return transfer.give(buffer, capacity);
-    } catch (const NSError& error) {
-      transfer.stopWith(error);
-      return CURL_READFUNC_ABORT;
-    }
+    const auto give = [&] { return transfer.give(buffer, capacity); };
+    return attempt(transfer, give, std::size_t{CURL_READFUNC_ABORT});
   }
 
   static int progress(void* pointer, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent) noexcept {

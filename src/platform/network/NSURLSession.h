@@ -43,8 +43,8 @@ class NSURLSessionDataReceiver {
   virtual ~NSURLSessionDataReceiver() = default;
 
   /// The next piece of the body, in order, on an executor thread, one call at a time, and only
-  /// before the task that it belongs to completes. What it throws ends the transfer and is the
-  /// task's error. The view is valid only during the call.
+  /// before the task that it belongs to completes. The view is valid only during the call. What it
+  /// throws ends the request, and is what the task throws.
   virtual void didReceiveData(std::string_view data) = 0;
 };
 
@@ -60,10 +60,15 @@ struct NSURLSessionDownload {
 /// cookies, caches nor stored credentials are used. Every task throws `NSError` of
 /// `NSURLErrorDomain` when no whole response arrived: `NSURLErrorBadURL` (also a port outside
 /// 1…65535), `NSURLErrorCannotConnectToHost`, `NSURLErrorTimedOut`, `NSURLErrorCancelled` (the
-/// delegate refused a challenge), `NSURLErrorSecureConnectionFailed`,
+/// delegate refused a challenge, or the task was abandoned), `NSURLErrorSecureConnectionFailed`,
 /// `NSURLErrorNetworkConnectionLost` (also a body shorter than announced, and one without a length
-/// whose end the server's TLS does not announce), `NSURLErrorCannotParseResponse`, or
-/// `NSURLErrorUnknown` for what has no code of its own. Any HTTP status is a response.
+/// whose end the server's TLS does not announce), `NSURLErrorCannotParseResponse` (also a transfer
+/// coding other than `chunked` alone), or `NSURLErrorUnknown` for what has no code of its own. Any
+/// HTTP status is a response. Where a body is discarded, the status counts once the head is whole,
+/// however the body ends; success counts for a file only when all of it was sent.
+///
+/// A request may wait for a connection without end. It is not sent once the `Abandonment` of its
+/// task has been declared, and is broken off if it has been.
 ///
 /// Shared by pointer; usable from every thread. Keeps no strong reference to its delegate, so
 /// whoever awaits a task must keep the delegate alive until it completes; a challenge without a

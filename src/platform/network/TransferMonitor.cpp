@@ -1,5 +1,6 @@
 #include "platform/network/TransferMonitor.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kestrowan {
@@ -30,6 +31,12 @@ void TransferMonitor::Entry::expectToReceive(std::int64_t bytes) {
   status_.bytesExpectedToReceive = bytes;
 }
 
+void TransferMonitor::Entry::moved(std::int64_t bytes) {
+  std::lock_guard lock(monitor_.mutex_);
+  monitor_.bytesMoved_ += std::max<std::int64_t>(bytes - bytesMoved_, 0);
+  bytesMoved_ = std::max(bytesMoved_, bytes);
+}
+
 TransferMonitor& TransferMonitor::shared() {
   // Never destroyed: a transfer may end after the static objects of the program.
   static auto* monitor = new TransferMonitor;
@@ -42,6 +49,11 @@ std::vector<TransferStatus> TransferMonitor::transfers() const {
   statuses.reserve(entries_.size());
   for (const auto* entry : entries_) statuses.push_back(entry->status_);
   return statuses;
+}
+
+std::int64_t TransferMonitor::bytesMoved() const {
+  std::lock_guard lock(mutex_);
+  return bytesMoved_;
 }
 
 }  // namespace kestrowan

@@ -37,20 +37,28 @@ class TransferMonitor {
     void sent(std::int64_t bytes);
     void received(std::int64_t bytes);
     void expectToReceive(std::int64_t bytes);
+    /// What the connection has moved for the request so far, in both directions, heads included.
+    void moved(std::int64_t bytes);
 
    private:
     friend class TransferMonitor;
     TransferMonitor& monitor_;
-    TransferStatus status_;  // guarded by the monitor's mutex
+    // Guarded by the monitor's mutex.
+    TransferStatus status_;
+    std::int64_t bytesMoved_ = 0;
   };
 
   static TransferMonitor& shared();
 
   std::vector<TransferStatus> transfers() const;
+  /// Bytes that all transfers of this process have moved so far. Brought up to date about once a
+  /// second; never shrinks.
+  std::int64_t bytesMoved() const;
 
  private:
   mutable std::mutex mutex_;
   std::set<const Entry*> entries_;
+  std::int64_t bytesMoved_ = 0;
 };
 
 }  // namespace kestrowan

@@ -153,5 +153,181 @@ TEST(ResponseTest, ImpossibleLengthsCannotBeParsed) {
   }
 }
 
+/// An answer of 10 bytes whose head says so of its form, and then the orderly end of TLS.
+std::string answerOf(const std::string& version, const std::string& lines) {
+  return R"({"then": "close", "raw": "HTTP/)" + version + R"( 200 OK\r\n)" + lines +
+         R"(\r\n0123456789"})";
+}
+
+constexpr std::string_view kChunks = R"(5\r\n01234\r\n5\r\n56789\r\n0\r\n\r\n)";
+
+std::string chunkedAnswerOf(const std::string& version, const std::string& lines) {
+  return R"({"then": "close", "raw": "HTTP/)" + version + R"( 200 OK\r\n)" + lines + R"(\r\n)" +
+         std::string(kChunks) + "\"}";
+}
+
+TEST(ResponseTest, TransferCodingOtherThanChunkedAloneCannotBeParsed) {
+  for (const auto* coding : {"identity", "gzip", "x-gzip", "deflate", "br", "zstd", "compress",
+                             "unknown", "", ",", "chunk", "chunked2", "\\t"}) {
+    const auto line = std::string("Transfer-Encoding: ") + coding + R"(\r\n)";
+    EXPECT_EQ(errorFor(answerOf("1.1", line)), NSURLErrorCannotParseResponse) << coding;
+    EXPECT_EQ(errorFor(answerOf("1.1", line + R"(Content-Length: 1000\r\n)")),
+              NSURLErrorCannotParseResponse)
+        << coding;
+    EXPECT_EQ(errorFor(answerOf("1.1", line + R"(Content-Length: 10\r\n)")),
+              NSURLErrorCannotParseResponse)
+        << coding;
+  }
+  for (const auto* lines :
+       {R"(Transfer-Encoding: gzip, chunked\r\n)", R"(Transfer-Encoding: chunked, gzip\r\n)",
+        R"(Transfer-Encoding: chunked, chunked\r\n)", R"(Transfer-Encoding: chunked;x=1\r\n)",
+        R"(Transfer-Encoding: identity, chunked\r\n)", R"(Transfer-Encoding: chunked,\r\n)",
+        R"(Transfer-Encoding: \"chunked\"\r\n)", R"(Transfer-Encoding: chunked x\r\n)",
+        R"(Transfer-Encoding:\r\n chunked\r\n)",
+        R"(Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n)",
+        R"(Transfer-Encoding: chunked\r\nX: y\r\ntransfer-encoding: identity\r\n)",
+        R"(Transfer-Encoding: gzip\r\nTransfer-Encoding: chunked\r\n)"}) {
+    EXPECT_EQ(errorFor(chunkedAnswerOf("1.1", lines)), NSURLErrorCannotParseResponse) << lines;
+  }
+}
+
+TEST(ResponseTest, VersionWithoutTransferCodingsHasNone) {
+  EXPECT_EQ(errorFor(chunkedAnswerOf("1.0", R"(Transfer-Encoding: chunked\r\n)")),
+            NSURLErrorCannotParseResponse);
+  EXPECT_EQ(errorFor(answerOf("1.0", R"(Transfer-Encoding: identity\r\n)")),
+            NSURLErrorCannotParseResponse);
+}
+
+TEST(ResponseTest, ChunkedIsKnownInAnySpelling) {
+  for (const auto* lines : {R"(Transfer-Encoding: chunked\r\n)", R"(TRANSFER-ENCODING:CHUNKED\r\n)",
+                            R"(transfer-encoding: \t Chunked \t \r\n)",
+                            // The coding decides, whatever the length says.
+                            R"(Content-Length: 3\r\nTransfer-Encoding: chunked\r\n)",
+                            R"(Transfer-Encoding: chunked\r\nContent-Length: 1000\r\n)"}) {
+    ScriptedServer server("{\"responses\": [" + chunkedAnswerOf("1.1", lines) + "]}");
+    Client client(server);
+    EXPECT_EQ(client.get("/").second, "0123456789") << lines;
+  }
+}
+
+TEST(ResponseTest, CodingOfAnAnswerWithoutBodyDoesNotMatter) {
+  for (const auto* status : {"204 No Content", "304 Not Modified"}) {
+    ScriptedServer server(std::string(R"({"responses": [{"then": "close", "raw": "HTTP/1.1 )") +
+                          status + R"(\r\nTransfer-Encoding: gzip\r\n\r\n"}]})");
+    Client client(server);
+    EXPECT_EQ(client.get("/").first, std::atoi(status));
+  }
+}
+
+TEST(ResponseTest, InterimAnswerSaysNothingOfTheFinalOnesForm) {
+  ScriptedServer server(R"({"responses": [{"then": "drop", "raw": "HTTP/1.1 103 Early\r\n)"
+                        R"(Transfer-Encoding: chunked\r\n\r\nHTTP/1.1 200 OK\r\n\r\n0123"}]})");
+  Client client(server);
+  EXPECT_EQ(errorOf(client.session().dataTask(client.request("GET", "/"),
+                                              std::make_shared<TestReceiver>())),
+            NSURLErrorNetworkConnectionLost);
+}
+
+TEST(ResponseTest, LinesBehindAChunkedBodySayNothingOfIt) {
+  ScriptedServer server(
+      R"({"responses": [{"raw": "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n)"
+      R"(4\r\n0123\r\n0\r\nContent-Length: x\r\nTransfer-Encoding: gzip\r\n\r\n"}]})");
+  Client client(server);
+  EXPECT_EQ(client.get("/").second, "0123");
+}
+
+/// How answers break behind their head: before their end as announced, or without one. (A reset may
+/// take back the head.)
+constexpr const char* kBroken[] = {
+    R"("body": "x", "length": null, "then": "drop")",
+    R"("body": "0123456789", "length": 1000, "then": "drop")",
+    R"("body": "0123456789", "length": 1000, "then": "close")",
+    R"("fill": 1000, "chunked": true, "cut": 120, "then": "drop")",
+    R"("fill": 1000, "chunked": true, "cut": 120, "then": "close")",
+    R"("body": "0123456789", "headers": [["Transfer-Encoding", "gzip"]])",
+    R"("body": "0123456789", "headers": [["Transfer-Encoding", "unknown"]], "length": null)",
+    R"("body": "0123456789", "version": "HTTP/1.0", "length": null, "then": "drop")",
+};
+
+/// The status of the answer that `task` ends with, or its error's code.
+std::int64_t statusOrError(Task<std::shared_ptr<const NSURLResponse>> task) {
+  try {
+    return Client::statusOf(resultOf(std::move(task)));
+  } catch (const NSError& error) {
+    return error.code();
+  }
+}
+
+TEST(ResponseTest, StatusCountsWhereTheBodyIsIgnoredHoweverTheConnectionEnds) {
+  const auto file = NSURL::fileURLWithPath("/etc/hostname");
+  for (const auto* broken : kBroken) {
+    for (const int status : {201, 204, 401, 404, 412, 500}) {
+      ScriptedServer server("{\"responses\": [{\"status\": " + std::to_string(status) + ", " +
+                            broken + "}]}");
+      Client client(server);
+      for (const auto* method : {"MKCOL", "MOVE", "DELETE"}) {
+        EXPECT_EQ(statusOrError(client.session().dataTask(client.request(method, "/"), nullptr)),
+                  status)
+            << method << " " << broken;
+      }
+      EXPECT_EQ(statusOrError(client.session().uploadTask(client.request("PUT", "/"), file)),
+                status)
+          << "PUT " << broken;
+    }
+  }
+}
+
+TEST(ResponseTest, IgnoredBodyIsNotWaitedForWithoutEnd) {
+  ScriptedServer server(R"({"responses": [
+      {"status": 201, "body": "x", "length": 1000, "pauseAt": 60, "pauseFor": "never"},
+      {"status": 207, "fill": 100000000000}]})");
+  Client client(server);
+  auto first = client.request("MKCOL", "/");
+  first.timeoutInterval = 1;
+  EXPECT_EQ(Client::statusOf(resultOf(client.session().dataTask(first, nullptr))), 201);
+  EXPECT_EQ(
+      Client::statusOf(resultOf(client.session().dataTask(client.request("DELETE", "/"), nullptr))),
+      207);
+}
+
+TEST(ResponseTest, HeadThatBreaksOffCountsNowhere) {
+  for (const auto* ending : {"close", "drop", "rst"}) {
+    ScriptedServer server(std::string(R"({"responses": [{"status": 201, "cut": 20, "then": ")") +
+                          ending + "\"}]}");
+    Client client(server);
+    EXPECT_EQ(errorOf(client.session().dataTask(client.request("MKCOL", "/"), nullptr)),
+              NSURLErrorNetworkConnectionLost);
+  }
+}
+
+TEST(ResponseTest, BrokenBodyThatIsUsedIsAnErrorWhateverTheStatus) {
+  for (const auto* broken : {kBroken[0], kBroken[2], kBroken[4]}) {
+    for (const int status : {200, 207, 404}) {
+      EXPECT_EQ(errorFor("{\"status\": " + std::to_string(status) + ", " + broken + "}"),
+                NSURLErrorNetworkConnectionLost)
+          << broken;
+    }
+  }
+}
+
+/// Counts a body and keeps nothing of it.
+class CountingReceiver : public NSURLSessionDataReceiver {
+ public:
+  void didReceiveData(std::string_view data) override { size_ += data.size(); }
+  std::size_t size() const { return size_; }
+
+ private:
+  std::size_t size_ = 0;
+};
+
+TEST(ResponseTest, BodyThatIsUsedAsItComesHasNoLongestLength) {
+  constexpr std::size_t kSize = 300'000'000;
+  ScriptedServer server("{\"responses\": [{\"fill\": " + std::to_string(kSize) + "}]}");
+  Client client(server);
+  const auto receiver = std::make_shared<CountingReceiver>();
+  resultOf(client.session().dataTask(client.request("GET", "/"), receiver));
+  EXPECT_EQ(receiver->size(), kSize);
+}
+
 }  // namespace
 }  // namespace kestrowan::test

@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <latch>
+#include <new>
 #include <set>
 
 #include "NetworkTest.h"
+#include "platform/foundation/NSFileManager.h"
 #include "platform/network/TransferMonitor.h"
 #include "support/TemporaryDirectory.h"
 
@@ -99,7 +102,8 @@ class SlowReceiver : public NSURLSessionDataReceiver {
 
 TEST(SessionTest, SlowReceiverHoldsTheBodyBackAtTheServer) {
   constexpr std::int64_t kSize = 50'000'000;
-  constexpr std::int64_t kMostHeld = 2'000'000;
+  // The piece that the receiver has, and one that waits.
+  constexpr std::int64_t kMostHeld = 3'000'000;
   constexpr std::int64_t kFull = 1024 * 1024;
   ScriptedServer server(R"({"routes": {"GET /big": {"fill": 50000000},
                                        "GET /held": {"holdFor": "never"}}})");
@@ -149,6 +153,127 @@ TEST(SessionTest, ReleasedSessionCancelsWhatIsInFlight) {
   for (auto& download : downloads) EXPECT_EQ(errorOf(download), NSURLErrorCancelled);
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
   ::unsetenv("TMPDIR");
+}
+
+/// Starts `task` for a caller that may stop waiting.
+template <typename T>
+std::future<T> startedFor(const std::shared_ptr<Abandonment>& caller, Task<T> task) {
+  const AbandonmentScope scope(caller);
+  return started(std::move(task));
+}
+
+TEST(SessionTest, RequestThatNothingWaitsForIsNotSent) {
+  ScriptedServer server(R"({"routes": {"GET /held": {"holdFor": "go"}}})");
+  Client client(server);
+  std::vector<std::future<std::shared_ptr<const NSURLResponse>>> held;
+  for (std::size_t i = 0; i < kMostConnections; ++i) {
+    held.push_back(started(client.session().dataTask(client.request("GET", "/held"), nullptr)));
+  }
+  server.waitForRequests(kMostConnections);
+  const auto caller = std::make_shared<Abandonment>();
+  auto removal =
+      startedFor(caller, client.session().dataTask(client.request("DELETE", "/a"), nullptr));
+  auto upload =
+      startedFor(caller, client.session().uploadTask(client.request("PUT", "/a"),
+                                                     NSURL::fileURLWithPath("/etc/hostname")));
+  auto listing = startedFor(caller, client.session().dataTask(client.request("PROPFIND", "/a"),
+                                                              std::make_shared<TestReceiver>()));
+  auto wanted = started(client.session().dataTask(client.request("GET", "/wanted"), nullptr));
+  caller->declare();
+  // They fail while every place is still taken.
+  EXPECT_EQ(errorOf(removal), NSURLErrorCancelled);
+  EXPECT_EQ(errorOf(upload), NSURLErrorCancelled);
+  EXPECT_EQ(errorOf(listing), NSURLErrorCancelled);
+  auto late =
+      startedFor(caller, client.session().dataTask(client.request("DELETE", "/b"), nullptr));
+  EXPECT_EQ(errorOf(late), NSURLErrorCancelled);
+  server.release("go");
+  for (auto& response : held) EXPECT_EQ(Client::statusOf(response.get()), 200);
+  EXPECT_EQ(Client::statusOf(wanted.get()), 200);
+  for (const auto& request : server.requests()) EXPECT_EQ(request.method, "GET");
+}
+
+TEST(SessionTest, RequestIsNotSentOnAConnectionThatComesTooLate) {
+  ScriptedServer server(R"({"mode": "silent"})");
+  Client client(server);
+  const auto caller = std::make_shared<Abandonment>();
+  auto removal =
+      startedFor(caller, client.session().dataTask(client.request("DELETE", "/a"), nullptr));
+  server.waitForEvents("connected", 1);
+  caller->declare();
+  EXPECT_EQ(errorOf(removal), NSURLErrorCancelled);
+}
+
+TEST(SessionTest, CallerThatStopsWaitingGivesItsPlacesBack) {
+  const TemporaryDirectory directory;
+  ScriptedServer server(R"({"routes": {
+      "GET /held": {"fill": 1000000, "pauseAt": 500000, "pauseFor": "never"}}})");
+  ::setenv("TMPDIR", directory.path().c_str(), 1);
+  Client client(server);
+  const auto caller = std::make_shared<Abandonment>();
+  std::vector<std::future<NSURLSessionDownload>> files;
+  std::vector<std::future<std::shared_ptr<const NSURLResponse>>> held;
+  for (std::size_t i = 0; i < kMostConnections; ++i) {
+    files.push_back(
+        startedFor(caller, client.session().downloadTask(client.request("GET", "/held"))));
+    held.push_back(startedFor(caller, client.session().dataTask(client.request("GET", "/held"),
+                                                                std::make_shared<TestReceiver>())));
+  }
+  server.waitForRequests(kMostConnections);
+  auto next = started(client.session().dataTask(client.request("GET", "/next"), nullptr));
+  caller->declare();
+  EXPECT_EQ(Client::statusOf(next.get()), 200);
+  for (auto& file : files) EXPECT_EQ(errorOf(file), NSURLErrorCancelled);
+  for (auto& response : held) EXPECT_EQ(errorOf(response), NSURLErrorCancelled);
+  EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+  ::unsetenv("TMPDIR");
+}
+
+/// Has no memory for a body.
+class PoorReceiver : public NSURLSessionDataReceiver {
+ public:
+  void didReceiveData(std::string_view) override { throw std::bad_alloc(); }
+};
+
+TEST(SessionTest, ReceiverThatFailsGivesItsPlaceBack) {
+  ScriptedServer server(R"({"routes": {"GET /big": {"fill": 100000000000}}})");
+  Client client(server);
+  for (std::size_t i = 0; i < 2 * kMostConnections; ++i) {
+    try {
+      resultOf(client.session().dataTask(client.request("GET", "/big"),
+                                         std::make_shared<PoorReceiver>()));
+      FAIL() << "no error";
+    } catch (const NSError& error) {
+      EXPECT_TRUE(error.is(NSPOSIXErrorDomain, ENOMEM));
+    }
+  }
+  EXPECT_EQ(client.get("/small").first, 200);
+}
+
+/// Runs out of memory whenever a file is to be made.
+class PoorFileManager : public NSFileManager {
+ public:
+  std::optional<NSURL> containerURL(std::string_view) override { return std::nullopt; }
+  NSURL temporaryDirectory() override { throw std::bad_alloc(); }
+  NSData contents(const NSURL&) override { return {}; }
+  bool createFile(const NSURL&, std::string_view) override { return false; }
+  void moveItem(const NSURL&, const NSURL&) override {}
+  void removeItem(const NSURL&) override {}
+  std::optional<std::int64_t> fileSize(const NSURL&) override { return std::nullopt; }
+  std::size_t maximumNameLength(const NSURL&) override { return 255; }
+};
+
+TEST(SessionTest, WantOfMemoryFailsTheRequestThatNeedsIt) {
+  ScriptedServer server;
+  Client client(server);
+  NSFileManager::setDefaultManager(std::make_shared<PoorFileManager>());
+  for (std::size_t i = 0; i < 2 * kMostConnections; ++i) {
+    EXPECT_EQ(errorOf(client.session().downloadTask(client.request("GET", "/file"))),
+              NSURLErrorUnknown);
+  }
+  NSFileManager::setDefaultManager(nullptr);
+  EXPECT_EQ(client.get("/").first, 200);
+  EXPECT_EQ(server.requests().size(), 1u);
 }
 
 TEST(SessionTest, SessionMayBeReleasedByItsDelegate) {

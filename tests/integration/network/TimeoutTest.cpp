@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+
+#include <chrono>
 #include <fstream>
 
 #include "NetworkTest.h"
@@ -20,7 +22,8 @@ constexpr double kPatience = 4;
 std::int64_t errorFor(const std::string& script) {
   ScriptedServer server(script);
   Client client(server);
-  return errorOf(client.session().dataTask(impatient(client.request("GET", "/")), nullptr));
+  return errorOf(client.session().dataTask(impatient(client.request("GET", "/")),
+                                           std::make_shared<TestReceiver>()));
 }
 
 TEST(TimeoutTest, SilenceInAnyPhaseIsATimeout) {
@@ -74,6 +77,26 @@ TEST(TimeoutTest, WaitingForAConnectionDoesNotCount) {
   server.release("go");
   EXPECT_EQ(Client::statusOf(waiting.get()), 200);
   for (auto& response : held) EXPECT_EQ(Client::statusOf(response.get()), 200);
+}
+
+TEST(TimeoutTest, PlaceOfASilentRequestGoesToTheNextAtOnce) {
+  ScriptedServer server(R"({"routes": {"GET /silent": {"holdFor": "never"}}})");
+  Client client(server);
+  std::vector<std::future<std::shared_ptr<const NSURLResponse>>> silent;
+  for (int i = 0; i < 8; ++i) {
+    silent.push_back(
+        started(client.session().dataTask(impatient(client.request("GET", "/silent")), nullptr)));
+  }
+  // Nothing else runs or comes once the silent ones have failed.
+  std::vector<std::future<std::shared_ptr<const NSURLResponse>>> waiting;
+  for (int i = 0; i < 20; ++i) {
+    waiting.push_back(started(client.session().dataTask(client.request("GET", "/next"), nullptr)));
+  }
+  for (auto& each : waiting) {
+    ASSERT_EQ(each.wait_for(std::chrono::minutes(1)), std::future_status::ready);
+    EXPECT_EQ(Client::statusOf(each.get()), 200);
+  }
+  for (auto& each : silent) EXPECT_EQ(errorOf(each), NSURLErrorTimedOut);
 }
 
 }  // namespace

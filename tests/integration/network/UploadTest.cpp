@@ -148,6 +148,19 @@ TEST_F(UploadTest, AnswerBeforeTheEndOfTheBodyIsDelivered) {
   }
 }
 
+TEST_F(UploadTest, SuccessOfAFileThatWasNotSentWholeDoesNotCount) {
+  const auto big = sparseFile(kMoreThanSocketsHold);
+  for (const auto* ending : {"close", "drop", "rst"}) {
+    ScriptedServer server(
+        std::string(R"({"responses": [{"status": 201, "readBytes": 1000000, "then": ")") + ending +
+        "\"}]}");
+    Client client(server);
+    EXPECT_EQ(errorOf(client.session().uploadTask(client.request("PUT", "/"), big)),
+              NSURLErrorNetworkConnectionLost);
+    EXPECT_FALSE(server.waitForRequests(1).at(0).complete);
+  }
+}
+
 TEST_F(UploadTest, ConnectionLostWhileSendingIsAnError) {
   const auto big = sparseFile(kMoreThanSocketsHold);
   for (const auto* ending : {"close", "drop", "rst"}) {

@@ -38,6 +38,23 @@ TEST(TransferMonitorTest, CountsAreThoseLastGiven) {
   EXPECT_EQ(status.bytesExpectedToReceive, 7);
 }
 
+TEST(TransferMonitorTest, BytesOfAllTransfersAddUpAndStay) {
+  TransferMonitor monitor;
+  EXPECT_EQ(monitor.bytesMoved(), 0);
+  {
+    TransferMonitor::Entry first(monitor, {"GET", "https://h/a", 0, 0, std::nullopt, std::nullopt});
+    TransferMonitor::Entry second(monitor,
+                                  {"GET", "https://h/b", 0, 0, std::nullopt, std::nullopt});
+    first.moved(10);
+    second.moved(5);
+    first.moved(30);
+    // Another connection carries it from its beginning.
+    first.moved(20);
+    EXPECT_EQ(monitor.bytesMoved(), 35);
+  }
+  EXPECT_EQ(monitor.bytesMoved(), 35);
+}
+
 TEST(TransferMonitorTest, LengthsAreUnknownUntilTold) {
   TransferMonitor monitor;
   TransferMonitor::Entry entry(monitor, {"GET", "https://h/a", 0, 0, std::nullopt, std::nullopt});
