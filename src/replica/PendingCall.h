@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/base/Abandonment.h"
 #include "replica/Loop.h"
 #include "replica/Outcome.h"
 
@@ -15,7 +16,8 @@ namespace kestrowan::replica {
 class AbandonableCall {
  public:
   virtual ~AbandonableCall() = default;
-  /// Ends the call with `error`, if it has not ended.
+  /// Ends the call with `error`, and tells the provider's work that nothing waits for it, unless
+  /// the call has ended.
   virtual void abandon(const NSError& error) = 0;
 };
 
@@ -37,7 +39,12 @@ class PendingCall : public AbandonableCall {
     return true;
   }
 
-  void abandon(const NSError& error) override { complete(error); }
+  void abandon(const NSError& error) override {
+    if (complete(error)) abandonment_->declare();
+  }
+
+  /// What the provider's work is started with. Never null.
+  const std::shared_ptr<Abandonment>& abandonment() const { return abandonment_; }
 
   /// Awaitable, once: the outcome.
   auto result() {
@@ -60,6 +67,7 @@ class PendingCall : public AbandonableCall {
 
  private:
   Loop& loop_;
+  const std::shared_ptr<Abandonment> abandonment_ = std::make_shared<Abandonment>();
   std::mutex mutex_;
   std::optional<Outcome<T>> outcome_;
   std::coroutine_handle<> waiter_;

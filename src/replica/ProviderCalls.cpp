@@ -181,9 +181,10 @@ Task<Outcome<T>> ProviderCalls::call(Slots& slots, std::optional<std::chrono::mi
   std::optional<Loop::TimerNumber> timer;
   if (limit) {
     timer = loop_.postAfter(
-        *limit, [pending] { pending->complete(NSError(NSURLErrorDomain, NSURLErrorTimedOut)); });
+        *limit, [pending] { pending->abandon(NSError(NSURLErrorDomain, NSURLErrorTimedOut)); });
   }
   try {
+    const AbandonmentScope scope(pending->abandonment());
     make(*provider, asProviderHoldsIt(pending));
   } catch (...) {
     pending->complete(caughtError());

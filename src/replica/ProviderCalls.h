@@ -33,7 +33,9 @@ struct WrittenItem {
 
 /// The provider's requests as coroutines. Started and continued on the loop; so many at once as the
 /// limits allow, the others in the order in which they came. The provider may be exchanged at any
-/// time: calls in flight stay with the one that they were made to.
+/// time: calls in flight stay with the one that they were made to. A call that is no transfer ends
+/// after 90 seconds with `NSURLErrorTimedOut`; what the provider still does for a call that has
+/// ended before its answer is abandoned (see `Abandonment`), so that no request is sent for it.
 ///
 /// Nothing is asked for but what the form of the identifiers allows, and the root is only listed
 /// and asked about: any other call ends with EIO, without a word to the provider, and is logged.
