@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -44,6 +46,10 @@ std::string exitCodesText() {
   }
   return text;
 }
+
+constexpr auto kRequestEnd = "give up after so long; otherwise each request ends after 90 seconds";
+constexpr auto kTransferEnd =
+    "give up after so long; otherwise a transfer goes on while it moves 60 KiB in each minute";
 
 /// The command line's form and, once parsed, its values. One command's action is chosen by parsing.
 class CommandLine {
@@ -123,10 +129,13 @@ class CommandLine {
 
   /// A command whose action works on an extension of its own.
   CLI::App* addDirect(const std::string& name, const std::string& summary,
-                      const std::string& examples,
+                      const std::string& examples, const std::string& end,
                       std::function<ExitCode(CommandContext&)> action) {
     auto* command = app_.add_subcommand(name, summary);
     command->footer("Examples:\n" + examples);
+    command->add_option("--timeout", seconds_, end)
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("SECONDS");
     command->callback([this, action = std::move(action)] {
       action_ = [this, action] { return direct(action); };
     });
@@ -136,7 +145,9 @@ class CommandLine {
   ExitCode direct(const std::function<ExitCode(CommandContext&)>& action) {
     if (!global_.verbose) LogSink::setShared(std::make_shared<SilentSink>());
     useBridge();
-    CommandContext context(global_);
+    std::optional<std::chrono::seconds> limit;
+    if (seconds_) limit = std::chrono::seconds(*seconds_);
+    CommandContext context(global_, limit);
     try {
       return action(context);
     } catch (const RequestFailure& failure) {
@@ -147,19 +158,20 @@ class CommandLine {
   }
 
   void addReadingCommands() {
-    auto* ls = addDirect("ls", "list a folder", "  kestrowan ls -l /Home\n  kestrowan ls -R",
-                         [this](CommandContext& context) { return list(context, listOptions_); });
+    auto* ls =
+        addDirect("ls", "list a folder", "  kestrowan ls -l /Home\n  kestrowan ls -R", kRequestEnd,
+                  [this](CommandContext& context) { return list(context, listOptions_); });
     ls->add_flag("-l", listOptions_.longFormat, "with kind, capabilities, size and date (UTC)");
     ls->add_flag("-R", listOptions_.recursive, "with all folders below");
     ls->add_option("PATH", listOptions_.path, "folder on the server; the root when left out");
 
-    auto* stat = addDirect("stat", "show one item", "  kestrowan stat /Home/a.txt",
+    auto* stat = addDirect("stat", "show one item", "  kestrowan stat /Home/a.txt", kRequestEnd,
                            [this](CommandContext& context) { return cli::stat(context, path_); });
     stat->add_option("PATH", path_, "item on the server")->required();
 
     auto* get = addDirect(
         "get", "download a file",
-        "  kestrowan get /Home/a.txt\n  kestrowan get /Home/a.txt - | less",
+        "  kestrowan get /Home/a.txt\n  kestrowan get /Home/a.txt - | less", kTransferEnd,
         [this](CommandContext& context) { return cli::get(context, path_, file_, follow_); });
     get->add_option("PATH", path_, "file on the server")->required();
     get->add_option("FILE", file_,
@@ -173,7 +185,7 @@ class CommandLine {
 
   void addWritingCommands() {
     auto* put =
-        addDirect("put", "upload a file", "  kestrowan put a.txt /Home/",
+        addDirect("put", "upload a file", "  kestrowan put a.txt /Home/", kTransferEnd,
                   [this](CommandContext& context) { return cli::put(context, source_, path_); });
     put->add_option("FILE", source_, "local file")->required();
     put->add_option("PATH", path_,
@@ -181,20 +193,22 @@ class CommandLine {
                     "in a folder when it ends in \"/\"")
         ->required();
 
-    auto* mkdir = addDirect("mkdir", "make a folder", "  kestrowan mkdir /Home/New",
+    auto* mkdir = addDirect("mkdir", "make a folder", "  kestrowan mkdir /Home/New", kRequestEnd,
                             [this](CommandContext& context) { return makeFolder(context, path_); });
     mkdir->add_option("PATH", path_, "folder on the server")->required();
 
-    auto* mv =
-        addDirect("mv", "rename or move an item; never replaces another",
-                  "  kestrowan mv /Home/a.txt /Home/b.txt\n  kestrowan mv /Home/a.txt "
-                  "/Home/New/",
-                  [this](CommandContext& context) { return cli::move(context, source_, path_); });
+    auto* mv = addDirect("mv", "rename or move an item; never replaces another",
+                         "  kestrowan mv /Home/a.txt /Home/b.txt\n  kestrowan mv /Home/a.txt "
+                         "/Home/New/",
+                         kRequestEnd, [this](CommandContext& context) {
+                           return cli::move(context, source_, path_);
+                         });
     mv->add_option("FROM", source_, "item on the server")->required();
     mv->add_option("TO", path_, "its new path; a folder when it ends in \"/\"")->required();
 
     auto* rm = addDirect(
         "rm", "remove an item", "  kestrowan rm /Home/a.txt\n  kestrowan rm -r /Home/New",
+        kRequestEnd,
         [this](CommandContext& context) { return cli::remove(context, path_, recursive_); });
     rm->add_flag("-r", recursive_, "also a folder, with all that is in it");
     rm->add_option("PATH", path_, "item on the server")->required();
@@ -240,6 +254,7 @@ class CommandLine {
   std::optional<std::string> file_;
   bool recursive_ = false;
   bool follow_ = false;
+  std::optional<std::uint32_t> seconds_;
 };
 
 }  // namespace

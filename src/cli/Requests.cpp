@@ -48,26 +48,32 @@ WriteCompletion settling(Promise<NSFileProviderItemPtr> promise) {
 
 }  // namespace
 
-std::future<std::vector<NSFileProviderItemPtr>> listFolder(
-    NSFileProviderReplicatedExtension& extension, const NSFileProviderItemIdentifier& folder) {
+Request<std::vector<NSFileProviderItemPtr>> listFolder(NSFileProviderReplicatedExtension& extension,
+                                                       const NSFileProviderItemIdentifier& folder) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto observer = std::make_shared<ListingObserver>();
   auto future = observer->future();
   extension.enumerator(folder, {})->enumerateItems(observer, {});
-  return future;
+  return {std::move(future), caller};
 }
 
-std::future<NSFileProviderItemPtr> lookUp(NSFileProviderReplicatedExtension& extension,
-                                          const NSFileProviderItemIdentifier& identifier) {
+Request<NSFileProviderItemPtr> lookUp(NSFileProviderReplicatedExtension& extension,
+                                      const NSFileProviderItemIdentifier& identifier) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto promise = std::make_shared<std::promise<NSFileProviderItemPtr>>();
   extension.item(identifier, {},
                  [promise](NSFileProviderItemPtr item, std::optional<NSError> error) {
                    settle(*promise, error, std::move(item));
                  });
-  return promise->get_future();
+  return {promise->get_future(), caller};
 }
 
-std::future<FetchedContents> fetch(NSFileProviderReplicatedExtension& extension,
-                                   const NSFileProviderItemIdentifier& identifier) {
+Request<FetchedContents> fetch(NSFileProviderReplicatedExtension& extension,
+                               const NSFileProviderItemIdentifier& identifier) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto promise = std::make_shared<std::promise<FetchedContents>>();
   extension.fetchContents(identifier, std::nullopt, {},
                           [promise](std::optional<NSURL> file, NSFileProviderItemPtr item,
@@ -78,28 +84,34 @@ std::future<FetchedContents> fetch(NSFileProviderReplicatedExtension& extension,
                               promise->set_value({*std::move(file), std::move(item)});
                             }
                           });
-  return promise->get_future();
+  return {promise->get_future(), caller};
 }
 
-std::future<NSFileProviderItemPtr> create(NSFileProviderReplicatedExtension& extension,
-                                          NSFileProviderItemPtr basedOnTemplate,
-                                          std::optional<NSURL> contents) {
+Request<NSFileProviderItemPtr> create(NSFileProviderReplicatedExtension& extension,
+                                      NSFileProviderItemPtr basedOnTemplate,
+                                      std::optional<NSURL> contents) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto promise = std::make_shared<std::promise<NSFileProviderItemPtr>>();
   extension.createItem(std::move(basedOnTemplate), NSFileProviderItemField::filename,
                        std::move(contents), 0, {}, settling(promise));
-  return promise->get_future();
+  return {promise->get_future(), caller};
 }
 
-std::future<NSFileProviderItemPtr> modify(NSFileProviderReplicatedExtension& extension,
-                                          NSFileProviderItemPtr item,
-                                          NSFileProviderItemFields changedFields) {
+Request<NSFileProviderItemPtr> modify(NSFileProviderReplicatedExtension& extension,
+                                      NSFileProviderItemPtr item,
+                                      NSFileProviderItemFields changedFields) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto promise = std::make_shared<std::promise<NSFileProviderItemPtr>>();
   extension.modifyItem(std::move(item), {}, changedFields, std::nullopt, 0, {}, settling(promise));
-  return promise->get_future();
+  return {promise->get_future(), caller};
 }
 
-std::future<void> remove(NSFileProviderReplicatedExtension& extension,
-                         const NSFileProviderItemIdentifier& identifier, bool recursive) {
+Request<void> remove(NSFileProviderReplicatedExtension& extension,
+                     const NSFileProviderItemIdentifier& identifier, bool recursive) {
+  const auto caller = std::make_shared<Abandonment>();
+  const AbandonmentScope scope(caller);
   auto promise = std::make_shared<std::promise<void>>();
   extension.deleteItem(identifier, {}, recursive ? NSFileProviderDeleteItemOption::recursive : 0,
                        {}, [promise](std::optional<NSError> error) {
@@ -109,7 +121,7 @@ std::future<void> remove(NSFileProviderReplicatedExtension& extension,
                            promise->set_value();
                          }
                        });
-  return promise->get_future();
+  return {promise->get_future(), caller};
 }
 
 }  // namespace kestrowan::cli

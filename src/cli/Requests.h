@@ -1,39 +1,48 @@
 #pragma once
 
 #include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/base/Abandonment.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 
 namespace kestrowan::cli {
 
-/// The extension's requests as futures, for commands that do one thing after another. Each future
-/// holds the result or throws the request's `NSError`. The extension need not outlive any of them.
+/// One of the extension's requests, for commands that do one thing after another. The extension
+/// need not outlive it.
+template <typename T>
+struct Request {
+  /// Holds the result or throws the request's `NSError`.
+  std::future<T> answer;
+  /// Declared by the command when it waits no more. Never null.
+  std::shared_ptr<Abandonment> caller;
+};
 
-std::future<std::vector<NSFileProviderItemPtr>> listFolder(
-    NSFileProviderReplicatedExtension& extension, const NSFileProviderItemIdentifier& folder);
+Request<std::vector<NSFileProviderItemPtr>> listFolder(NSFileProviderReplicatedExtension& extension,
+                                                       const NSFileProviderItemIdentifier& folder);
 
-std::future<NSFileProviderItemPtr> lookUp(NSFileProviderReplicatedExtension& extension,
-                                          const NSFileProviderItemIdentifier& identifier);
+Request<NSFileProviderItemPtr> lookUp(NSFileProviderReplicatedExtension& extension,
+                                      const NSFileProviderItemIdentifier& identifier);
 
 struct FetchedContents {
   NSURL file;
   NSFileProviderItemPtr item;
 };
-std::future<FetchedContents> fetch(NSFileProviderReplicatedExtension& extension,
-                                   const NSFileProviderItemIdentifier& identifier);
+Request<FetchedContents> fetch(NSFileProviderReplicatedExtension& extension,
+                               const NSFileProviderItemIdentifier& identifier);
 
-std::future<NSFileProviderItemPtr> create(NSFileProviderReplicatedExtension& extension,
-                                          NSFileProviderItemPtr basedOnTemplate,
-                                          std::optional<NSURL> contents);
+Request<NSFileProviderItemPtr> create(NSFileProviderReplicatedExtension& extension,
+                                      NSFileProviderItemPtr basedOnTemplate,
+                                      std::optional<NSURL> contents);
 
-std::future<NSFileProviderItemPtr> modify(NSFileProviderReplicatedExtension& extension,
-                                          NSFileProviderItemPtr item,
-                                          NSFileProviderItemFields changedFields);
+Request<NSFileProviderItemPtr> modify(NSFileProviderReplicatedExtension& extension,
+                                      NSFileProviderItemPtr item,
+                                      NSFileProviderItemFields changedFields);
 
-std::future<void> remove(NSFileProviderReplicatedExtension& extension,
-                         const NSFileProviderItemIdentifier& identifier, bool recursive);
+Request<void> remove(NSFileProviderReplicatedExtension& extension,
+                     const NSFileProviderItemIdentifier& identifier, bool recursive);
 
 }  // namespace kestrowan::cli

@@ -6,8 +6,10 @@
 
 namespace kestrowan::cli {
 
-CommandContext::CommandContext(const GlobalOptions& options)
+CommandContext::CommandContext(const GlobalOptions& options,
+                               std::optional<std::chrono::seconds> limit)
     : json_(options.json),
+      patience_(limit),
       extension_(
           std::make_shared<FileProviderExtension>(NSFileProviderDomain{"kestrowan", "Kestrowan"})) {
 }

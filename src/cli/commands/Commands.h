@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "cli/ExitCode.h"
+#include "cli/Patience.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 #include "platform/foundation/JSONValue.h"
 
@@ -20,10 +22,13 @@ struct GlobalOptions {
 /// One extension, made for one command: the way of every direct command to the server.
 class CommandContext {
  public:
-  explicit CommandContext(const GlobalOptions& options);
+  /// `limit`: how long the command may take; see `Patience`.
+  explicit CommandContext(const GlobalOptions& options,
+                          std::optional<std::chrono::seconds> limit = std::nullopt);
 
   bool json() const { return json_; }
   NSFileProviderReplicatedExtension& extension() { return *extension_; }
+  const Patience& patience() const { return patience_; }
 
   /// Reports the failure of a request about `path`, in JSON on standard output or in words on
   /// standard error, and tells how the command ends.
@@ -31,6 +36,7 @@ class CommandContext {
 
  private:
   const bool json_;
+  const Patience patience_;
   const std::shared_ptr<NSFileProviderReplicatedExtension> extension_;
 };
 

@@ -93,7 +93,7 @@ Finding checkServer(const GlobalOptions& options) {
   const NSFileProviderItemIdentifier root(NSFileProviderRootContainerItemIdentifier);
   const auto begun = Clock::now();
   try {
-    const auto items = listFolder(context.extension(), root).get();
+    const auto items = context.patience().await(listFolder(context.extension(), root));
     const auto age = std::chrono::ceil<std::chrono::milliseconds>(Clock::now() - begun);
     if (!host::cameWhole(root, age)) {
       return {"server", Verdict::warning,

@@ -64,7 +64,7 @@ FetchedContents fetched(CommandContext& context, const std::string& path,
                         const std::string& local) {
   try {
     const TransferProgress progress(!context.json(), "GET", lastPathComponent(path));
-    return fetch(context.extension(), identifier(path)).get();
+    return context.patience().awaitTransfer(fetch(context.extension(), identifier(path)));
   } catch (const NSError& error) {
     throw RequestFailure{isAboutLocalFile(error) ? local : path, error};
   }

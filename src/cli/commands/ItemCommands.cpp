@@ -17,16 +17,16 @@ namespace {
 
 /// The request's result, its failure marked with the path that it is about.
 template <typename T>
-T resultOf(std::future<T> future, const std::string& path) {
+T resultOf(const CommandContext& context, Request<T> request, const std::string& path) {
   try {
-    return future.get();
+    return context.patience().await(std::move(request));
   } catch (const NSError& error) {
     throw RequestFailure{path, error};
   }
 }
 
 NSFileProviderItemPtr itemAt(CommandContext& context, const std::string& path) {
-  return resultOf(lookUp(context.extension(), identifier(path)), path);
+  return resultOf(context, lookUp(context.extension(), identifier(path)), path);
 }
 
 void printItem(CommandContext& context, const NSFileProviderItemPtr& item) {
@@ -62,7 +62,7 @@ ExitCode makeFolder(CommandContext& context, const std::string& path) {
                            .parentItemIdentifier = parentIdentifier(at),
                            .filename = lastPathComponent(at),
                            .contentType = UTType::folder()});
-  printItem(context, resultOf(create(context.extension(), folder, std::nullopt), at));
+  printItem(context, resultOf(context, create(context.extension(), folder, std::nullopt), at));
   return ExitCode::done;
 }
 
@@ -82,10 +82,10 @@ ExitCode move(CommandContext& context, const std::string& from, const std::strin
                            .filename = lastPathComponent(target),
                            .contentType = item->contentType()});
   try {
-    printItem(context, modify(context.extension(), moved,
-                              NSFileProviderItemField::filename |
-                                  NSFileProviderItemField::parentItemIdentifier)
-                           .get());
+    printItem(context,
+              context.patience().await(modify(context.extension(), moved,
+                                              NSFileProviderItemField::filename |
+                                                  NSFileProviderItemField::parentItemIdentifier)));
   } catch (const NSError& error) {
     const bool isTaken = error.is(NSCocoaErrorDomain, NSFileWriteFileExistsError);
     throw RequestFailure{isTaken ? target : source, error};
@@ -102,7 +102,7 @@ ExitCode remove(CommandContext& context, const std::string& path, bool recursive
     throw UsageError(escapedForDisplay(at) +
                      ": is a folder; remove it and all that is in it with -r");
   }
-  resultOf(remove(context.extension(), identifier(at), recursive), at);
+  resultOf(context, remove(context.extension(), identifier(at), recursive), at);
   if (context.json()) {
     Output::standard().write(JSONValue(JSONValue::Object{{"removed", at}}).serialized() + "\n");
   }

@@ -18,7 +18,7 @@ constexpr std::size_t kListingsInFlight = 16;
 
 struct Folder {
   std::string path;
-  std::future<std::vector<NSFileProviderItemPtr>> listing;
+  Request<std::vector<NSFileProviderItemPtr>> listing;
 };
 
 /// Whether a listed item lies directly in the folder that was listed: a server may report
@@ -43,7 +43,7 @@ class Listing {
       Folder folder = std::move(folders_.front());
       folders_.pop_front();
       try {
-        print(folder.path, folder.listing.get());
+        print(folder.path, context_.patience().await(std::move(folder.listing)));
       } catch (const NSError& error) {
         if (folder.path == start) throw RequestFailure{start, error};
         progress_.clear();
@@ -60,7 +60,7 @@ class Listing {
     const std::size_t ahead = std::min(folders_.size(), kListingsInFlight);
     for (std::size_t i = 0; i < ahead; ++i) {
       auto& folder = folders_[i];
-      if (!folder.listing.valid()) {
+      if (!folder.listing.answer.valid()) {
         folder.listing = listFolder(context_.extension(), identifier(folder.path));
       }
     }

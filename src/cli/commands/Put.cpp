@@ -24,7 +24,8 @@ ExitCode put(CommandContext& context, const std::string& file, const std::string
   NSFileProviderItemPtr item;
   try {
     const TransferProgress progress(!context.json(), "PUT", lastPathComponent(at));
-    item = create(context.extension(), created, NSURL::fileURLWithPath(file)).get();
+    item = context.patience().awaitTransfer(
+        create(context.extension(), created, NSURL::fileURLWithPath(file)));
   } catch (const NSError& error) {
     throw RequestFailure{isAboutLocalFile(error) ? file : at, error};
   }
