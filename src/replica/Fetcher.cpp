@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
@@ -69,9 +70,10 @@ void Fetcher::fetchLater(const ItemPtr& item) {
 }
 
 void Fetcher::begin(const ItemPtr& item) {
-  item->fetching = std::make_unique<std::vector<Completion<Done>>>();
-  ++inFlight_;
+  auto waiting = std::make_unique<std::vector<Completion<Done>>>();
   startOn(core_.loop, run(item));
+  item->fetching = std::move(waiting);
+  ++inFlight_;
 }
 
 Task<void> Fetcher::run(ItemPtr item) {
@@ -212,12 +214,9 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
 void Fetcher::finish(const ItemPtr& item, const std::optional<NSError>& error) {
   --inFlight_;
   const auto waiters = std::move(item->fetching);
-  for (auto& waiter : *waiters) {
-    if (error) {
-      core_.answer<Done>(std::move(waiter), *error);
-    } else {
-      core_.answer<Done>(std::move(waiter), Done{});
-    }
+  const Outcome<Done> outcome = error ? Outcome<Done>(*error) : Outcome<Done>(Done{});
+  for (const auto& waiter : *waiters) {
+    untilThereIsMemory([&] { core_.answer<Done>(waiter, outcome); });
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
@@ -82,8 +83,13 @@ void Health::open(State state, const NSError& error) {
 
 void Health::scheduleProbe() {
   if (probing_ || core_.stopped) return;
+  core_.loop.postAfter(probeInterval(++probes_), [this] {
+    if (guarded("a probe of the provider", [this] { startOn(core_.loop, probe()); })) return;
+    std::lock_guard lock(core_.mutex);
+    probing_ = false;
+    scheduleProbe();
+  });
   probing_ = true;
-  core_.loop.postAfter(probeInterval(++probes_), [this] { startOn(core_.loop, probe()); });
 }
 
 Task<void> Health::probe() {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
@@ -176,8 +177,9 @@ Task<Outcome<ListingPtr>> Lister::listed(ItemPtr folder) {
 }
 
 void Lister::begin(const ItemPtr& folder) {
-  core_.folder(folder).listing = true;
+  FolderRuntime& runtime = core_.folder(folder);
   startOn(core_.loop, run(folder));
+  runtime.listing = true;
 }
 
 Task<void> Lister::run(ItemPtr folder) {
@@ -228,6 +230,9 @@ Task<void> Lister::ask(ItemPtr folder) {
   }
   if (!outcome.succeeded()) {
     if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
+      if (outcome.error().domain() == NSPOSIXErrorDomain) {
+        core_.log("cannot be listed", *folder, outcome.error().localizedDescription());
+      }
       finish(folder, outcome.error());
     } else if (folder->rid != kRootRid) {
       startOn(core_.loop, lookForFolder(folder, outcome.error()));
@@ -311,7 +316,9 @@ void Lister::finish(const ItemPtr& folder, Outcome<ListingPtr> outcome) {
   runtime.listing = false;
   auto waiters = std::move(runtime.listingWaiters);
   runtime.listingWaiters.clear();
-  for (auto& waiter : waiters) core_.answer<ListingPtr>(std::move(waiter), outcome);
+  for (const auto& waiter : waiters) {
+    untilThereIsMemory([&] { core_.answer<ListingPtr>(waiter, outcome); });
+  }
   if (std::exchange(runtime.listAgain, false)) {
     runtime.listingWaiters.swap(runtime.nextListingWaiters);
     begin(folder);

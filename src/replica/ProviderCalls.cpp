@@ -82,8 +82,8 @@ template <typename T>
 std::shared_ptr<PendingCall<T>> asProviderHoldsIt(std::shared_ptr<PendingCall<T>> call) {
   auto* const pointer = call.get();
   return std::shared_ptr<PendingCall<T>>(pointer, [call = std::move(call)](PendingCall<T>*) {
-    guarded("a call of the provider",
-            [&] { call->complete(NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)); });
+    untilThereIsMemory(
+        [&] { call->complete(NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)); });
   });
 }
 

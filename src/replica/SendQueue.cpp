@@ -164,8 +164,8 @@ void Sender::startReady(std::map<std::pair<bool, std::uint64_t>, Rid>& ready, un
     }
     item->sendNow = false;
     if (uploads && item->writers > 0 && !item->sent) sync.sentOpenAt = core_.uptime();
-    ++running;
     start(item, uploads);
+    ++running;
   }
 }
 
@@ -222,13 +222,15 @@ void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
 
 void Sender::start(const ItemPtr& item, bool upload) {
   SyncRuntime& sync = core_.sync(item);
+  sync.targetName = item->name;
+  core_.sending.reserve(core_.sending.size() + 1);
+  if (item->sent) doubtFolderDates(item);
+  // It runs after this has been left, if it can be begun at all.
+  startOn(core_.loop, run(item, upload));
+  core_.sending.push_back(item);
   sync.place = Place::sending;
   sync.targetParent = item->parent;
-  sync.targetName = item->name;
   sync.wholeFolder = item->isFolder();
-  core_.sending.push_back(item);
-  if (item->sent) doubtFolderDates(item);
-  startOn(core_.loop, run(item, upload));
 }
 
 /// Before and after a request: a listing between the two shows the date before or after it.

@@ -7,7 +7,7 @@ import subprocess
 import pytest
 
 import driver
-from hosted import DONE
+from hosted import DONE, wait_for
 
 # A list of so many entries takes pieces of more than two MiB; nothing of a small folder does.
 ENTRIES = 140_000
@@ -38,6 +38,8 @@ def test_a_listing_that_memory_does_not_suffice_for_is_an_error_and_the_host_goe
     home = place.point / "Home"
     with pytest.raises(OSError):
         os.listdir(home / "large")
+    wait_for(lambda: mounted.has_said("cannot be listed") or mounted.process.poll() is not None,
+             "line in the log")
     assert mounted.process.poll() is None, mounted.lines
     assert (home / "small" / "a.txt").read_bytes() == b"a"
     (home / "small" / "b.txt").write_bytes(b"b")
