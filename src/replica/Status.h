@@ -62,8 +62,8 @@ struct Status {
   std::vector<std::string> conflicts;
   /// Entries of listings that could not be admitted, since the start.
   std::int64_t refusedEntries = 0;
-  /// Listings that did not come whole, since the start; and the paths of folders, at most 100, whose
-  /// last listing did not.
+  /// Listings that did not come whole, since the start; and the paths of folders, at most 100,
+  /// whose last listing did not.
   std::int64_t partialListings = 0;
   std::vector<std::string> partialFolders;
 };
