@@ -8,6 +8,7 @@ from pathlib import PurePosixPath
 sys.dont_write_bytecode = True
 import co_await_temporaries  # noqa: E402
 import include_rules  # noqa: E402
+import named_tests  # noqa: E402
 import sources  # noqa: E402
 import threads  # noqa: E402
 
@@ -22,6 +23,27 @@ class Threads(unittest.TestCase):
         for text in ("std::thread thread_;", "std::vector<std::thread> threads_;",
                      "std::thread::id id;", "// std::thread(run)", "thread_ = startThread(a, b);"):
             self.assertEqual(threads.check("a.cpp", text), [], text)
+
+
+class NamedTests(unittest.TestCase):
+    FILES = {"host/test_a.py": "def test_b():\n    pass\n", "host/empty.py": ""}
+    UNIT = named_tests.unit_tests(["TEST(Suite, Name) {\nTEST_F(Other,\n       Long) {\n"])
+
+    def problems(self, tests):
+        return named_tests.check(f"| claim | tests |\n|---|---|\n| it holds | {tests} |\n",
+                                 self.UNIT, self.FILES.get)
+
+    def test_tests_that_exist_are_found(self):
+        for name in ("Suite.Name", "Other.Long", "Suite.*", "Suite.N*", "host/test_a",
+                     "host/test_a::test_b"):
+            self.assertEqual(self.problems(f"`{name}`"), [], name)
+
+    def test_tests_that_do_not_exist_are_reported(self):
+        for name in ("Suite.Nam", "Suit.*", "host/test_a::test_c", "host/empty", "host/test_z"):
+            self.assertEqual(len(self.problems(f"`Suite.Name`, `{name}`")), 1, name)
+
+    def test_a_claim_without_a_test_is_reported(self):
+        self.assertEqual(len(self.problems("by reading the code")), 1)
 
 
 class IncludeRules(unittest.TestCase):
