@@ -2,7 +2,9 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Edit;
+using model::Item;
+using model::ItemNumber;
 
 void markAbsent(Edit& edit, ItemNumber item, bool isOwn) {
   for (const Item* child : edit->thereIn(item)) markAbsent(edit, child->number(), isOwn);

@@ -4,7 +4,9 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Intent;
+using model::Place;
+using model::State;
 
 namespace {
 

@@ -4,7 +4,13 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Intent;
+using model::Item;
+using model::Path;
+using model::Place;
+using model::State;
+using model::Time;
+using model::Verb;
 
 bool mayLand(const State& state, const Item& item, const Place& place) {
   const auto path = state.pathOf(place);

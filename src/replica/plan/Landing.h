@@ -10,9 +10,9 @@ namespace kestrowan::replica::plan {
 /// For how long after its end a request without an answer may still land.
 inline constexpr std::chrono::minutes kLandingTime{10};
 
-/// An earlier request of ours may have put other contents than those here on this file at `place`, or
-/// may have removed it there, or may still. The change that another client made there was perhaps
-/// made without having seen what is here.
+/// An earlier request of ours may have put other contents than those here on this file at `place`,
+/// or may have removed it there, or may still. The change that another client made there was
+/// perhaps made without having seen what is here.
 bool mayLand(const model::State& state, const model::Item& item, const model::Place& place);
 
 /// Until when a request of ours may still destroy what lies at this path: one that removes it or

@@ -7,7 +7,15 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Content;
+using model::Here;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::Path;
+using model::State;
+using model::There;
+using model::Verb;
 
 namespace {
 

@@ -4,7 +4,10 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Edit;
+using model::Intent;
+using model::Path;
+using model::Verb;
 
 namespace {
 

@@ -10,7 +10,16 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Content;
+using model::Edit;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::Path;
+using model::Place;
+using model::There;
+using model::Time;
+using model::Verb;
 
 namespace {
 

@@ -9,7 +9,11 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Content;
+using model::Item;
+using model::ItemNumber;
+using model::Place;
+using model::State;
 
 namespace {
 

@@ -8,7 +8,12 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::Path;
+using model::State;
+using model::Time;
 
 namespace {
 

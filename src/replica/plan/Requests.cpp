@@ -9,7 +9,20 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Content;
+using model::Edit;
+using model::Here;
+using model::Intent;
+using model::IntentNumber;
+using model::Item;
+using model::ItemNumber;
+using model::Kind;
+using model::Place;
+using model::State;
+using model::There;
+using model::Time;
+using model::Verb;
+using model::Version;
 
 namespace {
 

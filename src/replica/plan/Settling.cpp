@@ -7,7 +7,17 @@
 
 namespace kestrowan::replica::plan {
 
-using namespace model;
+using model::Content;
+using model::Edit;
+using model::Here;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::Kind;
+using model::Path;
+using model::Place;
+using model::There;
+using model::Verb;
 
 namespace {
 

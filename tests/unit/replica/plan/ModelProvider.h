@@ -4,13 +4,31 @@
 #include <optional>
 #include <vector>
 
-#include "replica/model/Intent.h"
-#include "replica/model/Item.h"
+#include "replica/model/Edit.h"
+#include "replica/model/View.h"
 #include "replica/plan/Observing.h"
 
 namespace kestrowan::test {
 
-using namespace replica::model;
+using replica::model::Changes;
+using replica::model::Content;
+using replica::model::Edit;
+using replica::model::Here;
+using replica::model::Intent;
+using replica::model::IntentNumber;
+using replica::model::Item;
+using replica::model::ItemNumber;
+using replica::model::Journal;
+using replica::model::Kind;
+using replica::model::Path;
+using replica::model::Place;
+using replica::model::State;
+using replica::model::There;
+using replica::model::Time;
+using replica::model::Tree;
+using replica::model::Verb;
+using replica::model::Version;
+using replica::model::View;
 
 /// A provider that is a map. Identifiers are paths. A put makes or overwrites, a move never
 /// overwrites, a removal takes all that is inside.

@@ -11,7 +11,28 @@
 
 namespace kestrowan::test {
 
-using namespace replica::plan;
+using replica::plan::Fetch;
+using replica::plan::foldersOf;
+using replica::plan::kLandingTime;
+using replica::plan::Listings;
+using replica::plan::Look;
+using replica::plan::Names;
+using replica::plan::noteAnswer;
+using replica::plan::noteFetched;
+using replica::plan::noteLostAnswer;
+using replica::plan::noteSent;
+using replica::plan::Nothing;
+using replica::plan::observe;
+using replica::plan::planForIntents;
+using replica::plan::Push;
+using replica::plan::Request;
+using replica::plan::requestOf;
+using replica::plan::Settle;
+using replica::plan::settle;
+using replica::plan::Step;
+using replica::plan::Stuck;
+using replica::plan::WaitFor;
+using replica::plan::WaitUntil;
 
 namespace {
 

@@ -3,13 +3,57 @@
 #include <string>
 
 #include "replica/model/Edit.h"
+#include "replica/model/View.h"
+#include "replica/plan/Landing.h"
+#include "replica/plan/Observing.h"
 #include "replica/plan/Plan.h"
+#include "replica/plan/Requests.h"
+#include "replica/plan/Settling.h"
 #include "support/MemoryJournal.h"
 
 namespace kestrowan::test {
 
-using namespace replica::model;
-using namespace replica::plan;
+using replica::model::Content;
+using replica::model::Edit;
+using replica::model::Here;
+using replica::model::Intent;
+using replica::model::IntentNumber;
+using replica::model::Item;
+using replica::model::ItemNumber;
+using replica::model::Kind;
+using replica::model::Path;
+using replica::model::Place;
+using replica::model::There;
+using replica::model::Time;
+using replica::model::Tree;
+using replica::model::Verb;
+using replica::model::Version;
+using replica::model::View;
+using replica::plan::Change;
+using replica::plan::Fetch;
+using replica::plan::foldersOf;
+using replica::plan::kLandingTime;
+using replica::plan::ListedEntry;
+using replica::plan::Listing;
+using replica::plan::Listings;
+using replica::plan::Look;
+using replica::plan::Names;
+using replica::plan::noteAnswer;
+using replica::plan::noteFetched;
+using replica::plan::noteLostAnswer;
+using replica::plan::noteRefusal;
+using replica::plan::noteSent;
+using replica::plan::Nothing;
+using replica::plan::observe;
+using replica::plan::planForIntents;
+using replica::plan::Push;
+using replica::plan::Request;
+using replica::plan::Resolution;
+using replica::plan::Settle;
+using replica::plan::settle;
+using replica::plan::Step;
+using replica::plan::WaitFor;
+using replica::plan::WaitUntil;
 
 inline constexpr Content kOld{101};
 inline constexpr Content kOurs{102};
