@@ -34,7 +34,7 @@ TEST_F(MergeTest, DropsWhatIsNowhere) {
 }
 
 TEST_F(MergeTest, FetchesWhatMayBeItsOwnPut) {
-  const ItemNumber a = state_.fileHere(top("a"));
+  const ItemNumber a = state_.fileHere(top("b"));
   state_.sent(Verb::put, a, "", "a", kOurs);
   const ItemNumber found = state_.fileThere(top("a"));
   EXPECT_EQ(state_.plan(found), Step(Fetch{found}));
@@ -48,6 +48,13 @@ TEST_F(MergeTest, TakesTheEffectOfAPutWithoutAnAnswerForTheItemThatAsked) {
   state_.settlePlanned(found);
   EXPECT_FALSE(state_.has(found));
   EXPECT_TRUE(state_.item(a).isInStep());
+}
+
+TEST_F(MergeTest, TakesNoOtherBytesForTheEffectOfItsPut) {
+  const ItemNumber a = state_.fileHere(top("b"));
+  state_.sent(Verb::put, a, "", "a", kOurs);
+  const ItemNumber found = state_.fileThere(top("a"), kTheirs);
+  EXPECT_EQ(state_.plan(found), settling(Resolution::show, found));
 }
 
 TEST_F(MergeTest, PushesAgainWhatAnOlderPutOverwroteLate) {

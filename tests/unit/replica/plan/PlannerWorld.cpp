@@ -483,7 +483,6 @@ Move PlannerWorld::next(bool isReversed) const {
   const View view(tree_);
   std::vector<ItemNumber> pending(view->pending().begin(), view->pending().end());
   if (isReversed) std::reverse(pending.begin(), pending.end());
-  std::optional<ItemNumber> stuck;
   const auto isIdle = [](const Step& step) {
     return std::holds_alternative<Nothing>(step) || std::holds_alternative<WaitFor>(step) ||
            std::holds_alternative<WaitUntil>(step);
