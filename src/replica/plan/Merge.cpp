@@ -126,7 +126,7 @@ std::optional<Step> mergeContents(const Case& c) {
   const bool isUntouched =
       c.agreed && c.here->content == c.agreed->content && !mayLand(c.state, c.item, c.there->place);
   const bool isFetched = c.there->content != Content::none;
-  if (!isFetched && (!isUntouched || c.isEndangered())) return Fetch{c.item.number()};
+  if (!isFetched && !isUntouched) return Fetch{c.item.number()};
   if (isFetched && c.there->content == c.here->content) return c.settle(Resolution::agree);
   if (isUntouched || c.here->content == Content::none) return c.settle(Resolution::pull);
   return Settle{Resolution::beside,

@@ -327,6 +327,22 @@ TEST_F(MergeTest, LaysBesideWhatALateRemovalMayHaveHiddenFromTheOtherClient) {
             settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 1)")));
 }
 
+TEST_F(MergeTest, LaysNothingBesideThatWasNeverDownloaded) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.sent(Verb::put, a, "", "x", kFromBefore);
+  state_.changeThere(a, kTheirs);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::pull, a));
+}
+
+TEST_F(MergeTest, LaysOursBesideUnderANameThatIsFreeThereToo) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(state_.file(top("a (conflict 1)")));
+  state_.write(a);
+  state_.changeThere(a, kTheirs);
+  EXPECT_EQ(state_.plan(a),
+            settling(Resolution::beside, a, ItemNumber::none, top("a (conflict 2)")));
+}
+
 TEST_F(MergeTest, MovesThereWhatMovedHereThenSendsItsContents) {
   const ItemNumber a = state_.file(top("a"));
   state_.here(a, top("b"), kOurs);

@@ -63,6 +63,15 @@ TEST_F(OrderTest, RemovesTheOldPlaceOfAFileAfterItsContentsHaveArrivedInTheNewOn
   EXPECT_EQ(state_.item(b).there()->place, top("a"));
 }
 
+TEST_F(OrderTest, RemovesTheOldPlaceLastAlsoWhenTheOtherFileWasRemovedBefore) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  const ItemNumber b = state_.file(top("b"));
+  state_.remove(b);
+  state_.move(a, top("b"));
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(b), Step(WaitFor{a}));
+}
+
 TEST_F(OrderTest, FetchesAFileThatTakesAPlaceAndIsNotHere) {
   const ItemNumber a = state_.file(top("a"), kNone);
   const ItemNumber b = state_.file(top("b"));
