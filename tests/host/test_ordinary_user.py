@@ -106,7 +106,7 @@ kestrowan unmount $HOME/mount
 kestrowan mount --background $HOME/mount
 kestrowan unmount --force $HOME/mount
 kestrowan mount --background $HOME/mount
-pid=$(cat $HOME/.local/state/kestrowan/default/lock)
+pid=$(cat $HOME/.local/state/kestrowan/*/lock)
 kill -9 $pid
 while kill -0 $pid 2>/dev/null; do sleep 0.02; done
 kestrowan unmount $HOME/mount
