@@ -444,6 +444,8 @@ void Host::Implementation::say(const std::string& text) {
 
 Host::Host(HostSettings settings) try
     : implementation_(std::make_unique<Implementation>(std::move(settings))) {
+} catch (const StorageRefusal&) {
+  throw;
 } catch (...) {
   throw caughtError();
 }

@@ -15,7 +15,8 @@ class Host {
   /// Takes the state directory, reads what it holds, and looks at the mount point, which is made
   /// when it is missing and freed of the mount of a host that died. Throws `NSError` with a text
   /// for a person: EBUSY when another host holds the directory or a mount is there, and what
-  /// `StateDirectory`, `Replica` and `Mount` throw.
+  /// `StateDirectory`, `Replica` and `Mount` throw; `StorageRefusal` when the state was made for
+  /// another container.
   explicit Host(HostSettings settings);
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;

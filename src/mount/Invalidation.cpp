@@ -79,11 +79,11 @@ void Invalidation::tellEntries() {
     entriesQueued_.wait(lock, [this] { return !running_ || !entries_.empty(); });
     if (!running_) return;
     auto entries = std::exchange(entries_, {});
-    for (const auto& [folder, names] : entries) {
-      for (const auto& name : names) {
+    for (const auto& entry : entries) {
+      for (const auto& name : entry.second) {
         if (!running_) return;
         lock.unlock();
-        guarded("the invalidation of names", [&] { cache_.dropEntry(folder, name); });
+        guarded("the invalidation of names", [&] { cache_.dropEntry(entry.first, name); });
         lock.lock();
       }
     }

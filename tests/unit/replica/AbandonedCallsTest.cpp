@@ -45,6 +45,10 @@ class SilentProvider : public InMemoryExtension {
 class AbandonedCallsTest : public testing::Test {
  protected:
   AbandonedCallsTest() { calls.setProvider(provider); }
+  ~AbandonedCallsTest() override {
+    calls.stop();
+    loop.runUntilIdle();
+  }
 
   void remove() {
     startOn(loop, [](AbandonedCallsTest* test) -> Task<void> {
