@@ -19,7 +19,7 @@ std::string fusermountProgram();
 UniqueFd fusermountMount(const std::string& path, const std::string& options);
 
 /// Unmounts what lies at `path`. `lazily` takes the mount away from its place at once, and ends it
-/// when nobody uses it any more. Returns the program's complaint, empty when it succeeded.
+/// when no program uses it any more. Returns the program's complaint, empty when it succeeded.
 std::string fusermountUnmount(const std::string& path, bool lazily);
 
 }  // namespace kestrowan::mount

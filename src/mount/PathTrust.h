@@ -16,7 +16,7 @@ namespace kestrowan {
 bool othersMayWrite(const struct stat& status);
 
 /// Judges the parts of a way for `user`: every folder and link belongs to that user or to root, and
-/// nobody else may write in a folder unless its sticky bit keeps others' names from them.
+/// no other user may write in a folder unless its sticky bit keeps others' names from them.
 PathWalk::Judge trustedBy(uid_t user);
 
 /// Why `status`, of the folder at `path`, is not that of a folder in which `user` alone may write,

@@ -96,7 +96,7 @@ void Fetcher::keepLimits() {
     core_.recoverRest();
     makeRoom(0);
   });
-  // There may be many files, which nobody must wait for.
+  // There may be many files, and no call must wait for them.
   keepLimit([this] {
     core_.contents.trimRecovery(
         core_.options.recoveryLimit,

@@ -210,7 +210,7 @@ Task<void> Lister::ask(ItemPtr folder) {
     begun = ++core_.sequence;
   }
   auto outcome = co_await core_.provider.list(identifier);
-  // Of a large folder that takes long, which nobody must wait for.
+  // For a large folder that takes long, and no call must wait for it.
   std::shared_ptr<Listing> listing;
   if (outcome.succeeded()) {
     listing = std::make_shared<Listing>(outcome.value(), folder->rid, identifier, core_.options);

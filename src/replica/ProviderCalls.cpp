@@ -76,8 +76,8 @@ WriteCompletion written(std::shared_ptr<PendingCall<WrittenItem>> call) {
   };
 }
 
-/// The call as the provider gets it: when the provider lets go of it unanswered, nobody knows what
-/// became of the request.
+/// The call as the provider gets it: when the provider lets go of it unanswered, it is not known
+/// what became of the request.
 template <typename T>
 std::shared_ptr<PendingCall<T>> asProviderHoldsIt(std::shared_ptr<PendingCall<T>> call) {
   auto* const pointer = call.get();

@@ -77,7 +77,7 @@ std::string moveThere(const std::string& source, const std::string& directory,
 
 }  // namespace
 
-/// What `recover` put there and nobody renamed since. Counts it, and what `recoverAll` put there.
+/// What `recover` put there and has its name still. Counts it, and what `recoverAll` put there.
 std::vector<ContentStore::RecoveredFile> ContentStore::readRecovery() {
   const Usage before = recoveryUsage();
   Usage usage;

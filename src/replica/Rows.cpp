@@ -60,7 +60,7 @@ void Rows::write() {
     const auto error = caughtError();
     const bool isNew = !error_;
     error_ = error;
-    // Whoever needs the rows written tries again besides.
+    // A call that needs the rows written tries again besides.
     guarded("the database", [&] {
       if (isNew) {
         replicaLog().error("the database cannot be written: %{public}s",
