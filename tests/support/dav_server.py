@@ -46,6 +46,7 @@ class Fault:
     depth: str | None = None
     reading: dict = field(default_factory=dict)
     met: int = 0
+    refused: int = 0
 
     def fits(self, request):
         if self.times is not None and self.met >= self.times:
@@ -84,7 +85,12 @@ class DavConnection(scripted_connection.Connection):
         self.readBody(request, min(announced, reading.get("readBytes", announced)))
         if request["bodyLength"] < announced:
             return False
-        return self.reply(self.server.perform(request, fault), method)
+        answer = self.server.perform(request, fault)
+        try:
+            return self.reply(answer, method)
+        except OSError:
+            self.server.noteRefusal(fault)
+            raise
 
 
 class DavServer(ScriptedServer):
@@ -165,6 +171,12 @@ class DavServer(ScriptedServer):
                     fault.met += 1
                     return fault
         return None
+
+    def noteRefusal(self, fault):
+        with self.changed:
+            if fault is not None:
+                fault.refused += 1
+            self.changed.notify_all()
 
     def perform(self, request, fault):
         with self.changed:
