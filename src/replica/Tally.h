@@ -10,9 +10,8 @@
 namespace kestrowan::replica {
 
 /// Which items have something to be sent, which contents could be fetched again, and which folders'
-/// listings do not come whole: kept up with each change of an item, so that a question takes no look
-/// at all items. Guarded by the core's
-/// lock. Sizes are bytes.
+/// listings do not come whole: kept up with each change of an item, so that a question takes no
+/// look at all items. Guarded by the core's lock. Sizes are bytes.
 class Tally {
  public:
   using Pending = std::unordered_map<Rid, std::int64_t>;

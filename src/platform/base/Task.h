@@ -120,7 +120,8 @@ inline Task<void> TaskPromise<void>::get_return_object() {
 }  // namespace detail
 
 /// Starts `task` as a background task of its own on the shared executor and returns at once. It has
-/// the calling thread's current `Abandonment`. The task must handle its errors itself: one that leaves it is a line in the log.
+/// the calling thread's current `Abandonment`. The task must handle its errors itself: one that
+/// leaves it is a line in the log.
 void startDetached(Task<void> task);
 
 /// Waits until no background task is left, frames and what they held included, for at most `limit`;

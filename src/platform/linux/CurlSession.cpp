@@ -44,8 +44,8 @@ struct MoreData {
   void await_resume() const noexcept {}
 };
 
-/// Hands what has gathered in `pipe` to `receiver`, as a piece of `body`; whether nothing more comes.
-/// Throws the error of a failed transfer.
+/// Hands what has gathered in `pipe` to `receiver`, as a piece of `body`; whether nothing more
+/// comes. Throws the error of a failed transfer.
 bool handOver(CurlBodyPipe& pipe, std::string& piece, NSURLSessionDataReceiver& receiver,
               const std::shared_ptr<ReceivedBody>& body, CurlEngine& engine,
               const std::shared_ptr<CurlTransfer>& transfer) {
