@@ -233,7 +233,9 @@ void Core::itemChanged(Rid item, bool withContents) {
 }
 
 void Core::log(std::string_view what, const Item& item, std::string_view detail) const {
-  replicaLog().error("%{public}s: %{public}s %{public}s", {what, table.path(item), detail});
+  // Limits count the messages of one form, and those of another kind are not to count with them.
+  const auto form = std::string(what) + ": %{public}s %{public}s";
+  replicaLog().error(form, {table.path(item), detail});
 }
 
 }  // namespace kestrowan::replica

@@ -140,7 +140,7 @@ struct Core {
     });
   }
 
-  /// One line about an item for whoever runs the host.
+  /// One line about an item for the user of the host. `what` is a literal and tells its kind.
   void log(std::string_view what, const Item& item, std::string_view detail = {}) const;
 };
 

@@ -22,6 +22,12 @@ class RecordingLog {
     return sink_->lines;
   }
 
+  /// The form of each of these lines, by which limits tell their kinds apart.
+  std::vector<std::string> forms() const {
+    std::lock_guard lock(sink_->mutex);
+    return sink_->forms;
+  }
+
  private:
   struct Sink : LogSink {
     void error(std::string_view subsystem, std::string_view category, std::string_view format,
@@ -29,9 +35,11 @@ class RecordingLog {
       std::lock_guard lock(mutex);
       lines.push_back(std::string(subsystem) + ":" + std::string(category) + " " +
                       renderedMessage(format, arguments));
+      forms.emplace_back(format);
     }
     std::mutex mutex;
     std::vector<std::string> lines;
+    std::vector<std::string> forms;
   };
 
   const std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();

@@ -7,6 +7,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "support/MemoryItem.h"
+#include "support/RecordingLog.h"
 #include "support/ReplicaWorld.h"
 
 namespace kestrowan::test {
@@ -278,6 +279,20 @@ TEST_F(PartialListingTest, RemovesNothingHoweverOftenItComes) {
   world.list("/");
   world.advance(seconds(120));
   EXPECT_THAT(world.list("/"), ElementsAre("d"));
+}
+
+TEST_F(PartialListingTest, ItsLinesInTheLogAreOfOtherKindsThanThoseOfOtherNews) {
+  const RecordingLog log;
+  world.list("/");
+  whole = false;
+  world.advance(seconds(60));
+  world.list("/");
+  whole = true;
+  world.advance(seconds(60));
+  world.list("/");
+  const auto forms = log.forms();
+  ASSERT_EQ(forms.size(), 2u);
+  EXPECT_NE(forms[0], forms[1]);
 }
 
 TEST_F(PartialListingTest, ShowsWhatIsNew) {
