@@ -7,6 +7,7 @@
 #include "cli/ItemText.h"
 #include "host/PathForm.h"
 #include "platform/foundation/Logger.h"
+#include "platform/foundation/ShellWord.h"
 
 namespace kestrowan::cli {
 
@@ -64,14 +65,17 @@ std::string transferText(const JSONValue& transfer) {
          shownPath(transfer) + "\n";
 }
 
-std::string failureText(const JSONValue& failure, std::int64_t now) {
+/// `place` is the item's path on this machine.
+std::string failureText(const JSONValue& failure, const std::string& place, std::int64_t now) {
   std::string reason = escapedForDisplay(text(failure, "text")) + " (" +
                        escapedForDisplay(text(failure, "domain")) + " " +
                        std::to_string(integer(failure, "code")) + "), for " +
                        durationText(now - integer(failure, "since"));
   const auto kind = text(failure, "class");
   if (kind == "refused") {
-    reason += "; not tried again: retry, discard, or save elsewhere";
+    const auto word = shellWord(place);
+    reason += "; not tried again: save elsewhere, or run kestrowan retry " + word +
+              ", or kestrowan discard " + word;
   } else if (kind == "held") {
     reason += "; waits for a new bridge file";
   } else if (integer(failure, "next") > 0) {
@@ -80,14 +84,14 @@ std::string failureText(const JSONValue& failure, std::int64_t now) {
   return "            " + reason + "\n";
 }
 
-std::string itemText(const JSONValue& item, std::int64_t now) {
+std::string itemText(const JSONValue& item, const std::string& mountPoint, std::int64_t now) {
   const bool folder = text(item, "kind") == "folder";
   std::string row = "  " + padded(text(item, "state"), 10) + padded(text(item, "changes"), 18) +
                     padded(folder ? "-" : byteText(integer(item, "size")), 12) + shownPath(item) +
                     "\n";
   const auto* failure = item.member("failure");
-  return failure != nullptr && failure->object() != nullptr ? row + failureText(*failure, now)
-                                                            : row;
+  if (failure == nullptr || failure->object() == nullptr) return row;
+  return row + failureText(*failure, mountPoint + host::pathIn(item, "path"), now);
 }
 
 /// The rows of an array, and how many there were more.
@@ -161,11 +165,12 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
                   [](const JSONValue& folder) { return "  " + shownPath(folder) + "\n"; });
   }
   const auto count = integer(pending, "count");
+  const auto mountPoint = host::pathIn(status, "mountPoint");
   shown += line("To send",
                 count == 0 ? "nothing"
                            : counted(count, "change") + ", " + byteText(integer(pending, "bytes")));
   shown += rows(elements(pending, "items"), count, most,
-                [&](const JSONValue& item) { return itemText(item, now); });
+                [&](const JSONValue& item) { return itemText(item, mountPoint, now); });
   if (!transfers.empty()) {
     shown += line("Transfers", std::to_string(transfers.size()));
     shown += rows(transfers, static_cast<std::int64_t>(transfers.size()), most, transferText);

@@ -45,7 +45,8 @@ TEST(StatusText, AFailureIsShownWithReasonAgeAndNextTry) {
   EXPECT_THAT(text, HasSubstr("  retrying  contents          4.9 KiB     /a\n"
                               "            full (D -3), for 5 min; next try in 12 s\n"));
   EXPECT_THAT(text, HasSubstr("  refused   create            -           /b\n"
-                              "            no (P 1), for 10 s; not tried again"));
+                              "            no (P 1), for 10 s; not tried again: save elsewhere, or "
+                              "run kestrowan retry '/mnt/x/b', or kestrowan discard '/mnt/x/b'\n"));
   EXPECT_THAT(text, HasSubstr("  … and 1 more\n"));
 }
 
