@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <climits>
 #include <ctime>
-#include <future>
 #include <string>
 #include <utility>
 #include <vector>
@@ -176,10 +175,8 @@ Host::Implementation::~Implementation() {
   events_.answerRequests(changesLeft());
   replica_->stop();
   socket_.reset();
-  // What the stop caused runs first.
-  const auto ran = std::make_shared<std::promise<void>>();
-  loop_->post([ran] { ran->set_value(); });
-  ran->get_future().wait();
+  // What the stop caused runs first: calls that end let others begin, which end at once.
+  loop_->waitUntilIdle();
   replica_.reset();
   loop_.reset();
   NSFileManager::setDefaultManager(nullptr);

@@ -72,6 +72,11 @@ void LoopThread::cancel(TimerNumber timer) {
   forgotten = timers_.take(timer);
 }
 
+void LoopThread::waitUntilIdle() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return posted_.empty() && !isRunningOne_; });
+}
+
 Loop::Moment LoopThread::now() const {
   return std::chrono::steady_clock::now();
 }
@@ -109,10 +114,13 @@ Loop::Function LoopThread::takeNext(std::unique_lock<std::mutex>& lock) {
 void LoopThread::run() noexcept {
   std::unique_lock lock(mutex_);
   while (auto function = takeNext(lock)) {
+    isRunningOne_ = true;
     lock.unlock();
     guarded("the loop", function);
     function = nullptr;
     lock.lock();
+    isRunningOne_ = false;
+    if (posted_.empty()) idle_.notify_all();
   }
 }
 

@@ -24,6 +24,9 @@ class LoopThread : public Loop {
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
   void cancel(TimerNumber timer) override;
+  /// Waits until nothing that was posted is left, and nothing that it posted; timers may be. Not
+  /// from within a function of the loop.
+  void waitUntilIdle();
   Moment now() const override;
   std::int64_t wallClock() const override;
 
@@ -33,8 +36,10 @@ class LoopThread : public Loop {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  // Guarded by mutex_, as are the next three.
+  std::condition_variable idle_;
+  // Guarded by mutex_, as are the next four.
   std::deque<Function> posted_;
+  bool isRunningOne_ = false;
   TimerQueue timers_;
   bool timerRanLast_ = false;
   bool stopping_ = false;

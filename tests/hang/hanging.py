@@ -106,7 +106,7 @@ SAVE = "echo saved >listed/save.tmp && mv listed/save.tmp listed/save.txt"
 # These have here what they need.
 QUICK = {
     "ls cold": {},
-    "ls -lR listed": {},
+    "ls -lR still": {},
     "df . && stat listed/known.txt": {},
     "cat listed/known.txt": {},
     "echo new >listed/new.txt": {"listed/new.txt": b"new\n"},
@@ -160,12 +160,14 @@ class Scene:
             server.put(name, b"x" * 5000)
         for number in range(50):
             server.put(f"listed/file{number}.txt", b"%d" % number)
+            # In this folder no other program makes or renames anything.
+            server.put(f"still/file{number}.txt", b"%d" % number)
         server.make_folder("repository")
         self.mounted = place.mount("--drain", str(DRAIN)).ready()
         self.home = place.point / "Home" / "Documents"
         for path in KNOWN:
             (self.home / path).read_bytes()
-        self.run("ls -l listed cold")
+        self.run("ls -l listed cold still")
         self.run("cd repository && git init -q && echo 1 >a && git add a && git commit -qm first")
         place.wait_synced()
         self.run("cd repository && git status")

@@ -71,10 +71,10 @@ def test_programs_go_on_and_what_they_did_arrives(scene):
     sleepers = Sleepers(programs.values())
     while not have_ended(programs, PATIENT):
         with Watch() as listing:
-            assert len(os.listdir(scene.home / "listed")) >= 50
+            assert len(os.listdir(scene.home / "still")) == 50
         assert listing.seconds < 1
         with Watch() as looking:
-            scene.run("ls -l listed")
+            scene.run("ls -l still")
         assert looking.seconds < 1
         assert time.monotonic() - began < len(PATIENT) * LONGEST_WAIT + SLACK
     slept = sleepers.end()

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <functional>
 #include <future>
 #include <memory>
 #include <new>
@@ -48,6 +49,22 @@ TEST(LoopThread, RunsWhatIsPostedInOrderOnOneOtherThread) {
   EXPECT_EQ(order, expected);
   EXPECT_NE(threads.front(), std::this_thread::get_id());
   EXPECT_EQ(std::count(threads.begin(), threads.end(), threads.front()), 1000);
+}
+
+TEST(LoopThread, IsIdleWhenWhatFunctionsPostHasRunToo) {
+  LoopThread loop;
+  constexpr int kDepth = 100;
+  int ran = 0;
+  std::function<void()> step = [&] {
+    if (++ran < kDepth) loop.post(step);
+  };
+  bool timerRan = false;
+  loop.postAfter(hours(1), [&] { timerRan = true; });
+  loop.post(step);
+  loop.waitUntilIdle();
+  EXPECT_EQ(ran, kDepth);
+  EXPECT_FALSE(timerRan);
+  loop.waitUntilIdle();
 }
 
 TEST(LoopThread, KeepsTheOrderOfEachThreadThatPosts) {
