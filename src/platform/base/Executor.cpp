@@ -42,7 +42,7 @@ Executor& Executor::shared() {
   return *executor;
 }
 
-void Executor::post(std::coroutine_handle<> handle) {
+void Executor::resumeLater(std::coroutine_handle<> handle) {
   {
     std::lock_guard lock(mutex_);
     // Whatever waits for this coroutine would wait for ever.

@@ -7,32 +7,34 @@
 #include <thread>
 #include <vector>
 
+#include "platform/base/Resumer.h"
+
 namespace kestrowan {
 
 /// A few threads that resume coroutines in the order in which they were posted.
 ///
 /// The process has one, `shared()`, made on first use and never destroyed. Safe from every thread.
 /// Coroutines must not block its threads. One that throws out of its frame is a line in the log.
-class Executor {
+class Executor : public Resumer {
  public:
   /// Makes fewer threads when the system gives no more; throws `NSError` when it gives none.
   explicit Executor(unsigned threadCount);
   Executor(const Executor&) = delete;
   Executor& operator=(const Executor&) = delete;
   /// Runs what has been posted, then joins the threads.
-  ~Executor();
+  ~Executor() override;
 
   static Executor& shared();
 
-  /// Resumes `handle` on one of the executor's threads, later.
-  void post(std::coroutine_handle<> handle);
+  /// On one of the executor's threads.
+  void resumeLater(std::coroutine_handle<> handle) override;
 
   /// Awaitable: `co_await executor.schedule()` continues on one of the executor's threads.
   auto schedule() {
     struct Awaiter {
       Executor& executor;
       bool await_ready() const noexcept { return false; }
-      void await_suspend(std::coroutine_handle<> handle) { executor.post(handle); }
+      void await_suspend(std::coroutine_handle<> handle) { executor.resumeLater(handle); }
       void await_resume() const noexcept {}
     };
     return Awaiter{*this};

@@ -60,7 +60,7 @@ bool CurlBodyPipe::isWorthTaking() const {
 void CurlBodyPipe::wake(std::unique_lock<std::mutex>& lock) noexcept {
   auto reader = std::exchange(reader_, nullptr);
   lock.unlock();
-  if (reader) Executor::shared().post(reader);
+  if (reader) Executor::shared().resumeLater(reader);
 }
 
 }  // namespace kestrowan

@@ -57,6 +57,28 @@ TEST_F(OneShotTest, RejectionIsThrown) {
   }
 }
 
+TEST_F(OneShotTest, WhatComesAfterTheFirstResultIsDropped) {
+  EXPECT_TRUE(shot->resolve("first"));
+  EXPECT_FALSE(shot->resolve("second"));
+  EXPECT_FALSE(shot->reject(std::make_exception_ptr(NSError("d", 2))));
+  EXPECT_EQ(test::resultOf(awaited(shot)).value, "first");
+}
+
+TEST_F(OneShotTest, WorkThatIsAbandonedIsToldUnlessItHasEnded) {
+  const auto early = std::make_shared<Abandonment>();
+  const auto late = std::make_shared<Abandonment>();
+  const auto unfinished = std::make_shared<Shot>(Executor::shared(), early);
+  const auto finished = std::make_shared<Shot>(Executor::shared(), late);
+  const auto error = std::make_exception_ptr(NSError("d", 2));
+  unfinished->abandon(error);
+  finished->resolve("value");
+  finished->abandon(error);
+  EXPECT_TRUE(early->isDeclared());
+  EXPECT_FALSE(late->isDeclared());
+  EXPECT_THROW(test::resultOf(awaited(unfinished)), NSError);
+  EXPECT_EQ(test::resultOf(awaited(finished)).value, "value");
+}
+
 TEST(OneShotRaceTest, GiverAndWaiterMayMeetAtAnyTime) {
   for (int i = 0; i < 2000; ++i) {
     auto shot = std::make_shared<Shot>();
