@@ -4,12 +4,12 @@
 #include <memory>
 #include <string>
 
+#include "async/LoopThread.h"
 #include "fuzz/FuzzTarget.h"
 #include "host/ControlSocket.h"
 #include "host/HostCommands.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSUUID.h"
-#include "replica/LoopThread.h"
 
 using namespace kestrowan;
 using namespace kestrowan::host;
@@ -35,7 +35,7 @@ class Host {
   };
 
   const Directory directory_ = {};
-  replica::LoopThread loop_;
+  async::LoopThread loop_;
   replica::Replica replica_{directory_.path, loop_, {}};
   const HostCommands commands_{replica_,
                                {.host = {},

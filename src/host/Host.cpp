@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "async/LoopThread.h"
 #include "host/BridgeAccess.h"
 #include "host/BridgeProblem.h"
 #include "host/BridgeWatch.h"
@@ -37,7 +38,6 @@
 #include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
-#include "replica/LoopThread.h"
 #include "replica/Replica.h"
 
 namespace kestrowan::host {
@@ -59,6 +59,8 @@ constexpr std::chrono::milliseconds kRootPatience = 5s;
 constexpr std::chrono::milliseconds kStep = 1s;
 /// How long programs that have files open in a mount that was taken away may keep the host.
 constexpr std::chrono::milliseconds kLazyPatience = 5s;
+/// What the stop ends has so long to end by itself.
+constexpr std::chrono::milliseconds kLastWork = 5s;
 
 std::string machineName() {
   std::array<char, HOST_NAME_MAX + 1> name{};
@@ -133,7 +135,7 @@ class Host::Implementation {
   MountFolder folder_;
   StateDirectory state_;
   const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
-  std::unique_ptr<replica::LoopThread> loop_;
+  std::unique_ptr<async::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
   std::unique_ptr<Mount> mount_;
   std::unique_ptr<ProviderKeeper> keeper_;
@@ -162,7 +164,7 @@ Host::Implementation::Implementation(HostSettings settings)
   LogSink::setShared(hostSink(settings_.extensionLog));
   NSFileManager::setDefaultManager(std::make_shared<HostFileManager>(
       systemFiles_, temporaryDirectoryIn(state_.path()), settings_.container));
-  loop_ = std::make_unique<replica::LoopThread>();
+  loop_ = std::make_unique<async::LoopThread>();
   replica_ = std::make_unique<replica::Replica>(state_.path(), *loop_, replicaOptions(settings_));
   mount_ = std::make_unique<Mount>(*replica_, mountOptions());
 }
@@ -175,8 +177,7 @@ Host::Implementation::~Implementation() {
   events_.answerRequests(changesLeft());
   replica_->stop();
   socket_.reset();
-  // What the stop caused runs first: calls that end let others begin, which end at once.
-  loop_->waitUntilIdle();
+  replica_->waitUntilEnded(kLastWork);
   replica_.reset();
   loop_.reset();
   NSFileManager::setDefaultManager(nullptr);

@@ -27,7 +27,7 @@ std::int64_t modifiedOf(const Base& base) {
   return date * kNanoseconds;
 }
 
-Core::Core(const std::string& directory, Loop& usedLoop, Options usedOptions)
+Core::Core(const std::string& directory, async::Loop& usedLoop, Options usedOptions)
     : options(std::move(usedOptions)),
       loop(usedLoop),
       store(directory),

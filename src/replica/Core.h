@@ -12,12 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "async/Loop.h"
+#include "async/Scope.h"
 #include "platform/foundation/Logger.h"
 #include "replica/ContentStore.h"
 #include "replica/FilePlaces.h"
-#include "replica/GatedLoop.h"
 #include "replica/ItemTable.h"
-#include "replica/Loop.h"
 #include "replica/Observer.h"
 #include "replica/Options.h"
 #include "replica/ProviderCalls.h"
@@ -35,14 +35,14 @@ namespace kestrowan::replica {
 /// called back under the lock but the observer. What is marked "locked" is called with the lock
 /// held.
 struct Core {
-  Core(const std::string& directory, Loop& loop, Options options);
+  Core(const std::string& directory, async::Loop& loop, Options options);
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
   /// Nothing runs on the loop any more that uses what goes now.
   ~Core() { loop.close(); }
 
   const Options options;
-  GatedLoop loop;
+  async::Scope loop;
   ItemStore store;
   ContentStore contents;
   ProviderCalls provider;

@@ -7,12 +7,12 @@
 #include <cerrno>
 #include <utility>
 
+#include "async/Scope.h"
+#include "platform/base/OneShot.h"
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
-#include "replica/LoopTask.h"
-#include "replica/PendingCall.h"
 
 namespace kestrowan::replica {
 
@@ -71,7 +71,7 @@ void Fetcher::fetchLater(const ItemPtr& item) {
 
 void Fetcher::begin(const ItemPtr& item) {
   auto waiting = std::make_unique<std::vector<Completion<Done>>>();
-  startOn(core_.loop, run(item));
+  core_.loop.spawn(run(item));
   item->fetching = std::move(waiting);
   ++inFlight_;
 }
@@ -108,14 +108,15 @@ ItemPtr Fetcher::moverOf(const Item& item) const {
 
 Task<void> Fetcher::untilItStays(ItemPtr item) {
   for (;;) {
-    auto ended = std::make_shared<PendingCall<Done>>(core_.loop);
+    auto ended = std::make_shared<OneShot<void>>(core_.loop);
     {
       std::lock_guard lock(core_.mutex);
       const ItemPtr mover = moverOf(*item);
       if (!mover) co_return;
       mover->sync->endWaiters.push_back(ended);
     }
-    co_await ended->result();
+    auto end = OneShot<void>::result(std::move(ended));
+    co_await std::move(end);
   }
 }
 

@@ -2,11 +2,11 @@
 
 #include <utility>
 
+#include "async/Scope.h"
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
-#include "replica/LoopTask.h"
 
 namespace kestrowan::replica {
 
@@ -84,7 +84,7 @@ void Health::open(State state, const NSError& error) {
 void Health::scheduleProbe() {
   if (probing_ || core_.stopped) return;
   core_.loop.postAfter(probeInterval(++probes_), [this] {
-    if (guarded("a probe of the provider", [this] { startOn(core_.loop, probe()); })) return;
+    if (guarded("a probe of the provider", [this] { core_.loop.spawn(probe()); })) return;
     std::lock_guard lock(core_.mutex);
     probing_ = false;
     scheduleProbe();

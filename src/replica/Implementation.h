@@ -21,7 +21,8 @@ namespace kestrowan::replica {
 /// helpers below them are called with the lock held unless they say otherwise.
 class Replica::Implementation {
  public:
-  Implementation(Replica& replica, const std::string& directory, Loop& loop, Options options);
+  Implementation(Replica& replica, const std::string& directory, async::Loop& loop,
+                 Options options);
   ~Implementation();
 
   Core core;

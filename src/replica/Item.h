@@ -8,10 +8,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/base/OneShot.h"
 #include "platform/foundation/NSError.h"
 #include "replica/Contents.h"
 #include "replica/Listing.h"
-#include "replica/PendingCall.h"
 #include "replica/Records.h"
 #include "replica/Walk.h"
 
@@ -84,7 +84,7 @@ struct SyncRuntime {
   std::vector<VerdictWaiter> verdictWaiters;
   /// Items that must wait until this one's request has ended, and fetches that do.
   std::vector<Rid> blocked;
-  std::vector<std::shared_ptr<PendingCall<Done>>> endWaiters;
+  std::vector<std::shared_ptr<OneShot<void>>> endWaiters;
   /// Contents on their way to the provider.
   ContentNumber frozen = 0;
   /// A listing said that what is removed here was changed at the provider.

@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <utility>
 
+#include "async/Scope.h"
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/ErrorClass.h"
-#include "replica/LoopTask.h"
 
 namespace kestrowan::replica {
 
@@ -41,7 +41,7 @@ constexpr std::uint32_t kRepeats = 8;
 /// One caller of `prepare`, answered once: by the listing or by the clock.
 struct Lister::Waiter {
   Completion<Done> completion;
-  std::optional<Loop::TimerNumber> timer;
+  std::optional<async::Loop::TimerNumber> timer;
   bool answered = false;
 };
 
@@ -171,14 +171,15 @@ void Lister::list(const ItemPtr& folder, Completion<ListingPtr> completion) {
 }
 
 Task<Outcome<ListingPtr>> Lister::listed(ItemPtr folder) {
-  auto pending = std::make_shared<PendingCall<ListingPtr>>(core_.loop);
-  list(folder, [pending](Outcome<ListingPtr> outcome) { pending->complete(std::move(outcome)); });
-  co_return co_await pending->result();
+  auto pending = std::make_shared<OneShot<Outcome<ListingPtr>>>(core_.loop);
+  list(folder, [pending](Outcome<ListingPtr> outcome) { pending->resolve(std::move(outcome)); });
+  auto result = OneShot<Outcome<ListingPtr>>::result(std::move(pending));
+  co_return co_await std::move(result);
 }
 
 void Lister::begin(const ItemPtr& folder) {
   FolderRuntime& runtime = core_.folder(folder);
-  startOn(core_.loop, run(folder));
+  core_.loop.spawn(run(folder));
   runtime.listing = true;
 }
 
@@ -225,7 +226,7 @@ Task<void> Lister::ask(ItemPtr folder) {
   health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
   if (folder->base && !folder->gone && folder->base->identifier != identifier) {
     // It was looked for where it no longer is.
-    startOn(core_.loop, run(folder));
+    core_.loop.spawn(run(folder));
     co_return;
   }
   if (!outcome.succeeded()) {
@@ -235,7 +236,7 @@ Task<void> Lister::ask(ItemPtr folder) {
       }
       finish(folder, outcome.error());
     } else if (folder->rid != kRootRid) {
-      startOn(core_.loop, lookForFolder(folder, outcome.error()));
+      core_.loop.spawn(lookForFolder(folder, outcome.error()));
     } else {
       // There is nothing above that could tell more.
       const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);

@@ -29,8 +29,8 @@ bool isRootRecord(const ItemRecord& record) {
 
 }  // namespace
 
-Replica::Implementation::Implementation(Replica& replica, const std::string& directory, Loop& loop,
-                                        Options options)
+Replica::Implementation::Implementation(Replica& replica, const std::string& directory,
+                                        async::Loop& loop, Options options)
     : core(directory, loop, std::move(options)),
       health(core,
              [this] {

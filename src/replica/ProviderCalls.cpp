@@ -6,6 +6,7 @@
 #include <chrono>
 #include <utility>
 
+#include "async/WithTimeout.h"
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
@@ -26,6 +27,10 @@ const NSError& stoppedError() {
   return error;
 }
 
+std::exception_ptr failure(const NSError& error) {
+  return std::make_exception_ptr(error);
+}
+
 /// The outcome of a call that is not made.
 NSError refusal(std::string_view call, const NSFileProviderItemIdentifier& identifier) {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
@@ -41,7 +46,7 @@ struct Page {
 /// Gathers one page for a pending call, and keeps the enumerator until then.
 class PageObserver : public NSFileProviderEnumerationObserver {
  public:
-  PageObserver(std::shared_ptr<PendingCall<Page>> call,
+  PageObserver(std::shared_ptr<OneShot<Page>> call,
                std::shared_ptr<NSFileProviderEnumerator> enumerator)
       : call_(std::move(call)), enumerator_(std::move(enumerator)) {}
 
@@ -54,24 +59,24 @@ class PageObserver : public NSFileProviderEnumerationObserver {
   }
   void finishEnumeratingUpToPage(std::optional<NSFileProviderPage> nextPage) override {
     page_.next = std::move(nextPage);
-    call_->complete(std::move(page_));
+    call_->resolve(std::move(page_));
   }
-  void finishEnumeratingWithError(const NSError& error) override { call_->complete(error); }
+  void finishEnumeratingWithError(const NSError& error) override { call_->reject(failure(error)); }
 
  private:
-  const std::shared_ptr<PendingCall<Page>> call_;
+  const std::shared_ptr<OneShot<Page>> call_;
   const std::shared_ptr<NSFileProviderEnumerator> enumerator_;
   Page page_;
 };
 
 /// Answers a write for a pending call.
-WriteCompletion written(std::shared_ptr<PendingCall<WrittenItem>> call) {
+WriteCompletion written(std::shared_ptr<OneShot<WrittenItem>> call) {
   return [call = std::move(call)](NSFileProviderItemPtr item, NSFileProviderItemFields remaining,
                                   bool fetchAgain, const std::optional<NSError>& error) {
     if (error) {
-      call->complete(*error);
+      call->reject(failure(*error));
     } else {
-      call->complete(WrittenItem{std::move(item), remaining, fetchAgain});
+      call->resolve(WrittenItem{std::move(item), remaining, fetchAgain});
     }
   };
 }
@@ -79,11 +84,11 @@ WriteCompletion written(std::shared_ptr<PendingCall<WrittenItem>> call) {
 /// The call as the provider gets it: when the provider lets go of it unanswered, it is not known
 /// what became of the request.
 template <typename T>
-std::shared_ptr<PendingCall<T>> asProviderHoldsIt(std::shared_ptr<PendingCall<T>> call) {
+std::shared_ptr<OneShot<T>> asProviderHoldsIt(std::shared_ptr<OneShot<T>> call) {
   auto* const pointer = call.get();
-  return std::shared_ptr<PendingCall<T>>(pointer, [call = std::move(call)](PendingCall<T>*) {
+  return std::shared_ptr<OneShot<T>>(pointer, [call = std::move(call)](OneShot<T>*) {
     untilThereIsMemory(
-        [&] { call->complete(NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)); });
+        [&] { call->reject(failure(NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost))); });
   });
 }
 
@@ -115,7 +120,7 @@ void ProviderCalls::Slots::give() {
   loop_.post([next] { next.resume(); });
 }
 
-ProviderCalls::ProviderCalls(Loop& loop, Limits limits, IdentifierForm identifiers)
+ProviderCalls::ProviderCalls(async::Loop& loop, Limits limits, IdentifierForm identifiers)
     : loop_(loop),
       identifiers_(std::move(identifiers)),
       metadata_(loop, limits.metadata),
@@ -141,22 +146,22 @@ bool ProviderCalls::hasProvider() const {
 }
 
 void ProviderCalls::stop() {
-  std::set<std::weak_ptr<AbandonableCall>, std::owner_less<>> calls;
+  std::set<std::weak_ptr<PendingResult>, std::owner_less<>> calls;
   {
     std::lock_guard lock(mutex_);
     stopped_ = true;
     calls.swap(calls_);
   }
   for (const auto& pending : calls) {
-    if (auto call = pending.lock()) call->abandon(stoppedError());
+    if (auto call = pending.lock()) call->abandon(failure(stoppedError()));
   }
   setProvider(nullptr);
 }
 
-void ProviderCalls::enroll(const std::shared_ptr<AbandonableCall>& call) {
+void ProviderCalls::enroll(const std::shared_ptr<PendingResult>& call) {
   std::lock_guard lock(mutex_);
   if (stopped_) {
-    call->abandon(stoppedError());
+    call->abandon(failure(stoppedError()));
     return;
   }
   std::erase_if(calls_, [](const auto& pending) { return pending.expired(); });
@@ -176,22 +181,26 @@ Task<Outcome<T>> ProviderCalls::call(Slots& slots, std::optional<std::chrono::mi
   }
   if (!provider) co_return NSFileProviderError(NSFileProviderErrorCode::notAuthenticated);
 
-  auto pending = std::make_shared<PendingCall<T>>(loop_);
+  const auto abandonment = std::make_shared<Abandonment>();
+  auto pending = std::make_shared<OneShot<T>>(loop_, abandonment);
   enroll(pending);
-  std::optional<Loop::TimerNumber> timer;
-  if (limit) {
-    timer = loop_.postAfter(
-        *limit, [pending] { pending->abandon(NSError(NSURLErrorDomain, NSURLErrorTimedOut)); });
-  }
   try {
-    const AbandonmentScope scope(pending->abandonment());
+    const AbandonmentScope scope(abandonment);
     make(*provider, asProviderHoldsIt(pending));
   } catch (...) {
-    pending->complete(caughtError());
+    pending->reject(std::current_exception());
   }
-  auto outcome = co_await pending->result();
-  if (timer) loop_.cancel(*timer);
-  co_return outcome;
+  try {
+    if (!limit) {
+      auto result = OneShot<T>::result(std::move(pending));
+      co_return co_await std::move(result);
+    }
+    auto result = async::withTimeout(
+        loop_, *limit, failure(NSError(NSURLErrorDomain, NSURLErrorTimedOut)), std::move(pending));
+    co_return co_await std::move(result);
+  } catch (...) {
+    co_return caughtError();
+  }
 }
 
 Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::list(
@@ -212,7 +221,7 @@ Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::listOnce(
   std::vector<NSFileProviderItemPtr> items;
   while (page) {
     auto make = [container, from = *page](NSFileProviderReplicatedExtension& provider,
-                                          const std::shared_ptr<PendingCall<Page>>& pending) {
+                                          const std::shared_ptr<OneShot<Page>>& pending) {
       auto enumerator = provider.enumerator(container, {});
       enumerator->enumerateItems(std::make_shared<PageObserver>(pending, enumerator), from);
     };
@@ -232,16 +241,16 @@ Task<Outcome<std::vector<NSFileProviderItemPtr>>> ProviderCalls::listOnce(
 Task<Outcome<NSFileProviderItemPtr>> ProviderCalls::item(NSFileProviderItemIdentifier identifier) {
   if (!identifiers_.isAskable(identifier)) co_return refusal("an item", identifier);
   auto make = [identifier](NSFileProviderReplicatedExtension& provider,
-                           const std::shared_ptr<PendingCall<NSFileProviderItemPtr>>& pending) {
-    provider.item(identifier, {},
-                  [pending](NSFileProviderItemPtr item, const std::optional<NSError>& error) {
-                    if (error || !item) {
-                      pending->complete(
-                          error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem)));
-                    } else {
-                      pending->complete(std::move(item));
-                    }
-                  });
+                           const std::shared_ptr<OneShot<NSFileProviderItemPtr>>& pending) {
+    provider.item(
+        identifier, {}, [pending](NSFileProviderItemPtr item, const std::optional<NSError>& error) {
+          if (error || !item) {
+            pending->reject(
+                failure(error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem))));
+          } else {
+            pending->resolve(std::move(item));
+          }
+        });
   };
   co_return co_await call<NSFileProviderItemPtr>(metadata_, kMetadataLimit, std::move(make));
 }
@@ -249,15 +258,15 @@ Task<Outcome<NSFileProviderItemPtr>> ProviderCalls::item(NSFileProviderItemIdent
 Task<Outcome<FetchedFile>> ProviderCalls::fetch(NSFileProviderItemIdentifier identifier) {
   if (!identifiers_.isItem(identifier)) co_return refusal("a file", identifier);
   auto make = [identifier](NSFileProviderReplicatedExtension& provider,
-                           const std::shared_ptr<PendingCall<FetchedFile>>& pending) {
+                           const std::shared_ptr<OneShot<FetchedFile>>& pending) {
     provider.fetchContents(
         identifier, std::nullopt, {},
         [pending](const std::optional<NSURL>& url, NSFileProviderItemPtr item,
                   const std::optional<NSError>& error) {
           if (error || !url || !item) {
-            pending->complete(
-                error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem)));
-          } else if (!pending->complete(FetchedFile{url->path(), std::move(item)})) {
+            pending->reject(
+                failure(error.value_or(NSFileProviderError(NSFileProviderErrorCode::noSuchItem))));
+          } else if (!pending->resolve(FetchedFile{url->path(), std::move(item)})) {
             // Nobody waits any more.
             ::unlink(url->path().c_str());
           }
@@ -278,7 +287,7 @@ Task<Outcome<WrittenItem>> ProviderCalls::create(NSFileProviderItemPtr basedOnTe
       contents ? std::nullopt : std::optional(kMetadataLimit);
   auto make = [basedOnTemplate, fields, url = fileURL(contents), options](
                   NSFileProviderReplicatedExtension& provider,
-                  const std::shared_ptr<PendingCall<WrittenItem>>& pending) {
+                  const std::shared_ptr<OneShot<WrittenItem>>& pending) {
     provider.createItem(basedOnTemplate, fields, url, options, {}, written(pending));
   };
   co_return co_await call<WrittenItem>(slots, limit, std::move(make));
@@ -296,7 +305,7 @@ Task<Outcome<WrittenItem>> ProviderCalls::modify(NSFileProviderItemPtr item,
       contents ? std::nullopt : std::optional(kMetadataLimit);
   auto make = [item, baseVersion, changedFields, url = fileURL(contents)](
                   NSFileProviderReplicatedExtension& provider,
-                  const std::shared_ptr<PendingCall<WrittenItem>>& pending) {
+                  const std::shared_ptr<OneShot<WrittenItem>>& pending) {
     provider.modifyItem(item, baseVersion, changedFields, url, 0, {}, written(pending));
   };
   co_return co_await call<WrittenItem>(slots, limit, std::move(make));
@@ -305,16 +314,15 @@ Task<Outcome<WrittenItem>> ProviderCalls::modify(NSFileProviderItemPtr item,
 Task<Outcome<Done>> ProviderCalls::remove(NSFileProviderItemIdentifier identifier,
                                           NSFileProviderItemVersion baseVersion, bool recursive) {
   if (!identifiers_.isItem(identifier)) co_return refusal("a removal", identifier);
-  auto make = [identifier, baseVersion, recursive](
-                  NSFileProviderReplicatedExtension& provider,
-                  const std::shared_ptr<PendingCall<Done>>& pending) {
+  auto make = [identifier, baseVersion, recursive](NSFileProviderReplicatedExtension& provider,
+                                                   const std::shared_ptr<OneShot<Done>>& pending) {
     provider.deleteItem(identifier, baseVersion,
                         recursive ? NSFileProviderDeleteItemOption::recursive : 0, {},
                         [pending](const std::optional<NSError>& error) {
                           if (error) {
-                            pending->complete(*error);
+                            pending->reject(failure(*error));
                           } else {
-                            pending->complete(Done{});
+                            pending->resolve(Done{});
                           }
                         });
   };

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "async/Loop.h"
+#include "platform/base/OneShot.h"
 #include "platform/base/Task.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 #include "replica/IdentifierForm.h"
-#include "replica/Loop.h"
 #include "replica/Outcome.h"
-#include "replica/PendingCall.h"
 
 namespace kestrowan::replica {
 
@@ -47,7 +47,7 @@ class ProviderCalls {
     unsigned uploads = 4;
   };
 
-  ProviderCalls(Loop& loop, Limits limits, IdentifierForm identifiers);
+  ProviderCalls(async::Loop& loop, Limits limits, IdentifierForm identifiers);
   ProviderCalls(const ProviderCalls&) = delete;
   ProviderCalls& operator=(const ProviderCalls&) = delete;
 
@@ -78,7 +78,7 @@ class ProviderCalls {
   /// So many calls of a kind at once. Used on the loop only.
   class Slots {
    public:
-    Slots(Loop& loop, unsigned count) : loop_(loop), free_(count) {}
+    Slots(async::Loop& loop, unsigned count) : loop_(loop), free_(count) {}
     auto take() {
       struct Awaiter {
         Slots& slots;
@@ -98,7 +98,7 @@ class ProviderCalls {
     void give();
 
    private:
-    Loop& loop_;
+    async::Loop& loop_;
     unsigned free_;
     std::deque<std::coroutine_handle<>> waiting_;
   };
@@ -110,12 +110,12 @@ class ProviderCalls {
   Task<Outcome<T>> call(Slots& slots, std::optional<std::chrono::milliseconds> limit, Make make);
   Task<Outcome<std::vector<NSFileProviderItemPtr>>> listOnce(
       NSFileProviderItemIdentifier container);
-  void enroll(const std::shared_ptr<AbandonableCall>& call);
+  void enroll(const std::shared_ptr<PendingResult>& call);
 
   /// Whether an item that `item` describes can be in a folder that it describes.
   bool isPlace(const NSFileProviderItem& item) const;
 
-  Loop& loop_;
+  async::Loop& loop_;
   const IdentifierForm identifiers_;
   Slots metadata_;
   Slots downloads_;
@@ -123,7 +123,7 @@ class ProviderCalls {
   mutable std::mutex mutex_;  // guards what follows
   Provider provider_;
   bool stopped_ = false;
-  std::set<std::weak_ptr<AbandonableCall>, std::owner_less<>> calls_;
+  std::set<std::weak_ptr<PendingResult>, std::owner_less<>> calls_;
 };
 
 }  // namespace kestrowan::replica

@@ -23,7 +23,7 @@ void completing(const Completion<T>& completion, Call&& call) {
 
 }  // namespace
 
-Replica::Replica(const std::string& directory, Loop& loop, Options options)
+Replica::Replica(const std::string& directory, async::Loop& loop, Options options)
     : implementation_(
           std::make_shared<Implementation>(*this, directory, loop, std::move(options))) {}
 
@@ -49,6 +49,10 @@ void Replica::refuseNewWork() {
 
 void Replica::stop() {
   implementation_->stop();
+}
+
+void Replica::waitUntilEnded(std::chrono::milliseconds limit) {
+  implementation_->core.loop.waitUntilEmpty(limit);
 }
 
 void Replica::lookUp(Rid folder, std::string_view name, Completion<Attributes> completion) {

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "async/Loop.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 #include "replica/ContentStore.h"
-#include "replica/Loop.h"
 #include "replica/Observer.h"
 #include "replica/OpenFile.h"
 #include "replica/Options.h"
@@ -77,11 +77,11 @@ class Replica {
  public:
   /// Reads what `directory` (absolute, exclusively the replica's) holds, or begins anew. Sends
   /// nothing before the first `setProvider`. Throws `NSError` as `ItemStore` and `ContentStore` do.
-  Replica(const std::string& directory, Loop& loop, Options options);
+  Replica(const std::string& directory, async::Loop& loop, Options options);
   Replica(const Replica&) = delete;
   Replica& operator=(const Replica&) = delete;
-  /// Only when `stop` was called, the loop has run what that caused, and every `OpenFile` is gone.
-  /// Not on the loop.
+  /// Only when `stop` was called and every `OpenFile` is gone. What has not ended by then never
+  /// does. Not on the loop.
   ~Replica();
 
   /// Makes `provider` the one that is asked from now on; the one before is invalidated and released
@@ -95,6 +95,9 @@ class Replica {
   void refuseNewWork();
   /// No more calls to the provider are begun, and whoever waits is answered.
   void stop();
+  /// Waits, after `stop`, until everything that was under way has ended, for at most `limit`. Not
+  /// on the loop.
+  void waitUntilEnded(std::chrono::milliseconds limit);
 
   // The tree. A `Rid` that is not known gives ESTALE.
 

@@ -21,7 +21,7 @@ const Logger& replicaLog() {
 
 }  // namespace
 
-Rows::Rows(ItemStore& store, Loop& loop, std::mutex& mutex)
+Rows::Rows(ItemStore& store, async::Loop& loop, std::mutex& mutex)
     : store_(store), loop_(loop), mutex_(mutex) {}
 
 Rows::Batch::~Batch() {

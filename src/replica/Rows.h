@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
+#include "async/Loop.h"
 #include "platform/foundation/NSError.h"
 #include "replica/Item.h"
-#include "replica/Loop.h"
 #include "replica/sqlite/ItemStore.h"
 
 namespace kestrowan::replica {
@@ -19,7 +19,7 @@ namespace kestrowan::replica {
 /// Guarded by `mutex`, the lock of the items.
 class Rows {
  public:
-  Rows(ItemStore& store, Loop& loop, std::mutex& mutex);
+  Rows(ItemStore& store, async::Loop& loop, std::mutex& mutex);
   Rows(const Rows&) = delete;
   Rows& operator=(const Rows&) = delete;
 
@@ -55,7 +55,7 @@ class Rows {
   void tryLater();
 
   ItemStore& store_;
-  Loop& loop_;
+  async::Loop& loop_;
   std::mutex& mutex_;
   unsigned batches_ = 0;
   bool retrying_ = false;

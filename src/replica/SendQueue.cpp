@@ -2,9 +2,9 @@
 #include <cerrno>
 #include <utility>
 
+#include "async/Scope.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
-#include "replica/LoopTask.h"
 #include "replica/Sender.h"
 
 namespace kestrowan::replica {
@@ -226,7 +226,7 @@ void Sender::start(const ItemPtr& item, bool upload) {
   core_.sending.reserve(core_.sending.size() + 1);
   if (item->sent) doubtFolderDates(item);
   // It runs after this has been left, if it can be begun at all.
-  startOn(core_.loop, run(item, upload));
+  core_.loop.spawn(run(item, upload));
   core_.sending.push_back(item);
   sync.place = Place::sending;
   sync.targetParent = item->parent;
@@ -260,7 +260,7 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   if (sync.place == Place::sending) sync.place = Place::idle;
   sync.targetParent = 0;
   release(item);
-  for (const auto& waiter : std::exchange(sync.endWaiters, {})) waiter->complete(Done{});
+  for (const auto& waiter : std::exchange(sync.endWaiters, {})) waiter->resolve();
   if (!item->gone && item->removed && !item->base && !item->sent) {
     answerVerdict(item, std::nullopt);
     core_.dropItem(item);

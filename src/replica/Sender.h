@@ -153,7 +153,7 @@ class Sender {
   std::set<Rid> blocked_;
   unsigned namesRunning_ = 0;
   unsigned contentsRunning_ = 0;
-  std::optional<std::pair<std::int64_t, Loop::TimerNumber>> timer_;
+  std::optional<std::pair<std::int64_t, async::Loop::TimerNumber>> timer_;
   std::vector<std::shared_ptr<SyncWaiter>> syncWaiters_;
 };
 

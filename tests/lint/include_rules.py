@@ -15,10 +15,12 @@ REACH = {
     "webdav": {"bridge", "platform"},
     "items": {"webdav", "bridge", "platform"},
     "extension": {"items", "webdav", "bridge", "platform"},
-    "replica": {"platform"},
-    "mount": {"replica", "platform"},
-    "host": {"mount", "replica", "extension", "items", "webdav", "bridge", "platform"},
-    "cli": {"host", "mount", "replica", "extension", "items", "webdav", "bridge", "platform"},
+    "async": {"platform"},
+    "replica": {"async", "platform"},
+    "mount": {"replica", "async", "platform"},
+    "host": {"mount", "replica", "async", "extension", "items", "webdav", "bridge", "platform"},
+    "cli": {"host", "mount", "replica", "async", "extension", "items", "webdav", "bridge",
+            "platform"},
     "macos": {"extension", "items", "webdav", "bridge", "platform"},
 }
 # Rooms of a layer that have arrows of their own: what each may include besides itself.

@@ -61,12 +61,14 @@ class IncludeRules(unittest.TestCase):
         self.assertPasses("cli/A.cpp", '#include "extension/FileProviderExtension.h"')
         self.assertPasses("host/A.cpp", '#include "mount/M.h"\n#include "extension/E.h"')
         self.assertPasses("items/A.cpp", '#include "items/B.h"')
+        self.assertPasses("replica/A.h", '#include "async/Loop.h"')
 
     def test_layers_do_not_include_against_their_arrows(self):
         self.assertRefused("bridge/A.cpp", '#include "webdav/WebDAVClient.h"')
         self.assertRefused("platform/base/A.cpp", '#include "bridge/FPBridge.h"')
         self.assertRefused("mount/A.cpp", '#include "extension/FileProviderExtension.h"')
         self.assertRefused("replica/A.h", '#include "mount/M.h"')
+        self.assertRefused("async/A.h", '#include "replica/Replica.h"')
         self.assertRefused("extension/A.h", '#include "host/H.h"')
 
     def test_rooms_of_a_layer_have_arrows_of_their_own(self):

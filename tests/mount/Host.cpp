@@ -72,7 +72,7 @@ JSONValue statusForm(const replica::ItemStatus& status) {
 }  // namespace
 
 Host::Host(HostOptions options)
-    : options_(std::move(options)), loop_(std::make_unique<replica::LoopThread>()) {}
+    : options_(std::move(options)), loop_(std::make_unique<async::LoopThread>()) {}
 
 Host::~Host() {
   mount_.reset();

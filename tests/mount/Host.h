@@ -2,11 +2,11 @@
 
 #include <memory>
 
+#include "async/LoopThread.h"
 #include "mount/FaultList.h"
 #include "mount/HostOptions.h"
 #include "mount/Mount.h"
 #include "platform/foundation/JSONValue.h"
-#include "replica/LoopThread.h"
 #include "replica/Replica.h"
 #include "support/InMemoryExtension.h"
 #include "support/MemoryServer.h"
@@ -37,7 +37,7 @@ class Host {
   std::shared_ptr<MemoryServer> server_ = std::make_shared<MemoryServer>();
   FaultList faults_;
   // The order in which they need each other.
-  std::unique_ptr<replica::LoopThread> loop_;
+  std::unique_ptr<async::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
   std::shared_ptr<InMemoryExtension> provider_;
   std::unique_ptr<mount::Mount> mount_;

@@ -87,7 +87,7 @@ void CallRunner::finish(CallKind kind, const Complete& complete, const Reply& re
 }
 
 std::size_t CallRunner::releaseHung() {
-  std::vector<replica::Loop::Function> hung;
+  std::vector<async::Loop::Function> hung;
   {
     std::lock_guard lock(mutex_);
     hung.swap(hung_);

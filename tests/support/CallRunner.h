@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "async/Loop.h"
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSURL.h"
-#include "replica/Loop.h"
 #include "support/Faults.h"
 
 namespace kestrowan::test {
@@ -34,7 +34,7 @@ class CallRunner : public std::enable_shared_from_this<CallRunner> {
   using Work = std::function<void(Requests& requests, Reply& reply)>;
   using Complete = std::function<void(const Reply& reply)>;
 
-  explicit CallRunner(replica::Loop& loop) : loop_(loop) {}
+  explicit CallRunner(async::Loop& loop) : loop_(loop) {}
 
   /// With a `refusal`, that is the answer, and no server is asked.
   void run(const Call& call, Work work, Complete complete,
@@ -64,7 +64,7 @@ class CallRunner : public std::enable_shared_from_this<CallRunner> {
   void finish(CallKind kind, const Complete& complete, const Reply& reply);
   bool isDown() const;
 
-  replica::Loop& loop_;
+  async::Loop& loop_;
   mutable std::mutex mutex_;
   // Guarded by mutex_, as is all below.
   std::chrono::milliseconds latency_{0};
@@ -73,7 +73,7 @@ class CallRunner : public std::enable_shared_from_this<CallRunner> {
   FaultHook hook_;
   std::vector<Call> calls_;
   std::map<CallKind, Count> counts_;
-  std::vector<replica::Loop::Function> hung_;
+  std::vector<async::Loop::Function> hung_;
   std::vector<std::string> violations_;
 };
 

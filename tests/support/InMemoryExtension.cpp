@@ -100,7 +100,7 @@ CallRunner::Complete writeAnswer(WriteCompletion completionHandler) {
 
 }  // namespace
 
-InMemoryExtension::InMemoryExtension(replica::Loop& loop, std::string directory,
+InMemoryExtension::InMemoryExtension(async::Loop& loop, std::string directory,
                                      std::shared_ptr<MemoryServer> server, InMemoryOptions options)
     : loop_(loop),
       runner_(std::make_shared<CallRunner>(loop)),

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "async/Loop.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
-#include "replica/Loop.h"
 #include "support/Faults.h"
 #include "support/MemoryServer.h"
 
@@ -37,8 +37,8 @@ class MemoryItems;
 class InMemoryExtension : public NSFileProviderReplicatedExtension {
  public:
   /// `directory` is where fetched files are put.
-  InMemoryExtension(replica::Loop& loop, std::string directory,
-                    std::shared_ptr<MemoryServer> server, InMemoryOptions options = {});
+  InMemoryExtension(async::Loop& loop, std::string directory, std::shared_ptr<MemoryServer> server,
+                    InMemoryOptions options = {});
   ~InMemoryExtension() override;
 
   MemoryServer& server() const;
@@ -94,7 +94,7 @@ class InMemoryExtension : public NSFileProviderReplicatedExtension {
                                          DeleteCompletion completionHandler) override;
 
  private:
-  replica::Loop& loop_;
+  async::Loop& loop_;
   const std::shared_ptr<CallRunner> runner_;
   const std::shared_ptr<const MemoryItems> items_;
   const std::string directory_;

@@ -11,7 +11,7 @@ namespace kestrowan::test {
 /// Lists one folder of the server in memory, anew with each page. Tracks no changes.
 class MemoryEnumerator : public NSFileProviderEnumerator {
  public:
-  MemoryEnumerator(NSFileProviderItemIdentifier container, replica::Loop& loop,
+  MemoryEnumerator(NSFileProviderItemIdentifier container, async::Loop& loop,
                    std::shared_ptr<CallRunner> runner, std::shared_ptr<const MemoryItems> items)
       : container_(std::move(container)),
         loop_(loop),
@@ -28,7 +28,7 @@ class MemoryEnumerator : public NSFileProviderEnumerator {
 
  private:
   const NSFileProviderItemIdentifier container_;
-  replica::Loop& loop_;
+  async::Loop& loop_;
   const std::shared_ptr<CallRunner> runner_;
   const std::shared_ptr<const MemoryItems> items_;
 };

@@ -20,8 +20,8 @@ void SimulatedLoop::post(Function function) {
   posted_.push_back(std::move(function));
 }
 
-replica::Loop::TimerNumber SimulatedLoop::postAfter(std::chrono::milliseconds delay,
-                                                    Function function) {
+async::Loop::TimerNumber SimulatedLoop::postAfter(std::chrono::milliseconds delay,
+                                                  Function function) {
   std::lock_guard lock(mutex_);
   return timers_.add(now_, delay, std::move(function));
 }
@@ -33,7 +33,7 @@ void SimulatedLoop::cancel(TimerNumber timer) {
   forgotten = timers_.take(timer);
 }
 
-replica::Loop::Moment SimulatedLoop::now() const {
+async::Loop::Moment SimulatedLoop::now() const {
   std::lock_guard lock(mutex_);
   return now_;
 }

@@ -5,15 +5,15 @@
 #include <functional>
 #include <mutex>
 
-#include "replica/Loop.h"
-#include "replica/TimerQueue.h"
+#include "async/Loop.h"
+#include "async/Timers.h"
 
 namespace kestrowan::test {
 
 /// A loop whose time only passes when the test says so, and whose functions run inside the calls
 /// below, on the thread that makes them: what happens is the same in every run. Posting is safe
 /// from every thread. The time begins on 2026-01-01 at 00:00:00 UTC.
-class SimulatedLoop : public replica::Loop {
+class SimulatedLoop : public async::Loop {
  public:
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
@@ -42,7 +42,7 @@ class SimulatedLoop : public replica::Loop {
   mutable std::mutex mutex_;
   // Guarded by mutex_, as are the next three.
   std::deque<Function> posted_;
-  replica::TimerQueue timers_;
+  async::Timers timers_;
   Moment now_{};
   std::chrono::milliseconds wallClockOffset_{1767225600000};
 };

@@ -8,10 +8,10 @@
 #include <future>
 #include <memory>
 
+#include "async/LoopThread.h"
 #include "mount/DescribedError.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/NSError.h"
-#include "replica/LoopThread.h"
 #include "replica/Replica.h"
 #include "support/InMemoryExtension.h"
 #include "support/MemoryServer.h"
@@ -88,7 +88,7 @@ class HostCommandsTest : public testing::Test {
   const test::TemporaryDirectory state_;
   const test::TemporaryDirectory downloads_;
   const std::shared_ptr<test::MemoryServer> server_ = std::make_shared<test::MemoryServer>();
-  std::unique_ptr<replica::LoopThread> loop_ = std::make_unique<replica::LoopThread>();
+  std::unique_ptr<async::LoopThread> loop_ = std::make_unique<async::LoopThread>();
   std::unique_ptr<replica::Replica> replica_ =
       std::make_unique<replica::Replica>(state_.path(), *loop_, options());
   std::shared_ptr<test::InMemoryExtension> extension_;

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "async/Scope.h"
 #include "platform/base/Abandonment.h"
 #include "platform/foundation/NSError.h"
-#include "replica/LoopTask.h"
 #include "support/InMemoryExtension.h"
 #include "support/SimulatedLoop.h"
 #include "support/TemporaryDirectory.h"
@@ -51,7 +51,7 @@ class AbandonedCallsTest : public testing::Test {
   }
 
   void remove() {
-    startOn(loop, [](AbandonedCallsTest* test) -> Task<void> {
+    scope.spawn([](AbandonedCallsTest* test) -> Task<void> {
       auto removal = test->calls.remove("/a", {}, false);
       const auto outcome = co_await std::move(removal);
       test->codes.push_back(outcome.succeeded() ? 0 : outcome.error().code());
@@ -63,7 +63,8 @@ class AbandonedCallsTest : public testing::Test {
   SimulatedLoop loop;
   std::shared_ptr<SilentProvider> provider =
       std::make_shared<SilentProvider>(loop, directory.path(), std::make_shared<MemoryServer>());
-  ProviderCalls calls{loop, {.metadata = 1}, replica::IdentifierForm::paths()};
+  async::Scope scope{loop};
+  ProviderCalls calls{scope, {.metadata = 1}, replica::IdentifierForm::paths()};
   std::vector<std::int64_t> codes;
 };
 

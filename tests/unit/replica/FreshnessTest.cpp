@@ -72,7 +72,7 @@ TEST_F(FreshnessTest, NobodyWaitsLongerThanThreeSecondsForANewListing) {
   world.extension().setLatency(seconds(50));
   world.server().writeFile("/docs/b", "two");
   world.advance(seconds(40));
-  const replica::Loop::Moment before = world.loop().now();
+  const async::Loop::Moment before = world.loop().now();
   EXPECT_THAT(world.list("/docs"), Contains("a"));
   EXPECT_LE(world.loop().now() - before, milliseconds(6100));
 }
@@ -135,7 +135,7 @@ TEST_F(FreshnessTest, ListingsOfAFolderAreSharedByAllWhoWait) {
 TEST_F(FreshnessTest, WithoutAServerWhatIsKnownIsAnsweredAtOnce) {
   world.extension().setDown(true);
   world.advance(seconds(300));
-  const replica::Loop::Moment before = world.loop().now();
+  const async::Loop::Moment before = world.loop().now();
   EXPECT_THAT(world.list("/docs"), ElementsAre("a"));
   EXPECT_EQ(world.loop().now(), before);
 }

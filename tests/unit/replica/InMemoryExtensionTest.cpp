@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "InMemoryExtensionSupport.h"
-#include "replica/LoopThread.h"
+#include "async/LoopThread.h"
 
 namespace kestrowan::test {
 namespace {
@@ -330,7 +330,7 @@ TEST(InMemoryExtensionThreads, WorksOnALoopOfItsOwnForManyThreads) {
   constexpr int kEach = 50;
   const TemporaryDirectory directory;
   const auto server = std::make_shared<MemoryServer>();
-  replica::LoopThread loop;
+  async::LoopThread loop;
   InMemoryExtension extension(loop, directory.path(), server);
   std::atomic<int> failures = 0;
   std::vector<std::thread> threads;

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "async/Scope.h"
 #include "platform/fileprovider/TemplateItem.h"
-#include "replica/LoopTask.h"
 #include "support/InMemoryExtension.h"
 #include "support/RecordingLog.h"
 #include "support/SimulatedLoop.h"
@@ -44,7 +44,7 @@ class ProviderCallsTest : public testing::Test {
   template <typename T>
   std::string result(Task<Outcome<T>> call) {
     const auto results = std::make_shared<std::vector<std::string>>();
-    replica::startOn(loop, note(std::move(call), results));
+    scope.spawn(note(std::move(call), results));
     loop.advance(std::chrono::seconds(1));
     return results->empty() ? "no end" : results->front();
   }
@@ -62,7 +62,8 @@ class ProviderCallsTest : public testing::Test {
   std::shared_ptr<MemoryServer> server = std::make_shared<MemoryServer>();
   std::shared_ptr<InMemoryExtension> extension =
       std::make_shared<InMemoryExtension>(loop, directory.path(), server);
-  ProviderCalls calls{loop, {}, IdentifierForm::paths()};
+  async::Scope scope{loop};
+  ProviderCalls calls{scope, {}, IdentifierForm::paths()};
 };
 
 TEST_F(ProviderCallsTest, ProperItemsAreAskedFor) {

@@ -5,10 +5,10 @@
 #include <mutex>
 #include <thread>
 
-#include "replica/Loop.h"
-#include "replica/TimerQueue.h"
+#include "async/Loop.h"
+#include "async/Timers.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::async {
 
 /// The loop of a running program: one thread of its own, and the system's clocks. The thread takes
 /// no signals but those of its own faults. What a function throws is a line in the log.
@@ -24,9 +24,6 @@ class LoopThread : public Loop {
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
   void cancel(TimerNumber timer) override;
-  /// Waits until nothing that was posted is left, and nothing that it posted; timers may be. Not
-  /// from within a function of the loop.
-  void waitUntilIdle();
   Moment now() const override;
   std::int64_t wallClock() const override;
 
@@ -36,14 +33,12 @@ class LoopThread : public Loop {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::condition_variable idle_;
-  // Guarded by mutex_, as are the next four.
+  // Guarded by mutex_, as are the next three.
   std::deque<Function> posted_;
-  bool isRunningOne_ = false;
-  TimerQueue timers_;
+  Timers timers_;
   bool timerRanLast_ = false;
   bool stopping_ = false;
   std::thread thread_;
 };
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::async

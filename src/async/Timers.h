@@ -5,12 +5,12 @@
 #include <unordered_map>
 #include <utility>
 
-#include "replica/Loop.h"
+#include "async/Loop.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::async {
 
 /// The timers of a loop, in the order in which they are due. Not thread-safe.
-class TimerQueue {
+class Timers {
  public:
   /// A timer due `delay` after `now`. Times beyond what a clock can count are cut to a century.
   Loop::TimerNumber add(Loop::Moment now, std::chrono::milliseconds delay, Loop::Function function);
@@ -28,4 +28,4 @@ class TimerQueue {
   Loop::TimerNumber last_ = 0;
 };
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::async

@@ -1,8 +1,8 @@
-#include "replica/TimerQueue.h"
+#include "async/Timers.h"
 
 #include <algorithm>
 
-namespace kestrowan::replica {
+namespace kestrowan::async {
 
 namespace {
 
@@ -10,8 +10,8 @@ constexpr std::chrono::milliseconds kLongest = std::chrono::hours(100 * 365 * 24
 
 }  // namespace
 
-Loop::TimerNumber TimerQueue::add(Loop::Moment now, std::chrono::milliseconds delay,
-                                  Loop::Function function) {
+Loop::TimerNumber Timers::add(Loop::Moment now, std::chrono::milliseconds delay,
+                              Loop::Function function) {
   const auto at = now + std::clamp(delay, std::chrono::milliseconds(0), kLongest);
   const auto number = ++last_;
   timers_.emplace(std::pair(at, number), std::move(function));
@@ -19,7 +19,7 @@ Loop::TimerNumber TimerQueue::add(Loop::Moment now, std::chrono::milliseconds de
   return number;
 }
 
-Loop::Function TimerQueue::take(Loop::TimerNumber timer) {
+Loop::Function Timers::take(Loop::TimerNumber timer) {
   const auto moment = moments_.find(timer);
   if (moment == moments_.end()) return {};
   auto node = timers_.extract({moment->second, timer});
@@ -27,14 +27,14 @@ Loop::Function TimerQueue::take(Loop::TimerNumber timer) {
   return std::move(node.mapped());
 }
 
-std::optional<Loop::Moment> TimerQueue::next() const {
+std::optional<Loop::Moment> Timers::next() const {
   if (timers_.empty()) return std::nullopt;
   return timers_.begin()->first.first;
 }
 
-Loop::Function TimerQueue::takeDue(Loop::Moment now) {
+Loop::Function Timers::takeDue(Loop::Moment now) {
   if (timers_.empty() || timers_.begin()->first.first > now) return {};
   return take(timers_.begin()->first.second);
 }
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::async

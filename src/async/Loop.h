@@ -1,22 +1,23 @@
 #pragma once
 
 #include <chrono>
+#include <coroutine>
 #include <cstdint>
 #include <functional>
 
-namespace kestrowan::replica {
+#include "platform/base/Resumer.h"
 
-/// One thread's worth of work in order, and the time: the seam through which the replica waits.
+namespace kestrowan::async {
+
+/// One thread's worth of work in order, and the time: the seam through which everything waits.
 /// Calls may come from every thread; the functions run one at a time, never inside a call. What a
 /// function throws is a line in the log.
 /// The loop must outlive whatever posts to it.
-class Loop {
+class Loop : public Resumer {
  public:
   using Function = std::function<void()>;
   using TimerNumber = std::uint64_t;
   using Moment = std::chrono::steady_clock::time_point;
-
-  virtual ~Loop() = default;
 
   /// Runs `function` after what was posted before.
   virtual void post(Function function) = 0;
@@ -29,6 +30,8 @@ class Loop {
   virtual Moment now() const = 0;
   /// For dates: milliseconds since 1970-01-01 UTC.
   virtual std::int64_t wallClock() const = 0;
+
+  void resumeLater(std::coroutine_handle<> handle) final;
 };
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::async

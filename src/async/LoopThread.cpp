@@ -1,4 +1,4 @@
-#include "replica/LoopThread.h"
+#include "async/LoopThread.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 
 #include "platform/base/Threads.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::async {
 
 namespace {
 
@@ -72,11 +72,6 @@ void LoopThread::cancel(TimerNumber timer) {
   forgotten = timers_.take(timer);
 }
 
-void LoopThread::waitUntilIdle() {
-  std::unique_lock lock(mutex_);
-  idle_.wait(lock, [this] { return posted_.empty() && !isRunningOne_; });
-}
-
 Loop::Moment LoopThread::now() const {
   return std::chrono::steady_clock::now();
 }
@@ -114,14 +109,11 @@ Loop::Function LoopThread::takeNext(std::unique_lock<std::mutex>& lock) {
 void LoopThread::run() noexcept {
   std::unique_lock lock(mutex_);
   while (auto function = takeNext(lock)) {
-    isRunningOne_ = true;
     lock.unlock();
     guarded("the loop", function);
     function = nullptr;
     lock.lock();
-    isRunningOne_ = false;
-    if (posted_.empty()) idle_.notify_all();
   }
 }
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::async
