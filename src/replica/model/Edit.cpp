@@ -66,6 +66,10 @@ void Edit::clearAfter(ItemNumber number) {
   state_->setAfter(touched(number), {});
 }
 
+void Edit::setAttributes(ItemNumber number, Attributes attributes) {
+  state_->setAttributes(touched(number), std::move(attributes));
+}
+
 void Edit::drop(ItemNumber number) {
   if (number == ItemNumber::root) fatalError("the root cannot be dropped");
   touched(number);

@@ -32,6 +32,7 @@ class KFP_SCOPED_CAPABILITY Edit {
   /// `number` is removed after `other` has arrived, besides those that are in `after` already.
   void addAfter(ItemNumber number, ItemNumber other);
   void clearAfter(ItemNumber number);
+  void setAttributes(ItemNumber number, Attributes attributes);
   /// The item is no more. The root cannot be dropped.
   void drop(ItemNumber number);
 

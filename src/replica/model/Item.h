@@ -2,8 +2,11 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
+#include "platform/fileprovider/NSFileProviderItem.h"
+#include "replica/model/Attributes.h"
 #include "replica/model/Numbers.h"
 #include "replica/model/Place.h"
 #include "replica/model/Version.h"
@@ -28,6 +31,15 @@ struct There {
   Version version;
   /// The bytes of that version; `none` for a folder, and while they are not known.
   Content content = Content::none;
+  /// Empty for the one that follows from the place: the folder's, "/" and the name.
+  std::string identifier;
+  /// Bytes, at least 0; 0 for a folder.
+  std::int64_t size = 0;
+  /// Absent when the provider gave none.
+  std::optional<Date> date;
+  NSFileProviderItemCapabilities capabilities = 0;
+  /// False for a version that says nothing of the contents.
+  bool isVersionKnown = true;
 
   friend bool operator==(const There&, const There&) = default;
 };
@@ -58,13 +70,15 @@ class Item {
   /// The items whose contents must have arrived before this one is removed at the provider. In
   /// ascending order; items that are no more may be among them.
   const std::vector<ItemNumber>& after() const { return after_; }
+  const Attributes& attributes() const;
 
   /// The provider has other contents of this file than those that `here` takes into account, or has
   /// it although there is no agreed state. False for a folder that is known.
   bool isNewThere() const;
   /// What the provider showed last is taken into account in `here`.
   bool isMerged() const;
-  /// The three states are the same: there is nothing to merge and nothing to send.
+  /// The three states are the same: there is nothing to merge and nothing to send. So it is with an
+  /// item whose name stays here, as long as it is here alone.
   bool isInStep() const;
 
  private:
@@ -76,6 +90,7 @@ class Item {
   std::optional<There> there_;
   std::optional<There> agreed_;
   std::vector<ItemNumber> after_;
+  Boxed<Attributes> attributes_;
 };
 
 }  // namespace kestrowan::replica::model

@@ -15,7 +15,14 @@ enum class Content : std::uint64_t { none = 0 };
 /// Names one intent. Never used twice.
 enum class IntentNumber : std::uint64_t { none = 0 };
 
+/// Names one conflict: the items that are its sides bear it. Never used twice.
+enum class ConflictNumber : std::uint64_t { none = 0 };
+
 /// A point in time, by the clock that goes on while the process does not run.
 using Time = std::chrono::sys_time<std::chrono::milliseconds>;
+/// A time of a file, as programs see it.
+using FileTime = std::chrono::sys_time<std::chrono::nanoseconds>;
+/// A date as providers give it.
+using Date = std::chrono::sys_seconds;
 
 }  // namespace kestrowan::replica::model

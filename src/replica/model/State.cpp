@@ -101,6 +101,16 @@ Path State::therePath(const Item& item) const {
   return therePath(this->item(place.folder)).child(place.name);
 }
 
+NSFileProviderItemIdentifier State::identifier(const Item& item) const {
+  if (item.number() == ItemNumber::root) {
+    return std::string(NSFileProviderRootContainerItemIdentifier);
+  }
+  if (!item.there()->identifier.empty()) return item.there()->identifier;
+  const Place& place = item.there()->place;
+  const bool isAtTop = place.folder == ItemNumber::root;
+  return (isAtTop ? std::string() : identifier(this->item(place.folder))) + '/' + place.name;
+}
+
 const Item* State::atPath(const Path& path) const {
   if (path.isRoot()) return &root();
   const Item* folder = atPath(path.folder());
@@ -145,6 +155,15 @@ void State::setAgreed(Item& item, std::optional<There> agreed) {
 
 void State::setAfter(Item& item, std::vector<ItemNumber> after) {
   item.after_ = std::move(after);
+  note(item);
+}
+
+void State::setAttributes(Item& item, Attributes attributes) {
+  if (attributes == Attributes{}) {
+    item.attributes_.reset();
+  } else {
+    item.attributes_ = std::move(attributes);
+  }
   note(item);
 }
 

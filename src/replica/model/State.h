@@ -40,6 +40,8 @@ class State {
 
   /// Of an item that the provider has.
   Path therePath(const Item& item) const;
+  /// By which the provider knows an item that it has.
+  NSFileProviderItemIdentifier identifier(const Item& item) const;
   /// What the provider has at a path; absent when that is not known.
   const Item* atPath(const Path& path) const;
   /// The path of a place there; absent when the provider has not got its folder.
@@ -80,6 +82,7 @@ class State {
   void setThere(Item& item, std::optional<There> there);
   void setAgreed(Item& item, std::optional<There> agreed);
   void setAfter(Item& item, std::vector<ItemNumber> after);
+  void setAttributes(Item& item, Attributes attributes);
   void take(ItemNumber number);
   void put(const Item& item);
   void note(const Item& item);

@@ -218,6 +218,59 @@ TEST_F(EditTest, FindsWhatTheProviderHasByItsPath) {
   EXPECT_EQ(edit->pathOf({ItemNumber{99}, "g"}), std::nullopt);
 }
 
+TEST_F(EditTest, KnowsAnItemByItsPlaceUnlessTheProviderGivesItAnotherIdentifier) {
+  Edit edit(tree_);
+  const ItemNumber folder = edit.make(Kind::folder);
+  const ItemNumber inside = edit.make(Kind::file);
+  edit.setThere(folder, There{inRoot("d"), {}, Content::none});
+  edit.setThere(inside, There{{folder, "f"}, {"1"}, Content::none});
+  EXPECT_EQ(edit->identifier(edit->root()), NSFileProviderRootContainerItemIdentifier);
+  EXPECT_EQ(edit->identifier(edit->item(folder)), "/d");
+  EXPECT_EQ(edit->identifier(edit->item(inside)), "/d/f");
+  There there{inRoot("d"), {}, Content::none};
+  there.identifier = "id-7";
+  edit.setThere(folder, there);
+  EXPECT_EQ(edit->identifier(edit->item(folder)), "id-7");
+  EXPECT_EQ(edit->identifier(edit->item(inside)), "id-7/f");
+  edit.commit();
+}
+
+TEST_F(EditTest, KeepsWhatIsKnownOfAnItemHereAlone) {
+  const ItemNumber number = file("a");
+  EXPECT_EQ(journal_.items().at(number).attributes(), Attributes{});
+  Attributes attributes;
+  attributes.mode = 0600;
+  attributes.user = UserAttributes{{"user.colour", "blue"}};
+  attributes.modified = FileTime(std::chrono::nanoseconds(1));
+  {
+    Edit edit(tree_);
+    edit.setAttributes(number, attributes);
+    EXPECT_EQ(edit->item(number).attributes(), attributes);
+  }
+  EXPECT_EQ(View(tree_)->item(number).attributes(), Attributes{});
+  {
+    Edit edit(tree_);
+    edit.setAttributes(number, attributes);
+    edit.commit();
+  }
+  EXPECT_EQ(journal_.items().at(number).attributes(), attributes);
+  EXPECT_TRUE(View(tree_)->item(number).isInStep());
+}
+
+TEST_F(EditTest, HasNothingToDoAboutAnItemThatStaysHere) {
+  Edit edit(tree_);
+  const ItemNumber number = edit.make(Kind::file);
+  edit.setHere(number, Here{inRoot("a.part"), kNew});
+  EXPECT_TRUE(edit->pending().contains(number));
+  Attributes attributes;
+  attributes.localOnly = true;
+  edit.setAttributes(number, attributes);
+  EXPECT_FALSE(edit->pending().contains(number));
+  attributes.localOnly = false;
+  edit.setAttributes(number, attributes);
+  EXPECT_TRUE(edit->pending().contains(number));
+}
+
 TEST_F(EditTest, HasOneWriterOrManyReaders) {
   const ItemNumber number = file("a");
   std::thread reader([&] {
