@@ -8,15 +8,6 @@
 
 namespace kestrowan::replica::model {
 
-namespace {
-
-std::vector<Intent>::const_iterator find(const std::vector<Intent>& intents, IntentNumber number) {
-  return std::find_if(intents.begin(), intents.end(),
-                      [&](const Intent& intent) { return intent.number == number; });
-}
-
-}  // namespace
-
 Edit::Edit(Tree& tree) : tree_(tree) {
   tree.mutex_.lock();
   state_ = &tree.state_;
@@ -76,29 +67,29 @@ void Edit::drop(ItemNumber number) {
   state_->take(number);
 }
 
-void Edit::keepIntents() {
-  if (!intentsBefore_) intentsBefore_ = state_->intents_;
+void Edit::keep(IntentNumber number) {
+  const Intent* intent = state_->intents_.find(number);
+  intentsBefore_.try_emplace(number, intent ? std::optional(*intent) : std::nullopt);
 }
 
 IntentNumber Edit::add(Intent intent) {
-  keepIntents();
   intent.number = state_->nextIntent_;
+  keep(intent.number);
   state_->nextIntent_ = IntentNumber{static_cast<std::uint64_t>(intent.number) + 1};
-  state_->intents_.push_back(std::move(intent));
-  return state_->intents_.back().number;
+  state_->intents_.put(intent);
+  return intent.number;
 }
 
 void Edit::change(const Intent& intent) {
-  keepIntents();
-  const auto found = find(state_->intents_, intent.number);
-  if (found == state_->intents_.end()) fatalError("an intent was changed that is no more");
-  state_->intents_[static_cast<std::size_t>(found - state_->intents_.begin())] = intent;
+  if (!state_->intents_.find(intent.number)) fatalError("an intent was changed that is no more");
+  keep(intent.number);
+  state_->intents_.put(intent);
 }
 
 void Edit::end(IntentNumber number) {
-  keepIntents();
-  const auto found = find(state_->intents_, number);
-  if (found != state_->intents_.end()) state_->intents_.erase(found);
+  if (!state_->intents_.find(number)) return;
+  keep(number);
+  state_->intents_.take(number);
 }
 
 void Edit::commit() {
@@ -117,7 +108,10 @@ void Edit::undo() {
   for (const auto& [number, before] : before_) {
     if (before) state_->put(*before);
   }
-  if (intentsBefore_) state_->intents_ = std::move(*intentsBefore_);
+  for (const auto& [number, before] : intentsBefore_) {
+    state_->intents_.take(number);
+    if (before) state_->intents_.put(*before);
+  }
   state_->nextItem_ = nextItemBefore_;
   state_->nextIntent_ = nextIntentBefore_;
 }
@@ -142,15 +136,10 @@ Changes Edit::changes() const {
 }
 
 void Edit::addIntents(Changes& changes) const {
-  if (!intentsBefore_) return;
-  for (const Intent& intent : state_->intents_) {
-    const auto before = find(*intentsBefore_, intent.number);
-    if (before == intentsBefore_->end() || *before != intent) changes.intents.push_back(&intent);
-  }
-  for (const Intent& intent : *intentsBefore_) {
-    if (find(state_->intents_, intent.number) == state_->intents_.end()) {
-      changes.ended.push_back(intent.number);
-    }
+  for (const auto& [number, before] : intentsBefore_) {
+    const Intent* intent = state_->intents_.find(number);
+    if (intent && before != *intent) changes.intents.push_back(intent);
+    if (!intent && before) changes.ended.push_back(number);
   }
 }
 

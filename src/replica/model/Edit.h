@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -49,7 +50,7 @@ class KFP_SCOPED_CAPABILITY Edit {
 
  private:
   Item& touched(ItemNumber number);
-  void keepIntents();
+  void keep(IntentNumber number);
   void undo();
   Changes changes() const;
   void addIntents(Changes& changes) const;
@@ -60,7 +61,8 @@ class KFP_SCOPED_CAPABILITY Edit {
   State* state_ = nullptr;
   /// What each changed item was before; absent for a new one.
   std::unordered_map<ItemNumber, std::optional<Item>> before_;
-  std::optional<std::vector<Intent>> intentsBefore_;
+  /// The same of each changed intent.
+  std::map<IntentNumber, std::optional<Intent>> intentsBefore_;
   ItemNumber nextItemBefore_ = ItemNumber::none;
   IntentNumber nextIntentBefore_ = IntentNumber::none;
   bool isCommitted_ = false;

@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "replica/model/Intent.h"
+#include "replica/model/Intents.h"
 #include "replica/model/Item.h"
 #include "replica/model/Path.h"
 
@@ -53,8 +53,7 @@ class State {
   const std::set<ItemNumber>& pending() const { return pending_; }
   const std::set<ItemNumber>& following() const { return following_; }
 
-  /// In the order in which the requests were made.
-  const std::vector<Intent>& intents() const { return intents_; }
+  const Intents& intents() const { return intents_; }
 
  private:
   friend class Edit;
@@ -93,7 +92,7 @@ class State {
   std::set<ItemNumber> unmerged_;
   std::set<ItemNumber> pending_;
   std::set<ItemNumber> following_;
-  std::vector<Intent> intents_;
+  Intents intents_;
   ItemNumber nextItem_{2};
   IntentNumber nextIntent_{1};
 };

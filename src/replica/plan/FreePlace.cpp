@@ -12,7 +12,7 @@ namespace {
 
 bool isAsked(const State& state, const Place& place) {
   const auto path = state.pathOf(place);
-  return path && std::any_of(state.intents().begin(), state.intents().end(),
+  return path && std::any_of(state.intents().all().begin(), state.intents().all().end(),
                              [&](const Intent& intent) { return intent.touches(*path); });
 }
 

@@ -44,7 +44,7 @@ std::optional<Step> recogniseOurOwn(const Case& c) {
   const Path path = c.state.therePath(c.item);
   const Verb verb = c.item.isFile() ? Verb::put : Verb::makeFolder;
   const Intent* latest = nullptr;
-  for (const Intent& intent : c.state.intents()) {
+  for (const Intent& intent : c.state.intents().all()) {
     if (intent.verb != verb || intent.target != path) continue;
     if (c.item.isFile() && c.there->content == Content::none) return Fetch{c.item.number()};
     if (intent.content == c.there->content) latest = &intent;

@@ -21,14 +21,14 @@ bool isKnown(const std::vector<Intent>& intents, Intent intent) {
 }  // namespace
 
 void moveIntents(Edit& edit, const Path& from, const Path& to) {
-  const auto intents = edit->intents();
+  const auto intents = edit->intents().all();
   for (const Intent& intent : intents) {
     // The one that brought it there.
     if (intent.verb == Verb::move && intent.source == from) continue;
     Intent other = intent;
     if (other.source) other.source = other.source->moved(from, to);
     if (other.target) other.target = other.target->moved(from, to);
-    if (other != intent && !isKnown(edit->intents(), other)) edit.add(other);
+    if (other != intent && !isKnown(edit->intents().all(), other)) edit.add(other);
   }
 }
 

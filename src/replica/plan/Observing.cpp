@@ -67,7 +67,7 @@ const ListedEntry* Look::entry(const Path& path) {
 /// may have been one after the other.
 std::vector<Look::Way> Look::ways() const {
   std::vector<const Intent*> moves;
-  for (const Intent& intent : edit_->intents()) {
+  for (const Intent& intent : edit_->intents().all()) {
     if (intent.verb == Verb::move) moves.insert(moves.begin(), &intent);
   }
   std::vector<Way> result;
@@ -108,7 +108,7 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   There there = *item->there();
   if (!isSameVersion) {
     // Moved after a put without an answer: the bytes will tell.
-    const auto& intents = edit_->intents();
+    const auto& intents = edit_->intents().all();
     const bool mayBePut = std::any_of(intents.begin(), intents.end(), [&](const Intent& intent) {
       return intent.verb == Verb::put && intent.target == source;
     });
@@ -126,7 +126,7 @@ bool Look::hasMoved(const Path& source, const Path& target) {
 }
 
 bool Look::isOwnRemoval(const Path& path) const {
-  const auto& intents = edit_->intents();
+  const auto& intents = edit_->intents().all();
   return std::any_of(intents.begin(), intents.end(), [&](const Intent& intent) {
     return intent.verb == Verb::remove && path.isAtOrBelow(*intent.source);
   });
@@ -169,7 +169,7 @@ void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo,
 
 void Look::write(const std::vector<ItemNumber>& folders) {
   std::deque<ItemNumber> todo(folders.begin(), folders.end());
-  for (const Intent& intent : edit_->intents()) {
+  for (const Intent& intent : edit_->intents().all()) {
     for (const Path& path : intent.paths()) {
       if (const Item* folder = edit_->atPath(path.folder())) todo.push_back(folder->number());
     }
@@ -190,7 +190,7 @@ std::vector<Path> observe(Edit& edit, const std::vector<ItemNumber>& folders,
                           const Listings& listings, Time began) {
   Look look(edit, listings);
   look.write(folders);
-  const auto intents = edit->intents();
+  const auto intents = edit->intents().all();
   for (Intent intent : intents) {
     const bool looked = intent.looked || (intent.ended && *intent.ended <= began);
     const bool over = intent.over || intent.until <= began;

@@ -20,7 +20,7 @@ namespace {
 /// The folders that the intents touch, as far as the provider has them.
 std::vector<ItemNumber> touchedFolders(const State& state) {
   std::vector<ItemNumber> result;
-  for (const Intent& intent : state.intents()) {
+  for (const Intent& intent : state.intents().all()) {
     for (const Path& path : intent.paths()) {
       const Item* folder = state.atPath(path.folder());
       if (folder && std::find(result.begin(), result.end(), folder->number()) == result.end()) {
@@ -36,10 +36,10 @@ std::vector<ItemNumber> touchedFolders(const State& state) {
 Step planForIntents(const State& state, Time now) {
   std::optional<Time> next;
   bool isOver = false;
-  for (const Intent& intent : state.intents()) {
+  for (const Intent& intent : state.intents().all()) {
     if (intent.isUnderWay()) return WaitFor{intent.item};
   }
-  for (const Intent& intent : state.intents()) {
+  for (const Intent& intent : state.intents().all()) {
     const bool hasLanded = intent.until <= now;
     if (!intent.looked || (hasLanded && !intent.over)) return Look{touchedFolders(state)};
     isOver = isOver || intent.over;

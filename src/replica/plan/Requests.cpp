@@ -27,9 +27,10 @@ using model::Version;
 namespace {
 
 Intent intentOf(const State& state, IntentNumber number) {
-  const auto found = std::find_if(state.intents().begin(), state.intents().end(),
+  const auto found = std::find_if(state.intents().all().begin(), state.intents().all().end(),
                                   [&](const Intent& intent) { return intent.number == number; });
-  if (found == state.intents().end()) fatalError("an answer came for a request that was not noted");
+  if (found == state.intents().all().end())
+    fatalError("an answer came for a request that was not noted");
   return *found;
 }
 

@@ -49,7 +49,7 @@ void recognise(Edit& edit, const Item& item, ItemNumber asker) {
   if (item.isFolder()) {
     // A folder has no version that tells: it is explained once.
     const Path path = edit->therePath(item);
-    const auto intents = edit->intents();
+    const auto intents = edit->intents().all();
     for (const Intent& intent : intents) {
       if (intent.verb == Verb::makeFolder && intent.target == path) edit.end(intent.number);
     }
@@ -129,7 +129,7 @@ void forget(Edit& edit, ItemNumber number) {
     const bool isSame = copy.there() && copy.there()->content == content;
     if (waits && isSame && content != Content::none) bringBack(edit, other);
   }
-  const auto intents = edit->intents();
+  const auto intents = edit->intents().all();
   for (Intent intent : intents) {
     if (intent.item != number) continue;
     intent.item = ItemNumber::none;
@@ -139,7 +139,7 @@ void forget(Edit& edit, ItemNumber number) {
 }
 
 void endIntents(Edit& edit) {
-  const auto intents = edit->intents();
+  const auto intents = edit->intents().all();
   for (const Intent& intent : intents) {
     if (intent.over) edit.end(intent.number);
   }

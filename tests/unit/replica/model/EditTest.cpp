@@ -73,7 +73,7 @@ TEST_F(EditTest, LeavesEverythingAsItWasUnlessItIsCommitted) {
   EXPECT_TRUE(view->pending().empty());
   EXPECT_TRUE(view->unmerged().empty());
   EXPECT_TRUE(view->following().empty());
-  EXPECT_TRUE(view->intents().empty());
+  EXPECT_TRUE(view->intents().all().empty());
   EXPECT_EQ(journal_.writes(), 2U);
 }
 

@@ -165,7 +165,7 @@ std::string PlannerWorld::describe() const {
   for (const Item* item : allItems(*view)) {
     if (item->number() != ItemNumber::root) out << "    " << text(*item) << "\n";
   }
-  for (const Intent& intent : view->intents()) {
+  for (const Intent& intent : view->intents().all()) {
     out << "    intent " << static_cast<unsigned>(intent.verb) << " of "
         << static_cast<unsigned>(intent.item) << " " << (intent.source ? intent.source->text() : "")
         << " -> " << (intent.target ? intent.target->text() : "") << " c"
@@ -295,7 +295,7 @@ std::vector<Event> PlannerWorld::eventsHere(const std::vector<std::string>& name
   for (const auto& [path, entry] : provider_.tree) {
     if (!path.isRoot()) used.insert(std::string(path.name()));
   }
-  for (const Intent& intent : view->intents()) {
+  for (const Intent& intent : view->intents().all()) {
     for (const Path& path : intent.paths()) used.insert(std::string(path.name()));
   }
   for (const Item* item : allItems(*view)) {
@@ -349,7 +349,7 @@ std::vector<Event> PlannerWorld::eventsHere(const std::vector<std::string>& name
 
 /// A client that writes the bytes of a request without an answer cannot be told from the request.
 bool isAsked(const State& state, Content content) {
-  return std::any_of(state.intents().begin(), state.intents().end(),
+  return std::any_of(state.intents().all().begin(), state.intents().all().end(),
                      [&](const Intent& intent) { return intent.content == content; });
 }
 

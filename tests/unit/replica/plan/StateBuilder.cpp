@@ -145,7 +145,7 @@ IntentNumber StateBuilder::sent(Verb verb, ItemNumber item, const std::string& s
 
 void StateBuilder::change(IntentNumber number, bool looked, bool over) {
   Edit edit(tree_);
-  for (Intent intent : std::vector<Intent>(edit->intents())) {
+  for (Intent intent : std::vector<Intent>(edit->intents().all())) {
     if (intent.number != number) continue;
     intent.looked = looked;
     intent.over = over;
@@ -156,7 +156,7 @@ void StateBuilder::change(IntentNumber number, bool looked, bool over) {
 
 void StateBuilder::endAll() {
   Edit edit(tree_);
-  for (const Intent& intent : std::vector<Intent>(edit->intents())) edit.end(intent.number);
+  for (const Intent& intent : std::vector<Intent>(edit->intents().all())) edit.end(intent.number);
   edit.commit();
 }
 

@@ -57,8 +57,8 @@ class WorldWriter {
     items_ = allItems(*view_);
     byte(static_cast<unsigned>(items_.size()));
     for (std::size_t i = 1; i < items_.size(); ++i) item(*items_[i]);
-    byte(static_cast<unsigned>(view_->intents().size()));
-    for (const Intent& one : view_->intents()) intent(one);
+    byte(static_cast<unsigned>(view_->intents().all().size()));
+    for (const Intent& one : view_->intents().all()) intent(one);
     byte(static_cast<unsigned>(world_.provider_.tree.size()));
     for (const auto& [path, entry] : world_.provider_.tree) {
       word(path.text());
