@@ -6,7 +6,7 @@
 
 #include "fuzz/FuzzTarget.h"
 #include "platform/foundation/NSUUID.h"
-#include "replica/sqlite/ItemRow.h"
+#include "replica/store/ItemRow.h"
 
 using namespace kestrowan;
 using namespace kestrowan::replica;

@@ -12,7 +12,7 @@
 #include "host/StorageNote.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
-#include "replica/sqlite/AtRest.h"
+#include "replica/store/AtRest.h"
 
 namespace kestrowan::host {
 

@@ -17,7 +17,7 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 
 /// A copy of contents on its way to become an item's; removed when it does not.
 struct Copy {
-  explicit Copy(ContentStore& contents) : store(contents) {}
+  explicit Copy(ContentFiles& contents) : store(contents) {}
   Copy(const Copy&) = delete;
   Copy& operator=(const Copy&) = delete;
   ~Copy() {
@@ -25,7 +25,7 @@ struct Copy {
   }
   ContentNumber keep() { return std::exchange(number, 0); }
 
-  ContentStore& store;
+  ContentFiles& store;
   ContentNumber number = 0;
   UniqueFd file;
 };

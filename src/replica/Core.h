@@ -15,7 +15,6 @@
 #include "async/Loop.h"
 #include "async/Scope.h"
 #include "platform/foundation/Logger.h"
-#include "replica/ContentStore.h"
 #include "replica/FilePlaces.h"
 #include "replica/ItemTable.h"
 #include "replica/Observer.h"
@@ -24,7 +23,8 @@
 #include "replica/Replica.h"
 #include "replica/Rows.h"
 #include "replica/Tally.h"
-#include "replica/sqlite/ItemStore.h"
+#include "replica/store/ContentFiles.h"
+#include "replica/store/ItemStore.h"
 
 namespace kestrowan::replica {
 
@@ -44,7 +44,7 @@ struct Core {
   const Options options;
   async::Scope loop;
   ItemStore store;
-  ContentStore contents;
+  ContentFiles contents;
   ProviderCalls provider;
 
   mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`

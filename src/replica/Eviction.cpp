@@ -48,7 +48,7 @@ void Fetcher::makeRoom(std::int64_t needed) {
     *cachedAtMost_ += needed;
     return;
   }
-  const ContentStore::Usage usage = core_.tally.cached();
+  const ContentFiles::Usage usage = core_.tally.cached();
   if (needed > 0 && free + usage.bytes - needed < freeSpaceFloor()) {
     // Giving up everything would not be enough.
     throw posixError(ENOSPC);

@@ -13,7 +13,7 @@
 #include "replica/Lister.h"
 #include "replica/Replica.h"
 #include "replica/Sender.h"
-#include "replica/UseMark.h"
+#include "replica/store/UseMark.h"
 
 namespace kestrowan::replica {
 

@@ -200,7 +200,7 @@ void Replica::removeUserAttribute(Rid item, std::string_view name) {
   core.rows.requireWritten();
 }
 
-ContentStore::Space Replica::space() const {
+ContentFiles::Space Replica::space() const {
   return implementation_->core.contents.space();
 }
 

@@ -10,13 +10,13 @@
 
 #include "async/Loop.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
-#include "replica/ContentStore.h"
 #include "replica/Observer.h"
 #include "replica/OpenFile.h"
 #include "replica/Options.h"
 #include "replica/Outcome.h"
 #include "replica/Records.h"
 #include "replica/Status.h"
+#include "replica/store/ContentFiles.h"
 
 namespace kestrowan::replica {
 
@@ -76,7 +76,7 @@ struct OpenMode {
 class Replica {
  public:
   /// Reads what `directory` (absolute, exclusively the replica's) holds, or begins anew. Sends
-  /// nothing before the first `setProvider`. Throws `NSError` as `ItemStore` and `ContentStore` do.
+  /// nothing before the first `setProvider`. Throws `NSError` as `ItemStore` and `ContentFiles` do.
   Replica(const std::string& directory, async::Loop& loop, Options options);
   Replica(const Replica&) = delete;
   Replica& operator=(const Replica&) = delete;
@@ -143,7 +143,7 @@ class Replica {
   void removeUserAttribute(Rid item, std::string_view name);
 
   /// Of the disk under the replica.
-  ContentStore::Space space() const;
+  ContentFiles::Space space() const;
 
   // For commands. Paths begin with "/" and are relative to the root. A path whose folders were
   // never listed gives ENOENT.

@@ -8,7 +8,7 @@
 #include "async/Loop.h"
 #include "platform/foundation/NSError.h"
 #include "replica/Item.h"
-#include "replica/sqlite/ItemStore.h"
+#include "replica/store/ItemStore.h"
 
 namespace kestrowan::replica {
 

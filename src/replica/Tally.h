@@ -4,8 +4,8 @@
 #include <set>
 #include <unordered_map>
 
-#include "replica/ContentStore.h"
 #include "replica/Item.h"
+#include "replica/store/ContentFiles.h"
 
 namespace kestrowan::replica {
 
@@ -23,7 +23,7 @@ class Tally {
   const Pending& pending() const { return pending_; }
   std::int64_t pendingBytes() const { return pendingBytes_; }
   /// Contents here that the provider has too.
-  ContentStore::Usage cached() const {
+  ContentFiles::Usage cached() const {
     return {static_cast<std::int64_t>(cached_.size()), cachedBytes_};
   }
   /// The folders whose last listing did not come whole.

@@ -23,10 +23,13 @@ REACH = {
             "platform"},
     "macos": {"extension", "items", "webdav", "bridge", "platform"},
 }
-# Rooms of a layer that have arrows of their own: what each may include besides itself.
+# Rooms of a layer that have arrows of their own: the folders and headers that each may include
+# besides itself.
 ROOMS = {
     "replica/model": {"platform"},
     "replica/plan": {"replica/model", "platform"},
+    "replica/store": {"replica/model", "replica/Records.h", "replica/Item.h", "replica/NameParts.h",
+                      "replica/NameRules.h", "platform"},
 }
 # The module's logger is a leaf that these layers include too.
 LOGGER = "extension/fpLog.h"
@@ -37,7 +40,7 @@ THIRD_PARTY = (
     (re.compile(r"(curl|openssl|unicode|nlohmann|libxml|spdlog|fmt)/|syslog\.h$"
                 r"|systemd/"),
      "platform/linux"),
-    (re.compile(r"sqlite3(ext)?\.h$"), "replica/sqlite"),
+    (re.compile(r"sqlite3(ext)?\.h$"), "replica/store"),
     (re.compile(r"fuse3?/|fuse(_lowlevel|_common|_opt|_log)?\.h$"), "mount"),
     (re.compile(r"CLI/"), "cli"),
 )

@@ -78,6 +78,8 @@ class IncludeRules(unittest.TestCase):
         self.assertRefused("replica/plan/A.h", '#include "replica/NameRules.h"')
         self.assertRefused("replica/model/A.h", '#include "replica/model.h"')
         self.assertRefused("replica/plan/A.h", '#include "mount/M.h"')
+        self.assertPasses("replica/store/A.cpp", '#include "replica/Records.h"')
+        self.assertRefused("replica/store/A.cpp", '#include "replica/Core.h"')
 
     def test_the_logger_is_a_leaf(self):
         self.assertPasses("webdav/A.cpp", '#include "extension/fpLog.h"')
@@ -90,7 +92,7 @@ class IncludeRules(unittest.TestCase):
         self.assertRefused("webdav/A.cpp", "#include <curl/curl.h>")
         self.assertRefused("platform/foundation/A.cpp", "#include <openssl/evp.h>")
         self.assertRefused("cli/A.cpp", "#include <nlohmann/json.hpp>")
-        self.assertPasses("replica/sqlite/A.cpp", "#include <sqlite3.h>")
+        self.assertPasses("replica/store/A.cpp", "#include <sqlite3.h>")
         self.assertRefused("replica/A.cpp", "#include <sqlite3.h>")
         self.assertPasses("mount/A.cpp", "#include <fuse3/fuse_lowlevel.h>")
         self.assertRefused("host/A.cpp", "#include <fuse_lowlevel.h>")

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 #include "support/ReplicaWorld.h"
 
 namespace kestrowan::test {

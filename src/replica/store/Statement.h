@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 
 struct sqlite3_stmt;
 

@@ -1,11 +1,11 @@
-#include "replica/sqlite/ItemRow.h"
+#include "replica/store/ItemRow.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
 
 #include "replica/NameRules.h"
-#include "replica/sqlite/AttributeList.h"
+#include "replica/store/AttributeList.h"
 
 namespace kestrowan::replica {
 

@@ -1,14 +1,14 @@
-#include "replica/sqlite/ItemStore.h"
+#include "replica/store/ItemStore.h"
 
 #include <cerrno>
 #include <utility>
 
-#include "replica/StoreFiles.h"
-#include "replica/sqlite/ItemRow.h"
-#include "replica/sqlite/NumberBlock.h"
-#include "replica/sqlite/Schema.h"
-#include "replica/sqlite/Statement.h"
-#include "replica/sqlite/WriteAheadLog.h"
+#include "replica/store/ItemRow.h"
+#include "replica/store/NumberBlock.h"
+#include "replica/store/Schema.h"
+#include "replica/store/Statement.h"
+#include "replica/store/StoreFiles.h"
+#include "replica/store/WriteAheadLog.h"
 
 namespace kestrowan::replica {
 

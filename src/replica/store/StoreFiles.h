@@ -27,9 +27,4 @@ std::vector<std::string> namesIn(const std::string& directory);
 /// Opens a regular file, and neither follows a symbolic link nor waits for anything.
 UniqueFd openRegularFile(const std::string& path, int flags);
 
-/// Copies everything in `source` to the empty file `target`: by sharing blocks where the file
-/// system can, else byte by byte but for the holes. The offset of `source` may change. Gives 0 or
-/// the value of `errno`.
-int copyContents(int source, int target);
-
 }  // namespace kestrowan::replica

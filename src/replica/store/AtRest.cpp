@@ -1,4 +1,4 @@
-#include "replica/sqlite/AtRest.h"
+#include "replica/store/AtRest.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,10 +11,10 @@
 #include "platform/foundation/NSError.h"
 #include "replica/Item.h"
 #include "replica/NameRules.h"
-#include "replica/StoreFiles.h"
-#include "replica/sqlite/ItemRow.h"
-#include "replica/sqlite/Schema.h"
-#include "replica/sqlite/Statement.h"
+#include "replica/store/ItemRow.h"
+#include "replica/store/Schema.h"
+#include "replica/store/Statement.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 

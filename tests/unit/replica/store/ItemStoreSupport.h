@@ -14,7 +14,7 @@
 #include <string>
 
 #include "platform/foundation/NSError.h"
-#include "replica/sqlite/ItemStore.h"
+#include "replica/store/ItemStore.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::replica {

@@ -1,4 +1,4 @@
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "platform/base/UniqueFd.h"
-#include "replica/StoreFiles.h"
-#include "replica/sqlite/Statement.h"
+#include "replica/store/Statement.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 

@@ -1,3 +1,5 @@
+#include "replica/store/CopyContents.h"
+
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -7,8 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <vector>
-
-#include "replica/StoreFiles.h"
 
 namespace kestrowan::replica {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 
 namespace kestrowan::replica {
 

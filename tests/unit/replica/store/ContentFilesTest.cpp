@@ -1,4 +1,4 @@
-#include "replica/ContentStore.h"
+#include "replica/store/ContentFiles.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -56,14 +56,14 @@ std::int64_t errorOf(const std::function<void()>& action) {
   return 0;
 }
 
-class ContentStoreTest : public ::testing::Test {
+class ContentFilesTest : public ::testing::Test {
  protected:
   void write(ContentNumber number, std::string_view bytes) {
     const auto file = store().create(number);
     EXPECT_EQ(::write(file.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   }
   std::string read(ContentNumber number) { return readFile(store().path(number)); }
-  ContentStore& store() {
+  ContentFiles& store() {
     if (!store_) store_.emplace(directory());
     return *store_;
   }
@@ -71,10 +71,10 @@ class ContentStoreTest : public ::testing::Test {
   std::string contents() const { return directory() + "/contents"; }
 
   test::TemporaryDirectory directory_;
-  std::optional<ContentStore> store_;
+  std::optional<ContentFiles> store_;
 };
 
-TEST_F(ContentStoreTest, MakesItsDirectoriesForTheOwnerOnly) {
+TEST_F(ContentFilesTest, MakesItsDirectoriesForTheOwnerOnly) {
   store();
   for (const auto* name : {"contents", "recovery", "temporary"}) {
     EXPECT_EQ(modeOf(directory() + "/" + name), 0700u) << name;
@@ -82,14 +82,14 @@ TEST_F(ContentStoreTest, MakesItsDirectoriesForTheOwnerOnly) {
   EXPECT_EQ(store().temporaryDirectory(), directory() + "/temporary");
 }
 
-TEST_F(ContentStoreTest, TakesAwayRightsThatOthersHaveInItsDirectories) {
+TEST_F(ContentFilesTest, TakesAwayRightsThatOthersHaveInItsDirectories) {
   fs::create_directory(contents());
   ::chmod(contents().c_str(), 0755);
   store();
   EXPECT_EQ(modeOf(contents()), 0700u);
 }
 
-TEST_F(ContentStoreTest, RefusesALinkOrAFileInPlaceOfADirectory) {
+TEST_F(ContentFilesTest, RefusesALinkOrAFileInPlaceOfADirectory) {
   fs::create_directory(directory() + "/elsewhere");
   fs::create_directory_symlink(directory() + "/elsewhere", contents());
   EXPECT_EQ(errorOf([&] { store(); }), ENOTDIR);
@@ -98,7 +98,7 @@ TEST_F(ContentStoreTest, RefusesALinkOrAFileInPlaceOfADirectory) {
   EXPECT_EQ(errorOf([&] { store(); }), ENOTDIR);
 }
 
-TEST_F(ContentStoreTest, FindsContentsAgain) {
+TEST_F(ContentFilesTest, FindsContentsAgain) {
   write(17, "bytes");
   store_.emplace(directory());
   EXPECT_EQ(read(17), "bytes");
@@ -109,7 +109,7 @@ TEST_F(ContentStoreTest, FindsContentsAgain) {
   EXPECT_EQ(read(17), "Bytes");
 }
 
-TEST_F(ContentStoreTest, ContentsAreForTheOwnerOnlyAndCloseInChildren) {
+TEST_F(ContentFilesTest, ContentsAreForTheOwnerOnlyAndCloseInChildren) {
   const auto before = ::umask(0);
   const auto file = store().create(2);
   ::umask(before);
@@ -118,7 +118,7 @@ TEST_F(ContentStoreTest, ContentsAreForTheOwnerOnlyAndCloseInChildren) {
   EXPECT_EQ(::fcntl(store().open(2).get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
-TEST_F(ContentStoreTest, NeverReplacesContents) {
+TEST_F(ContentFilesTest, NeverReplacesContents) {
   write(2, "kept");
   writeFile(directory() + "/other", "other");
   EXPECT_EQ(errorOf([&] { store().create(2); }), EEXIST);
@@ -128,11 +128,11 @@ TEST_F(ContentStoreTest, NeverReplacesContents) {
   EXPECT_EQ(readFile(directory() + "/other"), "other");
 }
 
-TEST_F(ContentStoreTest, OpeningWhatIsNotThereFails) {
+TEST_F(ContentFilesTest, OpeningWhatIsNotThereFails) {
   EXPECT_EQ(errorOf([&] { store().open(99); }), ENOENT);
 }
 
-TEST_F(ContentStoreTest, ASymbolicLinkAtAContentPathIsRefused) {
+TEST_F(ContentFilesTest, ASymbolicLinkAtAContentPathIsRefused) {
   const auto victim = directory() + "/victim";
   writeFile(victim, "untouched");
   fs::create_symlink(victim, store().path(5));
@@ -145,21 +145,21 @@ TEST_F(ContentStoreTest, ASymbolicLinkAtAContentPathIsRefused) {
   EXPECT_FALSE(fs::exists(directory() + "/absent"));
 }
 
-TEST_F(ContentStoreTest, WhatIsNoFileIsNotOpened) {
+TEST_F(ContentFilesTest, WhatIsNoFileIsNotOpened) {
   ASSERT_EQ(::mkfifo(store().path(5).c_str(), 0600), 0);
   EXPECT_EQ(errorOf([&] { store().open(5); }), EINVAL);
   fs::create_directory(store().path(6));
   EXPECT_NE(errorOf([&] { store().open(6); }), 0);
 }
 
-TEST_F(ContentStoreTest, RemovesContentsAndMindsNoneThatAreNotThere) {
+TEST_F(ContentFilesTest, RemovesContentsAndMindsNoneThatAreNotThere) {
   write(2, "x");
   store().remove(2);
   store().remove(2);
   EXPECT_THAT(store().numbers(), IsEmpty());
 }
 
-TEST_F(ContentStoreTest, KnowsTheNumbersOfItsFilesAndNothingElse) {
+TEST_F(ContentFilesTest, KnowsTheNumbersOfItsFilesAndNothingElse) {
   for (const ContentNumber number : {2ull, 30ull, 18446744073709551615ull}) write(number, "");
   for (const auto* name : {"0", "007", "12x", "-3", "x", " 4", "18446744073709551616"}) {
     writeFile(contents() + "/" + name, "");
@@ -167,7 +167,7 @@ TEST_F(ContentStoreTest, KnowsTheNumbersOfItsFilesAndNothingElse) {
   EXPECT_THAT(store().numbers(), UnorderedElementsAre(2u, 30u, 18446744073709551615ull));
 }
 
-TEST_F(ContentStoreTest, AdoptsAFileByRenamingIt) {
+TEST_F(ContentFilesTest, AdoptsAFileByRenamingIt) {
   const auto file = store().temporaryDirectory() + "/download";
   writeFile(file, "fetched");
   ::chmod(file.c_str(), 0644);
@@ -179,7 +179,7 @@ TEST_F(ContentStoreTest, AdoptsAFileByRenamingIt) {
   EXPECT_EQ(modeOf(store().path(3)), 0600u);
 }
 
-TEST_F(ContentStoreTest, AdoptsAFileOfAnotherFileSystem) {
+TEST_F(ContentFilesTest, AdoptsAFileOfAnotherFileSystem) {
   std::error_code error;
   if (!fs::is_directory("/dev/shm", error) ||
       statusOf("/dev/shm").st_dev == statusOf(directory()).st_dev) {
@@ -196,7 +196,7 @@ TEST_F(ContentStoreTest, AdoptsAFileOfAnotherFileSystem) {
   EXPECT_EQ(modeOf(store().path(3)), 0600u);
 }
 
-TEST_F(ContentStoreTest, AFileWithASecondNameIsAdoptedAsACopy) {
+TEST_F(ContentFilesTest, AFileWithASecondNameIsAdoptedAsACopy) {
   const auto file = directory() + "/download";
   writeFile(file, "fetched");
   fs::create_hard_link(file, directory() + "/second");
@@ -206,7 +206,7 @@ TEST_F(ContentStoreTest, AFileWithASecondNameIsAdoptedAsACopy) {
   EXPECT_EQ(read(3), "fetched");
 }
 
-TEST_F(ContentStoreTest, OnlyFilesAreAdopted) {
+TEST_F(ContentFilesTest, OnlyFilesAreAdopted) {
   writeFile(directory() + "/target", "x");
   fs::create_symlink(directory() + "/target", directory() + "/link");
   ASSERT_EQ(::mkfifo((directory() + "/fifo").c_str(), 0600), 0);
@@ -217,7 +217,7 @@ TEST_F(ContentStoreTest, OnlyFilesAreAdopted) {
   EXPECT_THAT(store().numbers(), IsEmpty());
 }
 
-TEST_F(ContentStoreTest, ACloneIsACopyOfItsOwn) {
+TEST_F(ContentFilesTest, ACloneIsACopyOfItsOwn) {
   std::string bytes;
   while (bytes.size() < 700'000) bytes += std::to_string(bytes.size()) + " ";
   write(2, bytes);
@@ -230,13 +230,13 @@ TEST_F(ContentStoreTest, ACloneIsACopyOfItsOwn) {
   EXPECT_EQ(modeOf(store().path(3)), 0600u);
 }
 
-TEST_F(ContentStoreTest, ACloneMayBeEmpty) {
+TEST_F(ContentFilesTest, ACloneMayBeEmpty) {
   write(2, "");
   store().clone(store().open(2).get(), 3);
   EXPECT_EQ(statusOf(store().path(3)).st_size, 0);
 }
 
-TEST_F(ContentStoreTest, ACloneKeepsHoles) {
+TEST_F(ContentFilesTest, ACloneKeepsHoles) {
   constexpr off_t kMegabyte = 1 << 20;
   const auto source = store().create(2);
   ASSERT_EQ(::pwrite(source.get(), "begin", 5, 0), 5);
@@ -253,14 +253,14 @@ TEST_F(ContentStoreTest, ACloneKeepsHoles) {
   EXPECT_LE(copyStatus.st_blocks * 512, kMegabyte);
 }
 
-TEST_F(ContentStoreTest, AFileThatIsAHoleAltogetherIsCloned) {
+TEST_F(ContentFilesTest, AFileThatIsAHoleAltogetherIsCloned) {
   const auto source = store().create(2);
   ASSERT_EQ(::ftruncate(source.get(), 1'000'000), 0);
   store().clone(source.get(), 3);
   EXPECT_EQ(read(3), std::string(1'000'000, '\0'));
 }
 
-TEST_F(ContentStoreTest, ACloneComesFromAnotherFileSystemToo) {
+TEST_F(ContentFilesTest, ACloneComesFromAnotherFileSystemToo) {
   std::error_code error;
   if (!fs::is_directory("/dev/shm", error) ||
       statusOf("/dev/shm").st_dev == statusOf(directory()).st_dev) {
@@ -277,14 +277,14 @@ TEST_F(ContentStoreTest, ACloneComesFromAnotherFileSystemToo) {
   EXPECT_EQ(read(3), bytes + std::string(3'000'000 - bytes.size(), '\0'));
 }
 
-TEST_F(ContentStoreTest, ACloneThatFailsLeavesNothingBehind) {
+TEST_F(ContentFilesTest, ACloneThatFailsLeavesNothingBehind) {
   write(2, "bytes");
   const UniqueFd unreadable(::open(store().path(2).c_str(), O_WRONLY | O_CLOEXEC));
   EXPECT_NE(errorOf([&] { store().clone(unreadable.get(), 3); }), 0);
   EXPECT_THAT(store().numbers(), UnorderedElementsAre(2u));
 }
 
-TEST_F(ContentStoreTest, EmptiesTheTemporaryDirectoryAtTheStart) {
+TEST_F(ContentFilesTest, EmptiesTheTemporaryDirectoryAtTheStart) {
   const auto temporary = store().temporaryDirectory();
   const auto outside = directory() + "/outside";
   fs::create_directory(outside);
@@ -300,7 +300,7 @@ TEST_F(ContentStoreTest, EmptiesTheTemporaryDirectoryAtTheStart) {
   EXPECT_EQ(read(2), "kept");
 }
 
-TEST_F(ContentStoreTest, SweepsWhatWasNotChangedLately) {
+TEST_F(ContentFilesTest, SweepsWhatWasNotChangedLately) {
   const auto file = store().temporaryDirectory() + "/left over";
   writeFile(file, "x");
   const std::int64_t changed = statusOf(file).st_mtim.tv_sec;
@@ -310,7 +310,7 @@ TEST_F(ContentStoreTest, SweepsWhatWasNotChangedLately) {
   EXPECT_FALSE(fs::exists(file));
 }
 
-TEST_F(ContentStoreTest, AFileThatOnlyBearsAnOldDateIsNotSwept) {
+TEST_F(ContentFilesTest, AFileThatOnlyBearsAnOldDateIsNotSwept) {
   const auto file = store().temporaryDirectory() + "/download";
   writeFile(file, "x");
   const std::int64_t made = statusOf(file).st_ctim.tv_sec;
@@ -320,7 +320,7 @@ TEST_F(ContentStoreTest, AFileThatOnlyBearsAnOldDateIsNotSwept) {
   EXPECT_TRUE(fs::exists(file));
 }
 
-TEST_F(ContentStoreTest, KnowsTheSpaceOfItsFileSystem) {
+TEST_F(ContentFilesTest, KnowsTheSpaceOfItsFileSystem) {
   const auto space = store().space();
   EXPECT_GT(space.capacity, 0);
   EXPECT_GE(space.free, 0);

@@ -1,4 +1,4 @@
-#include "replica/ContentStore.h"
+#include "replica/store/ContentFiles.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -14,7 +14,8 @@
 #include <system_error>
 
 #include "platform/base/Threads.h"
-#include "replica/StoreFiles.h"
+#include "replica/store/CopyContents.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 
@@ -52,7 +53,7 @@ UniqueFd copyTo(int source, const std::string& path) {
 
 }  // namespace
 
-ContentStore::ContentStore(const std::string& directory)
+ContentFiles::ContentFiles(const std::string& directory)
     : contents_(directory + "/contents"),
       recovery_(directory + "/recovery"),
       temporary_(directory + "/temporary") {
@@ -65,11 +66,11 @@ ContentStore::ContentStore(const std::string& directory)
   readRecovery();
 }
 
-std::string ContentStore::path(ContentNumber number) const {
+std::string ContentFiles::path(ContentNumber number) const {
   return contents_ + "/" + std::to_string(number);
 }
 
-UniqueFd ContentStore::create(ContentNumber number) {
+UniqueFd ContentFiles::create(ContentNumber number) {
   const auto file = path(number);
   UniqueFd made(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFile));
   if (!made) throw fileError(errno, file);
@@ -77,17 +78,17 @@ UniqueFd ContentStore::create(ContentNumber number) {
   return made;
 }
 
-UniqueFd ContentStore::open(ContentNumber number) const {
+UniqueFd ContentFiles::open(ContentNumber number) const {
   return openRegularFile(path(number), O_RDWR);
 }
 
-UniqueFd ContentStore::clone(int source, ContentNumber number) {
+UniqueFd ContentFiles::clone(int source, ContentNumber number) {
   auto copy = copyTo(source, path(number));
   ++made_;
   return copy;
 }
 
-void ContentStore::adopt(ContentNumber number, const std::string& file) {
+void ContentFiles::adopt(ContentNumber number, const std::string& file) {
   const auto source = openRegularFile(file, O_RDONLY);
   const auto target = path(number);
   struct stat status;
@@ -108,16 +109,16 @@ void ContentStore::adopt(ContentNumber number, const std::string& file) {
   }
 }
 
-void ContentStore::remove(ContentNumber number) {
+void ContentFiles::remove(ContentNumber number) {
   const auto file = path(number);
   if (::unlink(file.c_str()) != 0 && errno != ENOENT) throw fileError(errno, file);
 }
 
-void ContentStore::removeIfPossible(ContentNumber number) noexcept {
+void ContentFiles::removeIfPossible(ContentNumber number) noexcept {
   guarded("the removal of contents", [&] { ::unlink(path(number).c_str()); });
 }
 
-std::vector<ContentNumber> ContentStore::numbers() const {
+std::vector<ContentNumber> ContentFiles::numbers() const {
   std::vector<ContentNumber> numbers;
   for (const auto& name : namesIn(contents_)) {
     if (const auto number = numberFromName(name)) numbers.push_back(*number);
@@ -125,7 +126,7 @@ std::vector<ContentNumber> ContentStore::numbers() const {
   return numbers;
 }
 
-void ContentStore::syncNames() {
+void ContentFiles::syncNames() {
   const std::uint64_t made = made_;
   if (durable_ >= made) return;
   syncDirectory(contents_);
@@ -134,12 +135,12 @@ void ContentStore::syncNames() {
   }
 }
 
-void ContentStore::syncAll() {
+void ContentFiles::syncAll() {
   const UniqueFd directory(::open(contents_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory || ::syncfs(directory.get()) != 0) throw fileError(errno, contents_);
 }
 
-void ContentStore::sweepTemporary(std::int64_t before) {
+void ContentFiles::sweepTemporary(std::int64_t before) {
   for (const auto& name : namesIn(temporary_)) {
     const auto file = temporary_ + "/" + name;
     struct stat status;
@@ -150,7 +151,7 @@ void ContentStore::sweepTemporary(std::int64_t before) {
   }
 }
 
-ContentStore::Space ContentStore::space() const {
+ContentFiles::Space ContentFiles::space() const {
   struct statvfs status;
   if (::statvfs(contents_.c_str(), &status) != 0) throw fileError(errno, contents_);
   const auto unit = static_cast<std::int64_t>(status.f_frsize);

@@ -10,7 +10,7 @@
 
 #include "ItemStoreSupport.h"
 #include "platform/base/UniqueFd.h"
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 
 namespace kestrowan::replica {
 namespace {

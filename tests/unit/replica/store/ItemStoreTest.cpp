@@ -1,4 +1,4 @@
-#include "replica/sqlite/ItemStore.h"
+#include "replica/store/ItemStore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "replica/Records.h"
-#include "replica/sqlite/Statement.h"
+#include "replica/store/Statement.h"
 
 namespace kestrowan::replica {
 

@@ -1,4 +1,4 @@
-#include "replica/StoreFiles.h"
+#include "replica/store/StoreFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

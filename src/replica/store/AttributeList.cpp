@@ -1,4 +1,4 @@
-#include "replica/sqlite/AttributeList.h"
+#include "replica/store/AttributeList.h"
 
 #include <cstdint>
 

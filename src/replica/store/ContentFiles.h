@@ -16,10 +16,10 @@ namespace kestrowan::replica {
 /// contents go that nobody must lose and no item has any more. Directories are mode 0700, files
 /// 0600; nothing is opened through a symbolic link. Usable from every thread, for different
 /// numbers at once. Everything throws `NSError` of `NSPOSIXErrorDomain`. Sizes are bytes.
-class ContentStore {
+class ContentFiles {
  public:
   /// Uses, or makes, the directories "contents", "recovery" and "temporary" in `directory`.
-  explicit ContentStore(const std::string& directory);
+  explicit ContentFiles(const std::string& directory);
 
   std::string path(ContentNumber number) const;
 

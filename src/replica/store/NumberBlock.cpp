@@ -1,4 +1,4 @@
-#include "replica/sqlite/NumberBlock.h"
+#include "replica/store/NumberBlock.h"
 
 #include <sqlite3.h>
 

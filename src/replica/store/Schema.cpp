@@ -1,4 +1,4 @@
-#include "replica/sqlite/Schema.h"
+#include "replica/store/Schema.h"
 
 #include <sys/stat.h>
 
@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "platform/foundation/NSError.h"
-#include "replica/sqlite/Statement.h"
+#include "replica/store/Statement.h"
 
 namespace kestrowan::replica {
 

@@ -1,4 +1,4 @@
-#include "replica/sqlite/Statement.h"
+#include "replica/store/Statement.h"
 
 #include <sqlite3.h>
 

@@ -1,4 +1,4 @@
-#include "replica/sqlite/WriteAheadLog.h"
+#include "replica/store/WriteAheadLog.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "replica/StoreFiles.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 

@@ -1,4 +1,4 @@
-#include "replica/UseMark.h"
+#include "replica/store/UseMark.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <cerrno>
 
 #include "platform/base/UniqueFd.h"
-#include "replica/StoreFiles.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 

@@ -1,4 +1,4 @@
-#include "replica/sqlite/AtRest.h"
+#include "replica/store/AtRest.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "ItemStoreSupport.h"
-#include "replica/sqlite/Database.h"
+#include "replica/store/Database.h"
 
 namespace kestrowan::replica {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSString.h"
-#include "replica/ContentStore.h"
+#include "replica/store/ContentFiles.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::replica {
@@ -46,7 +46,7 @@ class RecoveryTest : public ::testing::Test {
   }
 
   test::TemporaryDirectory directory_;
-  ContentStore store_{directory_.path()};
+  ContentFiles store_{directory_.path()};
   ContentNumber last_ = 1;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "replica/Records.h"
-#include "replica/sqlite/Statement.h"
+#include "replica/store/Statement.h"
 
 namespace kestrowan::replica {
 

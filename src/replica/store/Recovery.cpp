@@ -10,9 +10,9 @@
 #include <limits>
 #include <optional>
 
-#include "replica/ContentStore.h"
 #include "replica/NameParts.h"
-#include "replica/StoreFiles.h"
+#include "replica/store/ContentFiles.h"
+#include "replica/store/StoreFiles.h"
 
 namespace kestrowan::replica {
 
@@ -78,7 +78,7 @@ std::string moveThere(const std::string& source, const std::string& directory,
 }  // namespace
 
 /// What `recover` put there and has its name still. Counts it, and what `recoverAll` put there.
-std::vector<ContentStore::RecoveredFile> ContentStore::readRecovery() {
+std::vector<ContentFiles::RecoveredFile> ContentFiles::readRecovery() {
   const Usage before = recoveryUsage();
   Usage usage;
   std::vector<RecoveredFile> files;
@@ -108,19 +108,19 @@ std::vector<ContentStore::RecoveredFile> ContentStore::readRecovery() {
   return files;
 }
 
-void ContentStore::addRecovered(std::int64_t files, std::int64_t bytes) {
+void ContentFiles::addRecovered(std::int64_t files, std::int64_t bytes) {
   std::lock_guard lock(usageMutex_);
   recoveryUsage_.files += files;
   recoveryUsage_.bytes += bytes;
 }
 
-std::string ContentStore::recover(ContentNumber number, std::string_view name, std::int64_t at) {
+std::string ContentFiles::recover(ContentNumber number, std::string_view name, std::int64_t at) {
   auto kept = moveThere(path(number), recovery_, name, at);
   addRecovered(1, sizeOf(kept));
   return kept;
 }
 
-std::string ContentStore::recoverAll(std::int64_t at) {
+std::string ContentFiles::recoverAll(std::int64_t at) {
   auto kept = moveThere(contents_, recovery_, kOfLostDatabase, at);
   makePrivateDirectory(contents_);
   syncDirectory(recovery_);
@@ -129,7 +129,7 @@ std::string ContentStore::recoverAll(std::int64_t at) {
   return kept;
 }
 
-void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
+void ContentFiles::trimRecovery(std::int64_t bytes, std::int64_t before) {
   auto files = readRecovery();
   std::sort(files.begin(), files.end(), [](const RecoveredFile& a, const RecoveredFile& b) {
     return a.at != b.at ? a.at > b.at : a.path > b.path;
@@ -147,7 +147,7 @@ void ContentStore::trimRecovery(std::int64_t bytes, std::int64_t before) {
   }
 }
 
-ContentStore::Usage ContentStore::recoveryUsage() const {
+ContentFiles::Usage ContentFiles::recoveryUsage() const {
   std::lock_guard lock(usageMutex_);
   return recoveryUsage_;
 }

@@ -1,0 +1,10 @@
+#pragma once
+
+namespace kestrowan::replica {
+
+/// Copies everything in `source` to the empty file `target`: by sharing blocks where the file
+/// system can, else byte by byte but for the holes. The offset of `source` may change. Gives 0 or
+/// the value of `errno`.
+int copyContents(int source, int target);
+
+}  // namespace kestrowan::replica
