@@ -105,6 +105,10 @@ struct ItemRecord {
   std::int64_t size = 0;
   /// Nanoseconds since 1970-01-01 UTC, as applications see it.
   std::int64_t modified = 0;
+  /// The same: when anything that applications see of it changed last. Never set by them.
+  std::int64_t changed = 0;
+  /// The same: the last access, as an application set it; absent when none did.
+  Boxed<std::int64_t> accessed;
   /// Permission bits that an application set; absent when none did.
   std::optional<std::uint16_t> mode;
   /// User attributes that applications set.

@@ -11,13 +11,13 @@ namespace kestrowan::replica {
 
 const char* const kSaveItem =
     "INSERT OR REPLACE INTO items VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
-    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35,?36)";
+    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35,?36,?37,?38)";
 const char* const kLoadItems =
     "SELECT rid,parent,name,kind,content,content_changed,size,modified,mode,attributes,removed,"
     "local_only,pinned,last_use,listed_at,base_identifier,base_parent,base_name,base_version,"
     "base_version_known,base_size,base_date,base_capabilities,failure_class,failure_domain,"
     "failure_code,failure_text,failure_since,failure_next,failure_tries,sent_content,sent_size,"
-    "sent_at,sent_parent,sent_name,send_after FROM items";
+    "sent_at,sent_parent,sent_name,send_after,changed,accessed FROM items";
 
 namespace {
 
@@ -26,6 +26,7 @@ constexpr int kBaseColumns = 15;
 constexpr int kFailureColumns = 23;
 constexpr int kSentColumns = 30;
 constexpr int kOrderColumn = 35;
+constexpr int kTimeColumns = 36;
 
 constexpr std::uint16_t kPermissionBits = 07777;
 constexpr auto kLargestNumber =
@@ -40,8 +41,8 @@ class Writer {
   void put(std::uint64_t number) { put(static_cast<std::int64_t>(number)); }
   void put(bool flag) { put(std::int64_t{flag}); }
   void put(const std::string& bytes) { statement_.bind(next_++, std::string_view(bytes)); }
-  template <typename Value>
-  void put(const std::optional<Value>& value) {
+  template <template <typename> typename Optional, typename Value>
+  void put(const Optional<Value>& value) {
     if (value) {
       put(std::int64_t{*value});
     } else {
@@ -180,6 +181,17 @@ bool readSent(const Statement& row, Boxed<SentRecord>& result) {
   return reader.isSensible();
 }
 
+/// Rows of earlier versions have no such times.
+bool readTimes(const Statement& row, ItemRecord& record) {
+  using Limits = std::numeric_limits<std::int64_t>;
+  Reader reader(row, kTimeColumns);
+  record.changed = reader.optionalNumber(Limits::min(), Limits::max()).value_or(record.modified);
+  if (const auto accessed = reader.optionalNumber(Limits::min(), Limits::max())) {
+    record.accessed = *accessed;
+  }
+  return reader.isSensible();
+}
+
 bool isNumber(std::uint64_t number) {
   return number <= kLargestNumber;
 }
@@ -224,6 +236,9 @@ void bindItem(Statement& save, const ItemRecord& record, std::string& attributes
   bindFailure(save, record.failure);
   bindSent(save, record.sent);
   Writer(save, kOrderColumn).put(record.after);
+  Writer times(save, kTimeColumns);
+  times.put(record.changed);
+  times.put(record.accessed);
 }
 
 std::optional<ItemRecord> itemFromRow(const Statement& row) {
@@ -257,7 +272,8 @@ std::optional<ItemRecord> itemFromRow(const Statement& row) {
   record.listedAt = reader.number(0, kLastDate * 1000);
   record.after = Reader(row, kOrderColumn).natural();
   if (!reader.isSensible() || !attributesAreSensible || !readBase(row, record.base) ||
-      !readFailure(row, record.failure) || !readSent(row, record.sent) || !isSensible(record)) {
+      !readFailure(row, record.failure) || !readSent(row, record.sent) || !readTimes(row, record) ||
+      !isSensible(record)) {
     return std::nullopt;
   }
   return result;

@@ -60,6 +60,8 @@ constexpr const char* kMigrations[] = {
     "CREATE TABLE numbers(next INTEGER NOT NULL) STRICT;"
     "INSERT INTO numbers VALUES(2);",
     "ALTER TABLE items ADD COLUMN send_after INTEGER NOT NULL DEFAULT 0;",
+    "ALTER TABLE items ADD COLUMN changed INTEGER;"
+    "ALTER TABLE items ADD COLUMN accessed INTEGER;",
 };
 constexpr std::int64_t kNewest = std::size(kMigrations);
 

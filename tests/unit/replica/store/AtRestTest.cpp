@@ -108,7 +108,9 @@ TEST_F(AtRestTest, WhatAProcessThatDiedLeftInTheLogIsSeenAndStaysThere) {
 
 TEST_F(AtRestTest, ADatabaseOfAnEarlierVersionIsUnderstoodAndLeftAsItIs) {
   fill();
-  alter("ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
+  alter(
+      "ALTER TABLE items DROP COLUMN accessed; ALTER TABLE items DROP COLUMN changed;"
+      "ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
   const auto before = bytesOf("/replica.db");
   expectAll();
   EXPECT_EQ(bytesOf("/replica.db"), before);

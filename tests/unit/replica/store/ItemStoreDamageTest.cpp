@@ -189,16 +189,22 @@ TEST_F(ItemStoreDamageTest, AnEmptyFileBecomesADatabase) {
 
 TEST_F(ItemStoreDamageTest, ADatabaseOfALaterVersionIsRefusedAndKept) {
   store().save(item(2));
-  alter("PRAGMA user_version=3");
+  alter("PRAGMA user_version=4");
   EXPECT_EQ(errorOf([&] { store(); }), ENOTSUP);
-  alter("PRAGMA user_version=2");
+  alter("PRAGMA user_version=3");
   EXPECT_THAT(names(), ElementsAre("item 2"));
 }
 
 TEST_F(ItemStoreDamageTest, ADatabaseOfAnEarlierVersionIsBroughtUpToDate) {
-  store().save(item(2));
-  alter("ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
+  auto earlier = item(2);
+  earlier.modified = 17;
+  earlier.changed = 18;
+  store().save(earlier);
+  alter(
+      "ALTER TABLE items DROP COLUMN accessed; ALTER TABLE items DROP COLUMN changed;"
+      "ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
   EXPECT_THAT(names(), ElementsAre("item 2"));
+  EXPECT_EQ(rows().at(2).changed, 17);
   auto later = item(3);
   later.after = 2;
   store().save(later);

@@ -42,6 +42,8 @@ ItemRecord fullRecord() {
   record.contentsChanged = true;
   record.size = INT64_MAX;
   record.modified = INT64_MIN;
+  record.changed = INT64_MAX;
+  record.accessed = INT64_MIN;
   record.mode = 0755;
   record.attributes =
       replica::AttributeMap{{"user.one", "value"}, {"user.empty", ""}, {"user.bytes", "\0\xFF\n"s}};
@@ -94,13 +96,15 @@ TEST_F(ItemStoreTest, KeepsWhatIsThereButEmptyApartFromWhatIsAbsent) {
   record.name = "a";
   record.base = Base{};
   record.mode = 0;
+  record.accessed = 0;
   record.failure = SyncFailure{};
   record.sent = SentRecord{};
   store().save(record);
   reopen();
   const auto loaded = rows().at(5);
   EXPECT_EQ(loaded, record);
-  EXPECT_TRUE(loaded.base && !loaded.base->date && loaded.mode && loaded.failure && loaded.sent);
+  EXPECT_TRUE(loaded.base && !loaded.base->date && loaded.mode && loaded.accessed &&
+              loaded.failure && loaded.sent);
 }
 
 TEST_F(ItemStoreTest, SavingAgainReplacesTheWholeRow) {
