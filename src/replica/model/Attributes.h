@@ -7,6 +7,7 @@
 
 #include "replica/model/Boxed.h"
 #include "replica/model/Numbers.h"
+#include "replica/model/OptionalTime.h"
 
 namespace kestrowan::replica::model {
 
@@ -49,17 +50,17 @@ struct Attributes {
   /// What programs see of the contents; absent: what the provider says of the agreed state. `size`
   /// is in bytes.
   std::optional<std::int64_t> size;
-  std::optional<FileTime> modified;
-  std::optional<FileTime> changed;
-  std::optional<FileTime> accessed;
+  OptionalTime<FileTime> modified;
+  OptionalTime<FileTime> changed;
+  OptionalTime<FileTime> accessed;
 
   /// When a program used the contents last.
-  std::optional<Time> lastUse;
+  OptionalTime<Time> lastUse;
   Boxed<Failure> failure;
   /// Of a folder: when the last listing of it that was written whole began. Absent: never listed.
-  std::optional<Time> listedAt;
+  OptionalTime<Time> listedAt;
   /// Since when listings lack the item, though it counts as being there still.
-  std::optional<Time> missingSince;
+  OptionalTime<Time> missingSince;
   /// The conflict that it is a side of.
   ConflictNumber conflict = ConflictNumber::none;
 

@@ -32,15 +32,15 @@ ItemNumber Edit::make(Kind kind) {
   return number;
 }
 
-void Edit::setHere(ItemNumber number, std::optional<Here> here) {
+void Edit::setHere(ItemNumber number, OptionalHere here) {
   state_->setHere(touched(number), std::move(here));
 }
 
-void Edit::setThere(ItemNumber number, std::optional<There> there) {
+void Edit::setThere(ItemNumber number, Shared<There> there) {
   state_->setThere(touched(number), std::move(there));
 }
 
-void Edit::setAgreed(ItemNumber number, std::optional<There> agreed) {
+void Edit::setAgreed(ItemNumber number, Shared<There> agreed) {
   state_->setAgreed(touched(number), std::move(agreed));
 }
 

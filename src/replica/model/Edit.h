@@ -27,9 +27,9 @@ class KFP_SCOPED_CAPABILITY Edit {
 
   /// A new item without any state.
   ItemNumber make(Kind kind);
-  void setHere(ItemNumber number, std::optional<Here> here);
-  void setThere(ItemNumber number, std::optional<There> there);
-  void setAgreed(ItemNumber number, std::optional<There> agreed);
+  void setHere(ItemNumber number, OptionalHere here);
+  void setThere(ItemNumber number, Shared<There> there);
+  void setAgreed(ItemNumber number, Shared<There> agreed);
   /// `number` is removed after `other` has arrived, besides those that are in `after` already.
   void addAfter(ItemNumber number, ItemNumber other);
   void clearAfter(ItemNumber number);

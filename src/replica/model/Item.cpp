@@ -1,10 +1,25 @@
 #include "replica/model/Item.h"
 
+#include <utility>
+
 namespace kestrowan::replica::model {
+
+const std::vector<ItemNumber>& Item::after() const {
+  static const std::vector<ItemNumber> kNone;
+  return rest_ ? rest_->after : kNone;
+}
 
 const Attributes& Item::attributes() const {
   static const Attributes kNone;
-  return attributes_ ? *attributes_ : kNone;
+  return rest_ ? rest_->attributes : kNone;
+}
+
+Item::Rest Item::rest() const {
+  return rest_ ? *rest_ : Rest();
+}
+
+void Item::setRest(Rest rest) {
+  rest_ = rest == Rest() ? Shared<Rest>() : Shared<Rest>(std::move(rest));
 }
 
 bool Item::isNewThere() const {

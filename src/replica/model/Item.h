@@ -1,29 +1,20 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "replica/model/Attributes.h"
 #include "replica/model/Numbers.h"
+#include "replica/model/OptionalHere.h"
+#include "replica/model/OptionalTime.h"
 #include "replica/model/Place.h"
+#include "replica/model/Shared.h"
 #include "replica/model/Version.h"
 
 namespace kestrowan::replica::model {
 
 enum class Kind : std::uint8_t { file, folder };
-
-/// Where programs see an item, and which bytes they see.
-struct Here {
-  Place place;
-  /// Of a folder always `none`. Of a file `none` while its contents were not downloaded: they are
-  /// then those of the agreed state, whose content is `none` too.
-  Content content = Content::none;
-
-  friend bool operator==(const Here&, const Here&) = default;
-};
 
 /// What the provider has of an item.
 struct There {
@@ -32,11 +23,11 @@ struct There {
   /// The bytes of that version; `none` for a folder, and while they are not known.
   Content content = Content::none;
   /// Empty for the one that follows from the place: the folder's, "/" and the name.
-  std::string identifier;
+  Bytes identifier;
   /// Bytes, at least 0; 0 for a folder.
   std::int64_t size = 0;
   /// Absent when the provider gave none.
-  std::optional<Date> date;
+  OptionalTime<Date> date;
   NSFileProviderItemCapabilities capabilities = 0;
   /// False for a version that says nothing of the contents.
   bool isVersionKnown = true;
@@ -64,12 +55,12 @@ class Item {
   bool isFile() const { return kind_ == Kind::file; }
   bool isFolder() const { return kind_ == Kind::folder; }
   Kind kind() const { return kind_; }
-  const std::optional<Here>& here() const { return here_; }
-  const std::optional<There>& there() const { return there_; }
-  const std::optional<There>& agreed() const { return agreed_; }
+  const OptionalHere& here() const { return here_; }
+  const Shared<There>& there() const { return there_; }
+  const Shared<There>& agreed() const { return agreed_; }
   /// The items whose contents must have arrived before this one is removed at the provider. In
   /// ascending order; items that are no more may be among them.
-  const std::vector<ItemNumber>& after() const { return after_; }
+  const std::vector<ItemNumber>& after() const;
   const Attributes& attributes() const;
 
   /// The provider has other contents of this file than those that `here` takes into account, or has
@@ -84,13 +75,23 @@ class Item {
  private:
   friend class State;
 
+  /// What few items have.
+  struct Rest {
+    std::vector<ItemNumber> after;
+    Attributes attributes;
+
+    friend bool operator==(const Rest&, const Rest&) = default;
+  };
+
+  void setRest(Rest rest);
+  Rest rest() const;
+
   ItemNumber number_;
   Kind kind_;
-  std::optional<Here> here_;
-  std::optional<There> there_;
-  std::optional<There> agreed_;
-  std::vector<ItemNumber> after_;
-  Boxed<Attributes> attributes_;
+  OptionalHere here_;
+  Shared<There> there_;
+  Shared<There> agreed_;
+  Shared<Rest> rest_;
 };
 
 }  // namespace kestrowan::replica::model

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <compare>
-#include <string>
 
+#include "replica/model/Bytes.h"
 #include "replica/model/Numbers.h"
 
 namespace kestrowan::replica::model {
@@ -11,7 +11,7 @@ namespace kestrowan::replica::model {
 /// and an empty name.
 struct Place {
   ItemNumber folder = ItemNumber::none;
-  std::string name;
+  Bytes name;
 
   friend auto operator<=>(const Place&, const Place&) = default;
   friend bool operator==(const Place&, const Place&) = default;

@@ -17,48 +17,17 @@ void keep(std::set<ItemNumber>& set, ItemNumber number, bool isIn) {
   }
 }
 
-template <class Index>
-const Item* at(const Index& index, const Place& place) {
-  const auto found = index.find(place);
-  return found == index.end() ? nullptr : *found;
-}
-
-template <class Index, class PlaceOf>
-std::vector<const Item*> in(const Index& index, ItemNumber folder, PlaceOf placeOf) {
-  std::vector<const Item*> result;
-  for (auto next = index.lower_bound(Place{folder, {}}); next != index.end(); ++next) {
-    if (placeOf(**next).folder != folder) break;
-    result.push_back(*next);
-  }
-  return result;
-}
-
-template <class Index, class PlaceOf>
-const Item* anyIn(const Index& index, ItemNumber folder, PlaceOf placeOf) {
-  const auto next = index.lower_bound(Place{folder, {}});
-  return next != index.end() && placeOf(**next).folder == folder ? *next : nullptr;
-}
-
-const Place& herePlace(const Item& item) {
-  return item.here()->place;
-}
-
-const Place& therePlace(const Item& item) {
-  return item.there()->place;
-}
-
 }  // namespace
 
 State::State() {
   Item root(ItemNumber::root, Kind::folder);
   root.here_ = Here{};
-  root.there_ = root.agreed_ = There{};
+  root.there_ = root.agreed_ = Shared<There>(There{});
   put(root);
 }
 
 const Item* State::find(ItemNumber number) const {
-  const auto found = items_.find(number);
-  return found == items_.end() ? nullptr : &found->second;
+  return items_.find(number);
 }
 
 const Item& State::item(ItemNumber number) const {
@@ -68,31 +37,37 @@ const Item& State::item(ItemNumber number) const {
 }
 
 Item& State::changeable(ItemNumber number) {
-  return const_cast<Item&>(item(number));
+  Item* found = items_.find(number);
+  if (!found) fatalError("an item was to be changed that the tree has not got");
+  return *found;
 }
 
 const Item* State::hereAt(const Place& place) const {
-  return at(here_, place);
+  return here_.at(place.folder, place.name);
+}
+
+const Item* State::hereAt(ItemNumber folder, std::string_view name) const {
+  return here_.at(folder, name);
 }
 
 const Item* State::thereAt(const Place& place) const {
-  return at(there_, place);
+  return there_.at(place.folder, place.name);
 }
 
 std::vector<const Item*> State::hereIn(ItemNumber folder) const {
-  return in(here_, folder, herePlace);
+  return here_.in(folder);
 }
 
 std::vector<const Item*> State::thereIn(ItemNumber folder) const {
-  return in(there_, folder, therePlace);
+  return there_.in(folder);
 }
 
 const Item* State::anyHereIn(ItemNumber folder) const {
-  return anyIn(here_, folder, herePlace);
+  return here_.anyIn(folder);
 }
 
 const Item* State::anyThereIn(ItemNumber folder) const {
-  return anyIn(there_, folder, therePlace);
+  return there_.anyIn(folder);
 }
 
 Path State::therePath(const Item& item) const {
@@ -114,7 +89,7 @@ NSFileProviderItemIdentifier State::identifier(const Item& item) const {
 const Item* State::atPath(const Path& path) const {
   if (path.isRoot()) return &root();
   const Item* folder = atPath(path.folder());
-  return folder ? thereAt({folder->number(), std::string(path.name())}) : nullptr;
+  return folder ? there_.at(folder->number(), path.name()) : nullptr;
 }
 
 std::optional<Path> State::pathOf(const Place& place) const {
@@ -126,44 +101,48 @@ std::optional<Path> State::pathOf(const Place& place) const {
 ItemNumber State::make(Kind kind) {
   const ItemNumber number = nextItem_;
   nextItem_ = ItemNumber{static_cast<std::uint64_t>(number) + 1};
-  note(items_.emplace(number, Item(number, kind)).first->second);
+  note(items_.add(Item(number, kind)));
   return number;
 }
 
-void State::setHere(Item& item, std::optional<Here> here) {
-  if (item.here_) here_.erase(&item);
+void State::setHere(Item& item, OptionalHere here) {
+  if (item.here_) here_.remove(item);
   item.here_ = std::move(here);
-  if (item.here_ && !here_.insert(&item).second) {
-    fatalError("an item was put where another one is here");
-  }
+  if (item.here_ && item.there_) item.here_.shareName(item.there()->place.name);
+  if (item.here_ && !here_.add(item)) fatalError("an item was put where another one is here");
   note(item);
 }
 
-void State::setThere(Item& item, std::optional<There> there) {
-  if (item.there_) there_.erase(&item);
+void State::setThere(Item& item, Shared<There> there) {
+  if (item.there_) there_.remove(item);
   item.there_ = std::move(there);
-  if (item.there_ && !there_.insert(&item).second) {
+  if (item.there_) {
+    item.there_.share(item.agreed_);
+    if (item.here_) item.here_.shareName(item.there()->place.name);
+  }
+  if (item.there_ && !there_.add(item)) {
     fatalError("an item was put where another one is at the provider");
   }
   note(item);
 }
 
-void State::setAgreed(Item& item, std::optional<There> agreed) {
+void State::setAgreed(Item& item, Shared<There> agreed) {
   item.agreed_ = std::move(agreed);
+  item.agreed_.share(item.there_);
   note(item);
 }
 
 void State::setAfter(Item& item, std::vector<ItemNumber> after) {
-  item.after_ = std::move(after);
+  Item::Rest rest = item.rest();
+  rest.after = std::move(after);
+  item.setRest(std::move(rest));
   note(item);
 }
 
 void State::setAttributes(Item& item, Attributes attributes) {
-  if (attributes == Attributes{}) {
-    item.attributes_.reset();
-  } else {
-    item.attributes_ = std::move(attributes);
-  }
+  Item::Rest rest = item.rest();
+  rest.attributes = std::move(attributes);
+  item.setRest(std::move(rest));
   note(item);
 }
 
@@ -176,18 +155,17 @@ void State::note(const Item& item) {
 
 void State::take(ItemNumber number) {
   Item& item = changeable(number);
-  if (item.here_) here_.erase(&item);
-  if (item.there_) there_.erase(&item);
+  if (item.here_) here_.remove(item);
+  if (item.there_) there_.remove(item);
   unmerged_.erase(number);
   pending_.erase(number);
   following_.erase(number);
-  items_.erase(number);
+  items_.remove(number);
 }
 
 void State::put(const Item& item) {
-  Item& put = items_.emplace(item.number(), item).first->second;
-  const bool isAlone =
-      (!put.here_ || here_.insert(&put).second) && (!put.there_ || there_.insert(&put).second);
+  const Item& put = items_.add(item);
+  const bool isAlone = (!put.here_ || here_.add(put)) && (!put.there_ || there_.add(put));
   if (!isAlone) fatalError("an item was put back where another one is");
   note(put);
 }

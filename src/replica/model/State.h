@@ -3,12 +3,14 @@
 #include <cstddef>
 #include <optional>
 #include <set>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include "replica/model/Intents.h"
 #include "replica/model/Item.h"
+#include "replica/model/Items.h"
 #include "replica/model/Path.h"
+#include "replica/model/Places.h"
 
 namespace kestrowan::replica::model {
 
@@ -30,6 +32,7 @@ class State {
 
   /// What is at a place here, and there; absent when nothing is.
   const Item* hereAt(const Place& place) const;
+  const Item* hereAt(ItemNumber folder, std::string_view name) const;
   const Item* thereAt(const Place& place) const;
   /// What is in a folder, in the order of the names.
   std::vector<const Item*> hereIn(ItemNumber folder) const;
@@ -37,6 +40,10 @@ class State {
   /// Any of these; absent when the folder is empty.
   const Item* anyHereIn(ItemNumber folder) const;
   const Item* anyThereIn(ItemNumber folder) const;
+  /// How many these are, and how many of them are folders.
+  std::size_t countHereIn(ItemNumber folder) const { return here_.countIn(folder); }
+  std::size_t countThereIn(ItemNumber folder) const { return there_.countIn(folder); }
+  std::size_t countFoldersHereIn(ItemNumber folder) const { return here_.countFoldersIn(folder); }
 
   /// Of an item that the provider has.
   Path therePath(const Item& item) const;
@@ -58,37 +65,20 @@ class State {
  private:
   friend class Edit;
 
-  struct ByHere {
-    using is_transparent = void;
-    bool operator()(const Item* a, const Item* b) const {
-      return a->here_->place < b->here_->place;
-    }
-    bool operator()(const Item* a, const Place& b) const { return a->here_->place < b; }
-    bool operator()(const Place& a, const Item* b) const { return a < b->here_->place; }
-  };
-  struct ByThere {
-    using is_transparent = void;
-    bool operator()(const Item* a, const Item* b) const {
-      return a->there_->place < b->there_->place;
-    }
-    bool operator()(const Item* a, const Place& b) const { return a->there_->place < b; }
-    bool operator()(const Place& a, const Item* b) const { return a < b->there_->place; }
-  };
-
   Item& changeable(ItemNumber number);
   ItemNumber make(Kind kind);
-  void setHere(Item& item, std::optional<Here> here);
-  void setThere(Item& item, std::optional<There> there);
-  void setAgreed(Item& item, std::optional<There> agreed);
+  void setHere(Item& item, OptionalHere here);
+  void setThere(Item& item, Shared<There> there);
+  void setAgreed(Item& item, Shared<There> agreed);
   void setAfter(Item& item, std::vector<ItemNumber> after);
   void setAttributes(Item& item, Attributes attributes);
   void take(ItemNumber number);
   void put(const Item& item);
   void note(const Item& item);
 
-  std::unordered_map<ItemNumber, Item> items_;
-  std::set<Item*, ByHere> here_;
-  std::set<Item*, ByThere> there_;
+  Items items_;
+  Places here_{Places::Side::here};
+  Places there_{Places::Side::there};
   std::set<ItemNumber> unmerged_;
   std::set<ItemNumber> pending_;
   std::set<ItemNumber> following_;

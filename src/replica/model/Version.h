@@ -1,13 +1,13 @@
 #pragma once
 
-#include "platform/foundation/NSData.h"
+#include "replica/model/Bytes.h"
 
 namespace kestrowan::replica::model {
 
 /// What the provider says of the state of a file's contents: bytes of its own. Of another version
 /// the contents may be others. A folder's version says nothing and is empty.
 struct Version {
-  NSData text;
+  Bytes text;
 
   friend bool operator==(const Version&, const Version&) = default;
 };

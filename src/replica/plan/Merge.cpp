@@ -23,9 +23,9 @@ struct Case {
   const State& state;
   const Item& item;
   const Names& names;
-  const std::optional<Here>& here;
-  const std::optional<There>& there;
-  const std::optional<There>& agreed;
+  const model::OptionalHere& here;
+  const model::Shared<There>& there;
+  const model::Shared<There>& agreed;
 
   Step settle(Resolution resolution) const { return Settle{resolution, item.number(), {}, {}}; }
   bool isEndangered() const { return endangeredUntil(state, state.therePath(item)).has_value(); }
