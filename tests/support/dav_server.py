@@ -17,6 +17,7 @@ import base64
 import email.utils
 import posixpath
 import re
+import socket
 from dataclasses import dataclass, field
 from urllib.parse import quote, unquote_to_bytes, urlsplit
 
@@ -136,6 +137,32 @@ class DavServer(ScriptedServer):
         with self.changed:
             return {path[len(below):]: contents for path, contents in self.files.items()
                     if path.startswith(below + "/")}
+
+    def saved(self):
+        """All that is here, as a value for a JSON file; `restore` of another server takes it."""
+        with self.changed:
+            return {"last": self.last, "entries": [
+                {"path": path, "mark": self.marks[path], "date": self.dates[path],
+                 "contents": None if held is None else base64.b64encode(held).decode()}
+                for path, held in sorted(self.files.items())]}
+
+    def restore(self, saved):
+        with self.changed:
+            self.last = saved["last"]
+            for values in (self.files, self.marks, self.dates):
+                values.clear()
+            for entry in saved["entries"]:
+                path, held = entry["path"], entry["contents"]
+                self.files[path] = None if held is None else base64.b64decode(held)
+                self.marks[path] = entry["mark"]
+                self.dates[path] = entry["date"]
+            self.admitted |= self.files.keys()
+
+    def goAway(self):
+        """Nothing listens any more. Requests that a fault holds stay as they are."""
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.fault(None, None, effect=False, answer={"cut": 0, "then": "rst"})
 
     def fault(self, method, path, **members):
         with self.changed:
