@@ -8,6 +8,18 @@
 
 namespace kestrowan::replica::model {
 
+namespace {
+
+/// The bytes are no longer on this disk, but are still those that the item has.
+bool isOnlyEvicted(const Item& before, const Item* now) {
+  if (!now || !now->here() || now->here()->content != Content::none) return false;
+  const auto& was = before.agreed();
+  return was && now->agreed() && was->content == before.here()->content &&
+         was->version == now->agreed()->version;
+}
+
+}  // namespace
+
 Edit::Edit(Tree& tree) : tree_(tree) {
   tree.mutex_.lock();
   state_ = &tree.state_;
@@ -18,6 +30,8 @@ Edit::Edit(Tree& tree) : tree_(tree) {
 Edit::~Edit() {
   if (!isCommitted_) undo();
   tree_.mutex_.unlock();
+  if (!isCommitted_) return;
+  for (Watcher* watcher : tree_.watchers_) watcher->released();
 }
 
 Item& Edit::touched(ItemNumber number) {
@@ -97,8 +111,10 @@ void Edit::commit() {
   for (const auto& [number, before] : before_) {
     if (const Item* item = state_->find(number)) checkFolders(*item);
   }
+  const auto told = tree_.watchers_.empty() ? std::vector<ItemChange>() : itemChanges();
   tree_.journal_.write(changes());
   isCommitted_ = true;
+  for (Watcher* watcher : tree_.watchers_) watcher->changed(told);
 }
 
 void Edit::undo() {
@@ -135,12 +151,44 @@ Changes Edit::changes() const {
   return changes;
 }
 
+std::vector<ItemChange> Edit::itemChanges() const {
+  std::vector<ItemChange> result;
+  for (const auto& [number, before] : before_) {
+    const ItemChange change{before ? &*before : nullptr, state_->find(number)};
+    if (change.before || change.now) result.push_back(change);
+  }
+  std::sort(result.begin(), result.end(), [](const ItemChange& a, const ItemChange& b) {
+    return a.any().number() < b.any().number();
+  });
+  return result;
+}
+
 void Edit::addIntents(Changes& changes) const {
   for (const auto& [number, before] : intentsBefore_) {
     const Intent* intent = state_->intents_.find(number);
     if (intent && before != *intent) changes.intents.push_back(intent);
     if (!intent && before) changes.ended.push_back(number);
   }
+}
+
+const Item* Edit::itemBefore(ItemNumber number) const {
+  const auto found = before_.find(number);
+  if (found == before_.end()) return state_->find(number);
+  return found->second ? &*found->second : nullptr;
+}
+
+Path Edit::pathBefore(const Item& item) const {
+  if (item.number() == ItemNumber::root) return Path();
+  const Place& place = item.here()->place;
+  return pathBefore(*itemBefore(place.folder)).child(place.name);
+}
+
+Left Edit::leftOf(const Item& item) const {
+  Left left{item.number(), *item.here(), pathBefore(item), {}, item.attributes()};
+  for (const auto* state : {&item.there(), &item.agreed()}) {
+    if (*state && (*state)->content == left.here.content) left.confirmed = *state;
+  }
+  return left;
 }
 
 void Edit::addLeft(Changes& changes) const {
@@ -150,8 +198,9 @@ void Edit::addLeft(Changes& changes) const {
   }
   for (const auto& [number, before] : before_) {
     if (!before || !before->here() || before->here()->content == Content::none) continue;
+    if (isOnlyEvicted(*before, state_->find(number))) continue;
     if (!kept.contains(before->here()->content)) {
-      changes.left.push_back({number, *before->here()});
+      changes.left.push_back(leftOf(*before));
     }
   }
   std::sort(changes.left.begin(), changes.left.end(),

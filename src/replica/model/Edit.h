@@ -11,7 +11,8 @@ namespace kestrowan::replica::model {
 
 /// One change of a tree, all or nothing. Holds the tree's lock, alone, while it lives. What it
 /// changes is seen through it at once, and by others after `commit`. An edit that is not committed,
-/// or whose journal throws, leaves everything as it was.
+/// or whose journal throws, leaves everything as it was. The tree's watchers learn of a committed
+/// one under the lock, and once more when the edit ends, after it has released the lock.
 ///
 /// To change places, items are taken off (`setHere` of nothing) before they are put where another
 /// one was.
@@ -55,7 +56,11 @@ class KFP_SCOPED_CAPABILITY Edit {
   Changes changes() const;
   void addIntents(Changes& changes) const;
   void addLeft(Changes& changes) const;
+  const Item* itemBefore(ItemNumber number) const;
+  Path pathBefore(const Item& item) const;
+  Left leftOf(const Item& item) const;
   void checkFolders(const Item& item) const;
+  std::vector<ItemChange> itemChanges() const;
 
   Tree& tree_;
   State* state_ = nullptr;

@@ -5,14 +5,22 @@
 
 #include "replica/model/Intent.h"
 #include "replica/model/Item.h"
+#include "replica/model/Path.h"
 
 namespace kestrowan::replica::model {
 
-/// Bytes that were an item's and are no item's after an edit. Nothing written here leaves this disk
+/// Bytes that were an item's and are no item's after an edit, unless the item has the same bytes
+/// still, but not on this disk. Nothing written here leaves this disk
 /// at once: the journal keeps them in the history.
 struct Left {
   ItemNumber item = ItemNumber::none;
   Here here;
+  /// Where programs saw it, from the root.
+  Path path;
+  /// The state of the provider that has these bytes, as far as that is known; absent when the
+  /// provider never confirmed them.
+  Shared<There> confirmed;
+  Attributes attributes;
 
   friend bool operator==(const Left&, const Left&) = default;
 };

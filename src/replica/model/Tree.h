@@ -1,8 +1,11 @@
 #pragma once
 
+#include <vector>
+
 #include "replica/model/Journal.h"
 #include "replica/model/SharedMutex.h"
 #include "replica/model/State.h"
+#include "replica/model/Watcher.h"
 
 namespace kestrowan::replica::model {
 
@@ -16,6 +19,10 @@ class Tree {
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
 
+  /// Tells `watcher` of every edit from now on, after those that were given before. It must outlive
+  /// the last edit. To be called before another thread uses the tree.
+  void watch(Watcher& watcher) { watchers_.push_back(&watcher); }
+
  private:
   friend class View;
   friend class Edit;
@@ -23,6 +30,7 @@ class Tree {
   mutable SharedMutex mutex_;
   State state_ KFP_GUARDED_BY(mutex_);
   Journal& journal_;
+  std::vector<Watcher*> watchers_;
 };
 
 }  // namespace kestrowan::replica::model

@@ -132,12 +132,35 @@ TEST_F(EditTest, GivesTheHistoryWhatLeavesItsItem) {
   const ItemNumber written = file("a");
   write(written);
   ASSERT_EQ(journal_.history().size(), 1U);
-  EXPECT_EQ(journal_.history()[0], (Left{written, Here{inRoot("a"), kOld}}));
+  const Left& left = journal_.history()[0];
+  EXPECT_EQ(left.item, written);
+  EXPECT_EQ(left.here, (Here{inRoot("a"), kOld}));
+  EXPECT_EQ(left.path, Path().child("a"));
+  EXPECT_EQ(left.confirmed->version, Version{"1"});
 
   Edit edit(tree_);
   edit.setHere(written, Here{inRoot("b"), kNew});
   edit.commit();
   EXPECT_EQ(journal_.history().size(), 1U) << "a file that moves keeps its contents";
+}
+
+TEST_F(EditTest, KeepsOutOfTheHistoryWhatIsOnlyEvicted) {
+  const ItemNumber number = file("a");
+  {
+    Edit edit(tree_);
+    edit.setHere(number, Here{inRoot("a"), Content::none});
+    edit.setThere(number, There{inRoot("a"), {"1"}, Content::none});
+    edit.setAgreed(number, There{inRoot("a"), {"1"}, Content::none});
+    edit.commit();
+  }
+  EXPECT_TRUE(journal_.history().empty());
+  const ItemNumber other = file("b");
+  Edit edit(tree_);
+  edit.setHere(other, Here{inRoot("b"), Content::none});
+  edit.setThere(other, There{inRoot("b"), {"2"}, Content::none});
+  edit.setAgreed(other, There{inRoot("b"), {"2"}, Content::none});
+  edit.commit();
+  EXPECT_EQ(journal_.history().size(), 1U);
 }
 
 TEST_F(EditTest, KeepsContentsThatGoToAnotherItemOutOfTheHistory) {

@@ -1,0 +1,44 @@
+#include "replica/model/Watcher.h"
+
+namespace kestrowan::replica::model {
+
+namespace {
+
+bool isHere(const Item* item) {
+  return item && item->here();
+}
+
+/// What programs are shown of an item that has nothing of its own for it.
+bool isShownAlike(const Item& a, const Item& b) {
+  const auto& x = a.agreed();
+  const auto& y = b.agreed();
+  if (!x || !y) return !x && !y;
+  return x.isSameAs(y) ||
+         (x->size == y->size && x->date == y->date && x->capabilities == y->capabilities);
+}
+
+}  // namespace
+
+bool ItemChange::isElsewhereHere() const {
+  if (!isHere(before) || !isHere(now)) return isHere(before) != isHere(now);
+  return before->here()->place != now->here()->place;
+}
+
+bool ItemChange::hasOtherContents() const {
+  if (!isHere(before) || !isHere(now) || now->isFolder()) return false;
+  const Content was = before->here()->content;
+  const Content is = now->here()->content;
+  if (was != Content::none && is != Content::none) return was != is;
+  // Bytes that came to this disk, or left it, are those of the agreed state.
+  const auto& from = before->agreed();
+  const auto& to = now->agreed();
+  return !from || !to || from->version != to->version;
+}
+
+bool ItemChange::hasOtherAttributes() const {
+  if (!isHere(before) || !isHere(now)) return false;
+  return hasOtherContents() || before->attributes() != now->attributes() ||
+         !isShownAlike(*before, *now);
+}
+
+}  // namespace kestrowan::replica::model
