@@ -162,7 +162,14 @@ class DavServer(ScriptedServer):
         """Nothing listens any more. Requests that a fault holds stay as they are."""
         self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
-        self.fault(None, None, effect=False, answer={"cut": 0, "then": "rst"})
+        self.away = self.fault(None, None, effect=False, answer={"cut": 0, "then": "rst"})
+
+    def comeBack(self):
+        """As it was, on the same port."""
+        with self.changed:
+            self.faults.remove(self.away)
+        self.disconnect()
+        self.listen()
 
     def fault(self, method, path, **members):
         with self.changed:

@@ -84,6 +84,7 @@ class ScriptedServer:
         self.answered = 0
         self.routeAnswered = {}
         self.requestCount = 0
+        self.accepted = 0
 
     def __enter__(self):
         return self.start()
@@ -96,22 +97,27 @@ class ScriptedServer:
         self.certificates = Certificates(self.directory.name)
         self.certPEM = self.certificates.pem("pinned")
         self.otherPEM = self.certificates.pem("other")
-        self.listener = socket.create_server(("127.0.0.1", 0), backlog=512)
-        self.port = self.listener.getsockname()[1]
-        threading.Thread(target=self.accept, daemon=True).start()
+        self.port = 0
+        self.listen()
         return self
 
-    def accept(self):
-        number = 0
+    def listen(self):
+        """On the port that it had before, if it had one."""
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=512)
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
+
+    def accept(self, listener):
         while not self.stopping.is_set():
             try:
-                tcp, _ = self.listener.accept()
+                tcp, _ = listener.accept()
             except OSError:
                 return
             tcp.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            number += 1
-            connection = self.connectionClass(self, number, tcp)
             with self.changed:
+                self.accepted += 1
+                number = self.accepted
+                connection = self.connectionClass(self, number, tcp)
                 self.connections[number] = connection
             self.record({"event": "connected", "connection": number})
             threading.Thread(target=connection.serve, daemon=True).start()
