@@ -18,16 +18,25 @@ void checkOwner(const Appearance& appearance, const struct stat& wanted, int whi
   if (givesAway) throw posixError(EPERM);
 }
 
+std::int64_t now() {
+  timespec time = {};
+  ::clock_gettime(CLOCK_REALTIME, &time);
+  return nanoseconds(time);
+}
+
 replica::AttributeChange attributeChange(const struct stat& wanted, int which) {
   replica::AttributeChange change;
   if ((which & FUSE_SET_ATTR_MODE) != 0) change.mode = permissionBits(wanted.st_mode);
   if ((which & FUSE_SET_ATTR_SIZE) != 0) change.size = wanted.st_size;
   if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) {
-    timespec now = {};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    change.modified = nanoseconds(now);
+    change.modified = now();
   } else if ((which & FUSE_SET_ATTR_MTIME) != 0) {
     change.modified = nanoseconds(wanted.st_mtim);
+  }
+  if ((which & FUSE_SET_ATTR_ATIME_NOW) != 0) {
+    change.accessed = now();
+  } else if ((which & FUSE_SET_ATTR_ATIME) != 0) {
+    change.accessed = nanoseconds(wanted.st_atim);
   }
   return change;
 }
@@ -44,7 +53,9 @@ void truncate(const replica::OpenFile& open, std::int64_t size) {
 void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     auto& session = Session::of(request);
-    const auto status = fileStatus(session.replica().attributes(item), session.appearance());
+    const auto attributes = session.replica().attributes(item);
+    const auto status =
+        fileStatus(attributes, session.replica().allocated(attributes), session.appearance());
     fuse_reply_attr(request, &status, session.appearance().cacheTime);
   });
 }
@@ -58,10 +69,9 @@ void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int
     if (change.size && info != nullptr) {
       truncate(*session.files().at(info->fh)->file, *change.size);
       change.size.reset();
-    }
-    // What is left may be nothing, as when only the time of the last access is to be set.
-    if (!change.mode && !change.size && !change.modified) {
-      return reply->sendAttributes(session.replica().attributes(item));
+      if ((which & ~FUSE_SET_ATTR_SIZE) == 0) {
+        return reply->sendAttributes(session.replica().attributes(item));
+      }
     }
     session.replica().setAttributes(
         item, change,

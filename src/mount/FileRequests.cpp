@@ -50,7 +50,8 @@ void sendOpened(Reply& reply, fuse_file_info info, const File& file) {
 void sendCreated(Reply& reply, fuse_file_info info, const File& file,
                  const replica::Attributes& attributes) {
   auto& session = reply.session();
-  const auto entry = kernelEntry(attributes, session.appearance());
+  const auto entry =
+      kernelEntry(attributes, session.replica().allocated(attributes), session.appearance());
   session.replica().remember(attributes.rid);
   prepareHandle(session, file, info);
   if (reply.send([&](fuse_req_t request) { return fuse_reply_create(request, &entry, &info); })) {

@@ -13,36 +13,36 @@ constexpr std::int64_t kSectorSize = 512;
 
 }  // namespace
 
-struct stat fileStatus(const replica::Attributes& attributes, const Appearance& appearance) {
+struct stat fileStatus(const replica::Attributes& attributes, std::int64_t allocated,
+                       const Appearance& appearance) {
   const bool isFolder = attributes.kind == replica::ItemKind::folder;
   struct stat status = {};
   status.st_ino = attributes.rid;
   status.st_mode = (isFolder ? S_IFDIR : S_IFREG) | attributes.mode;
-  status.st_nlink = isFolder ? 2 : 1;
+  status.st_nlink = attributes.links;
   status.st_uid = appearance.user;
   status.st_gid = appearance.group;
   status.st_size = attributes.size;
   status.st_blksize = kBlockSize;
-  status.st_blocks = (attributes.size + kSectorSize - 1) / kSectorSize;
+  status.st_blocks = (allocated + kSectorSize - 1) / kSectorSize;
   status.st_mtim = timeOf(attributes.modified);
-  status.st_atim = status.st_mtim;
-  status.st_ctim = status.st_mtim;
+  status.st_atim = timeOf(attributes.accessed);
+  status.st_ctim = timeOf(attributes.changed);
   return status;
 }
 
-fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Appearance& appearance) {
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, std::int64_t allocated,
+                             const Appearance& appearance) {
   fuse_entry_param entry = {};
   entry.ino = attributes.rid;
-  entry.attr = fileStatus(attributes, appearance);
+  entry.attr = fileStatus(attributes, allocated, appearance);
   entry.attr_timeout = appearance.cacheTime;
   entry.entry_timeout = appearance.cacheTime;
   return entry;
 }
 
 std::uint16_t permissionBits(mode_t mode) {
-  constexpr mode_t kOfFiles = 0777;
-  constexpr mode_t kOfFolders = kOfFiles | S_ISVTX | S_ISGID;
-  return static_cast<std::uint16_t>(mode & (S_ISDIR(mode) ? kOfFolders : kOfFiles));
+  return static_cast<std::uint16_t>(mode & replica::kModeBits);
 }
 
 std::int64_t nanoseconds(const timespec& time) {

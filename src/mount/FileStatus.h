@@ -11,14 +11,15 @@
 
 namespace kestrowan::mount {
 
-/// What `stat` shows of an item.
-struct stat fileStatus(const replica::Attributes& attributes, const Appearance& appearance);
-
+/// What `stat` shows of an item whose contents take `allocated` bytes on the disk.
+struct stat fileStatus(const replica::Attributes& attributes, std::int64_t allocated,
+                       const Appearance& appearance);
 /// The same, as the answer to the look-up of a name.
-fuse_entry_param kernelEntry(const replica::Attributes& attributes, const Appearance& appearance);
+fuse_entry_param kernelEntry(const replica::Attributes& attributes, std::int64_t allocated,
+                             const Appearance& appearance);
 
-/// The bits of `mode` that an item keeps: those that would make a program run as somebody else are
-/// dropped.
+/// The bits of `mode` that an item keeps. A mount is `nosuid`: none of them lets a program run as
+/// somebody else.
 std::uint16_t permissionBits(mode_t mode);
 
 /// Nanoseconds since 1970-01-01 UTC; the nearest that can be said so, for years out of range.

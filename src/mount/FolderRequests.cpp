@@ -41,7 +41,8 @@ class EntryBuffer {
   /// Adds the entry; false when there is no room for it. `next` is where reading goes on after it.
   bool add(const std::string& name, const replica::Attributes& attributes, off_t next,
            bool isCurrent) {
-    auto entry = kernelEntry(attributes, session_.appearance());
+    auto entry =
+        kernelEntry(attributes, session_.replica().allocated(attributes), session_.appearance());
     // A number of 0 tells the kernel the name alone.
     if (!isCurrent) entry.ino = 0;
     char* const place = bytes_.get() + used_;
@@ -164,11 +165,13 @@ void readEntries(fuse_req_t request, std::size_t size, off_t offset, const fuse_
                  Detail detail) noexcept {
   serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
     const auto handle = reply->session().folders().at(info.fh);
-    const bool isRewound = offset == 0 && [&] {
+    // A program may go back to the beginning before it has read anything.
+    const bool isOutdated = offset == 0 && [&] {
+      const auto changes = reply->session().nameChanges().counted(handle->folder);
       std::lock_guard lock(handle->mutex);
-      return handle->wasRead;
+      return handle->wasRead || handle->changes != changes;
     }();
-    if (isRewound) return refreshAndSend(reply, handle, size, detail);
+    if (isOutdated) return refreshAndSend(reply, handle, size, detail);
     sendEntries(*reply, *handle, size, offset, detail);
   });
 }

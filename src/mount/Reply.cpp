@@ -92,7 +92,8 @@ void Reply::succeed() {
 }
 
 void Reply::sendEntry(const replica::Attributes& attributes) {
-  const auto entry = kernelEntry(attributes, session_->appearance());
+  const auto entry =
+      kernelEntry(attributes, session_->replica().allocated(attributes), session_->appearance());
   // Before the answer: the kernel may forget the item before the answer's call has returned.
   session_->replica().remember(attributes.rid);
   const bool sent =
@@ -102,7 +103,7 @@ void Reply::sendEntry(const replica::Attributes& attributes) {
 
 void Reply::sendAttributes(const replica::Attributes& attributes) {
   const auto& appearance = session_->appearance();
-  const auto status = fileStatus(attributes, appearance);
+  const auto status = fileStatus(attributes, session_->replica().allocated(attributes), appearance);
   send([&](fuse_req_t request) { return fuse_reply_attr(request, &status, appearance.cacheTime); });
 }
 

@@ -196,18 +196,18 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
     const std::string name = item->name;
     core.dropContents(item, true);
     core.dropItem(item);
+    core.showFolderChange(folder);
     core.entryChanged(folder, name);
     return;
   }
   const Base base = *item->base;
   const ItemPtr here = core.table.child(base.parent, base.name);
   if (item->mustMove() && (!here || here == item)) {
-    core.entryChanged(item->parent, item->name);
-    core.table.place(item, base.parent, base.name);
-    core.entryChanged(item->parent, item->name);
+    core.moveInView(item, base.parent, base.name);
   }
   if (item->removed && (!here || here == item)) {
     core.table.setRemoved(item, false);
+    core.showFolderChange(base.parent);
     core.entryChanged(base.parent, base.name);
   }
   if (item->contentsChanged) {
@@ -216,6 +216,7 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
     item->size = base.size;
     item->modified = modifiedOf(base);
   }
+  core.stamp(*item);
   core.save(item);
   core.itemChanged(item->rid, true);
 }

@@ -13,8 +13,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::int64_t kSecond = 1'000'000'000;
-
 /// A copy of contents on its way to become an item's; removed when it does not.
 struct Copy {
   explicit Copy(ContentFiles& contents) : store(contents) {}
@@ -105,13 +103,23 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
 void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& contents) {
   std::lock_guard lock(core.mutex);
   if (!item->gone && !isOpenAs(*item, contents)) return;
-  struct stat status;
-  if (::fstat(contents.file.get(), &status) == 0) {
-    item->size = status.st_size;
-    item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+  noteDates(*item, contents.file.get());
+  if (item->dropPrivileges()) {
+    core.itemChanged(item->rid, false);
+    if (!item->gone) core.save(item);
   }
   item->lastWrite = core.uptime();
   core.tally.note(*item);
+}
+
+/// Shows the size and the dates of contents that were changed.
+void Replica::Implementation::noteDates(Item& item, int file) {
+  struct stat status;
+  if (::fstat(file, &status) != 0) return;
+  item.size = status.st_size;
+  item.modified = nanoseconds(status.st_mtim);
+  item.changed = laterThan(item.changed, nanoseconds(status.st_ctim));
+  item.datesAreUnwritten = true;
 }
 
 /// Makes the item's contents empty, without a look at what they were.
@@ -135,8 +143,8 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     UniqueFd file = core.contents.create(number);
     item->content = number;
     item->contentsChanged = true;
-    item->size = 0;
-    item->modified = core.milliseconds() * 1'000'000;
+    noteDates(*item, file.get());
+    if (item->dropPrivileges()) core.itemChanged(item->rid, false);
     item->lastWrite = core.uptime();
     core.save(item);
     requireWritten([&] {

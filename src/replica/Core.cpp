@@ -19,6 +19,15 @@ const Logger& replicaLog() {
 
 }  // namespace
 
+std::int64_t nanoseconds(const timespec& time) {
+  return time.tv_sec * kNanoseconds + time.tv_nsec;
+}
+
+std::int64_t laterThan(std::int64_t before, std::int64_t now) {
+  if (now > before) return now;
+  return before == std::numeric_limits<std::int64_t>::max() ? before : before + 1;
+}
+
 std::int64_t modifiedOf(const Base& base) {
   using Limits = std::numeric_limits<std::int64_t>;
   const std::int64_t date = base.date.value_or(0);
@@ -63,8 +72,16 @@ Attributes Core::attributes(const Item& item) const {
   Attributes result;
   result.rid = item.rid;
   result.kind = item.kind;
+  if (item.gone || item.removed) {
+    result.links = 0;
+  } else if (item.isFolder()) {
+    result.links = 2 + static_cast<std::uint32_t>(table.folderCount(item.rid));
+  }
   result.size = item.isFolder() ? 0 : item.size;
+  result.content = item.content;
   result.modified = item.modified;
+  result.accessed = item.accessed ? *item.accessed : item.modified;
+  result.changed = item.changed;
   constexpr std::uint16_t kWriting = 0222;
   result.mode = item.mode.value_or(item.isFolder() ? 0755 : 0644);
   if (!mayWrite(item)) result.mode &= static_cast<std::uint16_t>(~kWriting);
@@ -77,6 +94,8 @@ ItemPtr Core::makeItem(Rid parent, std::string name, ItemKind kind) {
   item->parent = parent;
   item->name = std::move(name);
   item->kind = kind;
+  item->modified = nanoseconds();
+  item->changed = item->modified;
   item->lastUse = seconds();
   return item;
 }
@@ -156,6 +175,7 @@ void Core::forgetSent(const ItemPtr& item) {
 
 void Core::dropItem(const ItemPtr& item) {
   forgetSent(item);
+  stamp(*item);
   table.detach(item);
   tally.note(*item);
   rows.remove(item->rid);
@@ -194,9 +214,26 @@ void Core::setBase(const ItemPtr& item, std::optional<Base> base) {
 
 void Core::noteFolderChange(Rid rid) {
   const ItemPtr item = table.find(rid);
-  if (!item) return;
-  item->modified = milliseconds() * 1'000'000;
-  if (!std::exchange(folder(item).dateIsNoted, true)) save(item);
+  if (!item || item->gone) return;
+  item->modified = laterThan(item->modified, nanoseconds());
+  stamp(*item);
+  save(item);
+}
+
+void Core::showFolderChange(Rid rid) {
+  noteFolderChange(rid);
+  itemChanged(rid, false);
+}
+
+void Core::moveInView(const ItemPtr& item, Rid parent, std::string name) {
+  const Rid before = item->parent;
+  entryChanged(before, item->name);
+  table.place(item, parent, std::move(name));
+  stamp(*item);
+  save(item);
+  showFolderChange(before);
+  if (parent != before) showFolderChange(parent);
+  entryChanged(parent, item->name);
 }
 
 void Core::doubtFolderDate(Rid rid) {

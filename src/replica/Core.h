@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -27,6 +28,12 @@
 #include "replica/store/ItemStore.h"
 
 namespace kestrowan::replica {
+
+/// Since 1970-01-01 UTC.
+std::int64_t nanoseconds(const timespec& time);
+
+/// `now`, or a nanosecond after `before` where that is later.
+std::int64_t laterThan(std::int64_t before, std::int64_t now);
 
 /// What the parts of a replica share: the items, their rows, their contents, the provider, and the
 /// one lock that guards the items. Owned by the replica, and outlives its parts.
@@ -71,8 +78,9 @@ struct Core {
   /// Told, locked, of each item that has been taken out of the tree.
   std::function<void(const ItemPtr&)> dropped;
 
-  /// Milliseconds and whole seconds since 1970-01-01 UTC.
+  /// Milliseconds, nanoseconds and whole seconds since 1970-01-01 UTC.
   std::int64_t milliseconds() const { return loop.wallClock(); }
+  std::int64_t nanoseconds() const { return loop.wallClock() * 1'000'000; }
   std::int64_t seconds() const { return loop.wallClock() / 1000; }
   /// Milliseconds of a clock that is never set.
   std::int64_t uptime() const {
@@ -96,6 +104,7 @@ struct Core {
   SyncRuntime& sync(const ItemPtr& item);
   void save(const ItemPtr& item) {
     tally.note(*item);
+    item->datesAreUnwritten = false;
     rows.save(item);
   }
   /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
@@ -118,8 +127,14 @@ struct Core {
   /// Changes what the provider is known to have, in the table and on disk; identifiers below a
   /// folder change with it.
   void setBase(const ItemPtr& item, std::optional<Base> base);
-  /// Something was made, removed or renamed in the folder here: it is modified now.
+  /// Something that programs see of the item changes now.
+  void stamp(Item& item) const { item.changed = laterThan(item.changed, nanoseconds()); }
+  /// Something was made, removed or renamed in the folder: it is modified now.
   void noteFolderChange(Rid folder);
+  /// The same for what no program did here: whoever remembers the folder's attributes is told.
+  void showFolderChange(Rid folder);
+  /// Gives an item another place, which no program did here. Tells of both names.
+  void moveInView(const ItemPtr& item, Rid parent, std::string name);
   /// A request that begins or ends changes something in the folder, and with that the provider's
   /// date of it. The next one that a listing shows is taken as known, and programs are not told.
   void doubtFolderDate(Rid folder);

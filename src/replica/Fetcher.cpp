@@ -166,6 +166,10 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
   const std::int64_t announced = after.size;
   const bool sameVersion = canBeSame(core_.options, before, after);
   const bool same = sameVersion && *bytes == announced;
+  if (!same) {
+    item->dropPrivileges();
+    core_.stamp(*item);
+  }
   if (!same && !last) {
     // What was known may be older than the file: the next try compares with what is known now.
     if (item->base->identifier == after.identifier && after.versionKnown) {
@@ -192,7 +196,8 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
       base.versionKnown = false;
     }
     base.size = *bytes;
-    const bool sizeChanged = item->size != *bytes;
+    const std::int64_t size = item->size;
+    const std::int64_t modified = item->modified;
     const bool dated = item->modified != modifiedOf(*item->base);
     item->content = number;
     item->contentsChanged = false;
@@ -202,6 +207,8 @@ std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
     // A time that an application set stays.
     if (!dated) item->modified = modifiedOf(base);
     setModified(core_.contents.path(number), item->modified);
+    const bool sizeChanged = item->size != size;
+    if (sizeChanged || item->modified != modified) core_.stamp(*item);
     core_.setBase(item, std::move(base));
     if (sizeChanged) core_.itemChanged(item->rid, false);
   } catch (...) {

@@ -145,6 +145,7 @@ void Replica::Implementation::closed(const OpenFile& file) {
   --item->handles;
   if (file.isWritable()) {
     --item->writers;
+    if (item->writers == 0 && item->datesAreUnwritten && !item->gone) core.save(item);
     // Also what was created and never written.
     if (item->writers == 0 && item->isPending() && !item->removed) {
       if (item->contentsChanged || item->mustCreate()) {
@@ -223,10 +224,8 @@ void Replica::Implementation::fsync(const std::shared_ptr<OpenFile>& file,
 void Replica::Implementation::setModified(const ItemPtr& item, std::int64_t modified) {
   if (item->content != 0) setFileModified(core.contents.path(item->content), modified);
   item->modified = modified;
-  if (!item->isFolder()) return;
   // Only what changes at the provider from now on makes it newer.
-  if (item->base) item->base->date.reset();
-  core.folder(item).dateIsNoted = false;
+  if (item->isFolder() && item->base) item->base->date.reset();
 }
 
 void Replica::Implementation::setAttributes(Rid rid, const AttributeChange& change,
@@ -243,8 +242,10 @@ void Replica::Implementation::setAttributes(Rid rid, const AttributeChange& chan
     Attributes result;
     try {
       std::lock_guard lock(core.mutex);
-      if (change.mode) item->mode = static_cast<std::uint16_t>(*change.mode & 0777);
+      if (change.mode) item->mode = static_cast<std::uint16_t>(*change.mode & kModeBits);
       if (change.modified) setModified(item, *change.modified);
+      if (change.accessed) item->accessed = *change.accessed;
+      core.stamp(*item);
       if (!item->gone) core.save(item);
       core.rows.requireWritten();
       result = core.attributes(*item);

@@ -94,6 +94,7 @@ class Replica::Implementation {
   std::shared_ptr<OpenFile> open(const ItemPtr& item, bool writable);
   /// Without the lock.
   void emptyContents(const ItemPtr& item);
+  static void noteDates(Item& item, int file);
   void setModified(const ItemPtr& item, std::int64_t modified);
 
   /// Throws what forbids an item of that name in that folder.
@@ -101,6 +102,7 @@ class Replica::Implementation {
   void checkChangeable(const ItemPtr& folder) const;
   bool staysHere(const std::string& name, ItemKind kind) const;
   void requireWritten(const std::function<void()>& undo);
+  void addNew(const ItemPtr& item);
   void removeItem(const ItemPtr& item, Completion<Done> completion);
   /// Both give the item whose contents have to be fetched before the move can be made, or null
   /// when it is made.

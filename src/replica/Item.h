@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,8 +29,6 @@ struct FolderRuntime {
   bool listing = false;
   /// Another listing must begin when this one has ended: it began too early for somebody.
   bool listAgain = false;
-  /// That it was modified here since its date was set or listed stands in its row.
-  bool dateIsNoted = false;
   /// A timer will list it anew while it is in use.
   bool watched = false;
   std::vector<Completion<ListingPtr>> listingWaiters;
@@ -99,6 +99,8 @@ struct Item : ItemRecord {
   bool gone = false;
   /// To be sent although somebody has it open for writing.
   bool sendNow = false;
+  /// Its contents changed since its row was written.
+  bool datesAreUnwritten = false;
   /// How often the kernel knows it, how many handles there are, and how many of them may write.
   std::uint64_t lookups = 0;
   std::uint32_t handles = 0;
@@ -117,6 +119,15 @@ struct Item : ItemRecord {
   /// Removed or replaced here, while a program that came upon its name before may still open it.
   bool isLeftOver() const { return gone && removed && content != 0; }
   bool isSending() const { return sync && sync->place == SyncRuntime::Place::sending; }
+
+  /// Contents that others may have written run with nobody's rights but those of who runs them.
+  /// Whether they would have.
+  bool dropPrivileges() {
+    constexpr std::uint16_t kPrivileges = S_ISUID | S_ISGID;
+    if (isFolder() || (mode.value_or(0) & kPrivileges) == 0) return false;
+    *mode &= static_cast<std::uint16_t>(~kPrivileges);
+    return true;
+  }
 
   /// What has to be made true at the provider.
   bool mustCreate() const { return !base && !removed && !localOnly; }

@@ -84,29 +84,39 @@ std::size_t ItemTable::serverChildCount(Rid folder) const {
   return found == atProvider_.end() ? 0 : found->second.size();
 }
 
+std::size_t ItemTable::folderCount(Rid folder) const {
+  const auto found = folders_.find(folder);
+  return found == folders_.end() ? 0 : found->second;
+}
+
 void ItemTable::forEach(const std::function<void(const ItemPtr&)>& use) const {
   ++visits_;
   for (const auto& item : byRid_) use(item);
 }
 
 void ItemTable::show(const ItemPtr& item) {
-  if (item->rid != kRootRid && !item->removed && !item->gone) {
-    put(visible_, item->parent, item->name, item);
-  }
+  if (item->rid == kRootRid || item->removed || item->gone) return;
+  if (const ItemPtr before = child(item->parent, item->name)) hide(before);
+  put(visible_, item->parent, item->name, item);
+  if (item->isFolder()) ++folders_[item->parent];
 }
 
+/// Whether it was there.
 template <typename AnyIndex>
-void ItemTable::remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item) {
+bool ItemTable::remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item) {
   const auto children = index.find(folder);
-  if (children == index.end()) return;
+  if (children == index.end()) return false;
   const auto found = children->second.find(name);
-  if (found == children->second.end() || *found != item.get()) return;
+  if (found == children->second.end() || *found != item.get()) return false;
   children->second.erase(found);
   if (children->second.empty()) index.erase(children);
+  return true;
 }
 
 void ItemTable::hide(const ItemPtr& item) {
-  remove(visible_, item->parent, item->name, item);
+  if (!remove(visible_, item->parent, item->name, item) || !item->isFolder()) return;
+  const auto count = folders_.find(item->parent);
+  if (--count->second == 0) folders_.erase(count);
 }
 
 void ItemTable::add(const ItemPtr& item) {

@@ -28,6 +28,8 @@ class ItemTable {
   std::vector<ItemPtr> serverChildren(Rid folder) const;
   bool hasChildren(Rid folder) const;
   std::size_t serverChildCount(Rid folder) const;
+  /// How many of the children that applications see are folders.
+  std::size_t folderCount(Rid folder) const;
   std::size_t size() const { return byRid_.size(); }
   /// How many are in the tree, the root included.
   std::size_t sizeOfTree() const { return byRid_.size() - outside_; }
@@ -82,7 +84,7 @@ class ItemTable {
   template <typename AnyIndex>
   std::vector<ItemPtr> all(const AnyIndex& index, Rid folder) const;
   template <typename AnyIndex>
-  static void remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item);
+  static bool remove(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item);
   template <typename AnyIndex>
   static void put(AnyIndex& index, Rid folder, std::string_view name, const ItemPtr& item);
   void show(const ItemPtr& item);
@@ -90,6 +92,8 @@ class ItemTable {
 
   std::unordered_set<ItemPtr, ByRid, ByRid> byRid_;
   Index<visibleName> visible_;
+  /// How many folders are in each; none where there are none.
+  std::unordered_map<Rid, std::size_t> folders_;
   Index<providerName> atProvider_;
   /// How many were taken out of the tree and are still known.
   std::size_t outside_ = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <unordered_set>
 #include <vector>
 
 #include "replica/Core.h"
@@ -76,6 +77,8 @@ class Lister {
   void updateDate(const ItemPtr& item, const Base& listed);
   void replaceContents(const ItemPtr& item, const Base& base);
   void vanish(const ItemPtr& item, bool certain);
+  void add(const ItemPtr& folder, const Listing::Entry& entry);
+  void tellFolders();
   bool holdsChanges(const ItemPtr& folder) const;
   bool holdsContents(const ItemPtr& folder) const;
   void showBase(const ItemPtr& item);
@@ -83,6 +86,8 @@ class Lister {
   Core& core_;
   Health& health_;
   const std::function<void(const ItemPtr&)> changed_;
+  /// Those in which a listing made entries come or go, until they are shown as modified.
+  std::unordered_set<Rid> changedFolders_;
 };
 
 }  // namespace kestrowan::replica

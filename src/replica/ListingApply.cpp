@@ -98,13 +98,11 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
     if (renamed != vanished.end() && !core_.table.child(folder->rid, entry.base.name)) {
       const ItemPtr item = *renamed;
       vanished.erase(renamed);
-      core_.entryChanged(folder->rid, item->name);
-      core_.table.place(item, folder->rid, entry.base.name);
+      core_.moveInView(item, folder->rid, entry.base.name);
       core_.setBase(item, entry.base);
-      core_.entryChanged(folder->rid, item->name);
       continue;
     }
-    insert(folder, entry);
+    add(folder, entry);
   }
 
   // A listing with entries that could not be admitted may have lost others to the same fault.
@@ -113,10 +111,20 @@ bool Lister::apply(const ItemPtr& folder, const Listing& listing) {
       if (!item->gone && item->base) vanish(item, false);
     }
   }
+  tellFolders();
   return true;
 }
 
 void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
+  add(folder, entry);
+  tellFolders();
+}
+
+void Lister::tellFolders() {
+  for (const Rid folder : std::exchange(changedFolders_, {})) core_.showFolderChange(folder);
+}
+
+void Lister::add(const ItemPtr& folder, const Listing::Entry& entry) {
   if (const ItemPtr here = core_.table.child(folder->rid, entry.base.name)) {
     // Folders are the same when their names are; of files both sides are kept.
     if (here->mustCreate() && here->isFolder() && entry.kind == ItemKind::folder &&
@@ -134,8 +142,11 @@ void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
   item->base = entry.base;
   item->size = entry.base.size;
   item->modified = modifiedOf(entry.base);
+  item->changed = std::min(item->changed, item->modified);
   core_.table.add(item);
   core_.save(item);
+  // What was in a folder before it was first listed is no change of it.
+  if (folder->listedAt != 0) changedFolders_.insert(folder->rid);
   // Nobody keeps a memory of names that were not there, so nobody has to be told.
   if (item->pinned) changed_(item);
 }
@@ -143,6 +154,8 @@ void Lister::insert(const ItemPtr& folder, const Listing::Entry& entry) {
 void Lister::showBase(const ItemPtr& item) {
   item->size = item->base->size;
   item->modified = modifiedOf(*item->base);
+  item->dropPrivileges();
+  core_.stamp(*item);
 }
 
 /// Whether the provider has the same contents of an item as was known.
@@ -150,13 +163,13 @@ bool Lister::isSame(const Item& item, const Base& listed) const {
   return item.isFolder() || canBeSame(core_.options, *item.base, listed);
 }
 
-/// Shows the date that the provider has of the same contents, unless a program set another one.
+/// Shows the date that the provider has of the same contents, unless a program set another one. A
+/// folder's date never goes back.
 void Lister::updateDate(const ItemPtr& item, const Base& listed) {
   const Base& known = *item->base;
   if (item->isFolder()) {
     if (!known.date || !listed.date || *known.date == *listed.date) return;
-    item->modified = modifiedOf(listed);
-    core_.folder(item).dateIsNoted = false;
+    item->modified = std::max(item->modified, modifiedOf(listed));
   } else if (item->content == 0 && item->modified == modifiedOf(known)) {
     item->modified = modifiedOf(listed);
   }
@@ -171,7 +184,11 @@ void Lister::update(const ItemPtr& item, const Listing::Entry& entry) {
       listed.versionKnown = true;
     }
     if (*item->base == listed) return;
+    const std::int64_t modified = item->modified;
     updateDate(item, listed);
+    if (item->modified != modified || item->base->capabilities != listed.capabilities) {
+      core_.stamp(*item);
+    }
     core_.setBase(item, std::move(listed));
     core_.itemChanged(item->rid, false);
     return;
@@ -198,6 +215,7 @@ void Lister::replaceContents(const ItemPtr& item, const Base& base) {
   fresh->attributes = item->attributes;
   fresh->pinned = item->pinned;
   fresh->lastUse = item->lastUse;
+  fresh->changed = item->changed;
   showBase(fresh);
   const Rid folder = item->parent;
   core_.itemChanged(item->rid, true);
@@ -272,6 +290,7 @@ void Lister::vanish(const ItemPtr& item, bool certain) {
   core_.itemChanged(item->rid, false);
   core_.dropItem(item);
   core_.entryChanged(folder, name);
+  changedFolders_.insert(folder);
 }
 
 }  // namespace kestrowan::replica

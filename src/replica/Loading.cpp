@@ -12,7 +12,6 @@ namespace kestrowan::replica {
 
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
 /// Until the provider was asked the root may be read and written.
 constexpr NSFileProviderItemCapabilities kRootCapabilities =
     NSFileProviderItemCapability::allowsReading | NSFileProviderItemCapability::allowsWriting;
@@ -87,7 +86,8 @@ void Replica::Implementation::load() {
     root->rid = kRootRid;
     root->parent = kRootRid;
     root->kind = ItemKind::folder;
-    root->modified = core.milliseconds() * 1'000'000;
+    root->modified = core.nanoseconds();
+    root->changed = root->modified;
     root->base = Base{.identifier = std::string(NSFileProviderRootContainerItemIdentifier),
                       .parent = kRootRid,
                       .capabilities = kRootCapabilities};
@@ -222,7 +222,12 @@ void Replica::Implementation::checkContents(const ItemPtr& item,
   const bool isHere = present.contains(item->content) && ::stat(path.c_str(), &status) == 0;
   if (isHere && (item->contentsChanged || !item->base)) {
     item->size = status.st_size;
-    item->modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+    const std::int64_t modified = nanoseconds(status.st_mtim);
+    // Written to after its row was.
+    if (modified != item->modified) {
+      item->changed = std::max(item->changed, nanoseconds(status.st_ctim));
+    }
+    item->modified = modified;
     return;
   }
   // What can be fetched again was never synced.
@@ -235,6 +240,7 @@ void Replica::Implementation::checkContents(const ItemPtr& item,
     item->size = item->base->size;
     item->modified = modifiedOf(*item->base);
   }
+  core.stamp(*item);
   core.save(item);
 }
 

@@ -53,6 +53,17 @@ void Replica::Implementation::requireWritten(const std::function<void()>& undo) 
   }
 }
 
+/// Puts an item that a program made into its folder.
+void Replica::Implementation::addNew(const ItemPtr& item) {
+  {
+    Rows::Batch batch(core.rows);
+    core.table.add(item);
+    core.save(item);
+    core.noteFolderChange(item->parent);
+  }
+  requireWritten([&] { core.dropItem(item); });
+}
+
 void Replica::Implementation::createFile(Rid folderRid, std::string name, std::uint16_t mode,
                                          Completion<CreatedFile> completion) {
   ItemPtr folder;
@@ -72,18 +83,14 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
       if (folder->gone || folder->removed) throw posixError(ENOENT);
       if (core.table.similarChild(folder->rid, name)) throw posixError(EEXIST);
       const ItemPtr item = core.makeItem(folder->rid, name, ItemKind::file);
-      item->mode = static_cast<std::uint16_t>(mode & 0777);
-      item->modified = core.milliseconds() * 1'000'000;
+      item->mode = static_cast<std::uint16_t>(mode & kModeBits);
       item->localOnly = staysHere(name, ItemKind::file);
       item->pinned = folder->pinned;
       core.places.require();
       item->content = core.store.nextNumber();
-      core.contents.create(item->content);
+      noteDates(*item, core.contents.create(item->content).get());
       item->contentsChanged = true;
-      core.table.add(item);
-      core.save(item);
-      requireWritten([&] { core.dropItem(item); });
-      core.noteFolderChange(folder->rid);
+      addNew(item);
       item->lastWrite = core.uptime();
       sender.changed(item, Sender::kQuietTime);
       created = CreatedFile{core.attributes(*item), open(item, true)};
@@ -112,13 +119,9 @@ void Replica::Implementation::makeFolder(Rid folderRid, std::string name, std::u
       if (folder->gone || folder->removed) throw posixError(ENOENT);
       if (core.table.similarChild(folder->rid, name)) throw posixError(EEXIST);
       const ItemPtr item = core.makeItem(folder->rid, name, ItemKind::folder);
-      item->mode = static_cast<std::uint16_t>(mode & 0777);
-      item->modified = core.milliseconds() * 1'000'000;
+      item->mode = static_cast<std::uint16_t>(mode & kModeBits);
       item->pinned = folder->pinned;
-      core.table.add(item);
-      core.save(item);
-      requireWritten([&] { core.dropItem(item); });
-      core.noteFolderChange(folder->rid);
+      addNew(item);
       sender.changed(item, milliseconds(0));
       const Attributes attributes = core.attributes(*item);
       sender.awaitVerdict(item, core.options.verdictWait,
@@ -140,18 +143,23 @@ void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> c
   require(*item, NSFileProviderItemCapability::allowsDeleting);
   const Rid folder = item->parent;
   if (!item->base && !item->isSending() && !item->sent) {
+    Rows::Batch batch(core.rows);
     core.dropItem(item);
     core.noteFolderChange(folder);
     core.answer<Done>(std::move(completion), Done{});
     return;
   }
-  core.table.setRemoved(item, true);
-  core.save(item);
+  {
+    Rows::Batch batch(core.rows);
+    core.table.setRemoved(item, true);
+    core.stamp(*item);
+    core.save(item);
+    core.noteFolderChange(folder);
+  }
   requireWritten([&] {
     core.table.setRemoved(item, false);
     core.save(item);
   });
-  core.noteFolderChange(folder);
   if (item->isSending()) {
     core.answer<Done>(std::move(completion), Done{});
     return;
@@ -344,9 +352,11 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
     Rows::Batch batch(core.rows);
     if (replaces) {
       core.table.setRemoved(target, true);
+      core.stamp(*target);
       core.save(target);
     }
     core.table.place(source, move.newFolder, move.newName);
+    core.stamp(*source);
     if (here && !source->localOnly) {
       keepHereOnly(source);
     } else if (!here && source->localOnly) {
@@ -355,7 +365,7 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
     }
     core.save(source);
     core.noteFolderChange(move.folder);
-    core.noteFolderChange(move.newFolder);
+    if (move.newFolder != move.folder) core.noteFolderChange(move.newFolder);
     if (replaces) {
       if (!target->base && !target->isSending() && !target->sent) {
         core.dropItem(target);

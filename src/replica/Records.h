@@ -25,6 +25,9 @@ inline constexpr std::int64_t kLargestSize = std::int64_t{1} << 60;
 inline constexpr std::int64_t kFirstDate = -62167219200;
 inline constexpr std::int64_t kLastDate = 253402300799;
 
+/// What `chmod` sets.
+inline constexpr std::uint16_t kModeBits = 07777;
+
 enum class ItemKind : std::uint8_t { file, folder };
 
 /// What the provider last confirmed of an item.
@@ -109,7 +112,7 @@ struct ItemRecord {
   std::int64_t changed = 0;
   /// The same: the last access, as an application set it; absent when none did.
   Boxed<std::int64_t> accessed;
-  /// Permission bits that an application set; absent when none did.
+  /// What an application set with `chmod`, of `kModeBits`; absent when none did.
   std::optional<std::uint16_t> mode;
   /// User attributes that applications set.
   Boxed<AttributeMap> attributes;

@@ -182,6 +182,7 @@ void Replica::setUserAttribute(Rid item, std::string_view name, std::string_view
     bytes += attribute.first.size() + attribute.second.size();
   if (bytes > kMostAttributeBytes) throw posixError(ENOSPC);
   known->attributes = std::move(attributes);
+  core.stamp(*known);
   if (known->gone) return;
   core.save(known);
   core.rows.requireWritten();
@@ -195,9 +196,15 @@ void Replica::removeUserAttribute(Rid item, std::string_view name) {
     throw posixError(ENODATA);
   }
   if (known->attributes->empty()) known->attributes.reset();
+  core.stamp(*known);
   if (known->gone) return;
   core.save(known);
   core.rows.requireWritten();
+}
+
+std::int64_t Replica::allocated(const Attributes& attributes) const {
+  const auto& contents = implementation_->core.contents;
+  return contents.allocated(attributes.content).value_or(attributes.size);
 }
 
 ContentFiles::Space Replica::space() const {

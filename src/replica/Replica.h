@@ -24,12 +24,21 @@ namespace kestrowan::replica {
 struct Attributes {
   Rid rid = 0;
   ItemKind kind = ItemKind::file;
-  /// Permission bits.
+  /// Permission bits, and those of `chmod` beyond them.
   std::uint16_t mode = 0;
+  /// How many names lead to it: 0 once it was removed or replaced. Of a folder also its own "." and
+  /// the ".." of each folder that is known in it.
+  std::uint32_t links = 1;
   /// Bytes.
   std::int64_t size = 0;
+  /// The contents here; 0 when there are none.
+  ContentNumber content = 0;
   /// Nanoseconds since 1970-01-01 UTC.
   std::int64_t modified = 0;
+  /// The same: the last access, as an application set it; the modification when none did.
+  std::int64_t accessed = 0;
+  /// The same: when contents, attributes or name changed last. Each change moves it.
+  std::int64_t changed = 0;
 };
 
 /// What `setAttributes` is to change.
@@ -37,6 +46,7 @@ struct AttributeChange {
   std::optional<std::uint16_t> mode;
   std::optional<std::int64_t> size;
   std::optional<std::int64_t> modified;
+  std::optional<std::int64_t> accessed;
 };
 
 /// One folder as it was when it was opened. Immutable.
@@ -142,6 +152,8 @@ class Replica {
   void setUserAttribute(Rid item, std::string_view name, std::string_view value, SetMode mode);
   void removeUserAttribute(Rid item, std::string_view name);
 
+  /// Bytes that an item's contents take on this disk; of those that are not here, what they would.
+  std::int64_t allocated(const Attributes& attributes) const;
   /// Of the disk under the replica.
   ContentFiles::Space space() const;
 

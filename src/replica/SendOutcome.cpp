@@ -45,6 +45,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     const std::string shown = item->name;
     core_.dropContents(item, true);
     core_.dropItem(item);
+    core_.showFolderChange(folder);
     core_.entryChanged(folder, shown);
     answerVerdict(item, std::nullopt);
     return false;
@@ -92,6 +93,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     const std::string shown = holder->name;
     core_.dropContents(holder, true);
     core_.dropItem(holder);
+    core_.showFolderChange(shownIn);
     core_.entryChanged(shownIn, shown);
   }
   if (item->base && (item->base->parent != parent || item->base->name != base.name)) {
@@ -104,11 +106,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
                                  item->parent == parent && !core_.table.child(parent, base.name);
   core_.confirm(item);
   core_.folder(folder).shadowed.erase(base.name);
-  if (renamedByProvider) {
-    core_.entryChanged(parent, item->name);
-    core_.table.place(item, parent, base.name);
-    core_.entryChanged(parent, item->name);
-  }
+  if (renamedByProvider) core_.moveInView(item, parent, base.name);
   // What a listing says soon is of our contents; later it may be of somebody else's.
   if (!base.versionKnown) lister_.look(folder);
   core_.setBase(item, std::move(base));
@@ -123,6 +121,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
       core_.dropContents(item, true);
       item->size = item->base->size;
       item->modified = modifiedOf(*item->base);
+      core_.stamp(*item);
       core_.save(item);
       core_.itemChanged(item->rid, true);
     } else {
@@ -139,6 +138,7 @@ bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
     item->contents.reset();
     item->size = item->base->size;
     item->modified = modifiedOf(*item->base);
+    core_.stamp(*item);
     core_.save(item);
     core_.itemChanged(item->rid, true);
     return false;
@@ -235,12 +235,11 @@ void Sender::rollBack(const ItemPtr& item) {
   if (!item->base) {
     if (item->isFolder() && core_.table.hasChildren(item->rid)) return;
     core_.dropItem(item);
+    core_.showFolderChange(item->parent);
     return;
   }
   if (core_.table.child(item->base->parent, item->base->name)) return;
-  core_.table.place(item, item->base->parent, item->base->name);
-  core_.save(item);
-  core_.entryChanged(item->parent, item->name);
+  core_.moveInView(item, item->base->parent, item->base->name);
 }
 
 /// A removal did not come about, for `reason`: the item is there again.
@@ -258,7 +257,9 @@ void Sender::resurrect(const ItemPtr& item, const NSError& reason) {
   }
   core_.table.place(item, item->base->parent, item->base->name);
   core_.table.setRemoved(item, false);
+  core_.stamp(*item);
   core_.save(item);
+  core_.showFolderChange(item->parent);
   core_.entryChanged(item->parent, item->name);
   if (item->isFolder()) {
     for (const ItemPtr& child : core_.table.serverChildren(item->rid)) {
@@ -272,12 +273,9 @@ void Sender::bounce(const ItemPtr& item) {
   const ItemPtr folder = core_.table.find(item->parent);
   if (!folder) return;
   const std::string before = item->name;
-  core_.table.place(item, item->parent,
-                    freeName(
-                        folder, [&](unsigned number) { return bouncedName(before, number); }, 2));
-  core_.save(item);
-  core_.entryChanged(item->parent, before);
-  core_.entryChanged(item->parent, item->name);
+  core_.moveInView(item, item->parent,
+                   freeName(
+                       folder, [&](unsigned number) { return bouncedName(before, number); }, 2));
   core_.log("its name was taken; it was renamed from", *item, before);
   if (item->isSending()) return;
   changed(item, milliseconds(0));
@@ -303,8 +301,7 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
         return conflictName(name, core_.seconds(), core_.options.hostName, attempt);
       },
       1);
-  core_.table.place(item, item->parent, copy);
-  core_.save(item);
+  core_.moveInView(item, item->parent, copy);
   core_.table.add(theirs);
   core_.setBase(theirs, atProvider);
 
@@ -313,7 +310,6 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
   core_.conflicts.push_back(core_.table.path(*item));
   core_.log("changed on both sides; the copy from here is", *theirs, copy);
   core_.entryChanged(item->parent, name);
-  core_.entryChanged(item->parent, copy);
   answerVerdict(item, std::nullopt);
 }
 

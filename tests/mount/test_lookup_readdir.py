@@ -162,6 +162,16 @@ def test_a_rewound_folder_shows_what_is_there_now(host, mount):
         assert set(folder.rest()) == {".", "..", "new"}
 
 
+def test_a_folder_that_is_rewound_before_it_is_read_shows_what_is_there_now(host, mount):
+    host.write("/old", "x")
+    assert os.listdir(mount) == ["old"]
+    with Folder(mount) as folder:
+        (mount / "new").write_text("x")
+        os.unlink(mount / "old")
+        folder.rewind()
+        assert set(folder.rest()) == {".", "..", "new"}
+
+
 def test_dots_lead_to_the_folder_and_the_one_above(host, mount):
     host.folder("/a")
     host.folder("/a/b")

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,8 @@ class ContentFiles {
   /// A new empty file. For reading and writing, as are the next two.
   UniqueFd create(ContentNumber number);
   UniqueFd open(ContentNumber number) const;
+  /// Bytes that the contents take on the disk; nothing for contents that are not there.
+  std::optional<std::int64_t> allocated(ContentNumber number) const;
   /// A copy of the contents behind `source`, sharing blocks where the file system can and keeping
   /// holes. Leaves nothing behind when it fails.
   UniqueFd clone(int source, ContentNumber number);

@@ -28,7 +28,6 @@ constexpr int kSentColumns = 30;
 constexpr int kOrderColumn = 35;
 constexpr int kTimeColumns = 36;
 
-constexpr std::uint16_t kPermissionBits = 07777;
 constexpr auto kLargestNumber =
     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
@@ -203,7 +202,7 @@ bool isSensible(const ItemRecord& record) {
   const auto& sent = record.sent;
   return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
          isNumber(record.content) && isNumber(record.after) && record.size >= 0 &&
-         record.kind <= ItemKind::folder && record.mode.value_or(0) <= kPermissionBits &&
+         record.kind <= ItemKind::folder && record.mode.value_or(0) <= kModeBits &&
          (record.rid == kRootRid || isValidName(record.name)) &&
          (!base || (base->size >= 0 && isNumber(base->parent))) &&
          (!sent || (sent->size >= 0 && isNumber(sent->parent) && isNumber(sent->content))) &&
@@ -254,7 +253,7 @@ std::optional<ItemRecord> itemFromRow(const Statement& row) {
   record.contentsChanged = reader.flag();
   record.size = reader.number(0);
   record.modified = reader.number();
-  if (const auto mode = reader.optionalNumber(0, kPermissionBits)) {
+  if (const auto mode = reader.optionalNumber(0, kModeBits)) {
     record.mode = static_cast<std::uint16_t>(*mode);
   }
   bool attributesAreSensible = true;

@@ -19,7 +19,7 @@ replica::Attributes attributes(replica::ItemKind kind, std::uint16_t mode, std::
 
 TEST(FileStatusTest, AFileShowsItsSizeAndItsOwner) {
   const auto status =
-      fileStatus(attributes(replica::ItemKind::file, 0644, 513), Appearance{1000, 1001});
+      fileStatus(attributes(replica::ItemKind::file, 0644, 513), 513, Appearance{1000, 1001});
   EXPECT_EQ(status.st_ino, 42U);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
   EXPECT_EQ(status.st_nlink, 1U);
@@ -33,13 +33,25 @@ TEST(FileStatusTest, AFileShowsItsSizeAndItsOwner) {
 }
 
 TEST(FileStatusTest, AFolderIsAFolder) {
-  const auto status = fileStatus(attributes(replica::ItemKind::folder, 0555, 0), Appearance{});
+  const auto status = fileStatus(attributes(replica::ItemKind::folder, 0555, 0), 0, Appearance{});
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0555));
-  EXPECT_EQ(status.st_nlink, 2U);
+}
+
+TEST(FileStatusTest, EachDateAndTheLinksAreShown) {
+  auto shown = attributes(replica::ItemKind::file, 0644, 1);
+  shown.accessed = 1'000'000'001;
+  shown.changed = 2'000'000'002;
+  shown.links = 0;
+  const auto status = fileStatus(shown, 4096, Appearance{});
+  EXPECT_EQ(nanoseconds(status.st_atim), 1'000'000'001);
+  EXPECT_EQ(nanoseconds(status.st_mtim), shown.modified);
+  EXPECT_EQ(nanoseconds(status.st_ctim), 2'000'000'002);
+  EXPECT_EQ(status.st_nlink, 0U);
+  EXPECT_EQ(status.st_blocks, 8);
 }
 
 TEST(FileStatusTest, AnEntryIsTheItemForAsLongAsItLives) {
-  const auto entry = kernelEntry(attributes(replica::ItemKind::file, 0644, 1), Appearance{});
+  const auto entry = kernelEntry(attributes(replica::ItemKind::file, 0644, 1), 1, Appearance{});
   EXPECT_EQ(entry.ino, 42U);
   EXPECT_EQ(entry.generation, 0U);
   EXPECT_EQ(entry.attr.st_ino, 42U);
@@ -64,9 +76,9 @@ TEST(FileStatusTest, TimesOutOfRangeBecomeTheNearest) {
             std::numeric_limits<std::int64_t>::min());
 }
 
-TEST(FileStatusTest, NoItemRunsAsSomebodyElse) {
-  EXPECT_EQ(permissionBits(S_IFREG | 07755), 0755);
-  EXPECT_EQ(permissionBits(S_IFDIR | 07755), 03755);
+TEST(FileStatusTest, AllThatChmodSetsIsKept) {
+  EXPECT_EQ(permissionBits(S_IFREG | 07755), 07755);
+  EXPECT_EQ(permissionBits(S_IFDIR | 01777), 01777);
 }
 
 }  // namespace

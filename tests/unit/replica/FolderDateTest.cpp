@@ -131,12 +131,25 @@ TEST_F(FolderDateTest, StaysWhenContentsOfAFileInItAreSent) {
 }
 
 TEST_F(FolderDateTest, IsThatOfWhatAnotherClientDoes) {
+  world.server().makeFolder("/n");
+  date("/n");
+  setDate("/n", kThen);
+  EXPECT_EQ(date("/n"), kThen);
+  world.server().writeFile("/n/theirs", "x");
+  const std::int64_t theirs = world.server().stat("/n")->date * kSecond;
+  EXPECT_EQ(date("/n"), theirs);
+  EXPECT_EQ(date("/n"), theirs);
+}
+
+TEST_F(FolderDateTest, OfAFolderInUseIsThatOfTheListingThatShowsWhatAnotherClientDid) {
   setDate("/d", kThen);
   EXPECT_EQ(date(), kThen);
   world.server().writeFile("/d/theirs", "x");
   const std::int64_t theirs = world.server().stat("/d")->date * kSecond;
-  EXPECT_EQ(date(), theirs);
-  EXPECT_EQ(date(), theirs);
+  world.list("/d");
+  const std::int64_t shown = date();
+  EXPECT_GE(shown, theirs);
+  EXPECT_EQ(date(), shown);
 }
 
 TEST_F(FolderDateTest, IsNewWhenSomethingIsMadeRemovedOrRenamedInIt) {
@@ -162,6 +175,59 @@ TEST_F(FolderDateTest, IsNewWhenSomethingIsMadeRemovedOrRenamedInIt) {
   expectNew("/d", [&] { world.rename("/d/b", "/e/b"); });
   expectNew("/d", [&] { world.rename("/e/b", "/d/b"); });
   expectNew("/e", [&] { world.rename("/d/b", "/e/b"); });
+}
+
+TEST_F(FolderDateTest, MovesWithEachChangeThoughTheClockStandsStill) {
+  std::int64_t before = world.attributes("/d").modified;
+  const auto expectLater = [&](const auto& action) {
+    action();
+    const std::int64_t after = world.attributes("/d").modified;
+    EXPECT_GT(after, before);
+    before = after;
+  };
+  expectLater([&] { world.write("/d/a", "1"); });
+  expectLater([&] { world.write("/d/b", "1"); });
+  expectLater([&] { world.rename("/d/a", "/d/b"); });
+  expectLater([&] { world.remove("/d/b"); });
+  world.crashUnconnected();
+  EXPECT_EQ(world.attributes("/d").modified, before);
+}
+
+TEST_F(FolderDateTest, MovesWithWhatAListingShowsInTheFolder) {
+  std::int64_t before = date();
+  const auto expectLater = [&](const auto& action) {
+    action();
+    world.advance(seconds(60));
+    world.list("/d");
+    world.advance(seconds(60));
+    world.list("/d");
+    const std::int64_t after = world.attributes("/d").modified;
+    EXPECT_GT(after, before);
+    before = after;
+  };
+  expectLater([&] { world.server().writeFile("/d/theirs", "x"); });
+  expectLater([&] { world.server().rename("/d/theirs", "/d/other"); });
+  expectLater([&] { world.server().remove("/d/other"); });
+  expectLater([&] { world.server().makeFolder("/d/folder"); });
+}
+
+TEST_F(FolderDateTest, StaysWhenItIsListedFirst) {
+  world.server().makeFolder("/n");
+  world.server().writeFile("/n/a", "x");
+  const std::int64_t before = date("/n");
+  world.list("/n");
+  EXPECT_EQ(world.attributes("/n").modified, before);
+}
+
+TEST_F(FolderDateTest, NeverGoesBackByItself) {
+  const std::int64_t later = now() + 1'000'000 * kSecond;
+  setDate("/d", later);
+  EXPECT_EQ(date(), later);
+  world.server().writeFile("/d/theirs", "x");
+  world.list("/d");
+  EXPECT_EQ(date(), later + 1);
+  world.write("/d/ours", "x");
+  EXPECT_GT(date(), later + 1);
 }
 
 TEST_F(FolderDateTest, OfAFolderInWhichSomethingWasMadeIsNewAfterARestart) {
