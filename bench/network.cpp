@@ -137,6 +137,7 @@ int measure(char** arguments) {
   CurlLimits limits;
   limits.transfers = static_cast<std::size_t>(std::atoi(arguments[5]));
   limits.files = limits.transfers;
+  limits.mostTransfers = limits.transfers;
 
   Run run{makeCurlSession(configuration, delegate, limits), {NSURL::URLWithString(arguments[2])}};
   auto file = NSURL::fileURLWithPath("/");

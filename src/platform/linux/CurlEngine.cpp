@@ -38,21 +38,22 @@ void initializeCurl() {
   if (result != CURLE_OK) throw urlErrorForCurl(result, false, {});
 }
 
-CURLM* makeMulti(std::size_t connections) {
+CURLM* makeMulti() {
   initializeCurl();
   auto* multi = curl_multi_init();
   if (!multi) throw std::bad_alloc();
   curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_NOTHING);
-  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(connections));
-  curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, static_cast<long>(connections));
   return multi;
 }
 
 }  // namespace
 
 CurlEngine::CurlEngine(std::weak_ptr<NSURLSessionDelegate> delegate, CurlLimits limits)
-    : challenger_(std::move(delegate)), limits_(limits), cancelled_(urlError(NSURLErrorCancelled)) {
-  spareHandles_.reserve(limits.transfers);
+    : challenger_(std::move(delegate)),
+      limits_(limits),
+      cancelled_(urlError(NSURLErrorCancelled)),
+      places_(limits.transfers, limits.mostTransfers) {
+  spareHandles_.reserve(limits.mostTransfers);
 }
 
 CurlEngine::~CurlEngine() = default;
@@ -109,7 +110,8 @@ void CurlEngine::stop() {
 }
 
 void CurlEngine::startThread() {
-  multi_ = makeMulti(limits_.transfers);
+  multi_ = makeMulti();
+  setConnections();
   const SignalsBlocked blocked;
   try {
     thread_ = std::thread([self = shared_from_this()] { self->run(); });
@@ -162,16 +164,34 @@ bool CurlEngine::takeOrders() {
 }
 
 void CurlEngine::admit() {
+  admitIntoPlaces();
+  if (waitingCount() == 0) return;
+  const auto before = places_.value();
+  places_.grow(waitingCount(), CurlTransfer::Clock::now());
+  if (places_.value() == before) return;
+  setConnections();
+  admitIntoPlaces();
+}
+
+void CurlEngine::admitIntoPlaces() {
+  const auto placesForFiles = places_.value() - (limits_.transfers - limits_.files);
   // Files first: they cannot take all places, so neither kind keeps the other waiting for ever.
-  while (running_.size() < limits_.transfers && runningFiles_ < limits_.files &&
+  while (running_.size() < places_.value() && runningFiles_ < placesForFiles &&
          admitFrom(waitingFiles_)) {
   }
-  while (running_.size() < limits_.transfers && admitFrom(waitingRequests_)) {
+  while (running_.size() < places_.value() && admitFrom(waitingRequests_)) {
   }
+}
+
+void CurlEngine::setConnections() {
+  const auto connections = static_cast<long>(places_.value());
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, connections);
+  curl_multi_setopt(multi_, CURLMOPT_MAX_TOTAL_CONNECTIONS, connections);
 }
 
 bool CurlEngine::admitFrom(Transfers& waiting) {
   if (waiting.empty()) return false;
+  places_.noteBegin(CurlTransfer::Clock::now());
   if (begin(*waiting.front())) {
     runningFiles_ += waiting.front()->movesFile() ? 1 : 0;
     running_.splice(running_.end(), waiting, waiting.begin());
@@ -289,6 +309,9 @@ int CurlEngine::millisecondsToNextCheck() const {
     wait =
         std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(transfer->nextCheck() - now));
   }
+  if (waitingCount() > 0 && places_.canGrow()) {
+    wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(places_.growsAt() - now));
+  }
   return static_cast<int>(std::max<std::int64_t>(wait.count(), 0));
 }
 
@@ -298,7 +321,11 @@ CurlEngine::Transfers::iterator CurlEngine::leave(Transfers::iterator place) {
   runningFiles_ -= transfer->movesFile() ? 1 : 0;
   curl_multi_remove_handle(multi_, transfer->easy());
   giveBack(transfer->easy());
-  return running_.erase(place);
+  const auto behind = running_.erase(place);
+  const auto before = places_.value();
+  places_.noteEnd(running_.size(), waitingCount());
+  if (places_.value() != before) setConnections();
+  return behind;
 }
 
 void CurlEngine::cancelAll() {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/base/GrowingLimit.h"
 #include "platform/linux/CurlTransfer.h"
 #include "platform/linux/CurlTrust.h"
 
@@ -20,13 +21,16 @@ struct CurlLimits {
   std::size_t transfers = 8;
   /// Of which so many may move whole files; fewer than all, so that short requests pass them.
   std::size_t files = 6;
+  /// So many transfers while answers are slow and others wait; of files as many more.
+  std::size_t mostTransfers = 24;
 };
 
 /// Runs the transfers of one session on a thread of its own, which starts with the first of them.
 ///
-/// Transfers beyond the limits wait in the order of submission, files apart from the others. A
-/// place that becomes free, however it does, goes to the next that waits before the thread sleeps.
-/// A transfer that nothing waits for any more fails with `NSURLErrorCancelled`: one that waits is
+/// Transfers beyond the limits wait in the order of submission, files apart from the others. The
+/// limits grow while none of those that run comes to its end, and fall back afterwards. A place
+/// that becomes free, however it does, goes to the next that waits before the thread sleeps. A
+/// transfer that nothing waits for any more fails with `NSURLErrorCancelled`: one that waits is
 /// never sent, one that runs is broken off. Want of memory fails the transfer that needs it, no
 /// other. Shared between the session, the thread and running tasks. `submit`, `resume`,
 /// `dropUnwanted` and `stop` may be called from every thread.
@@ -58,6 +62,9 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   void run() noexcept;
   bool takeOrders();
   void admit();
+  void admitIntoPlaces();
+  std::size_t waitingCount() const { return waitingRequests_.size() + waitingFiles_.size(); }
+  void setConnections();
   bool admitFrom(Transfers& waiting);
   bool begin(CurlTransfer& transfer) noexcept;
   CURL* takeHandle();
@@ -88,6 +95,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   Transfers waitingFiles_;
   Transfers running_;
   std::size_t runningFiles_ = 0;
+  GrowingLimit places_;
   std::vector<CURL*> spareHandles_;  // has room for all that can be
 };
 

@@ -16,7 +16,7 @@
 namespace kestrowan::test {
 namespace {
 
-constexpr std::size_t kMostConnections = 8;
+constexpr std::size_t kMostConnections = 24;
 
 std::size_t threadCount() {
   return static_cast<std::size_t>(
@@ -51,6 +51,18 @@ TEST(SessionTest, ThousandsOfRequestsShareFewConnectionsAndOneThread) {
     EXPECT_EQ(receiver->body(), "x");
     EXPECT_EQ(receiver->pieces(), 1);
   }
+}
+
+TEST(SessionTest, SlowAnswersDoNotKeepOtherRequestsWaiting) {
+  ScriptedServer server(R"({"responses": [{"holdFor": "go"}]})");
+  Client client(server);
+  std::vector<std::future<NSURLSessionDownload>> downloads;
+  for (int i = 0; i < 10; ++i) {
+    downloads.push_back(started(client.session().downloadTask(client.request("GET", "/file"))));
+  }
+  server.waitForRequests(10);
+  server.release("go");
+  for (auto& download : downloads) std::remove(download.get().location.path().c_str());
 }
 
 TEST(SessionTest, FilesInFlightLetRequestsPass) {
