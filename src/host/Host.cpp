@@ -74,7 +74,7 @@ std::string changesText(std::int64_t count) {
 
 replica::Options replicaOptions(const HostSettings& settings) {
   auto options = settings.replica;
-  options.identifiers = replica::IdentifierForm::paths();
+  options.identifiers = replica::remote::IdentifierForm::paths();
   options.wouldRefuse = extensionRefusals();
   options.hostName = machineName();
   options.saysNothing = saysNothing;

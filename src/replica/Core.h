@@ -20,10 +20,10 @@
 #include "replica/ItemTable.h"
 #include "replica/Observer.h"
 #include "replica/Options.h"
-#include "replica/ProviderCalls.h"
 #include "replica/Replica.h"
 #include "replica/Rows.h"
 #include "replica/Tally.h"
+#include "replica/remote/Provider.h"
 #include "replica/store/ContentFiles.h"
 #include "replica/store/ItemStore.h"
 
@@ -52,7 +52,7 @@ struct Core {
   async::Scope loop;
   ItemStore store;
   ContentFiles contents;
-  ProviderCalls provider;
+  remote::Provider provider;
 
   mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`
   Rows rows;

@@ -12,7 +12,7 @@
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
-#include "replica/ErrorClass.h"
+#include "replica/remote/Retry.h"
 
 namespace kestrowan::replica {
 
@@ -20,6 +20,8 @@ namespace {
 
 /// Contents are taken only with the version they were asked for; after so many tries, as they are.
 constexpr int kTries = 3;
+/// A fetch that fails for a passing reason is tried so often in all.
+constexpr unsigned kAttempts = 3;
 
 std::optional<std::int64_t> sizeOfFile(const std::string& path) {
   struct stat status;
@@ -43,8 +45,6 @@ void Fetcher::fetch(const ItemPtr& item, Completion<Done> completion) {
   std::optional<NSError> refusal;
   if (item->gone && !item->isLeftOver()) {
     refusal = posixError(ESTALE);
-  } else if (item->content == 0 && !item->fetching && !health_.isUp()) {
-    refusal = health_.reason();
   } else if (item->content == 0 && !item->base) {
     refusal = posixError(EIO);
   }
@@ -87,7 +87,10 @@ Task<void> Fetcher::run(ItemPtr item) {
     }
   }
   try {
-    if (!error) error = co_await attempt(item);
+    if (!error) {
+      auto contents = bring(item);
+      co_await std::move(contents);
+    }
   } catch (...) {
     error = caughtError();
   }
@@ -120,38 +123,74 @@ Task<void> Fetcher::untilItStays(ItemPtr item) {
   }
 }
 
-Task<std::optional<NSError>> Fetcher::attempt(ItemPtr item) {
-  for (int tries = 1;; ++tries) {
+Task<void> Fetcher::bring(ItemPtr item) {
+  remote::Retry retry(core_.loop, health_, kAttempts, std::nullopt);
+  co_await reachServer();
+  for (int tries = 1;;) {
     co_await untilItStays(item);
     Base before;
     {
       std::lock_guard lock(core_.mutex);
-      if (item->gone || !item->base) co_return posixError(ESTALE);
+      if (item->gone || !item->base) throw posixError(ESTALE);
       before = *item->base;
     }
-    auto outcome = co_await core_.provider.fetch(before.identifier);
-    std::lock_guard lock(core_.mutex);
-    if (core_.stopped) co_return posixError(EIO);
-    health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
-    if (!outcome.succeeded()) {
-      // Perhaps it was looked for where it no longer is.
-      const bool moved = item->base && item->base->identifier != before.identifier;
-      if ((moved || moverOf(*item)) && tries < kTries) continue;
-      co_return outcome.error();
+    std::optional<NSError> failure;
+    remote::FetchedFile file;
+    try {
+      auto request = core_.provider.fetch(before.identifier, before.size);
+      file = co_await std::move(request);
+    } catch (const NSError& error) {
+      failure = error;
     }
-    auto problem = adopt(item, before, outcome.value(), tries >= kTries);
-    if (!problem) co_return std::nullopt;
-    ::unlink(outcome.value().path.c_str());
-    const bool again =
-        problem->is(NSFileProviderErrorDomain,
-                    static_cast<std::int64_t>(NSFileProviderErrorCode::versionOutOfDate));
-    if (!again) co_return problem;
+    bool mustWait = false;
+    {
+      std::lock_guard lock(core_.mutex);
+      if (core_.stopped) throw posixError(EIO);
+      health_.note(failure);
+      if (!failure) {
+        if (adoptUnlessStale(item, before, file, tries >= kTries)) co_return;
+        ++tries;
+      } else {
+        // Perhaps it was looked for where it no longer is.
+        const bool moved = item->base && item->base->identifier != before.identifier;
+        mustWait = (!moved && !moverOf(*item)) || tries++ >= kTries;
+      }
+    }
+    if (!mustWait) continue;
+    auto again = retry.after(*failure);
+    if (!co_await std::move(again)) throw *failure;
   }
+}
+
+/// Waits for a server that is not there, and throws when none comes.
+Task<void> Fetcher::reachServer() {
+  {
+    std::lock_guard lock(core_.mutex);
+    if (health_.isUp()) co_return;
+  }
+  auto reached = health_.awaitServer();
+  if (co_await std::move(reached)) co_return;
+  std::lock_guard lock(core_.mutex);
+  throw health_.reason();
+}
+
+/// Takes a fetched file as the item's contents; false when it has to be fetched again. Throws why
+/// it cannot be taken.
+bool Fetcher::adoptUnlessStale(const ItemPtr& item, const Base& before,
+                               const remote::FetchedFile& file, bool last) {
+  const auto problem = adopt(item, before, file, last);
+  if (!problem) return true;
+  ::unlink(file.path.c_str());
+  if (problem->is(NSFileProviderErrorDomain,
+                  static_cast<std::int64_t>(NSFileProviderErrorCode::versionOutOfDate))) {
+    return false;
+  }
+  throw *problem;
 }
 
 /// Takes a fetched file as the item's contents; `versionOutOfDate` when it has to be fetched again.
 std::optional<NSError> Fetcher::adopt(const ItemPtr& item, const Base& before,
-                                      const FetchedFile& file, bool last) {
+                                      const remote::FetchedFile& file, bool last) {
   if (item->gone || !item->base) return posixError(ESTALE);
   // Somebody wrote new contents meanwhile.
   if (item->content != 0) {

@@ -1,16 +1,17 @@
 #pragma once
 
 #include "replica/Core.h"
-#include "replica/Health.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica {
 
 /// Brings contents here. One fetch of an item at a time; it goes on when nobody waits any more.
 class Fetcher {
  public:
-  Fetcher(Core& core, Health& health) : core_(core), health_(health) {}
+  Fetcher(Core& core, remote::Health& health) : core_(core), health_(health) {}
 
-  /// Completes once the item's contents are here. Without the lock.
+  /// Completes once the item's contents are here. Waits for a server that is not there as long as
+  /// `Health` does. Without the lock.
   void fetch(const ItemPtr& item, Completion<Done> completion);
   /// The same for whoever holds the lock and does not wait; does nothing while that is not
   /// possible.
@@ -37,15 +38,18 @@ class Fetcher {
   ItemPtr moverOf(const Item& item) const;
   Task<void> untilItStays(ItemPtr item);
   Task<void> run(ItemPtr item);
-  Task<std::optional<NSError>> attempt(ItemPtr item);
-  std::optional<NSError> adopt(const ItemPtr& item, const Base& before, const FetchedFile& file,
-                               bool last);
+  Task<void> bring(ItemPtr item);
+  Task<void> reachServer();
+  bool adoptUnlessStale(const ItemPtr& item, const Base& before, const remote::FetchedFile& file,
+                        bool last);
+  std::optional<NSError> adopt(const ItemPtr& item, const Base& before,
+                               const remote::FetchedFile& file, bool last);
   void finish(const ItemPtr& item, const std::optional<NSError>& error);
   std::int64_t cacheLimit() const;
   std::int64_t freeSpaceFloor() const;
 
   Core& core_;
-  Health& health_;
+  remote::Health& health_;
   std::int64_t inFlight_ = 0;
   /// At most so much is cached, what is being fetched included.
   std::optional<std::int64_t> cachedAtMost_;

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "replica/ErrorClass.h"
 #include "replica/Implementation.h"
+#include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica {
 
@@ -76,9 +76,9 @@ void Replica::Implementation::fetchAndOpen(
 /// Fails a call on an item whose error leaves open what is wrong only after a look at its folder.
 void Replica::Implementation::explain(const ItemPtr& item, const NSError& error,
                                       const Completion<std::shared_ptr<OpenFile>>& completion) {
-  const ErrorClass kind = errorClass(error);
+  const remote::ErrorClass kind = remote::errorClass(error);
   ItemPtr folder;
-  if (kind == ErrorClass::ambiguous || kind == ErrorClass::gone) {
+  if (kind == remote::ErrorClass::ambiguous || kind == remote::ErrorClass::gone) {
     std::lock_guard lock(core.mutex);
     if (item->base) folder = core.table.find(item->base->parent);
   }

@@ -9,10 +9,10 @@
 
 #include "replica/Core.h"
 #include "replica/Fetcher.h"
-#include "replica/Health.h"
 #include "replica/Lister.h"
 #include "replica/Replica.h"
 #include "replica/Sender.h"
+#include "replica/remote/Health.h"
 #include "replica/store/UseMark.h"
 
 namespace kestrowan::replica {
@@ -26,7 +26,7 @@ class Replica::Implementation {
   ~Implementation();
 
   Core core;
-  Health health;
+  remote::Health health;
   Lister lister;
   Fetcher fetcher;
   Sender sender;

@@ -31,8 +31,13 @@ struct FolderRuntime {
   bool listAgain = false;
   /// A timer will list it anew while it is in use.
   bool watched = false;
-  std::vector<Completion<ListingPtr>> listingWaiters;
-  std::vector<Completion<ListingPtr>> nextListingWaiters;
+  struct ListingWaiter {
+    Completion<ListingPtr> completion;
+    /// A listing that failed for a passing reason is to be tried again for this one.
+    bool insists = false;
+  };
+  std::vector<ListingWaiter> listingWaiters;
+  std::vector<ListingWaiter> nextListingWaiters;
 
   /// The provider's entries that cannot be shown, because something else has their name here.
   std::unordered_map<std::string, Listing::Entry> shadowed;

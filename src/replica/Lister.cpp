@@ -10,7 +10,8 @@
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
-#include "replica/ErrorClass.h"
+#include "replica/remote/ErrorClass.h"
+#include "replica/remote/Retry.h"
 
 namespace kestrowan::replica {
 
@@ -33,6 +34,9 @@ constexpr milliseconds kFirstListingWait{60000};
 constexpr std::size_t kLargeListing = 5000;
 constexpr milliseconds kTrimDelay{1000};
 
+/// A listing that fails for a passing reason is tried so often in all.
+constexpr unsigned kAttempts = 3;
+
 /// So often in a row a listing that did not come whole is asked for anew by itself.
 constexpr std::uint32_t kRepeats = 8;
 
@@ -45,7 +49,7 @@ struct Lister::Waiter {
   bool answered = false;
 };
 
-Lister::Lister(Core& core, Health& health, std::function<void(const ItemPtr&)> changed)
+Lister::Lister(Core& core, remote::Health& health, std::function<void(const ItemPtr&)> changed)
     : core_(core), health_(health), changed_(std::move(changed)) {}
 
 bool Lister::isKnown(const Item& folder) const {
@@ -101,13 +105,9 @@ void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completi
   }
   if (!canAsk) {
     const bool enough = known && need != Need::forced;
-    const NSError reason = health_.reason();
+    if (!enough) core_.loop.spawn(prepareOnceReached(folder, need, completion));
     lock.unlock();
-    if (enough) {
-      completion(Done{});
-    } else {
-      completion(reason);
-    }
+    if (enough) completion(Done{});
     return;
   }
   const bool background =
@@ -144,12 +144,13 @@ void Lister::prepare(const ItemPtr& folder, Need need, Completion<Done> completi
       waiter->completion(outcome.error());
     }
   };
+  const bool insists = !known || need == Need::forced;
   // A listing that is on its way is new enough for a look, but not as a proof.
   if (runtime.listing && need == Need::forced) {
     runtime.listAgain = true;
-    runtime.nextListingWaiters.push_back(std::move(answer));
+    runtime.nextListingWaiters.push_back({std::move(answer), insists});
   } else {
-    runtime.listingWaiters.push_back(std::move(answer));
+    runtime.listingWaiters.push_back({std::move(answer), insists});
     if (!runtime.listing) begin(folder);
   }
 }
@@ -163,17 +164,36 @@ void Lister::list(const ItemPtr& folder, Completion<ListingPtr> completion) {
   FolderRuntime& runtime = core_.folder(folder);
   if (runtime.listing) {
     runtime.listAgain = true;
-    runtime.nextListingWaiters.push_back(std::move(completion));
+    runtime.nextListingWaiters.push_back({std::move(completion)});
   } else {
-    runtime.listingWaiters.push_back(std::move(completion));
+    runtime.listingWaiters.push_back({std::move(completion)});
     begin(folder);
   }
 }
 
-Task<Outcome<ListingPtr>> Lister::listed(ItemPtr folder) {
-  auto pending = std::make_shared<OneShot<Outcome<ListingPtr>>>(core_.loop);
-  list(folder, [pending](Outcome<ListingPtr> outcome) { pending->resolve(std::move(outcome)); });
-  auto result = OneShot<Outcome<ListingPtr>>::result(std::move(pending));
+/// Waits for a server that is not there, for a caller that can do nothing without one.
+Task<void> Lister::prepareOnceReached(ItemPtr folder, Need need, Completion<Done> completion) {
+  auto reached = health_.awaitServer();
+  if (co_await std::move(reached)) {
+    prepare(folder, need, std::move(completion));
+    co_return;
+  }
+  std::unique_lock lock(core_.mutex);
+  const NSError reason = health_.reason();
+  lock.unlock();
+  completion(reason);
+}
+
+Task<ListingPtr> Lister::listed(ItemPtr folder) {
+  auto listing = std::make_shared<OneShot<ListingPtr>>(core_.loop);
+  list(folder, [listing](Outcome<ListingPtr> outcome) {
+    if (outcome.succeeded()) {
+      listing->resolve(std::move(outcome.value()));
+    } else {
+      listing->reject(std::make_exception_ptr(outcome.error()));
+    }
+  });
+  auto result = OneShot<ListingPtr>::result(std::move(listing));
   co_return co_await std::move(result);
 }
 
@@ -184,88 +204,100 @@ void Lister::begin(const ItemPtr& folder) {
 }
 
 Task<void> Lister::run(ItemPtr folder) {
-  std::optional<NSError> problem;
-  try {
-    co_await ask(folder);
-  } catch (...) {
-    problem = caughtError();
-  }
-  if (!problem) co_return;
-  std::lock_guard lock(core_.mutex);
-  core_.log("cannot be listed", *folder, problem->localizedDescription());
-  if (core_.folder(folder).listing) finish(folder, *problem);
-}
-
-Task<void> Lister::ask(ItemPtr folder) {
-  NSFileProviderItemIdentifier identifier;
-  Sequence begun = 0;
-  const std::int64_t at = core_.milliseconds();
-  const std::int64_t uptime = core_.uptime();
-  {
+  remote::Retry retry(core_.loop, health_, kAttempts, core_.options.listingWait);
+  bool isExplained = false;
+  for (;;) {
+    ListingPtr listing;
+    std::optional<NSError> problem;
+    try {
+      auto asked = ask(folder);
+      listing = co_await std::move(asked);
+    } catch (...) {
+      problem = caughtError();
+    }
+    if (problem && remote::errorClass(*problem) == remote::ErrorClass::ambiguous &&
+        !std::exchange(isExplained, folder->rid != kRootRid)) {
+      auto explanation = explained(folder, *problem);
+      problem = co_await std::move(explanation);
+    }
+    if (problem && remote::isPassing(*problem) && answerUnlessInsistent(folder, *problem)) {
+      auto again = retry.after(*problem);
+      if (co_await std::move(again)) continue;
+    }
     std::lock_guard lock(core_.mutex);
-    if (!folder->base || folder->gone) {
-      finish(folder, posixError(ESTALE));
+    if (!problem) {
+      finish(folder, listing);
       co_return;
     }
-    identifier = folder->base->identifier;
-    begun = ++core_.sequence;
+    if (problem->domain() == NSPOSIXErrorDomain && problem->code() != ESTALE) {
+      core_.log("cannot be listed", *folder, problem->localizedDescription());
+    }
+    finish(folder, *problem);
+    co_return;
   }
-  auto outcome = co_await core_.provider.list(identifier);
-  // For a large folder that takes long, and no call must wait for it.
-  std::shared_ptr<Listing> listing;
-  if (outcome.succeeded()) {
-    listing = std::make_shared<Listing>(outcome.value(), folder->rid, identifier, core_.options);
-    outcome.value().clear();
-  }
+}
 
-  std::unique_lock lock(core_.mutex);
-  if (core_.stopped) {
-    finish(folder, posixError(ESTALE));
-    co_return;
+/// Gives the error to those that can do without the listing. Whether others wait.
+bool Lister::answerUnlessInsistent(const ItemPtr& folder, const NSError& error) {
+  std::lock_guard lock(core_.mutex);
+  if (core_.stopped) return false;
+  auto& waiters = core_.folder(folder).listingWaiters;
+  for (const auto& waiter : waiters) {
+    if (waiter.insists) continue;
+    untilThereIsMemory([&] { core_.answer<ListingPtr>(waiter.completion, error); });
   }
-  health_.note(outcome.succeeded() ? std::nullopt : std::optional(outcome.error()));
-  if (folder->base && !folder->gone && folder->base->identifier != identifier) {
-    // It was looked for where it no longer is.
-    core_.loop.spawn(run(folder));
-    co_return;
-  }
-  if (!outcome.succeeded()) {
-    if (errorClass(outcome.error()) != ErrorClass::ambiguous) {
-      if (outcome.error().domain() == NSPOSIXErrorDomain) {
-        core_.log("cannot be listed", *folder, outcome.error().localizedDescription());
-      }
-      finish(folder, outcome.error());
-    } else if (folder->rid != kRootRid) {
-      core_.loop.spawn(lookForFolder(folder, outcome.error()));
-    } else {
-      // There is nothing above that could tell more.
-      const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
-      health_.note(unreachable);
-      finish(folder, unreachable);
+  std::erase_if(waiters, [](const auto& waiter) { return !waiter.insists; });
+  return !waiters.empty();
+}
+
+Task<ListingPtr> Lister::ask(ItemPtr folder) {
+  for (;;) {
+    NSFileProviderItemIdentifier identifier;
+    Sequence begun = 0;
+    const std::int64_t at = core_.milliseconds();
+    const std::int64_t uptime = core_.uptime();
+    {
+      std::lock_guard lock(core_.mutex);
+      if (!folder->base || folder->gone) throw posixError(ESTALE);
+      identifier = folder->base->identifier;
+      begun = ++core_.sequence;
     }
-    co_return;
-  }
-  if (!folder->base || folder->gone) {
-    finish(folder, posixError(ESTALE));
-    co_return;
-  }
-  listing->begun = begun;
-  core_.refusedEntries += static_cast<std::int64_t>(listing->refused);
-  core_.folder(folder).lastDuration = core_.uptime() - uptime;
-  listing->whole = !core_.options.cameWhole ||
-                   core_.options.cameWhole(identifier, milliseconds(core_.uptime() - uptime));
-  noteWholeness(folder, listing->whole);
-  try {
-    if (apply(folder, *listing)) {
-      folder->listedAt = at;
-      if (listing->whole) core_.save(folder);
+    // For a large folder that takes long, and no call must wait for it.
+    std::shared_ptr<Listing> listing;
+    std::optional<NSError> failure;
+    try {
+      auto request = core_.provider.list(identifier);
+      const auto items = co_await std::move(request);
+      listing = std::make_shared<Listing>(items, folder->rid, identifier, core_.options);
+    } catch (const NSError& error) {
+      failure = error;
     }
-    finish(folder, ListingPtr(listing));
-    if (listing->entries.size() >= kLargeListing) {
-      core_.loop.postAfter(kTrimDelay, [] { ::malloc_trim(0); });
-    }
-  } catch (const NSError& error) {
-    finish(folder, error);
+    std::lock_guard lock(core_.mutex);
+    if (core_.stopped) throw posixError(ESTALE);
+    health_.note(failure);
+    // Perhaps it was looked for where it no longer is.
+    if (folder->base && !folder->gone && folder->base->identifier != identifier) continue;
+    if (failure) throw *failure;
+    if (!folder->base || folder->gone) throw posixError(ESTALE);
+    listing->begun = begun;
+    take(folder, *listing, at, milliseconds(core_.uptime() - uptime));
+    co_return listing;
+  }
+}
+
+/// Takes what the provider answered to a request that was made then and took so long.
+void Lister::take(const ItemPtr& folder, Listing& listing, std::int64_t at, milliseconds duration) {
+  core_.refusedEntries += static_cast<std::int64_t>(listing.refused);
+  core_.folder(folder).lastDuration = duration.count();
+  listing.whole =
+      !core_.options.cameWhole || core_.options.cameWhole(folder->base->identifier, duration);
+  noteWholeness(folder, listing.whole);
+  if (apply(folder, listing)) {
+    folder->listedAt = at;
+    if (listing.whole) core_.save(folder);
+  }
+  if (listing.entries.size() >= kLargeListing) {
+    core_.loop.postAfter(kTrimDelay, [] { ::malloc_trim(0); });
   }
 }
 
@@ -285,31 +317,35 @@ void Lister::noteWholeness(const ItemPtr& folder, bool whole) {
     core_.tally.note(*folder);
   }
   if (runtime.partialListings <= kRepeats) {
-    listLater(folder, backOff(runtime.partialListings, core_.random()));
+    listLater(folder, remote::backOff(runtime.partialListings, core_.random()));
   }
 }
 
-Task<void> Lister::lookForFolder(ItemPtr folder, NSError error) {
+/// The error of a folder that cannot be listed, where it leaves open what is wrong, after a look at
+/// the folder above.
+Task<NSError> Lister::explained(ItemPtr folder, NSError error) {
   ItemPtr parent;
   {
     std::lock_guard lock(core_.mutex);
+    if (folder->rid == kRootRid) {
+      // There is nothing above that could tell more.
+      const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
+      health_.note(unreachable);
+      co_return unreachable;
+    }
     if (folder->base) parent = core_.table.find(folder->base->parent);
   }
-  std::optional<NSError> verdict;
   if (parent) {
     try {
-      const auto outcome = co_await listed(parent);
-      if (!outcome.succeeded()) verdict = outcome.error();
+      auto listing = listed(parent);
+      co_await std::move(listing);
     } catch (...) {
-      verdict = caughtError();
+      co_return caughtError();
     }
   }
   std::lock_guard lock(core_.mutex);
-  if (!verdict) {
-    const bool absent = folder->gone || !folder->base;
-    verdict = absent ? NSFileProviderError(NSFileProviderErrorCode::noSuchItem) : error;
-  }
-  finish(folder, *verdict);
+  if (!folder->gone && folder->base) co_return error;
+  co_return NSFileProviderError(NSFileProviderErrorCode::noSuchItem);
 }
 
 void Lister::finish(const ItemPtr& folder, Outcome<ListingPtr> outcome) {
@@ -318,7 +354,7 @@ void Lister::finish(const ItemPtr& folder, Outcome<ListingPtr> outcome) {
   auto waiters = std::move(runtime.listingWaiters);
   runtime.listingWaiters.clear();
   for (const auto& waiter : waiters) {
-    untilThereIsMemory([&] { core_.answer<ListingPtr>(waiter, outcome); });
+    untilThereIsMemory([&] { core_.answer<ListingPtr>(waiter.completion, outcome); });
   }
   if (std::exchange(runtime.listAgain, false)) {
     runtime.listingWaiters.swap(runtime.nextListingWaiters);

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "replica/Core.h"
-#include "replica/Health.h"
 #include "replica/Listing.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica {
 
@@ -15,7 +15,7 @@ namespace kestrowan::replica {
 class Lister {
  public:
   /// `changed` is told, locked, of each item that has to be sent because of a listing.
-  Lister(Core& core, Health& health, std::function<void(const ItemPtr&)> changed);
+  Lister(Core& core, remote::Health& health, std::function<void(const ItemPtr&)> changed);
 
   /// How sure the answer has to be.
   enum class Need {
@@ -26,15 +26,16 @@ class Lister {
   };
 
   /// Completes once the folder's children are known as well as needed, or with the error that
-  /// prevents it. Waits no longer than the options say when the children are known from before, and
-  /// then succeeds with what there is, unless the need is `forced`; and no longer than that, for
-  /// whoever needs it `soon`, when nothing is known. Without the lock.
+  /// prevents it. Waits for a server that is not there, if the folder is not known and for as long
+  /// as `Health` does. Waits no longer than the options say when the children are known from
+  /// before, and then succeeds with what there is, unless the need is `forced`; and no longer than
+  /// that, for whoever needs it `soon`, when nothing is known. Without the lock.
   void prepare(const ItemPtr& folder, Need need, Completion<Done> completion);
 
   /// A listing that begins now or after this call. Without the lock; completes on the loop.
   void list(const ItemPtr& folder, Completion<ListingPtr> completion);
-  /// The same for a coroutine on the loop.
-  Task<Outcome<ListingPtr>> listed(ItemPtr folder);
+  /// The same for a coroutine on the loop; throws what prevents it.
+  Task<ListingPtr> listed(ItemPtr folder);
 
   /// Whether what is known of the folder's children can be acted on at the provider: a listing of
   /// the last two seconds, or of twice the time that listing the folder takes. Locked.
@@ -62,13 +63,17 @@ class Lister {
   bool isFresh(const Item& folder, std::int64_t within) const;
   void begin(const ItemPtr& folder);
   Task<void> run(ItemPtr folder);
-  Task<void> ask(ItemPtr folder);
+  Task<ListingPtr> ask(ItemPtr folder);
+  Task<NSError> explained(ItemPtr folder, NSError error);
+  bool answerUnlessInsistent(const ItemPtr& folder, const NSError& error);
+  Task<void> prepareOnceReached(ItemPtr folder, Need need, Completion<Done> completion);
   void finish(const ItemPtr& folder, Outcome<ListingPtr> outcome);
+  void take(const ItemPtr& folder, Listing& listing, std::int64_t at,
+            std::chrono::milliseconds duration);
   void noteWholeness(const ItemPtr& folder, bool whole);
   void listLater(const ItemPtr& folder, std::chrono::milliseconds delay);
   void watch(const ItemPtr& folder);
   void walked(const ItemPtr& folder);
-  Task<void> lookForFolder(ItemPtr folder, NSError error);
 
   // What applying consists of.
   bool isSuspicious(const ItemPtr& folder, const Listing& listing);
@@ -84,7 +89,7 @@ class Lister {
   void showBase(const ItemPtr& item);
 
   Core& core_;
-  Health& health_;
+  remote::Health& health_;
   const std::function<void(const ItemPtr&)> changed_;
   /// Those in which a listing made entries come or go, until they are shown as modified.
   std::unordered_set<Rid> changedFolders_;

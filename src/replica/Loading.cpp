@@ -7,6 +7,7 @@
 
 #include "replica/Implementation.h"
 #include "replica/NameRules.h"
+#include "replica/remote/ValidName.h"
 
 namespace kestrowan::replica {
 
@@ -23,7 +24,7 @@ constexpr std::int64_t kListedLongAgo = 1;
 bool isRootRecord(const ItemRecord& record) {
   return record.parent == kRootRid && record.kind == ItemKind::folder && !record.removed &&
          record.base && record.base->parent == kRootRid &&
-         IdentifierForm::isRoot(record.base->identifier);
+         remote::IdentifierForm::isRoot(record.base->identifier);
 }
 
 }  // namespace
@@ -31,7 +32,7 @@ bool isRootRecord(const ItemRecord& record) {
 Replica::Implementation::Implementation(Replica& replica, const std::string& directory,
                                         async::Loop& loop, Options options)
     : core(directory, loop, std::move(options)),
-      health(core,
+      health(core.loop, core.provider, core.mutex,
              [this] {
                {
                  std::lock_guard lock(core.mutex);
@@ -111,7 +112,7 @@ void Replica::Implementation::load() {
 bool Replica::Implementation::loadRecord(ItemRecord record) {
   const bool isRoot = record.rid == kRootRid;
   if (isRoot && !isRootRecord(record)) return false;
-  if (!isRoot && (!isValidName(record.name) || record.rid == record.parent)) return false;
+  if (!isRoot && (!remote::isValidName(record.name) || record.rid == record.parent)) return false;
   // Of contents that are here, their file tells.
   if (record.content == 0) record.size = std::min(record.size, kLargestSize);
   auto item = std::make_shared<Item>();
@@ -270,7 +271,7 @@ void Replica::Implementation::settleOrphans(const std::unordered_set<ContentNumb
 
 void Replica::Implementation::setProvider(
     std::shared_ptr<NSFileProviderReplicatedExtension> provider) {
-  core.provider.setProvider(std::move(provider));
+  core.provider.setExtension(std::move(provider));
   std::lock_guard lock(core.mutex);
   health.begin();
 }
@@ -279,6 +280,7 @@ void Replica::Implementation::stop() {
   {
     std::lock_guard lock(core.mutex);
     core.stopped = true;
+    health.stop();
     sender.stop();
   }
   core.provider.stop();

@@ -5,6 +5,7 @@
 
 #include "replica/Implementation.h"
 #include "replica/NameRules.h"
+#include "replica/remote/ValidName.h"
 
 namespace kestrowan::replica {
 
@@ -33,7 +34,7 @@ bool Replica::Implementation::staysHere(const std::string& name, ItemKind kind) 
 void Replica::Implementation::checkNewName(const ItemPtr& folder, const std::string& name,
                                            ItemKind kind) const {
   if (name.size() > kLongestName) throw posixError(ENAMETOOLONG);
-  if (!isValidName(name)) throw posixError(EINVAL);
+  if (!remote::isValidName(name)) throw posixError(EINVAL);
   checkChangeable(folder);
   if (core.options.localOnlyNames && nameClass(name) == NameClass::refused) {
     throw posixError(EPERM);

@@ -71,11 +71,6 @@ std::string localMinute(std::int64_t at) {
 
 }  // namespace
 
-bool isValidName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
-         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
-}
-
 NameClass nameClass(std::string_view name) {
   for (const auto& one : kPatterns) {
     if (matches(one.pattern, name)) return one.nameClass;

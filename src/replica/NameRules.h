@@ -9,10 +9,6 @@ namespace kestrowan::replica {
 
 /// Rules about names. Pure functions; names are bytes, not necessarily UTF-8.
 
-/// Whether `name` can be one item's name: not empty, ".", "..", over 255 bytes, or with "/" or NUL
-/// in it.
-bool isValidName(std::string_view name);
-
 /// How items of a name are treated.
 enum class NameClass : std::uint8_t {
   ordinary,

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "platform/fileprovider/NSFileProviderItem.h"
-#include "replica/IdentifierForm.h"
+#include "replica/remote/IdentifierForm.h"
 
 namespace kestrowan::replica {
 
@@ -22,7 +22,7 @@ inline std::int64_t freeSpaceFloor(std::int64_t capacity) {
 /// The replica's settings. Sizes are bytes.
 struct Options {
   /// What the provider's identifiers look like; items with others are not admitted.
-  IdentifierForm identifiers = IdentifierForm::paths();
+  remote::IdentifierForm identifiers = remote::IdentifierForm::paths();
   /// Whether the provider would refuse an item of that name in that folder; may be empty, for a
   /// provider of which that is not known beforehand.
   std::function<bool(const NSFileProviderItemIdentifier& folder, std::string_view name)>

@@ -10,8 +10,8 @@
 
 #include "platform/base/UniqueFd.h"
 #include "platform/fileprovider/NSFileProviderError.h"
-#include "replica/ErrorClass.h"
 #include "replica/Sender.h"
+#include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica {
 
@@ -24,8 +24,8 @@ constexpr std::int64_t kDateTolerance = 2;
 /// A request whose sender died may still take effect for so many seconds.
 constexpr std::int64_t kLandingTime = 10;
 
-/// Why nothing is sent that a whole listing would have to allow.
-NSError partialListing() {
+/// Why nothing is sent that a whole answer would have to allow.
+NSError partialAnswer() {
   return NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
 }
 
@@ -55,37 +55,17 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
     folder = core_.table.find(known.parent);
   }
   std::optional<Base> found;
-  const auto outcome = co_await core_.provider.item(known.identifier);
-  if (outcome.succeeded()) {
-    found = baseOf(*outcome.value(), known.parent, core_.options, Source::look);
-    found->name = known.name;
+  std::optional<NSError> failure;
+  try {
+    auto look = lookAt(known, folder);
+    found = co_await std::move(look);
+  } catch (const NSError& error) {
+    failure = error;
+  }
+  if (failure) {
     std::lock_guard lock(core_.mutex);
-    health_.note(std::nullopt);
-    if (found->identifier != known.identifier) {
-      // Something is there, but not said in a way that could be believed.
-      fail(item, NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse));
-      co_return false;
-    }
-  } else {
-    const ErrorClass kind = errorClass(outcome.error());
-    if ((kind != ErrorClass::ambiguous && kind != ErrorClass::gone) || !folder) {
-      std::lock_guard lock(core_.mutex);
-      fail(item, outcome.error());
-      co_return false;
-    }
-    const auto listed = co_await lister_.listed(folder);
-    if (!listed.succeeded()) {
-      std::lock_guard lock(core_.mutex);
-      fail(item, listed.error());
-      co_return false;
-    }
-    if (const auto* entry = listed.value()->find(known.name)) {
-      found = entry->base;
-    } else if (!listed.value()->whole) {
-      std::lock_guard lock(core_.mutex);
-      fail(item, partialListing());
-      co_return false;
-    }
+    fail(item, *failure);
+    co_return false;
   }
   {
     std::lock_guard lock(core_.mutex);
@@ -98,27 +78,58 @@ Task<bool> Sender::mayReplace(ItemPtr item) {
     if (canBeSame(core_.options, *item->base, *found)) co_return true;
   }
   // What was sent before a power failure may have been forgotten by it.
-  Base atProvider = *found;
-  const auto same = co_await adoptIfSame(item, std::move(atProvider));
+  bool same = false;
+  try {
+    auto comparison = adoptIfSame(item, *found);
+    same = co_await std::move(comparison);
+  } catch (const NSError& error) {
+    failure = error;
+  }
   std::lock_guard lock(core_.mutex);
-  if (!same.succeeded()) {
-    fail(item, same.error());
-  } else if (!same.value() && !item->gone && item->mustSendContents()) {
+  if (failure) {
+    fail(item, *failure);
+  } else if (!same && !item->gone && item->mustSendContents()) {
     makeConflict(item, *found);
   }
   co_return false;
 }
 
-Task<Outcome<bool>> Sender::adoptIfSame(ItemPtr item, Base atProvider) {
-  Frozen frozen;
+/// What the provider has of an item; nothing when that is not there any more. Throws what keeps it
+/// from being found out.
+Task<std::optional<Base>> Sender::lookAt(Base known, ItemPtr folder) {
   try {
-    frozen = freeze(item);
+    auto request = core_.provider.item(known.identifier);
+    const NSFileProviderItemPtr item = co_await std::move(request);
+    Base found = baseOf(*item, known.parent, core_.options, Source::look);
+    found.name = known.name;
+    std::lock_guard lock(core_.mutex);
+    health_.note(std::nullopt);
+    // Something may be there, but not said in a way that could be believed.
+    if (found.identifier != known.identifier) throw partialAnswer();
+    co_return found;
   } catch (const NSError& error) {
-    co_return error;
+    const remote::ErrorClass kind = remote::errorClass(error);
+    const bool isUnsure = kind == remote::ErrorClass::ambiguous || kind == remote::ErrorClass::gone;
+    if (!isUnsure || !folder) throw;
   }
-  Base compared = atProvider;
-  const auto same = co_await holdsSameBytes(std::move(compared), frozen.number, 0);
-  bool adopted = same.succeeded() && same.value();
+  auto listing = lister_.listed(folder);
+  const ListingPtr listed = co_await std::move(listing);
+  if (const auto* entry = listed->find(known.name)) co_return entry->base;
+  if (!listed->whole) throw partialAnswer();
+  co_return std::nullopt;
+}
+
+Task<bool> Sender::adoptIfSame(ItemPtr item, Base atProvider) {
+  const Frozen frozen = freeze(item);
+  bool same = false;
+  std::optional<NSError> failure;
+  try {
+    auto comparison = holdsSameBytes(atProvider, frozen.number, 0);
+    same = co_await std::move(comparison);
+  } catch (const NSError& error) {
+    failure = error;
+  }
+  bool adopted = same;
   if (adopted) {
     std::lock_guard lock(core_.mutex);
     adopted = !item->gone && !item->removed;
@@ -129,6 +140,7 @@ Task<Outcome<bool>> Sender::adoptIfSame(ItemPtr item, Base atProvider) {
     }
   }
   thaw(item, frozen, adopted);
+  if (failure) throw *failure;
   co_return same;
 }
 
@@ -147,19 +159,31 @@ Task<bool> Sender::mayRemove(ItemPtr item) {
   if (certain) co_return true;
   if (!folder) co_return false;
   // While the item is being sent a listing leaves it alone, so what it says is looked at here.
-  const auto listed = co_await lister_.listed(folder);
+  auto looked = listOrFail(item, folder);
+  const ListingPtr listed = co_await std::move(looked);
+  if (!listed) co_return false;
   std::lock_guard lock(core_.mutex);
-  if (!listed.succeeded()) {
-    fail(item, listed.error());
-    co_return false;
-  }
   if (item->gone || !item->mustRemove()) co_return false;
-  const auto* entry = listed.value()->find(known.name);
+  const auto* entry = listed->find(known.name);
   if (entry) co_return !keepIfChanged(item, entry->base);
   // Where a listing is no proof, the request itself tells.
-  if (!lister_.isComplete(folder, *listed.value())) co_return true;
+  if (!lister_.isComplete(folder, *listed)) co_return true;
   acceptRemoval(item);
   co_return false;
+}
+
+/// A listing of the folder; null when there is none, which then is why the item cannot be sent.
+Task<ListingPtr> Sender::listOrFail(ItemPtr item, ItemPtr folder) {
+  std::optional<NSError> failure;
+  try {
+    auto listing = lister_.listed(folder);
+    co_return co_await std::move(listing);
+  } catch (const NSError& error) {
+    failure = error;
+  }
+  std::lock_guard lock(core_.mutex);
+  fail(item, *failure);
+  co_return nullptr;
 }
 
 /// A file that was removed here and changed there is kept. Whether that is so.
@@ -182,20 +206,27 @@ Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
   while (!unseen.empty()) {
     const ItemPtr at = unseen.back();
     unseen.pop_back();
-    const auto listed = co_await lister_.listed(at);
+    ListingPtr listed;
+    std::optional<NSError> failure;
+    try {
+      auto listing = lister_.listed(at);
+      listed = co_await std::move(listing);
+    } catch (const NSError& error) {
+      failure = error;
+    }
     std::lock_guard lock(core_.mutex);
-    if (!listed.succeeded()) {
-      const bool gone = errorClass(listed.error()) == ErrorClass::gone || at->gone;
+    if (failure) {
+      const bool gone = remote::errorClass(*failure) == remote::ErrorClass::gone || at->gone;
       if (gone && at != folder && !folder->gone) continue;
       if (gone) {
         acceptRemoval(folder);
       } else {
-        fail(folder, listed.error());
+        fail(folder, *failure);
       }
       co_return false;
     }
-    bool empty = listed.value()->provesAbsence();
-    for (const auto& entry : listed.value()->entries) {
+    bool empty = listed->provesAbsence();
+    for (const auto& entry : listed->entries) {
       const ItemPtr child = core_.table.serverChild(at->rid, entry.base.name);
       empty = empty && child && child->removed && child->kind == entry.kind &&
               (child->isFolder() || canBeSame(core_.options, *child->base, entry.base));
@@ -210,23 +241,23 @@ Task<bool> Sender::isEmptyAtProvider(ItemPtr folder) {
   co_return true;
 }
 
-Task<Outcome<bool>> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
+Task<bool> Sender::holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt) {
   const std::string path = core_.contents.path(content);
   struct stat status;
   if (::stat(path.c_str(), &status) != 0 || status.st_size != base.size) co_return false;
   if (base.size > kComparedSize) {
     co_return sentAt != 0 && base.date&&* base.date + kDateTolerance >= sentAt;
   }
-  const auto fetched = co_await core_.provider.fetch(base.identifier);
-  if (!fetched.succeeded()) co_return fetched.error();
-  const std::string copy = fetched.value().path;
+  auto request = core_.provider.fetch(base.identifier, base.size);
+  const remote::FetchedFile fetched = co_await std::move(request);
+  const std::string copy = fetched.path;
   std::optional<bool> equal;
   // A file of another size than announced proves nothing.
   if (::stat(copy.c_str(), &status) == 0 && status.st_size == base.size) {
     equal = filesAreEqual(copy, path);
   }
   ::unlink(copy.c_str());
-  if (!equal) co_return NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost);
+  if (!equal) throw NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost);
   co_return *equal;
 }
 
@@ -235,10 +266,12 @@ Task<void> Sender::settleCollision(ItemPtr item, Listing::Entry entry) {
   bool same = entry.kind == item->kind;
   std::optional<NSError> unknown;
   if (same && !item->isFolder()) {
-    Base atProvider = entry.base;
-    const auto compared = co_await adoptIfSame(item, std::move(atProvider));
-    same = compared.succeeded() && compared.value();
-    if (!compared.succeeded()) unknown = compared.error();
+    try {
+      auto comparison = adoptIfSame(item, entry.base);
+      same = co_await std::move(comparison);
+    } catch (const NSError& error) {
+      unknown = error;
+    }
   }
   std::lock_guard lock(core_.mutex);
   if (unknown) {
@@ -278,25 +311,24 @@ Task<bool> Sender::verify(ItemPtr item) {
       co_return true;
     }
   }
-  const auto listed = co_await lister_.listed(target);
-  auto listedSource = listed;
-  if (source && source != target && listed.succeeded()) {
-    listedSource = co_await lister_.listed(source);
-  }
-  if (!listed.succeeded() || !listedSource.succeeded()) {
-    std::lock_guard lock(core_.mutex);
-    fail(item, listed.succeeded() ? listedSource.error() : listed.error());
-    co_return false;
+  auto lookAtTarget = listOrFail(item, target);
+  const ListingPtr listed = co_await std::move(lookAtTarget);
+  if (!listed) co_return false;
+  ListingPtr listedSource = listed;
+  if (source && source != target) {
+    auto lookAtSource = listOrFail(item, source);
+    listedSource = co_await std::move(lookAtSource);
+    if (!listedSource) co_return false;
   }
   std::optional<Listing::Entry> atTarget;
-  if (const auto* found = listed.value()->find(sent.name)) atTarget = *found;
-  if (!atTarget && !(listed.value()->whole && listedSource.value()->whole)) {
+  if (const auto* found = listed->find(sent.name)) atTarget = *found;
+  if (!atTarget && !(listed->whole && listedSource->whole)) {
     std::lock_guard lock(core_.mutex);
-    fail(item, partialListing());
+    fail(item, partialAnswer());
     co_return false;
   }
   const bool moved = before && (before->parent != sent.parent || before->name != sent.name);
-  const bool stillAtSource = before && moved && listedSource.value()->find(before->name) != nullptr;
+  const bool stillAtSource = before && moved && listedSource->find(before->name) != nullptr;
   if (moved && stillAtSource) atTarget.reset();
 
   bool hasContents = false;
@@ -304,13 +336,18 @@ Task<bool> Sender::verify(ItemPtr item) {
     const bool unchanged =
         before && sameness(core_.options, *before, atTarget->base) == Sameness::same;
     if (!unchanged) {
-      const auto compared = co_await holdsSameBytes(atTarget->base, sent.content, sent.at);
-      if (!compared.succeeded()) {
+      std::optional<NSError> failure;
+      try {
+        auto comparison = holdsSameBytes(atTarget->base, sent.content, sent.at);
+        hasContents = co_await std::move(comparison);
+      } catch (const NSError& error) {
+        failure = error;
+      }
+      if (failure) {
         std::lock_guard lock(core_.mutex);
-        fail(item, compared.error());
+        fail(item, *failure);
         co_return false;
       }
-      hasContents = compared.value();
     }
   }
   std::lock_guard lock(core_.mutex);
@@ -326,7 +363,7 @@ Task<bool> Sender::verify(ItemPtr item) {
       moved && atTarget && (item->isFolder() || canBeMoved(core_.options, *before, atTarget->base));
   if (removal && !atTarget) {
     // Where a listing is no proof, the next request tells.
-    if (lister_.isComplete(target, *listed.value())) acceptRemoval(item);
+    if (lister_.isComplete(target, *listed)) acceptRemoval(item);
   } else if (removal && !item->isFolder()) {
     keepIfChanged(item, atTarget->base);
   } else if (!before && atTarget && atTarget->kind == item->kind &&
@@ -358,7 +395,7 @@ Task<bool> Sender::verify(ItemPtr item) {
     }
     core_.setBase(item, std::move(now));
   } else if (moved && atTarget && !item->removed && item->content != 0 &&
-             listedSource.value()->provesAbsence()) {
+             listedSource->provesAbsence()) {
     // Somebody removed it, and the name that it was to get is another's: what is here lives on.
     core_.setBase(item, std::nullopt);
   }

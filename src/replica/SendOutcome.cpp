@@ -2,9 +2,9 @@
 #include <utility>
 
 #include "platform/fileprovider/NSFileProviderError.h"
-#include "replica/ErrorClass.h"
 #include "replica/NameRules.h"
 #include "replica/Sender.h"
+#include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica {
 
@@ -34,7 +34,7 @@ std::string Sender::freeName(const ItemPtr& folder,
 }
 
 /// Takes what the provider made of a request. Whether the contents that were sent are there now.
-bool Sender::accept(const ItemPtr& item, const WrittenItem& written, Rid parent,
+bool Sender::accept(const ItemPtr& item, const remote::WrittenItem& written, Rid parent,
                     const std::string& name, const Frozen& frozen) {
   core_.forgetSent(item);
   item->failure.reset();
@@ -204,7 +204,7 @@ void Sender::backOffLater(const ItemPtr& item, const NSError& error) {
   if (tries >= kTriesUntilSlow) {
     postpone(item, error, FailureClass::slow, kSlowInterval);
   } else {
-    postpone(item, error, FailureClass::transient, backOff(tries, core_.random()));
+    postpone(item, error, FailureClass::transient, remote::backOff(tries, core_.random()));
   }
 }
 
@@ -316,12 +316,12 @@ void Sender::makeConflict(const ItemPtr& item, const Base& atProvider) {
 void Sender::fail(const ItemPtr& item, const NSError& error) {
   if (core_.stopped || item->gone) return;
   health_.note(error);
-  const ErrorClass kind = errorClass(error);
+  const remote::ErrorClass kind = remote::errorClass(error);
   if (item->removed && !item->base) {
     // Only whether it arrived is still of interest.
-    if (kind == ErrorClass::ambiguous || kind == ErrorClass::transient) {
+    if (kind == remote::ErrorClass::ambiguous || kind == remote::ErrorClass::transient) {
       backOffLater(item, error);
-    } else if (kind == ErrorClass::down || kind == ErrorClass::held) {
+    } else if (kind == remote::ErrorClass::down || kind == remote::ErrorClass::held) {
       enqueue(item, kDownInterval);
     } else {
       core_.forgetSent(item);
@@ -329,19 +329,19 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
     return;
   }
   switch (kind) {
-    case ErrorClass::ambiguous:
-    case ErrorClass::transient:
-    case ErrorClass::listAgain:
+    case remote::ErrorClass::ambiguous:
+    case remote::ErrorClass::transient:
+    case remote::ErrorClass::listAgain:
       backOffLater(item, error);
       break;
-    case ErrorClass::down:
+    case remote::ErrorClass::down:
       // The last of several requests may be the one that has not reached the server.
       enqueue(item, kDownInterval);
       break;
-    case ErrorClass::held:
+    case remote::ErrorClass::held:
       postpone(item, error, FailureClass::held, kDownInterval);
       break;
-    case ErrorClass::collision: {
+    case remote::ErrorClass::collision: {
       core_.forgetSent(item);
       const bool awaited = isAwaitedChangeOfNames(*item);
       answerVerdict(item, error);
@@ -355,7 +355,7 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
       enqueue(item, milliseconds(0));
       break;
     }
-    case ErrorClass::gone:
+    case remote::ErrorClass::gone:
       core_.forgetSent(item);
       if (item->removed) {
         acceptRemoval(item);
@@ -365,8 +365,8 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
         backOffLater(item, error);
       }
       break;
-    case ErrorClass::deletionRefused:
-    case ErrorClass::folderNotEmpty:
+    case remote::ErrorClass::deletionRefused:
+    case remote::ErrorClass::folderNotEmpty:
       answerVerdict(item, error);
       core_.forgetSent(item);
       if (item->removed) {
@@ -375,19 +375,19 @@ void Sender::fail(const ItemPtr& item, const NSError& error) {
         backOffLater(item, error);
       }
       break;
-    case ErrorClass::quota:
+    case remote::ErrorClass::quota:
       if (core_.sync(item).verdictWaiters.empty()) item->sync->unreported = error;
       answerVerdict(item, error);
       postpone(item, error, FailureClass::slow, kSlowInterval);
       break;
-    case ErrorClass::excluded:
+    case remote::ErrorClass::excluded:
       core_.forgetSent(item);
       item->localOnly = true;
       core_.save(item);
       answerVerdict(item, std::nullopt);
       break;
-    case ErrorClass::parked:
-    case ErrorClass::refused:
+    case remote::ErrorClass::parked:
+    case remote::ErrorClass::refused:
       refuse(item, error);
       break;
   }

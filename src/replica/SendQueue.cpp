@@ -26,7 +26,7 @@ bool isUpload(const Item& item) {
 
 }  // namespace
 
-Sender::Sender(Core& core, Health& health, Lister& lister, Fetcher& fetcher)
+Sender::Sender(Core& core, remote::Health& health, Lister& lister, Fetcher& fetcher)
     : core_(core), health_(health), lister_(lister), fetcher_(fetcher) {
   core_.dropped = [this](const ItemPtr& item) { withdraw(item); };
 }

@@ -5,9 +5,9 @@
 
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/fileprovider/TemplateItem.h"
-#include "replica/ErrorClass.h"
 #include "replica/NameRules.h"
 #include "replica/Sender.h"
+#include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica {
 
@@ -112,14 +112,9 @@ Task<void> Sender::sendCreation(ItemPtr item) {
   }
   ListingPtr listing;
   if (mustList) {
-    const auto listed = co_await lister_.listed(parent);
-    if (listed.succeeded()) {
-      listing = listed.value();
-    } else {
-      std::lock_guard lock(core_.mutex);
-      fail(item, listed.error());
-      co_return;
-    }
+    auto looked = listOrFail(item, parent);
+    listing = co_await std::move(looked);
+    if (!listing) co_return;
   }
   std::optional<Listing::Entry> taken;
   {
@@ -165,18 +160,9 @@ Task<void> Sender::sendCreation(ItemPtr item) {
   const auto fields = NSFileProviderItemField::filename |
                       NSFileProviderItemField::parentItemIdentifier |
                       (contents ? NSFileProviderItemField::contents : 0);
-  const auto outcome = co_await core_.provider.create(wanted, fields, contents, 0);
-  bool accepted = false;
-  {
-    std::lock_guard lock(core_.mutex);
-    if (outcome.succeeded()) {
-      health_.note(std::nullopt);
-      accepted = accept(item, outcome.value(), parent->rid, name, frozen);
-    } else {
-      fail(item, outcome.error());
-    }
-  }
-  thaw(item, frozen, accepted);
+  auto request = core_.provider.create(wanted, fields, contents, 0);
+  auto writing = write(item, std::move(request), parent->rid, std::move(name), frozen);
+  co_await std::move(writing);
 }
 
 Task<void> Sender::sendChange(ItemPtr item) {
@@ -229,15 +215,29 @@ Task<void> Sender::sendChange(ItemPtr item) {
     thaw(item, frozen, false);
     throw;
   }
-  const auto outcome = co_await core_.provider.modify(wanted, version, fields, contents);
+  auto request = core_.provider.modify(wanted, version, fields, contents);
+  auto writing = write(item, std::move(request), parentRid, std::move(name), frozen);
+  co_await std::move(writing);
+}
+
+/// Makes a request that puts the item there, and takes what comes of it.
+Task<void> Sender::write(ItemPtr item, Task<remote::WrittenItem> request, Rid parent,
+                         std::string name, Frozen frozen) {
+  std::optional<NSError> failure;
+  remote::WrittenItem written;
+  try {
+    written = co_await std::move(request);
+  } catch (const NSError& error) {
+    failure = error;
+  }
   bool accepted = false;
   {
     std::lock_guard lock(core_.mutex);
-    if (outcome.succeeded()) {
+    if (!failure) {
       health_.note(std::nullopt);
-      accepted = accept(item, outcome.value(), parentRid, name, frozen);
+      accepted = accept(item, written, parent, name, frozen);
     } else {
-      fail(item, outcome.error());
+      fail(item, *failure);
     }
   }
   thaw(item, frozen, accepted);
@@ -258,13 +258,19 @@ Task<void> Sender::sendRemoval(ItemPtr item) {
     version = {item->base->version, item->base->version};
     noteSent(item, {}, item->base->parent, item->base->name);
   }
-  const auto outcome = co_await core_.provider.remove(identifier, version, item->isFolder());
+  std::optional<NSError> failure;
+  try {
+    auto request = core_.provider.remove(identifier, version, item->isFolder());
+    co_await std::move(request);
+  } catch (const NSError& error) {
+    failure = error;
+  }
   std::lock_guard lock(core_.mutex);
-  if (outcome.succeeded()) {
+  if (!failure) {
     health_.note(std::nullopt);
     acceptRemoval(item);
   } else {
-    fail(item, outcome.error());
+    fail(item, *failure);
   }
 }
 

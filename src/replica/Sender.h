@@ -9,8 +9,8 @@
 
 #include "replica/Core.h"
 #include "replica/Fetcher.h"
-#include "replica/Health.h"
 #include "replica/Lister.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica {
 
@@ -24,7 +24,7 @@ class Sender {
   /// A file that somebody keeps open for writing is sent after so long without a write.
   static constexpr std::chrono::milliseconds kQuietTime{30000};
 
-  Sender(Core& core, Health& health, Lister& lister, Fetcher& fetcher);
+  Sender(Core& core, remote::Health& health, Lister& lister, Fetcher& fetcher);
 
   /// The item may have to be sent, no earlier than after `delay`. A failure from before is
   /// forgotten.
@@ -93,16 +93,19 @@ class Sender {
   /// becomes of ours when they are not.
   Task<bool> mayReplace(ItemPtr item);
   Task<bool> mayRemove(ItemPtr item);
+  Task<std::optional<Base>> lookAt(Base known, ItemPtr folder);
+  Task<ListingPtr> listOrFail(ItemPtr item, ItemPtr folder);
   bool keepIfChanged(const ItemPtr& item, const Base& atProvider);
   Task<bool> isEmptyAtProvider(ItemPtr folder);
-  /// Whether a file at the provider holds the bytes of `content`, if that can be found out.
-  Task<Outcome<bool>> holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt);
+  /// Whether a file at the provider holds the bytes of `content`. Throws why that cannot be found
+  /// out.
+  Task<bool> holdsSameBytes(Base base, ContentNumber content, std::int64_t sentAt);
   /// Finds out what became of a request without an answer. Whether that could be found out.
   Task<bool> verify(ItemPtr item);
   Task<void> settleCollision(ItemPtr item, Listing::Entry entry);
   /// Whether the provider already has the very bytes of the item's contents, which then count as
-  /// sent.
-  Task<Outcome<bool>> adoptIfSame(ItemPtr item, Base atProvider);
+  /// sent. Throws why that cannot be found out.
+  Task<bool> adoptIfSame(ItemPtr item, Base atProvider);
 
   /// Contents that will not change while they are sent: their number, path and size.
   struct Frozen {
@@ -110,6 +113,8 @@ class Sender {
     std::string path;
     std::int64_t size = 0;
   };
+  Task<void> write(ItemPtr item, Task<remote::WrittenItem> request, Rid parent, std::string name,
+                   Frozen frozen);
   /// Without the lock.
   Frozen freeze(const ItemPtr& item);
   /// Ends that; `sent` when the provider has them now. Without the lock.
@@ -117,8 +122,8 @@ class Sender {
 
   // What came of them.
   void noteSent(const ItemPtr& item, const Frozen& frozen, Rid parent, const std::string& name);
-  bool accept(const ItemPtr& item, const WrittenItem& written, Rid parent, const std::string& name,
-              const Frozen& frozen);
+  bool accept(const ItemPtr& item, const remote::WrittenItem& written, Rid parent,
+              const std::string& name, const Frozen& frozen);
   void leaveBehind(const Item& item, Base base);
   void acceptRemoval(const ItemPtr& item);
   void fail(const ItemPtr& item, const NSError& error);
@@ -141,7 +146,7 @@ class Sender {
                        unsigned first) const;
 
   Core& core_;
-  Health& health_;
+  remote::Health& health_;
   Lister& lister_;
   Fetcher& fetcher_;
 

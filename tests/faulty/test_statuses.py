@@ -48,15 +48,25 @@ def test_a_folder_that_was_listed_stays_as_it_was_while_its_listing_is_refused(s
     scene.settle(seen)
 
 
-def test_a_download_that_is_refused_fails_the_opening_and_is_not_repeated(scene):
+def test_one_listing_or_download_that_the_server_fails_at_is_no_error(scene):
+    scene.put("sub/a.txt", OLD)
+    faults = [scene.fault(method, name, answer={"status": 500}, effect=False, times=1, **members)
+              for method, name, members in (("PROPFIND", "sub", {"depth": "1"}),
+                                            ("GET", "sub/a.txt", {}))]
+    assert os.listdir(scene.home / "sub") == ["a.txt"]
+    assert (scene.home / "sub" / "a.txt").read_bytes() == OLD
+    assert all(fault.met for fault in faults)
+
+
+def test_a_download_that_is_refused_three_times_fails_the_opening(scene):
     for status in REFUSALS:
         scene.put(f"{status}.txt", b"%d" % status)
     faults = refuse_all(scene, "GET", "{}.txt")
     found = scene.at_once({status: (open, scene.home / f"{status}.txt", "rb")
                            for status in REFUSALS})
     assert found == dict.fromkeys(REFUSALS, "EIO")
-    # One for the opening, and one ahead of it when the folder is being walked through.
-    assert all(1 <= fault.met <= 2 for fault in faults.values())
+    # Three for the opening, and three ahead of it when the folder is being walked through.
+    assert all(3 <= fault.met <= 6 for fault in faults.values())
     assert sorted(os.listdir(scene.home)) == [f"{status}.txt" for status in REFUSALS]
     scene.settle(scene.tree())
 

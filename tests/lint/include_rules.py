@@ -29,7 +29,8 @@ ROOMS = {
     "replica/model": {"platform"},
     "replica/plan": {"replica/model", "platform"},
     "replica/store": {"replica/model", "replica/Records.h", "replica/Item.h", "replica/NameParts.h",
-                      "replica/NameRules.h", "platform"},
+                      "replica/NameRules.h", "replica/remote", "platform"},
+    "replica/remote": {"async", "platform"},
 }
 # The module's logger is a leaf that these layers include too.
 LOGGER = "extension/fpLog.h"

@@ -80,6 +80,8 @@ class IncludeRules(unittest.TestCase):
         self.assertRefused("replica/plan/A.h", '#include "mount/M.h"')
         self.assertPasses("replica/store/A.cpp", '#include "replica/Records.h"')
         self.assertRefused("replica/store/A.cpp", '#include "replica/Core.h"')
+        self.assertPasses("replica/remote/A.h", '#include "async/Loop.h"')
+        self.assertRefused("replica/remote/A.h", '#include "replica/Core.h"')
 
     def test_the_logger_is_a_leaf(self):
         self.assertPasses("webdav/A.cpp", '#include "extension/fpLog.h"')

@@ -57,7 +57,7 @@ HostOptions::HostOptions(const JSONValue& json) : state(text(json, "state")) {
 
   set(json, "opaqueIdentifiers", provider.opaqueIdentifiers);
   if (provider.opaqueIdentifiers) {
-    replica.identifiers = replica::IdentifierForm::opaque("node:");
+    replica.identifiers = replica::remote::IdentifierForm::opaque("node:");
   }
   if (const auto* const paths = json.member("readOnly"); paths != nullptr && paths->array()) {
     std::set<std::string, std::less<>> readOnly;

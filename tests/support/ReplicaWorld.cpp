@@ -13,7 +13,7 @@ using namespace replica;
 ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
     : extensionOptions_(std::move(extensionOptions)), options_(std::move(options)) {
   if (extensionOptions_.opaqueIdentifiers) {
-    options_.identifiers = IdentifierForm::opaque("node:");
+    options_.identifiers = remote::IdentifierForm::opaque("node:");
   }
   if (options_.freeSpaceFloor == 0) options_.freeSpaceFloor = 1;
   options_.saysNothing = [](const NSData& version) {

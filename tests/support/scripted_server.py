@@ -81,10 +81,10 @@ class ScriptedServer:
         self.released = set()
         self.stopping = threading.Event()
         self.connections = {}
+        self.connectionCount = 0
         self.answered = 0
         self.routeAnswered = {}
         self.requestCount = 0
-        self.accepted = 0
 
     def __enter__(self):
         return self.start()
@@ -115,8 +115,8 @@ class ScriptedServer:
                 return
             tcp.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             with self.changed:
-                self.accepted += 1
-                number = self.accepted
+                self.connectionCount += 1
+                number = self.connectionCount
                 connection = self.connectionClass(self, number, tcp)
                 self.connections[number] = connection
             self.record({"event": "connected", "connection": number})
@@ -134,6 +134,17 @@ class ScriptedServer:
             self.disconnect()
             self.changed.wait_for(lambda: not self.connections, timeout=10)
         self.directory.cleanup()
+
+    def goAway(self):
+        """Breaks off all connections and takes no new ones, until `comeBack`."""
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.disconnect()
+
+    def comeBack(self):
+        """Listens again, on the same port."""
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=512)
+        threading.Thread(target=self.accept, daemon=True).start()
 
     def disconnect(self):
         """Breaks off all connections."""

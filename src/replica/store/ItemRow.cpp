@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "replica/NameRules.h"
+#include "replica/remote/ValidName.h"
 #include "replica/store/AttributeList.h"
 
 namespace kestrowan::replica {
@@ -203,7 +203,7 @@ bool isSensible(const ItemRecord& record) {
   return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
          isNumber(record.content) && isNumber(record.after) && record.size >= 0 &&
          record.kind <= ItemKind::folder && record.mode.value_or(0) <= kModeBits &&
-         (record.rid == kRootRid || isValidName(record.name)) &&
+         (record.rid == kRootRid || remote::isValidName(record.name)) &&
          (!base || (base->size >= 0 && isNumber(base->parent))) &&
          (!sent || (sent->size >= 0 && isNumber(sent->parent) && isNumber(sent->content))) &&
          (!record.failure || record.failure->failureClass <= FailureClass::held);

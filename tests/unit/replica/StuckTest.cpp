@@ -347,7 +347,10 @@ class LosingProvider : public NSFileProviderReplicatedExtension {
                                             const std::optional<NSFileProviderItemVersion>& version,
                                             const NSFileProviderRequest& request,
                                             FetchCompletion completionHandler) override {
-    if (!std::exchange(lost_, true)) return std::make_shared<NSProgress>();
+    if (lost_ < kAttempts) {
+      ++lost_;
+      return std::make_shared<NSProgress>();
+    }
     return inner_.fetchContents(forIdentifier, version, request, std::move(completionHandler));
   }
   std::shared_ptr<NSProgress> createItem(NSFileProviderItemPtr basedOnTemplate,
@@ -380,7 +383,9 @@ class LosingProvider : public NSFileProviderReplicatedExtension {
 
  private:
   InMemoryExtension& inner_;
-  bool lost_ = false;
+  /// As often as a fetch is tried.
+  static constexpr int kAttempts = 3;
+  int lost_ = 0;
 };
 
 TEST_F(StuckTest, ACallThatTheProviderLetsGoOfUnansweredIsAnErrorAndNotTheEndOfTheFile) {

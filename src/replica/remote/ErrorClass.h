@@ -5,7 +5,7 @@
 
 #include "platform/foundation/NSError.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 
 /// What an error of the provider means for the change that it answered.
 enum class ErrorClass : std::uint8_t {
@@ -26,6 +26,10 @@ enum class ErrorClass : std::uint8_t {
 
 ErrorClass errorClass(const NSError& error);
 
+/// Whether the same request, if it changes nothing, may well succeed when it is made again soon:
+/// the server did not do what it was asked for, or the connection broke, or there was no server.
+bool isPassing(const NSError& error);
+
 /// How long to wait after `tries` failures (at least 1): 1, 2, 4 … 300 seconds, each up to a fifth
 /// more or less. `random` is any number; it decides on the fifth.
 std::chrono::milliseconds backOff(std::uint32_t tries, std::uint64_t random);
@@ -33,4 +37,4 @@ std::chrono::milliseconds backOff(std::uint32_t tries, std::uint64_t random);
 /// Until a server that is down is probed for the `probe`-th time (from 1): 1, 2, 4 … 30 seconds.
 std::chrono::milliseconds probeInterval(std::uint32_t probe);
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

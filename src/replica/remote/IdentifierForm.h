@@ -5,7 +5,7 @@
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 
 /// What the identifiers of a provider look like, and so what it may be asked for. Immutable; pure
 /// functions of bytes.
@@ -33,4 +33,4 @@ class IdentifierForm {
   std::string prefix_;
 };
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

@@ -1,10 +1,10 @@
-#include "replica/IdentifierForm.h"
+#include "replica/remote/IdentifierForm.h"
 
 #include <utility>
 
-#include "replica/NameRules.h"
+#include "replica/remote/ValidName.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 
 IdentifierForm::IdentifierForm(bool arePaths, std::string prefix)
     : arePaths_(arePaths), prefix_(std::move(prefix)) {}
@@ -43,4 +43,4 @@ bool IdentifierForm::isProper(std::string_view identifier, std::string_view fold
          identifier[above.size()] == '/' && identifier.ends_with(name);
 }
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

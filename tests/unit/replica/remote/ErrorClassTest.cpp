@@ -1,4 +1,4 @@
-#include "replica/ErrorClass.h"
+#include "replica/remote/ErrorClass.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 
 #include "platform/fileprovider/NSFileProviderError.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 namespace {
 
 using std::chrono::milliseconds;
@@ -54,6 +54,21 @@ TEST(ErrorClass, OfTheTransport) {
               ErrorClass::held);
   expectClass(NSURLErrorDomain, {-1001, -1005, -1011, -1017, -1, -1000, -1002, -1199, -1207, -3003},
               ErrorClass::transient);
+}
+
+TEST(ErrorClass, WhatPassesSoonIsWhatTheServerOrTheConnectionDid) {
+  for (const std::int64_t code : {-1003, -1004, -1005, -1009}) {
+    EXPECT_TRUE(isPassing(NSError(NSURLErrorDomain, code))) << code;
+  }
+  EXPECT_TRUE(isPassing(NSError(NSFileProviderErrorDomain, -1004)));
+  for (const std::int64_t code : {-999, -1001, -1017, -1202, -3003}) {
+    EXPECT_FALSE(isPassing(NSError(NSURLErrorDomain, code))) << code;
+  }
+  for (const std::int64_t code : {-1000, -1003, -1005}) {
+    EXPECT_FALSE(isPassing(NSError(NSFileProviderErrorDomain, code))) << code;
+  }
+  EXPECT_FALSE(isPassing(NSError(NSPOSIXErrorDomain, ENOMEM)));
+  EXPECT_FALSE(isPassing(NSError(NSCocoaErrorDomain, 640)));
 }
 
 TEST(ErrorClass, WhatNobodyKnowsPasses) {
@@ -102,4 +117,4 @@ TEST(ProbeInterval, DoublesUpToHalfAMinute) {
 }
 
 }  // namespace
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

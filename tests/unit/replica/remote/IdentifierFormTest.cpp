@@ -1,4 +1,4 @@
-#include "replica/IdentifierForm.h"
+#include "replica/remote/IdentifierForm.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 namespace {
 
 const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
@@ -145,4 +145,4 @@ TEST(IdentifierForm, AnOpaqueIdentifierSaysOnlyWhatItBeginsWith) {
 }
 
 }  // namespace
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

@@ -1,4 +1,4 @@
-#include "replica/ProviderCalls.h"
+#include "replica/remote/Provider.h"
 
 #include <gtest/gtest.h>
 
@@ -18,8 +18,7 @@
 namespace kestrowan::test {
 namespace {
 
-using replica::Outcome;
-using replica::ProviderCalls;
+using replica::remote::Provider;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -44,7 +43,7 @@ class SilentProvider : public InMemoryExtension {
 
 class AbandonedCallsTest : public testing::Test {
  protected:
-  AbandonedCallsTest() { calls.setProvider(provider); }
+  AbandonedCallsTest() { calls.setExtension(provider); }
   ~AbandonedCallsTest() override {
     calls.stop();
     loop.runUntilIdle();
@@ -53,8 +52,13 @@ class AbandonedCallsTest : public testing::Test {
   void remove() {
     scope.spawn([](AbandonedCallsTest* test) -> Task<void> {
       auto removal = test->calls.remove("/a", {}, false);
-      const auto outcome = co_await std::move(removal);
-      test->codes.push_back(outcome.succeeded() ? 0 : outcome.error().code());
+      std::int64_t code = 0;
+      try {
+        co_await std::move(removal);
+      } catch (const NSError& error) {
+        code = error.code();
+      }
+      test->codes.push_back(code);
     }(this));
     loop.runUntilIdle();
   }
@@ -64,7 +68,7 @@ class AbandonedCallsTest : public testing::Test {
   std::shared_ptr<SilentProvider> provider =
       std::make_shared<SilentProvider>(loop, directory.path(), std::make_shared<MemoryServer>());
   async::Scope scope{loop};
-  ProviderCalls calls{scope, {.metadata = 1}, replica::IdentifierForm::paths()};
+  Provider calls{scope, {.metadata = 1}, replica::remote::IdentifierForm::paths()};
   std::vector<std::int64_t> codes;
 };
 

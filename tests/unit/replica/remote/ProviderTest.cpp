@@ -1,4 +1,4 @@
-#include "replica/ProviderCalls.h"
+#include "replica/remote/Provider.h"
 
 #include <gtest/gtest.h>
 
@@ -18,31 +18,33 @@
 namespace kestrowan::test {
 namespace {
 
-using replica::IdentifierForm;
-using replica::Outcome;
-using replica::ProviderCalls;
+using replica::remote::IdentifierForm;
+using replica::remote::Provider;
 
 const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
 
 template <typename T>
-Task<void> note(Task<Outcome<T>> call, std::shared_ptr<std::vector<std::string>> results) {
-  auto outcome = co_await std::move(call);
-  results->push_back(outcome.succeeded()
-                         ? "done"
-                         : outcome.error().domain() + " " + std::to_string(outcome.error().code()));
+Task<void> note(Task<T> call, std::shared_ptr<std::vector<std::string>> results) {
+  std::string result = "done";
+  try {
+    co_await std::move(call);
+  } catch (const NSError& error) {
+    result = error.domain() + " " + std::to_string(error.code());
+  }
+  results->push_back(std::move(result));
 }
 
-class ProviderCallsTest : public testing::Test {
+class ProviderTest : public testing::Test {
  protected:
-  ProviderCallsTest() {
+  ProviderTest() {
     server->makeFolder("/d");
     server->writeFile("/d/a", "x");
-    calls.setProvider(extension);
+    calls.setExtension(extension);
   }
 
   /// What the call came to.
   template <typename T>
-  std::string result(Task<Outcome<T>> call) {
+  std::string result(Task<T> call) {
     const auto results = std::make_shared<std::vector<std::string>>();
     scope.spawn(note(std::move(call), results));
     loop.advance(std::chrono::seconds(1));
@@ -63,14 +65,14 @@ class ProviderCallsTest : public testing::Test {
   std::shared_ptr<InMemoryExtension> extension =
       std::make_shared<InMemoryExtension>(loop, directory.path(), server);
   async::Scope scope{loop};
-  ProviderCalls calls{scope, {}, IdentifierForm::paths()};
+  Provider calls{scope, {}, IdentifierForm::paths()};
 };
 
-TEST_F(ProviderCallsTest, ProperItemsAreAskedFor) {
+TEST_F(ProviderTest, ProperItemsAreAskedFor) {
   EXPECT_EQ(result(calls.list(kRoot)), "done");
   EXPECT_EQ(result(calls.list("/d")), "done");
   EXPECT_EQ(result(calls.item("/d/a")), "done");
-  EXPECT_EQ(result(calls.fetch("/d/a")), "done");
+  EXPECT_EQ(result(calls.fetch("/d/a", 1)), "done");
   EXPECT_EQ(result(calls.create(wanted("new:1", "/d", "b"), 0, std::nullopt, 0)), "done");
   EXPECT_EQ(result(calls.modify(
                 wanted("/d/b", kRoot, "c"), {},
@@ -81,7 +83,7 @@ TEST_F(ProviderCallsTest, ProperItemsAreAskedFor) {
   EXPECT_EQ(server->tree().size(), 2u);
 }
 
-TEST_F(ProviderCallsTest, NothingElseReachesTheProvider) {
+TEST_F(ProviderTest, NothingElseReachesTheProvider) {
   const RecordingLog log;
   const std::string refused = std::string(NSPOSIXErrorDomain) + " " + std::to_string(EIO);
   const auto before = server->tree();
@@ -93,7 +95,7 @@ TEST_F(ProviderCallsTest, NothingElseReachesTheProvider) {
         "/" + std::string(256, 'x')}) {
     EXPECT_EQ(result(calls.list(identifier)), refused) << identifier;
     EXPECT_EQ(result(calls.item(identifier)), refused) << identifier;
-    EXPECT_EQ(result(calls.fetch(identifier)), refused) << identifier;
+    EXPECT_EQ(result(calls.fetch(identifier, 1)), refused) << identifier;
     EXPECT_EQ(result(calls.remove(identifier, {}, true)), refused) << identifier;
     EXPECT_EQ(result(calls.create(wanted("new:1", identifier, "b"), 0, std::nullopt, 0)), refused)
         << identifier;
@@ -115,10 +117,10 @@ TEST_F(ProviderCallsTest, NothingElseReachesTheProvider) {
   EXPECT_EQ(log.lines().size(), count);
 }
 
-TEST_F(ProviderCallsTest, TheRootIsOnlyLookedAt) {
+TEST_F(ProviderTest, TheRootIsOnlyLookedAt) {
   const RecordingLog log;
   const std::string refused = std::string(NSPOSIXErrorDomain) + " " + std::to_string(EIO);
-  EXPECT_EQ(result(calls.fetch(kRoot)), refused);
+  EXPECT_EQ(result(calls.fetch(kRoot, 1)), refused);
   EXPECT_EQ(result(calls.remove(kRoot, {}, true)), refused);
   EXPECT_EQ(result(calls.modify(wanted(kRoot, kRoot, "other"), {},
                                 NSFileProviderItemField::filename, std::nullopt)),

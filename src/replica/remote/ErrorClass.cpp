@@ -1,11 +1,11 @@
-#include "replica/ErrorClass.h"
+#include "replica/remote/ErrorClass.h"
 
 #include <algorithm>
 #include <cerrno>
 
 #include "platform/fileprovider/NSFileProviderError.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::remote {
 
 namespace {
 
@@ -116,6 +116,12 @@ ErrorClass errorClass(const NSError& error) {
   return ErrorClass::transient;
 }
 
+bool isPassing(const NSError& error) {
+  const ErrorClass kind = errorClass(error);
+  return kind == ErrorClass::ambiguous || kind == ErrorClass::down ||
+         error.is(NSURLErrorDomain, NSURLErrorNetworkConnectionLost);
+}
+
 milliseconds backOff(std::uint32_t tries, std::uint64_t random) {
   const auto middle = doubled(tries, kLongestBackOff);
   const auto fifth = middle / 5;
@@ -127,4 +133,4 @@ milliseconds probeInterval(std::uint32_t probe) {
   return doubled(probe, kLongestProbeInterval);
 }
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::remote

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "async/Loop.h"
+#include "platform/base/OneShot.h"
+#include "platform/base/Task.h"
+#include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
+#include "platform/foundation/NSError.h"
+#include "replica/remote/CallSlots.h"
+#include "replica/remote/IdentifierForm.h"
+
+namespace kestrowan::replica::remote {
+
+struct FetchedFile {
+  /// A file that belongs to the caller from now on.
+  std::string path;
+  /// Never null.
+  NSFileProviderItemPtr item;
+};
+
+struct WrittenItem {
+  /// Null when the provider says that the item is no more.
+  NSFileProviderItemPtr item;
+  NSFileProviderItemFields remaining = 0;
+  bool fetchAgain = false;
+};
+
+/// The provider's requests as coroutines. Started and continued on the loop; so many at once as the
+/// limits allow, the others in the order in which they came. The provider may be exchanged at any
+/// time: calls in flight stay with the one that they were made to. A call that is no transfer ends
+/// after 90 seconds with `NSURLErrorTimedOut`; what the provider still does for a call that has
+/// ended before its answer is abandoned (see `Abandonment`), so that no request is sent for it.
+///
+/// Each request throws the `NSError` of the provider, `notAuthenticated` while there is none, and
+/// `NSURLErrorCancelled` after `stop`. None is made twice.
+///
+/// Nothing is asked for but what the form of the identifiers allows, and the root is only listed
+/// and asked about: any other call throws EIO, without a word to the provider, and is logged.
+class Provider {
+ public:
+  using Extension = std::shared_ptr<NSFileProviderReplicatedExtension>;
+
+  struct Limits {
+    unsigned metadata = 8;
+    unsigned downloads = 4;
+    unsigned uploads = 4;
+  };
+  /// Files up to this size, in bytes, do not wait for larger ones. As many of them as `downloads`
+  /// are fetched at once, and more, up to `kMostSmallFiles`, while the answers are slow.
+  static constexpr std::int64_t kSmallFile = 256 * 1024;
+  static constexpr unsigned kMostSmallFiles = 24;
+
+  Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers);
+  Provider(const Provider&) = delete;
+  Provider& operator=(const Provider&) = delete;
+
+  /// From any thread. The one before is told that it is not needed any more.
+  void setExtension(Extension extension);
+  /// Ends every call, now and later. From any thread.
+  void stop();
+
+  /// Every page of a folder, begun anew once when the provider asks for that.
+  Task<std::vector<NSFileProviderItemPtr>> list(NSFileProviderItemIdentifier container);
+  Task<NSFileProviderItemPtr> item(NSFileProviderItemIdentifier identifier);
+  /// `size` is what is known of the file's, in bytes.
+  Task<FetchedFile> fetch(NSFileProviderItemIdentifier identifier, std::int64_t size);
+  Task<WrittenItem> create(NSFileProviderItemPtr basedOnTemplate, NSFileProviderItemFields fields,
+                           std::optional<std::string> contents,
+                           NSFileProviderCreateItemOptions options);
+  Task<WrittenItem> modify(NSFileProviderItemPtr item, NSFileProviderItemVersion baseVersion,
+                           NSFileProviderItemFields changedFields,
+                           std::optional<std::string> contents);
+  Task<void> remove(NSFileProviderItemIdentifier identifier, NSFileProviderItemVersion baseVersion,
+                    bool recursive);
+
+ private:
+  /// Makes the call of the extension and waits for its end. `make` gets the extension and what is
+  /// to be given the result, and is run on the loop.
+  template <typename T, typename Make>
+  Task<T> call(CallSlots& slots, std::optional<std::chrono::milliseconds> limit, Make make);
+  Task<std::vector<NSFileProviderItemPtr>> listOnce(NSFileProviderItemIdentifier container);
+  /// The extension that is to be asked.
+  Extension requireExtension() const;
+  void enroll(const std::shared_ptr<PendingResult>& result);
+
+  /// Throws EIO unless a request may be about the item; about a new place of it.
+  void requireAskable(std::string_view call, const NSFileProviderItemIdentifier& identifier) const;
+  void requireItem(std::string_view call, const NSFileProviderItemIdentifier& identifier) const;
+  void requirePlace(std::string_view call, const NSFileProviderItem& item) const;
+
+  async::Loop& loop_;
+  const IdentifierForm identifiers_;
+  CallSlots metadata_;
+  CallSlots downloads_;
+  CallSlots smallDownloads_;
+  CallSlots uploads_;
+  mutable std::mutex mutex_;  // guards what follows
+  Extension extension_;
+  bool stopped_ = false;
+  std::set<std::weak_ptr<PendingResult>, std::owner_less<>> calls_;
+};
+
+}  // namespace kestrowan::replica::remote
