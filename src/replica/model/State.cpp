@@ -92,6 +92,11 @@ const Item* State::atPath(const Path& path) const {
   return folder ? there_.at(folder->number(), path.name()) : nullptr;
 }
 
+const Item* State::folderOf(const Path& path) const {
+  const Item* folder = atPath(path.folder());
+  return folder && folder->isFolder() ? folder : nullptr;
+}
+
 std::optional<Path> State::pathOf(const Place& place) const {
   const Item* folder = find(place.folder);
   if (!folder || !folder->there()) return std::nullopt;

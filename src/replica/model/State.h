@@ -51,6 +51,8 @@ class State {
   NSFileProviderItemIdentifier identifier(const Item& item) const;
   /// What the provider has at a path; absent when that is not known.
   const Item* atPath(const Path& path) const;
+  /// The folder that the provider has there for what is at a path; absent when none is known.
+  const Item* folderOf(const Path& path) const;
   /// The path of a place there; absent when the provider has not got its folder.
   std::optional<Path> pathOf(const Place& place) const;
 

@@ -12,8 +12,10 @@ namespace {
 
 bool isAsked(const State& state, const Place& place) {
   const auto path = state.pathOf(place);
-  return path && std::any_of(state.intents().all().begin(), state.intents().all().end(),
-                             [&](const Intent& intent) { return intent.touches(*path); });
+  if (!path) return false;
+  const auto above = state.intents().atOrAbove(*path);
+  return std::any_of(above.begin(), above.end(),
+                     [&](const Intent* intent) { return intent->touches(*path); });
 }
 
 }  // namespace

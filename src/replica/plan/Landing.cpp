@@ -13,24 +13,26 @@ using model::Time;
 using model::Verb;
 
 bool mayLand(const State& state, const Item& item, const Place& place) {
+  const auto overwrites = [&](const Intent* intent) {
+    return intent->verb == Verb::put && intent->content != item.here()->content;
+  };
+  const auto own = state.intents().of(item.number());
+  if (std::any_of(own.begin(), own.end(), overwrites)) return true;
   const auto path = state.pathOf(place);
-  return std::any_of(
-      state.intents().all().begin(), state.intents().all().end(), [&](const Intent& intent) {
-        const bool concerns = intent.item == item.number() || intent.target == path;
-        const bool overwrites =
-            intent.verb == Verb::put && concerns && intent.content != item.here()->content;
-        const bool removes =
-            intent.verb == Verb::remove && path && path->isAtOrBelow(*intent.source);
-        return overwrites || removes;
-      });
+  if (!path) return false;
+  const auto above = state.intents().atOrAbove(*path);
+  return std::any_of(above.begin(), above.end(), [&](const Intent* intent) {
+    const bool removes = intent->verb == Verb::remove;
+    return removes || (intent->target == path && overwrites(intent));
+  });
 }
 
 std::optional<Time> endangeredUntil(const State& state, const Path& path) {
   std::optional<Time> result;
-  for (const Intent& intent : state.intents().all()) {
-    const bool removes = intent.verb == Verb::remove && path.isAtOrBelow(*intent.source);
-    const bool overwrites = intent.verb == Verb::put && *intent.target == path;
-    if (removes || overwrites) result = std::max(result, std::optional(intent.until));
+  for (const Intent* intent : state.intents().atOrAbove(path)) {
+    const bool overwrites = intent->verb == Verb::put && *intent->target == path;
+    if (intent->over || (intent->verb != Verb::remove && !overwrites)) continue;
+    result = std::max(result, std::optional(intent->until));
   }
   return result;
 }

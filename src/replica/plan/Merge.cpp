@@ -44,10 +44,10 @@ std::optional<Step> recogniseOurOwn(const Case& c) {
   const Path path = c.state.therePath(c.item);
   const Verb verb = c.item.isFile() ? Verb::put : Verb::makeFolder;
   const Intent* latest = nullptr;
-  for (const Intent& intent : c.state.intents().all()) {
-    if (intent.verb != verb || intent.target != path) continue;
+  for (const Intent* intent : c.state.intents().atOrAbove(path)) {
+    if (intent->verb != verb || intent->target != path) continue;
     if (c.item.isFile() && c.there->content == Content::none) return Fetch{c.item.number()};
-    if (intent.content == c.there->content) latest = &intent;
+    if (intent->content == c.there->content) latest = intent;
   }
   if (!latest) return std::nullopt;
   const bool isKnown = c.here || c.agreed;

@@ -7,6 +7,7 @@
 
 #include "replica/plan/Absence.h"
 #include "replica/plan/MovedIntents.h"
+#include "replica/plan/Uncertain.h"
 
 namespace kestrowan::replica::plan {
 
@@ -25,10 +26,9 @@ namespace {
 
 class Look {
  public:
-  Look(Edit& edit, const Listings& listings) : edit_(edit), listings_(listings) {}
+  Look(Edit& edit, const Shown& shown) : edit_(edit), shown_(shown) {}
 
-  void write(const std::vector<ItemNumber>& folders);
-  std::vector<Path> lacking() const { return {lacking_.begin(), lacking_.end()}; }
+  Written write(const std::vector<ItemNumber>& folders);
 
  private:
   using Way = std::pair<Path, Path>;
@@ -36,22 +36,28 @@ class Look {
   std::vector<Way> ways() const;
   bool followMoves();
   bool hasMoved(const Path& source, const Path& target);
-  void writeFolder(ItemNumber number, std::deque<ItemNumber>& todo, std::set<ItemNumber>& done);
-  void writeAbsent(ItemNumber folder, const Listing& listing);
-  void writePresent(ItemNumber folder, const Listing& listing);
+  std::vector<ItemNumber> widened(const std::vector<ItemNumber>& folders);
+  void writeFolder(ItemNumber number, std::deque<ItemNumber>& todo);
+  void writeAbsent(ItemNumber folder, const Path& path, const Listing& listing);
+  void writePresent(ItemNumber folder, const Path& path, const Listing& listing);
   bool isOwnRemoval(const Path& path) const;
+  bool isUncertain(const Path& path);
+  bool isSeen(const Intent& intent);
+  void noteIntents();
   const std::optional<Listing>* listing(const Path& folder);
   const ListedEntry* entry(const Path& path);
 
   Edit& edit_;
-  const Listings& listings_;
+  const Shown& shown_;
   std::set<Path> lacking_;
+  std::set<ItemNumber> done_;
+  bool isWhole_ = true;
 };
 
 /// Absent when it is lacking, which is noted.
 const std::optional<Listing>* Look::listing(const Path& folder) {
-  const auto found = listings_.find(folder);
-  if (found != listings_.end()) return &found->second;
+  const auto found = shown_.listings.find(folder);
+  if (found != shown_.listings.end()) return &found->second;
   lacking_.insert(folder);
   return nullptr;
 }
@@ -61,6 +67,13 @@ const ListedEntry* Look::entry(const Path& path) {
   if (!folder || !*folder) return nullptr;
   const auto found = (*folder)->find(path.name());
   return found == (*folder)->end() ? nullptr : &found->second;
+}
+
+/// What is listed there says nothing, and is left as it is known.
+bool Look::isUncertain(const Path& path) {
+  const bool result = plan::isUncertain(*edit_, path, shown_.answered);
+  isWhole_ = isWhole_ && !result;
+  return result;
 }
 
 /// From where to where moves without an answer may have brought something, the latest first. They
@@ -96,9 +109,12 @@ bool Look::followMoves() {
 /// The item at the source kept its identity and is at the target now, with all that is in it.
 bool Look::hasMoved(const Path& source, const Path& target) {
   const Item* item = edit_->atPath(source);
-  const Item* folder = edit_->atPath(target.folder());
+  const Item* folder = edit_->folderOf(target);
   if (!item || !folder) return false;
   const Place place{folder->number(), std::string(target.name())};
+  const bool isShown =
+      shown_.listings.contains(source.folder()) && shown_.listings.contains(target.folder());
+  if (!isShown || isUncertain(source) || isUncertain(target)) return false;
   const ListedEntry* found = entry(target);
   const bool isAtSource = entry(source) != nullptr;
   if (!found || found->kind != item->kind() || edit_->thereAt(place)) return false;
@@ -108,9 +124,9 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   There there = *item->there();
   if (!isSameVersion) {
     // Moved after a put without an answer: the bytes will tell.
-    const auto& intents = edit_->intents().all();
-    const bool mayBePut = std::any_of(intents.begin(), intents.end(), [&](const Intent& intent) {
-      return intent.verb == Verb::put && intent.target == source;
+    const auto intents = edit_->intents().atOrAbove(source);
+    const bool mayBePut = std::any_of(intents.begin(), intents.end(), [&](const Intent* intent) {
+      return intent->verb == Verb::put && intent->target == source;
     });
     if (!mayBePut) return false;
     there.version = found->version;
@@ -121,27 +137,29 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   if (agreed) agreed->place = place;
   edit_.setAgreed(item->number(), std::move(agreed));
   edit_.setThere(item->number(), std::move(there));
-  moveIntents(edit_, source, target);
+  moveIntents(edit_, source, target, shown_.began);
   return true;
 }
 
 bool Look::isOwnRemoval(const Path& path) const {
-  const auto& intents = edit_->intents().all();
-  return std::any_of(intents.begin(), intents.end(), [&](const Intent& intent) {
-    return intent.verb == Verb::remove && path.isAtOrBelow(*intent.source);
-  });
+  const auto above = edit_->intents().atOrAbove(path);
+  return std::any_of(above.begin(), above.end(),
+                     [](const Intent* intent) { return intent->verb == Verb::remove; });
 }
 
-void Look::writeAbsent(ItemNumber folder, const Listing& listing) {
+void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listing) {
   for (const Item* item : edit_->thereIn(folder)) {
-    const auto found = listing.find(item->there()->place.name);
+    const std::string& name = item->there()->place.name;
+    const auto found = listing.find(name);
     if (found != listing.end() && found->second.kind == item->kind()) continue;
-    markAbsent(edit_, item->number(), isOwnRemoval(edit_->therePath(*item)));
+    if (isUncertain(path.child(name))) continue;
+    markAbsent(edit_, item->number(), isOwnRemoval(path.child(name)));
   }
 }
 
-void Look::writePresent(ItemNumber folder, const Listing& listing) {
+void Look::writePresent(ItemNumber folder, const Path& path, const Listing& listing) {
   for (const auto& [name, entry] : listing) {
+    if (isUncertain(path.child(name))) continue;
     const Place place{folder, name};
     const Item* item = edit_->thereAt(place);
     if (item && item->there()->version == entry.version) continue;
@@ -150,56 +168,94 @@ void Look::writePresent(ItemNumber folder, const Listing& listing) {
   }
 }
 
-void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo,
-                       std::set<ItemNumber>& done) {
+void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo) {
   const Item* folder = edit_->find(number);
-  if (!folder || !folder->there() || !done.insert(number).second) return;
-  const auto* listed = listing(edit_->therePath(*folder));
+  if (!folder || !folder->there() || done_.contains(number)) return;
+  const Path path = edit_->therePath(*folder);
+  if (isUncertain(path)) return;
+  const auto* listed = listing(path);
   if (!listed) return;
+  done_.insert(number);
   if (*listed) {
-    writeAbsent(number, **listed);
-    writePresent(number, **listed);
+    writeAbsent(number, path, **listed);
+    writePresent(number, path, **listed);
   } else if (number != ItemNumber::root) {
     // The folder itself is gone: its own folder tells.
     const ItemNumber up = folder->there()->place.folder;
     todo.push_front(up);
-    done.erase(up);
+    done_.erase(up);
   }
 }
 
-void Look::write(const std::vector<ItemNumber>& folders) {
-  std::deque<ItemNumber> todo(folders.begin(), folders.end());
-  for (const Intent& intent : edit_->intents().all()) {
-    for (const Path& path : intent.paths()) {
-      if (const Item* folder = edit_->atPath(path.folder())) todo.push_back(folder->number());
+/// With the folders that moves without an answer join to these.
+std::vector<ItemNumber> Look::widened(const std::vector<ItemNumber>& folders) {
+  std::vector<ItemNumber> result;
+  const auto add = [&](const Item* folder) {
+    if (!folder || !folder->there() || folder->isFile()) return;
+    const bool isNew = std::find(result.begin(), result.end(), folder->number()) == result.end();
+    if (isNew) result.push_back(folder->number());
+  };
+  for (const ItemNumber folder : folders) add(edit_->find(folder));
+  for (std::size_t i = 0; i < result.size(); ++i) {
+    const Item& folder = edit_->item(result[i]);
+    const Path path = edit_->therePath(folder);
+    if (isUncertain(path)) continue;
+    const auto* listed = listing(path);
+    const bool isGone = listed && !*listed && folder.number() != ItemNumber::root;
+    if (isGone) add(&edit_->item(folder.there()->place.folder));
+    auto intents = edit_->intents().in(path);
+    const auto above = edit_->intents().atOrAbove(path);
+    intents.insert(intents.end(), above.begin(), above.end());
+    for (const Intent* intent : intents) {
+      if (intent->verb != Verb::move) continue;
+      for (const Path& other : intent->paths()) add(edit_->folderOf(other));
     }
   }
-  while (followMoves()) {
+  return result;
+}
+
+/// What is known of the request's places is what was listed now.
+bool Look::isSeen(const Intent& intent) {
+  const auto paths = intent.paths();
+  return std::all_of(paths.begin(), paths.end(), [&](const Path& path) {
+    const Item* folder = edit_->folderOf(path);
+    return !isUncertain(path) && (!folder || done_.contains(folder->number()));
+  });
+}
+
+void Look::noteIntents() {
+  std::vector<Intent> changed;
+  for (Intent intent : edit_->intents().all()) {
+    if (intent.isUnderWay() || *intent.ended > shown_.began || !isSeen(intent)) continue;
+    const bool over = intent.over || intent.until <= shown_.began;
+    if (intent.looked && over == intent.over) continue;
+    intent.looked = true;
+    intent.over = over;
+    changed.push_back(std::move(intent));
   }
-  std::set<ItemNumber> done;
-  while (!todo.empty()) {
-    const ItemNumber next = todo.front();
-    todo.pop_front();
-    writeFolder(next, todo, done);
+  for (const Intent& intent : changed) edit_.change(intent);
+}
+
+Written Look::write(const std::vector<ItemNumber>& folders) {
+  const auto wide = widened(folders);
+  if (lacking_.empty()) {
+    while (followMoves()) {
+    }
+    std::deque<ItemNumber> todo(wide.begin(), wide.end());
+    while (!todo.empty()) {
+      const ItemNumber next = todo.front();
+      todo.pop_front();
+      writeFolder(next, todo);
+    }
   }
+  if (lacking_.empty()) noteIntents();
+  return {{lacking_.begin(), lacking_.end()}, isWhole_};
 }
 
 }  // namespace
 
-std::vector<Path> observe(Edit& edit, const std::vector<ItemNumber>& folders,
-                          const Listings& listings, Time began) {
-  Look look(edit, listings);
-  look.write(folders);
-  const auto intents = edit->intents().all();
-  for (Intent intent : intents) {
-    const bool looked = intent.looked || (intent.ended && *intent.ended <= began);
-    const bool over = intent.over || intent.until <= began;
-    if (looked == intent.looked && over == intent.over) continue;
-    intent.looked = looked;
-    intent.over = over;
-    edit.change(intent);
-  }
-  return look.lacking();
+Written observe(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
+  return Look(edit, shown).write(folders);
 }
 
 }  // namespace kestrowan::replica::plan

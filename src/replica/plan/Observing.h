@@ -19,15 +19,35 @@ using Listing = std::map<std::string, ListedEntry, std::less<>>;
 /// Listings that belong to one look, by the folders' paths. Absent: there is no such folder.
 using Listings = std::map<model::Path, std::optional<Listing>>;
 
-/// Writes what a look showed of `folders`, and of those that intents touch. `began`: when the first
-/// of the listings was asked for. `there` is what they show; `agreed` follows only where a request
-/// of ours without an answer explains it: an item that was moved keeps its identity, and what our
-/// own removal took is to be made anew. Intents that ended before are looked for then.
+/// What a look showed. Of one folder, looks are to be written in the order in which they began.
+struct Shown {
+  Listings listings;
+  /// When the first of the listings was asked for.
+  model::Time began;
+  /// The sources and targets of requests whose answers have come since then. A listing may show
+  /// what was at and below these before.
+  std::vector<model::Path> answered;
+};
+
+/// What became of a look.
+struct Written {
+  /// The paths of folders whose listings are lacking. Unless there are none, the edit is to be
+  /// given up, and `observe` to be called again in a new one with these added. Otherwise the edit
+  /// is to be committed by the caller.
+  std::vector<model::Path> lacking;
+  /// Nothing was left as it is known; else the folders are to be listed again, after the answers.
+  bool isWhole = true;
+};
+
+/// Writes what a look showed of `folders`. `there` is what the listings show; `agreed` follows only
+/// where a request of ours without an answer explains it: an item that was moved keeps its
+/// identity, and what our own removal took is to be made anew. Requests that ended before and whose
+/// folders were all listed are looked for then. What is at or below the paths of requests that are
+/// under way, or were answered meanwhile, stays as it is known.
 ///
-/// Gives the paths of folders whose listings are lacking. Unless there are none, the edit is to be
-/// given up, and `observe` to be called again in a new one with these added. Otherwise the edit is
-/// to be committed by the caller.
-std::vector<model::Path> observe(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
-                                 const Listings& listings, model::Time began);
+/// Where a move without an answer may have brought something into one of the folders or out of it,
+/// the other folder belongs to the look too.
+Written observe(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
+                const Shown& shown);
 
 }  // namespace kestrowan::replica::plan

@@ -1,127 +1,24 @@
 #include "replica/plan/Order.h"
 
 #include <algorithm>
-#include <vector>
+#include <unordered_map>
 
 #include "replica/plan/FreePlace.h"
 #include "replica/plan/Landing.h"
 #include "replica/plan/Merge.h"
+#include "replica/plan/Surroundings.h"
 
 namespace kestrowan::replica::plan {
 
 using model::Content;
+using model::Intent;
 using model::Item;
 using model::ItemNumber;
+using model::Path;
 using model::Place;
 using model::State;
 
 namespace {
-
-enum class Why : std::uint8_t { after, child, folder, inside, place, take };
-
-/// An item that must go first.
-struct Blocker {
-  ItemNumber item;
-  Why why;
-};
-
-std::optional<Push> pushOf(const State& state, ItemNumber number, const Names& names) {
-  const Item* item = state.find(number);
-  if (!item) return std::nullopt;
-  const Step step = merge(state, *item, names);
-  const Push* push = std::get_if<Push>(&step);
-  return push ? std::optional(*push) : std::nullopt;
-}
-
-/// Something that the item must be removed after, besides `except`.
-std::optional<Blocker> afterBlocker(const State& state, const Item& item, const Names& names,
-                                    ItemNumber except) {
-  for (const ItemNumber other : item.after()) {
-    if (other != except && pushOf(state, other, names)) return Blocker{other, Why::after};
-  }
-  return std::nullopt;
-}
-
-std::optional<Blocker> removalBlocker(const State& state, const Item& item, const Names& names) {
-  if (const auto blocker = afterBlocker(state, item, names, ItemNumber::none)) return blocker;
-  if (const Item* child = state.anyThereIn(item.number()))
-    return Blocker{child->number(), Why::child};
-  return std::nullopt;
-}
-
-std::optional<Blocker> insideBlocker(const State& state, const Item& item, const Item& folder,
-                                     const Names& names) {
-  std::vector<ItemNumber> way;
-  const Item* up = &folder;
-  while (up->number() != ItemNumber::root && up != &item) {
-    way.push_back(up->number());
-    up = &state.item(up->there()->place.folder);
-  }
-  if (up != &item) return std::nullopt;
-  for (const ItemNumber number : way) {
-    const auto push = pushOf(state, number, names);
-    if (push && push->change == Change::move) return Blocker{number, Why::inside};
-  }
-  return std::nullopt;
-}
-
-std::optional<Blocker> placeBlocker(const State& state, const Item& item, const Place& place,
-                                    const Names& names) {
-  const Item* other = state.thereAt(place);
-  if (!other || other == &item) return std::nullopt;
-  const auto push = pushOf(state, other->number(), names);
-  const bool isToGo = push && push->change == Change::remove;
-  const bool canBeTaken = item.isFile() && other->isFile() && isToGo &&
-                          !afterBlocker(state, *other, names, item.number());
-  return Blocker{other->number(), canBeTaken ? Why::take : Why::place};
-}
-
-std::optional<Blocker> blockerOf(const State& state, const Push& push, const Names& names) {
-  const Item& item = state.item(push.item);
-  if (push.change == Change::contents) return std::nullopt;
-  if (push.change == Change::remove) return removalBlocker(state, item, names);
-  const Item& folder = state.item(push.place.folder);
-  if (!folder.there()) return Blocker{folder.number(), Why::folder};
-  if (const auto blocker = insideBlocker(state, item, folder, names)) return blocker;
-  return placeBlocker(state, item, push.place, names);
-}
-
-/// One that requests in a ring wait for.
-struct Link {
-  ItemNumber from;
-  Blocker blocker;
-};
-
-/// The choice does not depend on where the ring was entered.
-Step breakRing(const State& state, const std::vector<Link>& ring, const Names& names) {
-  std::optional<ItemNumber> first;
-  for (const Link& link : ring) {
-    if (link.blocker.why != Why::place) continue;
-    first = std::min(first.value_or(link.blocker.item), link.blocker.item);
-  }
-  if (!first) return Stuck{ring.front().from};
-  const Place& place = state.item(*first).there()->place;
-  return Push{Change::move, *first, freePlace(state, place, names, &Names::third), Content::none};
-}
-
-/// What the item waits for in the end, or how the ring is broken that it waits for.
-Step wait(const State& state, ItemNumber number, Blocker blocker, const Names& names) {
-  std::vector<Link> way;
-  while (true) {
-    way.push_back({number, blocker});
-    number = blocker.item;
-    const auto seen =
-        std::find_if(way.begin(), way.end(), [&](const Link& link) { return link.from == number; });
-    if (seen != way.end()) {
-      return breakRing(state, std::vector<Link>(seen, way.end()), names);
-    }
-    const auto push = pushOf(state, number, names);
-    if (!push) return Stuck{number};
-    const auto next = blockerOf(state, *push, names);
-    if (!next || next->why == Why::take) return WaitFor{number};
-    blocker = *next;
-  }
-}
 
 /// A file at or below this item that is not on this disk, and that a program still sees.
 bool holdsRemoteBytes(const State& state, const Item& item) {
@@ -131,25 +28,143 @@ bool holdsRemoteBytes(const State& state, const Item& item) {
                      [&](const Item* child) { return holdsRemoteBytes(state, *child); });
 }
 
+}  // namespace
+
+/// What the item needs by its own states and the requests around it.
+Step Order::ownStep(ItemNumber number) const {
+  const Item* item = state_.find(number);
+  if (!item) return Nothing{};
+  if (auto open = openAround(state_, *item, now_)) return *open;
+  Step step = merge(state_, *item, names_);
+  const Settle* settling = std::get_if<Settle>(&step);
+  if (!settling) return step;
+  for (const ItemNumber other : {settling->item, settling->other}) {
+    const Item* involved = other == number ? nullptr : state_.find(other);
+    if (!involved) continue;
+    if (auto open = openAround(state_, *involved, now_)) return *open;
+  }
+  return step;
+}
+
+/// What was found where a request of ours without an answer may have brought this item.
+std::optional<Order::Blocker> Order::effectBlocker(const Item& item) const {
+  for (const Intent* intent : state_.intents().of(item.number())) {
+    for (const Path& path : intent->paths()) {
+      const Item* found = state_.atPath(path);
+      if (found && found != &item && !found->isMerged()) {
+        return Blocker{found->number(), Why::effect};
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+/// Something that the item must be removed after, besides `except`.
+std::optional<Order::Blocker> Order::afterBlocker(const Item& item, ItemNumber except) const {
+  for (const ItemNumber other : item.after()) {
+    if (other == except || std::holds_alternative<Nothing>(ownStep(other))) continue;
+    return Blocker{other, Why::after};
+  }
+  return std::nullopt;
+}
+
+std::optional<Order::Blocker> Order::removalBlocker(const Item& item) const {
+  if (const auto blocker = afterBlocker(item, ItemNumber::none)) return blocker;
+  if (const Item* child = state_.anyThereIn(item.number()))
+    return Blocker{child->number(), Why::child};
+  return std::nullopt;
+}
+
+std::optional<Order::Blocker> Order::insideBlocker(const Item& item, const Item& folder) const {
+  std::optional<ItemNumber> leaving;
+  const Item* up = &folder;
+  while (up->number() != ItemNumber::root && up != &item) {
+    const bool isToMove = up->here() && up->here()->place != up->there()->place;
+    if (isToMove && !leaving) leaving = up->number();
+    up = &state_.item(up->there()->place.folder);
+  }
+  if (up != &item || !leaving) return std::nullopt;
+  return Blocker{*leaving, Why::inside};
+}
+
+std::optional<Order::Blocker> Order::placeBlocker(const Item& item, const Place& place) const {
+  const Item* other = state_.thereAt(place);
+  if (!other || other == &item) return std::nullopt;
+  const Step step = ownStep(other->number());
+  const Push* push = std::get_if<Push>(&step);
+  const bool isToGo = push && push->change == Change::remove;
+  const bool canBeTaken =
+      item.isFile() && other->isFile() && isToGo && !afterBlocker(*other, item.number());
+  return Blocker{other->number(), canBeTaken ? Why::take : Why::place};
+}
+
+std::optional<Order::Blocker> Order::blockerOf(const Step& step) const {
+  if (const auto* other = std::get_if<WaitFor>(&step)) return Blocker{other->item, Why::merge};
+  const Push* push = std::get_if<Push>(&step);
+  if (!push) return std::nullopt;
+  const Item& item = state_.item(push->item);
+  if (const auto blocker = effectBlocker(item)) return blocker;
+  if (push->change == Change::contents) return std::nullopt;
+  if (push->change == Change::remove) return removalBlocker(item);
+  const Item& folder = state_.item(push->place.folder);
+  if (!folder.there()) return Blocker{folder.number(), Why::folder};
+  if (const auto blocker = insideBlocker(item, folder)) return blocker;
+  return placeBlocker(item, push->place);
+}
+
+/// The choice does not depend on where the ring was entered.
+Step Order::breakRing(const std::vector<Link>& ring) const {
+  std::optional<ItemNumber> first;
+  for (const Link& link : ring) {
+    if (link.blocker.why != Why::place) continue;
+    first = std::min(first.value_or(link.blocker.item), link.blocker.item);
+  }
+  if (!first) return Stuck{ring.front().from};
+  const Place& place = state_.item(*first).there()->place;
+  return Push{Change::move, *first, freePlace(state_, place, names_, &Names::third), Content::none};
+}
+
+/// What the item waits for in the end, or how the ring is broken that it waits for.
+Step Order::wait(ItemNumber number, Blocker blocker) const {
+  std::vector<Link> way;
+  std::unordered_map<ItemNumber, std::size_t> seen;
+  while (true) {
+    seen.emplace(number, way.size());
+    way.push_back({number, blocker});
+    number = blocker.item;
+    const auto before = seen.find(number);
+    if (before != seen.end()) {
+      const auto begin = way.begin() + static_cast<std::ptrdiff_t>(before->second);
+      return breakRing(std::vector<Link>(begin, way.end()));
+    }
+    const Step step = ownStep(number);
+    if (std::holds_alternative<Nothing>(step)) return Stuck{number};
+    const auto next = blockerOf(step);
+    if (!next || next->why == Why::take) return WaitFor{number};
+    blocker = *next;
+  }
+}
+
 /// What protects what a move brings to where a late request of ours may destroy it.
-std::optional<Step> protection(const State& state, const Push& push) {
+std::optional<Step> Order::protection(const Push& push) const {
   if (push.change != Change::move) return std::nullopt;
-  const Item& item = state.item(push.item);
-  const auto until = endangeredUntil(state, *state.pathOf(push.place));
-  if (!until || !holdsRemoteBytes(state, item)) return std::nullopt;
+  const Item& item = state_.item(push.item);
+  const auto until = endangeredUntil(state_, *state_.pathOf(push.place));
+  if (!until || !holdsRemoteBytes(state_, item)) return std::nullopt;
   if (item.isFile()) return Fetch{item.number()};
   return WaitUntil{*until};
 }
 
-}  // namespace
-
-Step order(const State& state, const Push& push, const Names& names) {
-  const auto blocker = blockerOf(state, push, names);
-  if (!blocker) return protection(state, push).value_or(push);
-  if (blocker->why != Why::take) return wait(state, push.item, *blocker, names);
-  const Item& item = state.item(push.item);
-  if (item.here()->content == Content::none) return Fetch{item.number()};
-  return Settle{Resolution::take, item.number(), blocker->item, {}};
+Step Order::next(ItemNumber number) const {
+  Step step = ownStep(number);
+  const auto blocker = blockerOf(step);
+  if (blocker && blocker->why != Why::take) return wait(number, *blocker);
+  const Push* push = std::get_if<Push>(&step);
+  if (!push) return step;
+  if (!blocker) return protection(*push).value_or(step);
+  const Item& item = state_.item(number);
+  if (item.here()->content == Content::none) return Fetch{number};
+  return Settle{Resolution::take, number, blocker->item, {}};
 }
 
 }  // namespace kestrowan::replica::plan

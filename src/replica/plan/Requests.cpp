@@ -27,16 +27,26 @@ using model::Version;
 namespace {
 
 Intent intentOf(const State& state, IntentNumber number) {
-  const auto found = std::find_if(state.intents().all().begin(), state.intents().all().end(),
-                                  [&](const Intent& intent) { return intent.number == number; });
-  if (found == state.intents().all().end())
-    fatalError("an answer came for a request that was not noted");
+  const Intent* found = state.intents().find(number);
+  if (!found) fatalError("an answer came for a request that was not noted");
   return *found;
+}
+
+/// What the answer is about may be elsewhere: an earlier move without an answer may have landed
+/// before the request.
+bool mayHaveMoved(const State& state, const Intent& intent) {
+  const auto paths = intent.paths();
+  return std::any_of(paths.begin(), paths.end(), [&](const model::Path& path) {
+    const auto above = state.intents().atOrAbove(path);
+    return std::any_of(above.begin(), above.end(), [&](const Intent* other) {
+      return other->verb == Verb::move && !other->isUnderWay() && path.isAtOrBelow(*other->source);
+    });
+  });
 }
 
 /// Where what was asked for is now, when nothing else is known to be there.
 std::optional<Place> placeOfTarget(const State& state, const Intent& intent) {
-  const Item* folder = state.atPath(intent.target->folder());
+  const Item* folder = state.folderOf(*intent.target);
   if (!folder) return std::nullopt;
   Place place{folder->number(), std::string(intent.target->name())};
   const Item* other = state.thereAt(place);
@@ -57,7 +67,7 @@ bool placePut(Edit& edit, const Intent& intent, const Version& version) {
   return true;
 }
 
-bool placeMove(Edit& edit, const Intent& intent) {
+bool placeMove(Edit& edit, const Intent& intent, Time now) {
   const auto place = placeOfTarget(*edit, intent);
   const Item* item = edit->find(intent.item);
   if (!place || !item || !item->there()) return false;
@@ -67,7 +77,7 @@ bool placeMove(Edit& edit, const Intent& intent) {
   if (agreed) agreed->place = *place;
   edit.setThere(intent.item, there);
   edit.setAgreed(intent.item, agreed);
-  moveIntents(edit, *intent.source, *intent.target);
+  moveIntents(edit, *intent.source, *intent.target, now);
   return true;
 }
 
@@ -76,13 +86,13 @@ bool placeRemoval(Edit& edit, const Intent& intent) {
   return true;
 }
 
-bool placeAnswer(Edit& edit, const Intent& intent, const Version& version) {
+bool placeAnswer(Edit& edit, const Intent& intent, const Version& version, Time now) {
   switch (intent.verb) {
     case Verb::put:
     case Verb::makeFolder:
       return placePut(edit, intent, version);
     case Verb::move:
-      return placeMove(edit, intent);
+      return placeMove(edit, intent, now);
     case Verb::remove:
       return placeRemoval(edit, intent);
   }
@@ -130,7 +140,7 @@ IntentNumber noteSent(Edit& edit, const Request& request, Time now) {
 
 void noteAnswer(Edit& edit, IntentNumber number, const Version& version, Time now) {
   const Intent intent = intentOf(*edit, number);
-  if (placeAnswer(edit, intent, version)) {
+  if (!mayHaveMoved(*edit, intent) && placeAnswer(edit, intent, version, now)) {
     edit.end(number);
   } else {
     noteLostAnswer(edit, number, now);

@@ -11,6 +11,7 @@ using model::Content;
 using model::Edit;
 using model::Here;
 using model::Intent;
+using model::IntentNumber;
 using model::Item;
 using model::ItemNumber;
 using model::Kind;
@@ -35,7 +36,8 @@ void give(Edit& edit, ItemNumber from, ItemNumber to) {
     edit.setAgreed(child->number(), inFolder(child->agreed(), from, to));
   }
   // What is gone there is in no folder there, but may agree with one.
-  const auto unmerged = edit->unmerged();
+  const bool isFolder = edit->item(from).isFolder();
+  const auto unmerged = isFolder ? edit->unmerged() : std::set<ItemNumber>();
   for (const ItemNumber number : unmerged) {
     edit.setAgreed(number, inFolder(edit->item(number).agreed(), from, to));
   }
@@ -49,18 +51,21 @@ void recognise(Edit& edit, const Item& item, ItemNumber asker) {
   if (item.isFolder()) {
     // A folder has no version that tells: it is explained once.
     const Path path = edit->therePath(item);
-    const auto intents = edit->intents().all();
-    for (const Intent& intent : intents) {
-      if (intent.verb == Verb::makeFolder && intent.target == path) edit.end(intent.number);
+    std::vector<IntentNumber> done;
+    for (const Intent* intent : edit->intents().atOrAbove(path)) {
+      if (intent->verb == Verb::makeFolder && intent->target == path) {
+        done.push_back(intent->number);
+      }
     }
+    for (const IntentNumber intent : done) edit.end(intent);
   }
   const Item* other = edit->find(asker);
   const bool isForOther = other && other != &item && !other->there() &&
                           other->kind() == item.kind() && !item.here() && !item.agreed();
   if (isForOther) return give(edit, number, asker);
   edit.setAgreed(number, item.there());
-  // A second copy is removed while the first one is there.
-  if (!item.here() && other && other != &item) edit.addAfter(number, asker);
+  // A second copy is removed while the first one is there, if that is still wanted.
+  if (!item.here() && other && other != &item && other->here()) edit.addAfter(number, asker);
 }
 
 /// It is no longer to be removed there: it is theirs, as if it were new.
@@ -129,26 +134,19 @@ void forget(Edit& edit, ItemNumber number) {
     const bool isSame = copy.there() && copy.there()->content == content;
     if (waits && isSame && content != Content::none) bringBack(edit, other);
   }
-  const auto intents = edit->intents().all();
-  for (Intent intent : intents) {
-    if (intent.item != number) continue;
+  std::vector<Intent> own;
+  for (const Intent* intent : edit->intents().of(number)) own.push_back(*intent);
+  for (Intent& intent : own) {
     intent.item = ItemNumber::none;
     edit.change(intent);
   }
   edit.drop(number);
 }
 
-void endIntents(Edit& edit) {
-  const auto intents = edit->intents().all();
-  for (const Intent& intent : intents) {
-    if (intent.over) edit.end(intent.number);
-  }
-}
-
 }  // namespace
 
 void settle(Edit& edit, const Settle& step) {
-  if (step.resolution == Resolution::end) return endIntents(edit);
+  if (step.resolution == Resolution::end) return edit.end(step.intent);
   const Item& item = edit->item(step.item);
   switch (step.resolution) {
     case Resolution::drop:

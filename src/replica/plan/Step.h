@@ -21,6 +21,13 @@ struct WaitFor {
   friend bool operator==(const WaitFor&, const WaitFor&) = default;
 };
 
+/// A request is under way: its answer comes first.
+struct WaitForAnswer {
+  model::IntentNumber intent;
+
+  friend bool operator==(const WaitForAnswer&, const WaitForAnswer&) = default;
+};
+
 /// Nothing is to be done before that time.
 struct WaitUntil {
   model::Time time;
@@ -35,7 +42,7 @@ struct Stuck {
   friend bool operator==(const Stuck&, const Stuck&) = default;
 };
 
-/// These folders are to be listed, and `observe` is to write what they show.
+/// These folders are to be listed, and `observe` is to write what they show. It may ask for more.
 struct Look {
   std::vector<model::ItemNumber> folders;
 
@@ -69,7 +76,8 @@ struct Push {
   friend bool operator==(const Push&, const Push&) = default;
 };
 
-/// How a difference is settled by changing the three states alone. `item` is the one it is about.
+/// How a difference is settled by changing the three states alone. `item` is the one it is about,
+/// `intent` the request that is ended.
 enum class Resolution : std::uint8_t {
   drop,    // it is neither here nor there: no more
   own,     // it is what a request of ours for `other` made
@@ -83,7 +91,7 @@ enum class Resolution : std::uint8_t {
   pull,    // theirs is shown, in its place
   beside,  // theirs is shown; ours becomes a new file at `place`
   take,    // it becomes the new contents of `other`, whose place it takes
-  end,     // the intents that can no longer land are no more
+  end,     // the intent is no more
 };
 
 struct Settle {
@@ -91,11 +99,13 @@ struct Settle {
   model::ItemNumber item = model::ItemNumber::none;
   model::ItemNumber other = model::ItemNumber::none;
   model::Place place;
+  model::IntentNumber intent = model::IntentNumber::none;
 
   friend bool operator==(const Settle&, const Settle&) = default;
 };
 
 /// What is to be done next. Plain data.
-using Step = std::variant<Nothing, WaitFor, WaitUntil, Stuck, Look, Fetch, Push, Settle>;
+using Step =
+    std::variant<Nothing, WaitFor, WaitForAnswer, WaitUntil, Stuck, Look, Fetch, Push, Settle>;
 
 }  // namespace kestrowan::replica::plan

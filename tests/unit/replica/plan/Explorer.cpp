@@ -11,7 +11,9 @@ namespace kestrowan::test {
 namespace {
 
 /// Steps in which everything must have come to its end.
-constexpr std::size_t kLimit = 150;
+constexpr std::size_t kLimit = 250;
+/// Of a deed: the engine's own choice.
+constexpr std::uint16_t kNext = 0xFFFF;
 
 }  // namespace
 
@@ -50,7 +52,7 @@ void Explorer::HashSet::grow() {
 
 std::uint64_t Explorer::hash(const Node& node) {
   std::string text = node.text;
-  for (const std::uint8_t left : {node.here, node.there, node.faults}) {
+  for (const std::uint8_t left : {node.here, node.there, node.faults, node.slow}) {
     text += static_cast<char>(left);
   }
   return std::hash<std::string>{}(text) | 1;
@@ -60,9 +62,9 @@ void Explorer::exploreAll(const PlannerWorld& start) {
   seen_.clear();
   deeds_.assign(1, {});
   start_ = start.encoded();
-  todo_.push_back({start_, static_cast<std::uint8_t>(bounds_.here),
-                   static_cast<std::uint8_t>(bounds_.there),
-                   static_cast<std::uint8_t>(bounds_.faults), 0});
+  todo_.push_back(
+      {start_, static_cast<std::uint8_t>(bounds_.here), static_cast<std::uint8_t>(bounds_.there),
+       static_cast<std::uint8_t>(bounds_.faults), static_cast<std::uint8_t>(bounds_.slow), 0});
   while (!todo_.empty()) {
     Node node = std::move(todo_.back());
     todo_.pop_back();
@@ -110,39 +112,68 @@ void Explorer::branch(const Node& node, const PlannerWorld& world) {
   };
   if (node.here > 0) considerAll(Deed::Kind::here, world.eventsHere(bounds_.names));
   if (node.there > 0) considerAll(Deed::Kind::there, world.eventsThere(bounds_.names));
+  const auto considerMove = [&](Deed::Kind kind, std::size_t index) {
+    const Deed deed{kind, 0, static_cast<std::uint16_t>(index), node.trace};
+    consider(node, deed,
+             [&](PlannerWorld& other) { other.carryOut(moveOf(other, deed), Fate::ok); });
+  };
+  for (std::size_t i = 0; i < world.underWay(); ++i) considerMove(Deed::Kind::answer, i);
+  if (world.isAsked()) considerMove(Deed::Kind::write, 0);
+  if (world.isUnseen()) considerMove(Deed::Kind::look, 0);
+  if (node.slow > 0 && !world.isAsked()) considerMove(Deed::Kind::ask, 0);
+}
+
+/// What else may become of the engine's own next step.
+void Explorer::branchStep(const Node& node, const Move& move) {
+  for (unsigned i = 1; i <= static_cast<unsigned>(Fate::held); ++i) {
+    const auto fate = static_cast<Fate>(i);
+    const bool isPossible = fate == Fate::held ? move.mayBeHeld() : move.isSent();
+    if (!isPossible || (isFault(fate) && node.faults == 0) || (isSlow(fate) && node.slow == 0)) {
+      continue;
+    }
+    consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(i), kNext, node.trace},
+             [&](PlannerWorld& other) { other.carryOut(move, fate); });
+  }
+}
+
+Move Explorer::moveOf(const PlannerWorld& world, const Deed& deed) const {
+  switch (deed.kind) {
+    case Deed::Kind::look:
+      return {Move::Kind::look, {}, {}, {}, 0};
+    case Deed::Kind::ask:
+      return {Move::Kind::ask, {}, {}, {}, 0};
+    case Deed::Kind::write:
+      return {Move::Kind::write, {}, {}, {}, 0};
+    case Deed::Kind::answer:
+      return {Move::Kind::answer, {}, {}, {}, deed.index};
+    default:
+      return deed.index == kNext ? world.next(bounds_.isReversed) : world.steps().at(deed.index);
+  }
 }
 
 /// The state after the engine's next step, which is done in `world`.
 std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorld& world) {
-  const Move move = world.next(bounds_.isReversed);
-  const bool isIdle = move.kind == Move::Kind::none || move.kind == Move::Kind::wait;
+  Move move = world.next(bounds_.isReversed);
+  const bool isAtRest = move.kind == Move::Kind::none || move.kind == Move::Kind::wait;
   if (move.kind == Move::Kind::none && !world.isUnseen()) {
     world.judge();
     ++ends_;
     return std::nullopt;
   }
-  const Deed look{Deed::Kind::look, 0, 0, node.trace};
-  const auto doLook = [](PlannerWorld& other) {
-    other.carryOut({Move::Kind::look, {}, {}}, Fate::ok);
-  };
-  if (world.isUnseen() && isIdle) return done(node, look, world, doLook);
-  if (world.isUnseen()) consider(node, look, doLook);
-  const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
-  if (isSent && node.faults > 0) {
-    for (const Fate fate : {Fate::lostBefore, Fate::lostAfter, Fate::lateByOne, Fate::lateByTwo}) {
-      consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(fate), 0, node.trace},
-               [&](PlannerWorld& other) { other.carryOut(move, fate); });
-    }
+  Deed deed{Deed::Kind::step, 0, kNext, node.trace};
+  if (world.isUnseen() && isAtRest) {
+    deed.kind = Deed::Kind::look;
+    move = moveOf(world, deed);
   }
-  return done(node, {Deed::Kind::step, 0, 0, node.trace}, world,
-              [&](PlannerWorld& other) { other.carryOut(move, Fate::ok); });
+  branchStep(node, move);
+  return done(node, deed, world, [&](PlannerWorld& other) { other.carryOut(move, Fate::ok); });
 }
 
 /// The state after a deed, which is done in `world`; absent when it broke a rule.
 template <class Do>
 std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed, PlannerWorld& world,
                                              const Do& doIt) {
-  Node next{{}, node.here, node.there, node.faults, 0};
+  Node next{{}, node.here, node.there, node.faults, node.slow, 0};
   try {
     doIt(world);
     next.text = world.encoded();
@@ -152,9 +183,11 @@ std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed, Planne
   }
   if (deed.kind == Deed::Kind::here) --next.here;
   if (deed.kind == Deed::Kind::there) --next.there;
-  const bool isEngine = deed.kind == Deed::Kind::look || deed.kind == Deed::Kind::step;
+  const bool isEngine = deed.kind != Deed::Kind::here && deed.kind != Deed::Kind::there;
   if (isEngine && !bounds_.isInterleaved) next.here = next.there = 0;
-  if (deed.fate != 0) --next.faults;
+  const auto fate = static_cast<Fate>(deed.fate);
+  if (isFault(fate)) --next.faults;
+  if (isSlow(fate) || deed.kind == Deed::Kind::ask) --next.slow;
   next.trace = static_cast<std::uint32_t>(deeds_.size());
   deeds_.push_back(deed);
   return next;
@@ -180,29 +213,32 @@ void Explorer::repeat(PlannerWorld& world, const Deed& deed) const {
       return world.apply(world.eventsHere(bounds_.names).at(deed.index));
     case Deed::Kind::there:
       return world.apply(world.eventsThere(bounds_.names).at(deed.index));
-    case Deed::Kind::look:
-      return world.carryOut({Move::Kind::look, {}, {}}, Fate::ok);
-    case Deed::Kind::step:
-      return world.carryOut(world.next(bounds_.isReversed), static_cast<Fate>(deed.fate));
+    default:
+      return world.carryOut(moveOf(world, deed), static_cast<Fate>(deed.fate));
   }
 }
 
 std::string Explorer::describeDeed(const PlannerWorld& world, const Deed& deed) const {
-  constexpr const char* kFates[] = {"", "  (lost before its effect)", "  (lost after its effect)",
-                                    "  (one step late)", "  (two steps late)"};
+  constexpr const char* kFates[] = {"",
+                                    "  (never done, answer lost)",
+                                    "  (done, answer lost)",
+                                    "  (answer lost, done one step late)",
+                                    "  (answer lost, done two steps late)",
+                                    "  (done, answered later)",
+                                    "  (done and answered later)",
+                                    "  (done, answer lost later)",
+                                    "  (answer lost later, then done)",
+                                    "  (held)"};
   switch (deed.kind) {
     case Deed::Kind::start:
       return "start";
     case Deed::Kind::here:
-      return world.describe(world.eventsHere(bounds_.names).at(deed.index));
+      return world.eventsHere(bounds_.names).at(deed.index).text();
     case Deed::Kind::there:
-      return world.describe(world.eventsThere(bounds_.names).at(deed.index));
-    case Deed::Kind::look:
-      return "look at all";
-    case Deed::Kind::step:
-      return world.describe(world.next(bounds_.isReversed)) + kFates[deed.fate];
+      return world.eventsThere(bounds_.names).at(deed.index).text();
+    default:
+      return world.describe(moveOf(world, deed)) + kFates[deed.fate];
   }
-  return {};
 }
 
 void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
@@ -232,9 +268,12 @@ void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
   seen_.clear();
   deeds_.assign(1, {});
   start_ = start.encoded();
-  Node node{start_, static_cast<std::uint8_t>(random() % (bounds_.here + 1)),
+  Node node{start_,
+            static_cast<std::uint8_t>(random() % (bounds_.here + 1)),
             static_cast<std::uint8_t>(random() % (bounds_.there + 1)),
-            static_cast<std::uint8_t>(bounds_.faults), 0};
+            static_cast<std::uint8_t>(bounds_.faults),
+            static_cast<std::uint8_t>(bounds_.slow),
+            0};
   while (node.here + node.there > 0) {
     std::optional<Node> next = changeAtRandom(node, random);
     const std::uint64_t steps = bounds_.isInterleaved ? random() % 4 : 0;
@@ -242,8 +281,10 @@ void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
     if (!next) return;
     node = std::move(*next);
   }
-  // Then every fate of what is still to be sent.
-  node.faults = std::min<std::uint8_t>(node.faults, 1);
+  // Then every fate of one thing that is still to be sent.
+  const bool isSlowOne = random() % 2 == 0;
+  node.slow = isSlowOne ? std::min<std::uint8_t>(node.slow, 1) : 0;
+  node.faults = isSlowOne ? 0 : std::min<std::uint8_t>(node.faults, 1);
   todo_.push_back(std::move(node));
   while (!todo_.empty()) {
     Node one = std::move(todo_.back());
@@ -261,27 +302,43 @@ std::optional<Explorer::Node> Explorer::changeAtRandom(const Node& node, std::mt
               [&](PlannerWorld& other) { other.apply(events[index]); });
 }
 
+/// What the engine does at random; a step of the planner may be any that may be done.
+Explorer::Deed Explorer::deedAtRandom(const Node& node, const PlannerWorld& world,
+                                      std::mt19937_64& random) {
+  Deed deed{Deed::Kind::step, 0, kNext, node.trace};
+  const std::size_t steps = world.steps().size();
+  if (steps > 0) deed.index = static_cast<std::uint16_t>(random() % steps);
+  if (world.isUnseen() && random() % 3 == 0) {
+    deed.kind = Deed::Kind::look;
+  } else if (world.underWay() > 0 && random() % 3 == 0) {
+    deed.kind = Deed::Kind::answer;
+    deed.index = static_cast<std::uint16_t>(random() % world.underWay());
+  } else if (world.isAsked() && random() % 3 == 0) {
+    deed.kind = Deed::Kind::write;
+  } else if (node.slow > 1 && !world.isAsked() && random() % 8 == 0) {
+    deed.kind = Deed::Kind::ask;
+  }
+  return deed;
+}
+
 /// A step of the engine, or the same state when there is none.
 std::optional<Explorer::Node> Explorer::workAtRandom(const Node& node, std::mt19937_64& random) {
   PlannerWorld world(node.text);
+  Deed deed;
   Move move;
   try {
-    move = world.next(bounds_.isReversed);
+    deed = deedAtRandom(node, world, random);
+    move = moveOf(world, deed);
   } catch (const Broken& broken) {
     fail(broken.what(), node, {});
     return std::nullopt;
   }
-  Deed deed{Deed::Kind::step, 0, 0, node.trace};
-  if (world.isUnseen() && random() % 2 == 0) {
-    deed.kind = Deed::Kind::look;
-    move = {Move::Kind::look, {}, {}};
-  }
   if (move.kind == Move::Kind::none) return node;
-  const bool isSent = std::holds_alternative<replica::plan::Push>(move.step);
-  // The last fault is for the end.
-  if (isSent && node.faults > 1 && random() % 3 == 0) {
-    deed.fate = static_cast<std::uint8_t>(1 + random() % 4);
-  }
+  // The last fault and the last slow request are for the end.
+  const auto fate = static_cast<Fate>(random() % (static_cast<unsigned>(Fate::held) + 1));
+  const bool isPossible = fate == Fate::held ? move.mayBeHeld() : move.isSent();
+  const bool isLeft = (!isFault(fate) || node.faults > 1) && (!isSlow(fate) || node.slow > 1);
+  if (isPossible && isLeft) deed.fate = static_cast<std::uint8_t>(fate);
   return done(node, deed, world,
               [&](PlannerWorld& other) { other.carryOut(move, static_cast<Fate>(deed.fate)); });
 }

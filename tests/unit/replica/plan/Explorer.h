@@ -14,8 +14,10 @@ namespace kestrowan::test {
 struct Bounds {
   unsigned here = 0;
   unsigned there = 0;
-  /// Answers that are lost or late.
+  /// Answers that are lost or late, and steps that are held.
   unsigned faults = 0;
+  /// Requests and looks that other steps overlap.
+  unsigned slow = 0;
   /// The engine may work between any two changes; else it begins after the last one.
   bool isInterleaved = false;
   /// Which of the steps that may be done the engine takes: the last instead of the first.
@@ -50,7 +52,7 @@ class Explorer {
  private:
   /// How a state was reached from another one.
   struct Deed {
-    enum class Kind : std::uint8_t { start, here, there, look, step };
+    enum class Kind : std::uint8_t { start, here, there, look, ask, write, answer, step };
 
     Kind kind = Kind::start;
     std::uint8_t fate = 0;
@@ -62,6 +64,7 @@ class Explorer {
     std::uint8_t here = 0;
     std::uint8_t there = 0;
     std::uint8_t faults = 0;
+    std::uint8_t slow = 0;
     std::uint32_t trace = 0;
   };
   /// Hashes of states; the size is a power of two.
@@ -81,6 +84,8 @@ class Explorer {
   void runToTheEnd(Node node);
   bool enter(const Node& node, std::vector<std::uint64_t>& chain);
   void branch(const Node& node, const PlannerWorld& world);
+  void branchStep(const Node& node, const Move& move);
+  Move moveOf(const PlannerWorld& world, const Deed& deed) const;
   std::optional<Node> engineStep(const Node& node, PlannerWorld& world);
   template <class Do>
   std::optional<Node> done(const Node& node, Deed deed, PlannerWorld& world, const Do& doIt);
@@ -88,6 +93,7 @@ class Explorer {
   void consider(const Node& node, Deed deed, const Do& doIt);
   std::optional<Node> changeAtRandom(const Node& node, std::mt19937_64& random);
   std::optional<Node> workAtRandom(const Node& node, std::mt19937_64& random);
+  Deed deedAtRandom(const Node& node, const PlannerWorld& world, std::mt19937_64& random);
   void repeat(PlannerWorld& world, const Deed& deed) const;
   std::string describeDeed(const PlannerWorld& world, const Deed& deed) const;
   void fail(const std::string& rule, const Node& node, Deed deed);

@@ -77,6 +77,17 @@ TEST_F(MergeTest, RemovesASecondCopyAfterTheFirstIsKnownToBeThere) {
   EXPECT_EQ(state_.plan(stray), settling(Resolution::show, stray));
 }
 
+TEST_F(MergeTest, RemovesASecondCopyAtOnceWhenTheFirstIsToGoToo) {
+  const ItemNumber b = state_.file(top("b"), kOurs);
+  state_.sent(Verb::put, b, "", "a", kOurs);
+  state_.remove(b);
+  const ItemNumber stray = state_.fileThere(top("a"), kOurs);
+  state_.after(b, stray);
+  state_.settlePlanned(stray);
+  EXPECT_TRUE(state_.item(stray).after().empty()) << "they would wait for each other";
+  EXPECT_EQ(state_.plan(stray), Step(Push{Change::remove, stray, top("a"), kNone}));
+}
+
 TEST_F(MergeTest, ShowsWhatLandsOfAnItemThatWasRemovedThere) {
   const ItemNumber a = state_.file(top("a"), kOurs);
   state_.sent(Verb::put, a, "", "b", kOurs);

@@ -19,9 +19,10 @@ class ObservingTest : public testing::Test {
   static ListedEntry folder() { return {Kind::folder, {}}; }
 
   /// A look at the root; gives what is lacking.
-  std::vector<Path> look(Listings listings, Time began = kStart) {
+  std::vector<Path> look(Listings listings, Time began = kStart,
+                         const std::vector<ItemNumber>& folders = {ItemNumber::root}) {
     Edit edit(state_.tree());
-    auto lacking = observe(edit, {ItemNumber::root}, listings, began);
+    auto lacking = observe(edit, folders, Shown{std::move(listings), began, {}}).lacking;
     if (lacking.empty()) edit.commit();
     return lacking;
   }
@@ -72,7 +73,7 @@ TEST_F(ObservingTest, AsksForTheFolderOfAFolderThatIsGone) {
   const ItemNumber d = state_.folder(top("d"));
   Edit edit(state_.tree());
   Listings listings{{Path().child("d"), std::nullopt}};
-  EXPECT_EQ(observe(edit, {d}, listings, kStart), std::vector{Path()});
+  EXPECT_EQ(observe(edit, {d}, Shown{listings, kStart, {}}).lacking, std::vector{Path()});
 }
 
 TEST_F(ObservingTest, AsksForAllFoldersThatRequestsTouch) {
@@ -135,10 +136,87 @@ TEST_F(ObservingTest, KnowsRequestsBelowAMovedFolderByBothPaths) {
   Listings listings{{Path(), Listing{{"e", folder()}}},
                     {Path().child("d"), std::nullopt},
                     {Path().child("e"), Listing{{"f", file()}}}};
-  EXPECT_TRUE(look(listings).empty());
+  EXPECT_TRUE(look(listings, kStart, {d}).empty());
   const Item* found = thereAt({d, "f"});
   ASSERT_TRUE(found);
   EXPECT_EQ(state_.plan(found->number()), Step(Fetch{found->number()}));
+}
+
+TEST_F(ObservingTest, LeavesWhatARequestUnderWayTouches) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  const ItemNumber a = state_.file(top("a"));
+  state_.underWay(Verb::move, d, "d", "e");
+  state_.underWay(Verb::put, a, "", "a", kOurs);
+  Edit edit(state_.tree());
+  const Listings listings{{Path(), Listing{{"e", folder()}, {"a", file(kVersion2)}}}};
+  const auto written = observe(edit, {ItemNumber::root, d}, Shown{listings, kStart, {}});
+  EXPECT_TRUE(written.lacking.empty());
+  EXPECT_FALSE(written.isWhole);
+  EXPECT_EQ(edit->therePath(edit->item(f)).text(), "d/f");
+  EXPECT_EQ(edit->item(a).there()->version, kVersion1);
+  EXPECT_EQ(edit->thereAt(top("e")), nullptr);
+}
+
+TEST_F(ObservingTest, LeavesWhatWasAnsweredSinceTheListingBegan) {
+  const ItemNumber a = state_.file(top("a"));
+  Edit edit(state_.tree());
+  const Shown shown{{{Path(), Listing{{"b", file()}}}}, kStart, {Path().child("a")}};
+  const auto written = observe(edit, {ItemNumber::root}, shown);
+  EXPECT_FALSE(written.isWhole);
+  EXPECT_TRUE(edit->item(a).there());
+  EXPECT_TRUE(edit->thereAt(top("b")));
+}
+
+TEST_F(ObservingTest, LeavesTheTargetOfAMoveWhoseSourceIsUncertain) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "b");
+  state_.underWay(Verb::move, a, "a", "c");
+  lookAtRoot({{"b", file()}});
+  EXPECT_EQ(state_.item(a).there()->place, top("a"));
+  EXPECT_EQ(thereAt(top("b")), nullptr);
+}
+
+TEST_F(ObservingTest, ListsTheOtherFolderOfAMoveToo) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "d/a");
+  EXPECT_EQ(look({{Path(), Listing{{"d", folder()}}}}), std::vector{Path().child("d")});
+  look({{Path(), Listing{{"d", folder()}}}, {Path().child("d"), Listing{{"a", file()}}}});
+  EXPECT_EQ(state_.item(a).there()->place, (Place{d, "a"}));
+}
+
+TEST_F(ObservingTest, LooksForARequestOnlyInItsOwnFolders) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber a = state_.fileHere({d, "a"});
+  const IntentNumber sent = state_.sent(Verb::put, a, "", "d/a", kOurs);
+  state_.change(sent, false, false);
+  lookAtRoot({{"d", folder()}});
+  EXPECT_FALSE(state_.journal().intents().at(sent).looked);
+  look({{Path().child("d"), Listing{}}}, kStart, {d});
+  EXPECT_TRUE(state_.journal().intents().at(sent).looked);
+}
+
+TEST_F(ObservingTest, LooksForARequestAlsoWhereAFileStandsForItsFolder) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  state_.fileThere(top("d"));
+  const IntentNumber sent = state_.sent(Verb::put, a, "", "d/a", kOurs);
+  state_.change(sent, false, false);
+  look({}, kStart, {});
+  EXPECT_TRUE(state_.journal().intents().at(sent).looked);
+}
+
+TEST_F(ObservingTest, WaitsForNoAnswerByTheOtherPathOfARequestUnderWay) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.fileHere({d, "f"});
+  state_.sent(Verb::move, d, "d", "e");
+  const IntentNumber sent = state_.underWay(Verb::put, f, "", "d/f", kOurs);
+  lookAtRoot({{"e", folder()}});
+  EXPECT_EQ(state_.item(d).there()->place, top("e"));
+  ASSERT_EQ(state_.journal().intents().size(), 3U);
+  for (const auto& [number, intent] : state_.journal().intents()) {
+    EXPECT_EQ(intent.isUnderWay(), number == sent);
+  }
 }
 
 TEST_F(ObservingTest, WillMakeAnewWhatOurOwnLateRemovalTook) {
@@ -162,7 +240,7 @@ TEST_F(ObservingTest, LooksForARequestOnlyWhenItBeganAfterItsEnd) {
   const auto intent = [&] { return state_.journal().intents().at(number); };
   lookAtRoot({}, kStart);
   EXPECT_FALSE(intent().looked) << "it is still under way";
-  EXPECT_EQ(state_.plan(a), Step(WaitFor{a}));
+  EXPECT_EQ(state_.plan(a), Step(WaitForAnswer{number}));
   {
     Edit edit(state_.tree());
     noteLostAnswer(edit, number, kStart + std::chrono::seconds(60));
@@ -235,6 +313,16 @@ TEST_F(AnswerTest, OfARemovalLeavesNothingThere) {
   answer(send(Verb::remove, a, "a", ""));
   EXPECT_FALSE(state_.item(a).there());
   EXPECT_FALSE(state_.item(a).agreed());
+}
+
+TEST_F(AnswerTest, OfARemovalCountsAsLostWhenAnEarlierMoveMayHaveLandedBefore) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.remove(a);
+  state_.sent(Verb::move, a, "a", "b");
+  const IntentNumber number = send(Verb::remove, a, "a", "");
+  answer(number);
+  EXPECT_FALSE(state_.journal().intents().at(number).isUnderWay());
+  EXPECT_TRUE(state_.item(a).there());
 }
 
 TEST_F(AnswerTest, ThatCanNoLongerBePlacedCountsAsLost) {

@@ -1,4 +1,4 @@
-#include "replica/plan/Order.h"
+#include "replica/plan/Plan.h"
 
 #include <gtest/gtest.h>
 
@@ -181,12 +181,6 @@ TEST_F(OrderTest, UsesNoNameThatALateRequestMayGive) {
   EXPECT_EQ(state_.plan(a), Step(Push{Change::move, a, top("~a3"), kNone}));
 }
 
-TEST_F(OrderTest, SendsNothingWhileSomethingIsToBeMerged) {
-  const ItemNumber a = state_.fileHere(top("a"));
-  const ItemNumber b = state_.fileThere(top("b"));
-  EXPECT_EQ(state_.plan(a), Step(WaitFor{b}));
-}
-
 TEST_F(OrderTest, LooksForARequestWithoutAnAnswerBeforeAnythingElse) {
   const ItemNumber a = state_.fileHere(top("a"));
   const IntentNumber sent = state_.sent(Verb::put, a, "", "a", kOurs);
@@ -197,19 +191,20 @@ TEST_F(OrderTest, LooksForARequestWithoutAnAnswerBeforeAnythingElse) {
 TEST_F(OrderTest, LooksAgainWhenARequestCanNoLongerLand) {
   const ItemNumber a = state_.file(top("a"));
   const IntentNumber sent = state_.sent(Verb::put, a, "", "a", kOurs);
-  EXPECT_EQ(state_.forIntents(kStart), Step(WaitUntil{kStart + std::chrono::minutes(10)}));
-  EXPECT_EQ(state_.forIntents(kStart + std::chrono::minutes(10)), Step(Look{{ItemNumber::root}}));
+  EXPECT_EQ(state_.forIntent(sent, kStart), Step(WaitUntil{kStart + std::chrono::minutes(10)}));
+  EXPECT_EQ(state_.forIntent(sent, kStart + std::chrono::minutes(10)),
+            Step(Look{{ItemNumber::root}}));
   state_.change(sent, true, true);
-  EXPECT_EQ(state_.forIntents(kStart), Step(Settle{Resolution::end, {}, {}, {}}));
+  EXPECT_EQ(state_.forIntent(sent, kStart), Step(Settle{Resolution::end, {}, {}, {}, sent}));
 }
 
 TEST_F(OrderTest, KeepsARequestUntilWhatALookFoundIsMerged) {
   const ItemNumber a = state_.fileThere(top("a"));
   const IntentNumber sent = state_.sent(Verb::put, a, "", "b", kOurs);
   state_.change(sent, true, true);
-  EXPECT_FALSE(std::holds_alternative<Settle>(state_.forIntents(kStart)));
+  EXPECT_FALSE(std::holds_alternative<Settle>(state_.forIntent(sent, kStart)));
   state_.settlePlanned(a);
-  EXPECT_TRUE(std::holds_alternative<Settle>(state_.forIntents(kStart)));
+  EXPECT_TRUE(std::holds_alternative<Settle>(state_.forIntent(sent, kStart)));
 }
 
 TEST_F(OrderTest, FetchesWhatItMovesToWhereALateRemovalMayDestroyIt) {

@@ -1,37 +1,40 @@
 #include "unit/replica/plan/PlannerWorld.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 #include <utility>
 
 #include "replica/plan/Landing.h"
 #include "replica/plan/Plan.h"
-#include "replica/plan/Requests.h"
 #include "replica/plan/Settling.h"
+#include "unit/replica/plan/Relations.h"
 
 namespace kestrowan::test {
 
 using replica::plan::Fetch;
 using replica::plan::foldersOf;
 using replica::plan::kLandingTime;
-using replica::plan::Listings;
 using replica::plan::Look;
 using replica::plan::Names;
 using replica::plan::noteAnswer;
 using replica::plan::noteFetched;
 using replica::plan::noteLostAnswer;
+using replica::plan::noteRefusal;
 using replica::plan::noteSent;
 using replica::plan::Nothing;
 using replica::plan::observe;
-using replica::plan::planForIntents;
+using replica::plan::planForIntent;
 using replica::plan::Push;
 using replica::plan::Request;
 using replica::plan::requestOf;
 using replica::plan::Settle;
 using replica::plan::settle;
+using replica::plan::Shown;
 using replica::plan::Step;
 using replica::plan::Stuck;
 using replica::plan::WaitFor;
+using replica::plan::WaitForAnswer;
 using replica::plan::WaitUntil;
 
 namespace {
@@ -55,155 +58,59 @@ class ShortNames : public Names {
 
 const ShortNames kNames;
 
-ContentSet bit(Content content) {
-  return content == Content::none ? 0 : ContentSet{1} << static_cast<unsigned>(content);
-}
-
-std::string pathHere(const State& state, const Item& item) {
-  if (item.number() == ItemNumber::root) return "";
-  const Place& place = item.here()->place;
-  return pathHere(state, state.item(place.folder)) + "/" + place.name;
-}
-
-unsigned depthHere(const State& state, const Item& item) {
-  unsigned depth = 0;
-  const Item* up = &item;
-  for (; up->number() != ItemNumber::root; up = &state.item(up->here()->place.folder)) ++depth;
-  return depth;
-}
-
-bool isInside(const State& state, const Item& item, const Item& folder) {
-  const Item* up = &item;
-  while (up != &folder) {
-    if (up->number() == ItemNumber::root) return false;
-    up = &state.item(up->here()->place.folder);
-  }
-  return true;
+bool isIdle(const Step& step) {
+  return std::holds_alternative<Nothing>(step) || std::holds_alternative<WaitFor>(step) ||
+         std::holds_alternative<WaitForAnswer>(step) || std::holds_alternative<WaitUntil>(step);
 }
 
 }  // namespace
 
-Event Event::here(Kind kind, Place place) {
-  Event event;
-  event.kind = kind;
-  event.place = std::move(place);
-  return event;
+bool Move::mayBeHeld() const {
+  return isSent() || std::holds_alternative<Look>(step) || std::holds_alternative<Fetch>(step);
 }
 
-Event Event::here(Kind kind, ItemNumber item, Place place) {
-  Event event = here(kind, std::move(place));
-  event.item = item;
-  return event;
+std::vector<Event> PlannerWorld::eventsHere(const std::vector<std::string>& names) const {
+  const View view(world_.tree);
+  return WorldEvents(*view, world_.provider, names).here();
 }
 
-Event Event::here(Kind kind, ItemNumber item, ItemNumber other) {
-  Event event = here(kind, Place{});
-  event.item = item;
-  event.other = other;
-  return event;
+std::vector<Event> PlannerWorld::eventsThere(const std::vector<std::string>& names) const {
+  const View view(world_.tree);
+  return WorldEvents(*view, world_.provider, names).there();
 }
 
-Event Event::there(Kind kind, Path source, Path target) {
-  Event event;
-  event.kind = kind;
-  event.source = std::move(source);
-  event.target = std::move(target);
-  return event;
+void PlannerWorld::apply(const Event& event) {
+  const ContentSet come = world_.apply(event);
+  if (event.isHere()) return;
+  for (Flight& flight : flights_) flight.newer |= come;
+  for (Flight& flight : late_) flight.newer |= come;
+  disturb();
 }
 
-Event Event::same(ItemNumber item, Path target) {
-  Event event = there(Kind::putSameThere, {}, std::move(target));
-  event.item = item;
-  return event;
-}
-
-/// What is seen here, folders before what is in them; then what is there; then what is nowhere.
-std::vector<const Item*> allItems(const State& state) {
-  std::vector<const Item*> items{&state.root()};
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    for (const Item* item : state.hereIn(items[i]->number())) items.push_back(item);
-  }
-  std::vector<const Item*> folders{&state.root()};
-  const auto add = [&](const Item* item) {
-    if (std::find(items.begin(), items.end(), item) == items.end()) items.push_back(item);
-  };
-  for (std::size_t i = 0; i < folders.size(); ++i) {
-    for (const Item* item : state.thereIn(folders[i]->number())) {
-      add(item);
-      if (item->isFolder()) folders.push_back(item);
-    }
-  }
-  for (const ItemNumber number : state.pending()) add(&state.item(number));
-  return items;
-}
-
-PlannerWorld::PlannerWorld() = default;
-
-std::string PlannerWorld::text(const Item& item) const {
-  const auto state = [](const std::optional<There>& there) {
-    if (!there) return std::string("-");
-    return std::to_string(static_cast<unsigned>(there->place.folder)) + "/" + there->place.name +
-           " v" + there->version.text + " c" +
-           std::to_string(static_cast<unsigned>(there->content));
-  };
-  std::ostringstream out;
-  out << (item.isFile() ? "file " : "folder ") << static_cast<unsigned>(item.number()) << " here ";
-  if (item.here()) {
-    out << static_cast<unsigned>(item.here()->place.folder) << "/" << item.here()->place.name
-        << " c" << static_cast<unsigned>(item.here()->content);
-  } else {
-    out << "-";
-  }
-  out << ", there " << state(item.there()) << ", agreed " << state(item.agreed());
-  for (const ItemNumber other : item.after()) out << " after " << static_cast<unsigned>(other);
-  return out.str();
-}
-
-std::string PlannerWorld::describe() const {
-  const View view(tree_);
-  std::ostringstream out;
-  for (const Item* item : allItems(*view)) {
-    if (item->number() != ItemNumber::root) out << "    " << text(*item) << "\n";
-  }
-  for (const Intent& intent : view->intents().all()) {
-    out << "    intent " << static_cast<unsigned>(intent.verb) << " of "
-        << static_cast<unsigned>(intent.item) << " " << (intent.source ? intent.source->text() : "")
-        << " -> " << (intent.target ? intent.target->text() : "") << " c"
-        << static_cast<unsigned>(intent.content) << (intent.looked ? " looked" : "")
-        << (intent.over ? " over" : "") << "\n";
-  }
-  out << "    provider:";
-  for (const auto& [path, entry] : provider_.tree) {
-    if (path.isRoot()) continue;
-    out << " " << path.text() << (entry.kind == Kind::folder ? "/" : "");
-    if (entry.kind == Kind::file) {
-      out << " v" << entry.version << " c" << static_cast<unsigned>(entry.content);
-    }
-  }
-  out << "\n";
-  return out.str();
-}
-
-std::string PlannerWorld::describe(const Event& event) const {
-  constexpr const char* kWords[] = {"make",         "make folder", "write",  "move",
-                                    "replace",      "swap",        "remove", "put",
-                                    "put the same", "make folder", "move",   "remove"};
-  std::ostringstream out;
-  out << (event.kind < Event::Kind::putThere ? "HERE  " : "THERE ")
-      << kWords[static_cast<unsigned>(event.kind)];
-  if (event.item != ItemNumber::none) out << " item " << static_cast<unsigned>(event.item);
-  if (event.other != ItemNumber::none) out << " with " << static_cast<unsigned>(event.other);
-  if (!event.place.name.empty()) {
-    out << " to " << static_cast<unsigned>(event.place.folder) << "/" << event.place.name;
-  }
-  if (!event.source.isRoot()) out << " " << event.source.text();
-  if (!event.target.isRoot()) out << " -> " << event.target.text();
-  return out.str();
+void PlannerWorld::disturb() {
+  for (Flight& flight : flights_) flight.isDisturbed = true;
 }
 
 std::string PlannerWorld::describe(const Move& move) const {
-  if (move.kind == Move::Kind::look) return "look at all";
-  if (move.kind == Move::Kind::wait) return "wait";
+  switch (move.kind) {
+    case Move::Kind::none:
+      return "nothing";
+    case Move::Kind::look:
+      return "look at all";
+    case Move::Kind::ask:
+      return "ask for a look at all";
+    case Move::Kind::write:
+      return "write what the look showed";
+    case Move::Kind::answer:
+      return "the answer of intent " +
+             std::to_string(static_cast<unsigned>(flights_.at(move.answered).intent));
+    case Move::Kind::wait:
+      return "wait";
+    case Move::Kind::retry:
+      return "try again what was held";
+    case Move::Kind::step:
+      break;
+  }
   std::ostringstream out;
   if (const auto* push = std::get_if<Push>(&move.step)) {
     constexpr const char* kWords[] = {"create", "contents", "move", "remove"};
@@ -218,359 +125,200 @@ std::string PlannerWorld::describe(const Move& move) const {
         << edit->place.name;
   } else if (const auto* file = std::get_if<Fetch>(&move.step)) {
     out << "fetch " << static_cast<unsigned>(file->item);
-  } else {
-    out << "look";
+  } else if (const auto* folders = std::get_if<Look>(&move.step)) {
+    out << "look at";
+    for (const ItemNumber folder : folders->folders) out << " " << static_cast<unsigned>(folder);
   }
   return out.str();
 }
 
-ItemNumber PlannerWorld::add(Kind kind, ItemNumber folder, const std::string& name,
-                             bool isDownloaded) {
-  const Content content = kind == Kind::file ? newContent() : Content::none;
-  Edit edit(tree_);
-  const ItemNumber number = edit.make(kind);
-  const Place place{folder, name};
-  const Path path = *edit->pathOf(place);
-  provider_.request(kind == Kind::file ? Verb::put : Verb::makeFolder, std::nullopt, path, content);
-  if (kind == Kind::file) contentOf_.push_back(content);
-  const Content known = isDownloaded ? content : Content::none;
-  const There there{place, ModelProvider::versionOf(*provider_.at(path)), known};
-  edit.setHere(number, Here{place, known});
-  edit.setThere(number, there);
-  edit.setAgreed(number, there);
-  edit.commit();
-  return number;
+bool PlannerWorld::isHeld(const Step& step) const {
+  return std::find(held_.begin(), held_.end(), step) != held_.end();
 }
 
-Content PlannerWorld::newContent() {
-  const Content content{++lastContent_};
-  if (lastContent_ > 62) throw Broken("the world is too small for so many contents");
-  wanted_ |= bit(content);
-  return content;
-}
-
-void PlannerWorld::forget(Content content) {
-  wanted_ &= ~bit(content);
-}
-
-/// The bytes that programs see of an item.
-Content PlannerWorld::shown(const Item& item) const {
-  if (item.isFolder() || !item.here()) return Content::none;
-  if (item.here()->content != Content::none || !item.agreed()) return item.here()->content;
-  return contentOf_.at(std::stoul("0" + item.agreed()->version.text));
-}
-
-ContentSet PlannerWorld::contentsThere() const {
-  ContentSet result = 0;
-  for (const auto& [path, entry] : provider_.tree) result |= bit(entry.content);
-  return result;
-}
-
-std::string PlannerWorld::shownTree() const {
-  const View view(tree_);
-  std::string result;
-  std::vector<const Item*> todo{&view->root()};
-  while (!todo.empty()) {
-    const Item* folder = todo.back();
-    todo.pop_back();
-    result += ':';
-    for (const Item* item : view->hereIn(folder->number())) {
-      result += item->here()->place.name;
-      result += static_cast<char>(item->kind());
-      result += static_cast<char>(shown(*item));
-      if (item->isFolder()) todo.push_back(item);
+/// `until`: the next time that something waits for.
+void PlannerWorld::addSteps(std::vector<Move>& moves, std::optional<Time>& until) const {
+  const View view(world_.tree);
+  const auto add = [&](Move move) {
+    if (const auto* time = std::get_if<WaitUntil>(&move.step)) {
+      until = std::min(until.value_or(time->time), time->time);
     }
-  }
-  return result;
-}
-
-std::vector<Event> PlannerWorld::eventsHere(const std::vector<std::string>& names) const {
-  const View view(tree_);
-  std::vector<Event> events;
-  std::vector<const Item*> seen{&view->root()};
-  std::set<std::string> used;
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    for (const Item* item : view->hereIn(seen[i]->number())) seen.push_back(item);
-  }
-  for (const auto& [path, entry] : provider_.tree) {
-    if (!path.isRoot()) used.insert(std::string(path.name()));
+    if (!isIdle(move.step) && !isHeld(move.step)) moves.push_back(std::move(move));
+  };
+  for (const ItemNumber number : view->pending()) {
+    Step step = plan(*view, number, now_, kNames);
+    if (std::holds_alternative<Stuck>(step)) throw Broken("stuck");
+    if (std::holds_alternative<Nothing>(step)) throw Broken("nothing is done for what is pending");
+    if (const auto* other = std::get_if<WaitFor>(&step)) {
+      const Step next = plan(*view, other->item, now_, kNames);
+      const bool isInVain =
+          std::holds_alternative<Nothing>(next) || std::holds_alternative<WaitFor>(next);
+      if (isInVain) throw Broken("it waits for what cannot go");
+    }
+    add({Move::Kind::step, number, {}, std::move(step), 0});
   }
   for (const Intent& intent : view->intents().all()) {
-    for (const Path& path : intent.paths()) used.insert(std::string(path.name()));
-  }
-  for (const Item* item : allItems(*view)) {
-    if (item->here()) used.insert(item->here()->place.name);
-    if (item->there()) used.insert(item->there()->place.name);
-    if (item->agreed()) used.insert(item->agreed()->place.name);
-  }
-  std::vector<std::string> free = names;
-  // Names that nothing has are all alike.
-  bool hasFresh = false;
-  std::erase_if(free, [&](const std::string& name) {
-    if (used.contains(name)) return false;
-    return std::exchange(hasFresh, true);
-  });
-  std::vector<Place> places;
-  for (const Item* folder : seen) {
-    if (folder->isFile() || depthHere(*view, *folder) > 2) continue;
-    for (const std::string& name : free) {
-      const Place place{folder->number(), name};
-      if (!view->hereAt(place)) places.push_back(place);
-    }
-  }
-  for (const Place& place : places) {
-    events.push_back(Event::here(Event::Kind::make, place));
-    events.push_back(Event::here(Event::Kind::makeFolder, place));
-  }
-  for (const Item* item : seen) {
-    if (item->number() == ItemNumber::root) continue;
-    for (const Place& place : places) {
-      if (isInside(*view, view->item(place.folder), *item)) continue;
-      events.push_back(Event::here(Event::Kind::move, item->number(), place));
-    }
-    if (item->isFile()) events.push_back(Event::here(Event::Kind::write, item->number()));
-    if (!view->anyHereIn(item->number())) {
-      events.push_back(Event::here(Event::Kind::remove, item->number()));
-    }
-    for (const Item* other : seen) {
-      if (other->number() == ItemNumber::root || other == item) continue;
-      if (isInside(*view, *other, *item)) continue;
-      const bool isEmpty = !view->anyHereIn(other->number());
-      if (item->kind() == other->kind() && isEmpty) {
-        events.push_back(Event::here(Event::Kind::replace, item->number(), other->number()));
-      }
-      if (item->number() < other->number() && !isInside(*view, *item, *other)) {
-        events.push_back(Event::here(Event::Kind::swap, item->number(), other->number()));
-      }
-    }
-  }
-  return events;
-}
-
-/// A client that writes the bytes of a request without an answer cannot be told from the request.
-bool isAsked(const State& state, Content content) {
-  return std::any_of(state.intents().all().begin(), state.intents().all().end(),
-                     [&](const Intent& intent) { return intent.content == content; });
-}
-
-std::vector<Event> PlannerWorld::eventsThere(const std::vector<std::string>& names) const {
-  const View view(tree_);
-  std::vector<Event> events;
-  std::vector<Path> free;
-  for (const auto& [path, entry] : provider_.tree) {
-    const bool isDeep = !path.isRoot() && !path.folder().isRoot();
-    if (entry.kind == Kind::file || isDeep) continue;
-    for (const std::string& name : names) {
-      if (!provider_.at(path.child(name))) free.push_back(path.child(name));
-    }
-  }
-  for (const Path& path : free) {
-    events.push_back(Event::there(Event::Kind::putThere, {}, path));
-    events.push_back(Event::there(Event::Kind::makeFolderThere, {}, path));
-  }
-  for (const auto& [path, entry] : provider_.tree) {
-    if (path.isRoot()) continue;
-    events.push_back(Event::there(Event::Kind::removeThere, path, {}));
-    for (const Path& target : free) {
-      if (target.isAtOrBelow(path)) continue;
-      events.push_back(Event::there(Event::Kind::moveThere, path, target));
-    }
-    if (entry.kind == Kind::folder) continue;
-    events.push_back(Event::there(Event::Kind::putThere, {}, path));
-    const Item* item = view->atPath(path);
-    const bool isOurs = item && item->here() && item->here()->content != Content::none &&
-                        item->here()->content != entry.content &&
-                        !isAsked(*view, item->here()->content);
-    if (isOurs) {
-      events.push_back(Event::same(item->number(), path));
-    }
-  }
-  // The same new file is made on both sides.
-  for (const Path& path : free) {
-    const Item* folder = view->atPath(path.folder());
-    if (!folder || !folder->here()) continue;
-    const Item* item = view->hereAt({folder->number(), std::string(path.name())});
-    const bool isOurs =
-        item && item->isFile() && !item->there() && item->here()->content != Content::none;
-    if (isOurs) {
-      events.push_back(Event::same(item->number(), path));
-    }
-  }
-  return events;
-}
-
-void PlannerWorld::apply(const Event& event) {
-  const bool makes = event.kind == Event::Kind::make || event.kind == Event::Kind::write ||
-                     event.kind == Event::Kind::putThere;
-  const Content made = makes ? newContent() : Content::none;
-  if (event.kind >= Event::Kind::putThere) {
-    changeThere(event, made);
-  } else {
-    change(event, made);
+    add({Move::Kind::step, {}, intent.number, planForIntent(*view, intent.number, now_), 0});
   }
 }
 
-void PlannerWorld::change(const Event& event, Content made) {
-  Edit edit(tree_);
-  switch (event.kind) {
-    case Event::Kind::make:
-    case Event::Kind::makeFolder: {
-      const bool isFile = event.kind == Event::Kind::make;
-      edit.setHere(edit.make(isFile ? Kind::file : Kind::folder), Here{event.place, made});
-      break;
-    }
-    case Event::Kind::write:
-      forget(shown(edit->item(event.item)));
-      edit.setHere(event.item, Here{edit->item(event.item).here()->place, made});
-      break;
-    case Event::Kind::move:
-      edit.setHere(event.item, Here{event.place, edit->item(event.item).here()->content});
-      break;
-    case Event::Kind::remove:
-      forget(shown(edit->item(event.item)));
-      edit.setHere(event.item, std::nullopt);
-      break;
-    case Event::Kind::replace: {
-      // What is replaced goes after what replaces it has arrived.
-      const Here other = *edit->item(event.other).here();
-      forget(shown(edit->item(event.other)));
-      edit.setHere(event.other, std::nullopt);
-      if (edit->item(event.other).isFile()) edit.addAfter(event.other, event.item);
-      edit.setHere(event.item, Here{other.place, edit->item(event.item).here()->content});
-      break;
-    }
-    case Event::Kind::swap: {
-      const Here first = *edit->item(event.item).here();
-      const Here second = *edit->item(event.other).here();
-      edit.setHere(event.item, std::nullopt);
-      edit.setHere(event.other, Here{first.place, second.content});
-      edit.setHere(event.item, Here{second.place, first.content});
-      break;
-    }
-    default:
-      break;
-  }
-  edit.commit();
+std::vector<Move> PlannerWorld::steps() const {
+  std::vector<Move> moves;
+  std::optional<Time> until;
+  addSteps(moves, until);
+  return moves;
 }
 
-void PlannerWorld::changeThere(const Event& event, Content made) {
-  hasChangedThere_ = isUnseen_ = true;
-  Verb verb = Verb::put;
-  if (event.kind == Event::Kind::makeFolderThere) verb = Verb::makeFolder;
-  if (event.kind == Event::Kind::moveThere) verb = Verb::move;
-  if (event.kind == Event::Kind::removeThere) verb = Verb::remove;
-  if (event.kind == Event::Kind::putSameThere) {
-    const View view(tree_);
-    made = view->item(event.item).here()->content;
+/// What waits has to do with what is under way or held.
+void PlannerWorld::checkWaiting() const {
+  const View view(world_.tree);
+  Relations relations(*view);
+  for (const Flight& flight : flights_) relations.addIntent(flight.intent);
+  for (const ItemNumber number : view->pending()) {
+    if (isHeld(plan(*view, number, now_, kNames))) relations.addItem(number);
   }
-  const auto* replaced = provider_.at(event.target);
-  if (verb == Verb::put && replaced) forget(replaced->content);
-  if (verb == Verb::remove) {
-    for (const Path& path : provider_.inside(event.source)) forget(provider_.at(path)->content);
+  for (const Intent& intent : view->intents().all()) {
+    const Step step = planForIntent(*view, intent.number, now_);
+    if (isHeld(step) || std::holds_alternative<WaitUntil>(step)) relations.addIntent(intent.number);
   }
-  if (event.kind == Event::Kind::putSameThere) wanted_ |= bit(made);
-  if (!provider_.request(verb, event.source, event.target, made)) {
-    throw Broken("the provider refuses another client");
-  }
-  if (verb == Verb::put) contentOf_.push_back(made);
-  if (verb == Verb::remove || verb == Verb::makeFolder) return;
-  for (const Path& path : provider_.inside(event.target)) {
-    for (Late& late : late_) late.newer |= bit(provider_.at(path)->content);
+  for (const ItemNumber number : view->pending()) {
+    if (!relations.contains(number)) throw Broken("it waits for what is no matter to it");
   }
 }
 
 Move PlannerWorld::next(bool isReversed) const {
-  const View view(tree_);
-  std::vector<ItemNumber> pending(view->pending().begin(), view->pending().end());
-  if (isReversed) std::reverse(pending.begin(), pending.end());
-  const auto isIdle = [](const Step& step) {
-    return std::holds_alternative<Nothing>(step) || std::holds_alternative<WaitFor>(step) ||
-           std::holds_alternative<WaitUntil>(step);
-  };
-  bool isWaiting = false;
-  for (const ItemNumber number : pending) {
-    Step step = plan(*view, number, now_, kNames);
-    if (std::holds_alternative<Stuck>(step)) throw Broken("stuck");
-    if (!isIdle(step)) return {Move::Kind::step, number, std::move(step)};
-    isWaiting = isWaiting || !std::holds_alternative<Nothing>(step);
-  }
-  Step step = planForIntents(*view, now_);
-  if (std::holds_alternative<WaitUntil>(step)) return {Move::Kind::wait, {}, std::move(step)};
-  if (!isIdle(step)) return {Move::Kind::step, {}, std::move(step)};
+  std::vector<Move> moves;
+  std::optional<Time> until;
+  addSteps(moves, until);
+  if (!moves.empty()) return isReversed ? moves.back() : moves.front();
+  checkWaiting();
+  if (asked_) return {Move::Kind::write, {}, {}, {}, 0};
+  if (!flights_.empty()) return {Move::Kind::answer, {}, {}, {}, 0};
   // A folder is explained once, so the request for one may outlive its intent.
-  if (!late_.empty()) return {Move::Kind::wait, {}, WaitUntil{now_}};
-  if (!pending.empty()) throw Broken("nothing that is pending can go");
+  if (until || !late_.empty()) {
+    return {Move::Kind::wait, {}, {}, WaitUntil{until.value_or(now_)}, 0};
+  }
+  if (!held_.empty()) return {Move::Kind::retry, {}, {}, {}, 0};
+  const View view(world_.tree);
+  if (!view->pending().empty()) throw Broken("nothing that is pending can go");
   return {};
 }
 
 void PlannerWorld::carryOut(const Move& move, Fate fate) {
-  const std::string before = shownTree();
-  const ContentSet there = contentsThere() & wanted_ & ~strays_;
-  if (move.kind == Move::Kind::look) {
-    lookAtAll();
-  } else if (move.kind == Move::Kind::wait) {
-    const Time until = std::get<WaitUntil>(move.step).time;
-    const bool isLate = !late_.empty();
-    land(1);
-    if (!isLate) now_ = std::max(now_, until);
-  } else {
-    now_ += kStep;
-    take(move.step, move.asked, fate);
-    if (there & ~contentsThere()) throw Broken("the last copy there is destroyed");
-    now_ -= kStep;
-    land(1);
+  const std::string before = world_.shownTree();
+  ContentSet there = world_.contentsThere() & ~world_.strays;
+  switch (move.kind) {
+    case Move::Kind::look:
+      lookAtAll();
+      break;
+    case Move::Kind::ask:
+      ask();
+      break;
+    case Move::Kind::write:
+      writeAsked();
+      break;
+    case Move::Kind::answer:
+      // What others put there after the request was sent could not be known.
+      there &= ~flights_.at(move.answered).newer;
+      answer(move.answered);
+      break;
+    case Move::Kind::step:
+      take(move, fate);
+      break;
+    case Move::Kind::retry:
+      held_.clear();
+      break;
+    case Move::Kind::wait:
+      if (late_.empty()) now_ = std::max(now_, std::get<WaitUntil>(move.step).time);
+      break;
+    case Move::Kind::none:
+      break;
   }
-  if (!hasChangedThere_ && shownTree() != before) {
+  if (there & world_.wanted & ~world_.contentsThere()) {
+    throw Broken("the last copy there is destroyed");
+  }
+  pass();
+  if (!world_.hasChangedThere && world_.shownTree() != before) {
     throw Broken("what programs see changes although nothing changed there");
   }
 }
 
+std::vector<ItemNumber> PlannerWorld::foldersBesides(const std::set<ItemNumber>& known) const {
+  const View view(world_.tree);
+  std::vector<ItemNumber> folders;
+  std::vector<const Item*> todo{&view->root()};
+  while (!todo.empty()) {
+    const Item* item = todo.back();
+    todo.pop_back();
+    if (item->isFile()) continue;
+    if (!known.contains(item->number())) folders.push_back(item->number());
+    for (const Item* child : view->thereIn(item->number())) todo.push_back(child);
+  }
+  return folders;
+}
+
 void PlannerWorld::lookAtAll() {
-  isUnseen_ = false;
+  world_.isUnseen = !flights_.empty();
   std::set<ItemNumber> known;
-  while (true) {
-    std::vector<ItemNumber> folders;
-    {
-      const View view(tree_);
-      std::vector<const Item*> todo{&view->root()};
-      while (!todo.empty()) {
-        const Item* item = todo.back();
-        todo.pop_back();
-        if (item->isFile()) continue;
-        if (known.insert(item->number()).second) folders.push_back(item->number());
-        for (const Item* child : view->thereIn(item->number())) todo.push_back(child);
-      }
-    }
-    if (folders.empty()) return;
+  for (auto folders = foldersBesides(known); !folders.empty(); folders = foldersBesides(known)) {
+    known.insert(folders.begin(), folders.end());
     look(folders);
   }
 }
 
-void PlannerWorld::look(const std::vector<ItemNumber>& folders) {
-  Listings listings;
-  while (true) {
-    Edit edit(tree_);
-    const auto lacking = observe(edit, folders, listings, now_);
-    if (lacking.empty()) return edit.commit();
-    for (const Path& path : lacking) listings[path] = provider_.list(path);
+void PlannerWorld::ask() {
+  asked_ = Asked{world_.provider.tree, now_, {}};
+}
+
+/// Newer looks have been written since, unless there was none.
+void PlannerWorld::writeAsked() {
+  const Asked asked = std::move(*asked_);
+  asked_.reset();
+  ModelProvider then;
+  then.tree = asked.tree;
+  std::set<ItemNumber> known;
+  for (auto folders = foldersBesides(known); !folders.empty(); folders = foldersBesides(known)) {
+    known.insert(folders.begin(), folders.end());
+    Shown shown{{}, asked.began, asked.answered};
+    while (true) {
+      Edit edit(world_.tree);
+      const auto lacking = observe(edit, folders, shown).lacking;
+      if (lacking.empty()) {
+        edit.commit();
+        break;
+      }
+      for (const Path& path : lacking) shown.listings[path] = then.list(path);
+    }
   }
 }
 
-void PlannerWorld::take(const Step& step, ItemNumber asked, Fate fate) {
-  if (const auto* folders = std::get_if<Look>(&step)) return look(folders->folders);
-  if (const auto* file = std::get_if<Fetch>(&step)) return fetch(file->item);
-  if (const auto* request = std::get_if<Push>(&step)) return push(*request, asked, fate);
-  Edit edit(tree_);
-  settle(edit, std::get<Settle>(step));
+void PlannerWorld::look(const std::vector<ItemNumber>& folders) {
+  asked_.reset();
+  Shown shown{{}, now_, {}};
+  while (true) {
+    Edit edit(world_.tree);
+    const auto lacking = observe(edit, folders, shown).lacking;
+    if (lacking.empty()) return edit.commit();
+    for (const Path& path : lacking) shown.listings[path] = world_.provider.list(path);
+  }
+}
+
+void PlannerWorld::take(const Move& move, Fate fate) {
+  if (fate == Fate::held) return held_.push_back(move.step);
+  if (const auto* folders = std::get_if<Look>(&move.step)) return look(folders->folders);
+  if (const auto* file = std::get_if<Fetch>(&move.step)) return fetch(file->item);
+  if (const auto* request = std::get_if<Push>(&move.step)) return push(*request, move, fate);
+  Edit edit(world_.tree);
+  settle(edit, std::get<Settle>(move.step));
   edit.commit();
 }
 
 void PlannerWorld::fetch(ItemNumber number) {
   ItemNumber folder = ItemNumber::none;
   {
-    Edit edit(tree_);
+    Edit edit(world_.tree);
     const Item& item = edit->item(number);
-    const auto* entry = provider_.at(edit->therePath(item));
+    const auto* entry = world_.provider.at(edit->therePath(item));
     if (entry && ModelProvider::versionOf(*entry) == item.there()->version) {
       noteFetched(edit, number, item.there()->version, entry->content);
       return edit.commit();
@@ -580,107 +328,113 @@ void PlannerWorld::fetch(ItemNumber number) {
   look({folder});
 }
 
-void PlannerWorld::push(const Push& push, ItemNumber asked, Fate fate) {
+void PlannerWorld::push(const Push& push, const Move& move, Fate fate) {
   std::vector<ItemNumber> folders;
   {
-    const View view(tree_);
+    const View view(world_.tree);
     folders = foldersOf(*view, push);
   }
   look(folders);
   {
-    const View view(tree_);
-    if (plan(*view, asked, now_, kNames) != Step(push)) return;
+    const View view(world_.tree);
+    if (plan(*view, move.item, now_, kNames) != Step(push)) return;
   }
   send(push, fate);
 }
 
 void PlannerWorld::send(const Push& push, Fate fate) {
-  Request request;
-  IntentNumber number;
+  Flight flight;
   {
-    Edit edit(tree_);
-    request = requestOf(*edit, push);
-    number = noteSent(edit, request, now_);
+    Edit edit(world_.tree);
+    const Request request = requestOf(*edit, push);
+    flight.intent = noteSent(edit, request, now_);
     edit.commit();
+    flight.verb = request.verb;
+    flight.source = request.source;
+    flight.target = request.target;
+    flight.content = request.content;
   }
-  if (fate == Fate::ok || fate == Fate::lostAfter) {
-    if (!provider_.request(request.verb, request.source, request.target, request.content)) {
-      throw Broken("the provider refuses a request after a look");
+  flight.fate = fate;
+  const bool isDone =
+      fate == Fate::ok || fate == Fate::lostAfter || fate == Fate::slow || fate == Fate::slowLost;
+  if (isDone && !doThere(flight)) throw Broken("the provider refuses a request after a look");
+  if (isDone && flight.verb == Verb::put) {
+    flight.version = ModelProvider::versionOf(*world_.provider.at(*flight.target));
+  }
+  flights_.push_back(std::move(flight));
+  if (!isSlow(fate)) answer(flights_.size() - 1);
+}
+
+bool PlannerWorld::doThere(const Flight& flight) {
+  return world_.request(flight.verb, flight.source, flight.target, flight.content);
+}
+
+void PlannerWorld::answer(std::size_t index) {
+  Flight flight = std::move(flights_.at(index));
+  flights_.erase(flights_.begin() + static_cast<std::ptrdiff_t>(index));
+  if (asked_) {
+    for (const auto& path : {flight.source, flight.target}) {
+      if (path) asked_->answered.push_back(*path);
     }
-    if (request.verb == Verb::put) contentOf_.push_back(request.content);
   }
-  if (fate == Fate::lateByOne || fate == Fate::lateByTwo) {
-    const unsigned due = fate == Fate::lateByOne ? 1 : 2;
-    late_.push_back({due + 1, request.verb, request.source, request.target, request.content, 0});
+  bool isRefused = false;
+  if (flight.fate == Fate::slowDone) {
+    land(flight);
+    isRefused = !doThere(flight);
+    if (isRefused && !flight.isDisturbed) throw Broken("the provider refuses a request");
+    if (!isRefused && flight.verb == Verb::put) {
+      flight.version = ModelProvider::versionOf(*world_.provider.at(*flight.target));
+    }
   }
-  Edit edit(tree_);
-  if (fate == Fate::ok) {
-    const auto* entry = request.target ? provider_.at(*request.target) : nullptr;
-    noteAnswer(edit, number, entry ? ModelProvider::versionOf(*entry) : Version{}, now_);
+  Edit edit(world_.tree);
+  if (isRefused) {
+    noteRefusal(edit, flight.intent);
+  } else if (isFault(flight.fate)) {
+    noteLostAnswer(edit, flight.intent, now_);
   } else {
-    noteLostAnswer(edit, number, now_);
+    noteAnswer(edit, flight.intent, flight.version, now_);
   }
   edit.commit();
+  if (flight.fate < Fate::lateByOne || !isFault(flight.fate)) return;
+  if (flight.fate == Fate::slowLost) return;
+  flight.intent = IntentNumber::none;
+  flight.due = flight.fate == Fate::lateByTwo ? 3 : 2;
+  late_.push_back(std::move(flight));
 }
 
-/// Time passes; what is due lands.
-void PlannerWorld::land(unsigned steps) {
-  now_ += kStep * steps;
-  for (Late& late : late_) late.due -= std::min(late.due, steps);
+/// Time passes; what is due is done there.
+void PlannerWorld::pass() {
+  now_ += kStep;
+  for (Flight& late : late_) --late.due;
   const auto all = std::exchange(late_, {});
-  for (const Late& late : all) {
+  for (const Flight& late : all) {
     if (late.due > 0) late_.push_back(late);
   }
-  for (const Late& late : all) {
-    if (late.due == 0) landOne(late);
+  for (const Flight& late : all) {
+    if (late.due > 0) continue;
+    land(late);
+    disturb();
+    world_.isUnseen = true;
+    world_.strays |= bit(late.content);
+    doThere(late);
   }
 }
 
-void PlannerWorld::landOne(const Late& late) {
+/// What came between the look before the request and its effect cannot be known, unless it is shown
+/// here.
+void PlannerWorld::land(const Flight& flight) {
   std::vector<Path> gone;
-  if (late.verb == Verb::remove) gone = provider_.inside(*late.source);
-  if (late.verb == Verb::put) gone = {*late.target};
-  {
-    const View view(tree_);
-    for (const Path& path : gone) {
-      const auto* entry = provider_.at(path);
-      if (!entry || !(late.newer & bit(entry->content))) continue;
-      // It came between the look before the request and its landing; unless it is shown here, it
-      // cannot be known.
-      const Item* item = view->atPath(path);
-      if (!item || !item->here() || shown(*item) != entry->content) forget(entry->content);
+  if (flight.verb == Verb::remove) gone = world_.provider.inside(*flight.source);
+  if (flight.verb == Verb::put) gone = {*flight.target};
+  const View view(world_.tree);
+  for (const Path& path : gone) {
+    const auto* entry = world_.provider.at(path);
+    if (!entry || !(flight.newer & bit(entry->content))) continue;
+    const Item* item = view->atPath(path);
+    if (!item || !item->here() || world_.shown(*item) != entry->content) {
+      world_.forget(entry->content);
     }
   }
-  isUnseen_ = true;
-  strays_ |= bit(late.content);
-  if (provider_.request(late.verb, late.source, late.target, late.content) &&
-      late.verb == Verb::put) {
-    contentOf_.push_back(late.content);
-  }
-}
-
-void PlannerWorld::judge() const {
-  const View view(tree_);
-  std::map<std::string, std::pair<Kind, Content>> here;
-  std::map<std::string, std::pair<Kind, Content>> there;
-  ContentSet found = 0;
-  std::vector<const Item*> todo{&view->root()};
-  std::size_t count = 0;
-  while (!todo.empty()) {
-    const Item* item = todo.back();
-    todo.pop_back();
-    ++count;
-    here[pathHere(*view, *item)] = {item->kind(), shown(*item)};
-    found |= bit(shown(*item));
-    if (!item->isInStep()) throw Broken("an item is not in step");
-    for (const Item* child : view->hereIn(item->number())) todo.push_back(child);
-  }
-  for (const auto& [path, entry] : provider_.tree) {
-    there[path.isRoot() ? "" : "/" + path.text()] = {entry.kind, entry.content};
-  }
-  if (here != there) throw Broken("here is not there");
-  if (count != view->count()) throw Broken("an item is left that is nowhere");
-  if (wanted_ & ~found) throw Broken("contents are lost");
 }
 
 }  // namespace kestrowan::test

@@ -1,83 +1,61 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
-#include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "replica/model/Edit.h"
-#include "replica/model/View.h"
 #include "replica/plan/Names.h"
+#include "replica/plan/Requests.h"
 #include "replica/plan/Step.h"
-#include "unit/replica/plan/ModelProvider.h"
+#include "unit/replica/plan/ModelWorld.h"
 
 namespace kestrowan::test {
 
-/// What became of a request: its answer came; it was lost before the effect or after it; or it was
-/// lost and the effect comes one or two steps later.
-enum class Fate : std::uint8_t { ok, lostBefore, lostAfter, lateByOne, lateByTwo };
-
-/// Contents by numbers below 64.
-using ContentSet = std::uint64_t;
-
-/// A rule that was broken, in words.
-class Broken : public std::runtime_error {
- public:
-  using runtime_error::runtime_error;
+/// What becomes of a request.
+enum class Fate : std::uint8_t {
+  ok,         // done and answered at once
+  lost,       // never done; the answer counts as lost at once
+  lostAfter,  // done; the answer counts as lost at once
+  lateByOne,  // the answer counts as lost at once; done a step later
+  lateByTwo,
+  slow,      // done at once, answered some steps later
+  slowDone,  // done and answered some steps later
+  slowLost,  // done at once; the answer counts as lost some steps later
+  slowLate,  // the answer counts as lost some steps later; done a step after that
+  held,      // not done, and not to be done until everything else has come to its end
 };
 
-/// Something that a program does, or another client.
-struct Event {
-  enum class Kind : std::uint8_t {
-    make,
-    makeFolder,
-    write,
-    move,
-    replace,
-    swap,
-    remove,  // here
-    putThere,
-    putSameThere,
-    makeFolderThere,
-    moveThere,
-    removeThere,  // there
-  };
+/// What it costs of the bounds of a history.
+constexpr bool isFault(Fate fate) {
+  return fate != Fate::ok && fate != Fate::slow && fate != Fate::slowDone;
+}
+constexpr bool isSlow(Fate fate) {
+  return fate >= Fate::slow && fate <= Fate::slowLate;
+}
 
-  static Event here(Kind kind, Place place);
-  static Event here(Kind kind, ItemNumber item, Place place);
-  static Event here(Kind kind, ItemNumber item, ItemNumber other = ItemNumber::none);
-  static Event there(Kind kind, Path source, Path target);
-  static Event same(ItemNumber item, Path target);
-
-  Kind kind = Kind::make;
-  ItemNumber item = ItemNumber::none;
-  ItemNumber other = ItemNumber::none;
-  Place place;
-  Path source;
-  Path target;
-};
-
-/// What the engine does next: a step of the planner, a look at all folders, or to let time pass.
+/// What the engine does next: a step of the planner; a look at all folders, at once, or asked for
+/// now and written later; an answer is written; time passes; or what was held is tried again.
 struct Move {
-  enum class Kind : std::uint8_t { none, step, look, wait };
+  enum class Kind : std::uint8_t { none, step, look, ask, write, answer, wait, retry };
 
   Kind kind = Kind::none;
-  ItemNumber asked = ItemNumber::none;
+  /// The item or the intent that was asked about.
+  ItemNumber item = ItemNumber::none;
+  IntentNumber intent = IntentNumber::none;
   replica::plan::Step step;
+  /// Which of the requests that are under way is answered.
+  std::size_t answered = 0;
+
+  bool isSent() const { return std::holds_alternative<replica::plan::Push>(step); }
+  bool mayBeHeld() const;
 };
 
-/// All items of a state, in an order that does not depend on their numbers unless they are nowhere.
-std::vector<const Item*> allItems(const State& state);
-
-/// A tree with its planner, a provider, and what must hold between them. Small worlds only: numbers
-/// of items, contents, versions and names stay below 255.
+/// An engine that is driven by the planner, in a world. Requests may be under way at the same time.
 class PlannerWorld {
  public:
   /// An empty folder on both sides.
-  PlannerWorld();
+  PlannerWorld() = default;
   /// The world that `encoded` gave this text of.
   explicit PlannerWorld(const std::string& text);
   PlannerWorld(const PlannerWorld&) = delete;
@@ -86,78 +64,83 @@ class PlannerWorld {
   /// The same text for worlds that differ only in numbers.
   std::string encoded() const;
 
-  /// An item in step on both sides; a file is downloaded or not.
-  ItemNumber add(Kind kind, ItemNumber folder, const std::string& name, bool isDownloaded);
-
-  /// All that programs may do by these names, and all that other clients may.
+  ItemNumber add(Kind kind, ItemNumber folder, const std::string& name, bool isDownloaded) {
+    return world_.add(kind, folder, name, isDownloaded);
+  }
   std::vector<Event> eventsHere(const std::vector<std::string>& names) const;
   std::vector<Event> eventsThere(const std::vector<std::string>& names) const;
   void apply(const Event& event);
 
-  /// `isReversed`: of the steps that may be done, the last instead of the first.
+  /// All steps of the planner that may be done now; those that are held are not among them.
+  std::vector<Move> steps() const;
+  /// What is done next if nothing else is chosen. `isReversed`: of the steps that may be done, the
+  /// last instead of the first. Throws `Broken` when something waits that need not.
   Move next(bool isReversed) const;
+  std::size_t underWay() const { return flights_.size(); }
+  bool isAsked() const { return asked_.has_value(); }
   /// Whether another client changed something that no whole look has shown yet.
-  bool isUnseen() const { return isUnseen_; }
+  bool isUnseen() const { return world_.isUnseen; }
   /// Throws `Broken`.
   void carryOut(const Move& move, Fate fate);
-  void lookAtAll();
   /// For a world in which nothing is to be done any more. Throws `Broken`.
-  void judge() const;
+  void judge() const { world_.judge(); }
 
-  std::string describe(const Event& event) const;
   std::string describe(const Move& move) const;
-  std::string describe() const;
+  std::string describe() const { return world_.describe(); }
 
  private:
-  struct Late {
-    /// In steps from now.
+  /// A request that the provider has not done yet, or that has no answer yet.
+  struct Flight {
+    /// `none` when the answer is no longer waited for.
+    IntentNumber intent = IntentNumber::none;
+    Fate fate = Fate::ok;
+    /// In steps from now; of those without an answer.
     unsigned due = 0;
     Verb verb = Verb::put;
     std::optional<Path> source;
     std::optional<Path> target;
     Content content = Content::none;
+    Version version;
     /// Written there by others after it was sent.
     ContentSet newer = 0;
+    /// Something else has changed there since.
+    bool isDisturbed = false;
   };
-
-  class NoJournal : public Journal {
-   public:
-    void write(const Changes&) override {}
+  /// A look at all folders that was asked for and is not written yet.
+  struct Asked {
+    std::map<Path, ModelProvider::Entry> tree;
+    Time began;
+    std::vector<Path> answered;
   };
 
   friend class WorldWriter;
   friend class WorldReader;
 
-  void change(const Event& event, Content made);
-  void changeThere(const Event& event, Content made);
-  Content newContent();
-  void forget(Content content);
-  Content shown(const Item& item) const;
-  ContentSet contentsThere() const;
-  std::string shownTree() const;
+  bool isHeld(const replica::plan::Step& step) const;
+  void addSteps(std::vector<Move>& moves, std::optional<Time>& until) const;
+  void checkWaiting() const;
+  void lookAtAll();
+  void ask();
+  void writeAsked();
+  std::vector<ItemNumber> foldersBesides(const std::set<ItemNumber>& known) const;
   void look(const std::vector<ItemNumber>& folders);
-  void take(const replica::plan::Step& step, ItemNumber asked, Fate fate);
+  void take(const Move& move, Fate fate);
   void fetch(ItemNumber number);
-  void push(const replica::plan::Push& push, ItemNumber asked, Fate fate);
+  void push(const replica::plan::Push& push, const Move& move, Fate fate);
   void send(const replica::plan::Push& push, Fate fate);
-  void land(unsigned steps);
-  void landOne(const Late& late);
-  std::string text(const Item& item) const;
+  void answer(std::size_t index);
+  void pass();
+  void land(const Flight& flight);
+  bool doThere(const Flight& flight);
+  void disturb();
 
-  NoJournal journal_;
-  Tree tree_{journal_};
-  ModelProvider provider_;
-  std::vector<Late> late_;
+  ModelWorld world_;
+  /// In the order in which they were sent.
+  std::vector<Flight> flights_;
+  std::vector<Flight> late_;
+  std::optional<Asked> asked_;
+  std::vector<replica::plan::Step> held_;
   Time now_;
-  /// The bytes of each version there ever was.
-  std::vector<Content> contentOf_{Content::none};
-  unsigned lastContent_ = 0;
-  /// Contents that nobody destroyed knowingly.
-  ContentSet wanted_ = 0;
-  /// Contents that landed late: nobody wants that copy.
-  ContentSet strays_ = 0;
-  bool hasChangedThere_ = false;
-  bool isUnseen_ = false;
 };
 
 }  // namespace kestrowan::test

@@ -143,6 +143,18 @@ IntentNumber StateBuilder::sent(Verb verb, ItemNumber item, const std::string& s
   return number;
 }
 
+IntentNumber StateBuilder::underWay(Verb verb, ItemNumber item, const std::string& source,
+                                    const std::string& target, Content content) {
+  const IntentNumber number = sent(verb, item, source, target, content);
+  Edit edit(tree_);
+  Intent intent = *edit->intents().find(number);
+  intent.ended.reset();
+  intent.looked = false;
+  edit.change(intent);
+  edit.commit();
+  return number;
+}
+
 void StateBuilder::change(IntentNumber number, bool looked, bool over) {
   Edit edit(tree_);
   for (Intent intent : std::vector<Intent>(edit->intents().all())) {
@@ -165,9 +177,9 @@ Step StateBuilder::plan(ItemNumber item, Time now) const {
   return replica::plan::plan(*view, item, now, kNames);
 }
 
-Step StateBuilder::forIntents(Time now) const {
+Step StateBuilder::forIntent(IntentNumber number, Time now) const {
   const View view(tree_);
-  return planForIntents(*view, now);
+  return planForIntent(*view, number, now);
 }
 
 void StateBuilder::apply(const Settle& step) {

@@ -45,14 +45,16 @@ using replica::plan::noteRefusal;
 using replica::plan::noteSent;
 using replica::plan::Nothing;
 using replica::plan::observe;
-using replica::plan::planForIntents;
+using replica::plan::planForIntent;
 using replica::plan::Push;
 using replica::plan::Request;
 using replica::plan::Resolution;
 using replica::plan::Settle;
 using replica::plan::settle;
+using replica::plan::Shown;
 using replica::plan::Step;
 using replica::plan::WaitFor;
+using replica::plan::WaitForAnswer;
 using replica::plan::WaitUntil;
 
 inline constexpr Content kOld{101};
@@ -97,11 +99,14 @@ class StateBuilder {
   /// A request without an answer that was looked for.
   IntentNumber sent(Verb verb, ItemNumber item, const std::string& source,
                     const std::string& target, Content content = kNone);
+  /// One whose answer is still waited for.
+  IntentNumber underWay(Verb verb, ItemNumber item, const std::string& source,
+                        const std::string& target, Content content = kNone);
   void change(IntentNumber number, bool looked, bool over);
   void endAll();
 
   Step plan(ItemNumber item, Time now = {}) const;
-  Step forIntents(Time now = {}) const;
+  Step forIntent(IntentNumber number, Time now = {}) const;
   /// Carries out what is planned, which must be a settling.
   void settlePlanned(ItemNumber item);
   void apply(const Settle& step);

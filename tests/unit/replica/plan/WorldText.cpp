@@ -12,6 +12,8 @@ namespace kestrowan::test {
 namespace {
 
 constexpr unsigned kStep = 100;
+/// How long before now a look that was asked for began, when a world is read.
+constexpr std::chrono::seconds kBefore{10};
 constexpr unsigned kNoItem = 0;
 /// An item that is no more, in an agreed state.
 constexpr unsigned kGone = 254;
@@ -51,7 +53,8 @@ Path pathOf(const std::string& text) {
 
 class WorldWriter {
  public:
-  explicit WorldWriter(const PlannerWorld& world) : world_(world), view_(world.tree_) {}
+  explicit WorldWriter(const PlannerWorld& world)
+      : planner_(world), world_(world.world_), view_(world_.tree) {}
 
   std::string write() {
     items_ = allItems(*view_);
@@ -59,21 +62,17 @@ class WorldWriter {
     for (std::size_t i = 1; i < items_.size(); ++i) item(*items_[i]);
     byte(static_cast<unsigned>(view_->intents().all().size()));
     for (const Intent& one : view_->intents().all()) intent(one);
-    byte(static_cast<unsigned>(world_.provider_.tree.size()));
-    for (const auto& [path, entry] : world_.provider_.tree) {
-      word(path.text());
-      byte(static_cast<unsigned>(entry.kind));
-      version(ModelProvider::versionOf(entry));
-      content(entry.content);
+    tree(world_.provider.tree);
+    flights(planner_.flights_);
+    flights(planner_.late_);
+    byte(planner_.asked_ ? 1 : 0);
+    if (planner_.asked_) {
+      tree(planner_.asked_->tree);
+      byte(static_cast<unsigned>(planner_.asked_->answered.size()));
+      for (const Path& one : planner_.asked_->answered) word(one.text());
     }
-    byte(static_cast<unsigned>(world_.late_.size()));
-    for (const auto& late : world_.late_) {
-      byte(late.due);
-      byte(static_cast<unsigned>(late.verb));
-      path(late.source);
-      path(late.target);
-      content(late.content);
-    }
+    byte(static_cast<unsigned>(planner_.held_.size()));
+    for (const auto& step : planner_.held_) held(step);
     tables();
     return std::move(out_);
   }
@@ -137,42 +136,95 @@ class WorldWriter {
     byte(static_cast<unsigned>(after.size()));
     for (const ItemNumber other : after) number(other);
   }
+  void tree(const std::map<Path, ModelProvider::Entry>& tree) {
+    byte(static_cast<unsigned>(tree.size()));
+    for (const auto& [path, entry] : tree) {
+      word(path.text());
+      byte(static_cast<unsigned>(entry.kind));
+      version(ModelProvider::versionOf(entry));
+      content(entry.content);
+    }
+  }
+  void flights(const std::vector<PlannerWorld::Flight>& flights) {
+    byte(static_cast<unsigned>(flights.size()));
+    for (const auto& flight : flights) {
+      const auto& all = view_->intents().all();
+      const auto found = std::find_if(all.begin(), all.end(), [&](const Intent& intent) {
+        return intent.number == flight.intent;
+      });
+      byte(found == all.end() ? 0 : static_cast<unsigned>(found - all.begin()) + 1);
+      byte(static_cast<unsigned>(flight.fate));
+      byte(flight.due);
+      byte(static_cast<unsigned>(flight.verb));
+      path(flight.source);
+      path(flight.target);
+      content(flight.content);
+      version(flight.version);
+      byte(flight.isDisturbed ? 1 : 0);
+    }
+  }
+  void held(const replica::plan::Step& step) {
+    if (const auto* push = std::get_if<replica::plan::Push>(&step)) {
+      byte(1);
+      byte(static_cast<unsigned>(push->change));
+      number(push->item);
+      number(push->place.folder);
+      word(push->place.name);
+      content(push->content);
+    } else if (const auto* fetch = std::get_if<replica::plan::Fetch>(&step)) {
+      byte(2);
+      number(fetch->item);
+    } else {
+      const auto& folders = std::get<replica::plan::Look>(step).folders;
+      byte(3);
+      byte(static_cast<unsigned>(folders.size()));
+      for (const ItemNumber folder : folders) number(folder);
+    }
+  }
   void intent(const Intent& intent) {
     byte(static_cast<unsigned>(intent.verb));
     number(intent.item);
     path(intent.source);
     path(intent.target);
     content(intent.content);
-    const auto left = std::chrono::duration_cast<std::chrono::seconds>(intent.until - world_.now_);
-    byte(left.count() > 0 ? static_cast<unsigned>(left.count()) / kStep : 0);
-    byte((intent.looked ? 1 : 0) + (intent.over ? 2 : 0));
+    const auto left =
+        std::chrono::duration_cast<std::chrono::seconds>(intent.until - planner_.now_);
+    const bool isCounted = !intent.isUnderWay() && left.count() > 0;
+    byte(isCounted ? static_cast<unsigned>(left.count()) / kStep : 0);
+    const auto& asked = planner_.asked_;
+    byte((intent.looked ? 1 : 0) + (intent.over ? 2 : 0) + (intent.isUnderWay() ? 4 : 0) +
+         (asked && intent.ended && *intent.ended <= asked->began ? 8 : 0) +
+         (asked && intent.until <= asked->began ? 16 : 0));
   }
   /// What is known of contents and versions by their numbers.
   void tables() {
     byte(static_cast<unsigned>(versions_.size()));
-    for (const std::string& version : versions_) content(world_.contentOf_.at(std::stoul(version)));
-    for (unsigned i = 1; i <= world_.lastContent_; ++i) {
-      if ((world_.wanted_ >> i & 1) != 0) content(Content{i});
+    for (const std::string& version : versions_) content(world_.contentOf.at(std::stoul(version)));
+    for (unsigned i = 1; i <= world_.lastContent; ++i) {
+      if ((world_.wanted >> i & 1) != 0) content(Content{i});
     }
     std::size_t written = out_.size();
     byte(static_cast<unsigned>(contentOrder_.size()));
     for (const Content one : contentOrder_) {
       const auto i = static_cast<unsigned>(one);
-      unsigned flags = (world_.wanted_ >> i & 1) + 2 * (world_.strays_ >> i & 1);
+      unsigned flags = (world_.wanted >> i & 1) + 2 * (world_.strays >> i & 1);
       unsigned weight = 4;
-      for (const auto& late : world_.late_) {
-        flags += weight * static_cast<unsigned>(late.newer >> i & 1);
-        weight *= 2;
+      for (const auto* flights : {&planner_.flights_, &planner_.late_}) {
+        for (const auto& flight : *flights) {
+          flags += weight * static_cast<unsigned>(flight.newer >> i & 1);
+          weight *= 2;
+        }
       }
       byte(flags);
     }
     // Where the tables begin cannot be told otherwise: wanted contents that are nowhere stand
     // between them.
     byte(static_cast<unsigned>(out_.size() - written));
-    byte((world_.hasChangedThere_ ? 1 : 0) + (world_.isUnseen_ ? 2 : 0));
+    byte((world_.hasChangedThere ? 1 : 0) + (world_.isUnseen ? 2 : 0));
   }
 
-  const PlannerWorld& world_;
+  const PlannerWorld& planner_;
+  const ModelWorld& world_;
   View view_;
   std::string out_;
   std::vector<const Item*> items_;
@@ -183,31 +235,27 @@ class WorldWriter {
 
 class WorldReader {
  public:
-  WorldReader(PlannerWorld& world, const std::string& text) : world_(world), text_(text) {}
+  WorldReader(PlannerWorld& world, const std::string& text)
+      : planner_(world), world_(world.world_), text_(text) {}
 
   void read() {
     {
-      Edit edit(world_.tree_);
+      Edit edit(world_.tree);
       const unsigned count = byte();
       kindsAt(edit, count);
       intents(edit);
       edit.commit();
     }
-    auto& tree = world_.provider_.tree;
-    for (unsigned left = byte(); left > 0; --left) {
-      auto& entry = tree[Path(pathOf(word()))];
-      entry.kind = static_cast<Kind>(byte());
-      entry.version = byte();
-      entry.content = Content{byte()};
+    world_.provider.tree = tree();
+    planner_.flights_ = flights();
+    planner_.late_ = flights();
+    if (byte() == 1) {
+      auto& asked = planner_.asked_.emplace();
+      asked.tree = tree();
+      asked.began = planner_.now_ - kBefore;
+      for (unsigned left = byte(); left > 0; --left) asked.answered.push_back(pathOf(word()));
     }
-    for (unsigned left = byte(); left > 0; --left) {
-      auto& late = world_.late_.emplace_back();
-      late.due = byte();
-      late.verb = static_cast<Verb>(byte());
-      late.source = path();
-      late.target = path();
-      late.content = Content{byte()};
-    }
+    for (unsigned left = byte(); left > 0; --left) planner_.held_.push_back(held());
     tables();
   }
 
@@ -254,6 +302,47 @@ class WorldReader {
       for (unsigned left = byte(); left > 0; --left) edit.addAfter(number, numberOf(byte()));
     }
   }
+  std::map<Path, ModelProvider::Entry> tree() {
+    std::map<Path, ModelProvider::Entry> result;
+    for (unsigned left = byte(); left > 0; --left) {
+      auto& entry = result[Path(pathOf(word()))];
+      entry.kind = static_cast<Kind>(byte());
+      entry.version = byte();
+      entry.content = Content{byte()};
+    }
+    return result;
+  }
+  std::vector<PlannerWorld::Flight> flights() {
+    std::vector<PlannerWorld::Flight> result;
+    for (unsigned left = byte(); left > 0; --left) {
+      auto& flight = result.emplace_back();
+      flight.intent = IntentNumber{byte()};
+      flight.fate = static_cast<Fate>(byte());
+      flight.due = byte();
+      flight.verb = static_cast<Verb>(byte());
+      flight.source = path();
+      flight.target = path();
+      flight.content = Content{byte()};
+      flight.version = versionOf(byte());
+      flight.isDisturbed = byte() == 1;
+    }
+    return result;
+  }
+  replica::plan::Step held() {
+    const unsigned kind = byte();
+    if (kind == 1) {
+      replica::plan::Push push;
+      push.change = static_cast<replica::plan::Change>(byte());
+      push.item = numberOf(byte());
+      push.place = place();
+      push.content = Content{byte()};
+      return push;
+    }
+    if (kind == 2) return replica::plan::Fetch{numberOf(byte())};
+    replica::plan::Look look;
+    for (unsigned left = byte(); left > 0; --left) look.folders.push_back(numberOf(byte()));
+    return look;
+  }
   void intents(Edit& edit) {
     for (unsigned left = byte(); left > 0; --left) {
       Intent intent;
@@ -262,36 +351,41 @@ class WorldReader {
       intent.source = path();
       intent.target = path();
       intent.content = Content{byte()};
-      intent.ended = world_.now_;
-      intent.until = world_.now_ + std::chrono::seconds(byte() * kStep);
+      const Time now = planner_.now_;
+      intent.until = now + std::chrono::seconds(byte() * kStep);
       const unsigned flags = byte();
       intent.looked = (flags & 1) != 0;
       intent.over = (flags & 2) != 0;
+      if ((flags & 4) == 0) intent.ended = (flags & 8) != 0 ? now - kBefore : now;
+      if ((flags & 16) != 0) intent.until = now - kBefore;
       edit.add(intent);
     }
   }
   void tables() {
     const unsigned versions = byte();
-    for (unsigned i = 0; i < versions; ++i) world_.contentOf_.push_back(Content{byte()});
-    world_.provider_.lastVersion = versions;
+    for (unsigned i = 0; i < versions; ++i) world_.contentOf.push_back(Content{byte()});
+    world_.provider.lastVersion = versions;
     // Read from the end: what stands between was told by the numbers already.
     const unsigned last = static_cast<unsigned char>(text_.back());
-    world_.hasChangedThere_ = (last & 1) != 0;
-    world_.isUnseen_ = (last & 2) != 0;
+    world_.hasChangedThere = (last & 1) != 0;
+    world_.isUnseen = (last & 2) != 0;
     const unsigned length = static_cast<unsigned char>(text_[text_.size() - 2]);
     const std::size_t begin = text_.size() - 2 - length;
     const auto count = static_cast<unsigned char>(text_[begin]);
-    world_.lastContent_ = count;
+    world_.lastContent = count;
     for (unsigned i = 1; i <= count; ++i) {
       const auto flags = static_cast<unsigned char>(text_[begin + i]);
-      world_.wanted_ |= ContentSet{flags & 1U} << i;
-      world_.strays_ |= ContentSet{flags >> 1 & 1U} << i;
+      world_.wanted |= ContentSet{flags & 1U} << i;
+      world_.strays |= ContentSet{flags >> 1 & 1U} << i;
       unsigned shift = 2;
-      for (auto& late : world_.late_) late.newer |= ContentSet{flags >> shift++ & 1U} << i;
+      for (auto* flights : {&planner_.flights_, &planner_.late_}) {
+        for (auto& flight : *flights) flight.newer |= ContentSet{flags >> shift++ & 1U} << i;
+      }
     }
   }
 
-  PlannerWorld& world_;
+  PlannerWorld& planner_;
+  ModelWorld& world_;
   const std::string& text_;
   std::size_t at_ = 0;
 };
