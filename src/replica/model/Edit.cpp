@@ -136,7 +136,7 @@ Changes Edit::changes() const {
   Changes changes;
   for (const auto& [number, before] : before_) {
     if (const Item* item = state_->find(number)) {
-      changes.items.push_back(item);
+      if (before != *item) changes.items.push_back(item);
     } else if (before) {
       changes.dropped.push_back(number);
     }
@@ -155,7 +155,9 @@ std::vector<ItemChange> Edit::itemChanges() const {
   std::vector<ItemChange> result;
   for (const auto& [number, before] : before_) {
     const ItemChange change{before ? &*before : nullptr, state_->find(number)};
-    if (change.before || change.now) result.push_back(change);
+    if (!change.before && !change.now) continue;
+    const bool isChanged = !change.before || !change.now || *change.before != *change.now;
+    if (isChanged) result.push_back(change);
   }
   std::sort(result.begin(), result.end(), [](const ItemChange& a, const ItemChange& b) {
     return a.any().number() < b.any().number();
@@ -193,8 +195,9 @@ Left Edit::leftOf(const Item& item) const {
 
 void Edit::addLeft(Changes& changes) const {
   std::set<Content> kept;
-  for (const Item* item : changes.items) {
-    if (item->here()) kept.insert(item->here()->content);
+  for (const auto& [number, before] : before_) {
+    const Item* item = state_->find(number);
+    if (item && item->here()) kept.insert(item->here()->content);
   }
   for (const auto& [number, before] : before_) {
     if (!before || !before->here() || before->here()->content == Content::none) continue;

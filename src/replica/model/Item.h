@@ -72,8 +72,11 @@ class Item {
   /// item whose name stays here, as long as it is here alone.
   bool isInStep() const;
 
+  friend bool operator==(const Item&, const Item&) = default;
+
  private:
   friend class State;
+  friend class Restorer;
 
   /// What few items have.
   struct Rest {

@@ -2,6 +2,13 @@
 
 namespace kestrowan::replica::model {
 
+std::optional<Path> Path::fromText(std::string_view text) {
+  const bool hasEmptyName =
+      text.starts_with('/') || text.ends_with('/') || text.find("//") != std::string_view::npos;
+  if (hasEmptyName) return std::nullopt;
+  return Path(std::string(text));
+}
+
 Path Path::child(std::string_view name) const {
   std::string text = text_;
   if (!text.empty()) text += '/';

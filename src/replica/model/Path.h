@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,8 @@ class Path {
  public:
   /// The root's.
   Path() = default;
+  /// The path of that text; absent when a name in it is empty.
+  static std::optional<Path> fromText(std::string_view text);
 
   bool isRoot() const { return text_.empty(); }
   /// Of what lies under `name` in this folder.

@@ -169,10 +169,23 @@ void State::take(ItemNumber number) {
 }
 
 void State::put(const Item& item) {
-  const Item& put = items_.add(item);
-  const bool isAlone = (!put.here_ || here_.add(put)) && (!put.there_ || there_.add(put));
+  enter(items_.add(item));
+}
+
+/// Into the indices.
+void State::enter(const Item& item) {
+  const bool isAlone = (!item.here_ || here_.add(item)) && (!item.there_ || there_.add(item));
   if (!isAlone) fatalError("an item was put back where another one is");
-  note(put);
+  note(item);
+}
+
+/// All of them, out of the indices.
+void State::leavePlaces() {
+  here_ = Places(Places::Side::here);
+  there_ = Places(Places::Side::there);
+  unmerged_.clear();
+  pending_.clear();
+  following_.clear();
 }
 
 }  // namespace kestrowan::replica::model

@@ -66,6 +66,7 @@ class State {
 
  private:
   friend class Edit;
+  friend class Restorer;
 
   Item& changeable(ItemNumber number);
   ItemNumber make(Kind kind);
@@ -76,6 +77,8 @@ class State {
   void setAttributes(Item& item, Attributes attributes);
   void take(ItemNumber number);
   void put(const Item& item);
+  void enter(const Item& item);
+  void leavePlaces();
   void note(const Item& item);
 
   Items items_;

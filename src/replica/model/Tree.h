@@ -1,5 +1,6 @@
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include "replica/model/Journal.h"
@@ -16,6 +17,8 @@ class Tree {
  public:
   /// The root alone. `journal` must outlive the tree.
   explicit Tree(Journal& journal) : journal_(journal) {}
+  /// With all that a journal has kept.
+  Tree(Journal& journal, State state) : state_(std::move(state)), journal_(journal) {}
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
 

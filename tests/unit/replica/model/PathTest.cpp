@@ -34,5 +34,14 @@ TEST(PathTest, MovesWithTheFolderThatItIsIn) {
   EXPECT_EQ(path({"ab"}).moved(path({"a"}), path({"c"})), path({"ab"}));
 }
 
+TEST(PathTest, IsReadFromItsText) {
+  const Path path = Path().child("d").child("f");
+  EXPECT_EQ(Path::fromText(path.text()), path);
+  EXPECT_EQ(Path::fromText(""), Path());
+  for (const char* text : {"/", "/d", "d/", "d//f"}) {
+    EXPECT_EQ(Path::fromText(text), std::nullopt) << text;
+  }
+}
+
 }  // namespace
 }  // namespace kestrowan::replica::model
