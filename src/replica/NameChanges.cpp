@@ -144,9 +144,12 @@ void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> c
   require(*item, NSFileProviderItemCapability::allowsDeleting);
   const Rid folder = item->parent;
   if (!item->base && !item->isSending() && !item->sent) {
-    Rows::Batch batch(core.rows);
-    core.dropItem(item);
-    core.noteFolderChange(folder);
+    {
+      Rows::Batch batch(core.rows);
+      core.dropItem(item);
+      core.noteFolderChange(folder);
+    }
+    // Not before the rows are written.
     core.answer<Done>(std::move(completion), Done{});
     return;
   }
