@@ -29,7 +29,7 @@ class Lister {
   /// prevents it. Waits for a server that is not there, if the folder is not known and for as long
   /// as `Health` does. Waits no longer than the options say when the children are known from
   /// before, and then succeeds with what there is, unless the need is `forced`; and no longer than
-  /// that, for whoever needs it `soon`, when nothing is known. Without the lock.
+  /// that, for a caller that needs it `soon`, when nothing is known. Without the lock.
   void prepare(const ItemPtr& folder, Need need, Completion<Done> completion);
 
   /// A listing that begins now or after this call. Without the lock; completes on the loop.

@@ -118,18 +118,32 @@ def test_a_listing_whose_xml_is_not_whole_removes_nothing_and_allows_no_new_file
     assert said(scene, PARTLY) == said(scene, WHOLE) == dict.fromkeys(PARTIAL, 1)
 
 
-def test_a_listing_that_is_cut_is_an_error_and_the_next_one_is_whole(scene):
-    cases = {f"{cut}-{then}": {"cut": cut, "then": then}
+def cut_listings(scene, name, times):
+    """Folders whose listings are cut at one place or another, so many times; none is listed yet."""
+    cases = {f"{name}-{cut}-{then}": {"cut": cut, "then": then}
              for cut in (0, 1, 100, 400, 1000, 2500) for then in ("close", "drop", "rst")}
-    for name in cases:
+    for case, answer in cases.items():
         for number in range(8):
-            scene.put(f"{name}/{number}.txt", OLD)
+            scene.put(f"{case}/{number}.txt", OLD)
+        scene.fault("PROPFIND", case, depth="1", times=times, answer=answer)
     os.listdir(scene.home)
     # Backwards, since those that follow may be listed ahead.
-    for name in sorted(cases, reverse=True):
-        scene.fault("PROPFIND", name, depth="1", times=1, answer=cases[name])
-        assert outcome(os.listdir, scene.home / name) == "EIO", name
-        assert len(os.listdir(scene.home / name)) == 8, name
+    return sorted(cases, reverse=True)
+
+
+def test_a_listing_that_is_cut_is_asked_for_again(scene):
+    for case in cut_listings(scene, "once", 1):
+        assert len(os.listdir(scene.home / case)) == 8, case
+    scene.settle(scene.tree())
+
+
+def test_a_listing_that_is_always_cut_is_an_error_and_the_next_one_is_whole(scene):
+    cases = cut_listings(scene, "always", None)
+    for case in cases:
+        assert outcome(os.listdir, scene.home / case) == "EIO", case
+    scene.dav.heal()
+    for case in cases:
+        assert len(os.listdir(scene.home / case)) == 8, case
     scene.settle(scene.tree())
 
 

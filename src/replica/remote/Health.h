@@ -40,7 +40,7 @@ class Health {
 
   /// A new provider is there: everything may work again.
   void begin();
-  /// No attempts are made any more, and whoever waits for one is answered.
+  /// No attempts are made any more, and what waits for one is answered.
   void stop();
   /// A caller waited in vain for an answer: until one comes, no caller waits that can do without.
   void noteSlow() { slow_ = true; }

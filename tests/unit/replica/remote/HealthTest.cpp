@@ -147,7 +147,7 @@ TEST_F(HealthTest, NothingIsAskedWhileOnlyAnotherConfigurationHelps) {
   EXPECT_EQ(attempts(), 0u);
 }
 
-TEST_F(HealthTest, WhoeverWaitsIsAnsweredAtTheStop) {
+TEST_F(HealthTest, WhatWaitsIsAnsweredAtTheStop) {
   goAway();
   wait();
   loop.advance(milliseconds(500));
