@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "replica/plan/Absence.h"
+#include "replica/plan/Belief.h"
 #include "replica/plan/MovedIntents.h"
 #include "replica/plan/Uncertain.h"
 
@@ -26,7 +27,8 @@ namespace {
 
 class Look {
  public:
-  Look(Edit& edit, const Shown& shown) : edit_(edit), shown_(shown) {}
+  Look(Edit& edit, const Shown& shown, const Doubts& doubts)
+      : edit_(edit), shown_(shown), doubts_(doubts), belief_(*edit, doubts_, shown.began) {}
 
   Written write(const std::vector<ItemNumber>& folders);
 
@@ -52,6 +54,9 @@ class Look {
   std::set<Path> lacking_;
   std::set<ItemNumber> done_;
   bool isWhole_ = true;
+  std::vector<ItemNumber> unproved_;
+  Doubts doubts_;
+  Belief belief_;
 };
 
 /// Absent when it is lacking, which is noted.
@@ -65,8 +70,8 @@ const std::optional<Listing>* Look::listing(const Path& folder) {
 const ListedEntry* Look::entry(const Path& path) {
   const auto* folder = listing(path.folder());
   if (!folder || !*folder) return nullptr;
-  const auto found = (*folder)->find(path.name());
-  return found == (*folder)->end() ? nullptr : &found->second;
+  const auto found = (*folder)->entries.find(path.name());
+  return found == (*folder)->entries.end() ? nullptr : &found->second;
 }
 
 /// What is listed there says nothing, and is left as it is known.
@@ -148,20 +153,34 @@ bool Look::isOwnRemoval(const Path& path) const {
 }
 
 void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listing) {
+  std::vector<ItemNumber> lacked;
+  std::size_t known = 0;
   for (const Item* item : edit_->thereIn(folder)) {
     const std::string& name = item->there()->place.name;
-    const auto found = listing.find(name);
-    if (found != listing.end() && found->second.kind == item->kind()) continue;
     if (isUncertain(path.child(name))) continue;
-    markAbsent(edit_, item->number(), isOwnRemoval(path.child(name)));
+    ++known;
+    const auto found = listing.entries.find(name);
+    if (found != listing.entries.end() && found->second.kind == item->kind()) {
+      belief_.seen(item->number());
+    } else if (listing.isWhole && isOwnRemoval(path.child(name))) {
+      markAbsent(edit_, item->number(), true);
+    } else {
+      lacked.push_back(item->number());
+    }
   }
+  for (const ItemNumber number : belief_.absent(folder, listing, lacked, known)) {
+    markAbsent(edit_, number, false);
+  }
+  if (!listing.isWhole || doubts_.suspected.contains(folder)) unproved_.push_back(folder);
 }
 
 void Look::writePresent(ItemNumber folder, const Path& path, const Listing& listing) {
-  for (const auto& [name, entry] : listing) {
+  for (const auto& [name, entry] : listing.entries) {
     if (isUncertain(path.child(name))) continue;
     const Place place{folder, name};
     const Item* item = edit_->thereAt(place);
+    // One of another kind, which may be there still.
+    if (item && item->kind() != entry.kind) continue;
     if (item && item->there()->version == entry.version) continue;
     const ItemNumber number = item ? item->number() : edit_.make(entry.kind);
     edit_.setThere(number, There{place, entry.version, Content::none});
@@ -249,13 +268,18 @@ Written Look::write(const std::vector<ItemNumber>& folders) {
     }
   }
   if (lacking_.empty()) noteIntents();
-  return {{lacking_.begin(), lacking_.end()}, isWhole_};
+  std::erase_if(doubts_.missing, [&](const auto& one) {
+    const Item* item = edit_->find(one.first);
+    return !item || !item->there();
+  });
+  return {{lacking_.begin(), lacking_.end()}, isWhole_, std::move(unproved_), std::move(doubts_)};
 }
 
 }  // namespace
 
-Written observe(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
-  return Look(edit, shown).write(folders);
+Written observe(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown,
+                const Doubts& doubts) {
+  return Look(edit, shown, doubts).write(folders);
 }
 
 }  // namespace kestrowan::replica::plan

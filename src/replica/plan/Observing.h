@@ -1,11 +1,13 @@
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "replica/model/Edit.h"
+#include "replica/plan/Doubts.h"
 
 namespace kestrowan::replica::plan {
 
@@ -14,7 +16,16 @@ struct ListedEntry {
   model::Kind kind = model::Kind::file;
   model::Version version;
 };
-using Listing = std::map<std::string, ListedEntry, std::less<>>;
+struct Listing {
+  using Entries = std::map<std::string, ListedEntry, std::less<>>;
+
+  Listing() = default;
+  Listing(std::initializer_list<Entries::value_type> entries) : entries(entries) {}
+
+  Entries entries;
+  /// All of it came, and no entry was refused. Else it proves of nothing that it is not there.
+  bool isWhole = true;
+};
 
 /// Listings that belong to one look, by the folders' paths. Absent: there is no such folder.
 using Listings = std::map<model::Path, std::optional<Listing>>;
@@ -37,6 +48,11 @@ struct Written {
   std::vector<model::Path> lacking;
   /// Nothing was left as it is known; else the folders are to be listed again, after the answers.
   bool isWhole = true;
+  /// Folders whose listings did not come whole, or are not believed. Nothing is to be created in
+  /// them or moved there, since it could replace what the listing lacks.
+  std::vector<model::ItemNumber> unproved;
+  /// What is doubted after this look, for the next one.
+  Doubts doubts;
 };
 
 /// Writes what a look showed of `folders`. `there` is what the listings show; `agreed` follows only
@@ -47,7 +63,11 @@ struct Written {
 ///
 /// Where a move without an answer may have brought something into one of the folders or out of it,
 /// the other folder belongs to the look too.
+///
+/// What a listing lacks is absent when `Belief` says so, with what earlier looks left in doubt.
+/// What our own removal took, and what a folder lacks that a move of ours left, is known without
+/// that.
 Written observe(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
-                const Shown& shown);
+                const Shown& shown, const Doubts& doubts);
 
 }  // namespace kestrowan::replica::plan

@@ -29,7 +29,7 @@ std::optional<replica::plan::Listing> ModelProvider::list(const Path& folder) co
   replica::plan::Listing listing;
   for (const auto& [path, entry] : tree) {
     if (path.isRoot() || path.folder() != folder) continue;
-    listing.emplace(path.name(), replica::plan::ListedEntry{entry.kind, versionOf(entry)});
+    listing.entries.emplace(path.name(), replica::plan::ListedEntry{entry.kind, versionOf(entry)});
   }
   return listing;
 }

@@ -18,13 +18,21 @@ class ObservingTest : public testing::Test {
   static ListedEntry file(const Version& version = kVersion1) { return {Kind::file, version}; }
   static ListedEntry folder() { return {Kind::folder, {}}; }
 
-  /// A look at the root; gives what is lacking.
+  /// One look; gives what became of it.
+  Written lookOnce(Listings listings, Time began,
+                   const std::vector<ItemNumber>& folders = {ItemNumber::root}) {
+    Edit edit(state_.tree());
+    Written written = observe(edit, folders, Shown{std::move(listings), began, {}}, doubts_);
+    if (!written.lacking.empty()) return written;
+    edit.commit();
+    doubts_ = written.doubts;
+    return written;
+  }
+  /// Two looks that agree, the second begins then; gives what is lacking.
   std::vector<Path> look(Listings listings, Time began = kStart,
                          const std::vector<ItemNumber>& folders = {ItemNumber::root}) {
-    Edit edit(state_.tree());
-    auto lacking = observe(edit, folders, Shown{std::move(listings), began, {}}).lacking;
-    if (lacking.empty()) edit.commit();
-    return lacking;
+    lookOnce(listings, began - kSuspicionTime, folders);
+    return lookOnce(std::move(listings), began, folders).lacking;
   }
   std::vector<Path> lookAtRoot(Listing listing, Time began = kStart) {
     return look({{Path(), std::move(listing)}}, began);
@@ -32,6 +40,7 @@ class ObservingTest : public testing::Test {
   const Item* thereAt(const Place& place) { return View(state_.tree())->thereAt(place); }
 
   StateBuilder state_;
+  Doubts doubts_;
 };
 
 TEST_F(ObservingTest, WritesWhatIsThereAndNothingElse) {
@@ -73,7 +82,7 @@ TEST_F(ObservingTest, AsksForTheFolderOfAFolderThatIsGone) {
   const ItemNumber d = state_.folder(top("d"));
   Edit edit(state_.tree());
   Listings listings{{Path().child("d"), std::nullopt}};
-  EXPECT_EQ(observe(edit, {d}, Shown{listings, kStart, {}}).lacking, std::vector{Path()});
+  EXPECT_EQ(observe(edit, {d}, Shown{listings, kStart, {}}, doubts_).lacking, std::vector{Path()});
 }
 
 TEST_F(ObservingTest, AsksForAllFoldersThatRequestsTouch) {
@@ -150,7 +159,7 @@ TEST_F(ObservingTest, LeavesWhatARequestUnderWayTouches) {
   state_.underWay(Verb::put, a, "", "a", kOurs);
   Edit edit(state_.tree());
   const Listings listings{{Path(), Listing{{"e", folder()}, {"a", file(kVersion2)}}}};
-  const auto written = observe(edit, {ItemNumber::root, d}, Shown{listings, kStart, {}});
+  const auto written = observe(edit, {ItemNumber::root, d}, Shown{listings, kStart, {}}, doubts_);
   EXPECT_TRUE(written.lacking.empty());
   EXPECT_FALSE(written.isWhole);
   EXPECT_EQ(edit->therePath(edit->item(f)).text(), "d/f");
@@ -162,7 +171,7 @@ TEST_F(ObservingTest, LeavesWhatWasAnsweredSinceTheListingBegan) {
   const ItemNumber a = state_.file(top("a"));
   Edit edit(state_.tree());
   const Shown shown{{{Path(), Listing{{"b", file()}}}}, kStart, {Path().child("a")}};
-  const auto written = observe(edit, {ItemNumber::root}, shown);
+  const auto written = observe(edit, {ItemNumber::root}, shown, doubts_);
   EXPECT_FALSE(written.isWhole);
   EXPECT_TRUE(edit->item(a).there());
   EXPECT_TRUE(edit->thereAt(top("b")));
@@ -253,6 +262,129 @@ TEST_F(ObservingTest, LooksForARequestOnlyWhenItBeganAfterItsEnd) {
   EXPECT_FALSE(intent().over);
   lookAtRoot({}, kStart + std::chrono::seconds(60) + kLandingTime);
   EXPECT_TRUE(intent().over);
+}
+
+/// What listings lack.
+class AbsenceTest : public ObservingTest {
+ protected:
+  Written lookAt(const Listing& listing, std::chrono::milliseconds time) {
+    return lookOnce({{Path(), listing}}, kStart + time);
+  }
+  bool isThere(ItemNumber item) { return state_.item(item).there().has_value(); }
+};
+
+TEST_F(AbsenceTest, OfWhatIsDownloadedIsBelievedWhenASecondListingAgrees) {
+  const ItemNumber a = state_.file(top("a"));
+  EXPECT_EQ(lookAt({}, {}).doubts.next(), kStart + kSecondLook);
+  EXPECT_TRUE(isThere(a));
+  lookAt({}, kSecondLook - std::chrono::milliseconds(1));
+  EXPECT_TRUE(isThere(a));
+  EXPECT_EQ(lookAt({}, kSecondLook).doubts.next(), std::nullopt);
+  EXPECT_FALSE(isThere(a));
+}
+
+TEST_F(AbsenceTest, IsDoubtedAnewAfterAListingShowedTheItem) {
+  const ItemNumber a = state_.file(top("a"));
+  lookAt({}, {});
+  lookAt({{"a", file()}}, std::chrono::seconds(1));
+  lookAt({}, kSecondLook);
+  EXPECT_TRUE(isThere(a));
+}
+
+TEST_F(AbsenceTest, IsBelievedAtOnceWhereNothingIsLost) {
+  const ItemNumber notDownloaded = state_.file(top("a"), kNone);
+  const ItemNumber removed = state_.file(top("b"));
+  state_.remove(removed);
+  const ItemNumber changed = state_.file(top("c"));
+  state_.write(changed);
+  const ItemNumber d = state_.folder(top("d"));
+  state_.file({d, "f"}, kNone);
+  state_.file(top("kept"));
+  lookAt({{"kept", file()}}, {});
+  for (const ItemNumber item : {notDownloaded, removed, changed, d}) EXPECT_FALSE(isThere(item));
+}
+
+TEST_F(AbsenceTest, OfAFolderThatHoldsDownloadedFilesIsDoubted) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.file({state_.folder({d, "e"}), "f"});
+  lookAt({}, {});
+  EXPECT_TRUE(isThere(d));
+  lookAt({}, kSecondLook);
+  EXPECT_FALSE(isThere(d));
+}
+
+TEST_F(AbsenceTest, IsDoubtedTooWhenSomethingOfAnotherKindIsShown) {
+  const ItemNumber a = state_.file(top("a"));
+  lookAt({{"a", folder()}}, {});
+  EXPECT_EQ(thereAt(top("a"))->number(), a);
+  lookAt({{"a", folder()}}, kSecondLook);
+  EXPECT_FALSE(isThere(a));
+  EXPECT_TRUE(thereAt(top("a"))->isFolder());
+}
+
+TEST_F(AbsenceTest, IsNotProvedByAListingThatDidNotComeWhole) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  const ItemNumber removed = state_.file(top("b"));
+  state_.remove(removed);
+  Listing part{{"c", file()}};
+  part.isWhole = false;
+  for (const int time : {0, 10}) {
+    EXPECT_EQ(lookAt(part, std::chrono::seconds(time)).unproved, std::vector{ItemNumber::root});
+    EXPECT_TRUE(isThere(a));
+    EXPECT_TRUE(isThere(removed));
+  }
+  EXPECT_TRUE(thereAt(top("c"))) << "what it shows is there";
+  EXPECT_TRUE(lookAt({{"a", file()}, {"c", file()}}, kSecondLook).unproved.empty());
+}
+
+TEST_F(AbsenceTest, OfAllOfThreeIsDoubtedAlthoughNothingIsLost) {
+  std::vector<ItemNumber> items;
+  for (const char* name : {"a", "b", "c"}) items.push_back(state_.file(top(name), kNone));
+  EXPECT_EQ(lookAt({}, {}).unproved, std::vector{ItemNumber::root});
+  EXPECT_EQ(lookAt({}, kSuspicionTime - std::chrono::milliseconds(1)).doubts.next(),
+            kStart + kSuspicionTime);
+  EXPECT_TRUE(isThere(items[0]));
+  EXPECT_TRUE(lookAt({}, kSuspicionTime).unproved.empty());
+  EXPECT_FALSE(isThere(items[0]));
+}
+
+TEST_F(AbsenceTest, OfMoreThanHalfOfTenIsDoubtedUntilASecondListingIsTheSame) {
+  std::vector<ItemNumber> items;
+  for (unsigned i = 0; i < 10; ++i) {
+    items.push_back(state_.file(top("f" + std::to_string(i)), kNone));
+  }
+  const Listing four{{"f0", file()}, {"f1", file()}, {"f2", file()}, {"f3", file()}};
+  lookAt(four, {});
+  EXPECT_TRUE(isThere(items[9]));
+  Listing other = four;
+  other.entries.at("f3") = file(kVersion2);
+  lookAt(other, kSuspicionTime);
+  EXPECT_TRUE(isThere(items[9])) << "it is not the same";
+  lookAt(other, kSuspicionTime * 2);
+  EXPECT_FALSE(isThere(items[9]));
+}
+
+TEST_F(AbsenceTest, OfHalfOfTenIsNoMatterOfSuspicion) {
+  std::vector<ItemNumber> items;
+  for (unsigned i = 0; i < 10; ++i) {
+    items.push_back(state_.file(top("f" + std::to_string(i)), kNone));
+  }
+  lookAt({{"f0", file()}, {"f1", file()}, {"f2", file()}, {"f3", file()}, {"f4", file()}}, {});
+  EXPECT_FALSE(isThere(items[9]));
+}
+
+TEST_F(AbsenceTest, OfWhatWasRemovedHereIsNoReasonForSuspicion) {
+  for (const char* name : {"a", "b", "c"}) state_.remove(state_.file(top(name)));
+  EXPECT_TRUE(lookAt({}, {}).unproved.empty());
+  EXPECT_EQ(thereAt(top("a")), nullptr);
+}
+
+TEST_F(AbsenceTest, IsKnownWhereOurOwnRemovalTookIt) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::remove, a, "a", "");
+  lookAt({}, {});
+  EXPECT_FALSE(isThere(a));
+  EXPECT_FALSE(state_.item(a).agreed());
 }
 
 class AnswerTest : public ObservingTest {

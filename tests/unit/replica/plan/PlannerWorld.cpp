@@ -12,9 +12,11 @@
 
 namespace kestrowan::test {
 
+using replica::plan::Doubts;
 using replica::plan::Fetch;
 using replica::plan::foldersOf;
 using replica::plan::kLandingTime;
+using replica::plan::kSuspicionTime;
 using replica::plan::Look;
 using replica::plan::Names;
 using replica::plan::noteAnswer;
@@ -36,6 +38,7 @@ using replica::plan::Stuck;
 using replica::plan::WaitFor;
 using replica::plan::WaitForAnswer;
 using replica::plan::WaitUntil;
+using replica::plan::Written;
 
 namespace {
 
@@ -279,27 +282,28 @@ void PlannerWorld::writeAsked() {
   std::set<ItemNumber> known;
   for (auto folders = foldersBesides(known); !folders.empty(); folders = foldersBesides(known)) {
     known.insert(folders.begin(), folders.end());
-    Shown shown{{}, asked.began, asked.answered};
-    while (true) {
-      Edit edit(world_.tree);
-      const auto lacking = observe(edit, folders, shown).lacking;
-      if (lacking.empty()) {
-        edit.commit();
-        break;
-      }
-      for (const Path& path : lacking) shown.listings[path] = then.list(path);
-    }
+    write(folders, {{}, asked.began, asked.answered}, then);
   }
 }
 
 void PlannerWorld::look(const std::vector<ItemNumber>& folders) {
   asked_.reset();
-  Shown shown{{}, now_, {}};
-  while (true) {
+  write(folders, {{}, now_, {}}, world_.provider);
+}
+
+/// Two looks that agree.
+void PlannerWorld::write(const std::vector<ItemNumber>& folders, Shown shown,
+                         const ModelProvider& provider) {
+  Doubts doubts;
+  for (unsigned looks = 0; looks < 2;) {
     Edit edit(world_.tree);
-    const auto lacking = observe(edit, folders, shown).lacking;
-    if (lacking.empty()) return edit.commit();
-    for (const Path& path : lacking) shown.listings[path] = world_.provider.list(path);
+    Written written = observe(edit, folders, shown, doubts);
+    for (const Path& path : written.lacking) shown.listings[path] = provider.list(path);
+    if (!written.lacking.empty()) continue;
+    edit.commit();
+    doubts = std::move(written.doubts);
+    shown.began += kSuspicionTime;
+    ++looks;
   }
 }
 

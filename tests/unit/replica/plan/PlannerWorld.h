@@ -124,6 +124,8 @@ class PlannerWorld {
   void writeAsked();
   std::vector<ItemNumber> foldersBesides(const std::set<ItemNumber>& known) const;
   void look(const std::vector<ItemNumber>& folders);
+  void write(const std::vector<ItemNumber>& folders, replica::plan::Shown shown,
+             const ModelProvider& provider);
   void take(const Move& move, Fate fate);
   void fetch(ItemNumber number);
   void push(const replica::plan::Push& push, const Move& move, Fate fate);
