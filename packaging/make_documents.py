@@ -15,7 +15,8 @@ from pathlib import Path
 
 FILES = {"DIR": "directory", "MOUNTPOINT": "directory", "FILE": "file"}
 # Commands whose PATH is one of the file system; other commands mean the server's.
-LOCAL_PATHS = {"evict", "pin", "unpin", "retry", "discard"}
+LOCAL_PATHS = {"evict", "pin", "unpin", "retry", "discard", "history",
+               "restore"}
 
 DESCRIPTION = """\
 The host application serves the user's storage on this machine, over HTTPS on 127.0.0.1, and says in
@@ -53,8 +54,6 @@ FILES_USED = (
      "the file \"log\" of a mount in the background"),
     ("$XDG_STATE_HOME/kestrowan/DOMAIN/container", "which container the state was made for; it is "
      "used with no other one, unless \\fB--move-here\\fR says that the storage has moved"),
-    ("$XDG_STATE_HOME/kestrowan/DOMAIN/recovery/", "what would have been lost otherwise: discarded "
-     "changes, and files that went while they were changed here; kept for a week, 1 GiB at most"),
     ("$XDG_CONFIG_HOME/kestrowan/service.conf", "MOUNTPOINT= and OPTIONS= for the service "
      "kestrowan.service, which \"systemctl --user enable --now kestrowan\" switches on"),
 )

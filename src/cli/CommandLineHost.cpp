@@ -19,6 +19,8 @@ namespace {
 struct Values {
   MountCommand mount;
   StatusCommand status;
+  HistoryCommand history;
+  std::uint64_t entry = 0;
   std::string path;
   std::optional<std::string> place;
   std::optional<std::uint32_t> seconds;
@@ -46,6 +48,8 @@ class MountCommands {
     addStatus();
     addWait();
     addPathCommands();
+    addHistory();
+    addRestore();
   }
 
  private:
@@ -86,6 +90,18 @@ class MountCommands {
                      "otherwise 10G, or a tenth of the disk if that is less")
         ->transform(sizeAboveZero())
         ->type_name("SIZE");
+    command
+        ->add_option("--history-limit", mount.historyLimit,
+                     "how much the history of replaced and removed files may take, as 500M or 20G; "
+                     "otherwise 10G, or a twentieth of the disk if that is less")
+        ->transform(sizeAboveZero())
+        ->type_name("SIZE");
+    command
+        ->add_option("--history-days", mount.historyDays,
+                     "how long replaced and removed files stay in the history")
+        ->check(CLI::Range(1, 3650).description(""))
+        ->type_name("DAYS")
+        ->capture_default_str();
     command
         ->add_option("--fsync", mount.fsync,
                      "what a program's fsync waits for: this disk, or the server as well")
@@ -170,13 +186,48 @@ class MountCommands {
         "path on this machine of an item in a mount, with all below it; everything in "
         "every mount when left out");
     auto* give =
-        addCommand("discard", "give up local changes; what was written goes to the recovery area",
+        addCommand("discard", "give up local changes; what was written goes to the history",
                    "  kestrowan discard report.odt", [values = values_, &options = options_] {
                      return discard(options, values->path, values->confirmed);
                    });
     give->add_flag("--yes", values_->confirmed, "do not ask");
     give->add_option("PATH", values_->path,
                      "path on this machine of an item in a mount, with all below it")
+        ->required();
+  }
+
+  void addHistory() {
+    auto* command = addCommand(
+        "history", "show the files that were replaced or removed, and are still here",
+        "  kestrowan history\n  kestrowan history ~/Storage/Home/Documents\n"
+        "  kestrowan history --clear --older-than 3 ~/Storage",
+        [values = values_, &options = options_] { return history(options, values->history); });
+    command->add_flag("--clear", values_->history.clear, "remove them for good");
+    command
+        ->add_option("--older-than", values_->history.olderThan,
+                     "with --clear: only those that left their place more than so long ago")
+        ->check(CLI::Range(1, 3650).description(""))
+        ->type_name("DAYS");
+    command->add_flag("--yes", values_->history.confirmed, "do not ask");
+    command->add_option("PATH", values_->history.path,
+                        "path on this machine of a file in a mount, or of a folder with all that "
+                        "was below it, whether it is still there or not; every mount when left "
+                        "out");
+  }
+
+  void addRestore() {
+    auto* command = addCommand(
+        "restore", "make a file of the history again; it stays in the history, too",
+        "  kestrowan restore 4711\n  kestrowan restore 4711 --to ~/Storage/Home/Documents",
+        [values = values_, &options = options_] {
+          return restore(options, values->entry, values->place);
+        });
+    command
+        ->add_option("--to", values_->place,
+                     "path on this machine of a folder in a mount, or of the file to make there; "
+                     "where it was when left out, beside what now has its name")
+        ->type_name("PATH");
+    command->add_option("ID", values_->entry, "number of the file, as \"history\" shows it")
         ->required();
   }
 

@@ -94,6 +94,15 @@ std::string itemText(const JSONValue& item, const std::string& mountPoint, std::
   return row + failureText(*failure, mountPoint + host::pathIn(item, "path"), now);
 }
 
+std::string fullHistoryText(const JSONValue& status, const JSONValue& history) {
+  const auto* unconfirmed = history.member("unconfirmed");
+  const auto bytes = unconfirmed != nullptr ? integer(*unconfirmed, "bytes") : 0;
+  return "nothing can be written: of the history, " + byteText(bytes) +
+         " never reached the server, and " + byteText(integer(history, "limit")) +
+         " is the limit; restore what is needed, then run kestrowan history --clear " +
+         shellWord(host::pathIn(status, "mountPoint"));
+}
+
 /// The rows of an array, and how many there were more.
 template <typename Row>
 std::string rows(const JSONValue::Array& array, std::int64_t count, std::size_t most,
@@ -129,7 +138,7 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
   };
   const auto& pending = part("pending");
   const auto& cache = part("cache");
-  const auto& recovery = part("recovery");
+  const auto& history = part("history");
   const auto& transfers = elements(status, "transfers");
   const auto& conflicts = elements(status, "conflicts");
 
@@ -147,11 +156,12 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
   shown += line("Here", counted(integer(cache, "files"), "file") + ", " +
                             byteText(integer(cache, "bytes")) + ", that could be fetched again; " +
                             counted(integer(status, "items"), "item") + " known");
-  if (integer(recovery, "files") > 0) {
-    shown += line("Recovery", counted(integer(recovery, "files"), "file") + ", " +
-                                  byteText(integer(recovery, "bytes")) + ", in " +
-                                  shownPath(status, "stateDirectory") + "/recovery");
+  if (integer(history, "files") > 0) {
+    shown += line("History", counted(integer(history, "files"), "file") + ", " +
+                                 byteText(integer(history, "bytes")) +
+                                 ", replaced or removed; kestrowan history shows them");
   }
+  if (flag(history, "full")) shown += line("Full", fullHistoryText(status, history));
   if (integer(status, "refusedEntries") > 0) {
     shown += line("Left out", counted(integer(status, "refusedEntries"), "entry", "entries") +
                                   " of listings, for impossible names or identifiers");

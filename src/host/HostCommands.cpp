@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <future>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "host/PathForm.h"
+#include "host/ReplicaOutcome.h"
+#include "host/RestoredPlace.h"
 #include "host/StatusForm.h"
 #include "mount/DescribedError.h"
 #include "platform/foundation/Logger.h"
@@ -24,8 +24,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kLongestWait = 60s;
-/// Beyond all limits within which the replica answers.
-constexpr std::chrono::seconds kLongestLookUp = 90s;
+/// Seconds; more than any history is old.
+constexpr std::int64_t kLongestAge = std::int64_t{1000} * 366 * 24 * 3600;
+constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kUsualItems = 100;
 constexpr std::int64_t kMostItems = 10'000;
 
@@ -44,16 +45,34 @@ bool isTrue(const JSONValue& request, std::string_view member) {
   return value != nullptr && value->boolean() != nullptr && *value->boolean();
 }
 
-/// What a call of the replica comes to, waited for.
-template <typename T, typename Start>
-replica::Outcome<T> outcome(std::chrono::milliseconds limit, const Start& start) {
-  auto promise = std::make_shared<std::promise<replica::Outcome<T>>>();
-  auto future = promise->get_future();
-  start([promise](replica::Outcome<T> result) { promise->set_value(std::move(result)); });
-  if (future.wait_for(limit) != std::future_status::ready) {
-    return describedError(ETIMEDOUT, "there was no answer in time");
+std::int64_t secondsNow() {
+  using std::chrono::system_clock;
+  return std::chrono::duration_cast<std::chrono::seconds>(system_clock::now().time_since_epoch())
+      .count();
+}
+
+const char* confirmedName(replica::Confirmed confirmed) {
+  switch (confirmed) {
+    case replica::Confirmed::never:
+      return "never";
+    case replica::Confirmed::once:
+      return "once";
+    case replica::Confirmed::notSent:
+      return "notSent";
   }
-  return future.get();
+  return "";
+}
+
+JSONValue::Object entryForm(const replica::HistoryEntry& entry) {
+  JSONValue::Object form;
+  form.emplace_back("id", static_cast<std::int64_t>(entry.content));
+  if (!entry.path.empty()) addPath(form, "path", entry.path);
+  form.emplace_back("reason", replica::name(entry.reason));
+  form.emplace_back("at", entry.at);
+  form.emplace_back("modified", entry.modified / kSecond);
+  form.emplace_back("size", entry.size);
+  form.emplace_back("confirmed", confirmedName(entry.confirmed));
+  return form;
 }
 
 }  // namespace
@@ -62,7 +81,7 @@ HostCommands::HostCommands(replica::Replica& replica, Context context)
     : replica_(replica), context_(std::move(context)) {}
 
 JSONValue HostCommands::answer(const JSONValue& request) const {
-  static constexpr std::array<std::pair<std::string_view, Answer>, 8> kAnswers = {{
+  static constexpr std::array<std::pair<std::string_view, Answer>, 11> kAnswers = {{
       {"status", &HostCommands::status},
       {"wait", &HostCommands::wait},
       {"evict", &HostCommands::evict},
@@ -70,6 +89,9 @@ JSONValue HostCommands::answer(const JSONValue& request) const {
       {"unpin", &HostCommands::unpin},
       {"retry", &HostCommands::retry},
       {"discard", &HostCommands::discard},
+      {"history", &HostCommands::history},
+      {"restore", &HostCommands::restore},
+      {"clearHistory", &HostCommands::clearHistory},
       {"unmount", &HostCommands::unmount},
   }};
   const auto* wanted = request.member("request");
@@ -171,6 +193,42 @@ JSONValue HostCommands::discard(const JSONValue& request) const {
   }
   const auto count = replica_.discard(item(request));
   return JSONValue::Object{{"discarded", static_cast<std::int64_t>(count)}};
+}
+
+JSONValue HostCommands::history(const JSONValue& request) const {
+  const auto limit = number(request, "limit", kUsualItems, kMostItems);
+  const auto list =
+      replica_.history({.path = pathIn(request, "path")}, static_cast<std::size_t>(limit));
+  JSONValue::Array entries;
+  entries.reserve(list.entries.size());
+  for (const auto& entry : list.entries) entries.emplace_back(entryForm(entry));
+  return JSONValue::Object{
+      {"files", list.files}, {"bytes", list.bytes}, {"entries", std::move(entries)}};
+}
+
+JSONValue HostCommands::restore(const JSONValue& request) const {
+  const auto id = number(request, "id", 0, INT64_MAX);
+  const auto place =
+      placeOfRestored(replica_, static_cast<replica::ContentNumber>(id), pathIn(request, "path"));
+  const auto made = outcome<std::string>(kLongestLookUp, [&](auto completion) {
+    replica_.restore(static_cast<replica::ContentNumber>(id), place.folder, place.name,
+                     place.ifTaken, std::move(completion));
+  });
+  if (!made.succeeded()) throw made.error();
+  JSONValue::Object form;
+  addPath(form, "path", made.value());
+  return form;
+}
+
+JSONValue HostCommands::clearHistory(const JSONValue& request) const {
+  if (!isTrue(request, "confirm")) {
+    throw describedError(EPERM, "clearing the history asks for \"confirm\": true");
+  }
+  replica::HistoryFilter filter{.path = pathIn(request, "path")};
+  const auto age = number(request, "olderThan", 0, kLongestAge);
+  if (age > 0) filter.before = secondsNow() - age;
+  const auto cleared = replica_.clearHistory(filter);
+  return JSONValue::Object{{"cleared", cleared.files}, {"bytes", cleared.bytes}};
 }
 
 JSONValue HostCommands::unmount(const JSONValue& request) const {

@@ -24,6 +24,13 @@ namespace kestrowan::host {
 ///     pin, unpin, retry    path
 ///     discard              path, confirm (true)
 ///       gives discarded
+///     history              path?, limit?
+///       gives files, bytes, entries: of the latest, the latest first, id, path?, reason, at,
+///       modified, size, confirmed ("never", "once" or "notSent")
+///     restore              id, path?: a folder, or the file; where it was when left out
+///       gives path
+///     clearHistory         path?, olderThan? (seconds), confirm (true)
+///       gives cleared, bytes
 ///     unmount              force?
 ///       gives left (changes that were not sent)
 ///
@@ -61,6 +68,9 @@ class HostCommands {
   JSONValue unpin(const JSONValue& request) const;
   JSONValue retry(const JSONValue& request) const;
   JSONValue discard(const JSONValue& request) const;
+  JSONValue history(const JSONValue& request) const;
+  JSONValue restore(const JSONValue& request) const;
+  JSONValue clearHistory(const JSONValue& request) const;
   JSONValue unmount(const JSONValue& request) const;
   replica::Rid item(const JSONValue& request) const;
 

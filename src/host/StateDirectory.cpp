@@ -74,7 +74,7 @@ StateDirectory::~StateDirectory() {
 
 /// Nothing but what an empty replica and its host consist of is removed.
 void StateDirectory::remove() const {
-  for (const char* folder : {"contents", "recovery", "temporary"}) {
+  for (const char* folder : {"contents", "temporary"}) {
     if (::unlinkat(directory_.get(), folder, AT_REMOVEDIR) != 0 && errno != ENOENT) return;
   }
   for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", kLockName}) {

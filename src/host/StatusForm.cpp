@@ -99,7 +99,12 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   form.emplace_back("pending", pendingForm(status, limit));
   form.emplace_back("conflicts", std::move(conflicts));
   form.emplace_back("cache", countForm(status.cachedFiles, status.cachedBytes));
-  form.emplace_back("recovery", countForm(status.recoveredFiles, status.recoveredBytes));
+  auto history = countForm(status.history.files, status.history.bytes);
+  history.emplace_back("unconfirmed",
+                       countForm(status.history.unconfirmedFiles, status.history.unconfirmedBytes));
+  history.emplace_back("limit", status.historyLimit);
+  history.emplace_back("full", status.isHistoryFull());
+  form.emplace_back("history", std::move(history));
   return form;
 }
 

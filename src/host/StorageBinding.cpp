@@ -61,8 +61,8 @@ std::string inWords(const replica::Unsent& unsent) {
   if (unsent.localOnly > 0) {
     text += "; " + counted(unsent.localOnly, "file that stays", "files that stay") + " here";
   }
-  if (unsent.recovered > 0) {
-    text += "; " + counted(unsent.recovered, "file", "files") + " in the recovery area";
+  if (unsent.inHistory > 0) {
+    text += "; " + counted(unsent.inHistory, "file", "files") + " in the history";
   }
   for (const auto& path : unsent.paths) text += "\n    " + escapedForDisplay(path);
   const auto more = unsent.changes - static_cast<std::int64_t>(unsent.paths.size());

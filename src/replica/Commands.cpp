@@ -67,16 +67,14 @@ std::vector<ItemStatus> Replica::Implementation::pendingItems(std::size_t limit)
 
 Cost Replica::Implementation::cost() const {
   std::lock_guard lock(core.mutex);
-  return {.visitsOfAllItems = core.table.visits(),
-          .readingsOfRecovery = core.contents.readingsOfRecovery()};
+  return {.visitsOfAllItems = core.table.visits()};
 }
 
 Status Replica::Implementation::status(std::size_t limit) const {
   Status status;
-  const auto recovered = core.contents.recoveryUsage();
-  status.recoveredFiles = recovered.files;
-  status.recoveredBytes = recovered.bytes;
   std::lock_guard lock(core.mutex);
+  status.history = core.departures.history().usage();
+  status.historyLimit = core.departures.history().limit();
   status.offline = health.isOffline();
   status.unanswered = health.unanswered();
   status.held = health.held();
@@ -194,8 +192,7 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
     if (item->isFolder() && core.table.hasChildren(item->rid)) return;
     const Rid folder = item->parent;
     const std::string name = item->name;
-    core.dropContents(item, true);
-    core.dropItem(item);
+    core.dropItem(item, HistoryReason::discarded);
     core.showFolderChange(folder);
     core.entryChanged(folder, name);
     return;
@@ -211,7 +208,7 @@ void Replica::Implementation::discardOne(const ItemPtr& item) {
     core.entryChanged(base.parent, base.name);
   }
   if (item->contentsChanged) {
-    core.dropContents(item, true);
+    core.departures.leave(item, HistoryReason::discarded);
     item->contents.reset();
     item->size = base.size;
     item->modified = modifiedOf(base);

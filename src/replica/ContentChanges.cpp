@@ -13,8 +13,17 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// A copy of contents on its way to become an item's; removed when it does not.
-struct Copy {
+/// Larger contents are copied for the history only where blocks can be shared.
+constexpr std::int64_t kMostCopied = std::int64_t{64} << 20;
+
+bool isOpenAs(const Item& item, const Contents& contents) {
+  return !item.gone && item.contents.lock().get() == &contents;
+}
+
+}  // namespace
+
+/// A copy of contents on its way to become an item's, or the history's; removed when it does not.
+struct Replica::Implementation::Copy {
   explicit Copy(ContentFiles& contents) : store(contents) {}
   Copy(const Copy&) = delete;
   Copy& operator=(const Copy&) = delete;
@@ -26,13 +35,9 @@ struct Copy {
   ContentFiles& store;
   ContentNumber number = 0;
   UniqueFd file;
+  /// Milliseconds that making it took.
+  std::int64_t cost = 0;
 };
-
-bool isOpenAs(const Item& item, const Contents& contents) {
-  return !item.gone && item.contents.lock().get() == &contents;
-}
-
-}  // namespace
 
 /// Makes the contents such that they may be changed: no longer those that are being sent, and noted
 /// on disk as changed. What takes long is done while others can read.
@@ -43,13 +48,15 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
   bool frozen = false;
   {
     std::shared_lock still(contents.mutex);
-    if (contents.noted && !contents.frozen) return;
+    if (contents.noted && !contents.frozen && contents.versioned) return;
     frozen = contents.frozen;
     freezes = contents.freezes;
     file = UniqueFd(::fcntl(contents.file.get(), F_DUPFD_CLOEXEC, 0));
     if (!file) throw posixError(errno);
   }
   Copy copy(core.contents);
+  Copy version(core.contents);
+  if (!frozen) copyForHistory(item, contents, file.get(), version);
   if (frozen) {
     const auto begun = core.uptime();
     {
@@ -75,29 +82,68 @@ void Replica::Implementation::prepareChange(const ItemPtr& item, Contents& conte
   std::lock_guard lock(core.mutex);
   // An item that was given other contents, or is gone, has no part in what becomes of these.
   if (isOpenAs(*item, contents)) {
-    const ContentNumber before = item->content;
-    const bool wasChanged = item->contentsChanged;
-    if (frozen) item->content = copy.number;
-    item->contentsChanged = true;
-    core.save(item);
-    requireWritten([&] {
-      item->content = before;
-      item->contentsChanged = wasChanged;
-      core.save(item);
-    });
-    if (frozen) {
-      contents.number = copy.keep();
-      contents.file = std::move(copy.file);
-      if (!core.areNeeded(*item, before)) core.retire(before);
-    }
-    item->lastWrite = core.uptime();
-    if (item->isPending()) sender.changed(item, Sender::kQuietTime);
+    noteChangedContents(item, contents, copy, version);
   } else if (frozen) {
     // The open file is all there is.
     contents.file = std::move(copy.file);
   }
   contents.frozen = false;
   contents.noted = true;
+  contents.versioned = true;
+}
+
+/// The item's contents are changed from now on: those that it has, or the copy, if there is one.
+void Replica::Implementation::noteChangedContents(const ItemPtr& item, Contents& contents,
+                                                  Copy& copy, Copy& version) {
+  const ContentNumber before = item->content;
+  const bool wasChanged = item->contentsChanged;
+  const bool isExchanged = copy.number != 0;
+  const bool isLeft = isExchanged && !core.areNeeded(*item, before);
+  {
+    Rows::Batch batch(core.rows);
+    if (version.number != 0) core.departures.keepCopy(*item, version.number, version.cost);
+    if (isLeft) {
+      core.departures.leaveVersion(*item, before, item->size, Departures::confirmedOf(*item));
+    }
+    if (isExchanged) item->content = copy.number;
+    item->contentsChanged = true;
+    core.save(item);
+  }
+  requireWritten([&] {
+    if (version.number != 0) core.departures.takeBack(version.number);
+    if (isLeft) core.departures.takeBack(before);
+    item->content = before;
+    item->contentsChanged = wasChanged;
+    core.save(item);
+  });
+  version.keep();
+  if (isExchanged) {
+    contents.number = copy.keep();
+    contents.file = std::move(copy.file);
+  }
+  item->lastWrite = core.uptime();
+  if (item->isPending()) sender.changed(item, Sender::kQuietTime);
+}
+
+/// Copies what is about to be changed in place, where that costs little enough. Throws when what
+/// the provider never had could be kept, and was not.
+void Replica::Implementation::copyForHistory(const ItemPtr& item, const Contents& contents,
+                                             int file, Copy& copy) {
+  const auto begun = core.uptime();
+  ContentNumber number = 0;
+  bool isOnlyHere = false;
+  {
+    std::lock_guard lock(core.mutex);
+    if (!isOpenAs(*item, contents) || !core.departures.isCopyDue(*item)) return;
+    isOnlyHere = Departures::confirmedOf(*item) == Confirmed::never;
+    number = core.store.nextNumber();
+  }
+  try {
+    if (core.contents.cloneCheaply(file, number, kMostCopied)) copy.number = number;
+  } catch (const NSError&) {
+    if (isOnlyHere) throw;
+  }
+  copy.cost = core.uptime() - begun;
 }
 
 void Replica::Implementation::noteChange(const ItemPtr& item, const Contents& contents) {
@@ -141,13 +187,19 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
     const std::int64_t modified = item->modified;
     const ContentNumber number = core.store.nextNumber();
     UniqueFd file = core.contents.create(number);
-    item->content = number;
-    item->contentsChanged = true;
-    noteDates(*item, file.get());
-    if (item->dropPrivileges()) core.itemChanged(item->rid, false);
-    item->lastWrite = core.uptime();
-    core.save(item);
+    const bool isLeft = before != 0 && !core.areNeeded(*item, before);
+    {
+      Rows::Batch batch(core.rows);
+      if (isLeft) core.departures.leaveVersion(*item, before, size, Departures::confirmedOf(*item));
+      item->content = number;
+      item->contentsChanged = true;
+      noteDates(*item, file.get());
+      if (item->dropPrivileges()) core.itemChanged(item->rid, false);
+      item->lastWrite = core.uptime();
+      core.save(item);
+    }
     requireWritten([&] {
+      if (isLeft) core.departures.takeBack(before);
       item->content = before;
       item->contentsChanged = wasChanged;
       item->size = size;
@@ -155,12 +207,12 @@ void Replica::Implementation::emptyContents(const ItemPtr& item) {
       core.save(item);
       core.contents.remove(number);
     });
-    if (before != 0 && !core.areNeeded(*item, before)) core.retire(before);
     if (open) {
       open->file = std::move(file);
       open->number = number;
       open->frozen = false;
       open->noted = true;
+      open->versioned = true;
     }
     if (item->isPending()) {
       sender.changed(item, item->writers > 0 ? Sender::kQuietTime : core.options.sendDelay);

@@ -28,6 +28,8 @@ struct Contents {
   std::atomic<bool> frozen = false;
   /// Whether it stands on disk that these contents are changed.
   std::atomic<bool> noted = false;
+  /// Whether the version before the changes that are made now is kept, or cannot be.
+  std::atomic<bool> versioned = false;
   /// Whether a program may have been promised that what is in it survives a power failure.
   std::atomic<bool> promised = false;
 };

@@ -10,7 +10,6 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
-constexpr std::chrono::milliseconds kRetirement{5000};
 
 const Logger& replicaLog() {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
@@ -110,57 +109,6 @@ SyncRuntime& Core::sync(const ItemPtr& item) {
   return *item->sync;
 }
 
-void Core::retire(ContentNumber number) {
-  retired.push_back(number);
-  if (retired.size() == 1) loop.postAfter(kRetirement, [this] { removeRetired(); });
-}
-
-void Core::removeRetired() {
-  std::vector<ContentNumber> numbers;
-  try {
-    {
-      std::lock_guard lock(mutex);
-      rows.requireWritten();
-      numbers.swap(retired);
-    }
-    if (numbers.empty()) return;
-    store.sync();
-    for (const ContentNumber number : numbers) contents.remove(number);
-  } catch (const NSError& error) {
-    replicaLog().error("contents stay that nobody needs: %{public}s",
-                       {error.localizedDescription()});
-    {
-      std::lock_guard lock(mutex);
-      retired.insert(retired.end(), numbers.begin(), numbers.end());
-    }
-    loop.postAfter(kRetirement, [this] { removeRetired(); });
-  }
-}
-
-void Core::dropContents(const ItemPtr& item, bool recover) {
-  const ContentNumber number = std::exchange(item->content, 0);
-  item->contentsChanged = false;
-  if (number == 0) return;
-  if (!recover) {
-    retire(number);
-    return;
-  }
-  try {
-    const std::string kept = contents.recover(number, item->name, seconds());
-    log("kept in the recovery area", *item, kept);
-  } catch (const NSError& error) {
-    log("cannot be kept in the recovery area yet", *item, error.localizedDescription());
-    unrecovered.emplace_back(number, item->name);
-  }
-}
-
-void Core::recoverRest() {
-  while (!unrecovered.empty()) {
-    contents.recover(unrecovered.back().first, unrecovered.back().second, seconds());
-    unrecovered.pop_back();
-  }
-}
-
 bool Core::areNeeded(const Item& item, ContentNumber number) const {
   return number != 0 && ((item.sync && item.sync->frozen == number) ||
                          (item.sent && item.sent->content == number));
@@ -169,13 +117,17 @@ bool Core::areNeeded(const Item& item, ContentNumber number) const {
 void Core::forgetSent(const ItemPtr& item) {
   if (!item->sent) return;
   const ContentNumber number = item->sent->content;
+  const std::int64_t size = item->sent->size;
   item->sent.reset();
-  if (number != item->content && number != 0 && !areNeeded(*item, number)) retire(number);
+  if (number == item->content || areNeeded(*item, number)) return;
+  departures.leaveVersion(*item, number, size, Confirmed::never);
 }
 
-void Core::dropItem(const ItemPtr& item) {
+void Core::dropItem(const ItemPtr& item, HistoryReason reason) {
+  Rows::Batch batch(rows);
   forgetSent(item);
   stamp(*item);
+  departures.leaveWith(item, reason);
   table.detach(item);
   tally.note(*item);
   rows.remove(item->rid);
@@ -186,7 +138,7 @@ void Core::dropItem(const ItemPtr& item) {
 void Core::releaseIfUnused(const ItemPtr& item) {
   if (!item->gone || item->handles > 0 || item->isSending()) return;
   if (item->lookups > 0 && item->isLeftOver()) return;
-  dropContents(item, false);
+  departures.release(item);
   if (item->lookups == 0) table.erase(item);
 }
 

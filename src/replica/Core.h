@@ -16,6 +16,7 @@
 #include "async/Loop.h"
 #include "async/Scope.h"
 #include "platform/foundation/Logger.h"
+#include "replica/Departures.h"
 #include "replica/FilePlaces.h"
 #include "replica/ItemTable.h"
 #include "replica/Observer.h"
@@ -24,7 +25,6 @@
 #include "replica/Rows.h"
 #include "replica/Tally.h"
 #include "replica/remote/Provider.h"
-#include "replica/store/ContentFiles.h"
 #include "replica/store/ItemStore.h"
 
 namespace kestrowan::replica {
@@ -56,6 +56,7 @@ struct Core {
 
   mutable std::mutex mutex;  // guards what follows, and the store but for its `sync`
   Rows rows;
+  Departures departures{*this};
   ItemTable table;
   Tally tally;
   FilePlaces places;
@@ -71,10 +72,6 @@ struct Core {
   std::int64_t refusedEntries = 0;
   std::int64_t partialListings = 0;
   std::mt19937_64 random;
-  /// Contents that no row names, but perhaps one did when rows were durable last.
-  std::vector<ContentNumber> retired;
-  /// Contents for the recovery area that could not be put there yet, and the names of their items.
-  std::vector<std::pair<ContentNumber, std::string>> unrecovered;
   /// Told, locked, of each item that has been taken out of the tree.
   std::function<void(const ItemPtr&)> dropped;
 
@@ -107,16 +104,9 @@ struct Core {
     item->datesAreUnwritten = false;
     rows.save(item);
   }
-  /// Takes an item out of the tree, and its row and contents from the disk. Open handles go on.
-  void dropItem(const ItemPtr& item);
-  /// Removes contents that a row named, once a power failure cannot bring that row back.
-  void retire(ContentNumber number);
-  /// Does so now. Without the lock.
-  void removeRetired();
-  /// Removes contents, or keeps them in the recovery area under the item's name.
-  void dropContents(const ItemPtr& item, bool recover);
-  /// Tries again to keep what could not be kept. Throws why it cannot.
-  void recoverRest();
+  /// Takes an item out of the tree, and its row from the disk; its contents go to the history. Open
+  /// handles go on.
+  void dropItem(const ItemPtr& item, HistoryReason reason);
   /// Whether contents are on their way to the provider, or may have arrived there: they must not
   /// change, and are needed to find out.
   bool areNeeded(const Item& item, ContentNumber number) const;

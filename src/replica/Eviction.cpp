@@ -48,7 +48,7 @@ void Fetcher::makeRoom(std::int64_t needed) {
     *cachedAtMost_ += needed;
     return;
   }
-  const ContentFiles::Usage usage = core_.tally.cached();
+  const Tally::Usage usage = core_.tally.cached();
   if (needed > 0 && free + usage.bytes - needed < freeSpaceFloor()) {
     // Giving up everything would not be enough.
     throw posixError(ENOSPC);
@@ -90,18 +90,11 @@ void Fetcher::keepLimit(const std::function<void()>& action) {
 }
 
 void Fetcher::keepLimits() {
-  using std::chrono::seconds;
   keepLimit([this] {
     std::lock_guard lock(core_.mutex);
-    core_.recoverRest();
     makeRoom(0);
   });
-  // There may be many files, and no call must wait for them.
-  keepLimit([this] {
-    core_.contents.trimRecovery(
-        core_.options.recoveryLimit,
-        core_.seconds() - std::chrono::duration_cast<seconds>(core_.options.recoveryTime).count());
-  });
+  keepLimit([this] { core_.departures.trim(); });
   keepLimit([this] { core_.contents.sweepTemporary(core_.seconds() - kLeftoverAge); });
   keepLimit([this] {
     std::lock_guard lock(core_.mutex);

@@ -40,6 +40,7 @@ void Replica::Implementation::openFile(Rid rid, OpenMode mode,
     if (item->gone && !item->isLeftOver()) throw posixError(ESTALE);
     if (item->isFolder()) throw posixError(EISDIR);
     if (mode.write) core.requireNewWork();
+    if (mode.write) core.departures.requireRoom();
     if (mode.write && !core.mayWrite(*item)) throw posixError(EACCES);
     // Before anything is fetched, or made empty.
     if (item->contents.expired()) core.places.require();
@@ -131,6 +132,7 @@ std::shared_ptr<OpenFile> Replica::Implementation::open(const ItemPtr& item, boo
     contents->frozen = core.areNeeded(*item, item->content);
     contents->noted = item->contentsChanged;
     contents->promised = item->contentsChanged;
+    contents->versioned = item->size == 0;
     item->contents = contents;
   }
   item->lastUse = core.seconds();

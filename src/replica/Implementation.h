@@ -21,6 +21,8 @@ namespace kestrowan::replica {
 /// helpers below them are called with the lock held unless they say otherwise.
 class Replica::Implementation {
  public:
+  struct Copy;
+
   Implementation(Replica& replica, const std::string& directory, async::Loop& loop,
                  Options options);
   ~Implementation();
@@ -65,6 +67,10 @@ class Replica::Implementation {
   void setPinned(Rid item, bool pinned);
   void retry(Rid item);
   std::size_t discard(Rid item);
+  HistoryList history(const HistoryFilter& filter, std::size_t most);
+  HistoryUsage clearHistory(const HistoryFilter& filter);
+  void restore(ContentNumber entry, Rid folder, std::string name, NameTaken ifTaken,
+               Completion<std::string> completion);
 
   /// What an `OpenFile` asks for. Without the lock.
   void prepareChange(const ItemPtr& item, Contents& contents);
@@ -83,6 +89,10 @@ class Replica::Implementation {
   std::size_t leaveOutImproper();
   void doubtFolders();
   void settleOrphans(const std::unordered_set<ContentNumber>& orphans, bool isWhole);
+  void copyForHistory(const ItemPtr& item, const Contents& contents, int file, Copy& copy);
+  void noteChangedContents(const ItemPtr& item, Contents& contents, Copy& copy, Copy& version);
+  void checkSizeInHistory(ContentNumber number);
+  void takeOverFormerRecovery();
   void itemChangedByListing(const ItemPtr& item);
 
   void explain(const ItemPtr& item, const NSError& error,
@@ -120,7 +130,15 @@ class Replica::Implementation {
   std::vector<ItemStatus> pendingItems(std::size_t limit) const;
   void discardOne(const ItemPtr& item);
 
+  void visitHistory(const HistoryFilter& filter,
+                    const std::function<void(std::vector<HistoryEntry>)>& visit);
+  std::string addRestored(const ItemPtr& folder, std::string name, NameTaken ifTaken,
+                          const HistoryEntry& entry, ContentNumber copy);
+
   Replica& replica_;
+  const std::string directory_;
+  /// There are contents, and no rows.
+  bool isLost_ = false;
   const UseMark useMark_;
 };
 

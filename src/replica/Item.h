@@ -102,6 +102,8 @@ struct SyncRuntime {
 struct Item : ItemRecord {
   /// No longer in the tree: removed for good, or replaced.
   bool gone = false;
+  /// The size with which its contents went to the history; absent while they are its own.
+  std::optional<std::int64_t> sizeInHistory;
   /// To be sent although somebody has it open for writing.
   bool sendNow = false;
   /// Its contents changed since its row was written.

@@ -219,7 +219,7 @@ void Lister::replaceContents(const ItemPtr& item, const Base& base) {
   showBase(fresh);
   const Rid folder = item->parent;
   core_.itemChanged(item->rid, true);
-  core_.dropItem(item);
+  core_.dropItem(item, HistoryReason::updated);
   core_.table.add(fresh);
   core_.save(fresh);
   core_.entryChanged(folder, fresh->name);
@@ -247,7 +247,7 @@ bool Lister::holdsContents(const ItemPtr& folder) const {
 void Lister::vanish(const ItemPtr& item, bool certain) {
   if (item->removed) {
     for (const ItemPtr& child : core_.table.serverChildren(item->rid)) vanish(child, true);
-    core_.dropItem(item);
+    core_.dropItem(item, HistoryReason::removed);
     return;
   }
   // Whoever is writing decides what becomes of it.
@@ -286,9 +286,8 @@ void Lister::vanish(const ItemPtr& item, bool certain) {
   }
   const Rid folder = item->parent;
   const std::string name = item->name;
-  core_.dropContents(item, true);
   core_.itemChanged(item->rid, false);
-  core_.dropItem(item);
+  core_.dropItem(item, HistoryReason::vanished);
   core_.entryChanged(folder, name);
   changedFolders_.insert(folder);
 }

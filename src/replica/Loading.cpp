@@ -8,6 +8,7 @@
 #include "replica/Implementation.h"
 #include "replica/NameRules.h"
 #include "replica/remote/ValidName.h"
+#include "replica/store/FormerRecovery.h"
 
 namespace kestrowan::replica {
 
@@ -44,6 +45,7 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
       fetcher(core, health),
       sender(core, health, lister, fetcher),
       replica_(replica),
+      directory_(directory),
       useMark_(directory) {
   // The loop may run what is posted here at once.
   std::lock_guard lock(core.mutex);
@@ -55,9 +57,8 @@ Replica::Implementation::Implementation(Replica& replica, const std::string& dir
 
 Replica::Implementation::~Implementation() {
   core.loop.close();
-  core.removeRetired();
+  core.departures.removeRetired();
   try {
-    core.recoverRest();
     core.contents.syncAll();
     core.store.sync();
     useMark_.clear();
@@ -99,9 +100,9 @@ void Replica::Implementation::load() {
   if (senseless + displaced > 0) {
     core.log("rows that make no sense were left out", root, std::to_string(senseless + displaced));
   }
-  if (isNew && !core.contents.numbers().empty()) {
-    core.log("the database was lost; all contents were kept", root,
-             core.contents.recoverAll(core.seconds()));
+  isLost_ = isNew && !core.contents.numbers().empty();
+  if (isLost_) {
+    core.log("the database was lost; all contents were kept in the history", root);
   }
   repair(senseless + displaced == 0 && !isOutdated);
   // What was found out above must not be asked again of a mark that says otherwise.
@@ -118,7 +119,7 @@ bool Replica::Implementation::loadRecord(ItemRecord record) {
   auto item = std::make_shared<Item>();
   static_cast<ItemRecord&>(*item) = std::move(record);
   // Two rows in one place: whichever has something that must not be lost keeps it, and the contents
-  // of the other are left for the recovery area.
+  // of the other are left for the history.
   const ItemPtr here =
       isRoot || item->removed ? nullptr : core.table.child(item->parent, item->name);
   if (here && !item->isPending()) return false;
@@ -164,8 +165,7 @@ std::size_t Replica::Implementation::leaveOutImproper() {
     if (leftOut == 0) core.log("rows of other places were left out, as of", *improper.front());
     leftOut += improper.size();
     for (const ItemPtr& item : improper) {
-      core.dropContents(item, true);
-      core.dropItem(item);
+      core.dropItem(item, HistoryReason::found);
     }
   }
 }
@@ -201,18 +201,22 @@ void Replica::Implementation::repair(bool isWhole) {
     });
     for (const ItemPtr& item : lost) {
       core.log("belongs to no folder, or has nothing in it", *item);
-      core.dropContents(item, !isWhole || item->contentsChanged || !item->base);
-      core.dropItem(item);
+      core.dropItem(item, HistoryReason::found);
     }
     if (!isWhole) doubtFolders();
   }
   core.rows.requireWritten();
   std::unordered_set<ContentNumber> orphans = std::move(present);
+  core.table.forEach([&](const ItemPtr& item) { orphans.erase(item->content); });
+  for (const ContentNumber number : core.departures.load(orphans)) {
+    orphans.erase(number);
+    if (useMark_.machineStopped()) checkSizeInHistory(number);
+  }
   core.table.forEach([&](const ItemPtr& item) {
-    orphans.erase(item->content);
     if (item->sent) orphans.erase(item->sent->content);
   });
   settleOrphans(orphans, isWhole);
+  takeOverFormerRecovery();
 }
 
 /// Decides whether an item's contents can be used as they are.
@@ -245,28 +249,86 @@ void Replica::Implementation::checkContents(const ItemPtr& item,
   core.save(item);
 }
 
-/// Contents that no row names have been given up, unless rows may be missing.
+/// What was never synced may be less than its row says.
+void Replica::Implementation::checkSizeInHistory(ContentNumber number) {
+  struct stat status;
+  if (::stat(core.contents.path(number).c_str(), &status) != 0) return;
+  core.departures.history().resize(number, status.st_size);
+}
+
+/// Contents that no row names were given up, or never became an item's, unless rows may be missing.
 void Replica::Implementation::settleOrphans(const std::unordered_set<ContentNumber>& orphans,
                                             bool isWhole) {
+  const auto reason = isLost_ ? HistoryReason::lost : HistoryReason::found;
+  const bool isGivenUp = isWhole && !useMark_.machineStopped();
   std::size_t kept = 0;
-  for (const ContentNumber number : orphans) {
-    struct stat status;
-    if (::stat(core.contents.path(number).c_str(), &status) != 0) continue;
-    if ((isWhole && !useMark_.machineStopped()) || status.st_size == 0) {
-      core.contents.remove(number);
-      continue;
+  {
+    Rows::Batch batch(core.rows);
+    for (const ContentNumber number : orphans) {
+      struct stat status;
+      if (::stat(core.contents.path(number).c_str(), &status) != 0) continue;
+      if (status.st_size == 0) {
+        core.contents.remove(number);
+        continue;
+      }
+      HistoryEntry entry;
+      entry.content = number;
+      entry.size = status.st_size;
+      entry.modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+      entry.at =
+          isWhole ? std::min<std::int64_t>(status.st_mtim.tv_sec, core.seconds()) : core.seconds();
+      entry.reason = reason;
+      entry.confirmed = isGivenUp ? Confirmed::once : Confirmed::never;
+      core.departures.keep(std::move(entry));
+      ++kept;
     }
-    // Rows that were never synced are mostly those of files that could be fetched again, which bear
-    // old dates and give way to others.
-    const std::int64_t at =
-        isWhole ? std::min<std::int64_t>(status.st_mtim.tv_sec, core.seconds()) : core.seconds();
-    core.contents.recover(number, {}, at);
-    ++kept;
   }
   if (kept > 0) {
-    core.log("contents without a name were kept in the recovery area", *core.table.find(kRootRid),
+    core.log("contents without a name were kept in the history", *core.table.find(kRootRid),
              std::to_string(kept));
   }
+}
+
+/// Makes what an earlier version kept in a folder of its own part of the history. Rows come first:
+/// a file that stays behind is taken over at the next start.
+void Replica::Implementation::takeOverFormerRecovery() {
+  const auto files = formerRecovery(directory_);
+  if (files.empty()) {
+    removeFormerRecovery(directory_);
+    return;
+  }
+  std::vector<HistoryEntry> entries;
+  for (const FormerFile& file : files) {
+    HistoryEntry entry;
+    entry.content = core.store.nextNumber();
+    entry.path = file.name;
+    entry.reason = file.isOfLostDatabase ? HistoryReason::lost : HistoryReason::found;
+    entry.size = file.size;
+    entry.modified = file.modified;
+    entry.at = std::clamp(file.at, kFirstDate, kLastDate);
+    entries.push_back(std::move(entry));
+  }
+  {
+    Rows::Batch batch(core.rows);
+    for (const HistoryEntry& entry : entries) core.departures.keep(entry);
+  }
+  core.rows.requireWritten();
+  core.store.sync();
+  const Item& root = *core.table.find(kRootRid);
+  std::vector<HistoryEntry> left;
+  for (std::size_t at = 0; at < files.size(); ++at) {
+    try {
+      core.contents.adopt(entries[at].content, files[at].path);
+    } catch (const NSError& error) {
+      core.log("cannot be taken into the history", root, error.localizedDescription());
+      left.push_back(entries[at]);
+    }
+  }
+  core.departures.history().remove(left);
+  core.contents.syncNames();
+  removeFormerRecovery(directory_);
+  core.log("what an earlier version had kept is in the history", root,
+           std::to_string(files.size() - left.size()));
 }
 
 void Replica::Implementation::setProvider(

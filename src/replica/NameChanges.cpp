@@ -62,7 +62,7 @@ void Replica::Implementation::addNew(const ItemPtr& item) {
     core.save(item);
     core.noteFolderChange(item->parent);
   }
-  requireWritten([&] { core.dropItem(item); });
+  requireWritten([&] { core.dropItem(item, HistoryReason::removed); });
 }
 
 void Replica::Implementation::createFile(Rid folderRid, std::string name, std::uint16_t mode,
@@ -72,6 +72,7 @@ void Replica::Implementation::createFile(Rid folderRid, std::string name, std::u
   {
     std::lock_guard lock(core.mutex);
     core.requireNewWork();
+    core.departures.requireRoom();
     folder = core.requireFolder(folderRid);
     checkNewName(folder, name, ItemKind::file);
     if (staysHere(name, ItemKind::file)) need = Lister::Need::usable;
@@ -146,7 +147,7 @@ void Replica::Implementation::removeItem(const ItemPtr& item, Completion<Done> c
   if (!item->base && !item->isSending() && !item->sent) {
     {
       Rows::Batch batch(core.rows);
-      core.dropItem(item);
+      core.dropItem(item, HistoryReason::removed);
       core.noteFolderChange(folder);
     }
     // Not before the rows are written.
@@ -372,7 +373,7 @@ ItemPtr Replica::Implementation::applyMove(const Move& move, Completion<Done>& c
     if (move.newFolder != move.folder) core.noteFolderChange(move.newFolder);
     if (replaces) {
       if (!target->base && !target->isSending() && !target->sent) {
-        core.dropItem(target);
+        core.dropItem(target, HistoryReason::replaced);
       } else if (!target->isFolder() && !source->localOnly && target->base &&
                  !target->isSending() && !target->sent && !source->isSending()) {
         sender.takeOver(source, target);

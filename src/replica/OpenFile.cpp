@@ -25,7 +25,7 @@ Rid OpenFile::rid() const {
 OpenFile::Change::Change(const OpenFile& file) : file_(file) {
   for (;;) {
     lock_ = std::shared_lock(file.contents_->mutex);
-    if (file.contents_->noted && !file.contents_->frozen) return;
+    if (file.contents_->noted && !file.contents_->frozen && file.contents_->versioned) return;
     lock_.unlock();
     file.replica_.implementation_->prepareChange(file.item_, *file.contents_);
   }

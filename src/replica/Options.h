@@ -53,8 +53,10 @@ struct Options {
   std::int64_t cacheLimit = 0;
   /// What is left free of the disk; 0 for what `freeSpaceFloor` says.
   std::int64_t freeSpaceFloor = 0;
-  std::int64_t recoveryLimit = std::int64_t{1} << 30;
-  std::chrono::hours recoveryTime{7 * 24};
+  /// How much the history may take; 0 for the smaller of 10 GiB and a twentieth of the disk. And
+  /// how long contents stay in it.
+  std::int64_t historyLimit = 0;
+  std::chrono::hours historyTime{7 * 24};
   /// Contents used within this time are not evicted to make room.
   std::chrono::seconds evictionAge{600};
 

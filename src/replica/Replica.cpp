@@ -249,4 +249,25 @@ std::size_t Replica::discard(Rid item) {
   return implementation_->discard(item);
 }
 
+std::optional<HistoryEntry> Replica::historyEntry(ContentNumber entry) const {
+  auto& core = implementation_->core;
+  std::lock_guard lock(core.mutex);
+  return core.departures.history().find(entry);
+}
+
+HistoryList Replica::history(const HistoryFilter& filter, std::size_t most) const {
+  return implementation_->history(filter, most);
+}
+
+HistoryUsage Replica::clearHistory(const HistoryFilter& filter) {
+  return implementation_->clearHistory(filter);
+}
+
+void Replica::restore(ContentNumber entry, Rid folder, std::string_view name, NameTaken ifTaken,
+                      Completion<std::string> completion) {
+  completing(completion, [&] {
+    implementation_->restore(entry, folder, std::string(name), ifTaken, completion);
+  });
+}
+
 }  // namespace kestrowan::replica

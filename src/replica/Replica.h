@@ -72,6 +72,27 @@ struct OpenMode {
   bool truncate = false;
 };
 
+/// Which entries of the history are meant.
+struct HistoryFilter {
+  /// At or below that path, from the root; everything when empty.
+  std::string path;
+  /// That left before then; seconds since 1970-01-01 UTC.
+  std::int64_t before = INT64_MAX;
+};
+
+/// The latest entries of the history, the latest first; and how many there are in all.
+struct HistoryList {
+  std::vector<HistoryEntry> entries;
+  std::int64_t files = 0;
+  std::int64_t bytes = 0;
+};
+
+/// What becomes of a file that is to be restored under a name that is taken.
+enum class NameTaken : std::uint8_t {
+  fails,    // EEXIST
+  another,  // it gets one like it that is free
+};
+
 /// The replica of one provider's tree: what has been listed, what has been fetched, what is still
 /// to be sent, on disk and in memory; and the work that brings both sides together.
 ///
@@ -179,9 +200,19 @@ class Replica {
   void setPinned(Rid item, bool pinned);
   /// Tries at once what failed, of everything below a folder.
   void retry(Rid item);
-  /// Gives up local changes of everything at and below the item: contents go to the recovery area,
+  /// Gives up local changes of everything at and below the item: contents go to the history,
   /// and the provider's state is shown. Gives how many items that were.
   std::size_t discard(Rid item);
+  std::optional<HistoryEntry> historyEntry(ContentNumber entry) const;
+  /// What is in the history; at most `most` entries.
+  HistoryList history(const HistoryFilter& filter, std::size_t most) const;
+  /// Removes entries for good. Gives what that was. Throws `NSError`.
+  HistoryUsage clearHistory(const HistoryFilter& filter);
+  /// Makes a file of an entry's contents, with their date, as a program would; the entry stays.
+  /// Completes with the file's path, or as `createFile` does; ENOENT when there is no such entry.
+  /// Blocks on the disk.
+  void restore(ContentNumber entry, Rid folder, std::string_view name, NameTaken ifTaken,
+               Completion<std::string> completion);
 
  private:
   friend class OpenFile;

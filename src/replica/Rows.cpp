@@ -1,5 +1,6 @@
 #include "replica/Rows.h"
 
+#include <algorithm>
 #include <chrono>
 #include <unordered_set>
 
@@ -36,6 +37,25 @@ void Rows::remove(Rid rid) {
   add({rid, nullptr});
 }
 
+void Rows::keep(HistoryEntry entry) {
+  leaving_.push_back(std::move(entry));
+  if (batches_ == 0 && !error_) write();
+}
+
+std::optional<HistoryEntry> Rows::takeBack(ContentNumber content) {
+  const auto found = std::find_if(leaving_.begin(), leaving_.end(),
+                                  [&](const auto& entry) { return entry.content == content; });
+  if (found == leaving_.end()) return std::nullopt;
+  std::optional<HistoryEntry> entry = std::move(*found);
+  leaving_.erase(found);
+  return entry;
+}
+
+bool Rows::isKeeping(ContentNumber content) const {
+  return std::any_of(leaving_.begin(), leaving_.end(),
+                     [&](const auto& entry) { return entry.content == content; });
+}
+
 void Rows::add(Change change) {
   waiting_.push_back(std::move(change));
   // While nothing can be written, who needs it tries, and the timer does.
@@ -43,15 +63,16 @@ void Rows::add(Change change) {
 }
 
 void Rows::requireWritten() {
-  if (!waiting_.empty()) write();
-  if (!waiting_.empty()) throw *error_;
+  if (!areWritten()) write();
+  if (!areWritten()) throw *error_;
 }
 
 void Rows::write() {
-  if (waiting_.empty()) return;
+  if (areWritten()) return;
   try {
     writeAll();
     waiting_.clear();
+    leaving_.clear();
     // A large listing's room is needed no more than once.
     if (waiting_.capacity() > kKeptRoom) waiting_.shrink_to_fit();
     if (error_) replicaLog().error("the database can be written again", {});
@@ -73,7 +94,8 @@ void Rows::write() {
 
 void Rows::writeAll() {
   std::optional<ItemStore::Transaction> transaction;
-  if (waiting_.size() > 1) transaction.emplace(store_);
+  if (waiting_.size() + leaving_.size() > 1) transaction.emplace(store_);
+  for (const HistoryEntry& entry : leaving_) store_.keep(entry);
   for (const auto& [rid, item] : waiting_) {
     if (item) {
       store_.save(*item);

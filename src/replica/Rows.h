@@ -27,11 +27,17 @@ class Rows {
 
   void save(const ItemPtr& item);
   void remove(Rid rid);
+  /// A row of the history, which is written together with those that wait, or follow in a batch.
+  void keep(HistoryEntry entry);
+  /// Takes that back for contents whose row has not been written, and gives it.
+  std::optional<HistoryEntry> takeBack(ContentNumber content);
+  /// Whether there is such a row that has not been written.
+  bool isKeeping(ContentNumber content) const;
 
   /// For who promises that a change outlives the process: throws what keeps rows from being
   /// written. Not in a batch.
   void requireWritten();
-  bool areWritten() const { return waiting_.empty(); }
+  bool areWritten() const { return waiting_.empty() && leaving_.empty(); }
 
   /// Rows that become true together, when the outermost of those that are nested ends.
   class Batch {
@@ -60,6 +66,7 @@ class Rows {
   unsigned batches_ = 0;
   bool retrying_ = false;
   std::vector<Change> waiting_;
+  std::vector<HistoryEntry> leaving_;
   std::optional<NSError> error_;
 };
 

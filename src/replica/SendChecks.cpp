@@ -190,7 +190,7 @@ Task<ListingPtr> Sender::listOrFail(ItemPtr item, ItemPtr folder) {
 bool Sender::keepIfChanged(const ItemPtr& item, const Base& atProvider) {
   if (canBeSame(core_.options, *item->base, atProvider)) return false;
   core_.log("changed at the provider, so it is not removed", *item);
-  core_.dropContents(item, true);
+  core_.departures.leave(item, HistoryReason::removed);
   core_.setBase(item, atProvider);
   item->size = atProvider.size;
   item->modified = modifiedOf(atProvider);

@@ -43,8 +43,7 @@ bool Sender::accept(const ItemPtr& item, const remote::WrittenItem& written, Rid
     // The provider says that there is no such item any more.
     const Rid folder = item->parent;
     const std::string shown = item->name;
-    core_.dropContents(item, true);
-    core_.dropItem(item);
+    core_.dropItem(item, HistoryReason::vanished);
     core_.showFolderChange(folder);
     core_.entryChanged(folder, shown);
     answerVerdict(item, std::nullopt);
@@ -91,8 +90,7 @@ bool Sender::accept(const ItemPtr& item, const remote::WrittenItem& written, Rid
     core_.log("another item was merged with this one", *holder);
     const Rid shownIn = holder->parent;
     const std::string shown = holder->name;
-    core_.dropContents(holder, true);
-    core_.dropItem(holder);
+    core_.dropItem(holder, HistoryReason::updated);
     core_.showFolderChange(shownIn);
     core_.entryChanged(shownIn, shown);
   }
@@ -118,7 +116,7 @@ bool Sender::accept(const ItemPtr& item, const remote::WrittenItem& written, Rid
     core_.log("overwritten at the provider while it was sent", *item);
     if (isNew) {
       // A copy beside it would fare no better.
-      core_.dropContents(item, true);
+      core_.departures.leave(item, HistoryReason::updated);
       item->size = item->base->size;
       item->modified = modifiedOf(*item->base);
       core_.stamp(*item);
@@ -134,7 +132,7 @@ bool Sender::accept(const ItemPtr& item, const remote::WrittenItem& written, Rid
   const bool arrived = contentsSent && (written.remaining & NSFileProviderItemField::contents) == 0;
   if (arrived && written.fetchAgain && item->content == frozen.number) {
     // The provider made other contents of them.
-    core_.dropContents(item, false);
+    core_.departures.leave(item, HistoryReason::updated);
     item->contents.reset();
     item->size = item->base->size;
     item->modified = modifiedOf(*item->base);
@@ -172,13 +170,11 @@ void Sender::acceptRemoval(const ItemPtr& item) {
     const auto below = core_.table.serverChildren(gone[at]->rid);
     gone.insert(gone.end(), below.begin(), below.end());
   }
-  // What a copy elsewhere may still need, until every copy has arrived.
-  const bool uploadsWait = !readyContents_.empty() || contentsRunning_ > 0 || !delayed_.empty();
   Rows::Batch batch(core_.rows);
-  for (const ItemPtr& each : gone) {
-    if (each->content != 0 && uploadsWait) core_.dropContents(each, true);
-    answerVerdict(each, std::nullopt);
-    core_.dropItem(each);
+  // What lies deepest goes first, while its path is known.
+  for (auto each = gone.rbegin(); each != gone.rend(); ++each) {
+    answerVerdict(*each, std::nullopt);
+    core_.dropItem(*each, HistoryReason::removed);
   }
 }
 
@@ -234,7 +230,7 @@ void Sender::rollBack(const ItemPtr& item) {
   core_.entryChanged(item->parent, item->name);
   if (!item->base) {
     if (item->isFolder() && core_.table.hasChildren(item->rid)) return;
-    core_.dropItem(item);
+    core_.dropItem(item, HistoryReason::removed);
     core_.showFolderChange(item->parent);
     return;
   }

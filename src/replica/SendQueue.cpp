@@ -206,7 +206,7 @@ void Sender::takeOver(const ItemPtr& item, const ItemPtr& replaced) {
   const std::optional<Base> before = item->base;
   Base base = *replaced->base;
   Rows::Batch batch(core_.rows);
-  core_.dropItem(replaced);
+  core_.dropItem(replaced, HistoryReason::replaced);
   item->contentsChanged = true;
   core_.setBase(item, std::move(base));
   if (before) {
@@ -263,7 +263,7 @@ void Sender::finish(const ItemPtr& item, bool upload) {
   for (const auto& waiter : std::exchange(sync.endWaiters, {})) waiter->resolve();
   if (!item->gone && item->removed && !item->base && !item->sent) {
     answerVerdict(item, std::nullopt);
-    core_.dropItem(item);
+    core_.dropItem(item, HistoryReason::removed);
   }
   std::erase_if(core_.unsettled, [](const ItemPtr& each) { return each->gone || !each->sent; });
   if (item->gone) {

@@ -65,7 +65,10 @@ void Sender::thaw(const ItemPtr& item, const Frozen& frozen, bool sent) {
     item->sync->frozen = 0;
     if (item->content != frozen.number) {
       // Somebody wrote meanwhile, into a copy.
-      if (!core_.areNeeded(*item, frozen.number)) core_.retire(frozen.number);
+      if (!core_.areNeeded(*item, frozen.number)) {
+        core_.departures.leaveVersion(*item, frozen.number, frozen.size,
+                                      sent ? Confirmed::once : Confirmed::never);
+      }
       return;
     }
     if (core_.areNeeded(*item, frozen.number)) return;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "replica/Records.h"
+#include "replica/store/HistoryTrim.h"
 
 namespace kestrowan::replica {
 
@@ -56,8 +57,11 @@ struct Status {
   std::int64_t cachedFiles = 0;
   std::int64_t cachedBytes = 0;
   std::int64_t fetching = 0;
-  std::int64_t recoveredFiles = 0;
-  std::int64_t recoveredBytes = 0;
+  /// The contents that left their items, and how many bytes they may be. While more of them than
+  /// that were never at the provider, nothing can be opened to be written.
+  HistoryUsage history;
+  std::int64_t historyLimit = 0;
+  bool isHistoryFull() const { return history.unconfirmedBytes > historyLimit; }
   /// Paths of copies that were made because both sides had changed, the latest last.
   std::vector<std::string> conflicts;
   /// Entries of listings that could not be admitted, since the start.
@@ -71,7 +75,6 @@ struct Status {
 /// What was done since the start that takes longer the more there is.
 struct Cost {
   std::int64_t visitsOfAllItems = 0;
-  std::int64_t readingsOfRecovery = 0;
 };
 
 struct EvictionResult {

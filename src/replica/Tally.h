@@ -5,7 +5,6 @@
 #include <unordered_map>
 
 #include "replica/Item.h"
-#include "replica/store/ContentFiles.h"
 
 namespace kestrowan::replica {
 
@@ -23,9 +22,11 @@ class Tally {
   const Pending& pending() const { return pending_; }
   std::int64_t pendingBytes() const { return pendingBytes_; }
   /// Contents here that the provider has too.
-  ContentFiles::Usage cached() const {
-    return {static_cast<std::int64_t>(cached_.size()), cachedBytes_};
-  }
+  struct Usage {
+    std::int64_t files = 0;
+    std::int64_t bytes = 0;
+  };
+  Usage cached() const { return {static_cast<std::int64_t>(cached_.size()), cachedBytes_}; }
   /// The folders whose last listing did not come whole.
   const std::set<Rid>& partialFolders() const { return partialFolders_; }
 

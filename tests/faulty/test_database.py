@@ -24,8 +24,8 @@ def forge(place, statement, *values):
 
 
 def kept(place):
-    """What is in the recovery area."""
-    return [path.read_bytes() for path in (place.state / "recovery").rglob("*") if path.is_file()]
+    """What is in the history."""
+    return place.history()
 
 
 @pytest.mark.parametrize("identifier", OTHER_PLACES)

@@ -85,9 +85,8 @@ class Changes:
 
 
 def kept(scene):
-    """The bytes of everything that lies in the recovery area."""
-    return [path.read_bytes() for path in (scene.place.state / "recovery").rglob("*")
-            if path.is_file()]
+    """The bytes of everything that lies in the history."""
+    return scene.place.history()
 
 
 def test_changes_whose_answers_were_lost_are_made_once(scene):

@@ -225,7 +225,7 @@ class History:
 
     def problems(self, recovered, requests, prefix):
         """What is not as it must be, now that both sides are the same. `recovered` is what the
-        recovery area has; `prefix` what a request for its folder begins with."""
+        history has; `prefix` what a request for its folder begins with."""
         tree, _ = self.trees()
         found = list(self.problems_seen)
         if self.one_sided:

@@ -88,8 +88,7 @@ class World:
     def _end(self, histories):
         found = {}
         unequal = self._settle(histories)
-        recovered = [path.read_bytes() for path in (self.place.state / "recovery").glob("*")
-                     if path.is_file()]
+        recovered = self.place.history()
         requests = changes_asked_for(self.server.directory)
         for key, history in histories.items():
             problems = unequal.get(key) or history.problems(

@@ -222,6 +222,11 @@ class Place:
     def status(self):
         return self.ask("status")
 
+    def history(self):
+        """The bytes of everything in the history, the latest first."""
+        return [(self.state / "contents" / str(entry["id"])).read_bytes()
+                for entry in self.ask("history", self.point)["entries"]]
+
     def wait_synced(self):
         assert self.ask("wait", "--timeout", str(SECONDS))["synced"] is True
 

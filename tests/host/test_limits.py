@@ -201,9 +201,9 @@ def replaced_by_a_file(path):
 
 
 @pytest.mark.parametrize("take", [shutil.rmtree, replaced_by_a_link, replaced_by_a_file])
-def test_a_recovery_area_that_cannot_be_read_ends_nothing(place, take):
+def test_contents_that_cannot_be_read_end_nothing(place, take):
     mounted = place.mount().ready()
-    take(place.state / "recovery")
+    take(place.state / "contents")
     is_serving(place, mounted)
     assert place.run("unmount", "--force", place.point).returncode == DONE
     assert mounted.wait() == DONE

@@ -195,7 +195,7 @@ def test_without_a_mount_every_command_says_so(place, arguments):
     assert "mount" in place.ask(*arguments, code=NOT_MOUNTED)["error"]["localizedDescription"]
 
 
-def test_discarded_changes_go_to_the_recovery_area(own_place, server):
+def test_discarded_changes_go_to_the_history(own_place, server):
     own_place.mount().ready()
     documents = own_place.point / "Home" / "Documents"
     (documents / "a.txt").write_text("server's")
@@ -215,9 +215,8 @@ def test_discarded_changes_go_to_the_recovery_area(own_place, server):
     assert result.returncode == DONE, result.stderr
     assert b"2 items" in result.stdout
     assert own_place.status()["pending"]["count"] == 0
-    kept = [path.read_text() for path in (own_place.state / "recovery").iterdir()]
-    assert sorted(kept) == ["mine", "new"]
-    assert own_place.status()["recovery"]["files"] == 2
+    assert {b"mine", b"new"} <= set(own_place.history())
+    assert own_place.status()["history"]["unconfirmed"]["files"] == 2
 
     server._control("start", "--parent", str(os.getpid()))
     wait_for(lambda: own_place.status()["state"] == "online", "server")

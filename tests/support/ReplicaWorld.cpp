@@ -1,6 +1,7 @@
 #include "support/ReplicaWorld.h"
 
 #include <unistd.h>
+#include <fstream>
 
 #include <cerrno>
 #include <stdexcept>
@@ -137,6 +138,17 @@ void ReplicaWorld::writeTo(const OpenFile& file, std::string_view bytes, std::in
   const ssize_t written =
       file.write([&](int fd) { return ::pwrite(fd, bytes.data(), bytes.size(), at); });
   if (written != static_cast<ssize_t>(bytes.size())) throw posixError(errno);
+}
+
+std::vector<std::string> ReplicaWorld::history() {
+  std::vector<std::string> contents;
+  for (const auto& entry : replica_->history({}, SIZE_MAX / 2).entries) {
+    std::ifstream file(directory() + "/contents/" + std::to_string(entry.content),
+                       std::ios::binary);
+    if (!file) throw std::runtime_error("an entry of the history has no file");
+    contents.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  return contents;
 }
 
 std::string ReplicaWorld::readFrom(const OpenFile& file) {

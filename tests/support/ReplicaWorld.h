@@ -60,6 +60,9 @@ class ReplicaWorld {
   /// Everything below the root, as `MemoryServer::tree` has it.
   std::map<std::string, std::optional<std::string>> tree();
 
+  /// The bytes of everything in the history, the latest first.
+  std::vector<std::string> history();
+
   static void writeTo(const replica::OpenFile& file, std::string_view bytes, std::int64_t at = 0);
   static std::string readFrom(const replica::OpenFile& file);
 

@@ -20,7 +20,9 @@ struct MountCommand {
   std::optional<std::string> stateDirectory;
   std::optional<std::string> domain;  // the container's own when absent
   bool moveHere = false;
-  std::uint64_t cacheLimit = 0;  // bytes; 0 for the usual
+  std::uint64_t cacheLimit = 0;    // bytes; 0 for the usual
+  std::uint64_t historyLimit = 0;  // the same
+  std::uint32_t historyDays = 7;
   std::string fsync = "local";   // or "server"
   std::string close = "return";  // or "wait"
   std::string moves = "pass";    // or "refuse"
@@ -49,5 +51,17 @@ ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned)
 ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path);
 /// Asks before it does anything, unless `confirmed`.
 ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed);
+
+struct HistoryCommand {
+  std::optional<std::string> path;  // every mount when absent
+  bool clear = false;
+  std::uint32_t olderThan = 0;  // days; what is cleared
+  bool confirmed = false;
+};
+/// Shows what left its place, or removes it for good; asks before that, unless `confirmed`.
+ExitCode history(const GlobalOptions& options, const HistoryCommand& command);
+/// Makes a file of an entry of the history again: where it was, or at `to`.
+ExitCode restore(const GlobalOptions& options, std::uint64_t entry,
+                 const std::optional<std::string>& to);
 
 }  // namespace kestrowan::cli

@@ -56,6 +56,12 @@ std::vector<std::string> wordsOf(const MountCommand& command) {
   if (command.cacheLimit != usual.cacheLimit) {
     words.push_back("--cache-limit=" + std::to_string(command.cacheLimit));
   }
+  if (command.historyLimit != usual.historyLimit) {
+    words.push_back("--history-limit=" + std::to_string(command.historyLimit));
+  }
+  if (command.historyDays != usual.historyDays) {
+    words.push_back("--history-days=" + std::to_string(command.historyDays));
+  }
   if (command.fsync != usual.fsync) words.push_back("--fsync=" + command.fsync);
   if (command.close != usual.close) words.push_back("--close=" + command.close);
   if (command.moves != usual.moves) words.push_back("--moves=" + command.moves);
@@ -91,6 +97,9 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
   settings.logsToFile = command.background;
   settings.replica.cacheLimit = static_cast<std::int64_t>(
       std::min<std::uint64_t>(command.cacheLimit, std::uint64_t{INT64_MAX}));
+  settings.replica.historyLimit = static_cast<std::int64_t>(
+      std::min<std::uint64_t>(command.historyLimit, std::uint64_t{INT64_MAX}));
+  settings.replica.historyTime = std::chrono::days(command.historyDays);
   settings.replica.fsyncWaits = command.fsync == "server";
   settings.replica.closeWaits = command.close == "wait";
   settings.replica.refuseMovesBetweenFolders = command.moves == "refuse";

@@ -1,8 +1,6 @@
-#include <unistd.h>
-
-#include <iostream>
 #include <utility>
 
+#include "cli/Confirmation.h"
 #include "cli/Console.h"
 #include "cli/HostLink.h"
 #include "cli/ItemText.h"
@@ -44,17 +42,6 @@ JSONValue askAbout(const GlobalOptions& options, const host::PlaceInMount& place
 JSONValue askAbout(const GlobalOptions& options, const std::string& path,
                    std::string_view request) {
   return askAbout(options, runningPlace(path), path, request);
-}
-
-bool confirmedOnTerminal(const std::string& path) {
-  if (::isatty(STDIN_FILENO) != 1 || !standardErrorIsTerminal()) {
-    throw UsageError("discard gives up local changes; say --yes to have it done");
-  }
-  std::cerr << "Give up all local changes of " << escapedForDisplay(path)
-            << "? What was written here goes to the recovery area. [y/N] " << std::flush;
-  std::string line;
-  std::getline(std::cin, line);
-  return line == "y" || line == "Y" || line == "yes";
 }
 
 }  // namespace
@@ -102,19 +89,19 @@ ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& p
 ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed) {
   return reportingFailure(options.json, [&] {
     const auto place = runningPlace(path);
-    if (!confirmed && !confirmedOnTerminal(path)) {
+    if (!confirmed &&
+        !confirmedOnTerminal("Give up all local changes of " + escapedForDisplay(path) +
+                                 "? What was written here goes to the history.",
+                             "discard gives up local changes; say --yes to have it done")) {
       complain("nothing was discarded");
       return ExitCode::requestFailed;
     }
     const auto answer = askAbout(options, place, path, "discard", {{"confirm", true}});
     if (!options.json) {
       const auto count = integer(answer, "discarded");
-      Output::standard().write(
-          "gave up the changes of " + counted(count, "item") +
-          (count > 0 ? "; what was written lies in " +
-                           Output::standard().forDisplay(place.host.stateDirectory) + "/recovery"
-                     : "") +
-          "\n");
+      Output::standard().write("gave up the changes of " + counted(count, "item") +
+                               (count > 0 ? "; \"kestrowan history\" shows what was written" : "") +
+                               "\n");
     }
     return ExitCode::done;
   });

@@ -11,6 +11,7 @@
 #include "platform/foundation/NSError.h"
 #include "replica/Item.h"
 #include "replica/NameRules.h"
+#include "replica/store/FormerRecovery.h"
 #include "replica/store/ItemRow.h"
 #include "replica/store/Schema.h"
 #include "replica/store/Statement.h"
@@ -53,6 +54,7 @@ void count(Unsent& found, const Item& item) {
 
 void lookInto(Database& database, Unsent& found, std::size_t most) {
   Statement rows(database, kLoadItems);
+  found.inHistory = database.number("SELECT count(*) FROM history");
   Statement above(database, "SELECT parent,name FROM items WHERE rid=?1");
   while (rows.step()) {
     auto record = itemFromRow(rows);
@@ -71,11 +73,7 @@ Unsent unsentIn(const std::string& directory, std::size_t most) {
   if (const auto database = readReplicaDatabase(directory + kFileName)) {
     lookInto(*database, found, most);
   }
-  try {
-    found.recovered = static_cast<std::int64_t>(namesIn(directory + "/recovery").size());
-  } catch (const NSError&) {
-    // There is none.
-  }
+  found.inHistory += static_cast<std::int64_t>(formerRecovery(directory).size());
   return found;
 }
 

@@ -19,11 +19,12 @@ struct Unsent {
   std::int64_t conflicts = 0;
   /// Files that stay here by their names.
   std::int64_t localOnly = 0;
-  std::int64_t recovered = 0;
+  /// Contents in the history, those of earlier versions included.
+  std::int64_t inHistory = 0;
   /// Of the first changes, from the root, each beginning with "/".
   std::vector<std::string> paths;
 
-  bool isNothing() const { return changes == 0 && localOnly == 0 && recovered == 0; }
+  bool isNothing() const { return changes == 0 && localOnly == 0 && inHistory == 0; }
 };
 
 /// Looks into it, and changes nothing. At most `most` paths are given.

@@ -54,16 +54,13 @@ UniqueFd copyTo(int source, const std::string& path) {
 }  // namespace
 
 ContentFiles::ContentFiles(const std::string& directory)
-    : contents_(directory + "/contents"),
-      recovery_(directory + "/recovery"),
-      temporary_(directory + "/temporary") {
+    : contents_(directory + "/contents"), temporary_(directory + "/temporary") {
   bool made = false;
-  for (const auto& path : {contents_, recovery_, temporary_}) {
+  for (const auto& path : {contents_, temporary_}) {
     made = makePrivateDirectory(path) || made;
   }
   if (made) syncDirectory(directory);
   for (const auto& name : namesIn(temporary_)) removeTree(temporary_ + "/" + name);
-  readRecovery();
 }
 
 std::string ContentFiles::path(ContentNumber number) const {
@@ -93,6 +90,24 @@ UniqueFd ContentFiles::clone(int source, ContentNumber number) {
   auto copy = copyTo(source, path(number));
   ++made_;
   return copy;
+}
+
+bool ContentFiles::cloneCheaply(int source, ContentNumber number, std::int64_t most) {
+  struct stat status;
+  if (::fstat(source, &status) != 0) throw posixError(errno);
+  const auto file = path(number);
+  const UniqueFd copy(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFile));
+  if (!copy) throw fileError(errno, file);
+  int error = shareContents(source, copy.get());
+  const bool isSmall = status.st_size <= most;
+  if (error != 0 && isSmall) error = copyContents(source, copy.get());
+  if (error == 0) {
+    ++made_;
+    return true;
+  }
+  ::unlink(file.c_str());
+  if (isSmall) throw fileError(error, file);
+  return false;
 }
 
 void ContentFiles::adopt(ContentNumber number, const std::string& file) {

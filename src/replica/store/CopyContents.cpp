@@ -78,8 +78,12 @@ Range nextData(int source, off_t from, off_t size) {
 
 }  // namespace
 
+int shareContents(int source, int target) {
+  return ::ioctl(target, FICLONE, source) == 0 ? 0 : errno;
+}
+
 int copyContents(int source, int target) {
-  if (::ioctl(target, FICLONE, source) == 0) return 0;
+  if (shareContents(source, target) == 0) return 0;
   struct stat status;
   if (::fstat(source, &status) != 0) return errno;
   if (::ftruncate(target, status.st_size) != 0) return errno;

@@ -28,6 +28,7 @@ class ItemStore::Implementation {
       : database_(openReplicaDatabase(directory + kFileName)),
         save_(*database_, kSaveItem),
         remove_(*database_, "DELETE FROM items WHERE rid=?1"),
+        history_(*database_),
         begin_(*database_, "BEGIN"),
         commit_(*database_, "COMMIT"),
         rollback_(*database_, "ROLLBACK"),
@@ -101,6 +102,16 @@ class ItemStore::Implementation {
     change([this] { remove_.run(); });
   }
 
+  void keep(const HistoryEntry& entry) {
+    change([&] { history_.put(entry); });
+  }
+
+  void forget(ContentNumber content) {
+    change([&] { history_.remove(content); });
+  }
+
+  HistoryTable& history() { return history_; }
+
   Number nextNumber() {
     if (numbers_.isEmpty() || (depth_ == 0 && numbers_.isRunningLow())) reserveNumbers();
     return numbers_.take();
@@ -164,6 +175,7 @@ class ItemStore::Implementation {
   const std::unique_ptr<Database> database_;
   Statement save_;
   Statement remove_;
+  HistoryTable history_;
   Statement begin_;
   Statement commit_;
   Statement rollback_;
@@ -203,6 +215,18 @@ void ItemStore::save(const ItemRecord& record) {
 
 void ItemStore::remove(Rid rid) {
   implementation_->remove(rid);
+}
+
+void ItemStore::keep(const HistoryEntry& entry) {
+  implementation_->keep(entry);
+}
+
+void ItemStore::forget(ContentNumber content) {
+  implementation_->forget(content);
+}
+
+HistoryTable& ItemStore::history() {
+  return implementation_->history();
 }
 
 Number ItemStore::nextNumber() {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "replica/Records.h"
+#include "replica/store/HistoryTable.h"
 
 namespace kestrowan::replica {
 
@@ -46,6 +47,12 @@ class ItemStore {
   /// Inserts or replaces the row of `record.rid`. EINVAL for a record that makes no sense.
   void save(const ItemRecord& record);
   void remove(Rid rid);
+
+  /// Inserts or replaces a row of the history, and removes one.
+  void keep(const HistoryEntry& entry);
+  void forget(ContentNumber content);
+  /// To read the history's rows; they are changed by the two above.
+  HistoryTable& history();
 
   /// A number that this replica never gave before, over restarts too; the first is 2.
   Number nextNumber();

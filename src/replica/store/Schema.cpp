@@ -62,6 +62,18 @@ constexpr const char* kMigrations[] = {
     "ALTER TABLE items ADD COLUMN send_after INTEGER NOT NULL DEFAULT 0;",
     "ALTER TABLE items ADD COLUMN changed INTEGER;"
     "ALTER TABLE items ADD COLUMN accessed INTEGER;",
+    "CREATE TABLE history("
+    " content INTEGER PRIMARY KEY,"
+    " item INTEGER NOT NULL,"
+    " path BLOB NOT NULL,"
+    " version BLOB NOT NULL,"
+    " size INTEGER NOT NULL,"
+    " modified INTEGER NOT NULL,"
+    " reason INTEGER NOT NULL,"
+    " at INTEGER NOT NULL,"
+    " confirmed INTEGER NOT NULL"
+    ") STRICT;"
+    "CREATE INDEX history_by_age ON history(confirmed,at,content);",
 };
 constexpr std::int64_t kNewest = std::size(kMigrations);
 

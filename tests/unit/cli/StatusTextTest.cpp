@@ -80,8 +80,13 @@ TEST(StatusText, TroubleIsSaidInWords) {
               HasSubstr("1 entry of listings"));
   EXPECT_THAT(statusText(status(R"(,"refusedEntries":2)"), kNow, 10),
               HasSubstr("2 entries of listings"));
-  EXPECT_THAT(statusText(status(R"(,"recovery":{"files":1,"bytes":5})"), kNow, 10),
-              HasSubstr("1 file, 5 B, in /state/recovery\n"));
+  EXPECT_THAT(statusText(status(R"(,"history":{"files":1,"bytes":5})"), kNow, 10),
+              HasSubstr("History:   1 file, 5 B, replaced or removed; "));
+  EXPECT_THAT(statusText(status(R"(,"history":{"files":1,"bytes":5,"limit":4,"full":true,)"
+                                R"("unconfirmed":{"files":1,"bytes":5}})"),
+                         kNow, 10),
+              HasSubstr("Full:      nothing can be written: of the history, 5 B never reached the "
+                        "server, and 4 B is the limit; "));
 }
 
 TEST(StatusText, NamesCannotSteerTheTerminal) {

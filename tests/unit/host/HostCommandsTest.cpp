@@ -237,7 +237,36 @@ TEST_F(HostCommandsTest, DiscardNeedsToBeConfirmed) {
   const auto answer = ask({{"request", "discard"}, {"path", "/b.txt"}, {"confirm", true}});
   EXPECT_EQ(number(answer, "discarded"), 1);
   EXPECT_EQ(replica_->status().pendingCount, 0);
-  EXPECT_EQ(replica_->status().recoveredFiles, 1);
+  EXPECT_EQ(replica_->status().history.files, 2) << "the version before, and what was discarded";
+  EXPECT_EQ(replica_->status().history.unconfirmedFiles, 1);
+}
+
+TEST_F(HostCommandsTest, ClearingTheHistoryNeedsToBeConfirmed) {
+  use("/b.txt", true);
+  ask({{"request", "wait"}});
+  replica_->discard(replica::kRootRid);
+  use("/b.txt", true);
+  const auto before = replica_->status().history.files;
+  ASSERT_GT(before, 0);
+  for (const JSONValue& confirm :
+       {JSONValue(), JSONValue(false), JSONValue("true"), JSONValue(1)}) {
+    const auto error = refusal({{"request", "clearHistory"}, {"confirm", confirm}});
+    ASSERT_TRUE(error);
+    EXPECT_TRUE(error->is(NSPOSIXErrorDomain, EPERM));
+  }
+  EXPECT_EQ(replica_->status().history.files, before);
+  const auto answer = ask({{"request", "clearHistory"}, {"confirm", true}});
+  EXPECT_EQ(number(answer, "cleared"), before);
+  EXPECT_EQ(number(ask({{"request", "history"}}), "files"), 0);
+}
+
+TEST_F(HostCommandsTest, WhatIsNotInTheHistoryCannotBeRestored) {
+  const auto error = refusal({{"request", "restore"}, {"id", 4711}});
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->is(NSPOSIXErrorDomain, ENOENT));
+  const auto nonsense = refusal({{"request", "restore"}, {"id", "x"}});
+  ASSERT_TRUE(nonsense);
+  EXPECT_TRUE(nonsense->is(NSPOSIXErrorDomain, EBADMSG));
 }
 
 TEST_F(HostCommandsTest, UnmountIsTheHosts) {

@@ -56,7 +56,7 @@ TEST_F(StateDirectoryTest, IsMadeWithItsParentsForTheUserAlone) {
 TEST_F(StateDirectoryTest, OneThatWasMadeAndNeverKeptIsRemoved) {
   {
     const StateDirectory state(path_);
-    for (const char* folder : {"/contents", "/recovery", "/temporary"}) {
+    for (const char* folder : {"/contents", "/temporary"}) {
       fs::create_directory(path_ + folder);
     }
     for (const char* file : {"/replica.db", "/replica.db-wal", "/replica.db-shm"}) {
@@ -71,11 +71,11 @@ TEST_F(StateDirectoryTest, OneThatWasMadeAndNeverKeptIsRemoved) {
 TEST_F(StateDirectoryTest, OneThatHoldsSomethingStays) {
   {
     const StateDirectory state(path_);
-    fs::create_directories(path_ + "/recovery");
-    std::ofstream(path_ + "/recovery/1") << "precious";
+    fs::create_directories(path_ + "/contents");
+    std::ofstream(path_ + "/contents/1") << "precious";
     std::ofstream(path_ + "/replica.db") << "rows";
   }
-  EXPECT_TRUE(fs::exists(path_ + "/recovery/1"));
+  EXPECT_TRUE(fs::exists(path_ + "/contents/1"));
   EXPECT_TRUE(fs::exists(path_ + "/replica.db"));
 }
 

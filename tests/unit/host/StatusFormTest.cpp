@@ -29,8 +29,8 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
   status.itemCount = 20;
   status.cachedFiles = 3;
   status.cachedBytes = 300;
-  status.recoveredFiles = 1;
-  status.recoveredBytes = 5;
+  status.history = {.files = 2, .bytes = 8, .unconfirmedFiles = 1, .unconfirmedBytes = 5};
+  status.historyLimit = 4;
   status.conflicts = {"/Home/b (conflict).txt"};
   status.refusedEntries = 2;
   status.partialListings = 3;
@@ -43,7 +43,8 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
       R"("state":"retrying","changes":"contents","size":12,"downloaded":true,"pinned":false,)"
       R"("failure":{"class":"slow","domain":"D","code":-3,"text":"full","since":100,"next":200,)"
       R"("tries":9}}]},"conflicts":[{"path":"/Home/b (conflict).txt"}],)"
-      R"("cache":{"files":3,"bytes":300},"recovery":{"files":1,"bytes":5}})");
+      R"("cache":{"files":3,"bytes":300},"history":{"files":2,"bytes":8,)"
+      R"("unconfirmed":{"files":1,"bytes":5},"limit":4,"full":true}})");
 }
 
 TEST(StatusForm, ShowsFailuresFirstAndLeavesOutWhatIsNeverSent) {

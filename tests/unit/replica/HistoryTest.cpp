@@ -310,14 +310,11 @@ class History {
     for (const auto& entry : server) {
       if (entry.second && entry.second->find(bytes) != std::string::npos) return true;
     }
-    // What was removed or replaced at the server is not kept by anybody but the recovery area.
+    // What was removed or replaced at the server is not kept by anybody but the history.
     return !wasOnlyHere(bytes);
   }
   bool wasOnlyHere(const std::string& bytes) {
-    for (const auto& entry :
-         std::filesystem::directory_iterator(world_.directory() + "/recovery")) {
-      std::ifstream file(entry.path(), std::ios::binary);
-      const std::string kept((std::istreambuf_iterator<char>(file)), {});
+    for (const std::string& kept : world_.history()) {
       if (kept.find(bytes) != std::string::npos) return false;
     }
     return !arrived(bytes);

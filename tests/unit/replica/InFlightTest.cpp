@@ -376,17 +376,19 @@ TEST_F(InFlightTest, SyncedContentsOutliveALaterWriteWhileTheyAreSent) {
   EXPECT_EQ(world.read("/a"), "synced");
 }
 
-TEST_F(InFlightTest, ReplacedContentsAreGoneAfterAWhile) {
+TEST_F(InFlightTest, ReplacedContentsThatAreNoVersionAreGoneAfterAWhile) {
   world.extension().setDown(true);
   world.write("/a", "first");
   world.write("/a", "second");
+  world.write("/a", "third");
   world.advance(seconds(10));
   std::vector<std::string> bytes;
   for (const auto& entry : fs::directory_iterator(world.directory() + "/contents")) {
     std::ifstream file(entry.path(), std::ios::binary);
     bytes.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
-  EXPECT_THAT(bytes, ElementsAre("second"));
+  EXPECT_THAT(bytes, testing::UnorderedElementsAre("first", "third"));
+  EXPECT_THAT(world.history(), ElementsAre("first"));
 }
 
 TEST_F(InFlightTest, UploadWhoseRecordWasLostIsNoConflict) {

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "support/ReplicaWorld.h"
@@ -10,7 +8,6 @@
 namespace kestrowan::test {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::minutes;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -20,8 +17,8 @@ std::string counts(const replica::Status& status) {
   return "items " + std::to_string(status.itemCount) + ", pending " +
          std::to_string(status.pendingCount) + " of " + std::to_string(status.pendingBytes) +
          " bytes, cached " + std::to_string(status.cachedFiles) + " of " +
-         std::to_string(status.cachedBytes) + " bytes, recovered " +
-         std::to_string(status.recoveredFiles) + " of " + std::to_string(status.recoveredBytes) +
+         std::to_string(status.cachedBytes) + " bytes, history " +
+         std::to_string(status.history.files) + " of " + std::to_string(status.history.bytes) +
          " bytes";
 }
 
@@ -36,7 +33,6 @@ class StatusTest : public testing::Test {
   }
 
   std::string counted() { return counts(world.replica().status()); }
-  std::string recovery() { return world.directory() + "/recovery"; }
   /// Nothing is sent from here on.
   void goOffline() {
     world.extension().setDown(true);
@@ -46,49 +42,42 @@ class StatusTest : public testing::Test {
   ReplicaWorld world;
 };
 
-TEST_F(StatusTest, CountsWithoutALookAtAllItemsOrAtTheRecoveryArea) {
+TEST_F(StatusTest, CountsWithoutALookAtAllItems) {
   goOffline();
   world.write("/new", "123");
   const auto before = world.replica().cost();
-  EXPECT_EQ(counted(),
-            "items 7, pending 1 of 3 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  EXPECT_EQ(counted(), "items 7, pending 1 of 3 bytes, cached 0 of 0 bytes, history 0 of 0 bytes");
   EXPECT_THAT(world.replica().status().pending, SizeIs(1));
   const auto after = world.replica().cost();
   EXPECT_EQ(after.visitsOfAllItems, before.visitsOfAllItems);
-  EXPECT_EQ(after.readingsOfRecovery, before.readingsOfRecovery);
 }
 
 TEST_F(StatusTest, EveryKindOfChangeIsCounted) {
   world.read("/b");
-  EXPECT_EQ(counted(),
-            "items 6, pending 0 of 0 bytes, cached 1 of 5 bytes, recovered 0 of 0 bytes");
+  EXPECT_EQ(counted(), "items 6, pending 0 of 0 bytes, cached 1 of 5 bytes, history 0 of 0 bytes");
   goOffline();
   world.write("/new", "123");
   world.append("/b", "678");
   world.rename("/a", "/folder/moved");
   world.remove("/c");
   world.makeFolder("/made");
-  EXPECT_EQ(counted(),
-            "items 8, pending 5 of 11 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  EXPECT_EQ(counted(), "items 8, pending 5 of 11 bytes, cached 0 of 0 bytes, history 1 of 5 bytes");
   world.append("/new", "45");
   EXPECT_EQ(world.replica().status().pendingBytes, 13);
   world.remove("/new");
-  EXPECT_EQ(counted(),
-            "items 7, pending 4 of 8 bytes, cached 0 of 0 bytes, recovered 0 of 0 bytes");
+  EXPECT_EQ(counted(), "items 7, pending 4 of 8 bytes, cached 0 of 0 bytes, history 3 of 13 bytes");
   world.extension().setDown(false);
   ASSERT_TRUE(world.settle());
-  EXPECT_EQ(counted(),
-            "items 6, pending 0 of 0 bytes, cached 1 of 8 bytes, recovered 0 of 0 bytes");
+  EXPECT_EQ(counted(), "items 6, pending 0 of 0 bytes, cached 1 of 8 bytes, history 3 of 13 bytes");
   world.replica().evict(replica::kRootRid);
   EXPECT_EQ(world.replica().status().cachedFiles, 0);
 }
 
-TEST_F(StatusTest, WhatIsGivenUpIsCountedInTheRecoveryArea) {
+TEST_F(StatusTest, WhatIsGivenUpIsCountedInTheHistory) {
   goOffline();
   world.write("/new", "123");
   world.replica().discard(replica::kRootRid);
-  EXPECT_EQ(counted(),
-            "items 6, pending 0 of 0 bytes, cached 0 of 0 bytes, recovered 1 of 3 bytes");
+  EXPECT_EQ(counted(), "items 6, pending 0 of 0 bytes, cached 0 of 0 bytes, history 1 of 3 bytes");
 }
 
 TEST_F(StatusTest, TheCountsAreTheSameAfterANewStart) {
@@ -113,29 +102,6 @@ TEST_F(StatusTest, TheListOfPendingItemsIsAsLongAsItIsAskedFor) {
   EXPECT_EQ(status.pending[1].path, "/2");
   EXPECT_EQ(status.pendingCount, 3);
   EXPECT_THAT(world.replica().status(0).pending, IsEmpty());
-}
-
-TEST_F(StatusTest, ARecoveryAreaThatCannotBeReadDoesNotKeepItFromBeingTold) {
-  goOffline();
-  world.write("/new", "123");
-  world.replica().discard(replica::kRootRid);
-  fs::rename(recovery(), recovery() + ".away");
-  fs::create_symlink("/", recovery());
-  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
-  world.advance(minutes(5));
-  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
-  fs::remove(recovery());
-  fs::rename(recovery() + ".away", recovery());
-}
-
-TEST_F(StatusTest, FilesThatAPersonTookFromTheRecoveryAreaAreNoLongerCountedAfterAWhile) {
-  goOffline();
-  world.write("/new", "123");
-  world.replica().discard(replica::kRootRid);
-  for (const auto& entry : fs::directory_iterator(recovery())) fs::remove(entry.path());
-  world.advance(minutes(2));
-  EXPECT_EQ(world.replica().status().recoveredFiles, 0);
-  EXPECT_EQ(world.replica().status().recoveredBytes, 0);
 }
 
 }  // namespace

@@ -347,7 +347,7 @@ TEST_F(SynchronisationTest, FileThatIsHereGoesOnlyAfterASecondLook) {
   EXPECT_TRUE(world.exists("/a")) << "one listing lacked it";
   world.advance(seconds(5));
   EXPECT_FALSE(world.exists("/a"));
-  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
+  EXPECT_EQ(world.replica().status().history.files, 1);
 }
 
 TEST_F(SynchronisationTest, RefusedNameIsUndone) {
@@ -427,7 +427,7 @@ TEST_F(SynchronisationTest, FileReplacedBetweenALookAtItsNameAndItsOpeningCanBeO
   EXPECT_EQ(world.server().read("/a"), "new");
 }
 
-TEST_F(SynchronisationTest, DiscardedChangesAreKeptInTheRecoveryArea) {
+TEST_F(SynchronisationTest, DiscardedChangesAreKeptInTheHistory) {
   world.server().writeFile("/a", "theirs");
   world.read("/a");
   world.extension().setDown(true);
@@ -438,7 +438,7 @@ TEST_F(SynchronisationTest, DiscardedChangesAreKeptInTheRecoveryArea) {
   world.advance(seconds(60));
   EXPECT_EQ(world.read("/a"), "theirs");
   EXPECT_EQ(world.server().read("/a"), "theirs");
-  EXPECT_EQ(world.replica().status().recoveredFiles, 1);
+  EXPECT_THAT(world.history(), testing::UnorderedElementsAre("mine", "theirs"));
 }
 
 }  // namespace

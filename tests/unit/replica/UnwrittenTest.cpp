@@ -64,6 +64,25 @@ TEST_F(UnwrittenTest, CallsThatCannotBeNotedFailAndChangeNothing) {
   EXPECT_EQ(world.server().read("/a"), "contents");
 }
 
+TEST_F(UnwrittenTest, ContentsThatCannotBeReplacedAreNotInTheHistory) {
+  world.write("/a", "contents");
+  EXPECT_TRUE(world.settle());
+  {
+    const NothingCanBeWritten full;
+    EXPECT_NE(errorOf([&] { world.open("/a", {.write = true, .truncate = true}); }), "");
+    EXPECT_NE(errorOf([&] { world.append("/a", "more"); }), "");
+    world.advance(seconds(20));
+  }
+  world.advance(seconds(20));
+  EXPECT_EQ(world.read("/a"), "contents");
+  EXPECT_EQ(world.replica().status().history.files, 0);
+  world.write("/a", "new");
+  EXPECT_THAT(world.history(), ElementsAre("contents"));
+  world.crash();
+  EXPECT_THAT(world.history(), ElementsAre("contents"));
+  EXPECT_EQ(world.read("/a"), "new");
+}
+
 TEST_F(UnwrittenTest, RenameWithoutRoomForItsRowIsWrittenAndSentLater) {
   world.write("/a", "contents");
   EXPECT_TRUE(world.settle());

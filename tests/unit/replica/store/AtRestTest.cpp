@@ -109,7 +109,8 @@ TEST_F(AtRestTest, WhatAProcessThatDiedLeftInTheLogIsSeenAndStaysThere) {
 TEST_F(AtRestTest, ADatabaseOfAnEarlierVersionIsUnderstoodAndLeftAsItIs) {
   fill();
   alter(
-      "ALTER TABLE items DROP COLUMN accessed; ALTER TABLE items DROP COLUMN changed;"
+      "DROP TABLE history; ALTER TABLE items DROP COLUMN accessed;"
+      "ALTER TABLE items DROP COLUMN changed;"
       "ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
   const auto before = bytesOf("/replica.db");
   expectAll();
@@ -124,7 +125,17 @@ TEST_F(AtRestTest, WhereNothingIsNothingWaits) {
   fs::create_directory(directory_.path() + "/recovery");
   std::ofstream(directory_.path() + "/recovery/7") << "precious";
   const auto unsent = unsentIn(directory_.path(), 5);
-  EXPECT_EQ(unsent.recovered, 1);
+  EXPECT_EQ(unsent.inHistory, 1);
+  EXPECT_FALSE(unsent.isNothing());
+}
+
+TEST_F(AtRestTest, WhatIsInTheHistoryIsKeptNowhereElse) {
+  {
+    ItemStore store(directory_.path());
+    store.keep({.content = 7});
+  }
+  const auto unsent = unsentIn(directory_.path(), 5);
+  EXPECT_EQ(unsent.inHistory, 1);
   EXPECT_FALSE(unsent.isNothing());
 }
 

@@ -76,7 +76,7 @@ class ContentFilesTest : public ::testing::Test {
 
 TEST_F(ContentFilesTest, MakesItsDirectoriesForTheOwnerOnly) {
   store();
-  for (const auto* name : {"contents", "recovery", "temporary"}) {
+  for (const auto* name : {"contents", "temporary"}) {
     EXPECT_EQ(modeOf(directory() + "/" + name), 0700u) << name;
   }
   EXPECT_EQ(store().temporaryDirectory(), directory() + "/temporary");

@@ -201,7 +201,8 @@ TEST_F(ItemStoreDamageTest, ADatabaseOfAnEarlierVersionIsBroughtUpToDate) {
   earlier.changed = 18;
   store().save(earlier);
   alter(
-      "ALTER TABLE items DROP COLUMN accessed; ALTER TABLE items DROP COLUMN changed;"
+      "DROP TABLE history; ALTER TABLE items DROP COLUMN accessed;"
+      "ALTER TABLE items DROP COLUMN changed;"
       "ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
   EXPECT_THAT(names(), ElementsAre("item 2"));
   EXPECT_EQ(rows().at(2).changed, 17);

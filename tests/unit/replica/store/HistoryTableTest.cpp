@@ -1,0 +1,93 @@
+#include "replica/store/HistoryTable.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "ItemStoreSupport.h"
+
+namespace kestrowan::replica {
+namespace {
+
+using namespace std::string_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+HistoryEntry entry(ContentNumber content, std::int64_t at, Confirmed confirmed = Confirmed::never) {
+  return {.content = content,
+          .item = 3,
+          .path = "/a\n\xFF\0b"s,
+          .version = "v\0 1"s,
+          .size = 12,
+          .modified = -5,
+          .reason = HistoryReason::updated,
+          .at = at,
+          .confirmed = confirmed};
+}
+
+class HistoryTableTest : public ItemStoreFixture {
+ protected:
+  std::vector<HistoryEntry> all() {
+    std::vector<HistoryEntry> entries;
+    store().history().load([&](const HistoryEntry& one) { entries.push_back(one); });
+    return entries;
+  }
+  static std::vector<ContentNumber> numbers(const std::vector<HistoryEntry>& entries) {
+    std::vector<ContentNumber> numbers;
+    for (const auto& one : entries) numbers.push_back(one.content);
+    return numbers;
+  }
+};
+
+TEST_F(HistoryTableTest, RowsAreWhatWasPut) {
+  store().keep(entry(7, 100));
+  reopen();
+  EXPECT_THAT(all(), ElementsAre(entry(7, 100)));
+  EXPECT_EQ(store().history().find(7), entry(7, 100));
+  EXPECT_EQ(store().history().find(8), std::nullopt);
+  store().forget(7);
+  EXPECT_THAT(all(), IsEmpty());
+}
+
+TEST_F(HistoryTableTest, PagesAreOfOneKindInTheOrderOfTheirAge) {
+  for (const auto& [content, at] : {std::pair{9, 100}, {8, 100}, {7, 300}, {6, 200}}) {
+    store().keep(entry(static_cast<ContentNumber>(content), at));
+  }
+  store().keep(entry(5, 50, Confirmed::once));
+  auto& table = store().history();
+  EXPECT_THAT(numbers(table.page(Confirmed::never, {}, 3)), ElementsAre(8, 9, 6));
+  EXPECT_THAT(numbers(table.page(Confirmed::never, {200, 6}, 3)), ElementsAre(7));
+  EXPECT_THAT(numbers(table.page(Confirmed::once, {}, 3)), ElementsAre(5));
+  EXPECT_THAT(numbers(table.page(Confirmed::notSent, {}, 3)), IsEmpty());
+}
+
+TEST_F(HistoryTableTest, RowsBecomeTrueWithTheItemsOrNotAtAll) {
+  {
+    ItemStore::Transaction transaction(store());
+    store().keep(entry(7, 100));
+  }
+  EXPECT_THAT(all(), IsEmpty());
+  ItemStore::Transaction transaction(store());
+  store().keep(entry(7, 100));
+  transaction.commit();
+  EXPECT_THAT(numbers(all()), ElementsAre(7));
+}
+
+TEST_F(HistoryTableTest, RowsThatMakeNoSenseAreLeftOut) {
+  for (ContentNumber content = 1; content < 8; ++content) store().keep(entry(content, 100));
+  close();
+  Database(file()).execute(
+      "UPDATE history SET size=-1 WHERE content=1;"
+      "UPDATE history SET reason=99 WHERE content=2;"
+      "UPDATE history SET confirmed=-1 WHERE content=3;"
+      "UPDATE history SET at=9223372036854775807 WHERE content=4;"
+      "UPDATE history SET content=-5 WHERE content=5;"
+      "UPDATE history SET size=9223372036854775807 WHERE content=6");
+  EXPECT_THAT(numbers(all()), ElementsAre(7));
+  EXPECT_THAT(numbers(store().history().page(Confirmed::never, {}, 10)), ElementsAre(7));
+  EXPECT_EQ(store().history().find(1), std::nullopt);
+}
+
+}  // namespace
+}  // namespace kestrowan::replica

@@ -1,0 +1,36 @@
+#include "replica/store/VersionPace.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace kestrowan::replica {
+namespace {
+
+constexpr std::int64_t kMinute = 60'000;
+
+TEST(VersionPaceTest, OneVersionAMinuteIsKept) {
+  VersionPace pace;
+  EXPECT_TRUE(pace.isDue("/a", 0));
+  pace.noteKept("/a", 0);
+  EXPECT_FALSE(pace.isDue("/a", kMinute - 1));
+  EXPECT_TRUE(pace.isDue("/a", kMinute));
+  EXPECT_TRUE(pace.isDue("/b", 1)) << "another file";
+}
+
+TEST(VersionPaceTest, CopiesTakeATwentiethOfTheTime) {
+  VersionPace pace;
+  pace.noteKept("/a", 0, 10'000);
+  EXPECT_FALSE(pace.isDue("/a", 189'999));
+  EXPECT_TRUE(pace.isDue("/a", 190'000));
+}
+
+TEST(VersionPaceTest, WhatIsDueAnyhowIsForgotten) {
+  VersionPace pace;
+  for (std::int64_t i = 0; i < 100'000; ++i) pace.noteKept(std::to_string(i), i * 1000);
+  EXPECT_LE(pace.size(), 3000u);
+  EXPECT_FALSE(pace.isDue("99999", 99'999 * std::int64_t{1000} + 1));
+}
+
+}  // namespace
+}  // namespace kestrowan::replica
