@@ -274,7 +274,7 @@ void Replica::Implementation::settleOrphans(const std::unordered_set<ContentNumb
       HistoryEntry entry;
       entry.content = number;
       entry.size = status.st_size;
-      entry.modified = status.st_mtim.tv_sec * kSecond + status.st_mtim.tv_nsec;
+      entry.modified = nanoseconds(status.st_mtim);
       entry.at =
           isWhole ? std::min<std::int64_t>(status.st_mtim.tv_sec, core.seconds()) : core.seconds();
       entry.reason = reason;
