@@ -60,8 +60,8 @@ void recognise(Edit& edit, const Item& item, ItemNumber asker) {
     for (const IntentNumber intent : done) edit.end(intent);
   }
   const Item* other = edit->find(asker);
-  const bool isForOther = other && other != &item && !other->there() &&
-                          other->kind() == item.kind() && !item.here() && !item.agreed();
+  const bool isForOther =
+      other && other != &item && !other->there() && other->kind() == item.kind() && !item.agreed();
   if (isForOther) return give(edit, number, asker);
   edit.setAgreed(number, item.there());
   // A second copy is removed while the first one is there, if that is still wanted.

@@ -77,6 +77,18 @@ TEST_F(MergeTest, RemovesASecondCopyAfterTheFirstIsKnownToBeThere) {
   EXPECT_EQ(state_.plan(stray), settling(Resolution::show, stray));
 }
 
+TEST_F(MergeTest, GivesAFileThatIsKnownToNoOther) {
+  const ItemNumber a = state_.file(top("a"));
+  const ItemNumber b = state_.fileHere(top("b"));
+  state_.sent(Verb::put, b, "", "a", kOurs);
+  state_.changeThere(a, kOurs);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::own, a, b));
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.item(a).here()->content, kOld);
+  EXPECT_FALSE(state_.item(b).there());
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kOld}));
+}
+
 TEST_F(MergeTest, RemovesASecondCopyAtOnceWhenTheFirstIsToGoToo) {
   const ItemNumber b = state_.file(top("b"), kOurs);
   state_.sent(Verb::put, b, "", "a", kOurs);
@@ -193,6 +205,22 @@ TEST_F(MergeTest, BringsBackWhatChangedThereAfterItsRemoval) {
   EXPECT_EQ(state_.plan(a), settling(Resolution::back, a));
   state_.settlePlanned(a);
   EXPECT_EQ(state_.plan(a), settling(Resolution::show, a));
+}
+
+TEST_F(MergeTest, BringsAFolderBackForWhatWasNeverSeenInIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.remove(d);
+  EXPECT_EQ(state_.plan(d), Step(Push{Change::remove, d, top("d"), kNone}));
+  {
+    const View view(state_.tree());
+    EXPECT_EQ(foldersOf(*view, Push{Change::remove, d, top("d"), kNone}),
+              (std::vector{ItemNumber::root, d}))
+        << "it is listed before";
+  }
+  const ItemNumber unseen = state_.fileThere({d, "f"});
+  EXPECT_EQ(state_.plan(d), Step(WaitFor{unseen}));
+  state_.settlePlanned(unseen);
+  EXPECT_EQ(state_.plan(d), settling(Resolution::show, d));
 }
 
 TEST_F(MergeTest, RemovesThereWhatWasRemovedHere) {

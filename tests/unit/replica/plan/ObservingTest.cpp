@@ -137,6 +137,16 @@ TEST_F(ObservingTest, FollowsMovesThatCameOneAfterTheOther) {
   EXPECT_EQ(state_.item(a).there()->place, top("c"));
 }
 
+TEST_F(ObservingTest, FollowsAllMovesThatHaveLanded) {
+  const ItemNumber a = state_.file(top("a"));
+  const ItemNumber b = state_.file(top("b"));
+  state_.sent(Verb::move, a, "a", "x");
+  state_.sent(Verb::move, b, "b", "y");
+  lookAtRoot({{"x", file()}, {"y", file()}});
+  EXPECT_EQ(state_.item(a).there()->place, top("x"));
+  EXPECT_EQ(state_.item(b).there()->place, top("y"));
+}
+
 TEST_F(ObservingTest, KnowsRequestsBelowAMovedFolderByBothPaths) {
   const ItemNumber d = state_.folder(top("d"));
   const ItemNumber f = state_.fileHere({d, "f"});
@@ -146,6 +156,11 @@ TEST_F(ObservingTest, KnowsRequestsBelowAMovedFolderByBothPaths) {
                     {Path().child("d"), std::nullopt},
                     {Path().child("e"), Listing{{"f", file()}}}};
   EXPECT_TRUE(look(listings, kStart, {d}).empty());
+  std::vector<std::string> targets;
+  for (const auto& [number, intent] : state_.journal().intents()) {
+    targets.push_back(intent.target->text());
+  }
+  EXPECT_EQ(targets, (std::vector<std::string>{"e", "d/f", "e/f"}));
   const Item* found = thereAt({d, "f"});
   ASSERT_TRUE(found);
   EXPECT_EQ(state_.plan(found->number()), Step(Fetch{found->number()}));
