@@ -14,10 +14,20 @@ namespace {
 
 constexpr std::chrono::milliseconds kRetirement{5000};
 constexpr std::int64_t kGibibyte = std::int64_t{1} << 30;
+/// Milliseconds.
+constexpr std::int64_t kFreshTime = 60'000;
 
 const Logger& replicaLog() {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
   return log;
+}
+
+/// Whether the item's contents are a version to be kept. What was not written just now is no part
+/// of a quick succession, whatever had the name before.
+bool isVersionDue(const Item& item, const VersionPace& pace, const std::string& path,
+                  std::int64_t now) {
+  const bool isFresh = item.lastWrite != 0 && now - item.lastWrite < kFreshTime;
+  return !isFresh || pace.isDue(path, now);
 }
 
 }  // namespace
@@ -60,7 +70,7 @@ void Departures::leaveWith(const ItemPtr& item, HistoryReason reason) {
   if (item->content == 0 || item->size == 0 || item->sizeInHistory) return;
   auto entry = entryOf(*item, reason);
   if (reason == HistoryReason::replaced) {
-    if (!history_.pace().isDue(entry.path, core_.uptime())) return;
+    if (!isVersionDue(*item, history_.pace(), entry.path, core_.uptime())) return;
     history_.pace().noteKept(entry.path, core_.uptime());
   }
   keep(std::move(entry));
@@ -93,7 +103,7 @@ void Departures::leaveVersion(const Item& item, ContentNumber content, std::int6
                               Confirmed confirmed) {
   if (content == 0 || isKept(content)) return;
   auto entry = entryOf(item, HistoryReason::replaced);
-  if (size == 0 || !history_.pace().isDue(entry.path, core_.uptime())) {
+  if (size == 0 || !isVersionDue(item, history_.pace(), entry.path, core_.uptime())) {
     retire(content);
     return;
   }

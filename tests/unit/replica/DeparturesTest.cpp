@@ -279,6 +279,16 @@ TEST_F(DeparturesTest, SavesByRenamingKeepOneVersionAMinuteToo) {
   EXPECT_EQ(world.read("/a"), "12");
 }
 
+TEST_F(DeparturesTest, AnOldFileIsNoSaveInQuickSuccession) {
+  have("/report", "report");
+  have("/draft", "draft");
+  goOffline();
+  world.rename("/draft", "/report");
+  world.write("/new", "new");
+  world.rename("/new", "/report");
+  EXPECT_THAT(world.history(), ElementsAre("draft", "report"));
+}
+
 TEST_F(DeparturesTest, WhatIsOlderThanAWeekGoes) {
   goOffline();
   world.write("/a", "bytes");

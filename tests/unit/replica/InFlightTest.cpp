@@ -378,6 +378,7 @@ TEST_F(InFlightTest, SyncedContentsOutliveALaterWriteWhileTheyAreSent) {
 
 TEST_F(InFlightTest, ReplacedContentsThatAreNoVersionAreGoneAfterAWhile) {
   world.extension().setDown(true);
+  world.advance(seconds(1));
   world.write("/a", "first");
   world.write("/a", "second");
   world.write("/a", "third");
