@@ -97,6 +97,35 @@ def test_a_file_goes_over_another_and_back(begin, name, other):
     assert "/" + other not in tree
 
 
+@pytest.mark.parametrize("end", [
+    "nothing", pytest.param("kill", marks=pytest.mark.xfail(
+        strict=True, reason="after a restart the file is never made anew, and waits for ever"))])
+def test_a_file_that_was_renamed_here_and_removed_there_is_made_anew(begin, end):
+    both = begin({"a": OLD, "b": OLD})
+    both.server.stop()
+    os.rename(both.here / "a", both.here / "c")
+    write(both.here / "b", OURS)
+    (both.there / "a").unlink()
+    if end == "kill":
+        both.place.mounts[-1].kill()
+        both.place.mount("--drain", "0").ready()
+    both.server.start()
+    assert both.place.run("wait", "--timeout", "30").returncode == DONE
+    assert both.settle() == {"/b": OURS, "/c": OLD}
+
+
+@pytest.mark.xfail(strict=True, reason="two changes wait for one another, and for ever")
+def test_a_file_comes_back_over_the_one_that_took_its_place(begin):
+    both = begin({"a": b"a document", "b": OLD})
+    both.server.stop()
+    os.rename(both.here / "a", both.here / "b")
+    write(both.here / "a", OURS)
+    os.rename(both.here / "b", both.here / "a")
+    both.server.start()
+    assert both.place.run("wait", "--timeout", "20").returncode == DONE
+    assert both.settle() == {"/a": b"a document"}
+
+
 @pytest.mark.parametrize("are_here, again", [(True, "before"), (False, "after")])
 def test_what_was_moved_into_a_folder_that_then_went_is_removed(begin, are_here, again):
     both = begin({"a": OLD, "b": OLD, "c": OLD}, are_here)
