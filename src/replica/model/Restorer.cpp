@@ -68,7 +68,7 @@ State Restorer::finish(const IsProper& isProper) {
     leaveOut(improper);
   }
   putInPlaces();
-  if (!leftOut_.empty()) doubtListings();
+  if (isMissingSome_ || !leftOut_.empty()) doubtListings();
   return std::move(state_);
 }
 

@@ -23,11 +23,15 @@ class Restorer {
   void add(KeptItem kept);
   /// False when there is one of that number.
   bool add(const Intent& intent);
+  /// There were more items, which are missing.
+  void noteMissing() { isMissingSome_ = true; }
   /// The numbers that the next item and the next intent get at least.
   void setNext(ItemNumber item, IntentNumber intent);
 
   /// Leaves out every item that is, here or at the provider, in no folder that leads to the root,
-  /// or is not proper; and, of two items at one place, one that is in step.
+  /// or is not proper; and, of two items at one place, one that is in step. When there are any, or
+  /// items are missing, what is known of folders is no proof any more: they count as listed at the
+  /// beginning of time.
   State finish(const IsProper& isProper);
   /// The items that were left out, one number for each.
   const std::vector<ItemNumber>& leftOut() const { return leftOut_; }
@@ -49,6 +53,7 @@ class Restorer {
 
   State state_;
   std::vector<ItemNumber> leftOut_;
+  bool isMissingSome_ = false;
 };
 
 }  // namespace kestrowan::replica::model
