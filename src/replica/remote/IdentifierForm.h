@@ -16,6 +16,8 @@ class IdentifierForm {
   /// An identifier says nothing of the item's place, but begins with `prefix`.
   static IdentifierForm opaque(std::string prefix = {});
 
+  /// Whether an item's identifier follows from where it is.
+  bool arePaths() const { return arePaths_; }
   static bool isRoot(std::string_view identifier);
   /// Whether an item other than the root can have that identifier.
   bool isItem(std::string_view identifier) const;

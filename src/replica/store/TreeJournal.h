@@ -1,0 +1,90 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "replica/model/Journal.h"
+#include "replica/model/State.h"
+#include "replica/remote/IdentifierForm.h"
+#include "replica/store/Database.h"
+#include "replica/store/Durability.h"
+#include "replica/store/Reservations.h"
+#include "replica/store/Statement.h"
+#include "replica/store/WriteAheadLog.h"
+
+namespace kestrowan::replica::store {
+
+/// The tree's rows on disk: one SQLite database with a write-ahead log, one transaction for each
+/// edit, one row for each item and each intent. A committed edit survives the death of the process;
+/// after `sync` it survives a power failure too.
+///
+/// Usable from every thread. Everything throws `NSError` of `NSPOSIXErrorDomain` with a text that
+/// names the file: EIO for a damaged database, ENOSPC for a full disk, ENOTSUP for one that a later
+/// version of the program wrote, EBUSY for one that is in use elsewhere.
+class TreeJournal : public model::Journal, public Durability {
+ public:
+  /// Writes rows of what left its item, in the transaction of the edit, into tables of its own.
+  using WriteLeft = std::function<void(Database&, const std::vector<model::Left>&)>;
+
+  /// Contents that no item has any more since an earlier version's rows were taken over.
+  struct Orphan {
+    model::Content content = model::Content::none;
+    /// By which its item was known.
+    std::string name;
+  };
+
+  /// Opens or creates "replica.db" in `directory`; rows of an earlier version are taken over.
+  TreeJournal(const std::string& directory, remote::IdentifierForm form, model::Time now);
+  ~TreeJournal() override;
+  TreeJournal(const TreeJournal&) = delete;
+  TreeJournal& operator=(const TreeJournal&) = delete;
+
+  /// Reads all. To be called once, before the first edit. Requests that were under way when the
+  /// rows were written still are.
+  model::State load();
+  /// How many rows were left out, at this load or before: contents that no row names may be theirs.
+  std::size_t leftOut() const { return leftOut_; }
+  /// Removes the rows that were left out. To be called once their contents are safe.
+  void forgetLeftOut();
+
+  /// What `write` hands to another for the history. Before the first edit.
+  void setWriteLeft(WriteLeft writeLeft);
+  std::vector<Orphan> orphans();
+  void forgetOrphans();
+
+  /// The numbers of contents from this one on were never given by a process that wrote this
+  /// database: a file of such a number is newer than the database.
+  model::Content firstFreeContent();
+
+  void write(const model::Changes& changes) override;
+  void sync() override;
+  /// Gives space back to the file system when much of the file is unused. Edits wait meanwhile.
+  void compact();
+
+ private:
+  void run(const std::function<void()>& statements, bool isOne);
+  void saveAll(const model::Changes& changes);
+  void remove(Statement& statement, std::int64_t number);
+
+  const remote::IdentifierForm form_;
+  std::mutex mutex_;  // guards what follows but the log
+  const std::unique_ptr<Database> database_;
+  Statement saveItem_;
+  Statement removeItem_;
+  Statement saveIntent_;
+  Statement removeIntent_;
+  Statement begin_;
+  Statement commit_;
+  Statement rollback_;
+  Reservations numbers_;
+  WriteLeft writeLeft_;
+  std::vector<std::int64_t> leftOutItems_;
+  std::vector<std::int64_t> leftOutIntents_;
+  std::size_t leftOut_ = 0;
+  WriteAheadLog log_;
+};
+
+}  // namespace kestrowan::replica::store

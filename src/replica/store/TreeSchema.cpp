@@ -1,0 +1,94 @@
+#include "replica/store/TreeSchema.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+#include "platform/foundation/NSError.h"
+#include "replica/store/IntentRow.h"
+#include "replica/store/Schema.h"
+#include "replica/store/Statement.h"
+#include "replica/store/TakeoverRun.h"
+#include "replica/store/TreeRow.h"
+
+namespace kestrowan::replica::store {
+
+namespace {
+
+/// The first version that has a tree. Those between are left to the versions before.
+constexpr std::int64_t kFirstTree = 100;
+constexpr std::int64_t kNewest = kFirstTree;
+constexpr std::int64_t kApplication = 0x4B705270;
+/// The first numbers that are not given yet; how many rows were left out and not made up for. Items
+/// and contents had one series of numbers.
+constexpr const char* kMakeSeries =
+    "CREATE TABLE series("
+    " item INTEGER NOT NULL, intent INTEGER NOT NULL, content INTEGER NOT NULL,"
+    " left_out INTEGER NOT NULL"
+    ") STRICT;"
+    "INSERT INTO series SELECT next,1+(SELECT count(*) FROM intents),next,0 FROM numbers;";
+/// Contents that no item has any more.
+constexpr const char* kMakeOrphans =
+    "CREATE TABLE orphans(content INTEGER PRIMARY KEY, name BLOB NOT NULL) STRICT;";
+
+[[noreturn]] void refuse(const Database& database, int number, const char* reason) {
+  throw NSError(NSPOSIXErrorDomain, number,
+                {{std::string(NSLocalizedDescriptionKey), database.path() + ": " + reason},
+                 {std::string(NSFilePathErrorKey), database.path()}});
+}
+
+void checkWhole(Database& database) {
+  Statement check(database, "PRAGMA quick_check(1)");
+  if (check.step() && check.bytes(0) == "ok") return;
+  refuse(database, EIO, "the database is damaged");
+}
+
+void takeOver(Database& database, const remote::IdentifierForm& form, model::Time now) {
+  database.execute("BEGIN IMMEDIATE");
+  try {
+    database.execute(kMakeTree);
+    database.execute(kMakeIntents);
+    database.execute(kMakeOrphans);
+    TakeoverRun takeover(database, form, now);
+    takeover.run();
+    database.execute(kMakeSeries);
+    const std::string leftOut = std::to_string(takeover.leftOut());
+    database.execute(("UPDATE series SET left_out=" + leftOut).c_str());
+    database.execute("DROP TABLE items; DROP TABLE numbers;");
+    database.execute(("PRAGMA user_version=" + std::to_string(kFirstTree)).c_str());
+    database.execute("COMMIT");
+  } catch (...) {
+    if (database.isInTransaction()) database.execute("ROLLBACK");
+    throw;
+  }
+}
+
+bool hasTree(const std::string& path) {
+  Database database(path);
+  const auto version = database.number("PRAGMA user_version");
+  if (version > kNewest) {
+    refuse(database, ENOTSUP, "a later version of the program has written this database");
+  }
+  if (version < kFirstTree) return false;
+  if (database.number("PRAGMA application_id") != kApplication) {
+    refuse(database, EIO, "this is no database of the replica");
+  }
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<Database> openTreeDatabase(const std::string& path,
+                                           const remote::IdentifierForm& form, model::Time now) {
+  if (hasTree(path)) {
+    auto database = std::make_unique<Database>(path);
+    checkWhole(*database);
+    database->beginLogging();
+    return database;
+  }
+  auto database = openReplicaDatabase(path);
+  takeOver(*database, form, now);
+  return database;
+}
+
+}  // namespace kestrowan::replica::store

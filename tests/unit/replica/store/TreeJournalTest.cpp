@@ -1,0 +1,435 @@
+#include "replica/store/TreeJournal.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <optional>
+
+#include "ItemStoreSupport.h"
+#include "replica/model/Edit.h"
+#include "replica/model/KeptItem.h"
+#include "replica/model/View.h"
+
+namespace kestrowan::replica::store {
+namespace {
+
+using model::Attributes;
+using model::Content;
+using model::Edit;
+using model::Here;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::KeptItem;
+using model::Kind;
+using model::Path;
+using model::Place;
+using model::There;
+using model::Time;
+using model::Tree;
+using model::Verb;
+using model::View;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+
+constexpr Time kNow{milliseconds(1'700'000'000'000)};
+
+class TreeJournalTest : public testing::Test {
+ protected:
+  TreeJournalTest() { open(); }
+
+  void open() {
+    journal_.emplace(directory(), remote::IdentifierForm::paths(), kNow);
+    tree_.emplace(*journal_, journal_->load());
+  }
+  /// Closes and opens it, with these statements between.
+  void reopen(const char* statements = nullptr) {
+    tree_.reset();
+    journal_.reset();
+    if (statements) Database(directory() + "/replica.db").execute(statements);
+    open();
+  }
+  std::string directory() const { return directory_.path(); }
+
+  /// In step, in the root.
+  ItemNumber add(Kind kind, const std::string& name, ItemNumber folder = ItemNumber::root) {
+    Edit edit(*tree_);
+    const ItemNumber number = edit.make(kind);
+    There there{{folder, name}, {kind == Kind::file ? "1" : ""}, Content::none};
+    there.size = 7;
+    edit.setHere(number, Here{there.place, Content::none});
+    edit.setThere(number, there);
+    edit.setAgreed(number, there);
+    edit.commit();
+    return number;
+  }
+
+  std::map<ItemNumber, KeptItem> items() const {
+    const View view(*tree_);
+    std::map<ItemNumber, KeptItem> result;
+    for (std::uint64_t i = 1; i < 50; ++i) {
+      if (const Item* item = view->find(ItemNumber{i})) result[ItemNumber{i}] = keptItem(*item);
+    }
+    return result;
+  }
+
+  std::int64_t rowsIn(const char* table) {
+    const std::string count = std::string("SELECT count(*) FROM ") + table;
+    tree_.reset();
+    journal_.reset();
+    std::int64_t rows = 0;
+    {
+      Database database(directory() + "/replica.db");
+      rows = database.number(count.c_str());
+    }
+    open();
+    return rows;
+  }
+
+  test::TemporaryDirectory directory_;
+  std::optional<TreeJournal> journal_;
+  std::optional<Tree> tree_;
+};
+
+/// Everything that an item can have.
+void fill(Edit& edit, ItemNumber number, ItemNumber folder) {
+  edit.setHere(number, Here{{folder, "here"}, Content{70}});
+  There there{{folder, "there"}, {std::string("a\0b", 3)}, Content{71}};
+  there.size = 1'000'000'000'000;
+  there.date = model::Date(seconds(-5));
+  there.capabilities = ~NSFileProviderItemCapabilities{0};
+  edit.setThere(number, there);
+  there.isVersionKnown = false;
+  there.date = std::nullopt;
+  there.place.name = "agreed";
+  edit.setAgreed(number, there);
+  edit.addAfter(number, ItemNumber{40});
+  edit.addAfter(number, ItemNumber{1'000'000'007});
+  Attributes attributes;
+  attributes.mode = 0;
+  attributes.localOnly = true;
+  attributes.pinned = true;
+  attributes.user = model::UserAttributes{{"user.a", std::string("\0", 1)}, {"user.b", ""}};
+  attributes.size = 0;
+  attributes.modified = model::FileTime(nanoseconds(-1));
+  attributes.changed = model::FileTime(nanoseconds(2));
+  attributes.accessed = model::FileTime(nanoseconds(3));
+  attributes.lastUse = Time(milliseconds(4));
+  attributes.listedAt = Time(milliseconds(5));
+  attributes.missingSince = Time(milliseconds(6));
+  attributes.conflict = model::ConflictNumber{7};
+  model::Failure failure;
+  failure.failureClass = model::FailureClass::held;
+  failure.domain = "domain";
+  failure.code = -1004;
+  failure.text = "text";
+  failure.since = Time(milliseconds(8));
+  failure.next = Time(milliseconds(9));
+  failure.tries = 10;
+  attributes.failure = failure;
+  edit.setAttributes(number, attributes);
+}
+
+TEST_F(TreeJournalTest, GivesBackWhatWasWritten) {
+  const ItemNumber folder = add(Kind::folder, "d");
+  const ItemNumber full = add(Kind::file, "f");
+  add(Kind::file, "plain", folder);
+  {
+    Edit edit(*tree_);
+    fill(edit, full, folder);
+    const ItemNumber hereOnly = edit.make(Kind::file);
+    edit.setHere(hereOnly, Here{{folder, "new"}, Content{72}});
+    const ItemNumber thereOnly = edit.make(Kind::folder);
+    edit.setThere(thereOnly, There{{ItemNumber::root, "theirs"}, {}, Content::none});
+    edit.make(Kind::file);
+    Attributes attributes;
+    attributes.listedAt = kNow;
+    edit.setAttributes(ItemNumber::root, attributes);
+    edit.commit();
+  }
+  const auto before = items();
+  EXPECT_EQ(before.size(), 7U);
+  reopen();
+  EXPECT_EQ(journal_->leftOut(), 0U);
+  EXPECT_EQ(items(), before);
+  const View view(*tree_);
+  EXPECT_TRUE(view->item(folder).agreed().isSameAs(view->item(folder).there()));
+}
+
+TEST_F(TreeJournalTest, GivesBackTheRequestsWithoutAnAnswer) {
+  Intent put;
+  put.target = Path().child("d").child("f");
+  put.item = ItemNumber{9};
+  put.content = Content{3};
+  put.until = kNow;
+  Intent move;
+  move.verb = Verb::move;
+  move.source = Path().child("a");
+  move.target = Path().child("b");
+  move.ended = kNow;
+  move.until = kNow + seconds(1);
+  move.looked = true;
+  move.over = true;
+  model::IntentNumber gone;
+  {
+    Edit edit(*tree_);
+    edit.add(put);
+    gone = edit.add(put);
+    edit.add(move);
+    edit.commit();
+  }
+  {
+    Edit edit(*tree_);
+    edit.end(gone);
+    edit.commit();
+  }
+  const auto before = View(*tree_)->intents().all();
+  EXPECT_EQ(before.size(), 2U);
+  reopen();
+  EXPECT_EQ(View(*tree_)->intents().all(), before);
+}
+
+TEST_F(TreeJournalTest, KeepsWhatWasCommittedThroughTheDeathOfTheProcess) {
+  tree_.reset();
+  journal_.reset();
+  const auto failure = inChild([&](auto) {
+    TreeJournal journal(directory(), remote::IdentifierForm::paths(), kNow);
+    Tree tree(journal, journal.load());
+    for (const char* name : {"a", "b"}) {
+      Edit edit(tree);
+      const ItemNumber number = edit.make(Kind::file);
+      edit.setHere(number, Here{{ItemNumber::root, name}, Content{5}});
+      edit.commit();
+    }
+    Edit open(tree);
+    open.drop(ItemNumber{2});
+    ::_exit(0);
+  });
+  ASSERT_EQ(failure, "");
+  open();
+  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
+  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "b"), nullptr);
+  Edit edit(*tree_);
+  EXPECT_GT(edit.make(Kind::file), ItemNumber{3}) << "what the dead process gave is never given";
+  EXPECT_GT(journal_->firstFreeContent(), Content{5});
+}
+
+TEST_F(TreeJournalTest, GivesNoNumberTwiceThatAnItemHadWhichIsGone) {
+  const ItemNumber gone = add(Kind::file, "a");
+  {
+    Edit edit(*tree_);
+    edit.drop(gone);
+    edit.commit();
+  }
+  reopen();
+  EXPECT_GT(add(Kind::file, "b"), gone);
+}
+
+TEST_F(TreeJournalTest, LeavesEverythingAsItWasWhenPartOfAnEditCannotBeWritten) {
+  const ItemNumber number = add(Kind::file, "a");
+  const auto before = items();
+  // The history's rows cannot be written, in the middle of a transaction.
+  journal_->setWriteLeft(
+      [](Database&, const std::vector<model::Left>&) { throw posixError(ENOSPC); });
+  {
+    Edit edit(*tree_);
+    edit.setHere(number, Here{{ItemNumber::root, "a"}, Content{5}});
+    edit.commit();
+  }
+  const auto changed = items();
+  {
+    Edit edit(*tree_);
+    edit.setHere(number, Here{{ItemNumber::root, "b"}, Content{6}});
+    EXPECT_THROW(edit.commit(), NSError);
+  }
+  EXPECT_EQ(items(), changed);
+  reopen();
+  EXPECT_EQ(items(), changed);
+  EXPECT_NE(before, changed);
+}
+
+TEST_F(TreeJournalTest, WritesOnceWhatIsTheSameHereAndThere) {
+  add(Kind::file, "a");
+  EXPECT_EQ(rowsIn("tree"), 1);
+  EXPECT_EQ(rowsIn("tree WHERE there_name IS NULL AND agreed_as_there=1 AND agreed_folder IS NULL"
+                   " AND there_identifier IS NULL"),
+            1);
+}
+
+TEST_F(TreeJournalTest, CanBeSyncedBesideAnEdit) {
+  add(Kind::file, "a");
+  const Edit edit(*tree_);
+  journal_->sync();
+}
+
+TEST_F(TreeJournalTest, CompactsWhatIsMostlyUnused) {
+  add(Kind::file, "a");
+  journal_->compact();
+  reopen();
+  EXPECT_EQ(items().size(), 2U);
+}
+
+TEST_F(TreeJournalTest, GoesOnOnceAFullDiskHasRoomAgain) {
+  if (!canMount()) GTEST_SKIP() << "no file system can be mounted";
+  const test::TemporaryDirectory small;
+  const auto failure = inChild([&](auto report) {
+    if (!mountSmallFileSystem(small.path())) return report("mount");
+    TreeJournal journal(small.path(), remote::IdentifierForm::paths(), kNow);
+    Tree tree(journal, journal.load());
+    std::size_t made = 0;
+    std::int64_t code = 0;
+    const auto make = [&] {
+      Edit edit(tree);
+      const ItemNumber number = edit.make(Kind::file);
+      const std::string name = std::to_string(made) + std::string(200, 'x');
+      edit.setHere(number, Here{{ItemNumber::root, name}, Content{5}});
+      edit.commit();
+      ++made;
+    };
+    try {
+      while (made < 100'000) make();
+    } catch (const NSError& error) {
+      code = error.code();
+    }
+    if (code != ENOSPC) return report("no error of a full disk");
+    if (View(tree)->count() != made + 1) return report("the tree was changed");
+    if (::mount("none", small.path().c_str(), "tmpfs", MS_REMOUNT, "size=64m") != 0) {
+      return report("remount");
+    }
+    make();
+    if (View(tree)->count() != made + 1) report("nothing was made");
+  });
+  EXPECT_EQ(failure, "");
+}
+
+struct Damage {
+  const char* what;
+  const char* statements;
+};
+
+class TreeDamageTest : public TreeJournalTest, public testing::WithParamInterface<Damage> {};
+
+/// Items 2 (a folder), 3 in it and 4 beside it; the damage is always of 3.
+TEST_P(TreeDamageTest, LeavesOutTheRowAlone) {
+  const ItemNumber folder = add(Kind::folder, "d");
+  const ItemNumber inside = add(Kind::file, "f", folder);
+  const ItemNumber beside = add(Kind::file, "g");
+  ASSERT_EQ(inside, ItemNumber{3});
+  reopen(GetParam().statements);
+  EXPECT_EQ(journal_->leftOut(), 1U) << GetParam().what;
+  EXPECT_EQ(View(*tree_)->find(inside), nullptr) << GetParam().what;
+  EXPECT_NE(View(*tree_)->find(folder), nullptr) << GetParam().what;
+  EXPECT_NE(View(*tree_)->find(beside), nullptr) << GetParam().what;
+  journal_->forgetLeftOut();
+  reopen();
+  EXPECT_EQ(journal_->leftOut(), 0U) << GetParam().what;
+  EXPECT_GT(add(Kind::file, "new"), beside);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, TreeDamageTest,
+    testing::Values(
+        Damage{"kind", "UPDATE tree SET kind=2 WHERE number=3"},
+        Damage{"no name", "UPDATE tree SET here_name=x'' WHERE number=3"},
+        Damage{"dots", "UPDATE tree SET here_name=CAST('..' AS BLOB) WHERE number=3"},
+        Damage{"slash", "UPDATE tree SET there_name=CAST('a/b' AS BLOB) WHERE number=3"},
+        Damage{"zero", "UPDATE tree SET here_name=x'6100' WHERE number=3"},
+        Damage{"folder below zero", "UPDATE tree SET here_folder=-1 WHERE number=3"},
+        Damage{"number too high",
+               "UPDATE tree SET here_content=9223372036854775807 WHERE number=3"},
+        Damage{"no such folder", "UPDATE tree SET here_folder=33 WHERE number=3"},
+        Damage{"no such folder there", "UPDATE tree SET there_folder=33 WHERE number=3"},
+        Damage{"in a file", "UPDATE tree SET here_folder=4 WHERE number=3"},
+        Damage{"in itself", "UPDATE tree SET kind=1,here_folder=3,there_folder=3 WHERE number=3"},
+        Damage{"the root's identifier",
+               "UPDATE tree SET there_identifier=CAST('/' AS BLOB) WHERE number=3"},
+        Damage{"another's identifier",
+               "UPDATE tree SET there_identifier=CAST('/Home' AS BLOB) WHERE number=3"},
+        Damage{"an identifier that leads up",
+               "UPDATE tree SET there_identifier=CAST('/d/../f' AS BLOB) WHERE number=3"},
+        Damage{"an agreed identifier that is none",
+               "UPDATE tree SET agreed_as_there=0,agreed_folder=2,agreed_name=x'66',"
+               "agreed_identifier=CAST('f' AS BLOB) WHERE number=3"},
+        Damage{"size", "UPDATE tree SET there_size=-1 WHERE number=3"},
+        Damage{"date", "UPDATE tree SET there_date=253402300800 WHERE number=3"},
+        Damage{"flag", "UPDATE tree SET agreed_as_there=2 WHERE number=3"},
+        Damage{"after", "UPDATE tree SET after=x'01' WHERE number=3"},
+        Damage{"mode", "UPDATE tree SET mode=4096 WHERE number=3"},
+        Damage{"attributes", "UPDATE tree SET user=x'09000000' WHERE number=3"},
+        Damage{"failure", "UPDATE tree SET failure_class=1 WHERE number=3"},
+        Damage{"a folder with contents", "UPDATE tree SET kind=1,here_content=5 WHERE number=3"}));
+
+TEST_F(TreeJournalTest, LeavesOutAForgedRowOfTheRoot) {
+  add(Kind::file, "a");
+  reopen("INSERT INTO tree(number,kind,here_folder,here_name) VALUES(1,0,0,x'')");
+  EXPECT_EQ(journal_->leftOut(), 1U);
+  EXPECT_TRUE(View(*tree_)->root().isFolder());
+  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
+}
+
+TEST_F(TreeJournalTest, LeavesOutTheSecondOfTwoItemsInOnePlace) {
+  add(Kind::file, "a");
+  add(Kind::file, "b");
+  reopen("UPDATE tree SET here_name=x'61' WHERE number=3");
+  EXPECT_EQ(journal_->leftOut(), 1U);
+  EXPECT_EQ(View(*tree_)->count(), 2U);
+  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
+}
+
+TEST_F(TreeJournalTest, DoubtsListingsWhenRowsAreMissing) {
+  const ItemNumber folder = add(Kind::folder, "d");
+  add(Kind::file, "a");
+  {
+    Edit edit(*tree_);
+    Attributes attributes;
+    attributes.listedAt = kNow;
+    edit.setAttributes(folder, attributes);
+    edit.commit();
+  }
+  reopen("UPDATE tree SET kind=7 WHERE number=3");
+  EXPECT_EQ(*View(*tree_)->item(folder).attributes().listedAt, Time());
+  journal_->forgetLeftOut();
+  reopen();
+  EXPECT_EQ(*View(*tree_)->item(folder).attributes().listedAt, Time());
+}
+
+TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
+  {
+    Intent put;
+    put.target = Path().child("a");
+    put.until = kNow;
+    Edit edit(*tree_);
+    for (int i = 0; i < 8; ++i) edit.add(put);
+    edit.commit();
+  }
+  reopen(
+      "UPDATE intents SET verb=4 WHERE number%8=1;"
+      "UPDATE intents SET target=NULL WHERE number%8=2;"
+      "UPDATE intents SET target=x'' WHERE number%8=3;"
+      "UPDATE intents SET target=CAST('a/../b' AS BLOB) WHERE number%8=4;"
+      "UPDATE intents SET source=x'61' WHERE number%8=5;"
+      "UPDATE intents SET until=9223372036854775807 WHERE number%8=6;"
+      "UPDATE intents SET looked=2 WHERE number%8=7;");
+  EXPECT_EQ(journal_->leftOut(), 7U);
+  EXPECT_EQ(View(*tree_)->intents().all().size(), 1U);
+}
+
+TEST_F(TreeJournalTest, RefusesADatabaseOfALaterVersion) {
+  tree_.reset();
+  journal_.reset();
+  Database(directory() + "/replica.db").execute("PRAGMA user_version=101");
+  EXPECT_EQ(errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); }),
+            ENOTSUP);
+}
+
+TEST_F(TreeJournalTest, HoldsItsDatabaseAlone) {
+  EXPECT_EQ(errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); }),
+            EBUSY);
+}
+
+}  // namespace
+}  // namespace kestrowan::replica::store
