@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "replica/NameRules.h"
 #include "replica/Records.h"
+#include "replica/remote/ValidName.h"
 #include "replica/store/RowReader.h"
 #include "replica/store/RowWriter.h"
 
@@ -50,7 +50,7 @@ std::optional<Path> readPath(RowReader& reader) {
     return std::nullopt;
   }
   for (Path up = *path; !up.isRoot(); up = up.folder()) {
-    if (!isValidName(up.name())) reader.refuse();
+    if (!remote::isValidName(up.name())) reader.refuse();
   }
   return path;
 }

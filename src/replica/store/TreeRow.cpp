@@ -4,8 +4,8 @@
 #include <limits>
 #include <utility>
 
-#include "replica/NameRules.h"
 #include "replica/Records.h"
+#include "replica/remote/ValidName.h"
 #include "replica/store/AttributeList.h"
 #include "replica/store/RowReader.h"
 #include "replica/store/RowWriter.h"
@@ -135,7 +135,7 @@ Place readPlace(RowReader& reader, std::string_view usualName, bool isRoot) {
   Place place;
   place.folder = reader.named<ItemNumber>();
   const std::string_view name = reader.bytesOr(usualName);
-  if (!isRoot && !isValidName(name)) reader.refuse();
+  if (!isRoot && !remote::isValidName(name)) reader.refuse();
   if (!isRoot) place.name = name;
   return place;
 }
