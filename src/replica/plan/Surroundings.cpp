@@ -45,14 +45,10 @@ Numbers concerning(const State& state, const Item& item, const std::vector<Path>
   Numbers numbers;
   add(state.intents().of(item.number()), numbers);
   for (const Path& path : paths) add(state.intents().around(path), numbers);
-  const Numbers nearest = numbers;
-  for (const IntentNumber number : nearest) {
-    const ItemNumber other = state.intents().find(number)->item;
-    if (other != ItemNumber::none) add(state.intents().of(other), numbers);
-  }
   return numbers;
 }
 
+/// True while it is under way, too.
 bool mustBeLookedFor(const Intent& intent, Time now) {
   return !intent.looked || (intent.until <= now && !intent.over);
 }
@@ -81,7 +77,6 @@ std::optional<Step> openOf(const State& state, const Numbers& numbers, Time now)
   std::vector<const Intent*> toLookFor;
   for (const IntentNumber number : numbers) {
     const Intent& intent = *state.intents().find(number);
-    if (intent.isUnderWay()) return WaitForAnswer{number};
     if (mustBeLookedFor(intent, now)) toLookFor.push_back(&intent);
   }
   if (toLookFor.empty()) return std::nullopt;

@@ -10,9 +10,8 @@ namespace kestrowan::replica::plan {
 /// What the requests without an answer need before anything is decided about an item; absent when
 /// its surroundings are clear. What is under way or unknown elsewhere is no matter.
 ///
-/// Of these requests: those that were made for it; those with a source or a target that is, is
-/// above or is below a place that it has here, there or in the agreed state; and those that were
-/// made for the item of one of these.
+/// Of these requests: those that were made for it, and those with a source or a target that is, is
+/// above or is below a place that it has here, there or in the agreed state.
 ///
 /// `WaitForAnswer` while one of them is under way, or one that keeps a listing from telling of
 /// these places (see `underWayAt`); `Look` when one has not been looked for since its end or since
