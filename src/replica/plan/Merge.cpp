@@ -96,8 +96,28 @@ std::optional<Step> removeThere(const Case& c) {
   return Push{Change::remove, c.item.number(), c.there->place, Content::none};
 }
 
+/// Its name or that of a folder on the way is one that stays here.
+bool staysHere(const Case& c) {
+  for (const Item* up = &c.item; up->number() != ItemNumber::root;) {
+    if (c.names.staysHere(up->here()->place.name)) return true;
+    up = &c.state.item(up->here()->place.folder);
+  }
+  return false;
+}
+
+std::optional<Step> keepHereAlone(const Case& c) {
+  if (!c.there && !c.agreed) return std::nullopt;
+  const auto& known = c.there ? c.there : c.agreed;
+  if (c.here->place == known->place || !staysHere(c)) return std::nullopt;
+  if (c.item.isFolder() || c.here->content != Content::none) return c.settle(Resolution::part);
+  if (!c.there) return c.settle(Resolution::forget);
+  if (c.item.isNewThere()) return c.settle(Resolution::pull);
+  return Fetch{c.item.number()};
+}
+
 std::optional<Step> createThere(const Case& c) {
   if (c.there || c.agreed) return std::nullopt;
+  if (staysHere(c)) return Nothing{};
   // Its bytes are nowhere any more.
   if (c.item.isFile() && c.here->content == Content::none) return c.settle(Resolution::forget);
   return Push{Change::create, c.item.number(), c.here->place, c.here->content};
@@ -147,9 +167,18 @@ std::optional<Step> sendContents(const Case& c) {
 }
 
 constexpr Row kRows[] = {
-    dropWhatIsNowhere, recogniseOurOwn, showWhatIsNew,         bringBackWhatChanged,
-    removeThere,       createThere,     followAFileThatIsGone, followAFolderThatIsGone,
-    mergeContents,     moveThere,       sendContents,
+    dropWhatIsNowhere,
+    recogniseOurOwn,
+    showWhatIsNew,
+    bringBackWhatChanged,
+    removeThere,
+    keepHereAlone,
+    createThere,
+    followAFileThatIsGone,
+    followAFolderThatIsGone,
+    mergeContents,
+    moveThere,
+    sendContents,
 };
 
 }  // namespace

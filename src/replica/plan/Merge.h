@@ -18,7 +18,8 @@ namespace kestrowan::replica::plan {
 ///                                     or, when it is the same, joins
 ///     -      other contents   yes     back
 ///     -      yes              yes     push: remove
-///     yes    -                -       push: create
+///     name   any              yes     part, when the item came to a name that stays here
+///     yes    -                -       push: create, unless its name stays here
 ///     file   -                yes     anew when it was changed here, else forget
 ///     folder -                yes     anew when it was moved or something stays in it, else forget
 ///     file   other contents   any     agree, pull or beside

@@ -5,11 +5,14 @@
 
 namespace kestrowan::replica::plan {
 
-/// Names for what cannot stay under its own. `number` counts from 1 until a name is free; each
-/// gives another valid name.
+/// What names mean, and names for what cannot stay under its own. `number` counts from 1 until a
+/// name is free; each gives another valid name.
 class Names {
  public:
   virtual ~Names() = default;
+
+  /// What has this name, and what is in it, is never sent.
+  virtual bool staysHere(std::string_view name) const = 0;
 
   /// For contents of ours that lie beside the provider's.
   virtual std::string conflict(std::string_view name, unsigned number) const = 0;

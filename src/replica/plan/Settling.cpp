@@ -107,6 +107,23 @@ void layBeside(Edit& edit, const Item& item, const Place& place) {
   pull(edit, item);
 }
 
+/// What the provider has of it becomes another item, which was removed here.
+void part(Edit& edit, const Item& item) {
+  const ItemNumber number = item.number();
+  const auto there = item.there();
+  const auto agreed = item.agreed();
+  edit.setAgreed(number, std::nullopt);
+  if (!there) return;
+  const ItemNumber left = edit.make(item.kind());
+  for (const Item* child : edit->thereIn(number)) {
+    edit.setThere(child->number(), inFolder(child->there(), number, left));
+    edit.setAgreed(child->number(), inFolder(child->agreed(), number, left));
+  }
+  edit.setThere(number, std::nullopt);
+  edit.setThere(left, there);
+  edit.setAgreed(left, agreed);
+}
+
 /// The item becomes the new contents of the other one, whose place it takes. What stood for it
 /// elsewhere is to be removed after it has arrived.
 void takePlace(Edit& edit, const Item& item, const Item& other) {
@@ -172,6 +189,8 @@ void settle(Edit& edit, const Settle& step) {
       return pull(edit, item);
     case Resolution::beside:
       return layBeside(edit, item, step.place);
+    case Resolution::part:
+      return part(edit, item);
     case Resolution::take:
       return takePlace(edit, item, edit->item(step.other));
     case Resolution::end:

@@ -90,6 +90,7 @@ enum class Resolution : std::uint8_t {
   agree,   // both sides have the same contents
   pull,    // theirs is shown, in its place
   beside,  // theirs is shown; ours becomes a new file at `place`
+  part,    // it stays here alone; what the provider has of it is another item, which is to go
   take,    // it becomes the new contents of `other`, whose place it takes
   end,     // the intent is no more
 };

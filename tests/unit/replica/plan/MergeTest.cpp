@@ -236,6 +236,70 @@ TEST_F(MergeTest, CreatesThereWhatIsOnlyHere) {
   EXPECT_EQ(state_.plan(d), Step(Push{Change::create, d, top("d"), kNone}));
 }
 
+TEST_F(MergeTest, DoesNothingForWhatStaysHere) {
+  const ItemNumber a = state_.fileHere(top(".a"));
+  const ItemNumber d = state_.folderHere(top(".d"));
+  const ItemNumber inside = state_.fileHere({d, "f"});
+  for (const ItemNumber item : {a, d, inside}) EXPECT_EQ(state_.plan(item), Step(Nothing{}));
+  const ItemNumber old = state_.file(top("old"));
+  state_.remove(old);
+  state_.after(old, a);
+  EXPECT_EQ(state_.plan(old), Step(Push{Change::remove, old, top("old"), kNone}))
+      << "its replacement never arrives";
+  state_.move(a, top("a"));
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
+}
+
+TEST_F(MergeTest, RemovesThereWhatCameToANameThatStaysHere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.move(a, top(".a"));
+  EXPECT_EQ(state_.plan(a), settling(Resolution::part, a));
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), Step(Nothing{}));
+  EXPECT_EQ(state_.item(a).here()->content, kOld);
+  const ItemNumber left = View(state_.tree())->thereAt(top("a"))->number();
+  EXPECT_EQ(state_.plan(left), Step(Push{Change::remove, left, top("a"), kNone}));
+}
+
+TEST_F(MergeTest, ShowsWhatChangedThereOfAFileThatCameToANameThatStaysHere) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.move(a, top(".a"));
+  state_.changeThere(a);
+  state_.settlePlanned(a);
+  const ItemNumber left = View(state_.tree())->thereAt(top("a"))->number();
+  EXPECT_EQ(state_.plan(left), settling(Resolution::back, left));
+}
+
+TEST_F(MergeTest, FetchesWhatCameToANameThatStaysHere) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.move(a, top(".a"));
+  EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
+  state_.changeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::pull, a));
+  state_.removeThere(a);
+  EXPECT_EQ(state_.plan(a), settling(Resolution::forget, a));
+}
+
+TEST_F(MergeTest, KeepsAFolderHereAloneWithAllInIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"});
+  state_.move(d, top(".d"));
+  state_.settlePlanned(d);
+  EXPECT_EQ(state_.plan(f), settling(Resolution::part, f));
+  state_.settlePlanned(f);
+  EXPECT_EQ(state_.plan(f), Step(Nothing{}));
+  const ItemNumber left = View(state_.tree())->thereAt(top("d"))->number();
+  const ItemNumber leftInside = View(state_.tree())->thereAt({left, "f"})->number();
+  EXPECT_EQ(state_.plan(left), Step(WaitFor{leftInside}));
+  EXPECT_EQ(state_.plan(leftInside), Step(Push{Change::remove, leftInside, {left, "f"}, kNone}));
+}
+
+TEST_F(MergeTest, TreatsWhatTheProviderHasByANameThatStaysHereAsAnyOther) {
+  const ItemNumber a = state_.file(top(".a"));
+  state_.write(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top(".a"), kOurs}));
+}
+
 TEST_F(MergeTest, ForgetsAFileWhoseBytesAreNowhere) {
   const ItemNumber a = state_.fileHere(top("a"), kNone);
   EXPECT_EQ(state_.plan(a), settling(Resolution::forget, a));

@@ -48,6 +48,7 @@ static_assert(kStep * 6 == kLandingTime);
 
 class ShortNames : public Names {
  public:
+  bool staysHere(std::string_view) const override { return false; }
   std::string conflict(std::string_view name, unsigned number) const override {
     return std::string(name) + "!" + std::to_string(number);
   }
@@ -122,7 +123,7 @@ std::string PlannerWorld::describe(const Move& move) const {
         << "/" << push->place.name << " c" << static_cast<unsigned>(push->content);
   } else if (const auto* edit = std::get_if<Settle>(&move.step)) {
     constexpr const char* kWords[] = {"drop",   "own",   "back", "show",   "join", "aside", "anew",
-                                      "forget", "agree", "pull", "beside", "take", "end"};
+                                      "forget", "agree", "pull", "beside", "part", "take",  "end"};
     out << "settle " << kWords[static_cast<unsigned>(edit->resolution)] << " "
         << static_cast<unsigned>(edit->item) << " " << static_cast<unsigned>(edit->other) << " "
         << edit->place.name;

@@ -72,6 +72,8 @@ inline const Version kVersion2{"v2"};
 /// Names that tell what they are for.
 class PlainNames : public Names {
  public:
+  /// Those that begin with a dot.
+  bool staysHere(std::string_view name) const override { return name.starts_with('.'); }
   std::string conflict(std::string_view name, unsigned number) const override;
   std::string aside(std::string_view name, unsigned number) const override;
   std::string third(std::string_view name, unsigned number) const override;
