@@ -9,6 +9,8 @@ namespace kestrowan::replica::model {
 
 namespace {
 
+thread_local std::uint64_t lookupsOfThread = 0;
+
 void keep(std::set<ItemNumber>& set, ItemNumber number, bool isIn) {
   if (isIn) {
     set.insert(number);
@@ -26,7 +28,12 @@ State::State() {
   put(root);
 }
 
+std::uint64_t State::lookups() {
+  return lookupsOfThread;
+}
+
 const Item* State::find(ItemNumber number) const {
+  ++lookupsOfThread;
   return items_.find(number);
 }
 
@@ -55,11 +62,15 @@ const Item* State::thereAt(const Place& place) const {
 }
 
 std::vector<const Item*> State::hereIn(ItemNumber folder) const {
-  return here_.in(folder);
+  auto result = here_.in(folder);
+  lookupsOfThread += result.size();
+  return result;
 }
 
 std::vector<const Item*> State::thereIn(ItemNumber folder) const {
-  return there_.in(folder);
+  auto result = there_.in(folder);
+  lookupsOfThread += result.size();
+  return result;
 }
 
 const Item* State::anyHereIn(ItemNumber folder) const {

@@ -29,6 +29,9 @@ class State {
   const Item& item(ItemNumber number) const;
   const Item& root() const { return item(ItemNumber::root); }
   std::size_t count() const { return items_.size(); }
+  /// How many items the calling thread has found so far by their numbers or in their folders, in
+  /// all states: what a question costs, whatever the time it takes.
+  static std::uint64_t lookups();
 
   /// What is at a place here, and there; absent when nothing is.
   const Item* hereAt(const Place& place) const;

@@ -134,11 +134,15 @@ std::optional<Step> followAFileThatIsGone(const Case& c) {
 std::optional<Step> followAFolderThatIsGone(const Case& c) {
   if (c.there) return std::nullopt;
   if (c.here->place != c.agreed->place) return c.settle(Resolution::anew);
-  const auto inside = c.state.hereIn(c.item.number());
-  for (const Item* child : inside) {
-    if (!child->there() && child->agreed()) return WaitFor{child->number()};
+  const auto isUndecided = [](const Item& child) { return !child.there() && child.agreed(); };
+  const Item* any = c.state.anyHereIn(c.item.number());
+  if (!any) return c.settle(Resolution::forget);
+  // Mostly all of it is, so that the first one tells.
+  if (isUndecided(*any)) return WaitFor{any->number()};
+  for (const Item* child : c.state.hereIn(c.item.number())) {
+    if (isUndecided(*child)) return WaitFor{child->number()};
   }
-  return c.settle(inside.empty() ? Resolution::forget : Resolution::anew);
+  return c.settle(Resolution::anew);
 }
 
 std::optional<Step> mergeContents(const Case& c) {

@@ -23,6 +23,7 @@ using replica::model::ItemNumber;
 using replica::model::Kind;
 using replica::model::Path;
 using replica::model::Place;
+using replica::model::State;
 using replica::model::There;
 using replica::model::Time;
 using replica::model::Tree;
