@@ -13,7 +13,7 @@ using namespace kestrowan::replica;
 
 namespace {
 
-constexpr int kColumns = 36;
+constexpr int kColumns = 38;
 
 /// Takes values from the beginning of the input.
 class Values {

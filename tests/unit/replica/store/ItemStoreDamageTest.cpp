@@ -189,9 +189,9 @@ TEST_F(ItemStoreDamageTest, AnEmptyFileBecomesADatabase) {
 
 TEST_F(ItemStoreDamageTest, ADatabaseOfALaterVersionIsRefusedAndKept) {
   store().save(item(2));
-  alter("PRAGMA user_version=4");
+  alter("PRAGMA user_version=5");
   EXPECT_EQ(errorOf([&] { store(); }), ENOTSUP);
-  alter("PRAGMA user_version=3");
+  alter("PRAGMA user_version=4");
   EXPECT_THAT(names(), ElementsAre("item 2"));
 }
 
