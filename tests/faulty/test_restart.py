@@ -31,5 +31,6 @@ def test_a_file_that_is_not_here_is_waited_for(scene):
     scene.put("a.txt", b"contents")
     assert os.listdir(scene.home) == ["a.txt"]
     back = go_away_for_a_moment(scene.dav)
+    scene.dav.disconnect()
     assert (scene.home / "a.txt").read_bytes() == b"contents"
     back.join()

@@ -167,7 +167,9 @@ class DavServer(ScriptedServer):
     def comeBack(self):
         """As it was, on the same port."""
         with self.changed:
-            self.faults.remove(self.away)
+            # A request on a connection that was kept may have met it.
+            if self.away in self.faults:
+                self.faults.remove(self.away)
         self.disconnect()
         self.listen()
 

@@ -135,17 +135,6 @@ class ScriptedServer:
             self.changed.wait_for(lambda: not self.connections, timeout=10)
         self.directory.cleanup()
 
-    def goAway(self):
-        """Breaks off all connections and takes no new ones, until `comeBack`."""
-        self.listener.shutdown(socket.SHUT_RDWR)
-        self.listener.close()
-        self.disconnect()
-
-    def comeBack(self):
-        """Listens again, on the same port."""
-        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=512)
-        threading.Thread(target=self.accept, daemon=True).start()
-
     def disconnect(self):
         """Breaks off all connections."""
         with self.changed:
