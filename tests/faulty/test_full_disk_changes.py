@@ -85,11 +85,7 @@ def test_a_file_that_cannot_be_cut_stays_whole(home, dav, small_disk, size):
 
 
 @pytest.mark.parametrize("end", ["kill", "go on"])
-@pytest.mark.parametrize("is_sent, size", [
-    (True, 10), (True, 0),
-    pytest.param(False, 10, marks=pytest.mark.xfail(
-        strict=True, reason="the file is cut although the call failed")),
-    (False, 0)])
+@pytest.mark.parametrize("is_sent, size", [(True, 10), (True, 0), (False, 10), (False, 0)])
 def test_a_file_that_cannot_be_cut_for_lack_of_a_note_stays_whole(home, dav, small_disk, is_sent,
                                                                  size, end):
     if not is_sent:

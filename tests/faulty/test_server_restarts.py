@@ -46,6 +46,7 @@ def test_folders_that_were_never_listed_are_waited_for(home, dav, at):
 def test_files_are_waited_for(home, dav):
     assert walk(home, -1, None) == FOLDERS * FILES
     restart(dav)
+    dav.disconnect()
     assert read_tree(home) == dav.tree("/Home/d")
 
 
