@@ -31,6 +31,11 @@ ROOMS = {
     "replica/store": {"replica/model", "replica/Records.h", "replica/Item.h", "replica/NameParts.h",
                       "replica/NameRules.h", "replica/remote", "platform"},
     "replica/remote": {"async", "platform"},
+    "replica/pull": {"replica/model", "replica/plan", "replica/store", "replica/remote",
+                     "replica/Log.h", "replica/NameRules.h", "replica/Options.h", "async",
+                     "platform"},
+    "replica/push": {"replica/pull", "replica/model", "replica/plan", "replica/store",
+                     "replica/remote", "replica/Log.h", "replica/Options.h", "async", "platform"},
 }
 # The module's logger is a leaf that these layers include too.
 LOGGER = "extension/fpLog.h"

@@ -20,7 +20,7 @@ bool isOnlyEvicted(const Item& before, const Item* now) {
 
 }  // namespace
 
-Edit::Edit(Tree& tree) : tree_(tree) {
+Edit::Edit(Tree& tree, Origin origin) : tree_(tree), origin_(origin) {
   tree.mutex_.lock();
   state_ = &tree.state_;
   nextItemBefore_ = state_->nextItem_;
@@ -114,7 +114,7 @@ void Edit::commit() {
   const auto told = tree_.watchers_.empty() ? std::vector<ItemChange>() : itemChanges();
   tree_.journal_.write(changes());
   isCommitted_ = true;
-  for (Watcher* watcher : tree_.watchers_) watcher->changed(told);
+  for (Watcher* watcher : tree_.watchers_) watcher->changed(told, origin_);
 }
 
 void Edit::undo() {

@@ -18,7 +18,7 @@ namespace kestrowan::replica::model {
 /// one was.
 class KFP_SCOPED_CAPABILITY Edit {
  public:
-  explicit Edit(Tree& tree) KFP_ACQUIRE(tree.mutex_);
+  explicit Edit(Tree& tree, Origin origin = Origin::other) KFP_ACQUIRE(tree.mutex_);
   ~Edit() KFP_RELEASE();
   Edit(const Edit&) = delete;
   Edit& operator=(const Edit&) = delete;
@@ -63,6 +63,7 @@ class KFP_SCOPED_CAPABILITY Edit {
   std::vector<ItemChange> itemChanges() const;
 
   Tree& tree_;
+  const Origin origin_;
   State* state_ = nullptr;
   /// What each changed item was before; absent for a new one.
   std::unordered_map<ItemNumber, std::optional<Item>> before_;

@@ -1,10 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "replica/model/Item.h"
 
 namespace kestrowan::replica::model {
+
+/// What caused an edit: a call of a program, which knows what it did, or something else.
+enum class Origin : std::uint8_t { program, other };
 
 /// What one edit did to one item. The pointers are good during the call that gives it.
 struct ItemChange {
@@ -30,7 +34,7 @@ class Watcher {
 
   /// An edit was written: its changes in the order of the numbers. Called under the tree's lock, in
   /// the order of the edits, so it only takes note: it must not call the tree, nor wait.
-  virtual void changed(const std::vector<ItemChange>& changes) noexcept = 0;
+  virtual void changed(const std::vector<ItemChange>& changes, Origin origin) noexcept = 0;
 
   /// The lock of an edit that was told of is free. Called by the thread that made the edit; others
   /// may have been made meanwhile.

@@ -35,7 +35,7 @@ class Notes : public Watcher {
 
   explicit Notes(const Tree& tree) : tree_(tree) {}
 
-  void changed(const std::vector<ItemChange>& changes) noexcept override {
+  void changed(const std::vector<ItemChange>& changes, Origin) noexcept override {
     for (const ItemChange& change : changes) {
       notes.push_back({change.any().number(), !change.before, !change.now, change.isElsewhereHere(),
                        change.hasOtherContents(), change.hasOtherAttributes()});

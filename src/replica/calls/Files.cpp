@@ -1,0 +1,344 @@
+#include "replica/calls/Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "replica/calls/Shown.h"
+#include "replica/model/Edit.h"
+#include "replica/model/View.h"
+#include "replica/pull/FolderDate.h"
+#include "replica/remote/ErrorClass.h"
+
+namespace kestrowan::replica::calls {
+
+using model::Content;
+using model::Edit;
+using model::FileTime;
+using model::Item;
+using model::ItemNumber;
+using model::View;
+using pull::Refresher;
+using remote::ErrorClass;
+using std::chrono::milliseconds;
+
+namespace {
+
+/// How long `close` and `fsync` wait for the provider, when they are to.
+constexpr milliseconds kContentsWait{10 * 60 * 1000};
+constexpr std::size_t kMostAttributeBytes = 65536;
+
+void setFileModified(const std::string& path, FileTime modified) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(modified);
+  const timespec times[2] = {
+      {0, UTIME_OMIT},
+      {static_cast<time_t>(seconds.time_since_epoch().count()), (modified - seconds).count()}};
+  if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+    throw posixError(errno);
+  }
+}
+
+bool isToBeSent(const Item* item) {
+  return item && item->here() && !item->isInStep();
+}
+
+}  // namespace
+
+Files::Files(Replica& replica, const Rooms& rooms)
+    : replica_(replica), rooms_(rooms), changes_(rooms) {}
+
+Attributes Files::attributes(ItemNumber number) const {
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->here()) return shown(*item, rooms_.openItems);
+  }
+  const auto left = rooms_.openItems.left(number);
+  if (!left) throw posixError(ESTALE);
+  return left->attributes;
+}
+
+void Files::requireOpenable(ItemNumber number, OpenMode mode) const {
+  bool isLeft = false;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->isFolder()) throw posixError(EISDIR);
+    isLeft = !item || !item->here();
+    if (!isLeft && mode.write && !mayWrite(*item)) throw posixError(EACCES);
+  }
+  if (isLeft) {
+    const auto left = rooms_.openItems.left(number);
+    if (!left || left->content == Content::none) throw posixError(ESTALE);
+  }
+  // Before anything is fetched, or made empty.
+  rooms_.openItems.requirePlace(number);
+}
+
+/// A program that opens a file wants to see what others closed before.
+Task<void> Files::lookAtFolder(ItemNumber number) {
+  ItemNumber folder = ItemNumber::none;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->here() && item->there()) folder = item->there()->place.folder;
+  }
+  if (folder == ItemNumber::none) co_return;
+  if (rooms_.refresher.isPrepared(folder, Refresher::Need::fresh)) co_return;
+  try {
+    co_await rooms_.refresher.prepare(folder, Refresher::Need::fresh);
+  } catch (const NSError&) {
+    // What is here can be opened all the same.
+  }
+}
+
+Task<std::shared_ptr<OpenFile>> Files::open(ItemNumber number, OpenMode mode) {
+  requireOpenable(number, mode);
+  if (!mode.truncate) rooms_.readAhead.noteOpened(number);
+  co_await lookAtFolder(number);
+  for (;;) {
+    if (mode.truncate) changes_.empty(number);
+    Content content = Content::none;
+    {
+      const View view(rooms_.tree);
+      const Item* item = view->find(number);
+      if (item && item->here()) content = item->here()->content;
+      const bool isHere = item && item->here();
+      if (isHere && content != Content::none) co_return opened(number, content, mode.write);
+      if (!isHere) {
+        const auto left = rooms_.openItems.left(number);
+        if (!left || left->content == Content::none) throw posixError(ESTALE);
+        co_return opened(number, left->content, mode.write);
+      }
+    }
+    // Contents that came a moment ago may have been given up again to make room.
+    co_await fetch(number);
+  }
+}
+
+Task<void> Files::fetch(ItemNumber number) {
+  std::optional<NSError> problem;
+  try {
+    co_await rooms_.downloader.fetch(number);
+  } catch (const NSError& error) {
+    problem = error;
+  }
+  if (problem) co_await explain(number, *problem);
+  const View view(rooms_.tree);
+  const Item* item = view->find(number);
+  // Contents that the provider has, but that are not what is shown here, are waited for in vain.
+  if (item && item->here() && item->here()->content == Content::none && item->there() &&
+      item->there()->content != Content::none) {
+    throw posixError(EIO);
+  }
+  if (item && item->here() && item->here()->content == Content::none && !item->there()) {
+    throw posixError(EIO);
+  }
+}
+
+/// Fails a call on an item whose error leaves open what is wrong only after a look at its folder.
+Task<void> Files::explain(ItemNumber number, NSError error) {
+  const ErrorClass kind = remote::errorClass(error);
+  if (kind != ErrorClass::ambiguous && kind != ErrorClass::gone) throw error;
+  ItemNumber folder = ItemNumber::none;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->there()) folder = item->there()->place.folder;
+  }
+  if (folder == ItemNumber::none) throw error;
+  co_await rooms_.refresher.prepare(folder, Refresher::Need::forced);
+  const View view(rooms_.tree);
+  const Item* item = view->find(number);
+  if (!item || !item->there()) throw posixError(ESTALE);
+  throw error;
+}
+
+std::shared_ptr<OpenFile> Files::opened(ItemNumber number, Content content, bool isWritable) {
+  auto contents = rooms_.openItems.open(number, content, isWritable);
+  rooms_.space.noteUse(number);
+  return std::make_shared<OpenFile>(replica_, static_cast<Rid>(number), std::move(contents),
+                                    isWritable);
+}
+
+void Files::closed(const OpenFile& file) {
+  const ItemNumber number{file.rid()};
+  changes_.keepWritten(number, *file.contents());
+  const bool wasLast = rooms_.openItems.close(number, file.isWritable());
+  if (!wasLast) return;
+  bool isPending = false;
+  bool isUnmerged = false;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    isPending = isToBeSent(item);
+    isUnmerged = item && !item->isMerged();
+  }
+  // What the provider changed meanwhile was left for later.
+  if (isUnmerged) {
+    rooms_.outbox.noteChange(number, milliseconds(0));
+  } else if (isPending) {
+    rooms_.outbox.noteChange(number, rooms_.options.sendDelay);
+  }
+}
+
+Task<void> Files::flush(std::shared_ptr<OpenFile> file) {
+  const ItemNumber number{file->rid()};
+  if (const auto unreported = rooms_.refusals.takeUnreported(number)) throw *unreported;
+  if (!file->isWritable()) co_return;
+  changes_.keepWritten(number, *file->contents());
+  Content content = Content::none;
+  bool hasFailed = false;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (!isToBeSent(item)) co_return;
+    content = item->here()->content;
+    hasFailed = item->attributes().failure.has_value();
+  }
+  if (rooms_.options.closeWaits) {
+    rooms_.openItems.setUrgent(number);
+    rooms_.outbox.noteUrgent(number, milliseconds(0));
+    co_await rooms_.verdicts.arrival(number, content, kContentsWait);
+  } else if (!hasFailed) {
+    rooms_.outbox.noteChange(number, rooms_.options.sendDelay);
+  }
+}
+
+Task<void> Files::fsync(std::shared_ptr<OpenFile> file) {
+  const ItemNumber number{file->rid()};
+  UniqueFd synced;
+  file->read([&](int fd) {
+    synced = UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    // A copy that takes the place of the file from now on is synced as it is made.
+    file->contents()->isPromised = true;
+    return 0;
+  });
+  // Takes long, and no program that wants to read, write or send waits for it.
+  if (!synced || ::fdatasync(synced.get()) != 0) throw posixError(errno);
+  rooms_.contents.files().syncNames();
+  changes_.keepWritten(number, *file->contents());
+  rooms_.durability.sync();
+  Content content = Content::none;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (!isToBeSent(item)) co_return;
+    content = item->here()->content;
+  }
+  rooms_.openItems.setUrgent(number);
+  if (rooms_.options.fsyncWaits) {
+    rooms_.outbox.noteUrgent(number, milliseconds(0));
+    co_await rooms_.verdicts.arrival(number, content, kContentsWait);
+  } else {
+    rooms_.outbox.noteUrgent(number, rooms_.options.sendDelay);
+  }
+}
+
+Task<Attributes> Files::setAttributes(ItemNumber number, AttributeChange change) {
+  if (change.size) {
+    {
+      const View view(rooms_.tree);
+      const Item* item = view->find(number);
+      if (item && item->isFolder()) throw posixError(EISDIR);
+    }
+    if (*change.size < 0) throw posixError(EINVAL);
+    const OpenMode mode{.read = true, .write = true, .truncate = *change.size == 0};
+    const auto file = co_await open(number, mode);
+    if (*change.size != 0) {
+      const int result = file->write(
+          [size = *change.size](int fd) { return ::ftruncate(fd, size) == 0 ? 0 : errno; });
+      if (result != 0) throw posixError(result);
+    }
+  }
+  if (!setKeptOfLeft(number, change)) setKept(number, change);
+  co_return attributes(number);
+}
+
+/// Whether the item is no more, and so the change lasts as long as it is known.
+bool Files::setKeptOfLeft(ItemNumber number, const AttributeChange& change) {
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->here()) return false;
+  }
+  auto left = rooms_.openItems.left(number);
+  if (!left) throw posixError(ESTALE);
+  if (change.mode) left->attributes.mode = *change.mode;
+  if (change.modified) left->attributes.modified = *change.modified;
+  rooms_.openItems.changeLeft(number, left->attributes);
+  return true;
+}
+
+void Files::setKept(ItemNumber number, const AttributeChange& change) {
+  if (!change.mode && !change.modified) return;
+  Edit edit(rooms_.tree, model::Origin::program);
+  const Item& item = require(*edit, number);
+  model::Attributes attributes = item.attributes();
+  if (change.mode) attributes.mode = static_cast<std::uint16_t>(*change.mode & 0777);
+  if (change.modified) {
+    const FileTime modified{std::chrono::nanoseconds(*change.modified)};
+    attributes.modified = modified;
+    // Only what changes at the provider from now on makes it newer.
+    if (item.isFolder()) pull::doubtFolderDate(edit, number);
+    if (item.here()->content != Content::none) {
+      setFileModified(rooms_.contents.path(item.here()->content), modified);
+    }
+    if (const auto contents = rooms_.openItems.contentsOf(number)) {
+      contents->modified = *change.modified;
+    }
+  }
+  edit.setAttributes(number, std::move(attributes));
+  edit.commit();
+}
+
+std::string Files::userAttribute(ItemNumber number, std::string_view name) const {
+  const View view(rooms_.tree);
+  const auto& user = require(*view, number).attributes().user;
+  if (!user) throw posixError(ENODATA);
+  const auto found = user->find(std::string(name));
+  if (found == user->end()) throw posixError(ENODATA);
+  return found->second;
+}
+
+std::vector<std::string> Files::userAttributes(ItemNumber number) const {
+  const View view(rooms_.tree);
+  std::vector<std::string> names;
+  const auto& user = require(*view, number).attributes().user;
+  if (!user) return names;
+  for (const auto& attribute : *user) names.push_back(attribute.first);
+  return names;
+}
+
+void Files::setUserAttribute(ItemNumber number, std::string_view name, std::string_view value,
+                             Replica::SetMode mode) {
+  Edit edit(rooms_.tree, model::Origin::program);
+  model::Attributes attributes = require(*edit, number).attributes();
+  model::UserAttributes user = attributes.user ? *attributes.user : model::UserAttributes();
+  const bool isThere = user.contains(std::string(name));
+  if (isThere && mode == Replica::SetMode::create) throw posixError(EEXIST);
+  if (!isThere && mode == Replica::SetMode::replace) throw posixError(ENODATA);
+  user[std::string(name)] = std::string(value);
+  std::size_t bytes = 0;
+  for (const auto& attribute : user) bytes += attribute.first.size() + attribute.second.size();
+  if (bytes > kMostAttributeBytes) throw posixError(ENOSPC);
+  attributes.user = std::move(user);
+  edit.setAttributes(number, std::move(attributes));
+  edit.commit();
+}
+
+void Files::removeUserAttribute(ItemNumber number, std::string_view name) {
+  Edit edit(rooms_.tree, model::Origin::program);
+  model::Attributes attributes = require(*edit, number).attributes();
+  if (!attributes.user || attributes.user->erase(std::string(name)) == 0) {
+    throw posixError(ENODATA);
+  }
+  if (attributes.user->empty()) attributes.user.reset();
+  edit.setAttributes(number, std::move(attributes));
+  edit.commit();
+}
+
+}  // namespace kestrowan::replica::calls

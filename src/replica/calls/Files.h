@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/base/Task.h"
+#include "replica/Replica.h"
+#include "replica/calls/ContentChanges.h"
+#include "replica/calls/Rooms.h"
+
+namespace kestrowan::replica::calls {
+
+/// What programs do with one file. The calls are documented in `Replica`; those that wait are
+/// coroutines, which begin on the caller's thread and continue on the loop. Throws `NSError`.
+class Files {
+ public:
+  Files(Replica& replica, const Rooms& rooms);
+
+  Attributes attributes(model::ItemNumber item) const;
+  Task<Attributes> setAttributes(model::ItemNumber item, AttributeChange change);
+  Task<std::shared_ptr<OpenFile>> open(model::ItemNumber file, OpenMode mode);
+  Task<void> flush(std::shared_ptr<OpenFile> file);
+  Task<void> fsync(std::shared_ptr<OpenFile> file);
+  /// A handle on contents that were just made for the item.
+  std::shared_ptr<OpenFile> opened(model::ItemNumber file, model::Content content, bool isWritable);
+  void closed(const OpenFile& file);
+
+  std::string userAttribute(model::ItemNumber item, std::string_view name) const;
+  std::vector<std::string> userAttributes(model::ItemNumber item) const;
+  void setUserAttribute(model::ItemNumber item, std::string_view name, std::string_view value,
+                        Replica::SetMode mode);
+  void removeUserAttribute(model::ItemNumber item, std::string_view name);
+
+  ContentChanges& changes() { return changes_; }
+
+ private:
+  void requireOpenable(model::ItemNumber file, OpenMode mode) const;
+  Task<void> lookAtFolder(model::ItemNumber file);
+  Task<void> fetch(model::ItemNumber file);
+  Task<void> explain(model::ItemNumber file, NSError error);
+  void setKept(model::ItemNumber item, const AttributeChange& change);
+  bool setKeptOfLeft(model::ItemNumber item, const AttributeChange& change);
+
+  Replica& replica_;
+  const Rooms& rooms_;
+  ContentChanges changes_;
+};
+
+}  // namespace kestrowan::replica::calls

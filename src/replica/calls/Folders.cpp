@@ -1,0 +1,91 @@
+#include "replica/calls/Folders.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "platform/foundation/NSString.h"
+#include "replica/NameParts.h"
+#include "replica/calls/Shown.h"
+#include "replica/model/View.h"
+
+namespace kestrowan::replica::calls {
+
+using model::Item;
+using model::ItemNumber;
+using model::State;
+using model::View;
+using pull::Refresher;
+
+const Item* Folders::child(const State& state, ItemNumber folder, const std::string& name) {
+  if (const Item* item = state.hereAt({folder, name})) return item;
+  return nullptr;
+}
+
+Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
+  if (name.size() > kLongestName) throw posixError(ENAMETOOLONG);
+  {
+    const View view(rooms_.tree);
+    requireFolder(*view, folder);
+    // No other client can know of what was made here.
+    const Item* item = child(*view, folder, name);
+    if (item && !item->there()) co_return shown(*item, rooms_.openItems);
+  }
+  std::optional<NSError> problem;
+  if (!rooms_.refresher.isPrepared(folder, Refresher::Need::usable)) {
+    try {
+      co_await rooms_.refresher.prepare(folder, Refresher::Need::usable);
+    } catch (const NSError& error) {
+      problem = error;
+    }
+  }
+  const View view(rooms_.tree);
+  if (const Item* item = child(*view, folder, name)) {
+    co_return shown(*item, rooms_.openItems);
+  }
+  throw problem ? *problem : posixError(ENOENT);
+}
+
+Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
+  {
+    const View view(rooms_.tree);
+    requireFolder(*view, folder);
+  }
+  rooms_.readAhead.noteListed(folder);
+  if (!rooms_.refresher.isPrepared(folder, Refresher::Need::usable)) {
+    co_await rooms_.refresher.prepare(folder, Refresher::Need::usable);
+  }
+  auto snapshot = std::make_shared<FolderSnapshot>();
+  {
+    const View view(rooms_.tree);
+    const Item& item = requireFolder(*view, folder);
+    const bool isRoot = folder == ItemNumber::root;
+    snapshot->parent = isRoot ? kRootRid : static_cast<Rid>(item.here()->place.folder);
+    const auto children = view->hereIn(folder);
+    snapshot->entries.reserve(children.size());
+    for (const Item* each : children) {
+      snapshot->entries.push_back({each->here()->place.name, shown(*each, rooms_.openItems)});
+    }
+  }
+  rooms_.refresher.setOpen(folder, true);
+  co_return snapshot;
+}
+
+void Folders::close(ItemNumber folder) {
+  rooms_.refresher.setOpen(folder, false);
+}
+
+Task<ItemNumber> Folders::find(std::string path) {
+  ItemNumber at = ItemNumber::root;
+  for (std::size_t begin = 0;;) {
+    begin = path.find_first_not_of('/', begin);
+    if (begin == std::string::npos) co_return at;
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    const Attributes found = co_await lookUp(at, path.substr(begin, end - begin));
+    at = ItemNumber{found.rid};
+    begin = end;
+  }
+}
+
+}  // namespace kestrowan::replica::calls

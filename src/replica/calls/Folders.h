@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/base/Task.h"
+#include "replica/Replica.h"
+#include "replica/calls/Rooms.h"
+
+namespace kestrowan::replica::calls {
+
+/// What programs see of folders. The calls are documented in `Replica`; those that wait are
+/// coroutines, which begin on the caller's thread and continue on the loop. Throws `NSError`.
+class Folders {
+ public:
+  explicit Folders(const Rooms& rooms) : rooms_(rooms) {}
+
+  Task<Attributes> lookUp(model::ItemNumber folder, std::string name);
+  Task<std::shared_ptr<const FolderSnapshot>> open(model::ItemNumber folder);
+  void close(model::ItemNumber folder);
+  /// The item at a path from the root, which begins with "/".
+  Task<model::ItemNumber> find(std::string path);
+
+  /// What programs see under a name; null when there is nothing.
+  static const model::Item* child(const model::State& state, model::ItemNumber folder,
+                                  const std::string& name);
+
+ private:
+  const Rooms& rooms_;
+};
+
+}  // namespace kestrowan::replica::calls

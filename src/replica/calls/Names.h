@@ -1,0 +1,65 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "platform/base/Task.h"
+#include "replica/Replica.h"
+#include "replica/calls/Files.h"
+#include "replica/calls/NewWork.h"
+#include "replica/calls/Rooms.h"
+
+namespace kestrowan::replica::calls {
+
+/// What programs do with names: what is made, removed and renamed. The calls are documented in
+/// `Replica`; they are coroutines, which begin on the caller's thread and continue on the loop.
+/// Throws `NSError`.
+class Names {
+ public:
+  Names(const Rooms& rooms, Files& files, const NewWork& newWork);
+
+  Task<CreatedFile> createFile(model::ItemNumber folder, std::string name, std::uint16_t mode);
+  Task<Attributes> makeFolder(model::ItemNumber folder, std::string name, std::uint16_t mode);
+  Task<void> removeFile(model::ItemNumber folder, std::string name);
+  Task<void> removeFolder(model::ItemNumber folder, std::string name);
+
+  struct Move {
+    model::Place source;
+    model::Place target;
+    bool replaces = true;
+  };
+  Task<void> rename(Move move);
+
+ private:
+  /// What a rename came to.
+  struct Moved {
+    model::ItemNumber item = model::ItemNumber::none;
+    /// Its contents have to be fetched before it can be made.
+    bool needsContents = false;
+    bool awaitsWord = false;
+  };
+
+  bool staysHere(const std::string& name, model::Kind kind) const;
+  void checkNewName(const model::State& state, const model::Item& folder, const std::string& name,
+                    model::Kind kind) const;
+  void checkRemoval(const model::Item& item) const;
+  void checkMove(const model::State& state, const Move& move) const;
+  model::ItemNumber makeItem(model::Edit& edit, const model::Place& place, model::Kind kind,
+                             std::uint16_t mode, model::Content content) const;
+  void noteFolderChange(model::Edit& edit, model::ItemNumber folder) const;
+  Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
+  Task<void> removeItem(model::ItemNumber item);
+  static void leave(model::Edit& edit, model::ItemNumber item);
+  static void keepHereOnly(model::Edit& edit, model::ItemNumber item);
+  void syncSource(const Move& move) const;
+  Moved apply(const Move& move);
+  Task<void> fetchWhileAnswered(model::ItemNumber file);
+  Task<void> fetchFor(model::ItemNumber file, std::shared_ptr<OneShot<void>> shot);
+  Task<void> watchFetch(model::ItemNumber file, std::shared_ptr<OneShot<void>> shot);
+
+  const Rooms& rooms_;
+  Files& files_;
+  const NewWork& newWork_;
+};
+
+}  // namespace kestrowan::replica::calls

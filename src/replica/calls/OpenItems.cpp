@@ -1,0 +1,205 @@
+#include "replica/calls/OpenItems.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "replica/model/View.h"
+
+namespace kestrowan::replica::calls {
+
+using async::Loop;
+using model::Content;
+using model::Item;
+using model::ItemNumber;
+using model::View;
+using std::chrono::milliseconds;
+
+namespace {
+
+/// A file that a program keeps open for writing is sent after so long without a write.
+constexpr milliseconds kQuietTime{30000};
+/// Copying a file that is written again and again takes no more than one part in so many.
+constexpr int kCopyFactor = 20;
+constexpr std::int64_t kNanoseconds = 1'000'000'000;
+
+void readStatus(OpenContents& contents) {
+  struct stat status;
+  if (::fstat(contents.file.get(), &status) != 0) throw posixError(errno);
+  contents.size = status.st_size;
+  contents.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+}
+
+}  // namespace
+
+OpenItems::OpenItems(const model::Tree& tree, const Loop& loop, store::Contents& contents,
+                     std::size_t openFiles)
+    : tree_(tree), loop_(loop), contents_(contents), places_(openFiles) {}
+
+void OpenItems::remember(ItemNumber item) {
+  std::lock_guard lock(mutex_);
+  ++entries_[item].lookups;
+}
+
+void OpenItems::forget(ItemNumber item, std::uint64_t count) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(item);
+  if (found == entries_.end()) return;
+  found->second.lookups -= std::min(found->second.lookups, count);
+  dropIfUnused(item);
+}
+
+void OpenItems::dropIfUnused(ItemNumber item) {
+  const auto found = entries_.find(item);
+  if (found == entries_.end()) return;
+  if (found->second.lookups == 0 && found->second.handles == 0) entries_.erase(found);
+}
+
+void OpenItems::requirePlace(ItemNumber file) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found == entries_.end() || found->second.contents.expired()) places_.require();
+}
+
+std::shared_ptr<OpenContents> OpenItems::open(ItemNumber file, Content content, bool isWritable) {
+  std::lock_guard lock(mutex_);
+  Entry& entry = entries_[file];
+  auto contents = entry.contents.lock();
+  if (!contents) {
+    contents = std::make_shared<OpenContents>();
+    contents->place = places_.take();
+    contents->file = contents_.open(content);
+    contents->number = content;
+    readStatus(*contents);
+    entry.contents = contents;
+  }
+  ++entry.handles;
+  if (isWritable) ++entry.writers;
+  return contents;
+}
+
+bool OpenItems::close(ItemNumber file, bool isWritable) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found == entries_.end()) return false;
+  --found->second.handles;
+  const bool isLast = isWritable && --found->second.writers == 0;
+  dropIfUnused(file);
+  return isLast;
+}
+
+bool OpenItems::isOpen(ItemNumber file) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  return found != entries_.end() && found->second.handles > 0;
+}
+
+bool OpenItems::isWritten(ItemNumber file) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  return found != entries_.end() && found->second.writers > 0;
+}
+
+std::shared_ptr<OpenContents> OpenItems::contentsOf(ItemNumber file) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  return found == entries_.end() ? nullptr : found->second.contents.lock();
+}
+
+bool OpenItems::isFrozen(Content content) const {
+  std::lock_guard lock(mutex_);
+  return frozen_.contains(content);
+}
+
+pull::Frozen OpenItems::freeze(ItemNumber file) {
+  for (;;) {
+    const auto open = contentsOf(file);
+    std::unique_lock<std::shared_mutex> still;
+    if (open) still = std::unique_lock(open->mutex);
+    pull::Frozen frozen;
+    {
+      const View view(tree_);
+      const Item* item = view->find(file);
+      if (!item || !item->here() || item->here()->content == Content::none) return frozen;
+      std::lock_guard lock(mutex_);
+      const auto found = entries_.find(file);
+      const auto now = found == entries_.end() ? nullptr : found->second.contents.lock();
+      if (now != open) continue;
+      frozen.number = item->here()->content;
+      ++frozen_[frozen.number];
+      frozen.hold = {this, [this, number = frozen.number](void*) {
+                       std::lock_guard relock(mutex_);
+                       const auto held = frozen_.find(number);
+                       if (--held->second == 0) frozen_.erase(held);
+                     }};
+      if (open) open->mayChange = false;
+    }
+    frozen.size = contents_.sizeOf(frozen.number);
+    return frozen;
+  }
+}
+
+milliseconds OpenItems::openWait(ItemNumber file) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found == entries_.end() || found->second.writers == 0) return milliseconds(0);
+  const Entry& entry = found->second;
+  const auto contents = entry.contents.lock();
+  const Loop::Moment lastWrite(milliseconds(contents ? contents->lastWrite.load() : 0));
+  Loop::Moment until = entry.isUrgent ? Loop::Moment() : lastWrite + kQuietTime;
+  if (entry.sentOpenAt) {
+    // Sending it may cost a copy each time.
+    until = std::max(until, *entry.sentOpenAt + std::max(kQuietTime, entry.copyTime * kCopyFactor));
+  }
+  const auto wait = std::chrono::ceil<milliseconds>(until - loop_.now());
+  return std::max(wait, milliseconds(0));
+}
+
+void OpenItems::noteSending(ItemNumber file) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found == entries_.end()) return;
+  found->second.isUrgent = false;
+  if (found->second.writers > 0) found->second.sentOpenAt = loop_.now();
+}
+
+void OpenItems::noteCopy(ItemNumber file, milliseconds time) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found != entries_.end()) found->second.copyTime = time;
+}
+
+void OpenItems::setUrgent(ItemNumber file) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found != entries_.end()) found->second.isUrgent = true;
+}
+
+void OpenItems::keepLeft(ItemNumber item, const Attributes& seen, Content content) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(item);
+  if (found == entries_.end() || found->second.left) return;
+  found->second.left = Left{seen, content};
+}
+
+std::optional<OpenItems::Left> OpenItems::left(ItemNumber item) const {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(item);
+  if (found == entries_.end() || !found->second.left) return std::nullopt;
+  Left left = *found->second.left;
+  if (const auto contents = found->second.contents.lock()) {
+    left.attributes.size = contents->size;
+    left.attributes.modified = contents->modified;
+  }
+  return left;
+}
+
+void OpenItems::changeLeft(ItemNumber item, const Attributes& seen) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(item);
+  if (found != entries_.end() && found->second.left) found->second.left->attributes = seen;
+}
+
+}  // namespace kestrowan::replica::calls

@@ -1,0 +1,224 @@
+#include "replica/next/Life.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/base/Threads.h"
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
+#include "replica/Log.h"
+#include "replica/calls/Shown.h"
+#include "replica/model/Edit.h"
+#include "replica/model/View.h"
+#include "replica/plan/Requests.h"
+#include "replica/pull/ProviderItem.h"
+
+namespace kestrowan::replica {
+
+using model::ConflictNumber;
+using model::Content;
+using model::Edit;
+using model::Item;
+using model::ItemChange;
+using model::ItemNumber;
+using model::Origin;
+using model::There;
+using model::View;
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr milliseconds kLimitsInterval{60000};
+/// Nothing that is still being fetched stays unchanged for so long.
+constexpr std::chrono::seconds kLeftoverAge{3600};
+
+std::int64_t sizeOf(const Item& item) {
+  if (item.attributes().size) return *item.attributes().size;
+  return item.agreed() ? item.agreed()->size : 0;
+}
+
+}  // namespace
+
+Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Options usedOptions)
+    : options(std::move(usedOptions)),
+      scope(loop),
+      contentFiles(directory),
+      journal(directory, options.identifiers, model::Time(milliseconds(loop.wallClock()))),
+      tree(journal, journal.load()),
+      contents(contentFiles, lastContent()),
+      provider(scope, {options.metadataCalls, options.downloads, options.uploads},
+               options.identifiers),
+      health(scope, provider, [this] { goOn(); }),
+      openItems(tree, scope, contents, options.openFiles),
+      names(options, scope),
+      settler(
+          names, scope, [this](ItemNumber item) { return openItems.isWritten(item); },
+          [this](ItemNumber item) { return verdicts.isAwaited(item); }),
+      merge(options, settler),
+      space(tree, scope, options, contents, tally,
+            [this](ItemNumber item) { return openItems.isOpen(item); }),
+      refresher(tree, scope, provider, health, options, merge, touches),
+      downloader(tree, scope, provider, health, options, contents, settler, space, openItems),
+      readAhead(tree, scope, health, downloader, refresher),
+      verdicts(scope, health),
+      refusals(tree, scope, settler, verdicts),
+      push(tree, scope, provider, health, options, settler, refresher, touches, openItems,
+           contents),
+      outbox(tree, scope, health, options, settler, refresher, downloader, push, refusals,
+             openItems),
+      rooms{tree,       scope,     options, contents, journal, openItems, health,  refresher,
+            downloader, readAhead, space,   tally,    outbox,  refusals,  verdicts},
+      files(replica, rooms),
+      folders(rooms),
+      nameCalls(rooms, files, newWork),
+      commands(rooms) {
+  tree.watch(*this);
+  load();
+  outbox.restore();
+  watchLimits();
+}
+
+Life::~Life() {
+  scope.close();
+  guarded("the end of a replica", [this] {
+    contentFiles.syncAll();
+    journal.sync();
+  });
+}
+
+/// The greatest number that any contents bear.
+Content Life::lastContent() {
+  auto last = static_cast<std::uint64_t>(journal.firstFreeContent());
+  for (const ContentNumber number : contentFiles.numbers()) last = std::max(last, number);
+  return Content{last};
+}
+
+void Life::load() {
+  Edit edit(tree);
+  // What was under way when the process ended has no answer any more.
+  const auto intents = edit->intents().all();
+  for (const auto& intent : intents) {
+    if (intent.isUnderWay()) plan::noteLostAnswer(edit, intent.number, rooms.now());
+  }
+  if (edit->root().attributes().modified) {
+    edit.commit();
+    return;
+  }
+  There root;
+  root.identifier = std::string(NSFileProviderRootContainerItemIdentifier);
+  // Until the provider was asked the root may be read and written.
+  root.capabilities =
+      NSFileProviderItemCapability::allowsReading | NSFileProviderItemCapability::allowsWriting;
+  edit.setThere(ItemNumber::root, root);
+  edit.setAgreed(ItemNumber::root, root);
+  model::Attributes attributes;
+  attributes.modified = model::FileTime(rooms.now());
+  edit.setAttributes(ItemNumber::root, std::move(attributes));
+  edit.commit();
+}
+
+void Life::setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> used) {
+  provider.setExtension(std::move(used));
+  health.begin();
+}
+
+/// The provider can be asked again, or cannot any more.
+void Life::goOn() {
+  if (health.isUp()) {
+    outbox.retryAll();
+  } else {
+    verdicts.giveUp(health.reason());
+  }
+}
+
+void Life::stop() {
+  health.stop();
+  refresher.stop();
+  outbox.stop();
+  verdicts.giveUp(posixError(ESHUTDOWN));
+  provider.stop();
+}
+
+void Life::fsyncFolder() {
+  // A name is nothing without the contents behind it.
+  contentFiles.syncNames();
+  journal.sync();
+}
+
+void Life::watchLimits() {
+  scope.postAfter(kLimitsInterval, [this] {
+    guarded("the limits of the disk", [this] { space.keepLimits(); });
+    guarded("the temporary directory", [this] {
+      const auto before = std::chrono::floor<std::chrono::seconds>(rooms.now()) - kLeftoverAge;
+      contentFiles.sweepTemporary(before.time_since_epoch().count());
+    });
+    watchLimits();
+  });
+}
+
+void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexcept {
+  for (const ItemChange& change : changes) {
+    const ItemNumber number = change.any().number();
+    if (change.now) {
+      tally.note(*change.now, sizeOf(*change.now));
+    } else {
+      tally.noteDropped(number);
+      outbox.forget(number);
+    }
+    keepLeft(change);
+    if (origin == Origin::other) refuse(change);
+    verdicts.note(number, change.now);
+    if (origin == Origin::other) tell(change);
+    if (origin == Origin::other && change.now && !change.now->isInStep()) outbox.note(number);
+    const bool isWanted = change.now && change.now->attributes().pinned && change.now->isFile() &&
+                          change.now->there() && change.now->there()->content == Content::none;
+    if (origin == Origin::other && isWanted) {
+      scope.post([this, number] { downloader.fetchSoon(number); });
+    }
+  }
+}
+
+/// A call that waits for the word on a change learns that it did not come about.
+void Life::refuse(const ItemChange& change) {
+  if (!change.before || !change.now) return;
+  const bool isBack = !change.before->here() && change.now->here();
+  const bool isConflict = change.before->attributes().conflict == ConflictNumber::none &&
+                          change.now->attributes().conflict != ConflictNumber::none;
+  if (isBack && change.now->isFolder()) {
+    verdicts.refuse(change.now->number(),
+                    NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty));
+  } else if (isBack || isConflict) {
+    verdicts.refuse(change.now->number(), posixError(EBUSY));
+  }
+}
+
+/// What programs saw of an item that has no name any more, as long as they may ask for it.
+void Life::keepLeft(const ItemChange& change) {
+  const bool isLeft =
+      change.before && change.before->here() && (!change.now || !change.now->here());
+  if (!isLeft) return;
+  openItems.keepLeft(change.before->number(), calls::shown(*change.before, openItems),
+                     change.before->here()->content);
+}
+
+/// What changed without a program's doing.
+void Life::tell(const ItemChange& change) const {
+  Observer* const told = observer;
+  if (!told || !change.before || !change.before->here()) return;
+  if (change.isElsewhereHere()) {
+    const auto& place = change.before->here()->place;
+    told->entryChanged(static_cast<Rid>(place.folder), std::string(place.name));
+    if (change.now && change.now->here()) {
+      const auto& now = change.now->here()->place;
+      told->entryChanged(static_cast<Rid>(now.folder), std::string(now.name));
+    }
+  }
+  const bool isGone = !change.now || !change.now->here();
+  if (isGone || change.hasOtherContents() || change.hasOtherAttributes()) {
+    told->itemChanged(static_cast<Rid>(change.before->number()),
+                      isGone || change.hasOtherContents());
+  }
+}
+
+}  // namespace kestrowan::replica

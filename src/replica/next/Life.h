@@ -1,0 +1,81 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "async/Scope.h"
+#include "replica/Observer.h"
+#include "replica/Replica.h"
+#include "replica/calls/Commands.h"
+#include "replica/calls/Files.h"
+#include "replica/calls/Folders.h"
+#include "replica/calls/Names.h"
+#include "replica/calls/NewWork.h"
+#include "replica/calls/OpenItems.h"
+#include "replica/calls/Rooms.h"
+#include "replica/model/Tree.h"
+#include "replica/pull/GivenNames.h"
+#include "replica/pull/ListingMerge.h"
+#include "replica/store/ContentFiles.h"
+#include "replica/store/TreeJournal.h"
+
+namespace kestrowan::replica {
+
+/// The parts of a replica from its beginning to its end, in the order in which they are made.
+class Life : public model::Watcher {
+ public:
+  Life(Replica& replica, const std::string& directory, async::Loop& loop, Options options);
+  Life(const Life&) = delete;
+  Life& operator=(const Life&) = delete;
+  ~Life() override;
+
+  void setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
+  void stop();
+  void fsyncFolder();
+  void changed(const std::vector<model::ItemChange>& changes,
+               model::Origin origin) noexcept override;
+  void released() noexcept override {}
+
+ private:
+  model::Content lastContent();
+  void load();
+  void goOn();
+  void watchLimits();
+  void refuse(const model::ItemChange& change);
+  void tell(const model::ItemChange& change) const;
+  void keepLeft(const model::ItemChange& change);
+
+ public:
+  const Options options;
+  async::Scope scope;
+  ContentFiles contentFiles;
+  store::TreeJournal journal;
+  model::Tree tree;
+  store::Contents contents;
+  remote::Provider provider;
+  remote::Reach health;
+  calls::OpenItems openItems;
+  pull::GivenNames names;
+  pull::Settler settler;
+  pull::ListingMerge merge;
+  pull::Touches touches;
+  pull::Tally tally;
+  pull::Space space;
+  pull::Refresher refresher;
+  pull::Downloader downloader;
+  pull::ReadAhead readAhead;
+  push::Verdicts verdicts;
+  push::Refusals refusals;
+  push::Push push;
+  push::Outbox outbox;
+  const calls::Rooms rooms;
+  calls::NewWork newWork;
+  calls::Files files;
+  calls::Folders folders;
+  calls::Names nameCalls;
+  calls::Commands commands;
+  std::atomic<Observer*> observer = nullptr;
+};
+
+}  // namespace kestrowan::replica

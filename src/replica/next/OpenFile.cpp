@@ -1,0 +1,32 @@
+#include "replica/OpenFile.h"
+
+#include <utility>
+
+#include "platform/base/Threads.h"
+#include "replica/next/Life.h"
+
+namespace kestrowan::replica {
+
+OpenFile::OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+                   bool isWritable)
+    : replica_(replica), rid_(rid), contents_(std::move(contents)), isWritable_(isWritable) {}
+
+OpenFile::~OpenFile() {
+  guarded("the close of a file", [this] { replica_.life_->files.closed(*this); });
+}
+
+OpenFile::Change::Change(const OpenFile& file) : file_(file) {
+  for (;;) {
+    lock_ = std::shared_lock(file.contents_->mutex);
+    if (file.contents_->mayChange) return;
+    lock_.unlock();
+    file.replica_.life_->files.changes().prepare(model::ItemNumber{file.rid_}, *file.contents_);
+  }
+}
+
+OpenFile::Change::~Change() {
+  file_.replica_.life_->files.changes().noteWritten(model::ItemNumber{file_.rid_},
+                                                    *file_.contents_);
+}
+
+}  // namespace kestrowan::replica

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+
+#include "replica/Records.h"
+#include "replica/calls/OpenContents.h"
+
+namespace kestrowan::replica {
+
+class Replica;
+
+/// One application's handle on one file. Made by the replica, and closed when its last holder lets
+/// go of it, which starts the sending of what was written. The contents are here for as long as it
+/// lives, also when the item has been removed or replaced. Usable from every thread; the replica
+/// must outlive it.
+class OpenFile {
+ public:
+  OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+           bool isWritable);
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  ~OpenFile();
+
+  Rid rid() const { return rid_; }
+  bool isWritable() const { return isWritable_; }
+
+  /// Runs `use` with the descriptor of the contents, which is good only meanwhile.
+  template <typename Use>
+  auto read(Use&& use) const {
+    std::shared_lock lock(contents_->mutex);
+    return use(contents_->file.get());
+  }
+
+  /// The same for a `use` that changes the contents. Notes first, on disk, that they are changed.
+  /// Throws `NSError` when that fails; `use` has then not been run.
+  template <typename Use>
+  auto write(Use&& use) const {
+    const Change change(*this);
+    return use(contents_->file.get());
+  }
+
+  const std::shared_ptr<calls::OpenContents>& contents() const { return contents_; }
+
+ private:
+  /// Holds the contents still for one change, and takes note of it afterwards.
+  class Change {
+   public:
+    explicit Change(const OpenFile& file);
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+    ~Change();
+
+   private:
+    const OpenFile& file_;
+    std::shared_lock<std::shared_mutex> lock_;
+  };
+
+  Replica& replica_;
+  const Rid rid_;
+  const std::shared_ptr<calls::OpenContents> contents_;
+  const bool isWritable_;
+};
+
+}  // namespace kestrowan::replica

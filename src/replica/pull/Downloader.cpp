@@ -1,0 +1,308 @@
+#include "replica/pull/Downloader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "platform/base/Threads.h"
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/foundation/CaughtError.h"
+#include "replica/Log.h"
+#include "replica/model/View.h"
+#include "replica/plan/Requests.h"
+#include "replica/pull/SameBytes.h"
+#include "replica/pull/Sameness.h"
+#include "replica/remote/Retry.h"
+
+namespace kestrowan::replica::pull {
+
+using model::Attributes;
+using model::Content;
+using model::Edit;
+using model::FileTime;
+using model::Here;
+using model::Intent;
+using model::Item;
+using model::ItemNumber;
+using model::There;
+using model::Time;
+using model::View;
+
+namespace {
+
+/// Contents are taken only with the version they were asked for; after so many tries, as they are.
+constexpr int kTries = 3;
+
+/// A downloaded file that goes unless it was taken.
+class Fetched {
+ public:
+  explicit Fetched(std::string path) : path_(std::move(path)) {}
+  Fetched(const Fetched&) = delete;
+  Fetched& operator=(const Fetched&) = delete;
+  ~Fetched() { ::unlink(path_.c_str()); }
+
+  const std::string& path() const { return path_; }
+
+ private:
+  const std::string path_;
+};
+
+std::int64_t sizeOfFile(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) throw posixError(errno);
+  return status.st_size;
+}
+
+void setModified(const std::string& path, FileTime modified) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(modified);
+  const timespec times[2] = {
+      {0, UTIME_OMIT},
+      {static_cast<time_t>(seconds.time_since_epoch().count()), (modified - seconds).count()}};
+  ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
+}  // namespace
+
+Downloader::Downloader(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
+                       remote::Reach& health, const Options& options, store::Contents& contents,
+                       const Settler& settler, Space& space, Freezer& freezer)
+    : tree_(tree),
+      scope_(scope),
+      provider_(provider),
+      health_(health),
+      options_(options),
+      contents_(contents),
+      settler_(settler),
+      space_(space),
+      freezer_(freezer) {}
+
+/// The contents that the provider has are not here.
+bool Downloader::isWanted(const Item& file) {
+  return file.isFile() && file.there() && file.there()->content == Content::none;
+}
+
+Task<void> Downloader::fetch(ItemNumber number) {
+  {
+    const View view(tree_);
+    const Item* file = view->find(number);
+    if (!file) throw posixError(ESTALE);
+    if (!isWanted(*file)) co_return;
+  }
+  auto waiter = std::make_shared<OneShot<void>>(scope_);
+  if (!begin(number, waiter)) throw health_.reason();
+  auto fetched = OneShot<void>::result(std::move(waiter));
+  co_await std::move(fetched);
+}
+
+void Downloader::fetchSoon(ItemNumber number) {
+  {
+    const View view(tree_);
+    const Item* file = view->find(number);
+    if (!file || !isWanted(*file)) return;
+  }
+  begin(number, nullptr);
+}
+
+/// False when the provider cannot be asked.
+bool Downloader::begin(ItemNumber number, std::shared_ptr<OneShot<void>> waiter) {
+  std::lock_guard lock(mutex_);
+  const auto found = waiters_.find(number);
+  if (found == waiters_.end()) {
+    if (!health_.isUp()) return false;
+    scope_.spawn(run(number));
+  }
+  Waiters& waiters = waiters_[number];
+  if (waiter) waiters.push_back(std::move(waiter));
+  return true;
+}
+
+std::int64_t Downloader::inFlight() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::int64_t>(waiters_.size());
+}
+
+Task<void> Downloader::run(ItemNumber number) {
+  std::exception_ptr problem;
+  try {
+    co_await attempt(number);
+  } catch (...) {
+    problem = std::make_exception_ptr(caughtError());
+  }
+  Waiters waiters;
+  {
+    std::lock_guard lock(mutex_);
+    waiters = std::move(waiters_[number]);
+    waiters_.erase(number);
+  }
+  for (const auto& waiter : waiters) {
+    if (problem) {
+      waiter->reject(problem);
+    } else {
+      waiter->resolve();
+    }
+  }
+}
+
+Task<void> Downloader::attempt(ItemNumber number) {
+  remote::Retry retry(scope_, health_.health(), kTries, std::nullopt);
+  for (int tries = 1;; ++tries) {
+    NSFileProviderItemIdentifier identifier;
+    There before;
+    {
+      const View view(tree_);
+      const Item* file = view->find(number);
+      if (!file || !file->there()) throw posixError(ESTALE);
+      if (!isWanted(*file)) co_return;
+      before = *file->there();
+      identifier = view->identifier(*file);
+    }
+    const auto room = space_.take(before.size);
+    std::optional<NSError> problem;
+    remote::FetchedFile fetched;
+    try {
+      fetched = co_await provider_.fetch(identifier, before.size);
+    } catch (...) {
+      problem = caughtError();
+    }
+    health_.note(problem);
+    if (!problem) {
+      if (adopt(number, before, fetched, tries >= kTries)) co_return;
+      continue;
+    }
+    // Perhaps it was looked for where it no longer is.
+    bool hasMoved = false;
+    {
+      const View view(tree_);
+      const Item* file = view->find(number);
+      hasMoved = file && file->there() && view->identifier(*file) != identifier;
+    }
+    if (tries >= kTries) throw *problem;
+    if (hasMoved) continue;
+    const NSError error = *problem;
+    auto again = retry.after(error);
+    if (!co_await std::move(again)) throw error;
+  }
+}
+
+/// Takes a fetched file as contents; false when it has to be fetched again.
+bool Downloader::adopt(ItemNumber number, const There& before, const remote::FetchedFile& fetched,
+                       bool isLast) {
+  const Fetched file(fetched.path);
+  const std::int64_t bytes = sizeOfFile(file.path());
+  There after = thereOf(*fetched.item, before.place.folder, {}, options_, Source::answer);
+  after.place = before.place;
+  after.identifier = before.identifier;
+  // An answer without a version says nothing of the size that was announced.
+  if (!after.isVersionKnown) after.size = before.size;
+  const std::int64_t announced = after.size;
+  const bool isSameVersion = canBeSame(options_, before, after);
+  const bool isSame = isSameVersion && bytes == announced;
+  if (!isSame && !isLast) {
+    // What was known may be older than the file: the next try compares with what is known now.
+    if (after.isVersionKnown) noteNewer(number, after);
+    return false;
+  }
+  if (!isSame && isSameVersion && announced != 0) {
+    // Nothing changes the file, and still these are not its contents.
+    const View view(tree_);
+    logItem("fetched with another size than announced", *view, number);
+    throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+  }
+  There now = before;
+  if (after.isVersionKnown && isSame) {
+    now.version = after.version;
+    now.isVersionKnown = true;
+    now.date = after.date;
+  } else if (!isSame) {
+    now.isVersionKnown = false;
+  }
+  now.size = bytes;
+  // The file itself here, and what lies here in the place that it has there.
+  const Frozen ours = freezer_.freeze(number);
+  const Frozen rival = freezer_.freeze(rivalOf(number));
+  const Content same = sameContent({ours.number, rival.number}, file.path());
+  if (same != Content::none) {
+    write(number, before, now, same);
+    return true;
+  }
+  auto made = contents_.adopt(file.path());
+  if (write(number, before, now, made.number())) made.keep();
+  return true;
+}
+
+void Downloader::noteNewer(ItemNumber number, const There& now) {
+  Edit edit(tree_);
+  const Item* file = edit->find(number);
+  if (!file || !file->there() || file->there()->place != now.place) return;
+  if (canBeSame(options_, *file->there(), now)) return;
+  edit.setThere(number, now);
+  settler_.settleAll(edit);
+  edit.commit();
+}
+
+ItemNumber Downloader::rivalOf(ItemNumber number) const {
+  const View view(tree_);
+  const Item* file = view->find(number);
+  const Item* other = file && file->there() ? view->hereAt(file->there()->place) : nullptr;
+  return other && other != file ? other->number() : ItemNumber::none;
+}
+
+/// What the fetched bytes may turn out to be.
+std::vector<Content> Downloader::candidates(const std::vector<Content>& here) const {
+  std::vector<Content> result;
+  for (const Content content : here) {
+    if (content != Content::none) result.push_back(content);
+  }
+  const View view(tree_);
+  for (const Intent& intent : view->intents().all()) {
+    if (intent.content != Content::none) result.push_back(intent.content);
+  }
+  return result;
+}
+
+/// Contents that are here and hold the same bytes; `none` when there are none.
+Content Downloader::sameContent(const std::vector<Content>& here, const std::string& path) const {
+  const std::int64_t size = sizeOfFile(path);
+  for (const Content candidate : candidates(here)) {
+    const std::string other = contents_.path(candidate);
+    struct stat status;
+    if (::stat(other.c_str(), &status) != 0 || status.st_size != size) continue;
+    if (haveSameBytes(other, path)) return candidate;
+  }
+  return Content::none;
+}
+
+/// Whether the provider's version is still the one whose contents these are.
+bool Downloader::write(ItemNumber number, const There& before, const There& now, Content content) {
+  Edit edit(tree_);
+  const Item* file = edit->find(number);
+  if (!file || !file->there() || file->there()->version != before.version) return false;
+  There there = now;
+  there.place = file->there()->place;
+  there.content = Content::none;
+  const bool isAgreed = file->agreed() && file->agreed()->version == before.version;
+  if (isAgreed) {
+    There agreed = there;
+    agreed.place = file->agreed()->place;
+    agreed.content = file->agreed()->content;
+    edit.setAgreed(number, std::move(agreed));
+  }
+  edit.setThere(number, std::move(there));
+  plan::noteFetched(edit, number, now.version, content);
+  Attributes attributes = file->attributes();
+  attributes.lastUse = Time(std::chrono::milliseconds(scope_.wallClock()));
+  if (file->here() && file->here()->content == content && isAgreed) {
+    attributes.size.reset();
+    setModified(contents_.path(content), attributes.modified.value_or(modifiedOf(now)));
+  }
+  edit.setAttributes(number, std::move(attributes));
+  settler_.settleAll(edit);
+  edit.commit();
+  return true;
+}
+
+}  // namespace kestrowan::replica::pull

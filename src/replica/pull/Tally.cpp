@@ -1,0 +1,75 @@
+#include "replica/pull/Tally.h"
+
+namespace kestrowan::replica::pull {
+
+using model::ConflictNumber;
+using model::Content;
+using model::Item;
+using model::ItemNumber;
+
+void Tally::Counted::set(ItemNumber item, bool isIn, std::int64_t size) {
+  const auto found = bytes.find(item);
+  if (found != bytes.end()) {
+    sum -= found->second;
+    bytes.erase(found);
+  }
+  if (!isIn) return;
+  bytes.emplace(item, size);
+  sum += size;
+}
+
+void Tally::note(const Item& item, std::int64_t size) {
+  const bool hasContents = item.isFile() && item.here() && item.here()->content != Content::none;
+  const bool isAgreed =
+      hasContents && item.agreed() && item.agreed()->content == item.here()->content;
+  const bool isToSend = hasContents && !isAgreed && !item.isInStep();
+  std::lock_guard lock(mutex_);
+  cached_.set(item.number(), isAgreed && item.there(), size);
+  pending_.set(item.number(), isToSend, size);
+  const ConflictNumber conflict = item.attributes().conflict;
+  std::erase_if(copies_, [&](const auto& copy) { return copy.second == item.number(); });
+  // The other side has the number of the conflict.
+  const bool isCopy =
+      conflict != ConflictNumber::none &&
+      static_cast<std::uint64_t>(conflict) != static_cast<std::uint64_t>(item.number());
+  if (isCopy && item.here()) copies_.emplace(conflict, item.number());
+}
+
+std::vector<ItemNumber> Tally::conflictCopies() const {
+  std::lock_guard lock(mutex_);
+  std::vector<ItemNumber> result;
+  for (const auto& [conflict, item] : copies_) result.push_back(item);
+  return result;
+}
+
+void Tally::noteDropped(ItemNumber item) {
+  std::lock_guard lock(mutex_);
+  cached_.set(item, false, 0);
+  pending_.set(item, false, 0);
+  std::erase_if(copies_, [&](const auto& copy) { return copy.second == item; });
+}
+
+std::vector<ItemNumber> Tally::cachedFiles() const {
+  std::lock_guard lock(mutex_);
+  std::vector<ItemNumber> result;
+  result.reserve(cached_.bytes.size());
+  for (const auto& [number, bytes] : cached_.bytes) result.push_back(number);
+  return result;
+}
+
+std::int64_t Tally::cachedCount() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::int64_t>(cached_.bytes.size());
+}
+
+std::int64_t Tally::cachedBytes() const {
+  std::lock_guard lock(mutex_);
+  return cached_.sum;
+}
+
+std::int64_t Tally::pendingBytes() const {
+  std::lock_guard lock(mutex_);
+  return pending_.sum;
+}
+
+}  // namespace kestrowan::replica::pull

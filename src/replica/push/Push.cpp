@@ -1,0 +1,468 @@
+#include "replica/push/Push.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/fileprovider/NSFileProviderError.h"
+#include "platform/fileprovider/TemplateItem.h"
+#include "platform/foundation/CaughtError.h"
+#include "replica/Log.h"
+#include "replica/model/View.h"
+#include "replica/plan/Plan.h"
+#include "replica/pull/FolderDate.h"
+#include "replica/pull/ProviderItem.h"
+#include "replica/pull/Sameness.h"
+#include "replica/pull/Space.h"
+#include "replica/remote/ErrorClass.h"
+
+namespace kestrowan::replica::push {
+
+using model::Attributes;
+using model::Content;
+using model::Edit;
+using model::Intent;
+using model::IntentNumber;
+using model::Item;
+using model::ItemNumber;
+using model::Kind;
+using model::Path;
+using model::Place;
+using model::State;
+using model::There;
+using model::Time;
+using model::Verb;
+using model::View;
+using plan::Change;
+using remote::ErrorClass;
+namespace Field = NSFileProviderItemField;
+
+namespace {
+
+NSFileProviderItemPtr templateOf(NSFileProviderItemIdentifier identifier,
+                                 NSFileProviderItemIdentifier folder, const std::string& name,
+                                 bool isFolder) {
+  return std::make_shared<const TemplateItem>(TemplateItem::Values{
+      .itemIdentifier = std::move(identifier),
+      .parentItemIdentifier = std::move(folder),
+      .filename = name,
+      .contentType = isFolder ? std::optional(UTType::folder()) : std::nullopt});
+}
+
+/// Whether a request that ended with such an error was certainly not done.
+bool wasCertainlyNotDone(const NSError& error) {
+  switch (remote::errorClass(error)) {
+    case ErrorClass::ambiguous:
+    case ErrorClass::transient:
+    case ErrorClass::down:
+    case ErrorClass::held:
+    case ErrorClass::listAgain:
+    case ErrorClass::quota:
+      return false;
+    default:
+      return true;
+  }
+}
+
+void addPaths(std::vector<Path>& paths, const plan::Request& request) {
+  if (request.source) paths.push_back(*request.source);
+  if (request.target) paths.push_back(*request.target);
+}
+
+}  // namespace
+
+Push::Push(model::Tree& tree, const async::Loop& loop, remote::Provider& provider,
+           remote::Reach& health, const Options& options, const pull::Settler& settler,
+           pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
+           store::Contents& contents)
+    : tree_(tree),
+      loop_(loop),
+      provider_(provider),
+      health_(health),
+      options_(options),
+      settler_(settler),
+      refresher_(refresher),
+      touches_(touches),
+      freezer_(freezer),
+      contents_(contents) {}
+
+Time Push::now() const {
+  return Time(std::chrono::milliseconds(loop_.wallClock()));
+}
+
+/// All that the provider has of it is to be removed there.
+bool Push::isToGo(const State& state, const Item& item) {
+  if (item.here() || !item.there() || !item.agreed() || !item.isMerged()) return false;
+  const bool waits = std::any_of(item.after().begin(), item.after().end(), [&](ItemNumber other) {
+    const Item* first = state.find(other);
+    return first && !first->isInStep();
+  });
+  if (waits) return false;
+  if (item.isFile()) return true;
+  const auto inside = state.thereIn(item.number());
+  return item.attributes().listedAt &&
+         std::all_of(inside.begin(), inside.end(),
+                     [&](const Item* child) { return isToGo(state, *child); });
+}
+
+ItemNumber Push::removedWith(const State& state, ItemNumber number) const {
+  ItemNumber result = number;
+  for (const Item* at = &state.item(number); at->there();) {
+    const Item* folder = state.find(at->there()->place.folder);
+    if (!folder || folder->number() == ItemNumber::root || folder->here()) break;
+    if (isToGo(state, *folder)) result = folder->number();
+    at = folder;
+  }
+  return result;
+}
+
+std::vector<ItemNumber> Push::foldersInTree(const State& state, ItemNumber folder) const {
+  std::vector<ItemNumber> folders{folder};
+  for (std::size_t at = 0; at < folders.size(); ++at) {
+    for (const Item* child : state.thereIn(folders[at])) {
+      if (child->isFolder()) folders.push_back(child->number());
+    }
+  }
+  return folders;
+}
+
+bool Push::isStillPlanned(const State& state, const plan::Push& push) const {
+  const Item* item = state.find(push.item);
+  if (!item) return false;
+  if (push.change == Change::remove && item->isFolder()) return isToGo(state, *item);
+  const plan::Step step = plan::plan(state, push.item, now(), settler_.names());
+  const auto* same = std::get_if<plan::Push>(&step);
+  return same && *same == push;
+}
+
+/// A file that is to be moved and has new contents gets both in one request.
+bool Push::sendsContents(const State& state, const plan::Push& push) const {
+  const Item* item = state.find(push.item);
+  if (!item || !item->isFile() || !item->here()) return false;
+  if (push.change == Change::create || push.change == Change::contents) return true;
+  return push.change == Change::move && push.place == item->here()->place && item->agreed() &&
+         item->here()->content != Content::none && item->here()->content != item->agreed()->content;
+}
+
+/// The protocol knows no precondition, so what a request could destroy is looked at first.
+std::vector<ItemNumber> Push::foldersToList(const plan::Push& push,
+                                            std::optional<Time> changedAt) const {
+  const View view(tree_);
+  const Item* item = view->find(push.item);
+  if (!item || push.change == Change::contents || push.change == Change::move) return {};
+  if (push.change == Change::remove && item->isFolder()) return foldersInTree(*view, push.item);
+  std::vector<ItemNumber> result;
+  for (const ItemNumber number : plan::foldersOf(*view, push)) {
+    const Item* folder = view->find(number);
+    if (!folder || !folder->there()) continue;
+    const auto listedAt = folder->attributes().listedAt;
+    // A file replaces one of its name silently, so its folder is looked at once more.
+    const bool isSilent = push.change == Change::create && item->isFile();
+    const bool isOlder = isSilent && (!listedAt || !changedAt || *listedAt <= *changedAt);
+    const bool isForgotten = push.change == Change::remove && !changedAt;
+    if (!refresher_.isCertain(*folder) || isOlder || isForgotten) result.push_back(number);
+  }
+  return result;
+}
+
+Task<void> Push::carryOut(plan::Push push, std::optional<Time> changedAt) {
+  auto folders = foldersToList(push, changedAt);
+  if (!folders.empty()) co_await refresher_.look(std::move(folders));
+  if (mayReplaceUnseen(push)) throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+  bool hasContents = false;
+  {
+    const View view(tree_);
+    if (!isStillPlanned(*view, push)) {
+      // What was seen in it there keeps it.
+      const Item* item = view->find(push.item);
+      const bool isKept = push.change == Change::remove && item && item->isFolder() &&
+                          !item->here() && item->there() && !item->agreed();
+      if (isKept) throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
+      co_return;
+    }
+    hasContents = sendsContents(*view, push);
+  }
+  if (hasContents && push.change != Change::create) {
+    co_await ask(push.item);
+    const View view(tree_);
+    if (!isStillPlanned(*view, push)) co_return;
+  }
+  pull::Frozen frozen;
+  if (hasContents) frozen = freezer_.freeze(push.item);
+  auto sent = prepare(push, std::move(frozen));
+  if (sent) co_await send(std::move(*sent));
+}
+
+/// Whether a new file may replace something that a listing lacked because it did not come whole.
+bool Push::mayReplaceUnseen(const plan::Push& push) const {
+  const View view(tree_);
+  const Item* item = view->find(push.item);
+  return push.change == Change::create && item && item->isFile() &&
+         refresher_.isPartial(push.place.folder);
+}
+
+/// Asks for the item, and writes what the provider has of it now.
+Task<void> Push::ask(ItemNumber number) {
+  NSFileProviderItemIdentifier identifier;
+  ItemNumber folder = ItemNumber::none;
+  {
+    const View view(tree_);
+    const Item* item = view->find(number);
+    if (!item || !item->there()) co_return;
+    identifier = view->identifier(*item);
+    folder = item->there()->place.folder;
+  }
+  std::optional<NSError> problem;
+  NSFileProviderItemPtr seen;
+  try {
+    seen = co_await provider_.item(identifier);
+  } catch (...) {
+    problem = caughtError();
+  }
+  health_.note(problem);
+  if (!problem) {
+    // Something is there, but not said in a way that could be believed.
+    if (seen->itemIdentifier() != identifier) {
+      throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+    }
+    writeSeen(number, *seen);
+    co_return;
+  }
+  const ErrorClass kind = remote::errorClass(*problem);
+  if (kind != ErrorClass::ambiguous && kind != ErrorClass::gone) throw *problem;
+  std::vector<ItemNumber> above{folder};
+  co_await refresher_.look(std::move(above));
+}
+
+void Push::writeSeen(ItemNumber number, const NSFileProviderItem& seen) {
+  Edit edit(tree_);
+  const Item* item = edit->find(number);
+  if (!item || !item->there()) return;
+  const Place place = item->there()->place;
+  There now = pull::thereOf(seen, place.folder, edit->identifier(edit->item(place.folder)),
+                            options_, pull::Source::look);
+  now.place = place;
+  if (pull::canBeSame(options_, *item->there(), now)) return;
+  edit.setThere(number, std::move(now));
+  settler_.settleAll(edit);
+  edit.commit();
+}
+
+/// Notes what is about to be sent; absent when that is not to be done any more.
+std::optional<Push::Sent> Push::prepare(const plan::Push& push, pull::Frozen frozen) {
+  Edit edit(tree_);
+  if (!isStillPlanned(*edit, push)) return std::nullopt;
+  const Item& item = edit->item(push.item);
+  Sent sent;
+  sent.push = push;
+  sent.isFolder = item.isFolder();
+  sent.target = push.change == Change::contents ? item.there()->place : push.place;
+  if (sendsContents(*edit, push)) {
+    if (frozen.number == Content::none || frozen.number != item.here()->content) {
+      return std::nullopt;
+    }
+    sent.frozen = std::move(frozen);
+  }
+  fillTemplate(*edit, sent);
+  plan::Request request = plan::requestOf(*edit, push);
+  addPaths(sent.paths, request);
+  sent.folders.push_back(sent.target.folder);
+  if (item.there()) sent.folders.push_back(item.there()->place.folder);
+  doubtDates(edit, sent);
+  sent.intents.push_back(plan::noteSent(edit, request, now()));
+  if (push.change == Change::move && sent.hasContents()) {
+    const plan::Request put{Verb::put, push.item, std::nullopt, request.target, sent.frozen.number};
+    sent.intents.push_back(plan::noteSent(edit, put, now()));
+  }
+  edit.commit();
+  return sent;
+}
+
+/// Before and after a request: a listing between the two shows the date before or after it.
+void Push::doubtDates(Edit& edit, const Sent& sent) {
+  for (const ItemNumber folder : sent.folders) pull::doubtFolderDate(edit, folder);
+}
+
+void Push::fillTemplate(const State& state, Sent& sent) const {
+  const Item& item = state.item(sent.push.item);
+  if (item.there()) {
+    sent.identifier = state.identifier(item);
+    const NSData version(pull::plainVersion(item.there()->version.text));
+    sent.version = {version, version};
+  } else {
+    sent.identifier = "new:" + std::to_string(static_cast<std::uint64_t>(item.number()));
+  }
+  if (sent.push.change == Change::remove) return;
+  sent.wanted = templateOf(sent.identifier, state.identifier(state.item(sent.target.folder)),
+                           sent.target.name, sent.isFolder);
+  if (sent.hasContents()) sent.fields |= Field::contents;
+  if (sent.isCreation() || item.there()->place.name != sent.target.name) {
+    sent.fields |= Field::filename;
+  }
+  if (sent.isCreation() || item.there()->place.folder != sent.target.folder) {
+    sent.fields |= Field::parentItemIdentifier;
+  }
+}
+
+Task<void> Push::send(Sent sent) {
+  std::optional<NSError> problem;
+  remote::WrittenItem written;
+  try {
+    written = co_await request(sent);
+  } catch (...) {
+    problem = caughtError();
+  }
+  health_.note(problem);
+  if (problem) {
+    writeFailure(sent, *problem);
+    throw *problem;
+  }
+  if (sent.push.change == Change::remove) {
+    writeRemoval(sent);
+  } else {
+    writeAnswer(sent, written);
+  }
+}
+
+Task<remote::WrittenItem> Push::request(const Sent& sent) {
+  std::optional<std::string> contents;
+  if (sent.hasContents()) contents = contents_.path(sent.frozen.number);
+  switch (sent.push.change) {
+    case Change::create:
+      co_return co_await provider_.create(sent.wanted, sent.fields, contents, 0);
+    case Change::contents:
+    case Change::move:
+      co_return co_await provider_.modify(sent.wanted, sent.version, sent.fields, contents);
+    case Change::remove:
+      co_await provider_.remove(sent.identifier, sent.version, sent.isFolder);
+      co_return remote::WrittenItem();
+  }
+  co_return remote::WrittenItem();
+}
+
+void Push::writeRemoval(const Sent& sent) {
+  Edit edit(tree_);
+  touches_.note(sent.paths);
+  doubtDates(edit, sent);
+  for (const IntentNumber number : sent.intents) plan::noteAnswer(edit, number, {}, now());
+  settler_.settleAll(edit);
+  edit.commit();
+}
+
+/// An answer about another item says nothing of what was sent.
+bool Push::isAnswerAbout(const State& state, const Sent& sent,
+                         const NSFileProviderItem& answered) const {
+  const Item* folder = state.find(sent.target.folder);
+  if (!folder || !folder->there()) return false;
+  const auto above = state.identifier(*folder);
+  return answered.parentItemIdentifier() == above &&
+         options_.identifiers.isProper(answered.itemIdentifier(), above, answered.filename());
+}
+
+void Push::writeAnswer(const Sent& sent, const remote::WrittenItem& written) {
+  bool isUnknown = false;
+  bool isOther = false;
+  {
+    Edit edit(tree_);
+    touches_.note(sent.paths);
+    doubtDates(edit, sent);
+    if (!written.item) {
+      writeGone(edit, sent);
+    } else if (!isAnswerAbout(*edit, sent, *written.item)) {
+      isOther = true;
+      for (const IntentNumber number : sent.intents) plan::noteLostAnswer(edit, number, now());
+      logItem("the provider answered with another item", *edit, sent.push.item);
+    } else {
+      writeState(edit, sent, *written.item);
+      const Item* item = edit->find(sent.push.item);
+      isUnknown = item && item->there() && !item->there()->isVersionKnown;
+      const bool isChangedThere = written.fetchAgain && item && item->here() &&
+                                  sent.hasContents() && item->isInStep() &&
+                                  item->here()->content == sent.frozen.number;
+      // The provider made other contents of them.
+      if (isChangedThere) pull::Space::evict(edit, sent.push.item);
+    }
+    settler_.settleAll(edit);
+    edit.commit();
+  }
+  if (isOther) throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+  // What a listing says soon is of our contents; later it may be of another client's.
+  if (isUnknown) refresher_.lookSoon(sent.target.folder);
+}
+
+/// The provider says that there is no such item any more.
+void Push::writeGone(Edit& edit, const Sent& sent) {
+  for (const IntentNumber number : sent.intents) plan::noteRefusal(edit, number);
+  if (edit->find(sent.push.item)) edit.setThere(sent.push.item, std::nullopt);
+}
+
+void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& answered) {
+  const Item& folder = edit->item(sent.target.folder);
+  There now = pull::thereOf(answered, folder.number(), edit->identifier(folder), options_,
+                            pull::Source::answer);
+  const bool isOverwritten =
+      sent.hasContents() && now.isVersionKnown && now.size != sent.frozen.size;
+  if (sent.hasContents() && !now.isVersionKnown) now.size = sent.frozen.size;
+  const Item* before = edit->find(sent.push.item);
+  const auto known = before ? before->there() : std::nullopt;
+  for (const IntentNumber number : sent.intents) {
+    const auto& intents = edit->intents().all();
+    const auto found = std::find_if(intents.begin(), intents.end(),
+                                    [&](const Intent& intent) { return intent.number == number; });
+    if (found == intents.end()) continue;
+    Intent intent = *found;
+    if (now.place.name != sent.target.name) {
+      intent.target = intent.target->folder().child(now.place.name);
+      edit.change(intent);
+    }
+    // Another client wrote in between: a look and a comparison tell.
+    if (isOverwritten && intent.verb == Verb::put) {
+      plan::noteLostAnswer(edit, number, this->now());
+    } else {
+      plan::noteAnswer(edit, number, now.version, this->now());
+    }
+  }
+  const Item* item = edit->find(sent.push.item);
+  if (!item || !item->there() || isOverwritten) return;
+  There there = *item->there();
+  if (!sent.hasContents() && item->isFile() && known) {
+    // A move changes no contents: what another client changed the next listing is to tell.
+    now.version = known->version;
+    now.isVersionKnown = known->isVersionKnown;
+    now.size = known->size;
+    now.date = known->date;
+  }
+  if (item->isFolder()) {
+    now.size = 0;
+    now.version = {};
+  }
+  now.place = there.place;
+  now.content = there.content;
+  const bool isAgreed = item->agreed() && item->agreed()->version == there.version;
+  edit.setThere(item->number(), now);
+  if (isAgreed) {
+    now.content = item->agreed()->content;
+    now.place = item->agreed()->place;
+    edit.setAgreed(item->number(), now);
+  }
+  Attributes attributes = item->attributes();
+  attributes.failure.reset();
+  // A new folder has nothing in it.
+  if (sent.isCreation() && item->isFolder()) attributes.listedAt = this->now();
+  edit.setAttributes(item->number(), std::move(attributes));
+}
+
+void Push::writeFailure(const Sent& sent, const NSError& error) {
+  Edit edit(tree_);
+  touches_.note(sent.paths);
+  doubtDates(edit, sent);
+  for (const IntentNumber number : sent.intents) {
+    if (wasCertainlyNotDone(error)) {
+      plan::noteRefusal(edit, number);
+    } else {
+      plan::noteLostAnswer(edit, number, now());
+    }
+  }
+  edit.commit();
+}
+
+}  // namespace kestrowan::replica::push

@@ -1,0 +1,108 @@
+#include "replica/push/Verdicts.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "async/WithTimeout.h"
+
+namespace kestrowan::replica::push {
+
+using model::Content;
+using model::Item;
+using model::ItemNumber;
+using std::chrono::milliseconds;
+
+Verdicts::Verdicts(async::Scope& scope, remote::Reach& health) : scope_(scope), health_(health) {}
+
+Task<void> Verdicts::word(ItemNumber item, milliseconds limit) {
+  if (!health_.isUp() || health_.isSlow()) co_return;
+  Waiter waiter{std::make_shared<OneShot<void>>(scope_), Content::none, false};
+  co_await await(item, std::move(waiter), limit);
+}
+
+Task<void> Verdicts::arrival(ItemNumber item, Content content, milliseconds limit) {
+  if (!health_.isUp()) throw health_.reason();
+  Waiter waiter{std::make_shared<OneShot<void>>(scope_), content, true};
+  co_await await(item, std::move(waiter), limit);
+}
+
+Task<void> Verdicts::await(ItemNumber item, Waiter waiter, milliseconds limit) {
+  const auto shot = waiter.shot;
+  const bool needsWord = waiter.needsWord;
+  {
+    std::lock_guard lock(mutex_);
+    waiters_[item].push_back(std::move(waiter));
+  }
+  const auto since = scope_.wallClock();
+  const NSError late = posixError(ETIMEDOUT);
+  std::optional<NSError> error;
+  try {
+    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), shot);
+  } catch (const NSError& caught) {
+    error = caught;
+  }
+  if (!error) co_return;
+  if (error->is(NSPOSIXErrorDomain, ETIMEDOUT)) {
+    health_.noteWaited(since);
+    std::lock_guard lock(mutex_);
+    const auto found = waiters_.find(item);
+    if (found != waiters_.end()) {
+      std::erase_if(found->second, [&](const Waiter& each) { return each.shot == shot; });
+      if (found->second.empty()) waiters_.erase(found);
+    }
+    if (!needsWord) co_return;
+  }
+  throw *error;
+}
+
+bool Verdicts::isAwaited(ItemNumber item) const {
+  std::lock_guard lock(mutex_);
+  return waiters_.contains(item);
+}
+
+void Verdicts::note(ItemNumber number, const Item* item) {
+  std::lock_guard lock(mutex_);
+  const auto found = waiters_.find(number);
+  if (found == waiters_.end()) return;
+  const bool isDone = !item || item->isInStep();
+  std::erase_if(found->second, [&](const Waiter& waiter) {
+    const bool hasArrived = waiter.content != Content::none && item && item->agreed() &&
+                            item->agreed()->content == waiter.content && item->there();
+    if (isDone || hasArrived) waiter.shot->resolve();
+    return isDone || hasArrived;
+  });
+  if (found->second.empty()) waiters_.erase(found);
+}
+
+void Verdicts::refuse(ItemNumber item, const NSError& error) {
+  Waiters waiters;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = waiters_.find(item);
+    if (found == waiters_.end()) return;
+    waiters.swap(found->second);
+    waiters_.erase(found);
+  }
+  for (const Waiter& waiter : waiters) waiter.shot->reject(std::make_exception_ptr(error));
+}
+
+void Verdicts::giveUp(const NSError& reason) {
+  std::unordered_map<ItemNumber, Waiters> all;
+  {
+    std::lock_guard lock(mutex_);
+    all.swap(waiters_);
+  }
+  for (const auto& [item, waiters] : all) {
+    for (const Waiter& waiter : waiters) {
+      if (waiter.needsWord) {
+        waiter.shot->reject(std::make_exception_ptr(reason));
+      } else {
+        waiter.shot->resolve();
+      }
+    }
+  }
+}
+
+}  // namespace kestrowan::replica::push

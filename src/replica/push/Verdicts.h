@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "async/Scope.h"
+#include "platform/base/OneShot.h"
+#include "platform/base/Task.h"
+#include "platform/foundation/NSError.h"
+#include "replica/model/Item.h"
+#include "replica/remote/Reach.h"
+
+namespace kestrowan::replica::push {
+
+/// Calls that wait for the provider's word on a change. Usable from every thread; the waiting calls
+/// continue on the loop.
+class Verdicts {
+ public:
+  Verdicts(async::Scope& scope, remote::Reach& health);
+  Verdicts(const Verdicts&) = delete;
+  Verdicts& operator=(const Verdicts&) = delete;
+
+  /// Ends once the provider has the item as it is here; throws what the provider refused. Ends with
+  /// success, too, when there is no word within `limit`, or none to be had.
+  Task<void> word(model::ItemNumber item, std::chrono::milliseconds limit);
+  /// The same for a caller that must know that these contents arrived: throws ETIMEDOUT when there
+  /// is no word within `limit`, and the reason when the provider cannot be asked.
+  Task<void> arrival(model::ItemNumber item, model::Content content,
+                     std::chrono::milliseconds limit);
+  bool isAwaited(model::ItemNumber item) const;
+
+  /// The item was changed; null when it is no more. Answers what that is the word for.
+  void note(model::ItemNumber number, const model::Item* item);
+  void refuse(model::ItemNumber item, const NSError& error);
+  /// There will be no word for now.
+  void giveUp(const NSError& reason);
+
+ private:
+  struct Waiter {
+    std::shared_ptr<OneShot<void>> shot;
+    /// `none`: any word will do.
+    model::Content content = model::Content::none;
+    bool needsWord = false;
+  };
+  using Waiters = std::vector<Waiter>;
+
+  Task<void> await(model::ItemNumber item, Waiter waiter, std::chrono::milliseconds limit);
+
+  async::Scope& scope_;
+  remote::Reach& health_;
+  mutable std::mutex mutex_;  // guards what follows; a leaf
+  std::unordered_map<model::ItemNumber, Waiters> waiters_;
+};
+
+}  // namespace kestrowan::replica::push

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "replica/remote/Health.h"
+
+namespace kestrowan::replica::remote {
+
+/// The provider's health behind a lock of its own, a leaf. Usable from every thread. The calls are
+/// those of `Health`.
+class Reach {
+ public:
+  Reach(async::Scope& scope, Provider& provider, std::function<void()> resume);
+  Reach(const Reach&) = delete;
+  Reach& operator=(const Reach&) = delete;
+
+  bool isUp() const;
+  bool isOffline() const;
+  bool isSlow() const;
+  std::optional<std::string> held() const;
+  std::optional<std::string> unanswered() const;
+  NSError reason() const;
+  void begin();
+  void stop();
+  void noteSlow();
+  void noteWaited(std::int64_t since);
+  void note(const std::optional<NSError>& error);
+
+  /// For a request that is made again.
+  Health& health() { return health_; }
+
+ private:
+  mutable std::mutex mutex_;
+  Health health_;
+  bool isStopped_ = false;
+};
+
+}  // namespace kestrowan::replica::remote
