@@ -170,6 +170,9 @@ def test_no_token_is_lost(apache, apache_place, seed):
         here, there = read_tree(run.here), run.at_server()
         # What nothing refers to is swept away when a host begins.
         run.end_host()
+        # What was refused for good stays here, with its tokens, until it is tried again.
+        run.place.run("wait", "--timeout", "20")
+        run.place.run("retry")
         run.place.wait_synced()
         result = run.place.run("unmount", "--force", run.place.point)
         assert result.returncode == DONE, result.stderr
