@@ -11,7 +11,7 @@ namespace kestrowan::mount {
 
 namespace {
 
-/// Throws EPERM of `NSPOSIXErrorDomain` when an item is to be given to somebody else.
+/// Throws EPERM of `NSPOSIXErrorDomain` when an item is to be given to another user.
 void checkOwner(const Appearance& appearance, const struct stat& wanted, int which) {
   const bool givesAway = ((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != appearance.user) ||
                          ((which & FUSE_SET_ATTR_GID) != 0 && wanted.st_gid != appearance.group);

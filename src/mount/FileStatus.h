@@ -19,7 +19,7 @@ fuse_entry_param kernelEntry(const replica::Attributes& attributes, std::int64_t
                              const Appearance& appearance);
 
 /// The bits of `mode` that an item keeps. A mount is `nosuid`: none of them lets a program run as
-/// somebody else.
+/// another user.
 std::uint16_t permissionBits(mode_t mode);
 
 /// Nanoseconds since 1970-01-01 UTC; the nearest that can be said so, for years out of range.

@@ -121,7 +121,7 @@ struct Core {
   void stamp(Item& item) const { item.changed = laterThan(item.changed, nanoseconds()); }
   /// Something was made, removed or renamed in the folder: it is modified now.
   void noteFolderChange(Rid folder);
-  /// The same for what no program did here: whoever remembers the folder's attributes is told.
+  /// The same for what no program did here: the observer is told of the folder's attributes.
   void showFolderChange(Rid folder);
   /// Gives an item another place, which no program did here. Tells of both names.
   void moveInView(const ItemPtr& item, Rid parent, std::string name);

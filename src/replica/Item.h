@@ -127,7 +127,7 @@ struct Item : ItemRecord {
   bool isLeftOver() const { return gone && removed && content != 0; }
   bool isSending() const { return sync && sync->place == SyncRuntime::Place::sending; }
 
-  /// Contents that others may have written run with nobody's rights but those of who runs them.
+  /// Contents that others may have written run with the rights of the user that runs them alone.
   /// Whether they would have.
   bool dropPrivileges() {
     constexpr std::uint16_t kPrivileges = S_ISUID | S_ISGID;

@@ -41,7 +41,7 @@ class ContentFiles {
   /// Makes durable that the contents made so far are there; what is in them has to be made durable
   /// by itself.
   void syncNames();
-  /// Makes everything durable, whoever wrote it.
+  /// Makes everything on the file system durable, what other programs wrote included.
   void syncAll();
 
   /// A private directory on the same file system, for files that `adopt` will take. Emptied by the
