@@ -31,7 +31,7 @@ void prepareHandle(Session& session, const File& file, fuse_file_info& info) {
   const auto& contents = *file->contents();
   const auto number = [&] {
     std::shared_lock lock(file->contents()->mutex);
-    return contents.number;
+    return static_cast<replica::ContentNumber>(contents.number);
   }();
   info.keep_cache = session.seenContents().see(file->rid(), number);
   // A reader's close is none of the provider's business, and must not take the writer's error away.

@@ -3,36 +3,30 @@
 #include <utility>
 
 #include "platform/base/Threads.h"
-#include "replica/Implementation.h"
+#include "replica/Life.h"
 
 namespace kestrowan::replica {
 
-OpenFile::OpenFile(Replica& replica, std::shared_ptr<Item> item, std::shared_ptr<Contents> contents,
-                   bool writable)
-    : replica_(replica),
-      item_(std::move(item)),
-      contents_(std::move(contents)),
-      writable_(writable) {}
+OpenFile::OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+                   bool isWritable)
+    : replica_(replica), rid_(rid), contents_(std::move(contents)), isWritable_(isWritable) {}
 
 OpenFile::~OpenFile() {
-  guarded("the close of a file", [this] { replica_.implementation_->closed(*this); });
-}
-
-Rid OpenFile::rid() const {
-  return item_->rid;
+  guarded("the close of a file", [this] { replica_.life_->files.closed(*this); });
 }
 
 OpenFile::Change::Change(const OpenFile& file) : file_(file) {
   for (;;) {
     lock_ = std::shared_lock(file.contents_->mutex);
-    if (file.contents_->noted && !file.contents_->frozen && file.contents_->versioned) return;
+    if (file.contents_->mayChange) return;
     lock_.unlock();
-    file.replica_.implementation_->prepareChange(file.item_, *file.contents_);
+    file.replica_.life_->files.changes().prepare(model::ItemNumber{file.rid_}, *file.contents_);
   }
 }
 
 OpenFile::Change::~Change() {
-  file_.replica_.implementation_->noteChange(file_.item_, *file_.contents_);
+  file_.replica_.life_->files.changes().noteWritten(model::ItemNumber{file_.rid_},
+                                                    *file_.contents_);
 }
 
 }  // namespace kestrowan::replica

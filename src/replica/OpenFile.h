@@ -2,14 +2,15 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 
-#include "replica/Contents.h"
 #include "replica/Records.h"
+#include "replica/calls/OpenContents.h"
 
 namespace kestrowan::replica {
 
 class Replica;
-struct Item;
 
 /// One application's handle on one file. Made by the replica, and closed when its last holder lets
 /// go of it, which starts the sending of what was written. The contents are here for as long as it
@@ -17,14 +18,14 @@ struct Item;
 /// must outlive it.
 class OpenFile {
  public:
-  OpenFile(Replica& replica, std::shared_ptr<Item> item, std::shared_ptr<Contents> contents,
-           bool writable);
+  OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+           bool isWritable);
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
   ~OpenFile();
 
-  Rid rid() const;
-  bool isWritable() const { return writable_; }
+  Rid rid() const { return rid_; }
+  bool isWritable() const { return isWritable_; }
 
   /// Runs `use` with the descriptor of the contents, which is good only meanwhile.
   template <typename Use>
@@ -41,8 +42,7 @@ class OpenFile {
     return use(contents_->file.get());
   }
 
-  const std::shared_ptr<Item>& item() const { return item_; }
-  const std::shared_ptr<Contents>& contents() const { return contents_; }
+  const std::shared_ptr<calls::OpenContents>& contents() const { return contents_; }
 
  private:
   /// Holds the contents still for one change, and takes note of it afterwards.
@@ -59,9 +59,9 @@ class OpenFile {
   };
 
   Replica& replica_;
-  const std::shared_ptr<Item> item_;
-  const std::shared_ptr<Contents> contents_;
-  const bool writable_;
+  const Rid rid_;
+  const std::shared_ptr<calls::OpenContents> contents_;
+  const bool isWritable_;
 };
 
 }  // namespace kestrowan::replica

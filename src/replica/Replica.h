@@ -20,6 +20,8 @@
 
 namespace kestrowan::replica {
 
+class Life;
+
 /// What applications see of an item.
 struct Attributes {
   Rid rid = 0;
@@ -107,7 +109,7 @@ enum class NameTaken : std::uint8_t {
 class Replica {
  public:
   /// Reads what `directory` (absolute, exclusively the replica's) holds, or begins anew. Sends
-  /// nothing before the first `setProvider`. Throws `NSError` as `ItemStore` and `ContentFiles` do.
+  /// nothing before the first `setProvider`. Throws `NSError` as `TreeJournal` and `ContentFiles` do.
   Replica(const std::string& directory, async::Loop& loop, Options options);
   Replica(const Replica&) = delete;
   Replica& operator=(const Replica&) = delete;
@@ -124,7 +126,7 @@ class Replica {
   void setObserver(Observer* observer);
   /// From now on nothing can be opened to be written, or made: EROFS. What was begun can be ended.
   void refuseNewWork();
-  /// No more calls to the provider are begun, and whoever waits is answered.
+  /// No more calls to the provider are begun, and the calls that wait are answered.
   void stop();
   /// Waits, after `stop`, until everything that was under way has ended, for at most `limit`. Not
   /// on the loop.
@@ -190,7 +192,6 @@ class Replica {
   Status status(std::size_t limit = kMostPending) const;
   /// How many pending items a status names.
   static constexpr std::size_t kMostPending = 10000;
-  Cost cost() const;
   /// Completes when both sides agree, with EIO when only refused changes are left, or with
   /// ETIMEDOUT after `limit`.
   void waitUntilSynced(std::chrono::milliseconds limit, Completion<Done> completion);
@@ -203,6 +204,7 @@ class Replica {
   /// Gives up local changes of everything at and below the item: contents go to the history,
   /// and the provider's state is shown. Gives how many items that were.
   std::size_t discard(Rid item);
+
   std::optional<HistoryEntry> historyEntry(ContentNumber entry) const;
   /// What is in the history; at most `most` entries.
   HistoryList history(const HistoryFilter& filter, std::size_t most) const;
@@ -216,8 +218,7 @@ class Replica {
 
  private:
   friend class OpenFile;
-  class Implementation;
-  const std::shared_ptr<Implementation> implementation_;
+  const std::unique_ptr<Life> life_;
 };
 
 }  // namespace kestrowan::replica

@@ -72,11 +72,6 @@ struct Status {
   std::vector<std::string> partialFolders;
 };
 
-/// What was done since the start that takes longer the more there is.
-struct Cost {
-  std::int64_t visitsOfAllItems = 0;
-};
-
 struct EvictionResult {
   std::int64_t evicted = 0;
   std::int64_t bytes = 0;

@@ -107,6 +107,8 @@ Status Commands::status(std::size_t limit) const {
   status.offline = rooms_.health.isOffline();
   status.unanswered = rooms_.health.unanswered();
   status.held = rooms_.health.held();
+  status.history = rooms_.history.usage();
+  status.historyLimit = rooms_.history.limit();
   status.pendingBytes = rooms_.tally.pendingBytes();
   status.cachedFiles = rooms_.tally.cachedCount();
   status.cachedBytes = rooms_.tally.cachedBytes();
@@ -146,24 +148,28 @@ Status Commands::status(std::size_t limit) const {
 
 EvictionResult Commands::evict(ItemNumber number) {
   EvictionResult result;
-  Edit edit(rooms_.tree);
-  require(*edit, number);
-  for (const ItemNumber each : subtree(*edit, number)) {
-    const Item& item = edit->item(each);
-    if (item.isFolder() || item.here()->content == Content::none) continue;
-    if (rooms_.space.isEvictable(item)) {
-      ++result.evicted;
-      result.bytes += shown(item, rooms_.openItems).size;
-      pull::Space::evict(edit, each);
-    } else if (item.attributes().pinned) {
-      ++result.pinned;
-    } else if (rooms_.openItems.isOpen(each)) {
-      ++result.open;
-    } else {
-      ++result.changed;
+  std::vector<ContentNumber> evicted;
+  {
+    Edit edit(rooms_.tree);
+    require(*edit, number);
+    for (const ItemNumber each : subtree(*edit, number)) {
+      const Item& item = edit->item(each);
+      if (item.isFolder() || item.here()->content == Content::none) continue;
+      if (rooms_.space.isEvictable(item)) {
+        ++result.evicted;
+        result.bytes += shown(item, rooms_.openItems).size;
+        evicted.push_back(pull::Space::evict(edit, each));
+      } else if (item.attributes().pinned) {
+        ++result.pinned;
+      } else if (rooms_.openItems.isOpen(each)) {
+        ++result.open;
+      } else {
+        ++result.changed;
+      }
     }
+    edit.commit();
   }
-  edit.commit();
+  rooms_.unused.removeAtOnce(evicted);
   return result;
 }
 
@@ -251,7 +257,7 @@ std::size_t Commands::discard(ItemNumber number) {
   std::vector<ItemNumber> discarded;
   std::vector<ItemNumber> left;
   {
-    Edit edit(rooms_.tree);
+    Edit edit(rooms_.tree, model::Origin::user);
     require(*edit, number);
     auto pending = pendingIn(*edit, number);
     // What lies deepest goes first, so that folders made here are empty when it is their turn.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "replica/Log.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
@@ -32,8 +33,10 @@ namespace {
 /// A file that a program keeps open for writing is sent after so long without a write.
 constexpr milliseconds kQuietTime{30000};
 /// Of larger contents no version before a change in place is kept where a copy shares no blocks.
-constexpr std::int64_t kCopiedSize = std::int64_t{64} << 20;
+constexpr std::int64_t kMostCopied = std::int64_t{64} << 20;
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
+/// Mode bits that a change of contents takes.
+constexpr std::uint16_t kPrivileges = S_ISUID | S_ISGID;
 
 /// The bytes of that state are not on this disk any more.
 void forgetBytes(Edit& edit, ItemNumber number, Content content) {
@@ -72,18 +75,56 @@ ContentChanges::Preparation ContentChanges::preparation(const State& state, Item
 }
 
 /// A copy to be changed in the place of contents that are needed as they are.
-std::optional<store::Contents::Made> ContentChanges::copy(ItemNumber file, const Preparation& todo,
-                                                          int source) {
-  struct stat status;
-  if (::fstat(source, &status) != 0) throw posixError(errno);
-  if (!todo.mustCopy && status.st_size > kCopiedSize) return std::nullopt;
+store::Contents::Made ContentChanges::copy(ItemNumber file, int source) {
   const auto begun = rooms_.scope.now();
   auto made = rooms_.contents.clone(source);
-  if (todo.mustCopy) {
-    const auto time = std::chrono::duration_cast<milliseconds>(rooms_.scope.now() - begun);
-    rooms_.openItems.noteCopy(file, time);
-  }
+  const auto time = std::chrono::duration_cast<milliseconds>(rooms_.scope.now() - begun);
+  rooms_.openItems.noteCopy(file, time);
   return made;
+}
+
+/// Throws when what the provider never had could be copied, and was not.
+std::optional<store::Contents::Made> ContentChanges::cloneForHistory(int source,
+                                                                     Confirmed confirmed) {
+  try {
+    return rooms_.contents.cloneCheaply(source, kMostCopied);
+  } catch (const NSError&) {
+    if (confirmed == Confirmed::never) throw;
+    return std::nullopt;
+  }
+}
+
+/// Keeps what is about to be changed in place, where that costs little enough.
+void ContentChanges::keepVersion(ItemNumber file, int source) {
+  HistoryEntry entry;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(file);
+    if (!item || !item->here()) return;
+    entry.path = shownPath(*view, *item);
+    const Attributes& attributes = item->attributes();
+    const auto& agreed = item->agreed();
+    const bool isConfirmed = agreed && agreed->content == item->here()->content;
+    entry.confirmed = attributes.localOnly ? Confirmed::notSent : Confirmed::never;
+    if (isConfirmed) entry.confirmed = Confirmed::once;
+    if (isConfirmed) entry.version = agreed->version.text;
+  }
+  if (!rooms_.history.isVersionDue(entry.path)) return;
+  struct stat status;
+  if (::fstat(source, &status) != 0) throw posixError(errno);
+  if (status.st_size == 0) return;
+  const auto begun = rooms_.scope.now();
+  auto copy = cloneForHistory(source, entry.confirmed);
+  if (!copy) return;
+  const auto cost = std::chrono::duration_cast<milliseconds>(rooms_.scope.now() - begun);
+  entry.content = static_cast<ContentNumber>(copy->number());
+  entry.item = static_cast<Rid>(file);
+  entry.size = status.st_size;
+  entry.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+  entry.reason = HistoryReason::replaced;
+  entry.at = std::chrono::floor<std::chrono::seconds>(rooms_.now()).time_since_epoch().count();
+  rooms_.history.keepVersion(entry, cost.count());
+  copy->keep();
 }
 
 void ContentChanges::prepare(ItemNumber file, OpenContents& contents) {
@@ -97,13 +138,19 @@ void ContentChanges::prepare(ItemNumber file, OpenContents& contents) {
     source = UniqueFd(::fcntl(contents.file.get(), F_DUPFD_CLOEXEC, 0));
     if (!source) throw posixError(errno);
   }
+  const bool isInHistory = rooms_.history.find(static_cast<ContentNumber>(number)).has_value();
   Preparation todo;
   {
     const View view(rooms_.tree);
     todo = preparation(*view, file, number);
   }
-  const bool needsCopy = todo.mustCopy || todo.isShared;
-  auto made = needsCopy ? copy(file, todo, source.get()) : std::nullopt;
+  std::optional<store::Contents::Made> made;
+  // What has no name any more is in the history as its last program leaves it.
+  if (todo.mustCopy || (isInHistory && todo.isItems)) {
+    made.emplace(copy(file, source.get()));
+  } else if (todo.isItems) {
+    keepVersion(file, source.get());
+  }
   // What a power failure must not take is made durable before the item depends on it.
   if (todo.isShared || (made && contents.isPromised)) {
     if (::fdatasync(made ? made->file() : source.get()) != 0) throw posixError(errno);
@@ -114,20 +161,16 @@ void ContentChanges::prepare(ItemNumber file, OpenContents& contents) {
   if (contents.number == number) apply(file, contents, todo, made);
 }
 
-/// Whether the contents may be changed now.
-bool ContentChanges::apply(ItemNumber file, OpenContents& contents, const Preparation& todo,
+/// Notes that the contents may be changed now, unless what was prepared is not what is needed.
+void ContentChanges::apply(ItemNumber file, OpenContents& contents, const Preparation& todo,
                            std::optional<store::Contents::Made>& made) {
   const Content before = contents.number;
-  Content now = before;
   {
     Edit edit(rooms_.tree, model::Origin::program);
-    if (preparation(*edit, file, before) != todo) return false;
-    if (todo.isItems && !todo.isReady()) {
-      if (made) {
-        now = made->number();
-        edit.setHere(file, Here{edit->item(file).here()->place, now});
-      }
-      forgetBytes(edit, file, before);
+    if (preparation(*edit, file, before) != todo) return;
+    if (todo.isItems) {
+      if (made) edit.setHere(file, Here{edit->item(file).here()->place, made->number()});
+      if (todo.isShared || made) forgetBytes(edit, file, before);
       Attributes attributes = edit->item(file).attributes();
       forgetFailure(attributes);
       edit.setAttributes(file, std::move(attributes));
@@ -135,42 +178,63 @@ bool ContentChanges::apply(ItemNumber file, OpenContents& contents, const Prepar
     }
   }
   if (made) {
-    contents.number = now;
+    contents.number = made->number();
     contents.file = made->keep();
     // Without an item it lives as long as it is open.
-    if (!todo.isItems)
-      rooms_.contents.files().removeIfPossible(static_cast<ContentNumber>(made->number()));
+    if (!todo.isItems) {
+      rooms_.contents.files().removeIfPossible(static_cast<ContentNumber>(contents.number));
+    }
   }
   contents.mayChange = true;
   contents.lastWrite =
       std::chrono::duration_cast<milliseconds>(rooms_.scope.now().time_since_epoch()).count();
   if (todo.isItems) rooms_.outbox.noteChange(file, kQuietTime);
-  return true;
 }
 
-void ContentChanges::noteWritten(ItemNumber, OpenContents& contents) {
+void ContentChanges::noteWritten(ItemNumber file, OpenContents& contents) {
   struct stat status;
   if (::fstat(contents.file.get(), &status) == 0) {
     contents.size = status.st_size;
     contents.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+    const std::int64_t changed = status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec;
+    contents.changed = std::max(changed, contents.changed + 1);
   }
   contents.isWritten = true;
   contents.lastWrite =
       std::chrono::duration_cast<milliseconds>(rooms_.scope.now().time_since_epoch()).count();
+  if (contents.mayHavePrivileges.exchange(false)) dropPrivileges(file);
+}
+
+/// Contents that others may have written run with the rights of the user that runs them alone.
+void ContentChanges::dropPrivileges(ItemNumber file) {
+  Edit edit(rooms_.tree);
+  const Item* item = edit->find(file);
+  if (!item || (item->attributes().mode.value_or(0) & kPrivileges) == 0) return;
+  Attributes attributes = item->attributes();
+  *attributes.mode &= static_cast<std::uint16_t>(~kPrivileges);
+  edit.setAttributes(file, std::move(attributes));
+  edit.commit();
 }
 
 void ContentChanges::keepWritten(ItemNumber file, OpenContents& contents) {
   if (!contents.isWritten) return;
-  Edit edit(rooms_.tree, model::Origin::program);
-  const Item* item = edit->find(file);
-  if (!item || !item->here() || item->here()->content != contents.number) return;
-  Attributes attributes = item->attributes();
-  const FileTime modified{std::chrono::nanoseconds(contents.modified.load())};
-  if (attributes.size == contents.size && attributes.modified == modified) return;
-  attributes.size = contents.size;
-  attributes.modified = modified;
-  edit.setAttributes(file, std::move(attributes));
-  edit.commit();
+  {
+    Edit edit(rooms_.tree, model::Origin::program);
+    const Item* item = edit->find(file);
+    if (item && item->here() && item->here()->content == contents.number) {
+      Attributes attributes = item->attributes();
+      const FileTime modified{std::chrono::nanoseconds(contents.modified.load())};
+      if (attributes.size == contents.size && attributes.modified == modified) return;
+      attributes.size = contents.size;
+      attributes.modified = modified;
+      attributes.changed = FileTime(std::chrono::nanoseconds(contents.changed.load()));
+      edit.setAttributes(file, std::move(attributes));
+      edit.commit();
+      return;
+    }
+  }
+  // A program that had it open wrote on.
+  rooms_.history.resize(static_cast<ContentNumber>(contents.number), contents.size);
 }
 
 void ContentChanges::empty(ItemNumber file) {
@@ -189,6 +253,7 @@ void ContentChanges::empty(ItemNumber file) {
       Attributes attributes = item.attributes();
       attributes.size = 0;
       attributes.modified = FileTime(rooms_.now());
+      if (attributes.mode) *attributes.mode &= static_cast<std::uint16_t>(~kPrivileges);
       forgetFailure(attributes);
       edit.setAttributes(file, std::move(attributes));
       edit.commit();

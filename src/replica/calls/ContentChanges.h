@@ -32,17 +32,17 @@ class ContentChanges {
     bool mustCopy = false;
     /// The provider has them, too.
     bool isShared = false;
-    /// No other use is made of them.
-    bool isReady() const { return isItems && !mustCopy && !isShared; }
     friend bool operator==(const Preparation&, const Preparation&) = default;
   };
 
   Preparation preparation(const model::State& state, model::ItemNumber file,
                           model::Content content) const;
-  std::optional<store::Contents::Made> copy(model::ItemNumber file, const Preparation& todo,
-                                            int source);
-  bool apply(model::ItemNumber file, OpenContents& contents, const Preparation& todo,
+  store::Contents::Made copy(model::ItemNumber file, int source);
+  std::optional<store::Contents::Made> cloneForHistory(int source, Confirmed confirmed);
+  void keepVersion(model::ItemNumber file, int source);
+  void apply(model::ItemNumber file, OpenContents& contents, const Preparation& todo,
              std::optional<store::Contents::Made>& made);
+  void dropPrivileges(model::ItemNumber file);
 
   const Rooms& rooms_;
 };

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -31,16 +32,6 @@ namespace {
 constexpr milliseconds kContentsWait{10 * 60 * 1000};
 constexpr std::size_t kMostAttributeBytes = 65536;
 
-void setFileModified(const std::string& path, FileTime modified) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(modified);
-  const timespec times[2] = {
-      {0, UTIME_OMIT},
-      {static_cast<time_t>(seconds.time_since_epoch().count()), (modified - seconds).count()}};
-  if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-    throw posixError(errno);
-  }
-}
-
 bool isToBeSent(const Item* item) {
   return item && item->here() && !item->isInStep();
 }
@@ -54,7 +45,7 @@ Attributes Files::attributes(ItemNumber number) const {
   {
     const View view(rooms_.tree);
     const Item* item = view->find(number);
-    if (item && item->here()) return shown(*item, rooms_.openItems);
+    if (item && item->here()) return shown(*view, *item, rooms_.openItems);
   }
   const auto left = rooms_.openItems.left(number);
   if (!left) throw posixError(ESTALE);
@@ -62,6 +53,7 @@ Attributes Files::attributes(ItemNumber number) const {
 }
 
 void Files::requireOpenable(ItemNumber number, OpenMode mode) const {
+  if (mode.write) rooms_.history.requireRoom();
   bool isLeft = false;
   {
     const View view(rooms_.tree);
@@ -166,7 +158,7 @@ std::shared_ptr<OpenFile> Files::opened(ItemNumber number, Content content, bool
 
 void Files::closed(const OpenFile& file) {
   const ItemNumber number{file.rid()};
-  changes_.keepWritten(number, *file.contents());
+  if (file.isWritable()) changes_.keepWritten(number, *file.contents());
   const bool wasLast = rooms_.openItems.close(number, file.isWritable());
   if (!wasLast) return;
   bool isPending = false;
@@ -267,29 +259,33 @@ bool Files::setKeptOfLeft(ItemNumber number, const AttributeChange& change) {
   }
   auto left = rooms_.openItems.left(number);
   if (!left) throw posixError(ESTALE);
-  if (change.mode) left->attributes.mode = *change.mode;
+  if (change.mode) left->attributes.mode = *change.mode & kModeBits;
   if (change.modified) left->attributes.modified = *change.modified;
+  if (change.accessed) left->attributes.accessed = *change.accessed;
+  left->attributes.changed = std::max(left->attributes.changed + 1,
+                                      FileTime(rooms_.now()).time_since_epoch().count());
   rooms_.openItems.changeLeft(number, left->attributes);
   return true;
 }
 
 void Files::setKept(ItemNumber number, const AttributeChange& change) {
-  if (!change.mode && !change.modified) return;
+  if (!change.mode && !change.modified && !change.accessed) return;
   Edit edit(rooms_.tree, model::Origin::program);
   const Item& item = require(*edit, number);
   model::Attributes attributes = item.attributes();
-  if (change.mode) attributes.mode = static_cast<std::uint16_t>(*change.mode & 0777);
+  const auto open = rooms_.openItems.contentsOf(number);
+  if (change.mode) attributes.mode = static_cast<std::uint16_t>(*change.mode & kModeBits);
+  if (change.mode && open) open->mayHavePrivileges = true;
+  if (change.accessed) attributes.accessed = FileTime(std::chrono::nanoseconds(*change.accessed));
   if (change.modified) {
     const FileTime modified{std::chrono::nanoseconds(*change.modified)};
     attributes.modified = modified;
     // Only what changes at the provider from now on makes it newer.
     if (item.isFolder()) pull::doubtFolderDate(edit, number);
     if (item.here()->content != Content::none) {
-      setFileModified(rooms_.contents.path(item.here()->content), modified);
+      rooms_.contents.setModified(item.here()->content, modified);
     }
-    if (const auto contents = rooms_.openItems.contentsOf(number)) {
-      contents->modified = *change.modified;
-    }
+    if (open) open->modified = *change.modified;
   }
   edit.setAttributes(number, std::move(attributes));
   edit.commit();

@@ -30,7 +30,7 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
     requireFolder(*view, folder);
     // No other client can know of what was made here.
     const Item* item = child(*view, folder, name);
-    if (item && !item->there()) co_return shown(*item, rooms_.openItems);
+    if (item && !item->there()) co_return shown(*view, *item, rooms_.openItems);
   }
   std::optional<NSError> problem;
   if (!rooms_.refresher.isPrepared(folder, Refresher::Need::usable)) {
@@ -42,7 +42,7 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
   }
   const View view(rooms_.tree);
   if (const Item* item = child(*view, folder, name)) {
-    co_return shown(*item, rooms_.openItems);
+    co_return shown(*view, *item, rooms_.openItems);
   }
   throw problem ? *problem : posixError(ENOENT);
 }
@@ -65,7 +65,7 @@ Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
     const auto children = view->hereIn(folder);
     snapshot->entries.reserve(children.size());
     for (const Item* each : children) {
-      snapshot->entries.push_back({each->here()->place.name, shown(*each, rooms_.openItems)});
+      snapshot->entries.push_back({each->here()->place.name, shown(*view, *each, rooms_.openItems)});
     }
   }
   rooms_.refresher.setOpen(folder, true);

@@ -89,20 +89,14 @@ Task<void> Names::prepare(ItemNumber folder, Refresher::Need need) {
   co_await rooms_.refresher.prepare(folder, need);
 }
 
-/// Something was made, removed or renamed in the folder here: it is modified now.
-void Names::noteFolderChange(Edit& edit, ItemNumber folder) const {
-  model::Attributes attributes = edit->item(folder).attributes();
-  attributes.modified = FileTime(rooms_.now());
-  edit.setAttributes(folder, std::move(attributes));
-}
-
-ItemNumber Names::makeItem(Edit& edit, const Place& place, Kind kind, std::uint16_t mode,
-                           Content content) const {
+ItemNumber Names::makeItem(Edit& edit, const Place& place, Kind kind,
+                           std::optional<std::uint16_t> mode, Content content) const {
   const ItemNumber number = edit.make(kind);
   edit.setHere(number, Here{place, content});
   model::Attributes attributes;
-  attributes.mode = static_cast<std::uint16_t>(mode & 0777);
+  if (mode) attributes.mode = static_cast<std::uint16_t>(*mode & kModeBits);
   attributes.modified = FileTime(rooms_.now());
+  attributes.changed = attributes.modified;
   if (kind == Kind::file) {
     attributes.size = 0;
     attributes.localOnly = staysHere(place.name, kind);
@@ -110,12 +104,12 @@ ItemNumber Names::makeItem(Edit& edit, const Place& place, Kind kind, std::uint1
   }
   attributes.pinned = edit->item(place.folder).attributes().pinned;
   edit.setAttributes(number, std::move(attributes));
-  noteFolderChange(edit, place.folder);
   return number;
 }
 
 Task<CreatedFile> Names::createFile(ItemNumber folder, std::string name, std::uint16_t mode) {
   newWork_.require();
+  rooms_.history.requireRoom();
   {
     const View view(rooms_.tree);
     checkNewName(*view, requireFolder(*view, folder), name, Kind::file);
@@ -134,7 +128,7 @@ Task<CreatedFile> Names::createFile(ItemNumber folder, std::string name, std::ui
     number = makeItem(edit, {folder, name}, Kind::file, mode, made.number());
     edit.commit();
     made.keep();
-    created.attributes = shown(edit->item(number), rooms_.openItems);
+    created.attributes = shown(*edit, edit->item(number), rooms_.openItems);
   }
   created.file = files_.opened(number, made.number(), true);
   rooms_.outbox.noteChange(number, kQuietTime);
@@ -157,7 +151,7 @@ Task<Attributes> Names::makeFolder(ItemNumber folder, std::string name, std::uin
     if (Folders::child(*edit, folder, name)) throw posixError(EEXIST);
     number = makeItem(edit, {folder, name}, Kind::folder, mode, Content::none);
     edit.commit();
-    attributes = shown(edit->item(number), rooms_.openItems);
+    attributes = shown(*edit, edit->item(number), rooms_.openItems);
   }
   rooms_.outbox.noteChange(number, milliseconds(0));
   co_await rooms_.verdicts.word(number, rooms_.options.verdictWait);
@@ -188,10 +182,8 @@ Task<void> Names::removeItem(ItemNumber number) {
     const Item& item = require(*edit, number);
     if (edit->anyHereIn(number)) throw posixError(ENOTEMPTY);
     checkRemoval(item);
-    const ItemNumber folder = item.here()->place.folder;
     isSending = rooms_.outbox.isSending(number);
     leave(edit, number);
-    noteFolderChange(edit, folder);
     const bool isDropped = !edit->find(number);
     edit.commit();
     if (isDropped) co_return;
@@ -332,8 +324,6 @@ Names::Moved Names::apply(const Move& move) {
   attributes.localOnly = isHere;
   attributes.failure.reset();
   edit.setAttributes(number, std::move(attributes));
-  noteFolderChange(edit, move.source.folder);
-  noteFolderChange(edit, move.target.folder);
   const bool isSending = rooms_.outbox.isSending(number);
   edit.commit();
 

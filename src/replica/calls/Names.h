@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -30,6 +32,13 @@ class Names {
   };
   Task<void> rename(Move move);
 
+  /// Throws what prevents an item of that name in the folder, but for one that has it.
+  void checkNewName(const model::State& state, const model::Item& folder, const std::string& name,
+                    model::Kind kind) const;
+  /// A new item of programs, with contents of no bytes. To be committed by the caller.
+  model::ItemNumber makeItem(model::Edit& edit, const model::Place& place, model::Kind kind,
+                             std::optional<std::uint16_t> mode, model::Content content) const;
+
  private:
   /// What a rename came to.
   struct Moved {
@@ -40,13 +49,8 @@ class Names {
   };
 
   bool staysHere(const std::string& name, model::Kind kind) const;
-  void checkNewName(const model::State& state, const model::Item& folder, const std::string& name,
-                    model::Kind kind) const;
   void checkRemoval(const model::Item& item) const;
   void checkMove(const model::State& state, const Move& move) const;
-  model::ItemNumber makeItem(model::Edit& edit, const model::Place& place, model::Kind kind,
-                             std::uint16_t mode, model::Content content) const;
-  void noteFolderChange(model::Edit& edit, model::ItemNumber folder) const;
   Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
   Task<void> removeItem(model::ItemNumber item);
   static void leave(model::Edit& edit, model::ItemNumber item);

@@ -30,9 +30,12 @@ struct OpenContents {
   std::atomic<bool> isPromised = false;
   /// What was written may be more than the attributes of the item say.
   std::atomic<bool> isWritten = false;
+  /// The item may have mode bits that a change of its contents takes.
+  std::atomic<bool> mayHavePrivileges = true;
   /// Bytes; nanoseconds since 1970-01-01 UTC.
   std::atomic<std::int64_t> size = 0;
   std::atomic<std::int64_t> modified = 0;
+  std::atomic<std::int64_t> changed = 0;
   /// The last write, in milliseconds of uptime.
   std::atomic<std::int64_t> lastWrite = 0;
 };

@@ -30,6 +30,7 @@ void readStatus(OpenContents& contents) {
   if (::fstat(contents.file.get(), &status) != 0) throw posixError(errno);
   contents.size = status.st_size;
   contents.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+  contents.changed = status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec;
 }
 
 }  // namespace
@@ -192,6 +193,9 @@ std::optional<OpenItems::Left> OpenItems::left(ItemNumber item) const {
   if (const auto contents = found->second.contents.lock()) {
     left.attributes.size = contents->size;
     left.attributes.modified = contents->modified;
+    if (contents->isWritten) {
+      left.attributes.changed = std::max<std::int64_t>(left.attributes.changed, contents->changed);
+    }
   }
   return left;
 }

@@ -15,6 +15,8 @@
 #include "replica/remote/Reach.h"
 #include "replica/store/Contents.h"
 #include "replica/store/Durability.h"
+#include "replica/store/History.h"
+#include "replica/store/UnusedContents.h"
 
 namespace kestrowan::replica::calls {
 
@@ -25,6 +27,8 @@ struct Rooms {
   const Options& options;
   store::Contents& contents;
   store::Durability& durability;
+  store::History& history;
+  store::UnusedContents& unused;
   OpenItems& openItems;
   remote::Reach& health;
   pull::Refresher& refresher;

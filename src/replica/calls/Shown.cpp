@@ -1,13 +1,13 @@
 #include "replica/calls/Shown.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/foundation/NSError.h"
-#include "replica/pull/ProviderItem.h"
+#include "replica/model/Seen.h"
 
 namespace kestrowan::replica::calls {
 
-using model::Content;
 using model::FileTime;
 using model::Item;
 using model::ItemNumber;
@@ -16,12 +16,6 @@ using model::There;
 
 namespace {
 
-/// What the provider says of the bytes that programs see; null when it has none of them.
-const There* base(const Item& item) {
-  if (item.agreed()) return &*item.agreed();
-  return item.there() ? &*item.there() : nullptr;
-}
-
 std::int64_t nanoseconds(FileTime time) {
   return time.time_since_epoch().count();
 }
@@ -29,7 +23,7 @@ std::int64_t nanoseconds(FileTime time) {
 }  // namespace
 
 bool isCapable(const Item& item, NSFileProviderItemCapabilities capability) {
-  const There* known = base(item);
+  const There* known = model::shownState(item);
   return !known || (known->capabilities & capability) != 0;
 }
 
@@ -37,33 +31,34 @@ bool mayWrite(const Item& item) {
   return isCapable(item, NSFileProviderItemCapability::allowsWriting);
 }
 
+Attributes shown(const State& state, const Item& item, const OpenItems& openItems) {
+  Attributes result = shown(item, openItems);
+  if (item.isFolder()) {
+    result.links = 2 + static_cast<std::uint32_t>(state.countFoldersHereIn(item.number()));
+  }
+  return result;
+}
+
 Attributes shown(const Item& item, const OpenItems& openItems) {
-  const model::Attributes& kept = item.attributes();
-  const There* known = base(item);
+  const model::Seen seen = model::seen(item);
   Attributes result;
   result.rid = static_cast<Rid>(item.number());
   result.kind = item.isFolder() ? ItemKind::folder : ItemKind::file;
-  if (item.isFile()) result.size = kept.size.value_or(known ? known->size : 0);
-  FileTime modified;
-  if (kept.modified) {
-    modified = *kept.modified;
-  } else if (known) {
-    modified = pull::modifiedOf(*known);
-  }
-  result.modified = nanoseconds(modified);
+  result.size = seen.size;
+  result.modified = nanoseconds(seen.modified);
+  const auto changed = item.attributes().changed;
+  result.changed = changed ? nanoseconds(*changed) : result.modified;
   result.content = item.here() ? static_cast<ContentNumber>(item.here()->content) : 0;
-  if (item.isFile()) {
-    const auto contents = openItems.contentsOf(item.number());
-    if (contents && contents->isWritten) {
-      result.size = contents->size;
-      result.modified = contents->modified;
-    }
+  if (const auto contents = openItems.contentsOf(item.number());
+      contents && contents->isWritten && contents->number == item.here()->content) {
+    result.size = contents->size;
+    result.modified = contents->modified;
+    result.changed = std::max<std::int64_t>(result.changed, contents->changed);
   }
-  result.accessed = kept.accessed ? nanoseconds(*kept.accessed) : result.modified;
-  result.changed = kept.changed ? nanoseconds(*kept.changed) : result.modified;
+  result.accessed = seen.accessed ? nanoseconds(*seen.accessed) : result.modified;
   constexpr std::uint16_t kWriting = 0222;
-  result.mode = kept.mode.value_or(item.isFolder() ? 0755 : 0644);
-  if (!mayWrite(item)) result.mode &= static_cast<std::uint16_t>(~kWriting);
+  result.mode = seen.mode.value_or(item.isFolder() ? 0755 : 0644);
+  if (!seen.mayBeWritten) result.mode &= static_cast<std::uint16_t>(~kWriting);
   return result;
 }
 

@@ -6,7 +6,10 @@
 
 namespace kestrowan::replica::calls {
 
-/// What programs see of an item.
+/// What programs see of an item that is here.
+Attributes shown(const model::State& state, const model::Item& item, const OpenItems& openItems);
+
+/// The same without what is in a folder.
 Attributes shown(const model::Item& item, const OpenItems& openItems);
 
 /// Whether the provider lets the item's contents, or what is in the folder, be changed.

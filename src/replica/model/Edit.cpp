@@ -1,14 +1,21 @@
 #include "replica/model/Edit.h"
 
 #include <algorithm>
+#include <chrono>
 #include <set>
 #include <utility>
 
 #include "platform/base/Fatal.h"
+#include "replica/model/Seen.h"
 
 namespace kestrowan::replica::model {
 
 namespace {
+
+/// `now`, or a nanosecond after `before` where that is later.
+FileTime later(FileTime before, FileTime now) {
+  return before < now ? now : before + std::chrono::nanoseconds(before < FileTime::max() ? 1 : 0);
+}
 
 /// The bytes are no longer on this disk, but are still those that the item has.
 bool isOnlyEvicted(const Item& before, const Item* now) {
@@ -111,10 +118,72 @@ void Edit::commit() {
   for (const auto& [number, before] : before_) {
     if (const Item* item = state_->find(number)) checkFolders(*item);
   }
+  if (tree_.clock_) {
+    const FileTime now = tree_.clock_();
+    stampFolders(now);
+    stamp(now);
+  }
   const auto told = tree_.watchers_.empty() ? std::vector<ItemChange>() : itemChanges();
   tree_.journal_.write(changes());
   isCommitted_ = true;
   for (Watcher* watcher : tree_.watchers_) watcher->changed(told, origin_);
+}
+
+/// The folders into which something came here, or which something left. One that had never been
+/// listed has been so before this was known.
+std::vector<ItemNumber> Edit::changedFolders() const {
+  std::vector<ItemNumber> folders;
+  std::map<Place, int> names;
+  for (const auto& [number, before] : before_) {
+    const Item* now = state_->find(number);
+    const bool wasHere = before && before->here();
+    const bool isHere = now && now->here();
+    if (wasHere && isHere && before->here()->place != now->here()->place) {
+      folders.push_back(before->here()->place.folder);
+      folders.push_back(now->here()->place.folder);
+    }
+    if (wasHere && !isHere) --names[before->here()->place];
+    if (!wasHere && isHere) ++names[now->here()->place];
+  }
+  for (const auto& [place, change] : names) {
+    // Another item under the same name is no change of the folder.
+    if (change != 0) folders.push_back(place.folder);
+  }
+  std::sort(folders.begin(), folders.end());
+  folders.erase(std::unique(folders.begin(), folders.end()), folders.end());
+  std::erase_if(folders, [this](ItemNumber number) {
+    const Item* before = itemBefore(number);
+    const bool isKnown =
+        before && (origin_ == Origin::program || before->attributes().listedAt);
+    return !isKnown || !state_->find(number);
+  });
+  return folders;
+}
+
+void Edit::stampFolders(FileTime now) {
+  for (const ItemNumber number : changedFolders()) {
+    Attributes attributes = state_->item(number).attributes();
+    attributes.modified = later(seen(state_->item(number)).modified, now);
+    setAttributes(number, std::move(attributes));
+  }
+}
+
+/// Notes when what programs see of an item changed.
+void Edit::stamp(FileTime now) {
+  std::vector<ItemNumber> changed;
+  for (const ItemChange& change : itemChanges()) {
+    if (!change.before || !change.now || !change.before->here() || !change.now->here()) continue;
+    const bool isChanged = change.isElsewhereHere() || change.hasOtherContents() ||
+                           seen(*change.before) != seen(*change.now);
+    if (isChanged) changed.push_back(change.now->number());
+  }
+  for (const ItemNumber number : changed) {
+    const Item& item = state_->item(number);
+    Attributes attributes = item.attributes();
+    const FileTime before = attributes.changed.value_or(seen(item).modified);
+    attributes.changed = later(before, now);
+    setAttributes(number, std::move(attributes));
+  }
 }
 
 void Edit::undo() {
@@ -186,7 +255,13 @@ Path Edit::pathBefore(const Item& item) const {
 }
 
 Left Edit::leftOf(const Item& item) const {
-  Left left{item.number(), *item.here(), pathBefore(item), {}, item.attributes()};
+  Left left{.origin = origin_,
+            .isReplaced = state_->hereAt(item.here()->place) != nullptr,
+            .item = item.number(),
+            .here = *item.here(),
+            .path = pathBefore(item),
+            .confirmed = {},
+            .attributes = item.attributes()};
   for (const auto* state : {&item.there(), &item.agreed()}) {
     if (*state && (*state)->content == left.here.content) left.confirmed = *state;
   }

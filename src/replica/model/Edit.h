@@ -53,6 +53,9 @@ class KFP_SCOPED_CAPABILITY Edit {
   Item& touched(ItemNumber number);
   void keep(IntentNumber number);
   void undo();
+  void stamp(FileTime now);
+  std::vector<ItemNumber> changedFolders() const;
+  void stampFolders(FileTime now);
   Changes changes() const;
   void addIntents(Changes& changes) const;
   void addLeft(Changes& changes) const;

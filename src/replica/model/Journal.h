@@ -9,10 +9,17 @@
 
 namespace kestrowan::replica::model {
 
+/// What caused an edit: a call of a program, which knows what it did; the user, who gives changes
+/// up; or something else.
+enum class Origin : std::uint8_t { program, user, other };
+
 /// Bytes that were an item's and are no item's after an edit, unless the item has the same bytes
 /// still, but not on this disk. Nothing written here leaves this disk
 /// at once: the journal keeps them in the history.
 struct Left {
+  Origin origin = Origin::other;
+  /// Something is at the item's place still, or again.
+  bool isReplaced = false;
   ItemNumber item = ItemNumber::none;
   Here here;
   /// Where programs saw it, from the root.

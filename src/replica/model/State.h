@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -29,6 +30,9 @@ class State {
   const Item& item(ItemNumber number) const;
   const Item& root() const { return item(ItemNumber::root); }
   std::size_t count() const { return items_.size(); }
+  /// Visits every item, in no order. For the beginning alone: nothing that happens later may take
+  /// as long as there are items.
+  void forEach(const std::function<void(const Item&)>& visit) const { items_.forEach(visit); }
   /// How many items the calling thread has found so far by their numbers or in their folders, in
   /// all states: what a question costs, whatever the time it takes.
   static std::uint64_t lookups();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -22,6 +23,11 @@ class Tree {
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
 
+  /// By `clock`, edits note when what programs see of an item changed, and when something came into
+  /// a folder or left it; without one they do not. Called under the lock. To be called before
+  /// another thread uses the tree.
+  void setClock(std::function<FileTime()> clock) { clock_ = std::move(clock); }
+
   /// Tells `watcher` of every edit from now on, after those that were given before. It must outlive
   /// the last edit. To be called before another thread uses the tree.
   void watch(Watcher& watcher) { watchers_.push_back(&watcher); }
@@ -34,6 +40,7 @@ class Tree {
   State state_ KFP_GUARDED_BY(mutex_);
   Journal& journal_;
   std::vector<Watcher*> watchers_;
+  std::function<FileTime()> clock_;
 };
 
 }  // namespace kestrowan::replica::model

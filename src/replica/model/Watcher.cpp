@@ -1,20 +1,13 @@
 #include "replica/model/Watcher.h"
 
+#include "replica/model/Seen.h"
+
 namespace kestrowan::replica::model {
 
 namespace {
 
 bool isHere(const Item* item) {
   return item && item->here();
-}
-
-/// What programs are shown of an item that has nothing of its own for it.
-bool isShownAlike(const Item& a, const Item& b) {
-  const auto& x = a.agreed();
-  const auto& y = b.agreed();
-  if (!x || !y) return !x && !y;
-  return x.isSameAs(y) ||
-         (x->size == y->size && x->date == y->date && x->capabilities == y->capabilities);
 }
 
 }  // namespace
@@ -37,8 +30,8 @@ bool ItemChange::hasOtherContents() const {
 
 bool ItemChange::hasOtherAttributes() const {
   if (!isHere(before) || !isHere(now)) return false;
-  return hasOtherContents() || before->attributes() != now->attributes() ||
-         !isShownAlike(*before, *now);
+  return hasOtherContents() || before->attributes().changed != now->attributes().changed ||
+         seen(*before) != seen(*now);
 }
 
 }  // namespace kestrowan::replica::model

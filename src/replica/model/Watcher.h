@@ -1,14 +1,11 @@
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
 #include "replica/model/Item.h"
+#include "replica/model/Journal.h"
 
 namespace kestrowan::replica::model {
-
-/// What caused an edit: a call of a program, which knows what it did, or something else.
-enum class Origin : std::uint8_t { program, other };
 
 /// What one edit did to one item. The pointers are good during the call that gives it.
 struct ItemChange {

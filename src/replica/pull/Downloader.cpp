@@ -12,6 +12,7 @@
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Log.h"
+#include "replica/model/Seen.h"
 #include "replica/model/View.h"
 #include "replica/plan/Requests.h"
 #include "replica/pull/SameBytes.h"
@@ -55,14 +56,6 @@ std::int64_t sizeOfFile(const std::string& path) {
   struct stat status;
   if (::stat(path.c_str(), &status) != 0) throw posixError(errno);
   return status.st_size;
-}
-
-void setModified(const std::string& path, FileTime modified) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(modified);
-  const timespec times[2] = {
-      {0, UTIME_OMIT},
-      {static_cast<time_t>(seconds.time_since_epoch().count()), (modified - seconds).count()}};
-  ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace
@@ -297,7 +290,7 @@ bool Downloader::write(ItemNumber number, const There& before, const There& now,
   attributes.lastUse = Time(std::chrono::milliseconds(scope_.wallClock()));
   if (file->here() && file->here()->content == content && isAgreed) {
     attributes.size.reset();
-    setModified(contents_.path(content), attributes.modified.value_or(modifiedOf(now)));
+    contents_.setModified(content, attributes.modified.value_or(model::modifiedOf(now)));
   }
   edit.setAttributes(number, std::move(attributes));
   settler_.settleAll(edit);

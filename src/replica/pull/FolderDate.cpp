@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "replica/pull/ProviderItem.h"
+#include "replica/model/Seen.h"
 
 namespace kestrowan::replica::pull {
 
@@ -17,7 +17,7 @@ void doubtFolderDate(Edit& edit, ItemNumber number) {
   if (!folder || number == ItemNumber::root || !folder->there() || !folder->there()->date) return;
   if (!folder->attributes().modified) {
     Attributes attributes = folder->attributes();
-    attributes.modified = modifiedOf(*folder->there());
+    attributes.modified = model::modifiedOf(*folder->there());
     edit.setAttributes(number, std::move(attributes));
   }
   There there = *folder->there();

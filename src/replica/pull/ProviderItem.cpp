@@ -11,7 +11,6 @@
 namespace kestrowan::replica::pull {
 
 using model::Date;
-using model::FileTime;
 using model::ItemNumber;
 using model::There;
 
@@ -55,15 +54,6 @@ There thereOf(const NSFileProviderItem& item, ItemNumber folder, std::string_vie
   const auto own = item.itemIdentifier();
   if (!followsFromPlace(own, identifier, there.place.name)) there.identifier = own;
   return there;
-}
-
-FileTime modifiedOf(const There& there) {
-  using std::chrono::nanoseconds;
-  using std::chrono::seconds;
-  const seconds date = there.date.value_or(Date()).time_since_epoch();
-  if (date > std::chrono::floor<seconds>(nanoseconds::max())) return FileTime::max();
-  if (date < std::chrono::ceil<seconds>(nanoseconds::min())) return FileTime::min();
-  return FileTime(date);
 }
 
 }  // namespace kestrowan::replica::pull

@@ -21,7 +21,4 @@ enum class Source : std::uint8_t {
 model::There thereOf(const NSFileProviderItem& item, model::ItemNumber folder,
                      std::string_view identifier, const Options& options, Source source);
 
-/// The date of a state in nanoseconds, or the nearest that there is; 1970 when it has none.
-model::FileTime modifiedOf(const model::There& there);
-
 }  // namespace kestrowan::replica::pull

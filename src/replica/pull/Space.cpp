@@ -26,11 +26,13 @@ constexpr std::int64_t kGibibyte = std::int64_t{1} << 30;
 }  // namespace
 
 Space::Space(model::Tree& tree, const async::Loop& loop, const Options& options,
-             store::Contents& contents, const Tally& tally, IsOpen isOpen)
+             store::Contents& contents, store::UnusedContents& unused, const Tally& tally,
+             IsOpen isOpen)
     : tree_(tree),
       loop_(loop),
       options_(options),
       contents_(contents),
+      unused_(unused),
       tally_(tally),
       isOpen_(std::move(isOpen)) {}
 
@@ -49,8 +51,9 @@ std::int64_t Space::freeSpaceFloor() const {
   return replica::freeSpaceFloor(contents_.files().space().capacity);
 }
 
-void Space::evict(Edit& edit, ItemNumber number) {
+ContentNumber Space::evict(Edit& edit, ItemNumber number) {
   const Item& file = edit->item(number);
+  const auto content = static_cast<ContentNumber>(file.here()->content);
   There there = *file.there();
   There agreed = *file.agreed();
   there.content = Content::none;
@@ -58,6 +61,7 @@ void Space::evict(Edit& edit, ItemNumber number) {
   edit.setHere(number, Here{file.here()->place, Content::none});
   edit.setAgreed(number, std::move(agreed));
   edit.setThere(number, std::move(there));
+  return content;
 }
 
 std::shared_ptr<void> Space::take(std::int64_t bytes) {
@@ -111,12 +115,16 @@ void Space::makeRoom(std::int64_t needed) {
   if (excess > 0) {
     for (const ItemNumber number : oldest()) {
       if (excess <= 0) break;
-      Edit edit(tree_);
-      const Item* file = edit->find(number);
-      if (!file || !isEvictable(*file)) continue;
-      excess -= contents_.sizeOf(file->here()->content);
-      evict(edit, number);
-      edit.commit();
+      ContentNumber evicted = 0;
+      {
+        Edit edit(tree_);
+        const Item* file = edit->find(number);
+        if (!file || !isEvictable(*file)) continue;
+        excess -= file->agreed()->size;
+        evicted = evict(edit, number);
+        edit.commit();
+      }
+      unused_.removeAtOnce({evicted});
     }
   }
   // The limit of the cache is a wish, the floor of the disk is none.

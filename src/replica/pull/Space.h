@@ -12,6 +12,7 @@
 #include "replica/model/Edit.h"
 #include "replica/pull/Tally.h"
 #include "replica/store/Contents.h"
+#include "replica/store/UnusedContents.h"
 
 namespace kestrowan::replica::pull {
 
@@ -23,7 +24,7 @@ class Space {
   using IsOpen = std::function<bool(model::ItemNumber)>;
 
   Space(model::Tree& tree, const async::Loop& loop, const Options& options,
-        store::Contents& contents, const Tally& tally, IsOpen isOpen);
+        store::Contents& contents, store::UnusedContents& unused, const Tally& tally, IsOpen isOpen);
   Space(const Space&) = delete;
   Space& operator=(const Space&) = delete;
 
@@ -37,12 +38,14 @@ class Space {
 
   /// Whether the contents of a file could be given back now.
   bool isEvictable(const model::Item& file) const;
-  /// Gives the contents of a file back. To be committed by the caller.
-  static void evict(model::Edit& edit, model::ItemNumber file);
+  /// Gives the contents of a file back. To be committed by the caller, who removes what this gives
+  /// after the edit.
+  static ContentNumber evict(model::Edit& edit, model::ItemNumber file);
+  /// What is left free of the disk.
+  std::int64_t freeSpaceFloor() const;
 
  private:
   std::int64_t cacheLimit() const;
-  std::int64_t freeSpaceFloor() const;
   void makeRoom(std::int64_t bytes);
   std::vector<model::ItemNumber> oldest() const;
 
@@ -50,6 +53,7 @@ class Space {
   const async::Loop& loop_;
   const Options& options_;
   store::Contents& contents_;
+  store::UnusedContents& unused_;
   const Tally& tally_;
   const IsOpen isOpen_;
 

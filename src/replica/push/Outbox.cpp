@@ -201,6 +201,11 @@ bool Outbox::isSending(ItemNumber item) const {
   return found != entries_.end() && found->second.stage == Stage::running;
 }
 
+bool Outbox::isIdle() const {
+  std::lock_guard lock(mutex_);
+  return namesRunning_ == 0 && contentsRunning_ == 0;
+}
+
 std::optional<Time> Outbox::changedAt(ItemNumber item) const {
   std::lock_guard lock(mutex_);
   const auto found = entries_.find(item);

@@ -53,6 +53,8 @@ class Outbox {
   void restore();
 
   bool isSending(model::ItemNumber item) const;
+  /// Whether nothing is being sent.
+  bool isIdle() const;
   /// When the item was changed here last; absent when it is not on its way.
   std::optional<model::Time> changedAt(model::ItemNumber item) const;
   /// The order in which items are to be sent; 0 for one that is not on its way.

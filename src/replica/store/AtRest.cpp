@@ -4,65 +4,56 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
-#include <optional>
-#include <utility>
 
 #include "platform/foundation/NSError.h"
-#include "replica/Item.h"
-#include "replica/NameRules.h"
+#include "replica/Log.h"
 #include "replica/store/FormerRecovery.h"
-#include "replica/store/ItemRow.h"
-#include "replica/store/Schema.h"
-#include "replica/store/Statement.h"
 #include "replica/store/StoreFiles.h"
+#include "replica/store/TreeLoader.h"
+#include "replica/store/TreeSchema.h"
 
 namespace kestrowan::replica {
+
+using model::ConflictNumber;
+using model::FailureClass;
+using model::Item;
+using model::ItemNumber;
+using model::State;
+using remote::IdentifierForm;
 
 namespace {
 
 constexpr const char* kFileName = "/replica.db";
 
-/// Folders above folders; damaged rows may form a ring.
-constexpr std::size_t kDeepest = 4096;
+model::Time now() {
+  return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
 
 void syncFile(const std::string& path) {
   const auto file = openRegularFile(path, O_RDONLY);
   if (::fsync(file.get()) != 0) throw fileError(errno, path);
 }
 
-std::string pathOf(Statement& above, const ItemRecord& record) {
-  std::string path = "/" + record.name;
-  Rid at = record.parent;
-  for (std::size_t depth = 0; at != kRootRid && depth < kDeepest; ++depth) {
-    above.reset();
-    above.bind(1, static_cast<std::int64_t>(at));
-    if (!above.step()) break;
-    path.insert(0, "/" + std::string(above.bytes(1).value_or("")));
-    at = static_cast<Rid>(above.number(0).value_or(0));
-  }
-  return path;
+/// The other side of a conflict has its number.
+bool isConflictCopy(const Item& item) {
+  const auto conflict = item.attributes().conflict;
+  return conflict != ConflictNumber::none &&
+         static_cast<std::uint64_t>(conflict) != static_cast<std::uint64_t>(item.number());
 }
 
-void count(Unsent& found, const Item& item) {
-  if (item.localOnly && !item.removed) ++found.localOnly;
-  if (!item.isPending()) return;
-  ++found.changes;
-  if (item.failure && item.failure->failureClass == FailureClass::refused) ++found.refused;
-  if (isConflictName(item.name)) ++found.conflicts;
-}
-
-void lookInto(Database& database, Unsent& found, std::size_t most) {
-  Statement rows(database, kLoadItems);
-  found.inHistory = database.number("SELECT count(*) FROM history");
-  Statement above(database, "SELECT parent,name FROM items WHERE rid=?1");
-  while (rows.step()) {
-    auto record = itemFromRow(rows);
-    if (!record) continue;
-    Item item;
-    static_cast<ItemRecord&>(item) = *std::move(record);
-    count(found, item);
-    if (item.isPending() && found.paths.size() < most) found.paths.push_back(pathOf(above, item));
+void count(Unsent& found, const State& state, std::size_t most) {
+  state.forEach([&](const Item& item) {
+    if (item.here() && item.attributes().localOnly) ++found.localOnly;
+  });
+  for (const ItemNumber number : state.pending()) {
+    const Item& item = state.item(number);
+    ++found.changes;
+    const auto& failure = item.attributes().failure;
+    if (failure && failure->failureClass == FailureClass::refused) ++found.refused;
+    if (isConflictCopy(item)) ++found.conflicts;
+    if (found.paths.size() < most) found.paths.push_back(shownPath(state, item));
   }
 }
 
@@ -70,18 +61,22 @@ void lookInto(Database& database, Unsent& found, std::size_t most) {
 
 Unsent unsentIn(const std::string& directory, std::size_t most) {
   Unsent found;
-  if (const auto database = readReplicaDatabase(directory + kFileName)) {
-    lookInto(*database, found, most);
+  const auto form = IdentifierForm::paths();
+  if (const auto database = store::readTreeDatabase(directory + kFileName, form, now())) {
+    found.inHistory = database->number("SELECT count(*) FROM history") +
+                      database->number("SELECT count(*) FROM orphans");
+    count(found, store::TreeLoader(*database, form).load(), most);
   }
   found.inHistory += static_cast<std::int64_t>(formerRecovery(directory).size());
   return found;
 }
 
 void ageListings(const std::string& directory) {
-  if (!readReplicaDatabase(directory + kFileName)) return;
+  const auto form = IdentifierForm::paths();
+  if (!store::readTreeDatabase(directory + kFileName, form, now())) return;
   {
-    const auto database = openReplicaDatabase(directory + kFileName);
-    database->execute("UPDATE items SET listed_at=1 WHERE listed_at>1");
+    const auto database = store::openTreeDatabase(directory + kFileName, form, now());
+    database->execute("UPDATE tree SET listed_at=0 WHERE listed_at IS NOT NULL");
   }
   // Closing has moved the log to the file.
   syncFile(directory + kFileName);

@@ -8,7 +8,7 @@
 namespace kestrowan::replica {
 
 /// What is asked of, and done to, a replica that no host is using: the caller holds its lock. The
-/// directory is absolute. Everything throws `NSError` as `ItemStore` does.
+/// directory is absolute. Everything throws `NSError` as `TreeJournal` does.
 
 /// What a replica keeps that is nowhere else.
 struct Unsent {

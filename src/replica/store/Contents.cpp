@@ -1,8 +1,10 @@
 #include "replica/store/Contents.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "replica/store/StoreFiles.h"
@@ -54,6 +56,12 @@ Contents::Made Contents::clone(int source) {
   return {files_, number, files_.clone(source, plain(number))};
 }
 
+std::optional<Contents::Made> Contents::cloneCheaply(int source, std::int64_t most) {
+  const Content number = next();
+  if (!files_.cloneCheaply(source, plain(number), most)) return std::nullopt;
+  return Made(files_, number, UniqueFd());
+}
+
 Contents::Made Contents::adopt(const std::string& path) {
   const Content number = next();
   files_.adopt(plain(number), path);
@@ -66,6 +74,17 @@ UniqueFd Contents::open(Content number) const {
 
 std::string Contents::path(Content number) const {
   return files_.path(plain(number));
+}
+
+void Contents::setModified(Content number, model::FileTime modified) const {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(modified);
+  const timespec times[2] = {
+      {0, UTIME_OMIT},
+      {static_cast<time_t>(seconds.time_since_epoch().count()), (modified - seconds).count()}};
+  const auto file = path(number);
+  if (::utimensat(AT_FDCWD, file.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+    throw fileError(errno, file);
+  }
 }
 
 std::int64_t Contents::sizeOf(Content number) const {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/base/UniqueFd.h"
@@ -39,21 +40,25 @@ class Contents {
   /// `files` must outlive it. Numbers above `last` have never been given.
   Contents(ContentFiles& files, model::Content last);
 
+  /// A number that was never given.
+  model::Content next();
   Made create();
   /// A copy of the contents behind `source`, sharing blocks where the file system can.
   Made clone(int source);
+  /// The same where blocks can be shared, or there are at most `most` bytes.
+  std::optional<Made> cloneCheaply(int source, std::int64_t most);
   /// Takes the regular file at `path`.
   Made adopt(const std::string& path);
   UniqueFd open(model::Content number) const;
   std::string path(model::Content number) const;
+  /// The date of their file.
+  void setModified(model::Content number, model::FileTime modified) const;
   /// In bytes.
   std::int64_t sizeOf(model::Content number) const;
 
   ContentFiles& files() { return files_; }
 
  private:
-  model::Content next();
-
   ContentFiles& files_;
   std::atomic<std::uint64_t> last_;
 };

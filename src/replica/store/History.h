@@ -4,62 +4,81 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <unordered_set>
 #include <vector>
 
+#include "async/Loop.h"
+#include "replica/store/HistoryTable.h"
 #include "replica/store/HistoryTrim.h"
-#include "replica/store/ItemStore.h"
+#include "replica/store/TreeJournal.h"
 #include "replica/store/VersionPace.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::store {
 
 /// The contents that left their items, and what they take: the rows of the table "history",
-/// counted. Rows are put by their owner together with those of the items, and told of here. Guarded
-/// by the lock of the items; throws as `ItemStore` does.
-class History {
+/// counted. What an edit makes leave its item comes in with the edit's own rows. Usable from every
+/// thread; throws as the journal does. Sizes are bytes.
+class History : public LeftTaker {
  public:
-  explicit History(ItemStore& store) : store_(store) {}
+  /// Both must outlive it.
+  History(TreeJournal& journal, const async::Loop& loop);
+  ~History() override;
+  History(const History&) = delete;
+  History& operator=(const History&) = delete;
 
-  /// Reads the rows, and removes those whose contents are not among `present`. Gives the numbers of
-  /// the others.
-  std::unordered_set<ContentNumber> load(const std::unordered_set<ContentNumber>& present);
+  /// Reads the rows, and removes those whose contents are not among `present`. Before the first
+  /// edit.
+  void load(const std::unordered_set<ContentNumber>& present);
 
-  /// A row was put, or is about to be; and the opposite.
-  void noteKept(const HistoryEntry& entry) { count(entry, 1); }
-  void noteGone(const HistoryEntry& entry) { count(entry, -1); }
-  const HistoryUsage& usage() const { return usage_; }
+  HistoryUsage usage() const;
+  /// What may be taken.
+  void setLimit(std::int64_t bytes);
+  std::int64_t limit() const;
+  /// Throws ENOSPC when what the provider never had takes more than that.
+  void requireRoom() const;
 
-  /// What may be taken, in bytes.
-  void setLimit(std::int64_t bytes) { limit_ = bytes; }
-  std::int64_t limit() const { return limit_; }
-  /// What the provider never had takes more than that.
-  bool isFull() const { return usage_.unconfirmedBytes > limit_; }
-
-  std::optional<HistoryEntry> find(ContentNumber content) { return store_.history().find(content); }
-  /// At most `most` rows behind `after`, as the table has them.
+  std::optional<HistoryEntry> find(ContentNumber content) const;
+  /// Those of `numbers` that are in it.
+  std::unordered_set<ContentNumber> among(const std::vector<ContentNumber>& numbers) const;
+  /// At most `most` rows of `confirmed` behind `after`, in the order of their age.
   std::vector<HistoryEntry> page(Confirmed confirmed, HistoryTable::Position after,
-                                 std::size_t most) {
-    return store_.history().page(confirmed, after, most);
-  }
-  /// `before`: seconds since 1970-01-01 UTC.
-  HistoryTrim beginTrim(std::int64_t bytes, std::int64_t before, HistoryTrim::Question isThere) {
-    return {store_.history(), {.bytes = bytes, .before = before}, std::move(isThere)};
-  }
-  /// Removes the rows, all or none. Their contents are the caller's to remove, once that is
-  /// durable.
-  void remove(const std::vector<HistoryEntry>& entries);
-  /// The file of the contents has that size by now.
+                                 std::size_t most) const;
+
+  HistoryTrim beginTrim(const HistoryTrim::Limits& limits) { return {table_, limits}; }
+  std::vector<HistoryEntry> next(HistoryTrim& trim) const;
+
+  /// Contents without an item.
+  void keep(const std::vector<HistoryEntry>& entries);
+  /// Removes those that are still there, all or none, and gives them. Their contents are the
+  /// caller's to remove, once that is durable.
+  std::vector<HistoryEntry> remove(const std::vector<HistoryEntry>& entries);
+  /// The file of the contents has that size by now. Does nothing for contents that are not in it.
   void resize(ContentNumber content, std::int64_t size);
 
-  VersionPace& pace() { return pace_; }
+  /// Whether a copy of contents at that path is to be kept before they are changed in place.
+  bool isVersionDue(const std::string& path) const;
+  /// That copy is kept, in the edit's transaction when it is made within one. It took `cost`
+  /// milliseconds.
+  void keepVersion(const HistoryEntry& entry, std::int64_t cost);
+
+  void write(const std::vector<model::Left>& left) override;
+  void confirm(bool isWritten) noexcept override;
 
  private:
+  std::optional<HistoryEntry> entryOf(const model::Left& left) const;
+  void put(const HistoryEntry& entry);
   void count(const HistoryEntry& entry, std::int64_t by);
+  std::int64_t uptime() const;
 
-  ItemStore& store_;
+  TreeJournal& journal_;
+  const async::Loop& loop_;
+  mutable HistoryTable table_;  // as what follows: guarded by the journal's lock
   HistoryUsage usage_;
   std::int64_t limit_ = INT64_MAX;
   VersionPace pace_;
+  /// What the transaction that is open has put.
+  std::vector<HistoryEntry> written_;
 };
 
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::store

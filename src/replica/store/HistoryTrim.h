@@ -30,17 +30,19 @@ class HistoryTrim {
     std::int64_t bytes = 0;
     std::int64_t before = 0;
   };
+  /// Whether the provider surely has the contents at present.
   using Question = std::function<bool(const HistoryEntry&)>;
 
-  /// `isStillThere`: whether the provider surely has the contents at present.
-  HistoryTrim(HistoryTable& table, Limits limits, Question isStillThere);
+  HistoryTrim(HistoryTable& table, Limits limits);
 
   /// How many rows one step looks at.
   static constexpr std::size_t kStep = 256;
   bool isDone() const { return phase_ == kPhases.size(); }
-  /// Looks at the next rows, and gives those that have to go; `usage` is as it is without what was
-  /// given before.
-  std::vector<HistoryEntry> step(const HistoryUsage& usage);
+  /// One step in two: reads the next rows; and gives those of them that have to go, without a look
+  /// at the table. `usage` is as it is without what was given before.
+  std::vector<HistoryEntry> next(const HistoryUsage& usage);
+  std::vector<HistoryEntry> choose(std::vector<HistoryEntry> page, const HistoryUsage& usage,
+                                   const Question& isStillThere);
 
  private:
   enum class Rule : std::uint8_t { tooOld, all, stillThere, large };
@@ -51,12 +53,11 @@ class HistoryTrim {
   static const std::vector<Phase> kPhases;
 
   std::int64_t excess(const HistoryUsage& usage) const;
-  bool mustGo(const HistoryEntry& entry, Rule rule) const;
+  bool mustGo(const HistoryEntry& entry, Rule rule, const Question& isStillThere) const;
   void goOn();
 
   HistoryTable& table_;
   const Limits limits_;
-  const Question isStillThere_;
   std::size_t phase_ = 0;
   HistoryTable::Position position_;
 };

@@ -80,9 +80,19 @@ void TreeJournal::forgetLeftOut() {
   leftOut_ = 0;
 }
 
-void TreeJournal::setWriteLeft(WriteLeft writeLeft) {
+void TreeJournal::setLeftTaker(LeftTaker* taker) {
   const std::lock_guard lock(mutex_);
-  writeLeft_ = std::move(writeLeft);
+  leftTaker_ = taker;
+}
+
+void TreeJournal::look(const std::function<void()>& statements) {
+  const std::lock_guard lock(mutex_);
+  statements();
+}
+
+void TreeJournal::change(const std::function<void()>& statements) {
+  const std::lock_guard lock(mutex_);
+  run(statements, false);
 }
 
 std::vector<TreeJournal::Orphan> TreeJournal::orphans() {
@@ -111,17 +121,23 @@ Content TreeJournal::firstFreeContent() {
 void TreeJournal::write(const Changes& changes) {
   const std::lock_guard lock(mutex_);
   const bool needsNumbers = numbers_.isExceededBy(changes);
-  const bool hasLeft = writeLeft_ && !changes.left.empty();
+  const bool hasLeft = leftTaker_ && !changes.left.empty();
   const std::size_t rows =
       changes.items.size() + changes.dropped.size() + changes.intents.size() + changes.ended.size();
   if (rows == 0 && !needsNumbers && !hasLeft) return;
-  run(
-      [&] {
-        saveAll(changes);
-        if (hasLeft) writeLeft_(*database_, changes.left);
-        if (needsNumbers) numbers_.reserve();
-      },
-      rows == 1 && !needsNumbers && !hasLeft);
+  try {
+    run(
+        [&] {
+          saveAll(changes);
+          if (hasLeft) leftTaker_->write(changes.left);
+          if (needsNumbers) numbers_.reserve();
+        },
+        rows == 1 && !needsNumbers && !hasLeft);
+  } catch (...) {
+    if (hasLeft) leftTaker_->confirm(false);
+    throw;
+  }
+  if (hasLeft) leftTaker_->confirm(true);
   if (needsNumbers) numbers_.confirm();
 }
 

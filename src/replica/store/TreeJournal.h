@@ -11,6 +11,7 @@
 #include "replica/remote/IdentifierForm.h"
 #include "replica/store/Database.h"
 #include "replica/store/Durability.h"
+#include "replica/store/LeftTaker.h"
 #include "replica/store/Reservations.h"
 #include "replica/store/Statement.h"
 #include "replica/store/WriteAheadLog.h"
@@ -26,9 +27,6 @@ namespace kestrowan::replica::store {
 /// version of the program wrote, EBUSY for one that is in use elsewhere.
 class TreeJournal : public model::Journal, public Durability {
  public:
-  /// Writes rows of what left its item, in the transaction of the edit, into tables of its own.
-  using WriteLeft = std::function<void(Database&, const std::vector<model::Left>&)>;
-
   /// Contents that no item has any more since an earlier version's rows were taken over.
   struct Orphan {
     model::Content content = model::Content::none;
@@ -50,8 +48,14 @@ class TreeJournal : public model::Journal, public Durability {
   /// Removes the rows that were left out. To be called once their contents are safe.
   void forgetLeftOut();
 
-  /// What `write` hands to another for the history. Before the first edit.
-  void setWriteLeft(WriteLeft writeLeft);
+  /// What takes what leaves its item; null for nothing. Before the first edit, and after the last.
+  void setLeftTaker(LeftTaker* taker);
+  /// For statements of other tables, which run within `look` or `change` alone.
+  Database& database() { return *database_; }
+  /// Runs `statements` under the lock; and the same as one transaction, all of them or, when one
+  /// throws, none. Neither within the other.
+  void look(const std::function<void()>& statements);
+  void change(const std::function<void()>& statements);
   std::vector<Orphan> orphans();
   void forgetOrphans();
 
@@ -80,7 +84,7 @@ class TreeJournal : public model::Journal, public Durability {
   Statement commit_;
   Statement rollback_;
   Reservations numbers_;
-  WriteLeft writeLeft_;
+  LeftTaker* leftTaker_ = nullptr;
   std::vector<std::int64_t> leftOutItems_;
   std::vector<std::int64_t> leftOutIntents_;
   std::size_t leftOut_ = 0;

@@ -1,5 +1,7 @@
 #include "replica/store/TreeSchema.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -43,19 +45,24 @@ void checkWhole(Database& database) {
   refuse(database, EIO, "the database is damaged");
 }
 
+/// Within a transaction.
 void takeOver(Database& database, const remote::IdentifierForm& form, model::Time now) {
+  database.execute(kMakeTree);
+  database.execute(kMakeIntents);
+  database.execute(kMakeOrphans);
+  TakeoverRun takeover(database, form, now);
+  takeover.run();
+  database.execute(kMakeSeries);
+  const std::string leftOut = std::to_string(takeover.leftOut());
+  database.execute(("UPDATE series SET left_out=" + leftOut).c_str());
+  database.execute("DROP TABLE items; DROP TABLE numbers;");
+  database.execute(("PRAGMA user_version=" + std::to_string(kFirstTree)).c_str());
+}
+
+void takeOverForGood(Database& database, const remote::IdentifierForm& form, model::Time now) {
   database.execute("BEGIN IMMEDIATE");
   try {
-    database.execute(kMakeTree);
-    database.execute(kMakeIntents);
-    database.execute(kMakeOrphans);
-    TakeoverRun takeover(database, form, now);
-    takeover.run();
-    database.execute(kMakeSeries);
-    const std::string leftOut = std::to_string(takeover.leftOut());
-    database.execute(("UPDATE series SET left_out=" + leftOut).c_str());
-    database.execute("DROP TABLE items; DROP TABLE numbers;");
-    database.execute(("PRAGMA user_version=" + std::to_string(kFirstTree)).c_str());
+    takeOver(database, form, now);
     database.execute("COMMIT");
   } catch (...) {
     if (database.isInTransaction()) database.execute("ROLLBACK");
@@ -87,7 +94,23 @@ std::unique_ptr<Database> openTreeDatabase(const std::string& path,
     return database;
   }
   auto database = openReplicaDatabase(path);
-  takeOver(*database, form, now);
+  takeOverForGood(*database, form, now);
+  return database;
+}
+
+std::unique_ptr<Database> readTreeDatabase(const std::string& path,
+                                           const remote::IdentifierForm& form, model::Time now) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
+  if (!hasTree(path)) {
+    auto database = readReplicaDatabase(path);
+    if (database) takeOver(*database, form, now);
+    return database;
+  }
+  // Closing moves what is in the log to the file; a log that holds nothing is removed.
+  const bool hasLog = ::lstat((path + "-wal").c_str(), &status) == 0 && status.st_size > 0;
+  auto database = std::make_unique<Database>(path);
+  if (hasLog) database->leaveLog();
   return database;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -40,22 +41,29 @@ UseMark::UseMark(const std::string& directory)
   }
   const std::string noted = textOf(openRegularFile(path_, O_RDONLY).get());
   isSet_ = !noted.empty() && noted == run_;
-  machineStopped_ = !isSet_;
+  const bool isCleared = !noted.empty() && noted.find_first_not_of(' ') == std::string::npos;
+  machineStopped_ = !isSet_ && !isCleared;
 }
 
 void UseMark::set() const {
   if (isSet_) return;
-  const UniqueFd file(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                             S_IRUSR | S_IWUSR));
-  if (!file || ::write(file.get(), run_.data(), run_.size()) != static_cast<ssize_t>(run_.size()) ||
-      ::fdatasync(file.get()) != 0) {
-    throw fileError(errno, path_);
-  }
+  write(run_);
   syncDirectory(directory_);
 }
 
 void UseMark::clear() const {
-  if (::unlink(path_.c_str()) != 0 && errno != ENOENT) throw fileError(errno, path_);
+  write(std::string(std::max<std::size_t>(run_.size(), 1), ' '));
+}
+
+/// In place: a mark that is there already needs no room on the disk.
+void UseMark::write(const std::string& text) const {
+  const UniqueFd file(::open(path_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                             S_IRUSR | S_IWUSR));
+  const auto size = static_cast<ssize_t>(text.size());
+  if (!file || ::write(file.get(), text.data(), text.size()) != size ||
+      ::ftruncate(file.get(), size) != 0 || ::fdatasync(file.get()) != 0) {
+    throw fileError(errno, path_);
+  }
 }
 
 }  // namespace kestrowan::replica

@@ -5,8 +5,8 @@
 namespace kestrowan::replica {
 
 /// A file "in-use" in a replica's directory that names the machine's run, from its start to its
-/// stop, in which the replica was used last. It goes when everything is durable, so that whoever
-/// finds it knows whether what was written and never synced can still be trusted. Not thread-safe.
+/// stop, in which the replica was used last. It becomes blank when everything is durable, so that the
+/// next start knows whether what was written and never synced can still be trusted. Not thread-safe.
 /// Throws `NSError` of `NSPOSIXErrorDomain`.
 class UseMark {
  public:
@@ -21,6 +21,8 @@ class UseMark {
   void clear() const;
 
  private:
+  void write(const std::string& text) const;
+
   const std::string directory_;
   const std::string path_;
   const std::string run_;

@@ -26,7 +26,10 @@ class HistoryTrimTest : public ItemStoreFixture {
   std::set<ContentNumber> left(std::int64_t bytes, std::int64_t before = 0) {
     auto trim = history_.beginTrim(
         bytes, before, [&](const HistoryEntry& entry) { return there_.contains(entry.content); });
-    while (!trim.isDone()) history_.remove(trim.step(history_.usage()));
+    while (!trim.isDone()) {
+      auto page = trim.next(history_.usage());
+      history_.remove(trim.choose(std::move(page), history_.usage()));
+    }
     std::set<ContentNumber> numbers;
     store().history().load([&](const HistoryEntry& entry) { numbers.insert(entry.content); });
     EXPECT_EQ(history_.usage().files, static_cast<std::int64_t>(numbers.size()));

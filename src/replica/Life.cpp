@@ -1,4 +1,4 @@
-#include "replica/next/Life.h"
+#include "replica/Life.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +12,7 @@
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
 #include "replica/plan/Requests.h"
-#include "replica/pull/ProviderItem.h"
+#include "replica/store/StartRepair.h"
 
 namespace kestrowan::replica {
 
@@ -44,20 +44,26 @@ Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Op
     : options(std::move(usedOptions)),
       scope(loop),
       contentFiles(directory),
+      useMark(directory),
       journal(directory, options.identifiers, model::Time(milliseconds(loop.wallClock()))),
       tree(journal, journal.load()),
       contents(contentFiles, lastContent()),
+      history(journal, scope),
       provider(scope, {options.metadataCalls, options.downloads, options.uploads},
                options.identifiers),
       health(scope, provider, [this] { goOn(); }),
       openItems(tree, scope, contents, options.openFiles),
+      unused(tree, scope, contentFiles, journal, history,
+             [this](ContentNumber content) { return openItems.isFrozen(Content{content}); }),
       names(options, scope),
       settler(
           names, scope, [this](ItemNumber item) { return openItems.isWritten(item); },
           [this](ItemNumber item) { return verdicts.isAwaited(item); }),
       merge(options, settler),
-      space(tree, scope, options, contents, tally,
+      space(tree, scope, options, contents, unused, tally,
             [this](ItemNumber item) { return openItems.isOpen(item); }),
+      historyLimits(tree, scope, contentFiles, history, unused,
+                    {options.historyLimit, options.historyTime, space.freeSpaceFloor()}),
       refresher(tree, scope, provider, health, options, merge, touches),
       downloader(tree, scope, provider, health, options, contents, settler, space, openItems),
       readAhead(tree, scope, health, downloader, refresher),
@@ -67,24 +73,45 @@ Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Op
            contents),
       outbox(tree, scope, health, options, settler, refresher, downloader, push, refusals,
              openItems),
-      rooms{tree,       scope,     options, contents, journal, openItems, health,  refresher,
-            downloader, readAhead, space,   tally,    outbox,  refusals,  verdicts},
+      rooms{tree,      scope,  options,   contents,   journal,   history, unused,
+            openItems, health, refresher, downloader, readAhead, space,   tally,
+            outbox,    refusals, verdicts},
       files(replica, rooms),
       folders(rooms),
       nameCalls(rooms, files, newWork),
-      commands(rooms) {
-  tree.watch(*this);
-  load();
+      commands(rooms),
+      historyCalls(rooms, nameCalls, newWork) {
+  begin(directory);
   outbox.restore();
   watchLimits();
 }
 
 Life::~Life() {
   scope.close();
+  unused.removeNow();
   guarded("the end of a replica", [this] {
     contentFiles.syncAll();
     journal.sync();
+    useMark.clear();
   });
+}
+
+void Life::begin(const std::string& directory) {
+  store::StartRepair(directory, tree, contents, journal, history, scope, useMark.machineStopped())
+      .run();
+  {
+    const View view(tree);
+    view->forEach([this](const Item& item) {
+      tally.note(item, sizeOf(item));
+      unused.note({nullptr, &item});
+    });
+  }
+  tree.setClock([this] { return model::FileTime(rooms.now()); });
+  tree.watch(*this);
+  load();
+  // What was found out must not be asked again of a mark that says otherwise.
+  if (useMark.machineStopped()) journal.sync();
+  guarded("the mark of a replica in use", [this] { useMark.set(); });
 }
 
 /// The greatest number that any contents bear.
@@ -149,9 +176,13 @@ void Life::fsyncFolder() {
 void Life::watchLimits() {
   scope.postAfter(kLimitsInterval, [this] {
     guarded("the limits of the disk", [this] { space.keepLimits(); });
+    guarded("the limits of the history", [this] { historyLimits.keep(); });
     guarded("the temporary directory", [this] {
       const auto before = std::chrono::floor<std::chrono::seconds>(rooms.now()) - kLeftoverAge;
       contentFiles.sweepTemporary(before.time_since_epoch().count());
+    });
+    guarded("the database", [this] {
+      if (outbox.isIdle() && downloader.inFlight() == 0) journal.compact();
     });
     watchLimits();
   });
@@ -160,6 +191,7 @@ void Life::watchLimits() {
 void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexcept {
   for (const ItemChange& change : changes) {
     const ItemNumber number = change.any().number();
+    unused.note(change);
     if (change.now) {
       tally.note(*change.now, sizeOf(*change.now));
     } else {
@@ -198,8 +230,10 @@ void Life::keepLeft(const ItemChange& change) {
   const bool isLeft =
       change.before && change.before->here() && (!change.now || !change.now->here());
   if (!isLeft) return;
-  openItems.keepLeft(change.before->number(), calls::shown(*change.before, openItems),
-                     change.before->here()->content);
+  Attributes seen = calls::shown(*change.before, openItems);
+  seen.links = 0;
+  seen.changed = std::max(seen.changed + 1, model::FileTime(rooms.now()).time_since_epoch().count());
+  openItems.keepLeft(change.before->number(), seen, change.before->here()->content);
 }
 
 /// What changed without a program's doing.

@@ -10,6 +10,7 @@
 #include "replica/calls/Commands.h"
 #include "replica/calls/Files.h"
 #include "replica/calls/Folders.h"
+#include "replica/calls/HistoryCalls.h"
 #include "replica/calls/Names.h"
 #include "replica/calls/NewWork.h"
 #include "replica/calls/OpenItems.h"
@@ -18,7 +19,11 @@
 #include "replica/pull/GivenNames.h"
 #include "replica/pull/ListingMerge.h"
 #include "replica/store/ContentFiles.h"
+#include "replica/store/History.h"
+#include "replica/store/HistoryLimits.h"
 #include "replica/store/TreeJournal.h"
+#include "replica/store/UnusedContents.h"
+#include "replica/store/UseMark.h"
 
 namespace kestrowan::replica {
 
@@ -39,6 +44,7 @@ class Life : public model::Watcher {
 
  private:
   model::Content lastContent();
+  void begin(const std::string& directory);
   void load();
   void goOn();
   void watchLimits();
@@ -50,18 +56,22 @@ class Life : public model::Watcher {
   const Options options;
   async::Scope scope;
   ContentFiles contentFiles;
+  UseMark useMark;
   store::TreeJournal journal;
   model::Tree tree;
   store::Contents contents;
+  store::History history;
   remote::Provider provider;
   remote::Reach health;
   calls::OpenItems openItems;
+  store::UnusedContents unused;
   pull::GivenNames names;
   pull::Settler settler;
   pull::ListingMerge merge;
   pull::Touches touches;
   pull::Tally tally;
   pull::Space space;
+  store::HistoryLimits historyLimits;
   pull::Refresher refresher;
   pull::Downloader downloader;
   pull::ReadAhead readAhead;
@@ -75,6 +85,7 @@ class Life : public model::Watcher {
   calls::Folders folders;
   calls::Names nameCalls;
   calls::Commands commands;
+  calls::HistoryCalls historyCalls;
   std::atomic<Observer*> observer = nullptr;
 };
 
