@@ -118,21 +118,35 @@ void Scope::close() {
   state_->close();
 }
 
-void Scope::spawn(Task<void> task) {
-  const auto root = run(std::move(task)).handle;
+bool Scope::take(Root root) {
   try {
-    const auto place = state_->add(root);
-    if (!place) {
-      root.destroy();
-      return;
+    if (const auto place = state_->add(root.handle)) {
+      root.handle.promise().place = *place;
+      root.handle.promise().state = state_;
+      return true;
     }
-    root.promise().place = *place;
-    root.promise().state = state_;
-    post([root] { root.resume(); });
   } catch (...) {
-    root.destroy();
+    root.handle.destroy();
     throw;
   }
+  root.handle.destroy();
+  return false;
+}
+
+void Scope::spawn(Task<void> task) {
+  const Root root = run(std::move(task));
+  if (!take(root)) return;
+  try {
+    post([root] { root.handle.resume(); });
+  } catch (...) {
+    root.handle.destroy();
+    throw;
+  }
+}
+
+void Scope::start(Task<void> task) {
+  const Root root = run(std::move(task));
+  if (take(root)) root.handle.resume();
 }
 
 bool Scope::waitUntilEmpty(std::chrono::milliseconds limit) {

@@ -29,6 +29,10 @@ class Scope : public Loop {
   /// there is no memory to begin it.
   void spawn(Task<void> task);
 
+  /// The same, but the coroutine begins at once, on the calling thread. Not while the scope may be
+  /// closed.
+  void start(Task<void> task);
+
   /// Waits until no coroutine is left, and no function that was posted; timers may be. Whether that
   /// came about within `limit`. Not from within a function of the loop.
   bool waitUntilEmpty(std::chrono::milliseconds limit);
@@ -44,6 +48,8 @@ class Scope : public Loop {
   struct Root;
 
   static Root run(Task<void> task);
+  /// Whether the scope is open, and so has the coroutine now.
+  bool take(Root root);
 
   Loop& loop_;
   const std::shared_ptr<State> state_;

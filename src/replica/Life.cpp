@@ -48,7 +48,7 @@ Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Op
       journal(directory, options.identifiers, model::Time(milliseconds(loop.wallClock()))),
       tree(journal, journal.load()),
       contents(contentFiles, lastContent()),
-      history(journal, scope),
+      history(journal, contentFiles, scope),
       provider(scope, {options.metadataCalls, options.downloads, options.uploads},
                options.identifiers),
       health(scope, provider, [this] { goOn(); }),
@@ -199,6 +199,7 @@ void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexce
       outbox.forget(number);
     }
     keepLeft(change);
+    noteConfirmed(change);
     if (origin == Origin::other) refuse(change);
     verdicts.note(number, change.now);
     if (origin == Origin::other) tell(change);
@@ -225,6 +226,20 @@ void Life::refuse(const ItemChange& change) {
   }
 }
 
+/// Contents that were changed while they were sent are in the history, and now they are at the
+/// provider too.
+void Life::noteConfirmed(const ItemChange& change) {
+  if (!change.before || !change.now || !change.now->agreed() || !change.now->here()) return;
+  const There& agreed = *change.now->agreed();
+  const bool isNew = !change.before->agreed() || change.before->agreed()->content != agreed.content;
+  if (!isNew || agreed.content == Content::none ||
+      agreed.content == change.now->here()->content) {
+    return;
+  }
+  scope.post([this, content = static_cast<ContentNumber>(agreed.content),
+              version = NSData(agreed.version.text)] { history.noteConfirmed(content, version); });
+}
+
 /// What programs saw of an item that has no name any more, as long as they may ask for it.
 void Life::keepLeft(const ItemChange& change) {
   const bool isLeft =
@@ -232,7 +247,8 @@ void Life::keepLeft(const ItemChange& change) {
   if (!isLeft) return;
   Attributes seen = calls::shown(*change.before, openItems);
   seen.links = 0;
-  seen.changed = std::max(seen.changed + 1, model::FileTime(rooms.now()).time_since_epoch().count());
+  const model::FileTime changed{std::chrono::nanoseconds(seen.changed)};
+  seen.changed = model::later(changed, model::FileTime(rooms.now())).time_since_epoch().count();
   openItems.keepLeft(change.before->number(), seen, change.before->here()->content);
 }
 

@@ -50,6 +50,7 @@ class Life : public model::Watcher {
   void watchLimits();
   void refuse(const model::ItemChange& change);
   void tell(const model::ItemChange& change) const;
+  void noteConfirmed(const model::ItemChange& change);
   void keepLeft(const model::ItemChange& change);
 
  public:

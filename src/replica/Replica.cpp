@@ -1,10 +1,8 @@
 #include "replica/Replica.h"
 
 #include <cerrno>
-#include <coroutine>
 #include <utility>
 
-#include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Life.h"
 
@@ -14,20 +12,8 @@ using model::ItemNumber;
 
 namespace {
 
-/// A coroutine that nothing awaits: it begins at once, on the calling thread, and frees itself at
-/// its end.
-struct Detached {
-  struct promise_type {
-    Detached get_return_object() const noexcept { return {}; }
-    std::suspend_never initial_suspend() const noexcept { return {}; }
-    std::suspend_never final_suspend() const noexcept { return {}; }
-    void return_void() const noexcept {}
-    void unhandled_exception() const noexcept { logEscaped("a call of the replica"); }
-  };
-};
-
 template <typename T>
-Detached complete(Task<T> task, Completion<T> completion) {
+Task<void> complete(Task<T> task, Completion<T> completion) {
   std::optional<Outcome<T>> outcome;
   try {
     outcome.emplace(co_await std::move(task));
@@ -37,7 +23,7 @@ Detached complete(Task<T> task, Completion<T> completion) {
   completion(std::move(*outcome));
 }
 
-Detached complete(Task<void> task, Completion<Done> completion) {
+Task<void> complete(Task<void> task, Completion<Done> completion) {
   std::optional<NSError> error;
   try {
     co_await std::move(task);
@@ -51,7 +37,7 @@ Detached complete(Task<void> task, Completion<Done> completion) {
   }
 }
 
-Detached completeFind(Task<ItemNumber> task, Completion<Rid> completion) {
+Task<void> completeFind(Task<ItemNumber> task, Completion<Rid> completion) {
   std::optional<Outcome<Rid>> outcome;
   try {
     outcome.emplace(static_cast<Rid>(co_await std::move(task)));
@@ -73,8 +59,8 @@ void Replica::setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> pro
 }
 
 void Replica::askForRoot(Completion<Done> completion) {
-  complete(life_->refresher.prepare(ItemNumber::root, pull::Refresher::Need::forced),
-           std::move(completion));
+  life_->scope.start(complete(life_->refresher.prepare(ItemNumber::root, pull::Refresher::Need::forced),
+           std::move(completion)));
 }
 
 void Replica::setObserver(Observer* observer) {
@@ -90,7 +76,7 @@ void Replica::stop() {
 }
 
 void Replica::lookUp(Rid folder, std::string_view name, Completion<Attributes> completion) {
-  complete(life_->folders.lookUp(ItemNumber{folder}, std::string(name)), std::move(completion));
+  life_->scope.start(complete(life_->folders.lookUp(ItemNumber{folder}, std::string(name)), std::move(completion)));
 }
 
 Attributes Replica::attributes(Rid item) const {
@@ -99,11 +85,11 @@ Attributes Replica::attributes(Rid item) const {
 
 void Replica::setAttributes(Rid item, const AttributeChange& change,
                             Completion<Attributes> completion) {
-  complete(life_->files.setAttributes(ItemNumber{item}, change), std::move(completion));
+  life_->scope.start(complete(life_->files.setAttributes(ItemNumber{item}, change), std::move(completion)));
 }
 
 void Replica::openFolder(Rid folder, Completion<std::shared_ptr<const FolderSnapshot>> completion) {
-  complete(life_->folders.open(ItemNumber{folder}), std::move(completion));
+  life_->scope.start(complete(life_->folders.open(ItemNumber{folder}), std::move(completion)));
 }
 
 void Replica::closeFolder(Rid folder) {
@@ -123,29 +109,29 @@ void Replica::openFile(Rid item, OpenMode mode, Completion<std::shared_ptr<OpenF
     completion(posixError(EROFS));
     return;
   }
-  complete(life_->files.open(ItemNumber{item}, mode), std::move(completion));
+  life_->scope.start(complete(life_->files.open(ItemNumber{item}, mode), std::move(completion)));
 }
 
 void Replica::createFile(Rid folder, std::string_view name, std::uint16_t mode,
                          Completion<CreatedFile> completion) {
-  complete(life_->nameCalls.createFile(ItemNumber{folder}, std::string(name), mode),
-           std::move(completion));
+  life_->scope.start(complete(life_->nameCalls.createFile(ItemNumber{folder}, std::string(name), mode),
+           std::move(completion)));
 }
 
 void Replica::makeFolder(Rid folder, std::string_view name, std::uint16_t mode,
                          Completion<Attributes> completion) {
-  complete(life_->nameCalls.makeFolder(ItemNumber{folder}, std::string(name), mode),
-           std::move(completion));
+  life_->scope.start(complete(life_->nameCalls.makeFolder(ItemNumber{folder}, std::string(name), mode),
+           std::move(completion)));
 }
 
 void Replica::removeFile(Rid folder, std::string_view name, Completion<Done> completion) {
-  complete(life_->nameCalls.removeFile(ItemNumber{folder}, std::string(name)),
-           std::move(completion));
+  life_->scope.start(complete(life_->nameCalls.removeFile(ItemNumber{folder}, std::string(name)),
+           std::move(completion)));
 }
 
 void Replica::removeFolder(Rid folder, std::string_view name, Completion<Done> completion) {
-  complete(life_->nameCalls.removeFolder(ItemNumber{folder}, std::string(name)),
-           std::move(completion));
+  life_->scope.start(complete(life_->nameCalls.removeFolder(ItemNumber{folder}, std::string(name)),
+           std::move(completion)));
 }
 
 void Replica::rename(Rid folder, std::string_view name, Rid newFolder, std::string_view newName,
@@ -153,15 +139,15 @@ void Replica::rename(Rid folder, std::string_view name, Rid newFolder, std::stri
   calls::Names::Move move{{ItemNumber{folder}, std::string(name)},
                           {ItemNumber{newFolder}, std::string(newName)},
                           replace};
-  complete(life_->nameCalls.rename(std::move(move)), std::move(completion));
+  life_->scope.start(complete(life_->nameCalls.rename(std::move(move)), std::move(completion)));
 }
 
 void Replica::flush(const std::shared_ptr<OpenFile>& file, Completion<Done> completion) {
-  complete(life_->files.flush(file), std::move(completion));
+  life_->scope.start(complete(life_->files.flush(file), std::move(completion)));
 }
 
 void Replica::fsync(const std::shared_ptr<OpenFile>& file, Completion<Done> completion) {
-  complete(life_->files.fsync(file), std::move(completion));
+  life_->scope.start(complete(life_->files.fsync(file), std::move(completion)));
 }
 
 void Replica::fsyncFolder(Rid) {
@@ -198,7 +184,7 @@ ItemStatus Replica::itemStatus(Rid item) const {
 }
 
 void Replica::find(std::string_view path, Completion<Rid> completion) {
-  completeFind(life_->folders.find(std::string(path)), std::move(completion));
+  life_->scope.start(completeFind(life_->folders.find(std::string(path)), std::move(completion)));
 }
 
 Status Replica::status(std::size_t limit) const {
@@ -206,7 +192,7 @@ Status Replica::status(std::size_t limit) const {
 }
 
 void Replica::waitUntilSynced(std::chrono::milliseconds limit, Completion<Done> completion) {
-  complete(life_->outbox.untilSynced(limit), std::move(completion));
+  life_->scope.start(complete(life_->outbox.untilSynced(limit), std::move(completion)));
 }
 
 EvictionResult Replica::evict(Rid item) {
@@ -239,8 +225,8 @@ HistoryUsage Replica::clearHistory(const HistoryFilter& filter) {
 
 void Replica::restore(ContentNumber entry, Rid folder, std::string_view name, NameTaken ifTaken,
                       Completion<std::string> completion) {
-  complete(life_->historyCalls.restore(entry, ItemNumber{folder}, std::string(name), ifTaken),
-           std::move(completion));
+  life_->scope.start(complete(life_->historyCalls.restore(entry, ItemNumber{folder}, std::string(name), ifTaken),
+           std::move(completion)));
 }
 
 void Replica::waitUntilEnded(std::chrono::milliseconds limit) {

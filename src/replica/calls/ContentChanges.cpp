@@ -196,9 +196,9 @@ void ContentChanges::noteWritten(ItemNumber file, OpenContents& contents) {
   if (::fstat(contents.file.get(), &status) == 0) {
     contents.size = status.st_size;
     contents.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
-    const std::int64_t changed = status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec;
-    contents.changed = std::max(changed, contents.changed + 1);
   }
+  const FileTime changed{std::chrono::nanoseconds(contents.changed.load())};
+  contents.changed = model::later(changed, rooms_.now()).time_since_epoch().count();
   contents.isWritten = true;
   contents.lastWrite =
       std::chrono::duration_cast<milliseconds>(rooms_.scope.now().time_since_epoch()).count();

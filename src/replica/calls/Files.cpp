@@ -151,9 +151,20 @@ Task<void> Files::explain(ItemNumber number, NSError error) {
 
 std::shared_ptr<OpenFile> Files::opened(ItemNumber number, Content content, bool isWritable) {
   auto contents = rooms_.openItems.open(number, content, isWritable);
+  if (isWritable) noteChangeDate(number, *contents);
   rooms_.space.noteUse(number);
   return std::make_shared<OpenFile>(replica_, static_cast<Rid>(number), std::move(contents),
                                     isWritable);
+}
+
+/// Writes move the date of the item's last change on.
+void Files::noteChangeDate(ItemNumber number, OpenContents& contents) const {
+  const View view(rooms_.tree);
+  const Item* item = view->find(number);
+  const auto changed = item ? item->attributes().changed : std::nullopt;
+  if (!changed) return;
+  const auto nanoseconds = changed->time_since_epoch().count();
+  contents.changed = std::max<std::int64_t>(contents.changed, nanoseconds);
 }
 
 void Files::closed(const OpenFile& file) {
@@ -262,14 +273,13 @@ bool Files::setKeptOfLeft(ItemNumber number, const AttributeChange& change) {
   if (change.mode) left->attributes.mode = *change.mode & kModeBits;
   if (change.modified) left->attributes.modified = *change.modified;
   if (change.accessed) left->attributes.accessed = *change.accessed;
-  left->attributes.changed = std::max(left->attributes.changed + 1,
-                                      FileTime(rooms_.now()).time_since_epoch().count());
+  const FileTime changed{std::chrono::nanoseconds(left->attributes.changed)};
+  left->attributes.changed = model::later(changed, rooms_.now()).time_since_epoch().count();
   rooms_.openItems.changeLeft(number, left->attributes);
   return true;
 }
 
 void Files::setKept(ItemNumber number, const AttributeChange& change) {
-  if (!change.mode && !change.modified && !change.accessed) return;
   Edit edit(rooms_.tree, model::Origin::program);
   const Item& item = require(*edit, number);
   model::Attributes attributes = item.attributes();
@@ -288,6 +298,7 @@ void Files::setKept(ItemNumber number, const AttributeChange& change) {
     if (open) open->modified = *change.modified;
   }
   edit.setAttributes(number, std::move(attributes));
+  edit.noteChange(number);
   edit.commit();
 }
 
@@ -323,6 +334,7 @@ void Files::setUserAttribute(ItemNumber number, std::string_view name, std::stri
   if (bytes > kMostAttributeBytes) throw posixError(ENOSPC);
   attributes.user = std::move(user);
   edit.setAttributes(number, std::move(attributes));
+  edit.noteChange(number);
   edit.commit();
 }
 
@@ -334,6 +346,7 @@ void Files::removeUserAttribute(ItemNumber number, std::string_view name) {
   }
   if (attributes.user->empty()) attributes.user.reset();
   edit.setAttributes(number, std::move(attributes));
+  edit.noteChange(number);
   edit.commit();
 }
 

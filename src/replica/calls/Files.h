@@ -34,6 +34,7 @@ class Files {
   ContentChanges& changes() { return changes_; }
 
  private:
+  void noteChangeDate(model::ItemNumber item, OpenContents& contents) const;
   void requireOpenable(model::ItemNumber file, OpenMode mode) const;
   Task<void> lookAtFolder(model::ItemNumber file);
   Task<void> fetch(model::ItemNumber file);

@@ -30,7 +30,6 @@ void readStatus(OpenContents& contents) {
   if (::fstat(contents.file.get(), &status) != 0) throw posixError(errno);
   contents.size = status.st_size;
   contents.modified = status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
-  contents.changed = status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec;
 }
 
 }  // namespace

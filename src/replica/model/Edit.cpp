@@ -1,7 +1,6 @@
 #include "replica/model/Edit.h"
 
 #include <algorithm>
-#include <chrono>
 #include <set>
 #include <utility>
 
@@ -11,11 +10,6 @@
 namespace kestrowan::replica::model {
 
 namespace {
-
-/// `now`, or a nanosecond after `before` where that is later.
-FileTime later(FileTime before, FileTime now) {
-  return before < now ? now : before + std::chrono::nanoseconds(before < FileTime::max() ? 1 : 0);
-}
 
 /// The bytes are no longer on this disk, but are still those that the item has.
 bool isOnlyEvicted(const Item& before, const Item* now) {
@@ -80,6 +74,11 @@ void Edit::clearAfter(ItemNumber number) {
 
 void Edit::setAttributes(ItemNumber number, Attributes attributes) {
   state_->setAttributes(touched(number), std::move(attributes));
+}
+
+void Edit::noteChange(ItemNumber number) {
+  touched(number);
+  touched_.insert(number);
 }
 
 void Edit::drop(ItemNumber number) {
@@ -170,12 +169,12 @@ void Edit::stampFolders(FileTime now) {
 
 /// Notes when what programs see of an item changed.
 void Edit::stamp(FileTime now) {
-  std::vector<ItemNumber> changed;
+  std::set<ItemNumber> changed = touched_;
   for (const ItemChange& change : itemChanges()) {
     if (!change.before || !change.now || !change.before->here() || !change.now->here()) continue;
     const bool isChanged = change.isElsewhereHere() || change.hasOtherContents() ||
                            seen(*change.before) != seen(*change.now);
-    if (isChanged) changed.push_back(change.now->number());
+    if (isChanged) changed.insert(change.now->number());
   }
   for (const ItemNumber number : changed) {
     const Item& item = state_->item(number);

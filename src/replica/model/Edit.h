@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -35,6 +36,8 @@ class KFP_SCOPED_CAPABILITY Edit {
   void addAfter(ItemNumber number, ItemNumber other);
   void clearAfter(ItemNumber number);
   void setAttributes(ItemNumber number, Attributes attributes);
+  /// Something of it changes although it may be the same as before.
+  void noteChange(ItemNumber number);
   /// The item is no more. The root cannot be dropped.
   void drop(ItemNumber number);
 
@@ -70,6 +73,7 @@ class KFP_SCOPED_CAPABILITY Edit {
   State* state_ = nullptr;
   /// What each changed item was before; absent for a new one.
   std::unordered_map<ItemNumber, std::optional<Item>> before_;
+  std::set<ItemNumber> touched_;
   /// The same of each changed intent.
   std::map<IntentNumber, std::optional<Intent>> intentsBefore_;
   ItemNumber nextItemBefore_ = ItemNumber::none;

@@ -22,6 +22,10 @@ enum class ConflictNumber : std::uint64_t { none = 0 };
 using Time = std::chrono::sys_time<std::chrono::milliseconds>;
 /// A time of a file, as programs see it.
 using FileTime = std::chrono::sys_time<std::chrono::nanoseconds>;
+/// `now`, or a nanosecond after `before` where that is later.
+constexpr FileTime later(FileTime before, FileTime now) {
+  return before < now ? now : before + std::chrono::nanoseconds(before < FileTime::max() ? 1 : 0);
+}
 /// A date as providers give it.
 using Date = std::chrono::sys_seconds;
 

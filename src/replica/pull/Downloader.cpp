@@ -86,7 +86,7 @@ Task<void> Downloader::fetch(ItemNumber number) {
     if (!isWanted(*file)) co_return;
   }
   auto waiter = std::make_shared<OneShot<void>>(scope_);
-  if (!begin(number, waiter)) throw health_.reason();
+  begin(number, waiter);
   auto fetched = OneShot<void>::result(std::move(waiter));
   co_await std::move(fetched);
 }
@@ -95,22 +95,17 @@ void Downloader::fetchSoon(ItemNumber number) {
   {
     const View view(tree_);
     const Item* file = view->find(number);
-    if (!file || !isWanted(*file)) return;
+    if (!file || !isWanted(*file) || !health_.isUp()) return;
   }
   begin(number, nullptr);
 }
 
-/// False when the provider cannot be asked.
-bool Downloader::begin(ItemNumber number, std::shared_ptr<OneShot<void>> waiter) {
+void Downloader::begin(ItemNumber number, std::shared_ptr<OneShot<void>> waiter) {
   std::lock_guard lock(mutex_);
   const auto found = waiters_.find(number);
-  if (found == waiters_.end()) {
-    if (!health_.isUp()) return false;
-    scope_.spawn(run(number));
-  }
+  if (found == waiters_.end()) scope_.spawn(run(number));
   Waiters& waiters = waiters_[number];
   if (waiter) waiters.push_back(std::move(waiter));
-  return true;
 }
 
 std::int64_t Downloader::inFlight() const {
@@ -142,6 +137,7 @@ Task<void> Downloader::run(ItemNumber number) {
 
 Task<void> Downloader::attempt(ItemNumber number) {
   remote::Retry retry(scope_, health_.health(), kTries, std::nullopt);
+  co_await health_.require();
   for (int tries = 1;; ++tries) {
     NSFileProviderItemIdentifier identifier;
     There before;

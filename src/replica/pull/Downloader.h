@@ -44,7 +44,7 @@ class Downloader {
  private:
   using Waiters = std::vector<std::shared_ptr<OneShot<void>>>;
 
-  bool begin(model::ItemNumber file, std::shared_ptr<OneShot<void>> waiter);
+  void begin(model::ItemNumber file, std::shared_ptr<OneShot<void>> waiter);
   Task<void> run(model::ItemNumber file);
   Task<void> attempt(model::ItemNumber file);
   bool adopt(model::ItemNumber file, const model::There& before, const remote::FetchedFile& fetched,

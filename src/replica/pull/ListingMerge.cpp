@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "replica/model/Seen.h"
 #include "replica/pull/Sameness.h"
 
 namespace kestrowan::replica::pull {
@@ -29,9 +30,11 @@ There withDetails(const There& known, const There& listed) {
   return now;
 }
 
-/// A date of a folder that programs saw gives way to one that another client's change made.
+/// A date of a folder that programs saw gives way to a later one that another client's change made.
 void showDate(Edit& edit, const Item& folder, const There& known, const There& now) {
-  if (!folder.attributes().modified || !known.date || !now.date || known.date == now.date) return;
+  const auto& shown = folder.attributes().modified;
+  if (!shown || !known.date || !now.date || known.date == now.date) return;
+  if (model::modifiedOf(now) < *shown) return;
   Attributes attributes = folder.attributes();
   attributes.modified.reset();
   edit.setAttributes(folder.number(), std::move(attributes));

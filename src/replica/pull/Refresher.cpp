@@ -72,6 +72,7 @@ struct Refresher::Look {
 
   Touches::Watch watch;
   Time began;
+  ItemNumber asker = ItemNumber::none;
   FolderListings listings;
   /// Where folders were asked for.
   FolderListings asked;
@@ -125,7 +126,7 @@ Refresher::Answer Refresher::answerFor(const Item& folder, Need need) const {
   const bool isFresh = isRecent(folder, options_.freshTime, kDurationFactor);
   if (!folder.there() || (isFresh && need != Need::forced)) return Answer::now;
   const bool isEnough = isKnown(folder) && need != Need::forced;
-  if (!health_.isUp()) return isEnough ? Answer::now : Answer::failure;
+  if (!health_.isUp()) return isEnough ? Answer::now : Answer::server;
   const bool isUsable = isRecent(folder, options_.usableTime, kDurationFactor);
   if ((need == Need::usable && isUsable) || (isEnough && health_.isSlow())) {
     return Answer::background;
@@ -154,28 +155,35 @@ bool Refresher::isPrepared(ItemNumber number, Need need) {
 }
 
 Task<void> Refresher::prepare(ItemNumber number, Need need) {
-  Answer answer = Answer::now;
-  bool isKnown = false;
-  {
-    const View view(tree_);
-    const Item* folder = view->find(number);
-    if (!folder || !folder->here()) throw posixError(ESTALE);
-    noteUse(*folder);
-    answer = answerFor(*folder, need);
-    isKnown = Refresher::isKnown(*folder);
+  for (;;) {
+    Answer answer = Answer::now;
+    bool isKnown = false;
+    {
+      const View view(tree_);
+      const Item* folder = view->find(number);
+      if (!folder || !folder->here()) throw posixError(ESTALE);
+      noteUse(*folder);
+      answer = answerFor(*folder, need);
+      isKnown = Refresher::isKnown(*folder);
+    }
+    switch (answer) {
+      case Answer::now:
+        co_return;
+      case Answer::background:
+        lookSoon(number);
+        co_return;
+      case Answer::wait:
+        co_await await(number, need, isKnown);
+        co_return;
+      case Answer::server:
+        co_await health_.require();
+    }
   }
-  if (answer == Answer::now) co_return;
-  if (answer == Answer::failure) throw health_.reason();
-  if (answer == Answer::background) {
-    lookSoon(number);
-    co_return;
-  }
-  co_await await(number, need, isKnown);
 }
 
 Task<void> Refresher::await(ItemNumber number, Need need, bool isKnown) {
   const bool isEnough = isKnown && need != Need::forced;
-  auto waiter = join(number, need);
+  auto waiter = join(number, need, !isEnough);
   const bool isBrief = need == Need::soon || isEnough;
   const milliseconds limit = isBrief ? options_.listingWait : kFirstListingWait;
   const NSError late = posixError(ETIMEDOUT);
@@ -188,7 +196,7 @@ Task<void> Refresher::await(ItemNumber number, Need need, bool isKnown) {
 }
 
 /// Waits for the listing that is on its way, or for the next one.
-std::shared_ptr<OneShot<void>> Refresher::join(ItemNumber number, Need need) {
+std::shared_ptr<OneShot<void>> Refresher::join(ItemNumber number, Need need, bool isInsistent) {
   auto waiter = std::make_shared<OneShot<void>>(scope_);
   {
     std::lock_guard lock(mutex_);
@@ -196,19 +204,37 @@ std::shared_ptr<OneShot<void>> Refresher::join(ItemNumber number, Need need) {
     // A listing that is on its way is new enough for a look, but not as a proof.
     const bool isTooEarly = folder.isListing && need == Need::forced;
     folder.listAgain = folder.listAgain || isTooEarly;
-    (isTooEarly ? folder.nextWaiters : folder.waiters).push_back(waiter);
+    (isTooEarly ? folder.nextWaiters : folder.waiters).push_back({waiter, isInsistent});
     if (isStopped_) waiter->reject(std::make_exception_ptr(posixError(ESHUTDOWN)));
   }
   begin(number);
   return waiter;
 }
 
+/// Gives the error to those that can do without the listing. Whether others wait.
+bool Refresher::answerUnlessInsistent(ItemNumber number, const NSError& error) {
+  Waiters answered;
+  bool isAwaited = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (isStopped_) return false;
+    Waiters& waiters = folders_[number].waiters;
+    const auto insistent = std::stable_partition(
+        waiters.begin(), waiters.end(), [](const Waiter& waiter) { return waiter.isInsistent; });
+    answered.assign(insistent, waiters.end());
+    waiters.erase(insistent, waiters.end());
+    isAwaited = !waiters.empty();
+  }
+  for (const Waiter& waiter : answered) waiter.shot->reject(std::make_exception_ptr(error));
+  return isAwaited;
+}
+
 Task<void> Refresher::look(std::vector<ItemNumber> folders) {
   if (folders.size() != 1) {
-    co_await lookNow(std::move(folders));
+    co_await lookNow(std::move(folders), ItemNumber::none);
     co_return;
   }
-  auto listed = OneShot<void>::result(join(folders.front(), Need::forced));
+  auto listed = OneShot<void>::result(join(folders.front(), Need::forced, true));
   co_await std::move(listed);
 }
 
@@ -242,7 +268,7 @@ Task<void> Refresher::run(ItemNumber number) {
   std::exception_ptr problem;
   try {
     std::vector<ItemNumber> folders{number};
-    co_await lookNow(std::move(folders));
+    co_await lookNow(std::move(folders), number);
   } catch (...) {
     problem = std::make_exception_ptr(caughtError());
   }
@@ -260,20 +286,21 @@ void Refresher::finish(ItemNumber number, const std::exception_ptr& error) {
     again = std::exchange(folder.listAgain, false);
     if (again) folder.waiters.swap(folder.nextWaiters);
   }
-  for (const auto& waiter : waiters) {
+  for (const Waiter& waiter : waiters) {
     if (error) {
-      waiter->reject(error);
+      waiter.shot->reject(error);
     } else {
-      waiter->resolve();
+      waiter.shot->resolve();
     }
   }
   if (again) begin(number);
 }
 
-Task<void> Refresher::lookNow(std::vector<ItemNumber> folders) {
+/// `asker`: the folder whose waiters this is for; none for a caller that insists.
+Task<void> Refresher::lookNow(std::vector<ItemNumber> folders, ItemNumber asker) {
   for (int looks = 0; looks < kLooks; ++looks) {
     std::vector<ItemNumber> asked = folders;
-    const bool isWritten = co_await lookOnce(std::move(asked));
+    const bool isWritten = co_await lookOnce(std::move(asked), asker);
     if (isWritten) co_return;
     co_await pause(kFirstPause * (1 << looks));
   }
@@ -295,9 +322,10 @@ Task<void> Refresher::pause(milliseconds time) {
 }
 
 /// Whether what was listed could be written: requests of ours may have moved the folders meanwhile.
-Task<bool> Refresher::lookOnce(std::vector<ItemNumber> folders) {
+Task<bool> Refresher::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker) {
   const auto look = std::make_shared<Look>(touches_);
   look->began = now();
+  look->asker = asker;
   std::vector<Path> paths;
   {
     const View view(tree_);
@@ -372,13 +400,14 @@ Task<void> Refresher::gather(std::shared_ptr<Look> look, std::vector<Path> paths
     }
     look->asked[path] = nullptr;
     std::shared_ptr<const FolderListing> listing;
-    if (number != ItemNumber::none) listing = co_await list(number, std::move(identifier));
+    if (number != ItemNumber::none) listing = co_await list(number, std::move(identifier), look->asker);
     look->listings[path] = std::move(listing);
   }
 }
 
 /// Asks until there is an answer, or an error that is not a passing one.
-Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdentifier identifier) {
+Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdentifier identifier,
+                                                        ItemNumber asker) {
   remote::Retry retry(scope_, health_.health(), kAttempts, options_.listingWait);
   for (;;) {
     std::optional<NSError> problem;
@@ -391,6 +420,9 @@ Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdenti
     health_.note(problem);
     if (!problem) co_return items;
     const NSError error = *problem;
+    const bool isAwaited = asker == ItemNumber::none || !remote::isPassing(error) ||
+                           answerUnlessInsistent(asker, error);
+    if (!isAwaited) throw error;
     auto again = retry.after(error);
     if (!co_await std::move(again)) throw error;
   }
@@ -398,12 +430,12 @@ Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdenti
 
 /// Null when the folder turned out to be no more.
 Task<std::shared_ptr<const FolderListing>> Refresher::list(
-    ItemNumber number, NSFileProviderItemIdentifier identifier) {
+    ItemNumber number, NSFileProviderItemIdentifier identifier, ItemNumber asker) {
   const auto begun = scope_.now();
   std::optional<NSError> problem;
   std::shared_ptr<FolderListing> listing;
   try {
-    const auto items = co_await ask(identifier);
+    const auto items = co_await ask(identifier, asker);
     // For a large folder that takes long, and no call must wait for it.
     listing = std::make_shared<FolderListing>(items, number, identifier, options_);
   } catch (...) {

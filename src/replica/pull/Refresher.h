@@ -75,7 +75,12 @@ class Refresher {
   void stop();
 
  private:
-  using Waiters = std::vector<std::shared_ptr<OneShot<void>>>;
+  struct Waiter {
+    std::shared_ptr<OneShot<void>> shot;
+    /// It can do nothing without a listing.
+    bool isInsistent = false;
+  };
+  using Waiters = std::vector<Waiter>;
 
   /// What is known of a folder while the process lives.
   struct Folder {
@@ -96,7 +101,8 @@ class Refresher {
   };
   /// One look on its way.
   struct Look;
-  enum class Answer : std::uint8_t { now, failure, background, wait };
+  /// What a caller that wants a folder prepared gets: `server`: there must be one first.
+  enum class Answer : std::uint8_t { now, server, background, wait };
 
   model::Time now() const;
   bool isRecent(const model::Item& folder, std::chrono::milliseconds within, int factor) const;
@@ -105,14 +111,17 @@ class Refresher {
   void begin(model::ItemNumber folder);
   Task<void> run(model::ItemNumber folder);
   Task<void> await(model::ItemNumber folder, Need need, bool isKnown);
-  std::shared_ptr<OneShot<void>> join(model::ItemNumber folder, Need need);
-  Task<void> lookNow(std::vector<model::ItemNumber> folders);
+  std::shared_ptr<OneShot<void>> join(model::ItemNumber folder, Need need, bool isInsistent);
+  bool answerUnlessInsistent(model::ItemNumber folder, const NSError& error);
+  Task<void> lookNow(std::vector<model::ItemNumber> folders, model::ItemNumber asker);
   Task<void> pause(std::chrono::milliseconds time);
-  Task<bool> lookOnce(std::vector<model::ItemNumber> folders);
+  Task<bool> lookOnce(std::vector<model::ItemNumber> folders, model::ItemNumber asker);
   Task<void> gather(std::shared_ptr<Look> look, std::vector<model::Path> paths);
-  Task<std::vector<NSFileProviderItemPtr>> ask(NSFileProviderItemIdentifier identifier);
+  Task<std::vector<NSFileProviderItemPtr>> ask(NSFileProviderItemIdentifier identifier,
+                                               model::ItemNumber asker);
   Task<std::shared_ptr<const FolderListing>> list(model::ItemNumber folder,
-                                                  NSFileProviderItemIdentifier identifier);
+                                                  NSFileProviderItemIdentifier identifier,
+                                                  model::ItemNumber asker);
   Task<void> explain(model::ItemNumber folder, NSError error);
   void finish(model::ItemNumber folder, const std::exception_ptr& error);
   void noteDoubts(const model::State& state, const FolderListings& listings,

@@ -5,7 +5,25 @@
 namespace kestrowan::replica::remote {
 
 Reach::Reach(async::Scope& scope, Provider& provider, std::function<void()> resume)
-    : health_(scope, provider, mutex_, std::move(resume)) {}
+    : scope_(scope), health_(scope, provider, mutex_, std::move(resume)) {}
+
+Task<void> Reach::require() {
+  if (isUp()) co_return;
+  auto reached = std::make_shared<OneShot<void>>(scope_);
+  scope_.spawn(reach(reached));
+  auto result = OneShot<void>::result(std::move(reached));
+  co_await std::move(result);
+}
+
+/// On the loop, whatever thread asked.
+Task<void> Reach::reach(std::shared_ptr<OneShot<void>> reached) {
+  auto awaited = health_.awaitServer();
+  if (co_await std::move(awaited)) {
+    reached->resolve();
+  } else {
+    reached->reject(std::make_exception_ptr(reason()));
+  }
+}
 
 bool Reach::isUp() const {
   std::lock_guard lock(mutex_);

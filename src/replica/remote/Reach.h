@@ -30,10 +30,17 @@ class Reach {
   void noteWaited(std::int64_t since);
   void note(const std::optional<NSError>& error);
 
+  /// Ends at once while the provider can be asked. Else waits for a server as `Health::awaitServer`
+  /// does, and throws the reason when there is none.
+  Task<void> require();
+
   /// For a request that is made again.
   Health& health() { return health_; }
 
  private:
+  Task<void> reach(std::shared_ptr<OneShot<void>> reached);
+
+  async::Scope& scope_;
   mutable std::mutex mutex_;
   Health health_;
   bool isStopped_ = false;

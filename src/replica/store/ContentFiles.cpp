@@ -75,6 +75,12 @@ UniqueFd ContentFiles::create(ContentNumber number) {
   return made;
 }
 
+std::optional<std::int64_t> ContentFiles::sizeOf(ContentNumber number) const {
+  struct stat status;
+  if (number == 0 || ::lstat(path(number).c_str(), &status) != 0) return std::nullopt;
+  return status.st_size;
+}
+
 std::optional<std::int64_t> ContentFiles::allocated(ContentNumber number) const {
   constexpr std::int64_t kSectorSize = 512;
   struct stat status;

@@ -24,6 +24,8 @@ class ContentFiles {
   /// A new empty file. For reading and writing, as are the next two.
   UniqueFd create(ContentNumber number);
   UniqueFd open(ContentNumber number) const;
+  /// Nothing for contents that are not there.
+  std::optional<std::int64_t> sizeOf(ContentNumber number) const;
   /// Bytes that the contents take on the disk; nothing for contents that are not there.
   std::optional<std::int64_t> allocated(ContentNumber number) const;
   /// A copy of the contents behind `source`, sharing blocks where the file system can and keeping

@@ -41,8 +41,8 @@ model::FileTime modifiedOf(const Left& left) {
 
 }  // namespace
 
-History::History(TreeJournal& journal, const async::Loop& loop)
-    : journal_(journal), loop_(loop), table_(journal.database()) {
+History::History(TreeJournal& journal, const ContentFiles& files, const async::Loop& loop)
+    : journal_(journal), files_(files), loop_(loop), table_(journal.database()) {
   journal_.setLeftTaker(this);
 }
 
@@ -163,6 +163,24 @@ void History::resize(ContentNumber content, std::int64_t size) {
   });
 }
 
+void History::noteConfirmed(ContentNumber content, const NSData& version) {
+  std::optional<HistoryEntry> before;
+  HistoryEntry entry;
+  journal_.change([&] {
+    before = table_.find(content);
+    if (!before || before->confirmed == Confirmed::once) return;
+    entry = *before;
+    entry.confirmed = Confirmed::once;
+    entry.version = version;
+    table_.put(entry);
+  });
+  if (!before || before->confirmed == Confirmed::once) return;
+  journal_.look([&] {
+    count(*before, -1);
+    count(entry, 1);
+  });
+}
+
 bool History::isVersionDue(const std::string& path) const {
   bool isDue = false;
   journal_.look([&] { isDue = pace_.isDue(path, uptime()); });
@@ -183,15 +201,15 @@ std::optional<HistoryEntry> History::entryOf(const Left& left) const {
   entry.path = "/" + left.path.text();
   entry.confirmed = confirmedOf(left);
   if (left.confirmed) entry.version = left.confirmed->version.text;
-  entry.size = left.attributes.size.value_or(left.confirmed ? left.confirmed->size : 0);
+  // A program that has it open may have written more than the item says.
+  entry.size = files_.sizeOf(entry.content).value_or(0);
   entry.modified = modifiedOf(left).time_since_epoch().count();
   entry.reason = reasonOf(left);
   const auto now = std::chrono::milliseconds(loop_.wallClock());
   entry.at = std::chrono::floor<std::chrono::seconds>(now).count();
   if (entry.size == 0) return std::nullopt;
   const auto changed = left.attributes.changed;
-  const bool isFresh =
-      changed && now - changed->time_since_epoch() < kFreshTime && now > changed->time_since_epoch();
+  const bool isFresh = changed && now - changed->time_since_epoch() < kFreshTime;
   if (entry.reason == HistoryReason::replaced && isFresh && !pace_.isDue(entry.path, uptime())) {
     return std::nullopt;
   }

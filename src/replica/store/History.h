@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "async/Loop.h"
+#include "replica/store/ContentFiles.h"
 #include "replica/store/HistoryTable.h"
 #include "replica/store/HistoryTrim.h"
 #include "replica/store/TreeJournal.h"
@@ -21,8 +22,8 @@ namespace kestrowan::replica::store {
 /// thread; throws as the journal does. Sizes are bytes.
 class History : public LeftTaker {
  public:
-  /// Both must outlive it.
-  History(TreeJournal& journal, const async::Loop& loop);
+  /// All must outlive it.
+  History(TreeJournal& journal, const ContentFiles& files, const async::Loop& loop);
   ~History() override;
   History(const History&) = delete;
   History& operator=(const History&) = delete;
@@ -56,6 +57,10 @@ class History : public LeftTaker {
   /// The file of the contents has that size by now. Does nothing for contents that are not in it.
   void resize(ContentNumber content, std::int64_t size);
 
+  /// The provider has, or had, the contents as that version. Does nothing for contents that are not
+  /// in it.
+  void noteConfirmed(ContentNumber content, const NSData& version);
+
   /// Whether a copy of contents at that path is to be kept before they are changed in place.
   bool isVersionDue(const std::string& path) const;
   /// That copy is kept, in the edit's transaction when it is made within one. It took `cost`
@@ -72,6 +77,7 @@ class History : public LeftTaker {
   std::int64_t uptime() const;
 
   TreeJournal& journal_;
+  const ContentFiles& files_;
   const async::Loop& loop_;
   mutable HistoryTable table_;  // as what follows: guarded by the journal's lock
   HistoryUsage usage_;

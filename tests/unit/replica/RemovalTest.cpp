@@ -198,17 +198,6 @@ TEST_F(RemovalTest, RenameOverAFolderThatIsNotEmptyThereFails) {
   EXPECT_TRUE(world.exists("/from"));
 }
 
-TEST_F(RemovalTest, ContentsMoveAlongWithAFileThatWasRenamedThere) {
-  world.server().writeFile("/a", "contents");
-  EXPECT_EQ(world.read("/a"), "contents");
-  world.server().rename("/a", "/b");
-  world.advance(seconds(40));
-  world.extension().clearCalls();
-  EXPECT_EQ(world.read("/b"), "contents");
-  EXPECT_FALSE(world.exists("/a"));
-  EXPECT_EQ(world.extension().count(CallKind::fetchContents), 0u);
-}
-
 TEST_F(RemovalTest, RemovedFilesBytesAreKeptUntilEveryCopyHasArrived) {
   world.server().writeFile("/a", "moved by copying");
   EXPECT_EQ(world.read("/a"), "moved by copying");

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "replica/model/State.h"
 #include "support/ReplicaWorld.h"
 
 namespace kestrowan::test {
@@ -44,6 +45,7 @@ class StatusTest : public testing::Test {
 
 TEST_F(StatusTest, CountsWithoutALookAtAllItems) {
   for (int i = 0; i < 1000; ++i) world.server().writeFile("/more" + std::to_string(i), "");
+  world.advance(minutes(1));
   world.list("/");
   goOffline();
   world.write("/new", "123");
