@@ -67,6 +67,8 @@ add_executable(macos_shell_test
   shell/FPItemTest.mm
   shell/GroupContainerTest.mm
   shell/LifetimeTest.mm
+  shell/LiveObjects.mm
+  shell/LiveObjectsTest.mm
   shell/LogTest.mm
   shell/ProtocolTest.mm
   shell/RefusalTest.mm

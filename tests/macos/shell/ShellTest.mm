@@ -6,13 +6,12 @@
 #include <sstream>
 #include <utility>
 
+#include "LiveObjects.h"
 #include "bridge/FPBridge.h"
 #include "extension/FileProviderExtension.h"
 #include "macos/Convert.h"
 #include "macos/DAVEnumerator.h"
 #include "macos/FPItem.h"
-
-#import <Foundation/NSDebug.h>
 
 namespace kestrowan::test {
 
@@ -37,7 +36,7 @@ std::vector<Class> watchedClasses() {
 }  // namespace
 
 ShellTest::ShellTest() {
-  GSDebugAllocationActive(YES);
+  LiveObjects::shared();  // Counts from here on.
   pool_ = [[::NSAutoreleasePool alloc] init];
   std::filesystem::create_directory(container());
   std::filesystem::create_directory(temporary());
@@ -66,18 +65,12 @@ void ShellTest::TearDown() {
 }
 
 long ShellTest::live(Class type) {
-  return GSDebugAllocationCount(type);
+  return LiveObjects::shared().of(type);
 }
 
 long ShellTest::liveObjects() {
-  long total = 0;
-  Class* const classes = GSDebugAllocationClassList();
-  for (Class* type = classes; *type; ++type) {
-    // GNUstep's progress objects never give up this part of theirs.
-    if (*type != NSClassFromString(@"NSProgressInternal")) total += GSDebugAllocationCount(*type);
-  }
-  NSZoneFree(nullptr, classes);
-  return total;
+  // GNUstep's progress objects never give up this part of theirs.
+  return LiveObjects::shared().all() - live(NSClassFromString(@"NSProgressInternal"));
 }
 
 bool ShellTest::eventually(const std::function<bool()>& condition) {
