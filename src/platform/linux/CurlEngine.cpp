@@ -137,6 +137,7 @@ void CurlEngine::run() noexcept {
     curl_multi_poll(multi_, nullptr, 0, millisecondsToNextCheck(), nullptr);
   }
   cancelAll();
+  freeOpenSSLOfThread();
 }
 
 bool CurlEngine::takeOrders() {

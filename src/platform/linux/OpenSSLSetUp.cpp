@@ -10,4 +10,8 @@ bool setUpOpenSSL() {
   return isReady;
 }
 
+void freeOpenSSLOfThread() noexcept {
+  OPENSSL_thread_stop();
+}
+
 }  // namespace kestrowan

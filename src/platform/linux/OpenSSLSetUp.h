@@ -8,4 +8,11 @@ namespace kestrowan {
 /// library cannot be used.
 bool setUpOpenSSL();
 
+/// Frees what OpenSSL keeps for the calling thread, which is about to end.
+///
+/// OpenSSL does so itself when a thread ends, from the destructor of one key of thread storage. By
+/// then glibc has forgotten the values of all lower keys. The library's other keys are lower when
+/// another library has deleted one of its own in between.
+void freeOpenSSLOfThread() noexcept;
+
 }  // namespace kestrowan

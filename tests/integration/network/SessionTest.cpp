@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 
 #include "NetworkTest.h"
 #include "platform/foundation/NSFileManager.h"
+#include "platform/foundation/SHA256.h"
 #include "platform/network/TransferMonitor.h"
 #include "support/TemporaryDirectory.h"
 
@@ -165,6 +167,18 @@ TEST(SessionTest, ReleasedSessionCancelsWhatIsInFlight) {
   for (auto& download : downloads) EXPECT_EQ(errorOf(download), NSURLErrorCancelled);
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
   ::unsetenv("TMPDIR");
+}
+
+TEST(SessionTest, ThreadThatEndsLeavesNothingOfItsLibrariesBehind) {
+  // Once it is deleted, OpenSSL has the values of a thread under a lower key than its destructor.
+  pthread_key_t lower;
+  ASSERT_EQ(::pthread_key_create(&lower, nullptr), 0);
+  ScriptedServer server(R"({})");
+  sha256Text("makes the library ready");
+  ::pthread_key_delete(lower);
+  Client client(server);
+  EXPECT_EQ(client.get("/").first, 200);
+  // What is left is found at the end of the process.
 }
 
 /// Starts `task` for a caller that may stop waiting.
