@@ -7,9 +7,10 @@
 Every client gets the same tree on the same server, in turn within each round. "Cold" is the first
 access in a mount that was just made, with nothing kept from before; "warm" is the same once more;
 "on the server" is the time from the start until the server's folder has all of it. The server's own
-files are in memory throughout. Prints medians, and the mount's share of the best peer's time. Needs
-/dev/fuse, and root for davfs2. Build first: cmake --preset release && cmake --build --preset
-release --target kestrowan. Exit code: 0 all was measured; 1 something failed.
+files are in memory throughout. The time of curl is what it takes to send the mount's requests once
+more. Prints medians, and the mount's share of curl's time and of the best peer's. Needs /dev/fuse,
+and root for davfs2. Build first: cmake --preset release && cmake --build --preset release --target
+kestrowan. Exit code: 0 all was measured; 1 something failed.
 """
 
 import argparse
@@ -27,11 +28,13 @@ from pathlib import Path
 
 sys.dont_write_bytecode = True
 from command import MEBIBYTE, RealServer  # noqa: E402
-from mount_clients import (CLIENTS, LIMIT, Failed, Own, guarded,  # noqa: E402
+from mount_clients import (LIMIT, Davfs2, Failed, Local, Own, Rclone, guarded,  # noqa: E402
                            processor_seconds, resident)
+from replay import Curl, Exchanges  # noqa: E402
 
 SMALL = os.urandom(4096)
 BLOCK = os.urandom(MEBIBYTE)
+CLIENTS = (Local, Own, Curl, Davfs2, Rclone)
 THREADS = 8
 OPEN_FOLDERS = 10
 
@@ -113,6 +116,11 @@ def sizes(folder):
     return found
 
 
+def on_server(row):
+    """The row for when all of a row's work has arrived."""
+    return f"{row}, on the server"
+
+
 def wait_for(condition, otherwise):
     """Looks rarely enough to leave the processors to those who are measured."""
     deadline = time.monotonic() + LIMIT
@@ -130,9 +138,11 @@ class Bench:
         self.arguments = arguments
         self.tree = server.root / "Home" / "tree"
         self.work = server.root / "Home" / "work"
-        self.log = server.directory / "requests.log"
+        self.exchanges = Exchanges(server)
         self.values = {}    # by row, by client: what was measured
-        self.requests = {}  # by row: what the mount asked the server
+        self.requests = {}  # by row: how many the mount sent
+        self.sent = {}      # by group, by row: what the mount sent in the last round
+        self.group = ""
         self.failures = 0
         self.client = None
         make_tree(self.tree, arguments)
@@ -156,18 +166,17 @@ class Bench:
     def note(self, row, value):
         self.values.setdefault(row, {}).setdefault(self.client.name, []).append(value)
 
-    def asked(self):
-        return self.log.read_bytes().count(b"\n")
-
     def timed(self, row, work, *arguments, arrived=None):
-        before = self.asked()
+        before = self.exchanges.end()
         begun, ended = guarded(self.client, lambda: work(*arguments))
         self.note(row, ended - begun)
         if arrived:
             wait_for(arrived, f"{row}: never on the server")
-            self.note(f"{row}, on the server", time.monotonic() - begun)
+            self.note(on_server(row), time.monotonic() - begun)
         if isinstance(self.client, Own):
-            self.requests.setdefault(row, []).append(self.asked() - before)
+            sent = self.exchanges.since(before)
+            self.requests.setdefault(row, []).append(len(sent))
+            self.sent.setdefault(self.group, {})[row] = sent
 
     # ---- what is measured ------------------------------------------------------------------------
 
@@ -251,13 +260,29 @@ class Bench:
             self.timed(f"delete {count}", each, lambda name: (work / name).unlink(), renamed,
                        arrived=lambda: sizes(self.work) == made)
 
+    def again(self):
+        """Has what the mount sent in the group sent once more, from the same state on."""
+        if self.group not in self.sent:
+            return
+        with self.mounted():
+            for row, sent in self.sent[self.group].items():
+                if sent:
+                    seconds = self.client.seconds(sent)
+                    self.note(row, seconds)
+                    if on_server(row) in self.values:
+                        self.note(on_server(row), seconds)
+
     def measure(self, client):
         """What a failure leaves out is missing in the table."""
         self.client = client
         for group in (self.listings, self.memory, self.folders, self.files, self.big, self.changes,
                       self.idle):
+            self.group = group.__name__
             try:
-                group()
+                if isinstance(client, Curl):
+                    self.again()
+                else:
+                    group()
             except (Failed, OSError) as failure:
                 self.failures += 1
                 print(f"{client.name}: {failure}", file=sys.stderr)
@@ -265,20 +290,25 @@ class Bench:
     # ---- the table -------------------------------------------------------------------------------
 
     def show(self, clients):
+        names = [client.name for client in clients]
         peers = [client.name for client in clients if client.is_peer]
-        heads = [*(client.name for client in clients), *["own / best peer"] * bool(peers),
-                 "own requests"]
+        heads = [*names, "own / curl", *["own / best peer"] * bool(peers), "own requests"]
         print(f"\n{'seconds, medians':44}" + "".join(f"{head:>16}" for head in heads))
         for row, values in self.values.items():
             medians = {name: statistics.median(found) for name, found in values.items()}
-            cells = [f"{medians[client.name]:.3f}" if client.name in medians else "-"
-                     for client in clients]
+            cells = [f"{medians[name]:.3f}" if name in medians else "-" for name in names]
+            cells.append(share(medians, ["curl"]))
             if peers:
-                best = min((medians[name] for name in peers if name in medians), default=0)
-                cells.append(f"{medians['own'] / best:.2f}" if best and "own" in medians else "-")
+                cells.append(share(medians, peers))
             asked = self.requests.get(row)
             cells.append(f"{statistics.median(asked):.0f}" if asked else "")
             print(f"{row:44}" + "".join(f"{cell:>16}" for cell in cells))
+
+
+def share(medians, others):
+    """The mount's time by that of the best of the others, for the table."""
+    best = min((medians[name] for name in others if name in medians), default=0)
+    return f"{medians['own'] / best:.2f}" if best and "own" in medians else "-"
 
 
 def main():

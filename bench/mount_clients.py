@@ -200,9 +200,6 @@ class Rclone(Mounted):
                 "--ca-cert", self.base / "cert.pem", "--cache-dir", self.cache, *RCLONE]
 
 
-CLIENTS = (Local, Own, Davfs2, Rclone)
-
-
 def write(path, text, mode=0o600):
     path.touch(mode)
     path.write_text(text, encoding="utf-8")
