@@ -40,6 +40,7 @@ std::optional<std::string> statusAttribute(const replica::ItemStatus& status,
   if (name == "changes") return unlessEmpty(status.changes);
   if (name == "downloaded") return yesOrNo(status.downloaded);
   if (name == "pinned") return yesOrNo(status.pinned);
+  if (name == "conflict") return unlessEmpty(status.conflict);
   if (name == "error" && status.failure) return unlessEmpty(status.failure->text);
   return std::nullopt;
 }

@@ -18,6 +18,7 @@ namespace kestrowan::mount {
 ///   user.kestrowan.changes     what is still to be sent
 ///   user.kestrowan.downloaded  "yes" or "no"
 ///   user.kestrowan.pinned      "yes" or "no"
+///   user.kestrowan.conflict    of a side of a conflict: the path of the other one, or "yes"
 ///   user.kestrowan.error       why it was not sent, for a person
 
 /// Whether `name` is reserved for them.

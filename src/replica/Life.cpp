@@ -200,13 +200,15 @@ void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexce
     }
     keepLeft(change);
     noteConfirmed(change);
-    if (origin == Origin::other) refuse(change);
+    if (origin != Origin::program) refuse(change);
     verdicts.note(number, change.now);
-    if (origin == Origin::other) tell(change);
-    if (origin == Origin::other && change.now && !change.now->isInStep()) outbox.note(number);
+    if (origin != Origin::program) tell(change);
+    // A program's call says itself how soon what it changed is to be sent.
+    const bool isNoted = origin != Origin::program || !change.now || !change.now->here();
+    if (isNoted && change.now && !change.now->isInStep()) outbox.note(number);
     const bool isWanted = change.now && change.now->attributes().pinned && change.now->isFile() &&
                           change.now->there() && change.now->there()->content == Content::none;
-    if (origin == Origin::other && isWanted) {
+    if (origin != Origin::program && isWanted) {
       scope.post([this, number] { downloader.fetchSoon(number); });
     }
   }

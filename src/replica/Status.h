@@ -37,6 +37,9 @@ struct ItemStatus {
   std::int64_t size = 0;
   bool downloaded = false;
   bool pinned = false;
+  /// Of a side of a conflict: the path of the other one; "yes" when that is no more. Empty for
+  /// others.
+  std::string conflict;
   Boxed<SyncFailure> failure;
 };
 

@@ -68,6 +68,16 @@ SyncState Commands::stateOf(const Item& item) const {
   return failure->failureClass == FailureClass::refused ? SyncState::refused : SyncState::retrying;
 }
 
+/// The side that shows the provider's version has the number of the conflict.
+std::string Commands::otherSide(const State& state, const Item& item) const {
+  const auto conflict = item.attributes().conflict;
+  if (conflict == model::ConflictNumber::none) return {};
+  ItemNumber other{static_cast<std::uint64_t>(conflict)};
+  if (other == item.number()) other = rooms_.tally.copyOf(conflict);
+  const Item* side = state.find(other);
+  return side && side->here() ? shownPath(state, *side) : "yes";
+}
+
 ItemStatus Commands::statusOf(const State& state, const Item& item) const {
   ItemStatus status;
   status.path = shownPath(state, item);
@@ -81,6 +91,7 @@ ItemStatus Commands::statusOf(const State& state, const Item& item) const {
   if (item.here()) status.size = shown(item, rooms_.openItems).size;
   status.downloaded = item.here() && item.here()->content != Content::none;
   status.pinned = item.attributes().pinned;
+  status.conflict = otherSide(state, item);
   if (const auto& failure = item.attributes().failure) {
     SyncFailure shownFailure;
     shownFailure.failureClass = static_cast<replica::FailureClass>(failure->failureClass);

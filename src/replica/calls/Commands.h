@@ -23,6 +23,7 @@ class Commands {
 
  private:
   SyncState stateOf(const model::Item& item) const;
+  std::string otherSide(const model::State& state, const model::Item& item) const;
   ItemStatus statusOf(const model::State& state, const model::Item& item) const;
   std::vector<model::ItemNumber> pendingIn(const model::State& state,
                                            model::ItemNumber folder) const;

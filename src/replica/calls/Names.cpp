@@ -11,6 +11,7 @@
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
+#include "replica/plan/Settling.h"
 #include "replica/remote/ValidName.h"
 
 namespace kestrowan::replica::calls {
@@ -278,26 +279,6 @@ void Names::checkMove(const State& state, const Move& move) const {
   }
 }
 
-/// What the provider has of the item goes: its name is one that is never sent.
-void Names::keepHereOnly(Edit& edit, ItemNumber number) {
-  const Item& item = edit->item(number);
-  const Kind kind = item.kind();
-  const auto there = item.there();
-  const auto agreed = item.agreed();
-  const ItemNumber rest = edit.make(kind);
-  edit.setThere(number, std::nullopt);
-  edit.setAgreed(number, std::nullopt);
-  edit.setThere(rest, there);
-  edit.setAgreed(rest, agreed);
-  const auto intents = edit->intents().all();
-  for (Intent intent : intents) {
-    if (intent.item != number) continue;
-    intent.item = rest;
-    edit.change(intent);
-  }
-  if (!there && !agreed) edit.drop(rest);
-}
-
 Names::Moved Names::apply(const Move& move) {
   Edit edit(rooms_.tree, model::Origin::program);
   checkMove(*edit, move);
@@ -319,7 +300,9 @@ Names::Moved Names::apply(const Move& move) {
   const Item* left = replaces ? edit->find(replaced) : nullptr;
   // A folder has to leave the place before another one comes.
   if (left && left->isFile()) edit.addAfter(replaced, number);
-  if (isHere && !wasHere) keepHereOnly(edit, number);
+  // What the provider has of it is another item from now on, which is to go.
+  const bool isParted = isHere && !wasHere && (edit->item(number).there() || edit->item(number).agreed());
+  if (isParted) plan::settle(edit, {.resolution = plan::Resolution::part, .item = number});
   model::Attributes attributes = edit->item(number).attributes();
   attributes.localOnly = isHere;
   attributes.failure.reset();

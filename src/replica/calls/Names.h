@@ -54,7 +54,6 @@ class Names {
   Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
   Task<void> removeItem(model::ItemNumber item);
   static void leave(model::Edit& edit, model::ItemNumber item);
-  static void keepHereOnly(model::Edit& edit, model::ItemNumber item);
   void syncSource(const Move& move) const;
   Moved apply(const Move& move);
   Task<void> fetchWhileAnswered(model::ItemNumber file);

@@ -228,7 +228,7 @@ void Downloader::noteNewer(ItemNumber number, const There& now) {
   const Item* file = edit->find(number);
   if (!file || !file->there() || file->there()->place != now.place) return;
   if (canBeSame(options_, *file->there(), now)) return;
-  edit.setThere(number, now);
+  edit.setThere(number, asOtherState(*file->there(), now));
   settler_.settleAll(edit);
   edit.commit();
 }

@@ -21,6 +21,11 @@ NSData lastingPart(const Options& options, const NSData& version) {
 
 }  // namespace
 
+There asOtherState(const There& known, There now) {
+  if (now.version == known.version) now.version.text = distinctVersion(now);
+  return now;
+}
+
 std::string_view plainVersion(std::string_view version) {
   return version.substr(0, version.find(kMark));
 }

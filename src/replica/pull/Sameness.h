@@ -29,6 +29,8 @@ bool isVersionKnown(const Options& options, const NSData& version, Source source
 /// The version of a state that differs from another one of the same version in size or date alone:
 /// with both behind it, so that the two can be told apart.
 NSData distinctVersion(const model::There& there);
+/// `now`, of which `known` is another state: with a version that is not that one's.
+model::There asOtherState(const model::There& known, model::There now);
 /// A version without what `distinctVersion` has put behind it.
 std::string_view plainVersion(std::string_view version);
 

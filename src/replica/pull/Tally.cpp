@@ -42,6 +42,12 @@ std::vector<ItemNumber> Tally::conflictCopies() const {
   return result;
 }
 
+ItemNumber Tally::copyOf(ConflictNumber conflict) const {
+  std::lock_guard lock(mutex_);
+  const auto copy = copies_.lower_bound({conflict, ItemNumber::none});
+  return copy != copies_.end() && copy->first == conflict ? copy->second : ItemNumber::none;
+}
+
 void Tally::noteDropped(ItemNumber item) {
   std::lock_guard lock(mutex_);
   cached_.set(item, false, 0);

@@ -25,6 +25,8 @@ class Tally {
   std::int64_t cachedBytes() const;
   /// The copies from here of files that both sides had changed, the latest last.
   std::vector<model::ItemNumber> conflictCopies() const;
+  /// The copy from here of one conflict; `none` when there is none any more.
+  model::ItemNumber copyOf(model::ConflictNumber conflict) const;
   /// Contents that are to be sent.
   std::int64_t pendingBytes() const;
 

@@ -242,7 +242,7 @@ void Push::writeSeen(ItemNumber number, const NSFileProviderItem& seen) {
                             options_, pull::Source::look);
   now.place = place;
   if (pull::canBeSame(options_, *item->there(), now)) return;
-  edit.setThere(number, std::move(now));
+  edit.setThere(number, pull::asOtherState(*item->there(), std::move(now)));
   settler_.settleAll(edit);
   edit.commit();
 }

@@ -13,7 +13,7 @@ using model::Origin;
 
 namespace {
 
-/// What was changed within this time is one of a quick succession of versions.
+/// What was written within this time is one of a quick succession of versions.
 constexpr std::chrono::seconds kFreshTime{60};
 
 HistoryReason reasonOf(const Left& left) {
@@ -208,8 +208,7 @@ std::optional<HistoryEntry> History::entryOf(const Left& left) const {
   const auto now = std::chrono::milliseconds(loop_.wallClock());
   entry.at = std::chrono::floor<std::chrono::seconds>(now).count();
   if (entry.size == 0) return std::nullopt;
-  const auto changed = left.attributes.changed;
-  const bool isFresh = changed && now - changed->time_since_epoch() < kFreshTime;
+  const bool isFresh = now - modifiedOf(left).time_since_epoch() < kFreshTime;
   if (entry.reason == HistoryReason::replaced && isFresh && !pace_.isDue(entry.path, uptime())) {
     return std::nullopt;
   }

@@ -197,7 +197,9 @@ TEST_F(LoadingTest, SizeIsTheServersOnceContentsAreNotTrusted) {
 TEST_F(LoadingTest, ContentsAreTrustedAfterAnOrderlyEnd) {
   world.server().writeFile("/a", "x");
   world.read("/a");
-  restart([this] { EXPECT_FALSE(fs::exists(directory() / "in-use")); });
+  restart([this] {
+    EXPECT_EQ(readFile(directory() / "in-use").find_first_not_of(' '), std::string::npos);
+  });
   EXPECT_EQ(world.replica().status().cachedFiles, 1);
 }
 
@@ -273,7 +275,7 @@ TEST_F(LoadingTest, ContentsOfRowsThatMakeNoSenseAreKept) {
   world.extension().setDown(true);
   world.write("/a", "in a");
   world.write("/b", "in b");
-  restart([this] { changeRows("UPDATE items SET size=-1 WHERE name=x'61'"); });
+  restart([this] { changeRows("UPDATE tree SET size=-1 WHERE here_name=x'61'"); });
   EXPECT_THAT(recovered(), ElementsAre("in a"));
   EXPECT_EQ(world.read("/b"), "in b");
 }
@@ -283,7 +285,7 @@ TEST_F(LoadingTest, OfTwoRowsInOnePlaceNeitherLosesItsContents) {
   world.extension().setDown(true);
   world.write("/a", "in a");
   world.write("/b", "in b");
-  restart([this] { changeRows("UPDATE items SET name=x'61' WHERE name=x'62'"); });
+  restart([this] { changeRows("UPDATE tree SET here_name=x'61' WHERE here_name=x'62'"); });
   EXPECT_THAT(world.list("/"), ElementsAre("a"));
   std::vector<std::string> kept = recovered();
   kept.push_back(world.read("/a"));
@@ -295,7 +297,7 @@ TEST_F(LoadingTest, ContentsOfAnItemWithoutAFolderAreKept) {
   world.extension().setDown(true);
   world.makeFolder("/d");
   world.write("/d/a", "in a");
-  restart([this] { changeRows("DELETE FROM items WHERE name=x'64'"); });
+  restart([this] { changeRows("DELETE FROM tree WHERE here_name=x'64'"); });
   EXPECT_THAT(world.list("/"), IsEmpty());
   EXPECT_THAT(recovered(), ElementsAre("in a"));
 }
@@ -304,7 +306,7 @@ TEST_F(LoadingTest, NumbersOfRowsAreNeverGivenAgain) {
   world.list("/");
   world.extension().setDown(true);
   world.write("/a", "in a");
-  restart([this] { changeRows("UPDATE numbers SET next=2"); });
+  restart([this] { changeRows("UPDATE series SET item=2,intent=1,content=2"); });
   world.connect();
   world.write("/b", "in b");
   EXPECT_TRUE(world.settle());
@@ -316,8 +318,10 @@ TEST_F(LoadingTest, AbsurdNumberDoesNotKeepTheReplicaFromBeginning) {
   world.list("/");
   world.extension().setDown(true);
   world.write("/a", "in a");
-  restart([this] { changeRows("UPDATE items SET rid=9223372036854775807 WHERE name=x'61'"); });
-  EXPECT_EQ(world.read("/a"), "in a");
+  restart([this] {
+    changeRows("UPDATE tree SET number=9223372036854775807 WHERE here_name=x'61'");
+  });
+  EXPECT_THAT(recovered(), ElementsAre("in a"));
   restart([] {});
   world.connect();
   world.write("/b", "in b");
@@ -331,12 +335,13 @@ TEST_F(LoadingTest, AnItemOfAnotherPlaceIsLeftOutAndItsContentsAreKept) {
   world.server().writeFile("/a", "theirs");
   world.server().makeFolder("/d");
   world.tree();
-  for (const char* other : {"2F", "2F64", "2F642F2E2E", "2F2F61", "2F612F", "2F6100", "61", ""}) {
+  for (const char* other : {"2F", "2F64", "2F642F2E2E", "2F2F61", "2F612F", "2F6100", "61"}) {
     const std::string mine = "mine " + std::string(other);
     world.extension().setDown(true);
     world.write("/a", mine);
     restart([&] {
-      changeRows(("UPDATE items SET base_identifier=x'" + std::string(other) + "' WHERE name=x'61'")
+      changeRows(("UPDATE tree SET there_identifier=x'" + std::string(other) +
+                  "' WHERE here_name=x'61'")
                      .c_str());
     });
     EXPECT_THAT(recovered(), testing::Contains(mine)) << other;
@@ -353,7 +358,7 @@ TEST_F(LoadingTest, RemovalOfAnItemOfAnotherPlaceIsForgotten) {
   world.tree();
   world.extension().setDown(true);
   world.remove("/a");
-  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F62' WHERE name=x'61'"); });
+  restart([this] { changeRows("UPDATE tree SET there_identifier=x'2F62' WHERE there_name=x'61'"); });
   world.connect();
   EXPECT_TRUE(world.settle());
   EXPECT_THAT(world.list("/"), ElementsAre("a", "b"));
@@ -370,7 +375,7 @@ TEST_F(LoadingTest, WhatIsInAFolderOfAnotherPlaceIsLeftOutWithIt) {
   world.write("/d/e/a", "mine");
   world.write("/d/e/c", "made here");
   world.remove("/d/e/b");
-  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F' WHERE name=x'64'"); });
+  restart([this] { changeRows("UPDATE tree SET there_identifier=x'2F' WHERE here_name=x'64'"); });
   EXPECT_THAT(recovered(), testing::IsSupersetOf({"mine", "made here"}));
   world.connect();
   const auto before = world.server().tree();
@@ -382,19 +387,20 @@ TEST_F(LoadingTest, WhatIsInAFolderOfAnotherPlaceIsLeftOutWithIt) {
 TEST_F(LoadingTest, AFolderIsLookedAtAnewWhenRowsWereLeftOut) {
   world.server().writeFile("/a", "theirs");
   world.tree();
-  restart([this] { changeRows("UPDATE items SET base_identifier=x'2F' WHERE name=x'61'"); });
+  restart([this] { changeRows("UPDATE tree SET there_identifier=x'2F' WHERE here_name=x'61'"); });
   world.connect();
   EXPECT_THAT(world.list("/"), ElementsAre("a"));
 }
 
 TEST_F(LoadingTest, ARootThatIsAnotherItemIsMadeAnew) {
   for (const char* change :
-       {"base_identifier=x'2F64'", "kind=0", "removed=1", "base_identifier=NULL", "parent=7"}) {
+       {"there_identifier=x'2F64'", "kind=0", "here_folder=NULL,here_name=NULL",
+        "there_folder=NULL", "here_folder=7"}) {
     world.connect();
     if (world.server().tree().empty()) world.server().makeFolder("/d");
     EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;
     restart(
-        [&] { changeRows(("UPDATE items SET " + std::string(change) + " WHERE rid=1").c_str()); });
+        [&] { changeRows(("UPDATE tree SET " + std::string(change) + " WHERE number=1").c_str()); });
     world.connect();
     EXPECT_TRUE(world.settle());
     EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;
