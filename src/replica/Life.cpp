@@ -73,9 +73,9 @@ Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Op
            contents),
       outbox(tree, scope, health, options, settler, refresher, downloader, push, refusals,
              openItems),
-      rooms{tree,      scope,  options,   contents,   journal,   history, unused,
-            openItems, health, refresher, downloader, readAhead, space,   tally,
-            outbox,    refusals, verdicts},
+      rooms{tree,   scope,     options, contents,  journal,    history,
+            unused, openItems, health,  refresher, downloader, readAhead,
+            space,  tally,     outbox,  refusals,  verdicts},
       files(replica, rooms),
       folders(rooms),
       nameCalls(rooms, files, newWork),
@@ -234,8 +234,7 @@ void Life::noteConfirmed(const ItemChange& change) {
   if (!change.before || !change.now || !change.now->agreed() || !change.now->here()) return;
   const There& agreed = *change.now->agreed();
   const bool isNew = !change.before->agreed() || change.before->agreed()->content != agreed.content;
-  if (!isNew || agreed.content == Content::none ||
-      agreed.content == change.now->here()->content) {
+  if (!isNew || agreed.content == Content::none || agreed.content == change.now->here()->content) {
     return;
   }
   scope.post([this, content = static_cast<ContentNumber>(agreed.content),

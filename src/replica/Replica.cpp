@@ -59,8 +59,9 @@ void Replica::setProvider(std::shared_ptr<NSFileProviderReplicatedExtension> pro
 }
 
 void Replica::askForRoot(Completion<Done> completion) {
-  life_->scope.start(complete(life_->refresher.prepare(ItemNumber::root, pull::Refresher::Need::forced),
-           std::move(completion)));
+  life_->scope.start(
+      complete(life_->refresher.prepare(ItemNumber::root, pull::Refresher::Need::forced),
+               std::move(completion)));
 }
 
 void Replica::setObserver(Observer* observer) {
@@ -76,7 +77,8 @@ void Replica::stop() {
 }
 
 void Replica::lookUp(Rid folder, std::string_view name, Completion<Attributes> completion) {
-  life_->scope.start(complete(life_->folders.lookUp(ItemNumber{folder}, std::string(name)), std::move(completion)));
+  life_->scope.start(complete(life_->folders.lookUp(ItemNumber{folder}, std::string(name)),
+                              std::move(completion)));
 }
 
 Attributes Replica::attributes(Rid item) const {
@@ -85,7 +87,8 @@ Attributes Replica::attributes(Rid item) const {
 
 void Replica::setAttributes(Rid item, const AttributeChange& change,
                             Completion<Attributes> completion) {
-  life_->scope.start(complete(life_->files.setAttributes(ItemNumber{item}, change), std::move(completion)));
+  life_->scope.start(
+      complete(life_->files.setAttributes(ItemNumber{item}, change), std::move(completion)));
 }
 
 void Replica::openFolder(Rid folder, Completion<std::shared_ptr<const FolderSnapshot>> completion) {
@@ -114,24 +117,26 @@ void Replica::openFile(Rid item, OpenMode mode, Completion<std::shared_ptr<OpenF
 
 void Replica::createFile(Rid folder, std::string_view name, std::uint16_t mode,
                          Completion<CreatedFile> completion) {
-  life_->scope.start(complete(life_->nameCalls.createFile(ItemNumber{folder}, std::string(name), mode),
-           std::move(completion)));
+  life_->scope.start(
+      complete(life_->nameCalls.createFile(ItemNumber{folder}, std::string(name), mode),
+               std::move(completion)));
 }
 
 void Replica::makeFolder(Rid folder, std::string_view name, std::uint16_t mode,
                          Completion<Attributes> completion) {
-  life_->scope.start(complete(life_->nameCalls.makeFolder(ItemNumber{folder}, std::string(name), mode),
-           std::move(completion)));
+  life_->scope.start(
+      complete(life_->nameCalls.makeFolder(ItemNumber{folder}, std::string(name), mode),
+               std::move(completion)));
 }
 
 void Replica::removeFile(Rid folder, std::string_view name, Completion<Done> completion) {
   life_->scope.start(complete(life_->nameCalls.removeFile(ItemNumber{folder}, std::string(name)),
-           std::move(completion)));
+                              std::move(completion)));
 }
 
 void Replica::removeFolder(Rid folder, std::string_view name, Completion<Done> completion) {
   life_->scope.start(complete(life_->nameCalls.removeFolder(ItemNumber{folder}, std::string(name)),
-           std::move(completion)));
+                              std::move(completion)));
 }
 
 void Replica::rename(Rid folder, std::string_view name, Rid newFolder, std::string_view newName,
@@ -225,8 +230,9 @@ HistoryUsage Replica::clearHistory(const HistoryFilter& filter) {
 
 void Replica::restore(ContentNumber entry, Rid folder, std::string_view name, NameTaken ifTaken,
                       Completion<std::string> completion) {
-  life_->scope.start(complete(life_->historyCalls.restore(entry, ItemNumber{folder}, std::string(name), ifTaken),
-           std::move(completion)));
+  life_->scope.start(
+      complete(life_->historyCalls.restore(entry, ItemNumber{folder}, std::string(name), ifTaken),
+               std::move(completion)));
 }
 
 void Replica::waitUntilEnded(std::chrono::milliseconds limit) {

@@ -109,7 +109,8 @@ enum class NameTaken : std::uint8_t {
 class Replica {
  public:
   /// Reads what `directory` (absolute, exclusively the replica's) holds, or begins anew. Sends
-  /// nothing before the first `setProvider`. Throws `NSError` as `TreeJournal` and `ContentFiles` do.
+  /// nothing before the first `setProvider`. Throws `NSError` as `TreeJournal` and `ContentFiles`
+  /// do.
   Replica(const std::string& directory, async::Loop& loop, Options options);
   Replica(const Replica&) = delete;
   Replica& operator=(const Replica&) = delete;

@@ -11,8 +11,6 @@ from sources import ROOT, cpp_files, report  # noqa: E402
 
 # Headers that need the development files of these libraries, by the folder they lie in.
 LIBRARIES = {"mount": ("fuse3",), "replica": ("sqlite3",)}
-# Has headers that stand for those of the same names where they are built with it.
-STAND_INS = ROOT / "src" / "replica" / "next"
 # Written for another platform's compiler.
 FOREIGN = {"macos"}
 
@@ -29,10 +27,9 @@ def library_flags(layers):
 def compile_alone(header, flags):
     # The header is included, not compiled itself: #pragma once in a main file is a warning.
     name = header.relative_to(ROOT / "src").as_posix()
-    first = ["-I", str(STAND_INS)] if header.is_relative_to(STAND_INS) else []
     result = subprocess.run(
         [os.environ.get("CXX", "g++"), "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
-         "-Wno-missing-field-initializers", *flags, *first, "-I", str(ROOT / "src"), "-x", "c++", "-"],
+         "-Wno-missing-field-initializers", *flags, "-I", str(ROOT / "src"), "-x", "c++", "-"],
         input=f'#include "{name}"\n', capture_output=True, text=True, check=False)
     if result.returncode == 0:
         return None

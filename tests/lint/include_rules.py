@@ -28,14 +28,18 @@ REACH = {
 ROOMS = {
     "replica/model": {"platform"},
     "replica/plan": {"replica/model", "platform"},
-    "replica/store": {"replica/model", "replica/Records.h", "replica/Item.h", "replica/NameParts.h",
-                      "replica/NameRules.h", "replica/remote", "platform"},
+    "replica/store": {"replica/model", "replica/remote", "replica/Log.h", "replica/Records.h",
+                      "async", "platform"},
     "replica/remote": {"async", "platform"},
     "replica/pull": {"replica/model", "replica/plan", "replica/store", "replica/remote",
                      "replica/Log.h", "replica/NameRules.h", "replica/Options.h", "async",
                      "platform"},
     "replica/push": {"replica/pull", "replica/model", "replica/plan", "replica/store",
                      "replica/remote", "replica/Log.h", "replica/Options.h", "async", "platform"},
+    "replica/calls": {"replica/push", "replica/pull", "replica/plan", "replica/model",
+                      "replica/store", "replica/remote", "replica/FilePlaces.h", "replica/Log.h",
+                      "replica/NameParts.h", "replica/NameRules.h", "replica/Options.h",
+                      "replica/Replica.h", "async", "platform"},
 }
 # The module's logger is a leaf that these layers include too.
 LOGGER = "extension/fpLog.h"

@@ -65,7 +65,8 @@ Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
     const auto children = view->hereIn(folder);
     snapshot->entries.reserve(children.size());
     for (const Item* each : children) {
-      snapshot->entries.push_back({each->here()->place.name, shown(*view, *each, rooms_.openItems)});
+      snapshot->entries.push_back(
+          {each->here()->place.name, shown(*view, *each, rooms_.openItems)});
     }
   }
   rooms_.refresher.setOpen(folder, true);

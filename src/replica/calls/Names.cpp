@@ -301,7 +301,8 @@ Names::Moved Names::apply(const Move& move) {
   // A folder has to leave the place before another one comes.
   if (left && left->isFile()) edit.addAfter(replaced, number);
   // What the provider has of it is another item from now on, which is to go.
-  const bool isParted = isHere && !wasHere && (edit->item(number).there() || edit->item(number).agreed());
+  const bool isParted =
+      isHere && !wasHere && (edit->item(number).there() || edit->item(number).agreed());
   if (isParted) plan::settle(edit, {.resolution = plan::Resolution::part, .item = number});
   model::Attributes attributes = edit->item(number).attributes();
   attributes.localOnly = isHere;

@@ -152,8 +152,7 @@ std::vector<ItemNumber> Edit::changedFolders() const {
   folders.erase(std::unique(folders.begin(), folders.end()), folders.end());
   std::erase_if(folders, [this](ItemNumber number) {
     const Item* before = itemBefore(number);
-    const bool isKnown =
-        before && (origin_ == Origin::program || before->attributes().listedAt);
+    const bool isKnown = before && (origin_ == Origin::program || before->attributes().listedAt);
     return !isKnown || !state_->find(number);
   });
   return folders;

@@ -400,7 +400,8 @@ Task<void> Refresher::gather(std::shared_ptr<Look> look, std::vector<Path> paths
     }
     look->asked[path] = nullptr;
     std::shared_ptr<const FolderListing> listing;
-    if (number != ItemNumber::none) listing = co_await list(number, std::move(identifier), look->asker);
+    if (number != ItemNumber::none)
+      listing = co_await list(number, std::move(identifier), look->asker);
     look->listings[path] = std::move(listing);
   }
 }
@@ -429,8 +430,9 @@ Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdenti
 }
 
 /// Null when the folder turned out to be no more.
-Task<std::shared_ptr<const FolderListing>> Refresher::list(
-    ItemNumber number, NSFileProviderItemIdentifier identifier, ItemNumber asker) {
+Task<std::shared_ptr<const FolderListing>> Refresher::list(ItemNumber number,
+                                                           NSFileProviderItemIdentifier identifier,
+                                                           ItemNumber asker) {
   const auto begun = scope_.now();
   std::optional<NSError> problem;
   std::shared_ptr<FolderListing> listing;

@@ -24,7 +24,8 @@ class Space {
   using IsOpen = std::function<bool(model::ItemNumber)>;
 
   Space(model::Tree& tree, const async::Loop& loop, const Options& options,
-        store::Contents& contents, store::UnusedContents& unused, const Tally& tally, IsOpen isOpen);
+        store::Contents& contents, store::UnusedContents& unused, const Tally& tally,
+        IsOpen isOpen);
   Space(const Space&) = delete;
   Space& operator=(const Space&) = delete;
 

@@ -20,8 +20,7 @@ std::int64_t HistoryTrim::excess(const HistoryUsage& usage) const {
   return usage.bytes - usage.unconfirmedBytes - room;
 }
 
-bool HistoryTrim::mustGo(const HistoryEntry& entry, Rule rule,
-                         const Question& isStillThere) const {
+bool HistoryTrim::mustGo(const HistoryEntry& entry, Rule rule, const Question& isStillThere) const {
   switch (rule) {
     case Rule::tooOld:
       return entry.at < limits_.before && entry.reason != HistoryReason::lost;

@@ -218,8 +218,8 @@ std::unordered_set<ContentNumber> StartRepair::orphans() const {
 void StartRepair::keepOrphans() {
   std::map<ContentNumber, std::string> names;
   for (const auto& orphan : journal_.orphans()) names.emplace(plain(orphan.content), orphan.name);
-  const auto now = std::chrono::floor<std::chrono::seconds>(
-      std::chrono::milliseconds(loop_.wallClock()));
+  const auto now =
+      std::chrono::floor<std::chrono::seconds>(std::chrono::milliseconds(loop_.wallClock()));
   const bool isGivenUp = isWhole_ && !machineStopped_;
   std::vector<HistoryEntry> entries;
   for (const ContentNumber number : orphans()) {

@@ -15,7 +15,8 @@ namespace kestrowan::replica::store {
 
 /// Makes rows and files agree when a replica begins: a row without a file, a file without a row, a
 /// file that is not what its row says. Whatever no row refers to goes to the history. Used once, by
-/// one thread, before anything else uses the tree. Throws `NSError` as the journal and the files do.
+/// one thread, before anything else uses the tree. Throws `NSError` as the journal and the files
+/// do.
 class StartRepair {
  public:
   /// All must outlive it. `machineStopped`: what was written and never synced may be less than the

@@ -15,8 +15,8 @@ std::unique_ptr<Database> openTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now);
 
 /// Opens the database at `path` to be read alone, as a tree whatever its version is: nothing of the
-/// file or its log changes. Null when there is none, or an empty one. Throws as above, but looks for
-/// no damage.
+/// file or its log changes. Null when there is none, or an empty one. Throws as above, but looks
+/// for no damage.
 std::unique_ptr<Database> readTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now);
 

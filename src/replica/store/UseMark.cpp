@@ -57,8 +57,8 @@ void UseMark::clear() const {
 
 /// In place: a mark that is there already needs no room on the disk.
 void UseMark::write(const std::string& text) const {
-  const UniqueFd file(::open(path_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
-                             S_IRUSR | S_IWUSR));
+  const UniqueFd file(
+      ::open(path_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   const auto size = static_cast<ssize_t>(text.size());
   if (!file || ::write(file.get(), text.data(), text.size()) != size ||
       ::ftruncate(file.get(), size) != 0 || ::fdatasync(file.get()) != 0) {

@@ -5,9 +5,9 @@
 namespace kestrowan::replica {
 
 /// A file "in-use" in a replica's directory that names the machine's run, from its start to its
-/// stop, in which the replica was used last. It becomes blank when everything is durable, so that the
-/// next start knows whether what was written and never synced can still be trusted. Not thread-safe.
-/// Throws `NSError` of `NSPOSIXErrorDomain`.
+/// stop, in which the replica was used last. It becomes blank when everything is durable, so that
+/// the next start knows whether what was written and never synced can still be trusted. Not
+/// thread-safe. Throws `NSError` of `NSPOSIXErrorDomain`.
 class UseMark {
  public:
   /// Reads the mark that is there.

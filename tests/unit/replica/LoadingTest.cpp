@@ -318,9 +318,8 @@ TEST_F(LoadingTest, AbsurdNumberDoesNotKeepTheReplicaFromBeginning) {
   world.list("/");
   world.extension().setDown(true);
   world.write("/a", "in a");
-  restart([this] {
-    changeRows("UPDATE tree SET number=9223372036854775807 WHERE here_name=x'61'");
-  });
+  restart(
+      [this] { changeRows("UPDATE tree SET number=9223372036854775807 WHERE here_name=x'61'"); });
   EXPECT_THAT(recovered(), ElementsAre("in a"));
   restart([] {});
   world.connect();
@@ -340,9 +339,9 @@ TEST_F(LoadingTest, AnItemOfAnotherPlaceIsLeftOutAndItsContentsAreKept) {
     world.extension().setDown(true);
     world.write("/a", mine);
     restart([&] {
-      changeRows(("UPDATE tree SET there_identifier=x'" + std::string(other) +
-                  "' WHERE here_name=x'61'")
-                     .c_str());
+      changeRows(
+          ("UPDATE tree SET there_identifier=x'" + std::string(other) + "' WHERE here_name=x'61'")
+              .c_str());
     });
     EXPECT_THAT(recovered(), testing::Contains(mine)) << other;
     world.connect();
@@ -358,7 +357,8 @@ TEST_F(LoadingTest, RemovalOfAnItemOfAnotherPlaceIsForgotten) {
   world.tree();
   world.extension().setDown(true);
   world.remove("/a");
-  restart([this] { changeRows("UPDATE tree SET there_identifier=x'2F62' WHERE there_name=x'61'"); });
+  restart(
+      [this] { changeRows("UPDATE tree SET there_identifier=x'2F62' WHERE there_name=x'61'"); });
   world.connect();
   EXPECT_TRUE(world.settle());
   EXPECT_THAT(world.list("/"), ElementsAre("a", "b"));
@@ -399,8 +399,9 @@ TEST_F(LoadingTest, ARootThatIsAnotherItemIsMadeAnew) {
     world.connect();
     if (world.server().tree().empty()) world.server().makeFolder("/d");
     EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;
-    restart(
-        [&] { changeRows(("UPDATE tree SET " + std::string(change) + " WHERE number=1").c_str()); });
+    restart([&] {
+      changeRows(("UPDATE tree SET " + std::string(change) + " WHERE number=1").c_str());
+    });
     world.connect();
     EXPECT_TRUE(world.settle());
     EXPECT_THAT(world.list("/"), ElementsAre("d")) << change;

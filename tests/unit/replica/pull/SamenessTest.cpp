@@ -1,12 +1,16 @@
-#include "replica/Sameness.h"
+#include "replica/pull/Sameness.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::pull {
 namespace {
+
+using model::There;
 
 /// A provider whose versions have "~" before them as long as they are fresh, and which answers with
 /// "none" when it knows no version.
@@ -19,14 +23,14 @@ Options options() {
   return result;
 }
 
-Base state(const NSData& version, std::int64_t size, std::optional<std::int64_t> date,
-           Source source = Source::look) {
-  Base base;
-  base.versionKnown = isVersionKnown(options(), version, source);
-  base.version = keptVersion(options(), version);
-  base.size = size;
-  base.date = date;
-  return base;
+There state(const NSData& version, std::int64_t size, std::optional<std::int64_t> date,
+            Source source = Source::look) {
+  There there;
+  there.isVersionKnown = isVersionKnown(options(), version, source);
+  there.version.text = keptVersion(options(), version);
+  there.size = size;
+  if (date) there.date = model::Date(std::chrono::seconds(*date));
+  return there;
 }
 
 /// What a version is, apart from its bytes: which contents it stands for, if any.
@@ -67,8 +71,8 @@ TEST(Sameness, IsDecidedByVersionSizeAndDateInEveryCase) {
       for (const auto& knownDate : dates) {
         for (const auto& date : dates) {
           for (const std::int64_t size : {1, 2}) {
-            const Base known = state(first.bytes, 1, knownDate, first.source);
-            const Base now = state(second.bytes, size, date, second.source);
+            const There known = state(first.bytes, 1, knownDate, first.source);
+            const There now = state(second.bytes, size, date, second.source);
             Sameness expected = Sameness::likely;
             if (size != 1) {
               expected = Sameness::different;
@@ -108,19 +112,22 @@ TEST(Sameness, WithoutRulesOfTheProvidersEveryVersionCounts) {
   const Options plain;
   EXPECT_TRUE(isVersionKnown(plain, "none", Source::answer));
   EXPECT_FALSE(isVersionKnown(plain, "", Source::look));
-  Base weak = state("~a", 1, 5);
-  const Base strong = state("a", 1, 5);
+  There weak = state("~a", 1, 5);
+  const There strong = state("a", 1, 5);
   EXPECT_EQ(sameness(plain, weak, strong), Sameness::different);
 }
 
-TEST(Sameness, AFileThatWasMovedHasItsSizeAndItsVersionOrDate) {
-  EXPECT_TRUE(canBeMoved(options(), state("a", 1, 5), state("b", 1, 5)));
-  EXPECT_TRUE(canBeMoved(options(), state("a", 1, 5), state("a", 1, 6)));
-  EXPECT_TRUE(canBeMoved(options(), state("a", 1, std::nullopt), state("b", 1, 6)));
-  EXPECT_FALSE(canBeMoved(options(), state("a", 1, 5), state("b", 1, 6)));
-  EXPECT_FALSE(canBeMoved(options(), state("a", 1, 5), state("a", 2, 5)));
-  EXPECT_FALSE(canBeMoved(options(), state("", 1, 5), state("", 1, 6)));
+TEST(Sameness, AnotherStateOfTheSameVersionIsToldApartByItsSizeAndDate) {
+  const There known = state("", 1, 5);
+  const There later = asOtherState(known, state("", 1, 6));
+  const There larger = asOtherState(known, state("", 2, 5));
+  EXPECT_NE(later.version, known.version);
+  EXPECT_NE(later.version, larger.version);
+  EXPECT_EQ(plainVersion(later.version.text), "");
+  const There named = asOtherState(state("a", 1, 5), state("a", 2, 5));
+  EXPECT_EQ(plainVersion(named.version.text), "a");
+  EXPECT_EQ(asOtherState(known, state("b", 1, 5)).version.text, "b");
 }
 
 }  // namespace
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::pull
