@@ -87,25 +87,26 @@ Task<void> Files::lookAtFolder(ItemNumber number) {
   }
 }
 
+/// The contents that can be opened now; `none` when they are to be fetched first.
+Content Files::openable(ItemNumber number) const {
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    if (item && item->here()) return item->here()->content;
+  }
+  const auto left = rooms_.openItems.left(number);
+  if (!left || left->content == Content::none) throw posixError(ESTALE);
+  return left->content;
+}
+
 Task<std::shared_ptr<OpenFile>> Files::open(ItemNumber number, OpenMode mode) {
   requireOpenable(number, mode);
   if (!mode.truncate) rooms_.readAhead.noteOpened(number);
   co_await lookAtFolder(number);
   for (;;) {
     if (mode.truncate) changes_.empty(number);
-    Content content = Content::none;
-    {
-      const View view(rooms_.tree);
-      const Item* item = view->find(number);
-      if (item && item->here()) content = item->here()->content;
-      const bool isHere = item && item->here();
-      if (isHere && content != Content::none) co_return opened(number, content, mode.write);
-      if (!isHere) {
-        const auto left = rooms_.openItems.left(number);
-        if (!left || left->content == Content::none) throw posixError(ESTALE);
-        co_return opened(number, left->content, mode.write);
-      }
-    }
+    const Content content = openable(number);
+    if (content != Content::none) co_return opened(number, content, mode.write);
     // Contents that came a moment ago may have been given up again to make room.
     co_await fetch(number);
   }
@@ -193,19 +194,22 @@ Task<void> Files::flush(std::shared_ptr<OpenFile> file) {
   if (const auto unreported = rooms_.refusals.takeUnreported(number)) throw *unreported;
   if (!file->isWritable()) co_return;
   changes_.keepWritten(number, *file->contents());
-  Content content = Content::none;
+  std::optional<push::Verdicts::Expected> arrival;
   bool hasFailed = false;
   {
     const View view(rooms_.tree);
     const Item* item = view->find(number);
     if (!isToBeSent(item)) co_return;
-    content = item->here()->content;
+    if (rooms_.options.closeWaits) {
+      arrival.emplace(rooms_.verdicts.expect(number, item->here()->content));
+    }
     hasFailed = item->attributes().failure.has_value();
   }
-  if (rooms_.options.closeWaits) {
+  if (arrival) {
     rooms_.openItems.setUrgent(number);
     rooms_.outbox.noteUrgent(number, milliseconds(0));
-    co_await rooms_.verdicts.arrival(number, content, kContentsWait);
+    auto arrived = rooms_.verdicts.arrival(*std::move(arrival), kContentsWait);
+    co_await std::move(arrived);
   } else if (!hasFailed) {
     rooms_.outbox.noteChange(number, rooms_.options.sendDelay);
   }
@@ -225,17 +229,20 @@ Task<void> Files::fsync(std::shared_ptr<OpenFile> file) {
   rooms_.contents.files().syncNames();
   changes_.keepWritten(number, *file->contents());
   rooms_.durability.sync();
-  Content content = Content::none;
+  std::optional<push::Verdicts::Expected> arrival;
   {
     const View view(rooms_.tree);
     const Item* item = view->find(number);
     if (!isToBeSent(item)) co_return;
-    content = item->here()->content;
+    if (rooms_.options.fsyncWaits) {
+      arrival.emplace(rooms_.verdicts.expect(number, item->here()->content));
+    }
   }
   rooms_.openItems.setUrgent(number);
-  if (rooms_.options.fsyncWaits) {
+  if (arrival) {
     rooms_.outbox.noteUrgent(number, milliseconds(0));
-    co_await rooms_.verdicts.arrival(number, content, kContentsWait);
+    auto arrived = rooms_.verdicts.arrival(*std::move(arrival), kContentsWait);
+    co_await std::move(arrived);
   } else {
     rooms_.outbox.noteUrgent(number, rooms_.options.sendDelay);
   }

@@ -36,6 +36,7 @@ class Files {
  private:
   void noteChangeDate(model::ItemNumber item, OpenContents& contents) const;
   void requireOpenable(model::ItemNumber file, OpenMode mode) const;
+  model::Content openable(model::ItemNumber file) const;
   Task<void> lookAtFolder(model::ItemNumber file);
   Task<void> fetch(model::ItemNumber file);
   Task<void> explain(model::ItemNumber file, NSError error);

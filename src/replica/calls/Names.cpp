@@ -11,6 +11,7 @@
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
+#include "replica/plan/Following.h"
 #include "replica/plan/Settling.h"
 #include "replica/remote/ValidName.h"
 
@@ -145,6 +146,7 @@ Task<Attributes> Names::makeFolder(ItemNumber folder, std::string name, std::uin
   co_await prepare(folder, Refresher::Need::fresh);
   ItemNumber number = ItemNumber::none;
   Attributes attributes;
+  std::optional<push::Verdicts::Expected> word;
   {
     Edit edit(rooms_.tree, model::Origin::program);
     const Item* at = edit->find(folder);
@@ -153,9 +155,11 @@ Task<Attributes> Names::makeFolder(ItemNumber folder, std::string name, std::uin
     number = makeItem(edit, {folder, name}, Kind::folder, mode, Content::none);
     edit.commit();
     attributes = shown(*edit, edit->item(number), rooms_.openItems);
+    word.emplace(rooms_.verdicts.expect(number));
   }
   rooms_.outbox.noteChange(number, milliseconds(0));
-  co_await rooms_.verdicts.word(number, rooms_.options.verdictWait);
+  auto answer = rooms_.verdicts.word(*std::move(word), rooms_.options.verdictWait);
+  co_await std::move(answer);
   co_return attributes;
 }
 
@@ -177,20 +181,23 @@ void Names::leave(Edit& edit, ItemNumber number) {
 }
 
 Task<void> Names::removeItem(ItemNumber number) {
-  bool isSending = false;
+  std::optional<push::Verdicts::Expected> word;
   {
     Edit edit(rooms_.tree, model::Origin::program);
     const Item& item = require(*edit, number);
     if (edit->anyHereIn(number)) throw posixError(ENOTEMPTY);
     checkRemoval(item);
-    isSending = rooms_.outbox.isSending(number);
+    const bool isSending = rooms_.outbox.isSending(number);
     leave(edit, number);
     const bool isDropped = !edit->find(number);
     edit.commit();
     if (isDropped) co_return;
+    if (!isSending) word.emplace(rooms_.verdicts.expect(number));
   }
   rooms_.outbox.noteChange(number, milliseconds(0));
-  if (!isSending) co_await rooms_.verdicts.word(number, rooms_.options.verdictWait);
+  if (!word) co_return;
+  auto answer = rooms_.verdicts.word(*std::move(word), rooms_.options.verdictWait);
+  co_await std::move(answer);
 }
 
 Task<void> Names::removeFile(ItemNumber folder, std::string name) {
@@ -291,15 +298,14 @@ Names::Moved Names::apply(const Move& move) {
   const bool replaces = target && target != &source;
   const bool needsContents = source.isFile() && source.here()->content == Content::none &&
                              ((replaces && target->there()) || (isHere && !wasHere));
-  if (needsContents) return {number, true, false};
+  if (needsContents) return {number, true, std::nullopt};
 
   const Content content = source.here()->content;
   const ItemNumber replaced = replaces ? target->number() : ItemNumber::none;
+  // A folder has to leave the place before another one comes.
+  if (replaces && source.isFile()) plan::followReplacement(edit, replaced, number);
   if (replaces) leave(edit, replaced);
   edit.setHere(number, Here{move.target, content});
-  const Item* left = replaces ? edit->find(replaced) : nullptr;
-  // A folder has to leave the place before another one comes.
-  if (left && left->isFile()) edit.addAfter(replaced, number);
   // What the provider has of it is another item from now on, which is to go.
   const bool isParted =
       isHere && !wasHere && (edit->item(number).there() || edit->item(number).agreed());
@@ -314,9 +320,12 @@ Names::Moved Names::apply(const Move& move) {
   const Item& moved = edit->item(number);
   const bool hasContents = moved.isFile() && content != Content::none && !isHere &&
                            (!moved.agreed() || moved.agreed()->content != content || replaces);
+  Moved result{number, false, std::nullopt};
+  const bool awaitsWord = !hasContents && !isSending && !moved.isInStep();
+  if (awaitsWord) result.word.emplace(rooms_.verdicts.expect(number));
   if (replaces && edit->find(replaced)) rooms_.outbox.noteChange(replaced, milliseconds(0));
   rooms_.outbox.noteChange(number, hasContents ? rooms_.options.sendDelay : milliseconds(0));
-  return {number, false, !hasContents && !isSending && !moved.isInStep()};
+  return result;
 }
 
 Task<void> Names::rename(Move move) {
@@ -341,13 +350,14 @@ Task<void> Names::rename(Move move) {
     }
     // A folder that is to be replaced must be known to be empty.
     if (target != ItemNumber::none) co_await prepare(target, Refresher::Need::soon);
-    const Moved moved = apply(move);
+    Moved moved = apply(move);
     if (moved.needsContents) {
       co_await fetchWhileAnswered(moved.item);
       continue;
     }
-    if (moved.awaitsWord) {
-      co_await rooms_.verdicts.word(moved.item, rooms_.options.verdictWait);
+    if (moved.word) {
+      auto word = rooms_.verdicts.word(*std::move(moved.word), rooms_.options.verdictWait);
+      co_await std::move(word);
     }
     co_return;
   }

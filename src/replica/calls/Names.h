@@ -45,7 +45,7 @@ class Names {
     model::ItemNumber item = model::ItemNumber::none;
     /// Its contents have to be fetched before it can be made.
     bool needsContents = false;
-    bool awaitsWord = false;
+    std::optional<push::Verdicts::Expected> word;
   };
 
   bool staysHere(const std::string& name, model::Kind kind) const;

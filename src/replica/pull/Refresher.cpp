@@ -334,7 +334,8 @@ Task<bool> Refresher::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker
       if (folder && folder->there()) paths.push_back(view->therePath(*folder));
     }
   }
-  while (!paths.empty()) {
+  // Where nothing is to be listed, that is what is known now.
+  for (bool isWritten = false; !isWritten;) {
     std::optional<NSError> problem;
     try {
       co_await gather(look, std::move(paths));
@@ -353,7 +354,8 @@ Task<bool> Refresher::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker
     auto written =
         merge_.write(edit, folders, look->listings, look->watch.touched(), look->began, doubts_);
     paths = std::move(written.lacking);
-    if (!paths.empty()) continue;
+    isWritten = paths.empty();
+    if (!isWritten) continue;
     edit.commit();
     noteDoubts(*edit, look->listings, written);
   }

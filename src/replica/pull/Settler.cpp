@@ -1,9 +1,9 @@
 #include "replica/pull/Settler.h"
 
-#include <algorithm>
 #include <chrono>
 #include <utility>
 
+#include "replica/plan/Following.h"
 #include "replica/plan/Plan.h"
 #include "replica/plan/Settling.h"
 
@@ -43,11 +43,7 @@ void hand(Edit& edit, ItemNumber before, ItemNumber now) {
     intent.item = now;
     edit.change(intent);
   }
-  const auto following = edit->following();
-  for (const ItemNumber number : following) {
-    const auto& after = edit->item(number).after();
-    if (std::binary_search(after.begin(), after.end(), before)) edit.addAfter(number, now);
-  }
+  plan::followAlso(edit, before, now);
 }
 
 There agreedWith(const Item& item) {

@@ -16,44 +16,58 @@ using std::chrono::milliseconds;
 
 Verdicts::Verdicts(async::Scope& scope, remote::Reach& health) : scope_(scope), health_(health) {}
 
-Task<void> Verdicts::word(ItemNumber item, milliseconds limit) {
-  if (!health_.isUp() || health_.isSlow()) co_return;
-  Waiter waiter{std::make_shared<OneShot<void>>(scope_), Content::none, false};
-  co_await await(item, std::move(waiter), limit);
+Verdicts::Expected::Expected(Verdicts& verdicts, ItemNumber item,
+                             std::shared_ptr<OneShot<void>> shot)
+    : verdicts_(verdicts), item_(item), shot_(std::move(shot)) {}
+
+Verdicts::Expected::~Expected() {
+  if (shot_) verdicts_.forget(item_, shot_);
 }
 
-Task<void> Verdicts::arrival(ItemNumber item, Content content, milliseconds limit) {
-  if (!health_.isUp()) throw health_.reason();
-  Waiter waiter{std::make_shared<OneShot<void>>(scope_), content, true};
-  co_await await(item, std::move(waiter), limit);
-}
-
-Task<void> Verdicts::await(ItemNumber item, Waiter waiter, milliseconds limit) {
-  const auto shot = waiter.shot;
-  const bool needsWord = waiter.needsWord;
+Verdicts::Expected Verdicts::expect(ItemNumber item, Content content) {
+  auto shot = std::make_shared<OneShot<void>>(scope_);
   {
     std::lock_guard lock(mutex_);
-    waiters_[item].push_back(std::move(waiter));
+    waiters_[item].push_back({shot, content, content != Content::none});
   }
+  return {*this, item, std::move(shot)};
+}
+
+void Verdicts::forget(ItemNumber item, const std::shared_ptr<OneShot<void>>& shot) {
+  std::lock_guard lock(mutex_);
+  const auto found = waiters_.find(item);
+  if (found == waiters_.end()) return;
+  std::erase_if(found->second, [&](const Waiter& each) { return each.shot == shot; });
+  if (found->second.empty()) waiters_.erase(found);
+}
+
+Task<void> Verdicts::word(Expected expected, milliseconds limit) {
+  if (!health_.isUp() || health_.isSlow()) co_return;
   const auto since = scope_.wallClock();
   const NSError late = posixError(ETIMEDOUT);
   std::optional<NSError> error;
   try {
-    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), shot);
+    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), expected.shot());
   } catch (const NSError& caught) {
     error = caught;
   }
   if (!error) co_return;
-  if (error->is(NSPOSIXErrorDomain, ETIMEDOUT)) {
-    health_.noteWaited(since);
-    std::lock_guard lock(mutex_);
-    const auto found = waiters_.find(item);
-    if (found != waiters_.end()) {
-      std::erase_if(found->second, [&](const Waiter& each) { return each.shot == shot; });
-      if (found->second.empty()) waiters_.erase(found);
-    }
-    if (!needsWord) co_return;
+  if (!error->is(NSPOSIXErrorDomain, ETIMEDOUT)) throw *error;
+  health_.noteWaited(since);
+}
+
+Task<void> Verdicts::arrival(Expected expected, milliseconds limit) {
+  if (!health_.isUp()) throw health_.reason();
+  const auto since = scope_.wallClock();
+  const NSError late = posixError(ETIMEDOUT);
+  std::optional<NSError> error;
+  try {
+    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), expected.shot());
+  } catch (const NSError& caught) {
+    error = caught;
   }
+  if (!error) co_return;
+  if (error->is(NSPOSIXErrorDomain, ETIMEDOUT)) health_.noteWaited(since);
   throw *error;
 }
 

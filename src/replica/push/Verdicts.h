@@ -23,13 +23,31 @@ class Verdicts {
   Verdicts(const Verdicts&) = delete;
   Verdicts& operator=(const Verdicts&) = delete;
 
-  /// Ends once the provider has the item as it is here; throws what the provider refused. Ends with
-  /// success, too, when there is no word within `limit`, or none to be had.
-  Task<void> word(model::ItemNumber item, std::chrono::milliseconds limit);
-  /// The same for a caller that must know that these contents arrived: throws ETIMEDOUT when there
-  /// is no word within `limit`, and the reason when the provider cannot be asked.
-  Task<void> arrival(model::ItemNumber item, model::Content content,
-                     std::chrono::milliseconds limit);
+  /// A word that a call is going to wait for, from its beginning to its end.
+  class Expected {
+   public:
+    Expected(Verdicts& verdicts, model::ItemNumber item, std::shared_ptr<OneShot<void>> shot);
+    Expected(Expected&& other) noexcept = default;
+    Expected& operator=(Expected&&) = delete;
+    ~Expected();
+
+    const std::shared_ptr<OneShot<void>>& shot() const { return shot_; }
+
+   private:
+    Verdicts& verdicts_;
+    model::ItemNumber item_;
+    std::shared_ptr<OneShot<void>> shot_;
+  };
+
+  /// To be called within the edit or the view that shows that there is something to wait for, so
+  /// that no word comes before. `content`: what must have arrived; `none` for any word.
+  Expected expect(model::ItemNumber item, model::Content content = model::Content::none);
+  /// Ends once the provider has the item as it was expected; throws what the provider refused. Ends
+  /// with success, too, when there is no word within `limit`, or none to be had.
+  Task<void> word(Expected expected, std::chrono::milliseconds limit);
+  /// The same for a caller that must know that contents arrived: throws ETIMEDOUT when there is no
+  /// word within `limit`, and the reason when the provider cannot be asked.
+  Task<void> arrival(Expected expected, std::chrono::milliseconds limit);
   bool isAwaited(model::ItemNumber item) const;
 
   /// The item was changed; null when it is no more. Answers what that is the word for.
@@ -47,7 +65,7 @@ class Verdicts {
   };
   using Waiters = std::vector<Waiter>;
 
-  Task<void> await(model::ItemNumber item, Waiter waiter, std::chrono::milliseconds limit);
+  void forget(model::ItemNumber item, const std::shared_ptr<OneShot<void>>& shot);
 
   async::Scope& scope_;
   remote::Reach& health_;

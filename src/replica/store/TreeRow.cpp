@@ -188,7 +188,7 @@ Attributes readAttributes(RowReader& reader) {
     reader.refuse();
   }
   const auto size = reader.numberOr(-1, 0, kMost);
-  if (size >= 0) attributes.size = size;
+  if (size >= 0) attributes.size = std::min(size, kLargestSize);
   attributes.modified = reader.optionalTime<FileTime>(kAny, kMost);
   attributes.changed = reader.optionalTime<FileTime>(kAny, kMost);
   attributes.accessed = reader.optionalTime<FileTime>(kAny, kMost);

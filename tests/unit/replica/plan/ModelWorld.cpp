@@ -5,6 +5,8 @@
 #include <sstream>
 #include <utility>
 
+#include "replica/plan/Following.h"
+
 namespace kestrowan::test {
 
 ContentSet bit(Content content) {
@@ -161,8 +163,8 @@ void ModelWorld::change(const Event& event, Content made) {
       // What is replaced goes after what replaces it has arrived.
       const Here other = *edit->item(event.other).here();
       forget(shown(edit->item(event.other)));
+      if (edit->item(event.other).isFile()) plan::followReplacement(edit, event.other, event.item);
       edit.setHere(event.other, std::nullopt);
-      if (edit->item(event.other).isFile()) edit.addAfter(event.other, event.item);
       edit.setHere(event.item, Here{other.place, edit->item(event.item).here()->content});
       break;
     }

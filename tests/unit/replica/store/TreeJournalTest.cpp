@@ -8,10 +8,15 @@
 #include <map>
 #include <optional>
 
+<<<<<<< HEAD
 #include "ItemStoreSupport.h"
 #include "replica/model/Edit.h"
 #include "replica/model/KeptItem.h"
 #include "replica/model/View.h"
+=======
+#include "TreeFixture.h"
+#include "replica/Records.h"
+>>>>>>> edfdb53 (store: take a forged size of a file for the largest that a disk holds)
 
 namespace kestrowan::replica::store {
 namespace {
@@ -21,12 +26,9 @@ using model::Content;
 using model::Edit;
 using model::Here;
 using model::Intent;
-using model::Item;
 using model::ItemNumber;
-using model::KeptItem;
 using model::Kind;
 using model::Path;
-using model::Place;
 using model::There;
 using model::Time;
 using model::Tree;
@@ -416,6 +418,14 @@ TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
       "UPDATE intents SET looked=2 WHERE number%8=7;");
   EXPECT_EQ(journal_->leftOut(), 7U);
   EXPECT_EQ(View(*tree_)->intents().all().size(), 1U);
+}
+
+TEST_F(TreeJournalTest, TakesSizesThatNoDiskHoldsForTheLargest) {
+  const ItemNumber file = add(Kind::file, "a");
+  reopen("UPDATE tree SET there_size=9223372036854775807,size=9223372036854775807");
+  EXPECT_EQ(journal().leftOut(), 0U);
+  EXPECT_EQ(View(tree())->item(file).there()->size, kLargestSize);
+  EXPECT_EQ(View(tree())->item(file).attributes().size, kLargestSize);
 }
 
 TEST_F(TreeJournalTest, RefusesADatabaseOfALaterVersion) {
