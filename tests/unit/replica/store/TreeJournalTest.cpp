@@ -5,18 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <map>
 #include <optional>
 
-<<<<<<< HEAD
-#include "ItemStoreSupport.h"
-#include "replica/model/Edit.h"
-#include "replica/model/KeptItem.h"
-#include "replica/model/View.h"
-=======
 #include "TreeFixture.h"
 #include "replica/Records.h"
->>>>>>> edfdb53 (store: take a forged size of a file for the largest that a disk holds)
 
 namespace kestrowan::replica::store {
 namespace {
@@ -38,63 +30,21 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
-constexpr Time kNow{milliseconds(1'700'000'000'000)};
-
-class TreeJournalTest : public testing::Test {
+class TreeJournalTest : public TreeFixture {
  protected:
-  TreeJournalTest() { open(); }
-
-  void open() {
-    journal_.emplace(directory(), remote::IdentifierForm::paths(), kNow);
-    tree_.emplace(*journal_, journal_->load());
-  }
-  /// Closes and opens it, with these statements between.
-  void reopen(const char* statements = nullptr) {
-    tree_.reset();
-    journal_.reset();
-    if (statements) Database(directory() + "/replica.db").execute(statements);
-    open();
-  }
-  std::string directory() const { return directory_.path(); }
-
-  /// In step, in the root.
-  ItemNumber add(Kind kind, const std::string& name, ItemNumber folder = ItemNumber::root) {
-    Edit edit(*tree_);
-    const ItemNumber number = edit.make(kind);
-    There there{{folder, name}, {kind == Kind::file ? "1" : ""}, Content::none};
-    there.size = 7;
-    edit.setHere(number, Here{there.place, Content::none});
-    edit.setThere(number, there);
-    edit.setAgreed(number, there);
-    edit.commit();
-    return number;
-  }
-
-  std::map<ItemNumber, KeptItem> items() const {
-    const View view(*tree_);
-    std::map<ItemNumber, KeptItem> result;
-    for (std::uint64_t i = 1; i < 50; ++i) {
-      if (const Item* item = view->find(ItemNumber{i})) result[ItemNumber{i}] = keptItem(*item);
-    }
-    return result;
-  }
-
   std::int64_t rowsIn(const char* table) {
-    const std::string count = std::string("SELECT count(*) FROM ") + table;
-    tree_.reset();
-    journal_.reset();
     std::int64_t rows = 0;
-    {
-      Database database(directory() + "/replica.db");
-      rows = database.number(count.c_str());
-    }
-    open();
+    const std::string count = std::string("SELECT count(*) FROM ") + table;
+    journal().look([&] { rows = journal().database().number(count.c_str()); });
     return rows;
   }
+};
 
-  test::TemporaryDirectory directory_;
-  std::optional<TreeJournal> journal_;
-  std::optional<Tree> tree_;
+/// The history's rows cannot be written, in the middle of a transaction.
+class FullTable : public LeftTaker {
+ public:
+  void write(const std::vector<model::Left>&) override { throw posixError(ENOSPC); }
+  void confirm(bool) noexcept override {}
 };
 
 /// Everything that an item can have.
@@ -141,7 +91,7 @@ TEST_F(TreeJournalTest, GivesBackWhatWasWritten) {
   const ItemNumber full = add(Kind::file, "f");
   add(Kind::file, "plain", folder);
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     fill(edit, full, folder);
     const ItemNumber hereOnly = edit.make(Kind::file);
     edit.setHere(hereOnly, Here{{folder, "new"}, Content{72}});
@@ -156,9 +106,9 @@ TEST_F(TreeJournalTest, GivesBackWhatWasWritten) {
   const auto before = items();
   EXPECT_EQ(before.size(), 7U);
   reopen();
-  EXPECT_EQ(journal_->leftOut(), 0U);
+  EXPECT_EQ(journal().leftOut(), 0U);
   EXPECT_EQ(items(), before);
-  const View view(*tree_);
+  const View view(tree());
   EXPECT_TRUE(view->item(folder).agreed().isSameAs(view->item(folder).there()));
 }
 
@@ -178,27 +128,26 @@ TEST_F(TreeJournalTest, GivesBackTheRequestsWithoutAnAnswer) {
   move.over = true;
   model::IntentNumber gone;
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     edit.add(put);
     gone = edit.add(put);
     edit.add(move);
     edit.commit();
   }
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     edit.end(gone);
     edit.commit();
   }
-  const auto before = View(*tree_)->intents().all();
+  const auto before = View(tree())->intents().all();
   EXPECT_EQ(before.size(), 2U);
   reopen();
-  EXPECT_EQ(View(*tree_)->intents().all(), before);
+  EXPECT_EQ(View(tree())->intents().all(), before);
 }
 
 TEST_F(TreeJournalTest, KeepsWhatWasCommittedThroughTheDeathOfTheProcess) {
-  tree_.reset();
-  journal_.reset();
-  const auto failure = inChild([&](auto) {
+  close();
+  const auto failure = inChild([&](const auto&) {
     TreeJournal journal(directory(), remote::IdentifierForm::paths(), kNow);
     Tree tree(journal, journal.load());
     for (const char* name : {"a", "b"}) {
@@ -213,17 +162,17 @@ TEST_F(TreeJournalTest, KeepsWhatWasCommittedThroughTheDeathOfTheProcess) {
   });
   ASSERT_EQ(failure, "");
   open();
-  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
-  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "b"), nullptr);
-  Edit edit(*tree_);
+  EXPECT_NE(View(tree())->hereAt(ItemNumber::root, "a"), nullptr);
+  EXPECT_NE(View(tree())->hereAt(ItemNumber::root, "b"), nullptr);
+  Edit edit(tree());
   EXPECT_GT(edit.make(Kind::file), ItemNumber{3}) << "what the dead process gave is never given";
-  EXPECT_GT(journal_->firstFreeContent(), Content{5});
+  EXPECT_GT(journal().firstFreeContent(), Content{5});
 }
 
 TEST_F(TreeJournalTest, GivesNoNumberTwiceThatAnItemHadWhichIsGone) {
   const ItemNumber gone = add(Kind::file, "a");
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     edit.drop(gone);
     edit.commit();
   }
@@ -234,17 +183,16 @@ TEST_F(TreeJournalTest, GivesNoNumberTwiceThatAnItemHadWhichIsGone) {
 TEST_F(TreeJournalTest, LeavesEverythingAsItWasWhenPartOfAnEditCannotBeWritten) {
   const ItemNumber number = add(Kind::file, "a");
   const auto before = items();
-  // The history's rows cannot be written, in the middle of a transaction.
-  journal_->setWriteLeft(
-      [](Database&, const std::vector<model::Left>&) { throw posixError(ENOSPC); });
+  FullTable full;
+  journal().setLeftTaker(&full);
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     edit.setHere(number, Here{{ItemNumber::root, "a"}, Content{5}});
     edit.commit();
   }
   const auto changed = items();
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     edit.setHere(number, Here{{ItemNumber::root, "b"}, Content{6}});
     EXPECT_THROW(edit.commit(), NSError);
   }
@@ -262,52 +210,6 @@ TEST_F(TreeJournalTest, WritesOnceWhatIsTheSameHereAndThere) {
             1);
 }
 
-TEST_F(TreeJournalTest, CanBeSyncedBesideAnEdit) {
-  add(Kind::file, "a");
-  const Edit edit(*tree_);
-  journal_->sync();
-}
-
-TEST_F(TreeJournalTest, CompactsWhatIsMostlyUnused) {
-  add(Kind::file, "a");
-  journal_->compact();
-  reopen();
-  EXPECT_EQ(items().size(), 2U);
-}
-
-TEST_F(TreeJournalTest, GoesOnOnceAFullDiskHasRoomAgain) {
-  if (!canMount()) GTEST_SKIP() << "no file system can be mounted";
-  const test::TemporaryDirectory small;
-  const auto failure = inChild([&](auto report) {
-    if (!mountSmallFileSystem(small.path())) return report("mount");
-    TreeJournal journal(small.path(), remote::IdentifierForm::paths(), kNow);
-    Tree tree(journal, journal.load());
-    std::size_t made = 0;
-    std::int64_t code = 0;
-    const auto make = [&] {
-      Edit edit(tree);
-      const ItemNumber number = edit.make(Kind::file);
-      const std::string name = std::to_string(made) + std::string(200, 'x');
-      edit.setHere(number, Here{{ItemNumber::root, name}, Content{5}});
-      edit.commit();
-      ++made;
-    };
-    try {
-      while (made < 100'000) make();
-    } catch (const NSError& error) {
-      code = error.code();
-    }
-    if (code != ENOSPC) return report("no error of a full disk");
-    if (View(tree)->count() != made + 1) return report("the tree was changed");
-    if (::mount("none", small.path().c_str(), "tmpfs", MS_REMOUNT, "size=64m") != 0) {
-      return report("remount");
-    }
-    make();
-    if (View(tree)->count() != made + 1) report("nothing was made");
-  });
-  EXPECT_EQ(failure, "");
-}
-
 struct Damage {
   const char* what;
   const char* statements;
@@ -322,13 +224,13 @@ TEST_P(TreeDamageTest, LeavesOutTheRowAlone) {
   const ItemNumber beside = add(Kind::file, "g");
   ASSERT_EQ(inside, ItemNumber{3});
   reopen(GetParam().statements);
-  EXPECT_EQ(journal_->leftOut(), 1U) << GetParam().what;
-  EXPECT_EQ(View(*tree_)->find(inside), nullptr) << GetParam().what;
-  EXPECT_NE(View(*tree_)->find(folder), nullptr) << GetParam().what;
-  EXPECT_NE(View(*tree_)->find(beside), nullptr) << GetParam().what;
-  journal_->forgetLeftOut();
+  EXPECT_EQ(journal().leftOut(), 1U) << GetParam().what;
+  EXPECT_EQ(View(tree())->find(inside), nullptr) << GetParam().what;
+  EXPECT_NE(View(tree())->find(folder), nullptr) << GetParam().what;
+  EXPECT_NE(View(tree())->find(beside), nullptr) << GetParam().what;
+  journal().forgetLeftOut();
   reopen();
-  EXPECT_EQ(journal_->leftOut(), 0U) << GetParam().what;
+  EXPECT_EQ(journal().leftOut(), 0U) << GetParam().what;
   EXPECT_GT(add(Kind::file, "new"), beside);
 }
 
@@ -368,35 +270,35 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(TreeJournalTest, LeavesOutAForgedRowOfTheRoot) {
   add(Kind::file, "a");
   reopen("INSERT INTO tree(number,kind,here_folder,here_name) VALUES(1,0,0,x'')");
-  EXPECT_EQ(journal_->leftOut(), 1U);
-  EXPECT_TRUE(View(*tree_)->root().isFolder());
-  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
+  EXPECT_EQ(journal().leftOut(), 1U);
+  EXPECT_TRUE(View(tree())->root().isFolder());
+  EXPECT_NE(View(tree())->hereAt(ItemNumber::root, "a"), nullptr);
 }
 
 TEST_F(TreeJournalTest, LeavesOutTheSecondOfTwoItemsInOnePlace) {
   add(Kind::file, "a");
   add(Kind::file, "b");
   reopen("UPDATE tree SET here_name=x'61' WHERE number=3");
-  EXPECT_EQ(journal_->leftOut(), 1U);
-  EXPECT_EQ(View(*tree_)->count(), 2U);
-  EXPECT_NE(View(*tree_)->hereAt(ItemNumber::root, "a"), nullptr);
+  EXPECT_EQ(journal().leftOut(), 1U);
+  EXPECT_EQ(View(tree())->count(), 2U);
+  EXPECT_NE(View(tree())->hereAt(ItemNumber::root, "a"), nullptr);
 }
 
 TEST_F(TreeJournalTest, DoubtsListingsWhenRowsAreMissing) {
   const ItemNumber folder = add(Kind::folder, "d");
   add(Kind::file, "a");
   {
-    Edit edit(*tree_);
+    Edit edit(tree());
     Attributes attributes;
     attributes.listedAt = kNow;
     edit.setAttributes(folder, attributes);
     edit.commit();
   }
   reopen("UPDATE tree SET kind=7 WHERE number=3");
-  EXPECT_EQ(*View(*tree_)->item(folder).attributes().listedAt, Time());
-  journal_->forgetLeftOut();
+  EXPECT_EQ(*View(tree())->item(folder).attributes().listedAt, Time());
+  journal().forgetLeftOut();
   reopen();
-  EXPECT_EQ(*View(*tree_)->item(folder).attributes().listedAt, Time());
+  EXPECT_EQ(*View(tree())->item(folder).attributes().listedAt, Time());
 }
 
 TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
@@ -404,7 +306,7 @@ TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
     Intent put;
     put.target = Path().child("a");
     put.until = kNow;
-    Edit edit(*tree_);
+    Edit edit(tree());
     for (int i = 0; i < 8; ++i) edit.add(put);
     edit.commit();
   }
@@ -416,8 +318,8 @@ TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
       "UPDATE intents SET source=x'61' WHERE number%8=5;"
       "UPDATE intents SET until=9223372036854775807 WHERE number%8=6;"
       "UPDATE intents SET looked=2 WHERE number%8=7;");
-  EXPECT_EQ(journal_->leftOut(), 7U);
-  EXPECT_EQ(View(*tree_)->intents().all().size(), 1U);
+  EXPECT_EQ(journal().leftOut(), 7U);
+  EXPECT_EQ(View(tree())->intents().all().size(), 1U);
 }
 
 TEST_F(TreeJournalTest, TakesSizesThatNoDiskHoldsForTheLargest) {
@@ -429,9 +331,8 @@ TEST_F(TreeJournalTest, TakesSizesThatNoDiskHoldsForTheLargest) {
 }
 
 TEST_F(TreeJournalTest, RefusesADatabaseOfALaterVersion) {
-  tree_.reset();
-  journal_.reset();
-  Database(directory() + "/replica.db").execute("PRAGMA user_version=101");
+  close();
+  Database(file()).execute("PRAGMA user_version=101");
   EXPECT_EQ(errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); }),
             ENOTSUP);
 }
