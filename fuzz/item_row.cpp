@@ -1,5 +1,6 @@
-// Rows of the database: whatever values they have, they are records that make sense, or none; and
-// a record comes back from its row.
+// Rows of the versions before the tree: whatever values they have, they are records that make
+// sense, or none; and what such a record is in three states comes back from its row, or is left
+// out.
 
 #include <filesystem>
 #include <string>
@@ -7,6 +8,8 @@
 #include "fuzz/FuzzTarget.h"
 #include "platform/foundation/NSUUID.h"
 #include "replica/store/ItemRow.h"
+#include "replica/store/Takeover.h"
+#include "replica/store/TreeRow.h"
 
 using namespace kestrowan;
 using namespace kestrowan::replica;
@@ -14,6 +17,7 @@ using namespace kestrowan::replica;
 namespace {
 
 constexpr int kColumns = 38;
+constexpr int kTreeColumns = 44;
 
 /// Takes values from the beginning of the input.
 class Values {
@@ -43,17 +47,17 @@ class Values {
 
 /// A statement whose only row has what is bound to it.
 struct Table {
-  Table() : database(newPath()), row(database, text().c_str()) {
+  explicit Table(int columns) : database(newPath()), row(database, text(columns).c_str()) {
     std::filesystem::remove(database.path());
   }
 
   static std::string newPath() {
     return (std::filesystem::temp_directory_path() / ("row-" + newUUIDString())).string();
   }
-  static std::string text() {
-    std::string columns = "SELECT ?1";
-    for (int i = 2; i <= kColumns; ++i) columns += ",?" + std::to_string(i);
-    return columns;
+  static std::string text(int columns) {
+    std::string text = "SELECT ?1";
+    for (int i = 2; i <= columns; ++i) text += ",?" + std::to_string(i);
+    return text;
   }
 
   Database database;
@@ -73,26 +77,32 @@ void bindValue(Statement& row, int parameter, Values& values) {
   }
 }
 
-std::optional<ItemRecord> recordIn(Statement& row) {
+std::optional<model::KeptItem> itemIn(Statement& row) {
   fuzz::require(row.step(), "there is a row");
-  auto record = itemFromRow(row);
+  auto item = store::treeItemFromRow(row);
   row.reset();
-  return record;
+  return item;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Table table;
+  static Table table(kColumns);
+  static Table tree(kTreeColumns);
   Values values(data, size);
   for (int parameter = 1; parameter <= kColumns; ++parameter) {
     bindValue(table.row, parameter, values);
   }
-  const auto record = recordIn(table.row);
+  fuzz::require(table.row.step(), "there is a row");
+  const auto record = itemFromRow(table.row);
+  table.row.reset();
   if (!record) return 0;
-  fuzz::require(isSensible(*record), "what was loaded makes sense");
-  std::string attributes;
-  bindItem(table.row, *record, attributes);
-  fuzz::require(recordIn(table.row) == record, "a record comes back");
+  fuzz::require(record->rid != 0 && record->size >= 0, "what was loaded makes sense");
+  const auto taken = store::takenOver(*record, {});
+  store::TreeRowBytes bytes;
+  store::bindTreeItem(tree.row, taken.item, bytes);
+  const auto item = itemIn(tree.row);
+  if (!item) return 0;
+  fuzz::require(*item == taken.item, "an item comes back");
   return 0;
 }

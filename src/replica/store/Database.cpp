@@ -91,6 +91,14 @@ Database::Database(std::string path) : path_(std::move(path)) {
   }
 }
 
+std::unique_ptr<Database> Database::openToRead(const std::string& path) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
+  auto database = std::make_unique<Database>(path);
+  database->leaveLog();
+  return database;
+}
+
 Database::~Database() {
   ::sqlite3_close(connection_);
 }
@@ -114,6 +122,8 @@ void Database::beginLogging() {
 }
 
 void Database::leaveLog() {
+  struct stat status;
+  if (::lstat(logPath().c_str(), &status) != 0 || status.st_size == 0) return;
   const int code = ::sqlite3_db_config(connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   if (code != SQLITE_OK) fail(code);
 }

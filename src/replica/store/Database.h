@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 struct sqlite3;
@@ -14,6 +15,9 @@ class Database {
  public:
   /// Opens the file at `path`, or makes an empty one.
   explicit Database(std::string path);
+  /// Opens the file at `path` to be looked at: neither it nor its log changes when it is closed.
+  /// Null when there is none.
+  static std::unique_ptr<Database> openToRead(const std::string& path);
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
   ~Database();
@@ -26,7 +30,8 @@ class Database {
   /// Keeps what is committed in a log beside the file, which is cheap, and moves it to the file
   /// from time to time. Done by the owner once it knows that the file is its own.
   void beginLogging();
-  /// Leaves the log as it is when the database is closed, instead of moving it to the file.
+  /// Leaves the log as it is when the database is closed, instead of moving it to the file; one
+  /// that holds nothing is removed.
   void leaveLog();
   const std::string& path() const { return path_; }
   std::string logPath() const { return path_ + "-wal"; }

@@ -9,9 +9,6 @@
 
 namespace kestrowan::replica {
 
-const char* const kSaveItem =
-    "INSERT OR REPLACE INTO items VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
-    "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35,?36,?37,?38)";
 const char* const kLoadItems =
     "SELECT rid,parent,name,kind,content,content_changed,size,modified,mode,attributes,removed,"
     "local_only,pinned,last_use,listed_at,base_identifier,base_parent,base_name,base_version,"
@@ -27,35 +24,6 @@ constexpr int kFailureColumns = 23;
 constexpr int kSentColumns = 30;
 constexpr int kOrderColumn = 35;
 constexpr int kTimeColumns = 36;
-
-constexpr auto kLargestNumber =
-    static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-
-/// Writes values into a statement, one parameter after the other.
-class Writer {
- public:
-  Writer(Statement& statement, int column) : statement_(statement), next_(column + 1) {}
-
-  void put(std::int64_t number) { statement_.bind(next_++, number); }
-  void put(std::uint64_t number) { put(static_cast<std::int64_t>(number)); }
-  void put(bool flag) { put(std::int64_t{flag}); }
-  void put(const std::string& bytes) { statement_.bind(next_++, std::string_view(bytes)); }
-  template <template <typename> typename Optional, typename Value>
-  void put(const Optional<Value>& value) {
-    if (value) {
-      put(std::int64_t{*value});
-    } else {
-      statement_.bindNothing(next_++);
-    }
-  }
-  void putNothing(int columns) {
-    while (columns-- > 0) statement_.bindNothing(next_++);
-  }
-
- private:
-  Statement& statement_;
-  int next_;
-};
 
 /// Reads values out of a row, one column after the other. A value of the wrong kind or out of its
 /// range makes the row one without sense.
@@ -97,41 +65,6 @@ class Reader {
   int next_;
   bool isSensible_ = true;
 };
-
-void bindBase(Statement& save, const std::optional<Base>& base) {
-  Writer writer(save, kBaseColumns);
-  if (!base) return writer.putNothing(kFailureColumns - kBaseColumns);
-  writer.put(base->identifier);
-  writer.put(base->parent);
-  writer.put(base->name);
-  writer.put(base->version);
-  writer.put(base->versionKnown);
-  writer.put(base->size);
-  writer.put(base->date);
-  writer.put(base->capabilities);
-}
-
-void bindFailure(Statement& save, const Boxed<SyncFailure>& failure) {
-  Writer writer(save, kFailureColumns);
-  if (!failure) return writer.putNothing(kSentColumns - kFailureColumns);
-  writer.put(static_cast<std::int64_t>(failure->failureClass));
-  writer.put(failure->domain);
-  writer.put(failure->code);
-  writer.put(failure->text);
-  writer.put(failure->since);
-  writer.put(failure->next);
-  writer.put(std::int64_t{failure->tries});
-}
-
-void bindSent(Statement& save, const Boxed<SentRecord>& sent) {
-  Writer writer(save, kSentColumns);
-  if (!sent) return writer.putNothing(kOrderColumn - kSentColumns);
-  writer.put(sent->content);
-  writer.put(sent->size);
-  writer.put(sent->at);
-  writer.put(sent->parent);
-  writer.put(sent->name);
-}
 
 /// False when the row makes no sense; so with the next two.
 bool readBase(const Statement& row, std::optional<Base>& result) {
@@ -191,54 +124,7 @@ bool readTimes(const Statement& row, ItemRecord& record) {
   return reader.isSensible();
 }
 
-bool isNumber(std::uint64_t number) {
-  return number <= kLargestNumber;
-}
-
 }  // namespace
-
-bool isSensible(const ItemRecord& record) {
-  const auto& base = record.base;
-  const auto& sent = record.sent;
-  return record.rid != 0 && isNumber(record.rid) && isNumber(record.parent) &&
-         isNumber(record.content) && isNumber(record.after) && record.size >= 0 &&
-         record.kind <= ItemKind::folder && record.mode.value_or(0) <= kModeBits &&
-         (record.rid == kRootRid || remote::isValidName(record.name)) &&
-         (!base || (base->size >= 0 && isNumber(base->parent))) &&
-         (!sent || (sent->size >= 0 && isNumber(sent->parent) && isNumber(sent->content))) &&
-         (!record.failure || record.failure->failureClass <= FailureClass::held);
-}
-
-void bindItem(Statement& save, const ItemRecord& record, std::string& attributes) {
-  Writer writer(save, 0);
-  writer.put(record.rid);
-  writer.put(record.parent);
-  writer.put(record.name);
-  writer.put(static_cast<std::int64_t>(record.kind));
-  writer.put(record.content);
-  writer.put(record.contentsChanged);
-  writer.put(record.size);
-  writer.put(record.modified);
-  writer.put(record.mode);
-  if (!record.attributes) {
-    writer.putNothing(1);
-  } else {
-    attributes = encodedAttributes(*record.attributes);
-    writer.put(attributes);
-  }
-  writer.put(record.removed);
-  writer.put(record.localOnly);
-  writer.put(record.pinned);
-  writer.put(record.lastUse);
-  writer.put(record.listedAt);
-  bindBase(save, record.base);
-  bindFailure(save, record.failure);
-  bindSent(save, record.sent);
-  Writer(save, kOrderColumn).put(record.after);
-  Writer times(save, kTimeColumns);
-  times.put(record.changed);
-  times.put(record.accessed);
-}
 
 std::optional<ItemRecord> itemFromRow(const Statement& row) {
   std::optional<ItemRecord> result(std::in_place);
@@ -270,9 +156,10 @@ std::optional<ItemRecord> itemFromRow(const Statement& row) {
   record.lastUse = reader.date();
   record.listedAt = reader.number(0, kLastDate * 1000);
   record.after = Reader(row, kOrderColumn).natural();
-  if (!reader.isSensible() || !attributesAreSensible || !readBase(row, record.base) ||
-      !readFailure(row, record.failure) || !readSent(row, record.sent) || !readTimes(row, record) ||
-      !isSensible(record)) {
+  const bool hasName = record.rid == kRootRid || remote::isValidName(record.name);
+  if (record.rid == 0 || !hasName || !reader.isSensible() || !attributesAreSensible ||
+      !readBase(row, record.base) || !readFailure(row, record.failure) ||
+      !readSent(row, record.sent) || !readTimes(row, record)) {
     return std::nullopt;
   }
   return result;

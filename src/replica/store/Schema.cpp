@@ -1,7 +1,5 @@
 #include "replica/store/Schema.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <iterator>
@@ -121,12 +119,8 @@ std::unique_ptr<Database> openReplicaDatabase(const std::string& path) {
 }
 
 std::unique_ptr<Database> readReplicaDatabase(const std::string& path) {
-  struct stat status;
-  if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
-  // Closing moves what is in the log to the file; a log that holds nothing is removed.
-  const bool hasLog = ::lstat((path + "-wal").c_str(), &status) == 0 && status.st_size > 0;
-  auto database = std::make_unique<Database>(path);
-  if (hasLog) database->leaveLog();
+  auto database = Database::openToRead(path);
+  if (!database) return nullptr;
   const auto version = versionOf(*database);
   if (version == 0) return nullptr;
   // Never committed.

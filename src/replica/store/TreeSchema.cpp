@@ -1,7 +1,5 @@
 #include "replica/store/TreeSchema.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -70,8 +68,7 @@ void takeOverForGood(Database& database, const remote::IdentifierForm& form, mod
   }
 }
 
-bool hasTree(const std::string& path) {
-  Database database(path);
+bool hasTree(Database& database) {
   const auto version = database.number("PRAGMA user_version");
   if (version > kNewest) {
     refuse(database, ENOTSUP, "a later version of the program has written this database");
@@ -87,30 +84,25 @@ bool hasTree(const std::string& path) {
 
 std::unique_ptr<Database> openTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now) {
-  if (hasTree(path)) {
-    auto database = std::make_unique<Database>(path);
+  auto database = std::make_unique<Database>(path);
+  if (hasTree(*database)) {
     checkWhole(*database);
     database->beginLogging();
     return database;
   }
-  auto database = openReplicaDatabase(path);
+  database.reset();
+  database = openReplicaDatabase(path);
   takeOverForGood(*database, form, now);
   return database;
 }
 
 std::unique_ptr<Database> readTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now) {
-  struct stat status;
-  if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
-  if (!hasTree(path)) {
-    auto database = readReplicaDatabase(path);
-    if (database) takeOver(*database, form, now);
-    return database;
-  }
-  // Closing moves what is in the log to the file; a log that holds nothing is removed.
-  const bool hasLog = ::lstat((path + "-wal").c_str(), &status) == 0 && status.st_size > 0;
-  auto database = std::make_unique<Database>(path);
-  if (hasLog) database->leaveLog();
+  auto database = Database::openToRead(path);
+  if (!database || hasTree(*database)) return database;
+  database.reset();
+  database = readReplicaDatabase(path);
+  if (database) takeOver(*database, form, now);
   return database;
 }
 

@@ -5,9 +5,9 @@
 
 #include <vector>
 
-#include "ItemStoreSupport.h"
+#include "TreeFixture.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::store {
 namespace {
 
 using namespace std::string_literals;
@@ -26,11 +26,16 @@ HistoryEntry entry(ContentNumber content, std::int64_t at, Confirmed confirmed =
           .confirmed = confirmed};
 }
 
-class HistoryTableTest : public ItemStoreFixture {
+class HistoryTableTest : public TreeFixture {
  protected:
+  /// Of the database that is open now.
+  HistoryTable table() { return HistoryTable(journal().database()); }
+  void keep(const HistoryEntry& one) {
+    journal().change([&] { table().put(one); });
+  }
   std::vector<HistoryEntry> all() {
     std::vector<HistoryEntry> entries;
-    store().history().load([&](const HistoryEntry& one) { entries.push_back(one); });
+    table().load([&](const HistoryEntry& one) { entries.push_back(one); });
     return entries;
   }
   static std::vector<ContentNumber> numbers(const std::vector<HistoryEntry>& entries) {
@@ -41,43 +46,42 @@ class HistoryTableTest : public ItemStoreFixture {
 };
 
 TEST_F(HistoryTableTest, RowsAreWhatWasPut) {
-  store().keep(entry(7, 100));
+  keep(entry(7, 100));
   reopen();
   EXPECT_THAT(all(), ElementsAre(entry(7, 100)));
-  EXPECT_EQ(store().history().find(7), entry(7, 100));
-  EXPECT_EQ(store().history().find(8), std::nullopt);
-  store().forget(7);
+  EXPECT_EQ(table().find(7), entry(7, 100));
+  EXPECT_EQ(table().find(8), std::nullopt);
+  journal().change([&] { table().remove(7); });
   EXPECT_THAT(all(), IsEmpty());
 }
 
 TEST_F(HistoryTableTest, PagesAreOfOneKindInTheOrderOfTheirAge) {
   for (const auto& [content, at] : {std::pair{9, 100}, {8, 100}, {7, 300}, {6, 200}}) {
-    store().keep(entry(static_cast<ContentNumber>(content), at));
+    keep(entry(static_cast<ContentNumber>(content), at));
   }
-  store().keep(entry(5, 50, Confirmed::once));
-  auto& table = store().history();
-  EXPECT_THAT(numbers(table.page(Confirmed::never, {}, 3)), ElementsAre(8, 9, 6));
-  EXPECT_THAT(numbers(table.page(Confirmed::never, {200, 6}, 3)), ElementsAre(7));
-  EXPECT_THAT(numbers(table.page(Confirmed::once, {}, 3)), ElementsAre(5));
-  EXPECT_THAT(numbers(table.page(Confirmed::notSent, {}, 3)), IsEmpty());
+  keep(entry(5, 50, Confirmed::once));
+  EXPECT_THAT(numbers(table().page(Confirmed::never, {}, 3)), ElementsAre(8, 9, 6));
+  EXPECT_THAT(numbers(table().page(Confirmed::never, {200, 6}, 3)), ElementsAre(7));
+  EXPECT_THAT(numbers(table().page(Confirmed::once, {}, 3)), ElementsAre(5));
+  EXPECT_THAT(numbers(table().page(Confirmed::notSent, {}, 3)), IsEmpty());
 }
 
-TEST_F(HistoryTableTest, RowsBecomeTrueWithTheItemsOrNotAtAll) {
-  {
-    ItemStore::Transaction transaction(store());
-    store().keep(entry(7, 100));
-  }
+TEST_F(HistoryTableTest, RowsBecomeTrueTogetherOrNotAtAll) {
+  const auto change = [&] {
+    journal().change([&] {
+      table().put(entry(7, 100));
+      throw posixError(EIO);
+    });
+  };
+  EXPECT_THROW(change(), NSError);
   EXPECT_THAT(all(), IsEmpty());
-  ItemStore::Transaction transaction(store());
-  store().keep(entry(7, 100));
-  transaction.commit();
+  keep(entry(7, 100));
   EXPECT_THAT(numbers(all()), ElementsAre(7));
 }
 
 TEST_F(HistoryTableTest, RowsThatMakeNoSenseAreLeftOut) {
-  for (ContentNumber content = 1; content < 8; ++content) store().keep(entry(content, 100));
-  close();
-  Database(file()).execute(
+  for (ContentNumber content = 1; content < 8; ++content) keep(entry(content, 100));
+  reopen(
       "UPDATE history SET size=-1 WHERE content=1;"
       "UPDATE history SET reason=99 WHERE content=2;"
       "UPDATE history SET confirmed=-1 WHERE content=3;"
@@ -85,9 +89,9 @@ TEST_F(HistoryTableTest, RowsThatMakeNoSenseAreLeftOut) {
       "UPDATE history SET content=-5 WHERE content=5;"
       "UPDATE history SET size=9223372036854775807 WHERE content=6");
   EXPECT_THAT(numbers(all()), ElementsAre(7));
-  EXPECT_THAT(numbers(store().history().page(Confirmed::never, {}, 10)), ElementsAre(7));
-  EXPECT_EQ(store().history().find(1), std::nullopt);
+  EXPECT_THAT(numbers(table().page(Confirmed::never, {}, 10)), ElementsAre(7));
+  EXPECT_EQ(table().find(1), std::nullopt);
 }
 
 }  // namespace
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::store

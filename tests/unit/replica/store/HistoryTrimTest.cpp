@@ -5,40 +5,43 @@
 
 #include <set>
 
-#include "ItemStoreSupport.h"
+#include "TreeFixture.h"
 #include "replica/store/History.h"
+#include "support/SimulatedLoop.h"
 
-namespace kestrowan::replica {
+namespace kestrowan::replica::store {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 /// Which entries stay when a history of some is brought within its limits.
-class HistoryTrimTest : public ItemStoreFixture {
+class HistoryTrimTest : public TreeFixture {
  protected:
   void put(ContentNumber content, std::int64_t at, std::int64_t size, Confirmed confirmed) {
-    const HistoryEntry entry{
-        .content = content, .size = size, .reason = reason_, .at = at, .confirmed = confirmed};
-    store().keep(entry);
-    history_.noteKept(entry);
+    history_.keep(
+        {{.content = content, .size = size, .reason = reason_, .at = at, .confirmed = confirmed}});
   }
   std::set<ContentNumber> left(std::int64_t bytes, std::int64_t before = 0) {
-    auto trim = history_.beginTrim(
-        bytes, before, [&](const HistoryEntry& entry) { return there_.contains(entry.content); });
+    auto trim = history_.beginTrim({.bytes = bytes, .before = before});
     while (!trim.isDone()) {
-      auto page = trim.next(history_.usage());
-      history_.remove(trim.choose(std::move(page), history_.usage()));
+      auto page = history_.next(trim);
+      history_.remove(
+          trim.choose(std::move(page), history_.usage(),
+                      [&](const HistoryEntry& entry) { return there_.contains(entry.content); }));
     }
     std::set<ContentNumber> numbers;
-    store().history().load([&](const HistoryEntry& entry) { numbers.insert(entry.content); });
+    HistoryTable(journal().database()).load([&](const HistoryEntry& entry) {
+      numbers.insert(entry.content);
+    });
     EXPECT_EQ(history_.usage().files, static_cast<std::int64_t>(numbers.size()));
     return numbers;
   }
 
   HistoryReason reason_ = HistoryReason::replaced;
   std::set<ContentNumber> there_;
-  History history_{store()};
+  test::SimulatedLoop loop_;
+  History history_{journal(), loop_};
 };
 
 TEST_F(HistoryTrimTest, WithinTheLimitsEverythingStays) {
@@ -120,4 +123,4 @@ TEST_F(HistoryTrimTest, LooksAtAsManyAsThereAre) {
 }
 
 }  // namespace
-}  // namespace kestrowan::replica
+}  // namespace kestrowan::replica::store

@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "ItemStoreSupport.h"
-#include "replica/Item.h"
+#include "EarlierStore.h"
+#include "StoreSupport.h"
 #include "replica/model/Edit.h"
 #include "replica/model/Restorer.h"
 #include "replica/model/View.h"
 #include "replica/store/TreeJournal.h"
+#include "support/TemporaryDirectory.h"
 
 namespace kestrowan::replica::store {
 namespace {
@@ -52,7 +53,9 @@ Base base(const std::string& name, ItemKind kind) {
 
 /// A downloaded file in step, or a folder.
 ItemRecord record(ItemKind kind = ItemKind::file) {
-  ItemRecord known = item(kRid);
+  ItemRecord known;
+  known.rid = kRid;
+  known.parent = kRootRid;
   known.name = "a";
   known.kind = kind;
   known.base = base("a", kind);
@@ -280,10 +283,11 @@ std::vector<ItemRecord> allRecords() {
 
 /// What the versions before were to do about a record, except for its request without an answer.
 bool wasToBeSent(const ItemRecord& known) {
-  Item before;
-  static_cast<ItemRecord&>(before) = known;
-  return before.mustCreate() || before.mustRemove() || before.mustMove() ||
-         before.mustSendContents();
+  if (known.removed) return known.base.has_value();
+  if (known.localOnly) return false;
+  if (!known.base) return true;
+  const bool isMoved = known.base->parent != known.parent || known.base->name != known.name;
+  return isMoved || known.contentsChanged;
 }
 
 TEST(TakeoverTest, HasToBeSentWhatHadToBeSentAndLosesNoContents) {
@@ -311,14 +315,28 @@ TEST(TakeoverTest, HasToBeSentWhatHadToBeSentAndLosesNoContents) {
 }
 
 /// A database of the versions before, opened as a tree.
-class TakenDatabaseTest : public ItemStoreFixture {
+class TakenDatabaseTest : public testing::Test {
  protected:
-  void open() {
+  EarlierStore& store() {
+    if (!store_) store_.emplace(directory());
+    return *store_;
+  }
+  /// Closes all, and opens it as a tree, with these statements between.
+  void open(const char* statements = nullptr) {
     close();
-    tree_.reset();
-    journal_.reset();
+    if (statements) Database(file()).execute(statements);
     journal_.emplace(directory(), remote::IdentifierForm::paths(), kNow);
     tree_.emplace(*journal_, journal_->load());
+  }
+  void close() {
+    tree_.reset();
+    journal_.reset();
+    store_.reset();
+  }
+  const std::string& directory() const { return directory_.path(); }
+  std::string file() const { return directory() + "/replica.db"; }
+  std::int64_t errorOfOpening() {
+    return errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); });
   }
 
   ItemRecord child(Rid rid, Rid folder, const std::string& folderIdentifier,
@@ -342,14 +360,15 @@ class TakenDatabaseTest : public ItemStoreFixture {
     store().save(root);
   }
 
+  const test::TemporaryDirectory directory_;
+  std::optional<EarlierStore> store_;
   std::optional<TreeJournal> journal_;
   std::optional<Tree> tree_;
 };
 
 TEST_F(TakenDatabaseTest, HasItemsRequestsAndNumbers) {
   saveRoot();
-  while (store().nextNumber() < 50) {
-  }
+  store().setNext(51);
   store().save(child(2, kRootRid, "", "d", ItemKind::folder));
   ItemRecord file = child(3, 2, "/d", "f", ItemKind::file);
   file.name = "g";
@@ -384,16 +403,15 @@ TEST_F(TakenDatabaseTest, HasItemsRequestsAndNumbers) {
   ASSERT_EQ(intents.size(), 2U);
   EXPECT_EQ(intents[0].source, Path().child("d").child("f"));
   EXPECT_EQ(intents[1].target, Path().child("d").child("g"));
-  EXPECT_GE(edit.make(Kind::file), ItemNumber{50});
+  EXPECT_GE(edit.make(Kind::file), ItemNumber{51});
   EXPECT_GT(edit.add({}), intents[1].number);
 }
 
 TEST_F(TakenDatabaseTest, IsNoLongerOneOfTheVersionsBefore) {
   saveRoot();
   open();
-  tree_.reset();
-  journal_.reset();
-  EXPECT_EQ(errorOf([&] { ItemStore{directory()}; }), ENOTSUP);
+  close();
+  EXPECT_EQ(errorOf([&] { EarlierStore{directory()}; }), ENOTSUP);
   open();
   EXPECT_EQ(View(*tree_)->count(), 1U);
 }
@@ -402,23 +420,97 @@ TEST_F(TakenDatabaseTest, StaysOneOfTheVersionsBeforeWhenItCannotBeTakenOver) {
   saveRoot();
   close();
   Database(file()).execute("CREATE TABLE tree(a); ");
-  EXPECT_EQ(errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); }), EIO);
+  EXPECT_EQ(errorOfOpening(), EIO);
   Database(file()).execute("DROP TABLE tree;");
-  EXPECT_EQ(rows().size(), 1U);
+  EXPECT_EQ(store().rows().size(), 1U);
 }
 
 TEST_F(TakenDatabaseTest, RemembersRowsThatMadeNoSense) {
   saveRoot();
   store().save(child(2, kRootRid, "", "d", ItemKind::folder));
-  close();
-  Database(file()).execute("UPDATE items SET kind=7 WHERE rid=2");
-  open();
+  open("UPDATE items SET kind=7 WHERE rid=2");
   EXPECT_EQ(journal_->leftOut(), 1U);
   open();
   EXPECT_EQ(journal_->leftOut(), 1U) << "until their contents are safe";
   journal_->forgetLeftOut();
   open();
   EXPECT_EQ(journal_->leftOut(), 0U);
+}
+
+TEST_F(TakenDatabaseTest, LeavesOutRowsThatMakeNoSense) {
+  saveRoot();
+  for (Rid rid = 2; rid < 20; ++rid) {
+    ItemRecord known = child(rid, kRootRid, "", "f" + std::to_string(rid), ItemKind::file);
+    known.failure = SyncFailure{};
+    known.attributes = AttributeMap{{"user.a", "b"}};
+    known.sent = sent(known.name, kSentContent);
+    store().save(known);
+  }
+  open(
+      "UPDATE items SET size=-1 WHERE rid=3;"
+      "UPDATE items SET name=x'612F62' WHERE rid=4;"
+      "UPDATE items SET name=x'' WHERE rid=5;"
+      "UPDATE items SET failure_class=9 WHERE rid=6;"
+      "UPDATE items SET base_size=-5 WHERE rid=7;"
+      "UPDATE items SET attributes=x'FFFFFFFF00' WHERE rid=8;"
+      "UPDATE items SET mode=-1 WHERE rid=9;"
+      "UPDATE items SET base_name=NULL WHERE rid=10;"
+      "UPDATE items SET pinned=2 WHERE rid=11;"
+      "UPDATE items SET rid=-13 WHERE rid=12;"
+      "UPDATE items SET base_date=9223372036854775807 WHERE rid=13;"
+      "UPDATE items SET failure_since=-9223372036854775808 WHERE rid=14;"
+      "UPDATE items SET failure_next=9223372036854775807 WHERE rid=15;"
+      "UPDATE items SET sent_at=9223372036854775807 WHERE rid=16;"
+      "UPDATE items SET last_use=-9223372036854775808 WHERE rid=17;"
+      "UPDATE items SET listed_at=9223372036854775807 WHERE rid=18;");
+  EXPECT_EQ(journal_->leftOut(), 16U);
+  EXPECT_EQ(View(*tree_)->count(), 3U);
+  EXPECT_NE(View(*tree_)->find(ItemNumber{19}), nullptr);
+}
+
+TEST_F(TakenDatabaseTest, TakesSizesThatNoDiskHoldsForTheLargest) {
+  saveRoot();
+  store().save(child(2, kRootRid, "", "f", ItemKind::file));
+  open("UPDATE items SET base_size=9223372036854775807 WHERE rid=2");
+  EXPECT_EQ(View(*tree_)->item(ItemNumber{2}).there()->size, kLargestSize);
+}
+
+TEST_F(TakenDatabaseTest, MayBeOfTheFirstVersion) {
+  saveRoot();
+  ItemRecord earlier = child(2, kRootRid, "", "f", ItemKind::file);
+  earlier.modified = 17;
+  earlier.changed = 18;
+  store().save(earlier);
+  open(
+      "DROP TABLE history; ALTER TABLE items DROP COLUMN accessed;"
+      "ALTER TABLE items DROP COLUMN changed;"
+      "ALTER TABLE items DROP COLUMN send_after; PRAGMA user_version=1");
+  EXPECT_EQ(journal_->leftOut(), 0U);
+  const View view(*tree_);
+  const auto& attributes = view->item(ItemNumber{2}).attributes();
+  EXPECT_EQ(attributes.modified->time_since_epoch().count(), 17);
+  EXPECT_FALSE(attributes.changed) << "it was changed when its contents were";
+}
+
+TEST_F(TakenDatabaseTest, KeepsTheHistory) {
+  saveRoot();
+  const HistoryEntry entry{.content = 7, .path = "/a", .size = 3, .at = 100};
+  store().keep(entry);
+  open();
+  journal_->look([&] {
+    EXPECT_EQ(journal_->database().number("SELECT count(*) FROM history WHERE content=7"), 1);
+  });
+}
+
+/// The versions between those that had a history and the first that has a tree were never given
+/// out.
+TEST_F(TakenDatabaseTest, IsRefusedWhenItIsOfAVersionBetween) {
+  saveRoot();
+  close();
+  Database(file()).execute("PRAGMA user_version=5");
+  const std::string before = bytesOf(file());
+  EXPECT_EQ(errorOfOpening(), ENOTSUP);
+  EXPECT_TRUE(bytesOf(file()) == before);
 }
 
 TEST_F(TakenDatabaseTest, TrustsNoIdentifierOfTheVersionsBefore) {
