@@ -11,6 +11,7 @@
 #include "platform/base/UniqueFd.h"
 #include "replica/store/Statement.h"
 #include "replica/store/StoreFiles.h"
+#include "replica/store/WriteAheadLog.h"
 
 namespace kestrowan::replica {
 
@@ -94,13 +95,16 @@ Database::Database(std::string path) : path_(std::move(path)) {
 std::unique_ptr<Database> Database::openToRead(const std::string& path) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return nullptr;
+  const bool hasLog = ::lstat((path + "-wal").c_str(), &status) == 0;
   auto database = std::make_unique<Database>(path);
-  database->leaveLog();
+  // Closing removes the one that opening made.
+  if (hasLog) database->leaveLog();
   return database;
 }
 
 Database::~Database() {
   ::sqlite3_close(connection_);
+  if (isLogging_) WriteAheadLog::keepRoom(logPath());
 }
 
 void Database::execute(const char* statements) {
@@ -119,11 +123,13 @@ void Database::beginLogging() {
   if (!change.step() || change.bytes(0) != "wal") throw fileError(ENOTSUP, path_);
   change.reset();
   execute(kLogSettings);
+  int isKept = 1;
+  const int code = ::sqlite3_file_control(connection_, "main", SQLITE_FCNTL_PERSIST_WAL, &isKept);
+  if (code != SQLITE_OK) fail(code);
+  isLogging_ = true;
 }
 
 void Database::leaveLog() {
-  struct stat status;
-  if (::lstat(logPath().c_str(), &status) != 0 || status.st_size == 0) return;
   const int code = ::sqlite3_db_config(connection_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   if (code != SQLITE_OK) fail(code);
 }

@@ -28,7 +28,8 @@ class Database {
   std::int64_t number(const char* statement);
 
   /// Keeps what is committed in a log beside the file, which is cheap, and moves it to the file
-  /// from time to time. Done by the owner once it knows that the file is its own.
+  /// from time to time. Done by the owner once it knows that the file is its own. The log stays,
+  /// empty and with the room that it has, when the database is closed.
   void beginLogging();
   /// Leaves the log as it is when the database is closed, instead of moving it to the file; one
   /// that holds nothing is removed.
@@ -47,6 +48,7 @@ class Database {
  private:
   const std::string path_;
   sqlite3* connection_ = nullptr;
+  bool isLogging_ = false;
 };
 
 }  // namespace kestrowan::replica

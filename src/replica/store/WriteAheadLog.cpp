@@ -14,6 +14,11 @@ namespace {
 
 constexpr off_t kRoom = 4 << 20;
 
+void keepRoomIn(int file) {
+  // Without it a full disk can only be emptied from elsewhere.
+  static_cast<void>(::fallocate(file, FALLOC_FL_KEEP_SIZE, 0, kRoom));
+}
+
 }  // namespace
 
 WriteAheadLog::WriteAheadLog(std::string path)
@@ -22,8 +27,12 @@ WriteAheadLog::WriteAheadLog(std::string path)
 }
 
 void WriteAheadLog::keepRoom() noexcept {
-  // Without it a full disk can only be emptied from elsewhere.
-  static_cast<void>(::fallocate(file_.get(), FALLOC_FL_KEEP_SIZE, 0, kRoom));
+  keepRoomIn(file_.get());
+}
+
+void WriteAheadLog::keepRoom(const std::string& path) noexcept {
+  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (file) keepRoomIn(file.get());
 }
 
 void WriteAheadLog::sync() {

@@ -19,6 +19,8 @@ class WriteAheadLog {
   /// Sets some of the disk aside for the log, where the file system can: what gives space back,
   /// such as removing a file, has to be noted when the disk is full.
   void keepRoom() noexcept;
+  /// The same for a log that no database has open, so that the next one finds it.
+  static void keepRoom(const std::string& path) noexcept;
   /// Tells of one more commit.
   void noteCommit() { ++commits_; }
   /// Makes every commit that was noted durable. Throws `NSError`, from the first failure on always:

@@ -156,6 +156,13 @@ TEST_P(AtRestOfVersionTest, LookingChangesNothing) {
   const auto before = bytesOf(file());
   expectAll();
   EXPECT_TRUE(bytesOf(file()) == before);
+  EXPECT_EQ(fs::file_size(file() + "-wal"), 0U);
+}
+
+TEST_P(AtRestOfVersionTest, LookingMakesNoLogWhereThereIsNone) {
+  fill();
+  fs::remove(file() + "-wal");
+  expectAll();
   EXPECT_FALSE(fs::exists(file() + "-wal"));
 }
 

@@ -57,10 +57,10 @@ std::string inChild(const std::function<void(const Report&)>& body) {
   return reported;
 }
 
-bool mountSmallFileSystem(const std::string& directory) {
+bool mountSmallFileSystem(const std::string& directory, const char* size) {
   return (::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         ::mount("none", directory.c_str(), "tmpfs", 0, "size=1m") == 0;
+         ::mount("none", directory.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()) == 0;
 }
 
 bool enlargeSmallFileSystem(const std::string& directory) {

@@ -18,7 +18,7 @@ using Report = std::function<void(const std::string&)>;
 std::string inChild(const std::function<void(const Report&)>& body);
 
 /// Mounts a file system of 1 MiB that only this process and its children see; and makes it larger.
-bool mountSmallFileSystem(const std::string& directory);
+bool mountSmallFileSystem(const std::string& directory, const char* size = "1m");
 bool enlargeSmallFileSystem(const std::string& directory);
 bool canMount();
 /// Writes to a file in `directory` until the file system has no room.
