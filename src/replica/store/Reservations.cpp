@@ -49,6 +49,12 @@ void Reservations::reserve() {
   save(wanted_);
 }
 
+void Reservations::reserveContents() {
+  wanted_ = reserved_;
+  wanted_.content = used_.content + kBlock;
+  save(wanted_);
+}
+
 void Reservations::giveBack() {
   save({used_.item, used_.intent, reserved_.content});
 }

@@ -24,6 +24,8 @@ class Reservations {
   bool isExceededBy(const model::Changes& changes);
   /// Reserves, in the transaction that is open. Followed by `confirm` when that was committed.
   void reserve();
+  /// The same for contents alone.
+  void reserveContents();
   void confirm() { reserved_ = wanted_; }
   /// Numbers of items and intents that were not given are not reserved any more.
   void giveBack();

@@ -47,6 +47,12 @@ FileTime fileTime(const timespec& time) {
   return FileTime(std::chrono::nanoseconds(time.tv_sec * kNanoseconds + time.tv_nsec));
 }
 
+/// Programs are to see contents of which the item does not say what they are.
+bool hasNothing(const Item& item) {
+  return item.here() && item.here()->content == Content::none &&
+         (!item.agreed() || item.agreed()->content != Content::none);
+}
+
 Shared<There> without(const Shared<There>& state,
                       const std::unordered_set<ContentNumber>& unusable) {
   if (!state || !unusable.contains(plain(state->content))) return state;
@@ -114,7 +120,10 @@ void StartRepair::checkFile(const Item& item) {
       finding.unusable.insert(content);
     }
   }
-  if (!finding.unusable.empty() || finding.size || finding.modified) {
+  finding.isLostHere =
+      hasNothing(item) || (item.here() && finding.unusable.contains(plain(item.here()->content)));
+  const bool isLost = finding.isLostHere || !finding.unusable.empty();
+  if (isLost || finding.size || finding.modified) {
     findings_.push_back(std::move(finding));
   }
 }
@@ -158,14 +167,14 @@ void StartRepair::mend(Edit& edit, const Finding& finding) const {
     attributes.modified = *finding.modified;
     attributes.changed = std::max(attributes.changed.value_or(FileTime()), *finding.modified);
   }
-  if (finding.unusable.empty()) {
+  if (finding.unusable.empty() && !finding.isLostHere) {
     edit.setAttributes(finding.item, std::move(attributes));
     return;
   }
   logItem("its contents are missing here", *edit, finding.item);
   edit.setThere(finding.item, without(item.there(), finding.unusable));
   edit.setAgreed(finding.item, without(item.agreed(), finding.unusable));
-  if (item.here() && finding.unusable.contains(plain(item.here()->content))) {
+  if (finding.isLostHere) {
     if (!item.agreed() && !item.there()) {
       edit.drop(finding.item);
       return;

@@ -32,6 +32,8 @@ class StartRepair {
     model::ItemNumber item = model::ItemNumber::none;
     /// Contents that cannot be used.
     std::unordered_set<ContentNumber> unusable;
+    /// Those that programs saw are among them, or there are none.
+    bool isLostHere = false;
     /// Of contents that are nowhere else, as their file has them.
     std::optional<std::int64_t> size;
     std::optional<model::FileTime> modified;

@@ -1,5 +1,6 @@
 #include "replica/store/TreeJournal.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "replica/store/IntentRow.h"
@@ -39,7 +40,9 @@ TreeJournal::TreeJournal(const std::string& directory, remote::IdentifierForm fo
       commit_(*database_, "COMMIT"),
       rollback_(*database_, "ROLLBACK"),
       numbers_(*database_),
+      firstFreeContent_{numbers_.reserved().content},
       log_(database_->logPath()) {
+  reserveContents();
   log_.sync();
   syncDirectory(directory);
 }
@@ -49,6 +52,17 @@ TreeJournal::~TreeJournal() {
     numbers_.giveBack();
   } catch (...) {
     // They stay reserved, which costs nothing but numbers.
+  }
+}
+
+/// So that no file bears a number that the database might not know of.
+void TreeJournal::reserveContents() {
+  try {
+    run([this] { numbers_.reserveContents(); }, true);
+    numbers_.confirm();
+  } catch (const NSError& error) {
+    // The first edit that needs numbers reserves them.
+    if (error.code() != ENOSPC) throw;
   }
 }
 
@@ -111,11 +125,6 @@ std::vector<TreeJournal::Orphan> TreeJournal::orphans() {
 void TreeJournal::forgetOrphans() {
   const std::lock_guard lock(mutex_);
   run([this] { database_->execute("DELETE FROM orphans"); }, true);
-}
-
-Content TreeJournal::firstFreeContent() {
-  const std::lock_guard lock(mutex_);
-  return Content{numbers_.reserved().content};
 }
 
 void TreeJournal::write(const Changes& changes) {

@@ -59,9 +59,9 @@ class TreeJournal : public model::Journal, public Durability {
   std::vector<Orphan> orphans();
   void forgetOrphans();
 
-  /// The numbers of contents from this one on were never given by a process that wrote this
-  /// database: a file of such a number is newer than the database.
-  model::Content firstFreeContent();
+  /// The numbers of contents from this one on were never given before this journal began: a file
+  /// that had such a number then is newer than the database.
+  model::Content firstFreeContent() const { return firstFreeContent_; }
 
   void write(const model::Changes& changes) override;
   void sync() override;
@@ -69,6 +69,7 @@ class TreeJournal : public model::Journal, public Durability {
   void compact();
 
  private:
+  void reserveContents();
   void run(const std::function<void()>& statements, bool isOne);
   void saveAll(const model::Changes& changes);
   void remove(Statement& statement, std::int64_t number);
@@ -84,6 +85,7 @@ class TreeJournal : public model::Journal, public Durability {
   Statement commit_;
   Statement rollback_;
   Reservations numbers_;
+  const model::Content firstFreeContent_;
   LeftTaker* leftTaker_ = nullptr;
   std::vector<std::int64_t> leftOutItems_;
   std::vector<std::int64_t> leftOutIntents_;
