@@ -118,6 +118,15 @@ bool Refresher::isPartial(ItemNumber number) const {
   return found != folders_.end() && (found->second.partialListings > 0 || found->second.isUnproved);
 }
 
+bool Refresher::mayLackNames(ItemNumber number) const {
+  std::lock_guard lock(mutex_);
+  const auto found = folders_.find(number);
+  if (found == folders_.end()) return false;
+  // What was not admitted has no name that a file here can have.
+  return found->second.partialListings > 0 ||
+         (found->second.isUnproved && !found->second.hasRefused);
+}
+
 bool Refresher::isCertain(const Item& folder) const {
   return !isPartial(folder.number()) && isRecent(folder, options_.freshTime, kCertainFactor);
 }
@@ -270,7 +279,13 @@ Task<void> Refresher::run(ItemNumber number) {
     std::vector<ItemNumber> folders{number};
     co_await lookNow(std::move(folders), number);
   } catch (...) {
-    problem = std::make_exception_ptr(caughtError());
+    const NSError error = caughtError();
+    problem = std::make_exception_ptr(error);
+    // Nothing else tells of an error of this machine.
+    if (error.domain() == NSPOSIXErrorDomain && !error.is(NSPOSIXErrorDomain, ESTALE)) {
+      const View view(tree_);
+      logItem("cannot be listed", *view, number, error.localizedDescription());
+    }
   }
   finish(number, problem);
 }
@@ -375,6 +390,7 @@ void Refresher::noteDoubts(const model::State& state, const FolderListings& list
     {
       std::lock_guard lock(mutex_);
       folders_[number].isUnproved = isUnproved;
+      folders_[number].hasRefused = listing && listing->refused > 0;
     }
     const bool isMissing =
         std::any_of(doubts_.missing.begin(), doubts_.missing.end(), [&](const auto& missing) {

@@ -60,6 +60,8 @@ class Refresher {
   bool isCertain(const model::Item& folder) const;
   /// Whether the last listing of the folder proves nothing by what it lacks.
   bool isPartial(model::ItemNumber folder) const;
+  /// Whether it may lack names that a file here can have.
+  bool mayLackNames(model::ItemNumber folder) const;
   static bool isKnown(const model::Item& folder);
 
   /// Lists the folder soon, for no caller in particular.
@@ -96,6 +98,8 @@ class Refresher {
     std::uint32_t partialListings = 0;
     /// Its last listing proves nothing by what it lacks.
     bool isUnproved = false;
+    /// Some of its entries were not admitted.
+    bool hasRefused = false;
     Waiters waiters;
     Waiters nextWaiters;
   };

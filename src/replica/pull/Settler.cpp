@@ -1,5 +1,7 @@
 #include "replica/pull/Settler.h"
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <utility>
 
@@ -29,6 +31,8 @@ namespace {
 Attributes lastingAttributes(const Attributes& before) {
   Attributes lasting;
   lasting.mode = before.mode;
+  // Others may have written these bytes: they run with the rights of the user that runs them alone.
+  if (lasting.mode) *lasting.mode &= static_cast<std::uint16_t>(~(S_ISUID | S_ISGID));
   lasting.pinned = before.pinned;
   lasting.user = before.user;
   lasting.lastUse = before.lastUse;

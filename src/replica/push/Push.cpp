@@ -180,6 +180,9 @@ Task<void> Push::carryOut(plan::Push push, std::optional<Time> changedAt) {
       co_return;
     }
     hasContents = sendsContents(*view, push);
+    if (mayHoldUnseen(*view, push)) {
+      throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
+    }
   }
   if (hasContents && push.change != Change::create) {
     co_await ask(push.item);
@@ -192,12 +195,20 @@ Task<void> Push::carryOut(plan::Push push, std::optional<Time> changedAt) {
   if (sent) co_await send(std::move(*sent));
 }
 
+/// Whether a folder that is to be removed, with all in it, may hold what no listing has shown.
+bool Push::mayHoldUnseen(const State& state, const plan::Push& push) const {
+  if (push.change != Change::remove || state.item(push.item).isFile()) return false;
+  const auto folders = foldersInTree(state, push.item);
+  return std::any_of(folders.begin(), folders.end(),
+                     [this](ItemNumber folder) { return refresher_.isPartial(folder); });
+}
+
 /// Whether a new file may replace something that a listing lacked because it did not come whole.
 bool Push::mayReplaceUnseen(const plan::Push& push) const {
   const View view(tree_);
   const Item* item = view->find(push.item);
   return push.change == Change::create && item && item->isFile() &&
-         refresher_.isPartial(push.place.folder);
+         refresher_.mayLackNames(push.place.folder);
 }
 
 /// Asks for the item, and writes what the provider has of it now.

@@ -73,6 +73,7 @@ class Push {
   Task<void> ask(model::ItemNumber item);
   void writeSeen(model::ItemNumber item, const NSFileProviderItem& seen);
   std::optional<Sent> prepare(const plan::Push& push, pull::Frozen frozen);
+  bool mayHoldUnseen(const model::State& state, const plan::Push& push) const;
   bool mayReplaceUnseen(const plan::Push& push) const;
   static void doubtDates(model::Edit& edit, const Sent& sent);
   void fillTemplate(const model::State& state, Sent& sent) const;

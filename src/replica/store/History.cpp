@@ -1,6 +1,5 @@
 #include "replica/store/History.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 
@@ -58,6 +57,7 @@ std::int64_t History::uptime() const {
 void History::load(const std::unordered_set<ContentNumber>& present) {
   journal_.change([&] {
     std::vector<ContentNumber> lost;
+    usage_ = {};
     table_.load([&](const HistoryEntry& entry) {
       if (present.contains(entry.content)) {
         count(entry, 1);
@@ -202,7 +202,8 @@ std::optional<HistoryEntry> History::entryOf(const Left& left) const {
   entry.confirmed = confirmedOf(left);
   if (left.confirmed) entry.version = left.confirmed->version.text;
   // A program that has it open may have written more than the item says.
-  entry.size = files_.sizeOf(entry.content).value_or(0);
+  const auto known = left.attributes.size.value_or(left.confirmed ? left.confirmed->size : 0);
+  entry.size = files_.sizeOf(entry.content).value_or(known);
   entry.modified = modifiedOf(left).time_since_epoch().count();
   entry.reason = reasonOf(left);
   const auto now = std::chrono::milliseconds(loop_.wallClock());

@@ -38,7 +38,7 @@ struct Begun {
         journal(directory, remote::IdentifierForm::paths(), kNow),
         tree(journal, journal.load()),
         contents(files, journal.firstFreeContent()),
-        history(journal, loop) {
+        history(journal, files, loop) {
     StartRepair(directory, tree, contents, journal, history, loop, mark.machineStopped()).run();
     journal.sync();
     mark.set();

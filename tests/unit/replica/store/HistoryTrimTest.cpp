@@ -41,7 +41,8 @@ class HistoryTrimTest : public TreeFixture {
   HistoryReason reason_ = HistoryReason::replaced;
   std::set<ContentNumber> there_;
   test::SimulatedLoop loop_;
-  History history_{journal(), loop_};
+  ContentFiles files_{directory()};
+  History history_{journal(), files_, loop_};
 };
 
 TEST_F(HistoryTrimTest, WithinTheLimitsEverythingStays) {

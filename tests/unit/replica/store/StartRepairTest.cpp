@@ -16,14 +16,12 @@ namespace fs = std::filesystem;
 using model::Attributes;
 using model::Content;
 using model::Edit;
-using model::Here;
 using model::Intent;
 using model::Item;
 using model::ItemNumber;
 using model::Kind;
 using model::Origin;
 using model::Path;
-using model::There;
 using model::Time;
 using model::View;
 

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "TreeFixture.h"
+#include "replica/Records.h"
 
 namespace kestrowan::replica::store {
 namespace {
@@ -319,6 +320,14 @@ TEST_F(TreeJournalTest, LeavesOutRequestsThatMakeNoSense) {
       "UPDATE intents SET looked=2 WHERE number%8=7;");
   EXPECT_EQ(journal().leftOut(), 7U);
   EXPECT_EQ(View(tree())->intents().all().size(), 1U);
+}
+
+TEST_F(TreeJournalTest, TakesSizesThatNoDiskHoldsForTheLargest) {
+  const ItemNumber file = add(Kind::file, "a");
+  reopen("UPDATE tree SET there_size=9223372036854775807,size=9223372036854775807");
+  EXPECT_EQ(journal().leftOut(), 0U);
+  EXPECT_EQ(View(tree())->item(file).there()->size, kLargestSize);
+  EXPECT_EQ(View(tree())->item(file).attributes().size, kLargestSize);
 }
 
 TEST_F(TreeJournalTest, RefusesADatabaseOfALaterVersion) {
