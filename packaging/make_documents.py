@@ -26,7 +26,9 @@ as a folder (\\fBmount\\fR) in which any program can work.
 A mount keeps what was listed and read, and every change until the server has it. Without the server
 it goes on with what is here; changes are sent when the server is back, also after the program or the
 machine died. When both sides have changed a file, the server's version keeps the name, and the
-version from here lies beside it as "name (conflict DATE TIME HOST).ext".
+version from here lies beside it as "name (conflict DATE TIME HOST).ext". The attribute
+user.kestrowan.conflict of both names the other one. What leaves a file here, replaced or removed, stays
+in a history for a week (\\fBhistory\\fR, \\fBrestore\\fR).
 
 What a mount keeps is the state of a domain, and belongs to one container. Two containers have two
 domains without more ado. A state is never used with another container: what waits in it would be sent
