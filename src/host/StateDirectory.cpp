@@ -77,7 +77,7 @@ void StateDirectory::remove() const {
   for (const char* folder : {"contents", "temporary"}) {
     if (::unlinkat(directory_.get(), folder, AT_REMOVEDIR) != 0 && errno != ENOENT) return;
   }
-  for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", kLockName}) {
+  for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", "in-use", kLockName}) {
     ::unlinkat(directory_.get(), file, 0);
   }
   removeStorageNote(directory_.get());
