@@ -125,8 +125,7 @@ std::optional<Step> createThere(const Case& c) {
 
 std::optional<Step> followAFileThatIsGone(const Case& c) {
   if (c.there || c.item.isFolder()) return std::nullopt;
-  const bool isChanged = c.here->place != c.agreed->place || c.here->content != c.agreed->content ||
-                         mayLand(c.state, c.item, c.agreed->place);
+  const bool isChanged = c.here->place != c.agreed->place || c.here->content != c.agreed->content;
   const bool canBeMade = c.here->content != Content::none;
   return c.settle(isChanged && canBeMade ? Resolution::anew : Resolution::forget);
 }

@@ -18,18 +18,6 @@ using model::Path;
 using model::Place;
 using model::State;
 
-namespace {
-
-/// A file at or below this item that is not on this disk, and that a program still sees.
-bool holdsRemoteBytes(const State& state, const Item& item) {
-  if (item.isFile()) return item.here() && item.here()->content == Content::none;
-  const auto inside = state.thereIn(item.number());
-  return std::any_of(inside.begin(), inside.end(),
-                     [&](const Item* child) { return holdsRemoteBytes(state, *child); });
-}
-
-}  // namespace
-
 /// What the item needs by its own states and the requests around it.
 Step Order::ownStep(ItemNumber number) const {
   const Item* item = state_.find(number);
@@ -148,11 +136,13 @@ Step Order::wait(ItemNumber number, Blocker blocker) const {
 /// What protects what a move brings to where a late request of ours may destroy it.
 std::optional<Step> Order::protection(const Push& push) const {
   if (push.change != Change::move) return std::nullopt;
-  const Item& item = state_.item(push.item);
   const auto until = endangeredUntil(state_, *state_.pathOf(push.place));
-  if (!until || !holdsRemoteBytes(state_, item)) return std::nullopt;
-  if (item.isFile()) return Fetch{item.number()};
-  return WaitUntil{*until};
+  if (!until) return std::nullopt;
+  const Item& item = state_.item(push.item);
+  // Others may have put something into it that is not known here.
+  if (item.isFolder()) return WaitUntil{*until};
+  if (item.here() && item.here()->content == Content::none) return Fetch{item.number()};
+  return std::nullopt;
 }
 
 Step Order::next(ItemNumber number) const {

@@ -21,8 +21,8 @@ namespace kestrowan::replica::plan {
 ///     remove            what is in `after`; all that is in a folder
 ///
 /// Where items wait for one another in a ring, the one whose place is waited for goes by a third
-/// name. Where what moves is not on this disk and a late request of ours may destroy it, it is
-/// fetched, or the landing time is waited for.
+/// name. Where a late request of ours may destroy what moves, a file that is not on this disk is
+/// fetched first, and for a folder the landing time is waited for.
 ///
 /// Lives on the stack of one call, no longer than the state.
 class Order {

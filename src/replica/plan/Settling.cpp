@@ -41,6 +41,12 @@ void give(Edit& edit, ItemNumber from, ItemNumber to) {
   for (const ItemNumber number : unmerged) {
     edit.setAgreed(number, inFolder(edit->item(number).agreed(), from, to));
   }
+  if (isFolder) {
+    // What was listed of `to` was another folder.
+    auto attributes = edit->item(to).attributes();
+    attributes.listedAt = edit->item(from).attributes().listedAt;
+    edit.setAttributes(to, std::move(attributes));
+  }
   edit.drop(from);
   edit.setThere(to, there);
   edit.setAgreed(to, there);

@@ -191,6 +191,17 @@ TEST_F(MergeTest, MakesFoldersOfOneNameOne) {
   EXPECT_EQ(state_.item(inside).there()->place.folder, ours);
 }
 
+TEST_F(MergeTest, DoesNotTakeWhatWasListedOfAFolderForWhatAnotherHolds) {
+  const ItemNumber ours = state_.folder(top("d"));
+  state_.setListed(ours);
+  state_.removeThere(ours);
+  state_.move(ours, top("e"));
+  state_.settlePlanned(ours);
+  state_.settlePlanned(state_.folderThere(top("e")));
+  EXPECT_TRUE(state_.item(ours).isInStep());
+  EXPECT_FALSE(state_.item(ours).attributes().listedAt);
+}
+
 TEST_F(MergeTest, LetsAnItemThatIsGoneLeaveItsPlaceFirst) {
   const ItemNumber gone = state_.file(top("a"));
   state_.removeThere(gone);
@@ -334,7 +345,7 @@ TEST_F(MergeTest, MakesAnewWhatAnOlderPutMayHaveHiddenFromTheRemover) {
   const ItemNumber a = state_.file(top("a"), kOurs);
   state_.sent(Verb::put, a, "", "a", kFromBefore);
   state_.removeThere(a);
-  EXPECT_EQ(state_.plan(a), settling(Resolution::anew, a));
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
 }
 
 TEST_F(MergeTest, ForgetsAMovedFileThatIsGoneAndWasNeverDownloaded) {

@@ -55,6 +55,19 @@ TEST_F(ObservingTest, WritesWhatIsThereAndNothingElse) {
   EXPECT_TRUE(thereAt(top("d"))->isFolder());
 }
 
+TEST_F(ObservingTest, KeepsWhatAnOlderPutMayHaveOverwrittenInAFolderThatIsGone) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.file({d, "f"}, kOurs);
+  const ItemNumber g = state_.file({d, "g"}, kOld);
+  state_.sent(Verb::put, ItemNumber{100}, "", "d/f", kFromBefore);
+  lookAtRoot({});
+  EXPECT_FALSE(state_.item(f).agreed());
+  EXPECT_TRUE(state_.item(g).agreed());
+  state_.settlePlanned(g);
+  EXPECT_FALSE(state_.has(g));
+  EXPECT_EQ(state_.plan(d), Step(Settle{Resolution::anew, d}));
+}
+
 TEST_F(ObservingTest, WritesWhatChangedOfAnItemThatWasRemovedHere) {
   const ItemNumber a = state_.file(top("a"));
   state_.remove(a);

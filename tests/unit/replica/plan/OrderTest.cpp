@@ -221,9 +221,8 @@ TEST_F(OrderTest, FetchesWhatItMovesToWhereALatePutMayDestroyIt) {
   EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
 }
 
-TEST_F(OrderTest, MovesAFolderOfFilesThatAreNotHereOnlyWhereNoLateRemovalMayDestroyThem) {
+TEST_F(OrderTest, MovesAFolderOnlyWhereNoLateRemovalMayDestroyWhatOthersPutIntoIt) {
   const ItemNumber d = state_.folder(top("d"));
-  state_.file({d, "f"}, kNone);
   state_.sent(Verb::remove, d, "e", "");
   state_.move(d, top("e"));
   EXPECT_EQ(state_.plan(d), Step(WaitUntil{kStart + std::chrono::minutes(10)}));

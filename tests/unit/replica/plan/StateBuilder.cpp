@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "replica/model/View.h"
+#include "replica/plan/Absence.h"
 #include "replica/plan/Landing.h"
 #include "replica/plan/Settling.h"
 
@@ -116,7 +117,15 @@ void StateBuilder::changeThere(ItemNumber item, Content content) {
 
 void StateBuilder::removeThere(ItemNumber item) {
   Edit edit(tree_);
-  edit.setThere(item, std::nullopt);
+  replica::plan::markAbsent(edit, item, false);
+  edit.commit();
+}
+
+void StateBuilder::setListed(ItemNumber folder) {
+  Edit edit(tree_);
+  auto attributes = edit->item(folder).attributes();
+  attributes.listedAt = Time();
+  edit.setAttributes(folder, std::move(attributes));
   edit.commit();
 }
 

@@ -103,6 +103,7 @@ class StateBuilder {
   void changeThere(ItemNumber item, Content content = kNone);
   void removeThere(ItemNumber item);
   void after(ItemNumber item, ItemNumber other);
+  void setListed(ItemNumber folder);
   /// A request without an answer that was looked for.
   IntentNumber sent(Verb verb, ItemNumber item, const std::string& source,
                     const std::string& target, Content content = kNone);
