@@ -72,6 +72,7 @@ void Intents::put(const Intent& intent) {
   all_.insert(place(intent.number), intent);
   for (const Path& path : intent.paths()) byPath_.insert({path, intent.number});
   byItem_.insert({intent.item, intent.number});
+  if (intent.isUnderWay()) ++underWay_;
 }
 
 void Intents::take(IntentNumber number) {
@@ -79,6 +80,7 @@ void Intents::take(IntentNumber number) {
   if (found == all_.end() || found->number != number) return;
   for (const Path& path : found->paths()) byPath_.erase({path, number});
   byItem_.erase({found->item, number});
+  if (found->isUnderWay()) --underWay_;
   all_.erase(found);
 }
 

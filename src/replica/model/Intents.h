@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <set>
 #include <utility>
 #include <vector>
@@ -17,6 +18,8 @@ class Intents {
   const std::vector<Intent>& all() const { return all_; }
   /// Absent when there is none of that number.
   const Intent* find(IntentNumber number) const;
+  /// At least one of them is under way.
+  bool isAnyUnderWay() const { return underWay_ > 0; }
   /// Those that were made for an item.
   std::vector<const Intent*> of(ItemNumber item) const;
   /// Those with a source or target that is this path, is above it or is below it; each once, in the
@@ -43,6 +46,7 @@ class Intents {
   std::vector<Intent> all_;
   std::set<std::pair<Path, IntentNumber>> byPath_;
   std::set<std::pair<ItemNumber, IntentNumber>> byItem_;
+  std::size_t underWay_ = 0;
 };
 
 }  // namespace kestrowan::replica::model

@@ -22,7 +22,9 @@ std::size_t Items::indexOf(ItemNumber number) {
 }
 
 const Item* Items::find(ItemNumber number) const {
-  const Table& table = tables_[indexOf(number)];
+  const std::size_t index = indexOf(number);
+  if (index >= tables_.size()) return nullptr;
+  const Table& table = tables_[index];
   const auto found = table.find(number);
   return found == table.end() ? nullptr : &*found;
 }
@@ -34,7 +36,9 @@ Item* Items::find(ItemNumber number) {
 
 Item& Items::add(Item item) {
   const ItemNumber number = item.number();
-  if (!tables_[indexOf(number)].insert(std::move(item)).second) {
+  const std::size_t index = indexOf(number);
+  if (index >= tables_.size()) tables_.resize(index + 1);
+  if (!tables_[index].insert(std::move(item)).second) {
     fatalError("two items have one number");
   }
   ++size_;
@@ -42,7 +46,9 @@ Item& Items::add(Item item) {
 }
 
 void Items::remove(ItemNumber number) {
-  Table& table = tables_[indexOf(number)];
+  const std::size_t index = indexOf(number);
+  if (index >= tables_.size()) return;
+  Table& table = tables_[index];
   const auto found = table.find(number);
   if (found == table.end()) return;
   table.erase(found);

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <functional>
 #include <unordered_set>
+#include <vector>
 
 #include "replica/model/Item.h"
 
@@ -43,7 +43,8 @@ class Items {
   static constexpr std::size_t kTables = 256;
   static std::size_t indexOf(ItemNumber number);
 
-  std::array<Table, kTables> tables_;
+  /// As many as are needed so far.
+  std::vector<Table> tables_;
   std::size_t size_ = 0;
 };
 

@@ -39,12 +39,12 @@ const Intent* underWayAtAny(const State& state, const std::vector<Path>& paths) 
 }  // namespace
 
 const Intent* underWayAt(const State& state, const Path& path) {
-  if (state.intents().all().empty()) return nullptr;
+  if (!state.intents().isAnyUnderWay()) return nullptr;
   return underWayAtAny(state, joined(state, path));
 }
 
 bool isUncertain(const State& state, const Path& path, const std::vector<Path>& answered) {
-  if (state.intents().all().empty() && answered.empty()) return false;
+  if (!state.intents().isAnyUnderWay() && answered.empty()) return false;
   const auto paths = joined(state, path);
   if (underWayAtAny(state, paths)) return true;
   return std::any_of(paths.begin(), paths.end(), [&](const Path& one) {

@@ -14,6 +14,22 @@ namespace {
 constexpr std::size_t kLimit = 250;
 /// Of a deed: the engine's own choice.
 constexpr std::uint16_t kNext = 0xFFFF;
+/// How many states may wait to be entered before those come first that soon come to their end.
+constexpr std::size_t kManyAside = 500'000;
+
+std::uint64_t hashOf(std::uint64_t text, unsigned here, unsigned there, unsigned faults,
+                     unsigned slow) {
+  const std::uint64_t left = (here << 6) + (there << 4) + (faults << 2) + slow + 1;
+  std::uint64_t value = text ^ (left * 0x9E3779B97F4A7C15);
+  value ^= value >> 32;
+  value *= 0xBF58476D1CE4E5B9;
+  value ^= value >> 29;
+  return value | 1;
+}
+
+std::uint64_t hashOf(const std::string& text) {
+  return std::hash<std::string>{}(text);
+}
 
 }  // namespace
 
@@ -37,11 +53,6 @@ bool Explorer::HashSet::insert(std::uint64_t hash) {
   return true;
 }
 
-void Explorer::HashSet::clear() {
-  slots_.assign(1024, 0);
-  count_ = 0;
-}
-
 void Explorer::HashSet::grow() {
   const auto old = std::exchange(slots_, std::vector<std::uint64_t>(slots_.size() * 2));
   count_ = 0;
@@ -50,26 +61,52 @@ void Explorer::HashSet::grow() {
   }
 }
 
-std::uint64_t Explorer::hash(const Node& node) {
-  std::string text = node.text;
-  for (const std::uint8_t left : {node.here, node.there, node.faults, node.slow}) {
-    text += static_cast<char>(left);
+/// It was entered before, or the same state was from which at least as much could happen.
+bool Explorer::isCovered(const Node& node) const {
+  const std::uint64_t text = hashOf(node.text);
+  for (unsigned here = node.here; here <= bounds_.here; ++here) {
+    for (unsigned there = node.there; there <= bounds_.there; ++there) {
+      for (unsigned faults = node.faults; faults <= bounds_.faults; ++faults) {
+        for (unsigned slow = node.slow; slow <= bounds_.slow; ++slow) {
+          if (seen_.contains(hashOf(text, here, there, faults, slow))) return true;
+        }
+      }
+    }
   }
-  return std::hash<std::string>{}(text) | 1;
+  return false;
+}
+
+void Explorer::begin(const PlannerWorld& start) {
+  deeds_.assign(1, {});
+  start_ = encoded(start);
+  todo_.assign(bounds_.here + bounds_.there + bounds_.faults + bounds_.slow + 1, {});
+  todoCount_ = 0;
+}
+
+void Explorer::putAside(Node node) {
+  ++todoCount_;
+  todo_.at(node.left()).push_back(std::move(node));
+}
+
+/// What is covered by other states comes after them, as far as there is room for it.
+void Explorer::runAll() {
+  while (todoCount_ > 0 && !failure_) {
+    const auto isFilled = [](const auto& nodes) { return !nodes.empty(); };
+    auto& nodes = todoCount_ > kManyAside ? *std::find_if(todo_.begin(), todo_.end(), isFilled)
+                                          : *std::find_if(todo_.rbegin(), todo_.rend(), isFilled);
+    Node node = std::move(nodes.back());
+    nodes.pop_back();
+    --todoCount_;
+    if (!isCovered(node)) runToTheEnd(std::move(node));
+  }
 }
 
 void Explorer::exploreAll(const PlannerWorld& start) {
-  seen_.clear();
-  deeds_.assign(1, {});
-  start_ = start.encoded();
-  todo_.push_back(
-      {start_, static_cast<std::uint8_t>(bounds_.here), static_cast<std::uint8_t>(bounds_.there),
-       static_cast<std::uint8_t>(bounds_.faults), static_cast<std::uint8_t>(bounds_.slow), 0});
-  while (!todo_.empty()) {
-    Node node = std::move(todo_.back());
-    todo_.pop_back();
-    runToTheEnd(std::move(node));
-  }
+  begin(start);
+  putAside({start_, static_cast<std::uint8_t>(bounds_.here),
+            static_cast<std::uint8_t>(bounds_.there), static_cast<std::uint8_t>(bounds_.faults),
+            static_cast<std::uint8_t>(bounds_.slow), false, 0});
+  runAll();
 }
 
 /// Follows what the engine does when every answer comes; what else may happen is put aside. A state
@@ -80,6 +117,7 @@ void Explorer::runToTheEnd(Node node) {
     try {
       PlannerWorld world(node.text);
       branch(node, world);
+      if (isLeftOut(node)) return;
       auto next = engineStep(node, world);
       if (!next) return;
       node = std::move(*next);
@@ -89,29 +127,40 @@ void Explorer::runToTheEnd(Node node) {
   }
 }
 
+/// What the engine would do from here belongs to another share.
+bool Explorer::isLeftOut(const Node& node) const {
+  if (bounds_.share == 1 || node.isEnginesTurn) return false;
+  return hashOf(node.text) / 2 % bounds_.share != 0;
+}
+
 bool Explorer::enter(const Node& node, std::vector<std::uint64_t>& chain) {
-  const std::uint64_t number = hash(node);
-  const bool isNew = seen_.insert(number);
-  const bool isLoop = !isNew && std::find(chain.begin(), chain.end(), number) != chain.end();
+  const std::uint64_t text = hashOf(node.text);
+  const bool isLoop = std::find(chain.begin(), chain.end(), text) != chain.end();
   if (isLoop || chain.size() > kLimit) {
     fail("it does not end", node, {});
     return false;
   }
-  chain.push_back(number);
-  if (isNew) ++cases_;
-  return isNew;
+  chain.push_back(text);
+  if (isCovered(node)) return false;
+  seen_.insert(hashOf(text, node.here, node.there, node.faults, node.slow));
+  ++cases_;
+  return true;
 }
 
 /// Everything that may happen now besides the engine's own next step.
 void Explorer::branch(const Node& node, const PlannerWorld& world) {
   const auto considerAll = [&](Deed::Kind kind, const std::vector<Event>& events) {
+    Node before = node;
     for (std::size_t i = 0; i < events.size(); ++i) {
-      consider(node, {kind, 0, static_cast<std::uint16_t>(i), node.trace},
+      const bool isLater = events[i].isHere() || events[i].kind == Event::Kind::putSameThere;
+      before.here = bounds_.isInterleaved || isLater ? node.here : 0;
+      consider(before, {kind, 0, static_cast<std::uint16_t>(i), node.trace},
                [&](PlannerWorld& other) { other.apply(events[i]); });
     }
   };
   if (node.here > 0) considerAll(Deed::Kind::here, world.eventsHere(bounds_.names));
   if (node.there > 0) considerAll(Deed::Kind::there, world.eventsThere(bounds_.names));
+  if (isLeftOut(node)) return;
   const auto considerMove = [&](Deed::Kind kind, std::size_t index) {
     const Deed deed{kind, 0, static_cast<std::uint16_t>(index), node.trace};
     consider(node, deed,
@@ -173,10 +222,10 @@ std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorl
 template <class Do>
 std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed, PlannerWorld& world,
                                              const Do& doIt) {
-  Node next{{}, node.here, node.there, node.faults, node.slow, 0};
+  Node next{{}, node.here, node.there, node.faults, node.slow, node.isEnginesTurn, 0};
   try {
     doIt(world);
-    next.text = world.encoded();
+    next.text = encoded(world);
   } catch (const Broken& broken) {
     fail(broken.what(), node, deed);
     return std::nullopt;
@@ -184,6 +233,7 @@ std::optional<Explorer::Node> Explorer::done(const Node& node, Deed deed, Planne
   if (deed.kind == Deed::Kind::here) --next.here;
   if (deed.kind == Deed::Kind::there) --next.there;
   const bool isEngine = deed.kind != Deed::Kind::here && deed.kind != Deed::Kind::there;
+  if (isEngine) next.isEnginesTurn = true;
   if (isEngine && !bounds_.isInterleaved) next.here = next.there = 0;
   const auto fate = static_cast<Fate>(deed.fate);
   if (isFault(fate)) --next.faults;
@@ -198,11 +248,11 @@ void Explorer::consider(const Node& node, Deed deed, const Do& doIt) {
   PlannerWorld world(node.text);
   auto next = done(node, deed, world, doIt);
   if (!next) return;
-  if (seen_.contains(hash(*next))) {
+  if (isCovered(*next)) {
     deeds_.pop_back();
     return;
   }
-  todo_.push_back(std::move(*next));
+  putAside(std::move(*next));
 }
 
 void Explorer::repeat(PlannerWorld& world, const Deed& deed) const {
@@ -249,30 +299,33 @@ void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
   if (failure_ && failure_->length <= way.size()) return;
   std::ostringstream out;
   std::string text = start_;
+  // Names as they were at the start.
+  Renaming original;
   out << PlannerWorld(text).describe();
   for (const Deed& one : way) {
     PlannerWorld world(text);
     try {
-      out << describeDeed(world, one) << "\n";
+      out << original.inQuotes(describeDeed(world, one)) << "\n";
       repeat(world, one);
     } catch (const Broken& broken) {
       out << "  " << broken.what() << "\n";
     }
-    text = world.encoded();
-    out << PlannerWorld(text).describe();
+    Renaming used;
+    text = world.encoded(bounds_.names, &used);
+    original = used.inverse().then(original);
+    out << original.inQuotes(PlannerWorld(text).describe());
   }
   failure_ = Failure{rule, rule + "\n" + out.str(), way.size()};
 }
 
 void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
-  seen_.clear();
-  deeds_.assign(1, {});
-  start_ = start.encoded();
+  begin(start);
   Node node{start_,
             static_cast<std::uint8_t>(random() % (bounds_.here + 1)),
             static_cast<std::uint8_t>(random() % (bounds_.there + 1)),
             static_cast<std::uint8_t>(bounds_.faults),
             static_cast<std::uint8_t>(bounds_.slow),
+            false,
             0};
   while (node.here + node.there > 0) {
     std::optional<Node> next = changeAtRandom(node, random);
@@ -285,12 +338,8 @@ void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
   const bool isSlowOne = random() % 2 == 0;
   node.slow = isSlowOne ? std::min<std::uint8_t>(node.slow, 1) : 0;
   node.faults = isSlowOne ? 0 : std::min<std::uint8_t>(node.faults, 1);
-  todo_.push_back(std::move(node));
-  while (!todo_.empty()) {
-    Node one = std::move(todo_.back());
-    todo_.pop_back();
-    runToTheEnd(std::move(one));
-  }
+  putAside(std::move(node));
+  runAll();
 }
 
 std::optional<Explorer::Node> Explorer::changeAtRandom(const Node& node, std::mt19937_64& random) {

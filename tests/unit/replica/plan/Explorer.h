@@ -18,11 +18,16 @@ struct Bounds {
   unsigned faults = 0;
   /// Requests and looks that other steps overlap.
   unsigned slow = 0;
-  /// The engine may work between any two changes; else it begins after the last one.
+  /// The engine may work between any two changes; else it begins after the last one. Changes there
+  /// come last then, since the two sides do not meet before; but for the bytes of a file here,
+  /// which may be put there before that file is changed again.
   bool isInterleaved = false;
   /// Which of the steps that may be done the engine takes: the last instead of the first.
   bool isReversed = false;
   std::vector<std::string> names;
+  /// If the engine begins after the last change: from one in so many of the states that the changes
+  /// lead to, it does.
+  unsigned share = 1;
 };
 
 /// A history that broke a rule.
@@ -33,12 +38,13 @@ struct Failure {
   std::size_t length = 0;
 };
 
-/// Runs histories through the planner. A state that was reached before is not entered again.
+/// Runs histories through the planner. A state that was reached before, from any tree and by any of
+/// the names, is not entered again, unless more may happen now than then.
 class Explorer {
  public:
   explicit Explorer(Bounds bounds) : bounds_(std::move(bounds)) {}
 
-  /// Every history from this tree. Ends at the first failure of each rule it finds.
+  /// Every history from this tree. Ends at the first failure that it finds.
   void exploreAll(const PlannerWorld& start);
   /// One history at random.
   void sample(const PlannerWorld& start, std::mt19937_64& random);
@@ -65,14 +71,17 @@ class Explorer {
     std::uint8_t there = 0;
     std::uint8_t faults = 0;
     std::uint8_t slow = 0;
+    /// It has begun to work.
+    bool isEnginesTurn = false;
     std::uint32_t trace = 0;
+
+    unsigned left() const { return 0U + here + there + faults + slow; }
   };
   /// Hashes of states; the size is a power of two.
   class HashSet {
    public:
     bool contains(std::uint64_t hash) const;
     bool insert(std::uint64_t hash);
-    void clear();
 
    private:
     void grow();
@@ -81,7 +90,13 @@ class Explorer {
     std::size_t count_ = 0;
   };
 
+  void begin(const PlannerWorld& start);
+  void runAll();
   void runToTheEnd(Node node);
+  void putAside(Node node);
+  bool isCovered(const Node& node) const;
+  bool isLeftOut(const Node& node) const;
+  std::string encoded(const PlannerWorld& world) const { return world.encoded(bounds_.names); }
   bool enter(const Node& node, std::vector<std::uint64_t>& chain);
   void branch(const Node& node, const PlannerWorld& world);
   void branchStep(const Node& node, const Move& move);
@@ -97,11 +112,12 @@ class Explorer {
   void repeat(PlannerWorld& world, const Deed& deed) const;
   std::string describeDeed(const PlannerWorld& world, const Deed& deed) const;
   void fail(const std::string& rule, const Node& node, Deed deed);
-  static std::uint64_t hash(const Node& node);
 
   Bounds bounds_;
   HashSet seen_;
-  std::vector<Node> todo_;
+  /// By how much may still happen.
+  std::vector<std::vector<Node>> todo_;
+  std::size_t todoCount_ = 0;
   std::vector<Deed> deeds_;
   std::string start_;
   std::uint64_t cases_ = 0;

@@ -24,15 +24,15 @@ std::string pathHere(const State& state, const Item& item) {
 std::string textOf(const Item& item) {
   const auto state = [](const std::optional<There>& there) {
     if (!there) return std::string("-");
-    return std::to_string(static_cast<unsigned>(there->place.folder)) + "/" + there->place.name +
-           " v" + there->version.text + " c" +
+    return std::to_string(static_cast<unsigned>(there->place.folder)) + "/\"" + there->place.name +
+           "\" v" + there->version.text + " c" +
            std::to_string(static_cast<unsigned>(there->content));
   };
   std::ostringstream out;
   out << (item.isFile() ? "file " : "folder ") << static_cast<unsigned>(item.number()) << " here ";
   if (item.here()) {
-    out << static_cast<unsigned>(item.here()->place.folder) << "/" << item.here()->place.name
-        << " c" << static_cast<unsigned>(item.here()->content);
+    out << static_cast<unsigned>(item.here()->place.folder) << "/\"" << item.here()->place.name
+        << "\" c" << static_cast<unsigned>(item.here()->content);
   } else {
     out << "-";
   }
@@ -51,15 +51,16 @@ std::string ModelWorld::describe() const {
   }
   for (const Intent& intent : view->intents().all()) {
     out << "    intent " << static_cast<unsigned>(intent.verb) << " of "
-        << static_cast<unsigned>(intent.item) << " " << (intent.source ? intent.source->text() : "")
-        << " -> " << (intent.target ? intent.target->text() : "") << " c"
+        << static_cast<unsigned>(intent.item) << " \""
+        << (intent.source ? intent.source->text() : "") << "\" -> \""
+        << (intent.target ? intent.target->text() : "") << "\" c"
         << static_cast<unsigned>(intent.content) << (intent.isUnderWay() ? " under way" : "")
         << (intent.looked ? " looked" : "") << (intent.over ? " over" : "") << "\n";
   }
   out << "    provider:";
   for (const auto& [path, entry] : provider.tree) {
     if (path.isRoot()) continue;
-    out << " " << path.text() << (entry.kind == Kind::folder ? "/" : "");
+    out << " \"" << path.text() << "\"" << (entry.kind == Kind::folder ? "/" : "");
     if (entry.kind == Kind::file) {
       out << " v" << entry.version << " c" << static_cast<unsigned>(entry.content);
     }

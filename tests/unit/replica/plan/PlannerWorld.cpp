@@ -120,13 +120,13 @@ std::string PlannerWorld::describe(const Move& move) const {
     constexpr const char* kWords[] = {"create", "contents", "move", "remove"};
     out << "push " << kWords[static_cast<unsigned>(push->change)] << " "
         << static_cast<unsigned>(push->item) << " " << static_cast<unsigned>(push->place.folder)
-        << "/" << push->place.name << " c" << static_cast<unsigned>(push->content);
+        << "/\"" << push->place.name << "\" c" << static_cast<unsigned>(push->content);
   } else if (const auto* edit = std::get_if<Settle>(&move.step)) {
     constexpr const char* kWords[] = {"drop",   "own",   "back", "show",   "join", "aside", "anew",
                                       "forget", "agree", "pull", "beside", "part", "take",  "end"};
     out << "settle " << kWords[static_cast<unsigned>(edit->resolution)] << " "
-        << static_cast<unsigned>(edit->item) << " " << static_cast<unsigned>(edit->other) << " "
-        << edit->place.name;
+        << static_cast<unsigned>(edit->item) << " " << static_cast<unsigned>(edit->other) << " \""
+        << edit->place.name << "\"";
   } else if (const auto* file = std::get_if<Fetch>(&move.step)) {
     out << "fetch " << static_cast<unsigned>(file->item);
   } else if (const auto* folders = std::get_if<Look>(&move.step)) {
@@ -292,7 +292,7 @@ void PlannerWorld::look(const std::vector<ItemNumber>& folders) {
   write(folders, {{}, now_, {}}, world_.provider);
 }
 
-/// Two looks that agree.
+/// Two looks that agree, if the first one left something in doubt.
 void PlannerWorld::write(const std::vector<ItemNumber>& folders, Shown shown,
                          const ModelProvider& provider) {
   Doubts doubts;
@@ -303,6 +303,8 @@ void PlannerWorld::write(const std::vector<ItemNumber>& folders, Shown shown,
     if (!written.lacking.empty()) continue;
     edit.commit();
     doubts = std::move(written.doubts);
+    // A second one would write the same.
+    if (!doubts.next()) return;
     shown.began += kSuspicionTime;
     ++looks;
   }

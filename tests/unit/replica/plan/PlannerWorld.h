@@ -61,8 +61,9 @@ class PlannerWorld {
   PlannerWorld(const PlannerWorld&) = delete;
   PlannerWorld& operator=(const PlannerWorld&) = delete;
 
-  /// The same text for worlds that differ only in numbers.
-  std::string encoded() const;
+  /// The same text for worlds that differ only in numbers, or in that names of `alike` have changed
+  /// places. `used` becomes the renaming after which the text was made, if it is not null.
+  std::string encoded(const std::vector<std::string>& alike = {}, Renaming* used = nullptr) const;
 
   ItemNumber add(Kind kind, ItemNumber folder, const std::string& name, bool isDownloaded) {
     return world_.add(kind, folder, name, isDownloaded);
@@ -113,6 +114,7 @@ class PlannerWorld {
     std::vector<Path> answered;
   };
 
+  friend class WorldNames;
   friend class WorldWriter;
   friend class WorldReader;
 

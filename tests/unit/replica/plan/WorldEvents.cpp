@@ -76,25 +76,38 @@ std::string Event::text() const {
   if (item != ItemNumber::none) out << " item " << static_cast<unsigned>(item);
   if (other != ItemNumber::none) out << " with " << static_cast<unsigned>(other);
   if (!place.name.empty()) {
-    out << " to " << static_cast<unsigned>(place.folder) << "/" << place.name;
+    out << " to " << static_cast<unsigned>(place.folder) << "/\"" << place.name << "\"";
   }
-  if (!source.isRoot()) out << " " << source.text();
-  if (!target.isRoot()) out << " -> " << target.text();
+  if (!source.isRoot()) out << " \"" << source.text() << "\"";
+  if (!target.isRoot()) out << " -> \"" << target.text() << "\"";
   return out.str();
 }
 
 /// What is seen here, folders before what is in them; then what is there; then what is nowhere.
-std::vector<const Item*> allItems(const State& state) {
+std::vector<const Item*> allItems(const State& state, const Renaming& renaming) {
+  const auto sorted = [&](std::vector<const Item*> inside, const auto& nameOf) {
+    if (renaming.isNone()) return inside;
+    std::sort(inside.begin(), inside.end(), [&](const Item* a, const Item* b) {
+      return renaming(nameOf(*a)) < renaming(nameOf(*b));
+    });
+    return inside;
+  };
   std::vector<const Item*> items{&state.root()};
   for (std::size_t i = 0; i < items.size(); ++i) {
-    for (const Item* item : state.hereIn(items[i]->number())) items.push_back(item);
+    const auto inside = sorted(
+        state.hereIn(items[i]->number()),
+        [](const Item& item) -> const auto& { return item.here()->place.name; });
+    items.insert(items.end(), inside.begin(), inside.end());
   }
   std::vector<const Item*> folders{&state.root()};
   const auto add = [&](const Item* item) {
     if (std::find(items.begin(), items.end(), item) == items.end()) items.push_back(item);
   };
   for (std::size_t i = 0; i < folders.size(); ++i) {
-    for (const Item* item : state.thereIn(folders[i]->number())) {
+    const auto inside = sorted(
+        state.thereIn(folders[i]->number()),
+        [](const Item& item) -> const auto& { return item.there()->place.name; });
+    for (const Item* item : inside) {
       add(item);
       if (item->isFolder()) folders.push_back(item);
     }
@@ -103,8 +116,8 @@ std::vector<const Item*> allItems(const State& state) {
   return items;
 }
 
-/// Where something may be made or moved to.
-std::vector<Place> WorldEvents::freePlaces(const std::vector<const Item*>& seen) const {
+/// Those that something may get. Names that nothing has are all alike, so there is one of them.
+std::vector<std::string> WorldEvents::newNames() const {
   std::set<std::string> used;
   for (const auto& [path, entry] : provider_.tree) {
     if (!path.isRoot()) used.insert(std::string(path.name()));
@@ -117,13 +130,18 @@ std::vector<Place> WorldEvents::freePlaces(const std::vector<const Item*>& seen)
     if (item->there()) used.insert(item->there()->place.name);
     if (item->agreed()) used.insert(item->agreed()->place.name);
   }
-  std::vector<std::string> free = names_;
-  // Names that nothing has are all alike.
+  std::vector<std::string> result = names_;
   bool hasFresh = false;
-  std::erase_if(free, [&](const std::string& name) {
+  std::erase_if(result, [&](const std::string& name) {
     if (used.contains(name)) return false;
     return std::exchange(hasFresh, true);
   });
+  return result;
+}
+
+/// Where something may be made or moved to.
+std::vector<Place> WorldEvents::freePlaces(const std::vector<const Item*>& seen) const {
+  const auto free = newNames();
   std::vector<Place> places;
   for (const Item* folder : seen) {
     if (folder->isFile() || depthHere(state_, *folder) > 2) continue;
@@ -188,10 +206,11 @@ void WorldEvents::addSame(const std::vector<Path>& free, std::vector<Event>& eve
 std::vector<Event> WorldEvents::there() const {
   std::vector<Event> events;
   std::vector<Path> free;
+  const auto names = newNames();
   for (const auto& [path, entry] : provider_.tree) {
     const bool isDeep = !path.isRoot() && !path.folder().isRoot();
     if (entry.kind == Kind::file || isDeep) continue;
-    for (const std::string& name : names_) {
+    for (const std::string& name : names) {
       if (!provider_.at(path.child(name))) free.push_back(path.child(name));
     }
   }

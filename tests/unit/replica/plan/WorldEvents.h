@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "unit/replica/plan/ModelProvider.h"
+#include "unit/replica/plan/Renaming.h"
 
 namespace kestrowan::test {
 
@@ -55,6 +56,7 @@ class WorldEvents {
   std::vector<Event> there() const;
 
  private:
+  std::vector<std::string> newNames() const;
   std::vector<Place> freePlaces(const std::vector<const Item*>& seen) const;
   void addSame(const std::vector<Path>& free, std::vector<Event>& events) const;
 
@@ -63,7 +65,8 @@ class WorldEvents {
   const std::vector<std::string>& names_;
 };
 
-/// All items of a state, in an order that does not depend on their numbers unless they are nowhere.
-std::vector<const Item*> allItems(const State& state);
+/// All items of a state, in an order that does not depend on their numbers unless they are nowhere,
+/// and is that of the names after a renaming.
+std::vector<const Item*> allItems(const State& state, const Renaming& renaming = Renaming());
 
 }  // namespace kestrowan::test

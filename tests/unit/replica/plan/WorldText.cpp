@@ -5,6 +5,7 @@
 #include <array>
 #include <unordered_map>
 
+#include "unit/replica/plan/NameUses.h"
 #include "unit/replica/plan/PlannerWorld.h"
 
 namespace kestrowan::test {
@@ -53,11 +54,11 @@ Path pathOf(const std::string& text) {
 
 class WorldWriter {
  public:
-  explicit WorldWriter(const PlannerWorld& world)
-      : planner_(world), world_(world.world_), view_(world_.tree) {}
+  WorldWriter(const PlannerWorld& world, const Renaming& renaming)
+      : planner_(world), world_(world.world_), renaming_(renaming), view_(world_.tree) {}
 
   std::string write() {
-    items_ = allItems(*view_);
+    items_ = allItems(*view_, renaming_);
     byte(static_cast<unsigned>(items_.size()));
     for (std::size_t i = 1; i < items_.size(); ++i) item(*items_[i]);
     byte(static_cast<unsigned>(view_->intents().all().size()));
@@ -79,7 +80,8 @@ class WorldWriter {
 
  private:
   void byte(unsigned value) { out_ += static_cast<char>(value); }
-  void word(const std::string& text) {
+  void word(const std::string& text) { renamed(renaming_(text)); }
+  void renamed(const std::string& text) {
     const unsigned number = dictionary().number(text);
     byte(number & 0xFF);
     byte(number >> 8);
@@ -138,11 +140,13 @@ class WorldWriter {
   }
   void tree(const std::map<Path, ModelProvider::Entry>& tree) {
     byte(static_cast<unsigned>(tree.size()));
-    for (const auto& [path, entry] : tree) {
-      word(path.text());
-      byte(static_cast<unsigned>(entry.kind));
-      version(ModelProvider::versionOf(entry));
-      content(entry.content);
+    std::map<std::string, const ModelProvider::Entry*> ordered;
+    for (const auto& [path, entry] : tree) ordered[renaming_(path.text())] = &entry;
+    for (const auto& [text, entry] : ordered) {
+      renamed(text);
+      byte(static_cast<unsigned>(entry->kind));
+      version(ModelProvider::versionOf(*entry));
+      content(entry->content);
     }
   }
   void flights(const std::vector<PlannerWorld::Flight>& flights) {
@@ -225,6 +229,7 @@ class WorldWriter {
 
   const PlannerWorld& planner_;
   const ModelWorld& world_;
+  const Renaming& renaming_;
   View view_;
   std::string out_;
   std::vector<const Item*> items_;
@@ -394,8 +399,68 @@ PlannerWorld::PlannerWorld(const std::string& text) {
   WorldReader(*this, text).read();
 }
 
-std::string PlannerWorld::encoded() const {
-  return WorldWriter(*this).write();
+/// What names are used for in a world.
+class WorldNames {
+ public:
+  WorldNames(const PlannerWorld& world, const std::vector<std::string>& names) : uses_(names) {
+    const View view(world.world_.tree);
+    for (const Item* one : allItems(*view)) item(*view, *one);
+    for (const Intent& one : view->intents().all()) intent(one);
+    for (const auto& [path, entry] : world.world_.provider.tree) {
+      uses_.add(path.text(), 1000 + static_cast<unsigned>(entry.kind));
+    }
+    for (const auto* flights : {&world.flights_, &world.late_}) {
+      for (const auto& flight : *flights) {
+        const unsigned use = 2000 + 10 * static_cast<unsigned>(flight.verb) + flight.due;
+        if (flight.source) uses_.add(flight.source->text(), use);
+        if (flight.target) uses_.add(flight.target->text(), use + 500);
+      }
+    }
+  }
+
+  std::vector<Renaming> inOrder() const { return uses_.inOrder(); }
+
+ private:
+  void item(const State& state, const Item& item) {
+    const auto& here = item.here();
+    const auto& there = item.there();
+    const auto& agreed = item.agreed();
+    unsigned shape = item.isFile() ? 1 : 0;
+    for (const bool one :
+         {here.has_value(), there.has_value(), agreed.has_value(),
+          here && here->content == Content::none, there && there->content == Content::none,
+          here && agreed && here->content == agreed->content, item.isNewThere(),
+          state.anyHereIn(item.number()) != nullptr, state.anyThereIn(item.number()) != nullptr,
+          here && here->place.folder == ItemNumber::root,
+          there && there->place.folder == ItemNumber::root,
+          agreed && agreed->place.folder == ItemNumber::root}) {
+      shape = shape * 2 + (one ? 1 : 0);
+    }
+    if (here) uses_.add(here->place.name.view(), 10000 + shape * 4);
+    if (there) uses_.add(there->place.name.view(), 10001 + shape * 4);
+    if (agreed) uses_.add(agreed->place.name.view(), 10002 + shape * 4);
+  }
+  void intent(const Intent& intent) {
+    const unsigned use = 4000 + 10 * static_cast<unsigned>(intent.verb) + (intent.looked ? 1 : 0) +
+                         (intent.over ? 2 : 0) + (intent.isUnderWay() ? 4 : 0);
+    if (intent.source) uses_.add(intent.source->text(), use);
+    if (intent.target) uses_.add(intent.target->text(), use + 500);
+  }
+
+  NameUses uses_;
+};
+
+std::string PlannerWorld::encoded(const std::vector<std::string>& alike, Renaming* used) const {
+  const auto renamings =
+      alike.empty() ? std::vector<Renaming>(1) : WorldNames(*this, alike).inOrder();
+  std::string least;
+  for (const Renaming& renaming : renamings) {
+    std::string text = WorldWriter(*this, renaming).write();
+    if (!least.empty() && least <= text) continue;
+    least = std::move(text);
+    if (used) *used = renaming;
+  }
+  return least;
 }
 
 }  // namespace kestrowan::test
