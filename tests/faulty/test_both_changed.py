@@ -61,10 +61,7 @@ def begin(apache, apache_place):
 # ---- names that are taken over -------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("draft_there", [
-    pytest.param("removed", marks=pytest.mark.xfail(
-        strict=True, reason="what the other client wrote to report.txt is not seen any more")),
-    "changed", "kept"])
+@pytest.mark.parametrize("draft_there", ["removed", "changed", "kept"])
 def test_a_file_takes_the_place_of_one_that_changed_at_the_server(begin, draft_there):
     both = begin({"draft.txt": b"the draft", "report.txt": OLD})
     both.server.stop()
@@ -83,7 +80,6 @@ def test_a_file_takes_the_place_of_one_that_changed_at_the_server(begin, draft_t
     assert tree["/report.txt"] == THEIRS
 
 
-@pytest.mark.xfail(strict=True, reason="two changes wait for one another, and for ever")
 @pytest.mark.parametrize("name, other", [("doc", "doc.bak"), ("in/f", "out/f")])
 def test_a_file_goes_over_another_and_back(begin, name, other):
     both = begin({name: b"the document", other: b"what was kept of it"})
@@ -97,8 +93,6 @@ def test_a_file_goes_over_another_and_back(begin, name, other):
     assert "/" + other not in tree
 
 
-@pytest.mark.xfail(strict=True, reason="after a restart the file is never made anew, and waits for "
-                                       "ever")
 def test_a_file_that_was_renamed_here_and_removed_there_is_made_anew(begin):
     both = begin({"a": OLD, "b": OLD})
     both.server.stop()
@@ -112,7 +106,6 @@ def test_a_file_that_was_renamed_here_and_removed_there_is_made_anew(begin):
     assert both.settle() == {"/b": OURS, "/c": OLD}
 
 
-@pytest.mark.xfail(strict=True, reason="two changes wait for one another, and for ever")
 def test_a_file_comes_back_over_the_one_that_took_its_place(begin):
     both = begin({"a": b"a document", "b": OLD})
     both.server.stop()
@@ -144,8 +137,6 @@ def test_what_was_moved_into_a_folder_that_then_went_is_removed(begin, are_here,
     assert both.settle() == {"/c": OLD, "/a": OURS}
 
 
-@pytest.mark.xfail(strict=True, reason="the name whose letters are composed otherwise is taken for "
-                                       "the first one, which is overwritten")
 def test_names_that_differ_in_how_letters_are_composed_are_two(begin):
     both = begin({"other": OLD})
     write(both.here / "caf\u00e9", b"composed")
@@ -157,8 +148,6 @@ def test_names_that_differ_in_how_letters_are_composed_are_two(begin):
 # ---- contents ------------------------------------------------------------------------------------
 
 
-@pytest.mark.xfail(strict=True, reason="contents are taken for another file's because size and date "
-                                       "are the same")
 def test_another_file_of_the_same_size_and_date_has_its_own_contents(begin):
     both = begin({"p1.bin": b"one " * 256, "q": OLD})
     dates = os.stat(both.there / "p1.bin")
@@ -195,7 +184,6 @@ def listed_anew(dav, home):
     wait_for(lambda: os.listdir(home) and len(listings(dav)) >= known + 2, "listing")
 
 
-@pytest.mark.xfail(strict=True, reason="the newer version is deleted, though a listing had shown it")
 def test_a_changed_file_is_removed_whose_other_version_was_listed(home, dav):
     # A look at the file itself fails, so nothing is sent of it.
     dav.fault("PROPFIND", "/Home/d/doc.txt", depth="0", effect=False, answer={"status": 503})
@@ -210,7 +198,6 @@ def test_a_changed_file_is_removed_whose_other_version_was_listed(home, dav):
     assert dav.read("/Home/d/doc.txt") == THEIRS
 
 
-@pytest.mark.xfail(strict=True, reason="the newer version is deleted, though a listing had shown it")
 def test_a_changed_file_gets_a_name_that_stays_here_and_its_other_version_stays(home, dav,
                                                                                dav_place):
     dav.fault("PROPFIND", "/Home/d/doc.txt", depth="0", effect=False, answer={"status": 503})
@@ -233,9 +220,7 @@ SAME_SIZE = bytes(reversed(OURS))
 @pytest.mark.parametrize("name", ["doc.txt", "new.txt"])
 @pytest.mark.parametrize("theirs", [
     pytest.param(THEIRS, id="another-size"),
-    pytest.param(SAME_SIZE, id="the-same-size", marks=pytest.mark.xfail(
-        strict=True, reason="what another client wrote is taken for what was sent: both sides "
-                            "differ for ever"))])
+    pytest.param(SAME_SIZE, id="the-same-size")])
 def test_another_client_writes_right_after_an_upload(home, dav, dav_place, name, theirs):
     def overwrite(answer):
         dav.put(f"/Home/d/{name}", theirs)
@@ -259,8 +244,6 @@ def test_another_client_writes_right_after_an_upload(home, dav, dav_place, name,
     assert any(theirs in one for one in dav.tree("/Home/d").values())
 
 
-@pytest.mark.xfail(strict=True, reason="fsync succeeds, though what was written lies under another "
-                                       "name and has arrived nowhere")
 def test_fsync_that_waits_for_the_server_tells_of_a_conflict(dav, dav_place):
     dav.put("/Home/d/doc.txt", OLD)
     dav_place.mount("--fsync=server").ready()
@@ -280,7 +263,6 @@ def test_fsync_that_waits_for_the_server_tells_of_a_conflict(dav, dav_place):
 # ---- folders -------------------------------------------------------------------------------------
 
 
-@pytest.mark.xfail(strict=True, reason="the new file is refused for good, as a stale file handle")
 def test_a_folder_goes_while_it_is_listed_for_a_new_file_in_it(dav, dav_place):
     dav.put("/Home/d/sub/cloud.txt", OLD)
     dav_place.mount().ready()

@@ -41,8 +41,8 @@ def test_an_item_of_another_place_is_never_asked_for(dav, dav_place, identifier)
     os.unlink(folder / "a.txt")
     (folder / "b.txt").write_bytes(b"new")
     host.kill()
-    assert forge(dav_place, "UPDATE items SET base_identifier = ? WHERE name IN (?, ?)", identifier,
-                 b"a.txt", b"b.txt") == 2
+    assert forge(dav_place, "UPDATE tree SET there_identifier = ? WHERE coalesce(there_name, here_name)"
+                            " IN (?, ?)", identifier, b"a.txt", b"b.txt") == 2
     dav.log.clear()
     dav.heal()
     host = dav_place.mount().ready()
@@ -71,7 +71,7 @@ def test_what_is_in_a_folder_of_another_place_is_never_asked_for(dav, dav_place,
     (sub / "b.txt").write_bytes(b"changed")
     (sub / "new.txt").write_bytes(b"made")
     host.kill()
-    assert forge(dav_place, "UPDATE items SET base_identifier = ? WHERE name = ?", identifier,
+    assert forge(dav_place, "UPDATE tree SET there_identifier = ? WHERE here_name = ?", identifier,
                  b"sub") == 1
     dav.log.clear()
     dav.heal()
@@ -86,14 +86,14 @@ def test_what_is_in_a_folder_of_another_place_is_never_asked_for(dav, dav_place,
 
 
 @pytest.mark.parametrize("change", [
-    "base_identifier = CAST('/Home/d' AS BLOB)", "base_identifier = NULL", "removed = 1",
-    "kind = 0", "base_identifier = CAST('' AS BLOB)"])
+    "there_identifier = CAST('/Home/d' AS BLOB)", "here_folder = NULL, here_name = NULL",
+    "there_folder = NULL", "kind = 0"])
 def test_a_root_that_is_another_item_is_not_believed(dav, dav_place, change):
     dav.put("/Home/d/a.txt", OLD)
     host = dav_place.mount().ready()
     read_tree(dav_place.point / "Home")
     host.kill()
-    assert forge(dav_place, f"UPDATE items SET {change} WHERE rid = 1") == 1
+    assert forge(dav_place, f"UPDATE tree SET {change} WHERE number = 1") == 1
     dav.log.clear()
     dav_place.mount().ready()
     assert os.listdir(dav_place.point) == ["Home"]

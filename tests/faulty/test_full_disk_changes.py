@@ -108,8 +108,6 @@ def test_a_file_that_cannot_be_cut_for_lack_of_a_note_stays_whole(home, dav, sma
     assert dav.tree("/Home/d") == {"/file": CONTENTS + b"and more"}
 
 
-@pytest.mark.xfail(strict=True, reason="the file is there again after a death of the program, and "
-                                       "is sent")
 def test_a_file_that_was_never_sent_stays_removed(home, dav, small_disk):
     dav.fault("PUT", None, answer={"status": 503}, effect=False)
     (home / "file").write_bytes(CONTENTS)
@@ -127,7 +125,6 @@ def test_a_file_that_was_never_sent_stays_removed(home, dav, small_disk):
     assert dav.tree("/Home/d") == expected
 
 
-@pytest.mark.xfail(strict=True, reason="there is no mount: something small cannot be written")
 @pytest.mark.parametrize("end", ["kill", "end"])
 def test_a_mount_begins_on_a_full_disk(home, dav, small_disk, end):
     dav.fault("PUT", None, answer={"status": 503}, effect=False)

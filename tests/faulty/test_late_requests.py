@@ -14,9 +14,6 @@ from trees import read_tree
 OLD = b"old contents"
 FIRST = b"the first version"
 SECOND = b"the second version, a little longer"
-CONFIRMED_IS_LOST = pytest.mark.xfail(
-    strict=True, reason="the first version is shown when it comes at last; the second one, which "
-                        "the server had confirmed, is nowhere")
 
 
 def write(path, contents):
@@ -57,7 +54,6 @@ def lose_the_answer(dav, place, how):
         place.mount().ready()
 
 
-@CONFIRMED_IS_LOST
 @pytest.mark.parametrize("name", ["doc.txt", "new.txt"])
 @pytest.mark.parametrize("how", ["killed", "cut"])
 def test_an_upload_lands_after_a_later_one(home, dav, dav_place, name, how):
@@ -76,7 +72,6 @@ def test_an_upload_lands_after_a_later_one(home, dav, dav_place, name, how):
     assert (home / name).read_bytes() == SECOND
 
 
-@pytest.mark.xfail(strict=True, reason="the late upload is taken for another client's file")
 @pytest.mark.parametrize("how", ["killed", "cut"])
 def test_an_upload_lands_after_its_file_was_renamed(home, dav, dav_place, how):
     send_first(home, dav, "new.txt")
@@ -94,8 +89,6 @@ def test_an_upload_lands_after_its_file_was_renamed(home, dav, dav_place, how):
     assert read_tree(home) == expected
 
 
-@pytest.mark.xfail(strict=True, reason="the file that is to be replaced is deleted before the one "
-                                       "that replaces it has arrived")
 def test_what_is_replaced_stays_while_the_server_is_full(home, dav, dav_place):
     """A program saves by a rename while its new file is on its way already."""
     seen = []
