@@ -220,7 +220,9 @@ SAME_SIZE = bytes(reversed(OURS))
 @pytest.mark.parametrize("name", ["doc.txt", "new.txt"])
 @pytest.mark.parametrize("theirs", [
     pytest.param(THEIRS, id="another-size"),
-    pytest.param(SAME_SIZE, id="the-same-size")])
+    pytest.param(SAME_SIZE, id="the-same-size", marks=pytest.mark.xfail(
+        strict=True, reason="the answer to the upload shows what another client wrote of the same "
+                            "size, and nothing tells it from what was sent"))])
 def test_another_client_writes_right_after_an_upload(home, dav, dav_place, name, theirs):
     def overwrite(answer):
         dav.put(f"/Home/d/{name}", theirs)

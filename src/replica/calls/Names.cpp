@@ -167,8 +167,23 @@ void Names::checkRemoval(const Item& item) const {
   requireCapable(item, Capability::allowsDeleting);
 }
 
+/// A program has removed or replaced a side of a conflict, and with that resolved it.
+void Names::endConflict(Edit& edit, ItemNumber number) const {
+  const auto conflict = edit->item(number).attributes().conflict;
+  if (conflict == model::ConflictNumber::none) return;
+  for (const ItemNumber side : {ItemNumber{static_cast<std::uint64_t>(conflict)},
+                                rooms_.tally.copyOf(conflict)}) {
+    const Item* item = edit->find(side);
+    if (!item || item->attributes().conflict != conflict) continue;
+    model::Attributes attributes = item->attributes();
+    attributes.conflict = model::ConflictNumber::none;
+    edit.setAttributes(side, std::move(attributes));
+  }
+}
+
 /// The item has no name here any more.
-void Names::leave(Edit& edit, ItemNumber number) {
+void Names::leave(Edit& edit, ItemNumber number) const {
+  endConflict(edit, number);
   if (isOnlyHere(*edit, edit->item(number))) {
     edit.drop(number);
     return;

@@ -53,7 +53,8 @@ class Names {
   void checkMove(const model::State& state, const Move& move) const;
   Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
   Task<void> removeItem(model::ItemNumber item);
-  static void leave(model::Edit& edit, model::ItemNumber item);
+  void endConflict(model::Edit& edit, model::ItemNumber item) const;
+  void leave(model::Edit& edit, model::ItemNumber item) const;
   void syncSource(const Move& move) const;
   Moved apply(const Move& move);
   Task<void> fetchWhileAnswered(model::ItemNumber file);

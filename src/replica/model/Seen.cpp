@@ -9,6 +9,12 @@ const There* shownState(const Item& item) {
   return item.there() ? &*item.there() : nullptr;
 }
 
+bool isConflictCopy(const Item& item) {
+  const ConflictNumber conflict = item.attributes().conflict;
+  return conflict != ConflictNumber::none &&
+         static_cast<std::uint64_t>(conflict) != static_cast<std::uint64_t>(item.number());
+}
+
 FileTime modifiedOf(const There& there) {
   using std::chrono::nanoseconds;
   using std::chrono::seconds;

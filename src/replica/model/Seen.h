@@ -10,6 +10,10 @@ namespace kestrowan::replica::model {
 /// What the provider says of the bytes that programs see; null when it has none of them.
 const There* shownState(const Item& item);
 
+/// Whether an item is the copy from here of a file that both sides had changed. The other side has
+/// the number of the conflict.
+bool isConflictCopy(const Item& item);
+
 /// The date of a state in nanoseconds, or the nearest that there is; 1970 when it has none.
 FileTime modifiedOf(const There& there);
 

@@ -1,5 +1,7 @@
 #include "replica/pull/Tally.h"
 
+#include "replica/model/Seen.h"
+
 namespace kestrowan::replica::pull {
 
 using model::ConflictNumber;
@@ -28,11 +30,7 @@ void Tally::note(const Item& item, std::int64_t size) {
   pending_.set(item.number(), isToSend, size);
   const ConflictNumber conflict = item.attributes().conflict;
   std::erase_if(copies_, [&](const auto& copy) { return copy.second == item.number(); });
-  // The other side has the number of the conflict.
-  const bool isCopy =
-      conflict != ConflictNumber::none &&
-      static_cast<std::uint64_t>(conflict) != static_cast<std::uint64_t>(item.number());
-  if (isCopy && item.here()) copies_.emplace(conflict, item.number());
+  if (model::isConflictCopy(item) && item.here()) copies_.emplace(conflict, item.number());
 }
 
 std::vector<ItemNumber> Tally::conflictCopies() const {

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <utility>
 
+#include "async/SleepFor.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/fileprovider/TemplateItem.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Log.h"
+#include "replica/model/Seen.h"
 #include "replica/model/View.h"
 #include "replica/plan/Plan.h"
 #include "replica/pull/FolderDate.h"
@@ -37,6 +39,9 @@ using remote::ErrorClass;
 namespace Field = NSFileProviderItemField;
 
 namespace {
+
+/// Before what could not be noted on the disk is tried again.
+constexpr std::chrono::milliseconds kNotePause{1000};
 
 NSFileProviderItemPtr templateOf(NSFileProviderItemIdentifier identifier,
                                  NSFileProviderItemIdentifier folder, const std::string& name,
@@ -70,7 +75,7 @@ void addPaths(std::vector<Path>& paths, const plan::Request& request) {
 
 }  // namespace
 
-Push::Push(model::Tree& tree, const async::Loop& loop, remote::Provider& provider,
+Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider,
            remote::Reach& health, const Options& options, const pull::Settler& settler,
            pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
            store::Contents& contents)
@@ -323,14 +328,32 @@ Task<void> Push::send(Sent sent) {
     problem = caughtError();
   }
   health_.note(problem);
-  if (problem) {
-    writeFailure(sent, *problem);
-    throw *problem;
-  }
-  if (sent.push.change == Change::remove) {
-    writeRemoval(sent);
-  } else {
-    writeAnswer(sent, written);
+  auto noted = note([&] {
+    if (problem) {
+      writeFailure(sent, *problem);
+    } else if (sent.push.change == Change::remove) {
+      writeRemoval(sent);
+    } else {
+      writeAnswer(sent, written);
+    }
+  });
+  co_await std::move(noted);
+  if (problem) throw *problem;
+}
+
+/// What came of a request is noted, however long the disk does not take it.
+Task<void> Push::note(std::function<void()> write) {
+  for (;;) {
+    std::optional<NSError> problem;
+    try {
+      write();
+    } catch (const NSError& error) {
+      if (error.domain() != NSPOSIXErrorDomain) throw;
+      problem = error;
+    }
+    if (!problem) co_return;
+    auto slept = async::sleepFor(loop_, kNotePause);
+    co_await std::move(slept);
   }
 }
 
@@ -410,11 +433,13 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
   const Item& folder = edit->item(sent.target.folder);
   There now = pull::thereOf(answered, folder.number(), edit->identifier(folder), options_,
                             pull::Source::answer);
-  const bool isOverwritten =
-      sent.hasContents() && now.isVersionKnown && now.size != sent.frozen.size;
+  bool isOverwritten = sent.hasContents() && now.isVersionKnown && now.size != sent.frozen.size;
   if (sent.hasContents() && !now.isVersionKnown) now.size = sent.frozen.size;
   const Item* before = edit->find(sent.push.item);
   const auto known = before ? before->there() : std::nullopt;
+  // What is changed on its way again is not laid beside itself again.
+  const bool isChangedAgain = isOverwritten && before && model::isConflictCopy(*before);
+  if (isChangedAgain) isOverwritten = false;
   for (const IntentNumber number : sent.intents) {
     const auto& intents = edit->intents().all();
     const auto found = std::find_if(intents.begin(), intents.end(),
@@ -460,6 +485,23 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
   // A new folder has nothing in it.
   if (sent.isCreation() && item->isFolder()) attributes.listedAt = this->now();
   edit.setAttributes(item->number(), std::move(attributes));
+  if (isChangedAgain && item->here() && item->here()->content == sent.frozen.number) {
+    showWhatIsThere(edit, item->number());
+  }
+}
+
+/// Theirs takes the place of what was sent, which is kept in the history.
+void Push::showWhatIsThere(Edit& edit, ItemNumber number) {
+  const Item& item = edit->item(number);
+  There there = *item.there();
+  there.content = Content::none;
+  Attributes attributes = item.attributes();
+  attributes.size.reset();
+  attributes.modified.reset();
+  edit.setThere(number, there);
+  edit.setAgreed(number, std::move(there));
+  edit.setHere(number, model::Here{item.here()->place, Content::none});
+  edit.setAttributes(number, std::move(attributes));
 }
 
 void Push::writeFailure(const Sent& sent, const NSError& error) {

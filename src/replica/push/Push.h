@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,7 +27,7 @@ namespace kestrowan::replica::push {
 /// provider's `NSError`, and this machine's; what may have arrived all the same is noted as such.
 class Push {
  public:
-  Push(model::Tree& tree, const async::Loop& loop, remote::Provider& provider,
+  Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider,
        remote::Reach& health, const Options& options, const pull::Settler& settler,
        pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
        store::Contents& contents);
@@ -81,6 +82,8 @@ class Push {
   Task<remote::WrittenItem> request(const Sent& sent);
   void writeAnswer(const Sent& sent, const remote::WrittenItem& written);
   void writeRemoval(const Sent& sent);
+  Task<void> note(std::function<void()> write);
+  static void showWhatIsThere(model::Edit& edit, model::ItemNumber item);
   void writeState(model::Edit& edit, const Sent& sent, const NSFileProviderItem& answered);
   static void writeGone(model::Edit& edit, const Sent& sent);
   bool isAnswerAbout(const model::State& state, const Sent& sent,
@@ -88,7 +91,7 @@ class Push {
   void writeFailure(const Sent& sent, const NSError& error);
 
   model::Tree& tree_;
-  const async::Loop& loop_;
+  async::Loop& loop_;
   remote::Provider& provider_;
   remote::Reach& health_;
   const Options& options_;

@@ -9,6 +9,7 @@
 
 #include "platform/foundation/NSError.h"
 #include "replica/Log.h"
+#include "replica/model/Seen.h"
 #include "replica/store/FormerRecovery.h"
 #include "replica/store/StoreFiles.h"
 #include "replica/store/TreeLoader.h"
@@ -16,7 +17,6 @@
 
 namespace kestrowan::replica {
 
-using model::ConflictNumber;
 using model::FailureClass;
 using model::Item;
 using model::ItemNumber;
@@ -36,13 +36,6 @@ void syncFile(const std::string& path) {
   if (::fsync(file.get()) != 0) throw fileError(errno, path);
 }
 
-/// The other side of a conflict has its number.
-bool isConflictCopy(const Item& item) {
-  const auto conflict = item.attributes().conflict;
-  return conflict != ConflictNumber::none &&
-         static_cast<std::uint64_t>(conflict) != static_cast<std::uint64_t>(item.number());
-}
-
 void count(Unsent& found, const State& state, std::size_t most) {
   state.forEach([&](const Item& item) {
     if (item.here() && item.attributes().localOnly) ++found.localOnly;
@@ -52,7 +45,7 @@ void count(Unsent& found, const State& state, std::size_t most) {
     ++found.changes;
     const auto& failure = item.attributes().failure;
     if (failure && failure->failureClass == FailureClass::refused) ++found.refused;
-    if (isConflictCopy(item)) ++found.conflicts;
+    if (model::isConflictCopy(item)) ++found.conflicts;
     if (found.paths.size() < most) found.paths.push_back(shownPath(state, item));
   }
 }
