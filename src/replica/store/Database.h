@@ -31,8 +31,7 @@ class Database {
   /// from time to time. Done by the owner once it knows that the file is its own. The log stays,
   /// empty and with the room that it has, when the database is closed.
   void beginLogging();
-  /// Leaves the log as it is when the database is closed, instead of moving it to the file; one
-  /// that holds nothing is removed.
+  /// Leaves the log as it is when the database is closed, instead of moving it to the file.
   void leaveLog();
   const std::string& path() const { return path_; }
   std::string logPath() const { return path_ + "-wal"; }
