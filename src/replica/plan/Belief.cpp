@@ -69,7 +69,6 @@ std::vector<ItemNumber> Belief::absent(ItemNumber folder, const Listing& listing
   for (const ItemNumber number : lacked) {
     const auto since = doubts_.missing.try_emplace(number, began_).first->second;
     if (began_ - since < kSecondLook && !losesNothing(state_.item(number))) continue;
-    doubts_.missing.erase(number);
     result.push_back(number);
   }
   return result;

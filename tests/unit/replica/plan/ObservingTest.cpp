@@ -401,6 +401,30 @@ TEST_F(AbsenceTest, OfHalfOfTenIsNoMatterOfSuspicion) {
   EXPECT_FALSE(isThere(items[9]));
 }
 
+TEST_F(AbsenceTest, IsSuspectedAnewAfterAListingThatLostLittle) {
+  std::vector<ItemNumber> items;
+  Listing all;
+  for (const char* name : {"a", "b", "c"}) {
+    items.push_back(state_.file(top(name), kNone));
+    all.entries.emplace(name, file());
+  }
+  lookAt({}, {});
+  lookAt(all, kSuspicionTime);
+  lookAt({}, kSuspicionTime * 2);
+  EXPECT_TRUE(isThere(items[0]));
+}
+
+TEST_F(AbsenceTest, OfWhatBecameAnotherKindIsNoReasonForSuspicion) {
+  Listing folders;
+  for (unsigned i = 0; i < 10; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    state_.file(top(name), kNone);
+    folders.entries.emplace(name, folder());
+  }
+  EXPECT_TRUE(lookAt(folders, {}).unproved.empty());
+  EXPECT_TRUE(thereAt(top("f0"))->isFolder());
+}
+
 TEST_F(AbsenceTest, OfWhatWasRemovedHereIsNoReasonForSuspicion) {
   for (const char* name : {"a", "b", "c"}) state_.remove(state_.file(top(name)));
   EXPECT_TRUE(lookAt({}, {}).unproved.empty());
