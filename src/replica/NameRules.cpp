@@ -78,14 +78,6 @@ NameClass nameClass(std::string_view name) {
   return NameClass::ordinary;
 }
 
-bool isConflictName(std::string_view name) {
-  const auto begin = name.find(kConflictMark);
-  if (begin == std::string_view::npos) return false;
-  const auto rest = name.substr(begin + kConflictMark.size());
-  return !rest.empty() && rest.front() >= '0' && rest.front() <= '9' &&
-         rest.find(')') != std::string_view::npos;
-}
-
 std::string conflictName(std::string_view name, std::int64_t at, std::string_view host,
                          unsigned attempt) {
   std::string suffix = std::string(kConflictMark) + localMinute(at);

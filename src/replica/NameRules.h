@@ -28,9 +28,6 @@ NameClass nameClass(std::string_view name);
 std::string conflictName(std::string_view name, std::int64_t at, std::string_view host,
                          unsigned attempt = 1);
 
-/// Whether `name` looks like one of those.
-bool isConflictName(std::string_view name);
-
 /// "name (2).ext", under the same limit; `number` is at least 2.
 std::string bouncedName(std::string_view name, unsigned number);
 

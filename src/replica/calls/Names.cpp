@@ -171,8 +171,8 @@ void Names::checkRemoval(const Item& item) const {
 void Names::endConflict(Edit& edit, ItemNumber number) const {
   const auto conflict = edit->item(number).attributes().conflict;
   if (conflict == model::ConflictNumber::none) return;
-  for (const ItemNumber side : {ItemNumber{static_cast<std::uint64_t>(conflict)},
-                                rooms_.tally.copyOf(conflict)}) {
+  for (const ItemNumber side :
+       {ItemNumber{static_cast<std::uint64_t>(conflict)}, rooms_.tally.copyOf(conflict)}) {
     const Item* item = edit->find(side);
     if (!item || item->attributes().conflict != conflict) continue;
     model::Attributes attributes = item->attributes();

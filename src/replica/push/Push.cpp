@@ -75,10 +75,9 @@ void addPaths(std::vector<Path>& paths, const plan::Request& request) {
 
 }  // namespace
 
-Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider,
-           remote::Reach& health, const Options& options, const pull::Settler& settler,
-           pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
-           store::Contents& contents)
+Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Reach& health,
+           const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
+           pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents)
     : tree_(tree),
       loop_(loop),
       provider_(provider),

@@ -27,10 +27,9 @@ namespace kestrowan::replica::push {
 /// provider's `NSError`, and this machine's; what may have arrived all the same is noted as such.
 class Push {
  public:
-  Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider,
-       remote::Reach& health, const Options& options, const pull::Settler& settler,
-       pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
-       store::Contents& contents);
+  Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Reach& health,
+       const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
+       pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents);
   Push(const Push&) = delete;
   Push& operator=(const Push&) = delete;
 

@@ -164,7 +164,8 @@ void ModelWorld::change(const Event& event, Content made) {
       // What is replaced goes after what replaces it has arrived.
       const Here other = *edit->item(event.other).here();
       forget(shown(edit->item(event.other)));
-      if (edit->item(event.other).isFile()) plan::followReplacement(edit, event.other, event.item);
+      if (edit->item(event.other).isFile())
+        replica::plan::followReplacement(edit, event.other, event.item);
       edit.setHere(event.other, std::nullopt);
       edit.setHere(event.item, Here{other.place, edit->item(event.item).here()->content});
       break;
