@@ -61,6 +61,7 @@ class StoreFixture : public TreeFixture {
     model::Attributes attributes = item.attributes();
     attributes.size = size;
     attributes.changed = model::FileTime(std::chrono::milliseconds(loop_.wallClock()));
+    attributes.modified = attributes.changed;
     edit.setHere(number, model::Here{item.here()->place, content});
     edit.setAttributes(number, std::move(attributes));
     edit.commit();
