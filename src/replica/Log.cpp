@@ -17,6 +17,13 @@ const Logger& replicaLog() {
   return log;
 }
 
+/// As programs see it, else as the provider has or had it; null when it is nowhere.
+const model::Place* placeOf(const Item& item) {
+  if (item.here()) return &item.here()->place;
+  if (item.there()) return &item.there()->place;
+  return item.agreed() ? &item.agreed()->place : nullptr;
+}
+
 }  // namespace
 
 std::string shownPath(const State& state, const Item& item) {
@@ -24,10 +31,10 @@ std::string shownPath(const State& state, const Item& item) {
   std::string path;
   const Item* at = &item;
   while (at && at->number() != ItemNumber::root) {
-    const auto& place = at->here() ? at->here()->place : at->there()->place;
-    path.insert(0, "/" + place.name);
-    const Item* folder = state.find(place.folder);
-    at = folder && (folder->here() || folder->there()) ? folder : nullptr;
+    const model::Place* place = placeOf(*at);
+    if (!place) break;
+    path.insert(0, "/" + place->name);
+    at = state.find(place->folder);
   }
   return path;
 }
@@ -35,10 +42,9 @@ std::string shownPath(const State& state, const Item& item) {
 void logItem(std::string_view what, const State& state, ItemNumber number,
              std::string_view detail) {
   const Item* item = state.find(number);
-  const bool isSomewhere = item && (item->here() || item->there());
   // Limits count the messages of one form, and those of another kind are not to count with them.
   const auto form = std::string(what) + ": %{public}s %{public}s";
-  replicaLog().error(form, {isSomewhere ? shownPath(state, *item) : std::string(), detail});
+  replicaLog().error(form, {item ? shownPath(state, *item) : std::string(), detail});
 }
 
 }  // namespace kestrowan::replica

@@ -10,7 +10,8 @@ namespace kestrowan::replica {
 void logItem(std::string_view what, const model::State& state, model::ItemNumber item,
              std::string_view detail = {});
 
-/// From the root, beginning with "/": as programs see it, else as the provider has it.
+/// From the root, beginning with "/": as programs see it, else as the provider has or had it;
+/// empty when it is nowhere.
 std::string shownPath(const model::State& state, const model::Item& item);
 
 }  // namespace kestrowan::replica

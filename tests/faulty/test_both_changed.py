@@ -185,8 +185,9 @@ def listed_anew(dav, home):
 
 
 def test_a_changed_file_is_removed_whose_other_version_was_listed(home, dav):
-    # A look at the file itself fails, so nothing is sent of it.
+    # A look at the file itself fails, so nothing is sent of it; nor can the two be compared.
     dav.fault("PROPFIND", "/Home/d/doc.txt", depth="0", effect=False, answer={"status": 503})
+    dav.fault("GET", "/Home/d/doc.txt", effect=False, answer={"status": 503})
     with open(home / "doc.txt", "ab") as file:
         file.write(OURS)
     dav.put("/Home/d/doc.txt", THEIRS)
@@ -201,6 +202,7 @@ def test_a_changed_file_is_removed_whose_other_version_was_listed(home, dav):
 def test_a_changed_file_gets_a_name_that_stays_here_and_its_other_version_stays(home, dav,
                                                                                dav_place):
     dav.fault("PROPFIND", "/Home/d/doc.txt", depth="0", effect=False, answer={"status": 503})
+    dav.fault("GET", "/Home/d/doc.txt", effect=False, answer={"status": 503})
     with open(home / "doc.txt", "ab") as file:
         file.write(OURS)
     dav.put("/Home/d/doc.txt", THEIRS)

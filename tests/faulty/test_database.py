@@ -11,7 +11,7 @@ from trees import read_tree
 
 OLD = b"old contents"
 WRITING = ("DELETE", "PUT", "MOVE", "MKCOL")
-OTHER_PLACES = [b"", b"Home", b"https://127.0.0.1/Home/d/a.txt", b"/", b"/Home", b"/Home/d",
+OTHER_PLACES = [b"Home", b"https://127.0.0.1/Home/d/a.txt", b"/", b"/Home", b"/Home/d",
                 b"/Home/d/../..", b"/Home/d/..", b"/Home/d/.", b"//Home/x", b"/Home//d/a.txt",
                 b"/Home/d/a.txt/", b"/Home/d/./a.txt", b"/home/d/a.txt", b"/Home/e/other.txt",
                 b"/Home/d/nul\0", b"NSFileProviderRootContainerItemIdentifier"]

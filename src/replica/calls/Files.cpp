@@ -258,14 +258,37 @@ Task<Attributes> Files::setAttributes(ItemNumber number, AttributeChange change)
     if (*change.size < 0) throw posixError(EINVAL);
     const OpenMode mode{.read = true, .write = true, .truncate = *change.size == 0};
     const auto file = co_await open(number, mode);
-    if (*change.size != 0) {
-      const int result = file->write(
-          [size = *change.size](int fd) { return ::ftruncate(fd, size) == 0 ? 0 : errno; });
-      if (result != 0) throw posixError(result);
-    }
+    if (*change.size != 0) cut(number, *file, *change.size);
   }
-  if (!setKeptOfLeft(number, change)) setKept(number, change);
+  const bool hasMore = change.mode || change.modified || change.accessed || !change.size;
+  if (hasMore && !setKeptOfLeft(number, change)) setKept(number, change);
   co_return attributes(number);
+}
+
+/// Cuts contents that may be changed, or makes them longer. The size is noted first: what the disk
+/// does not take leaves them whole.
+void Files::cut(ItemNumber number, OpenFile& file, std::int64_t size) {
+  const int result = file.write([&](int fd) {
+    struct stat status;
+    if (::fstat(fd, &status) != 0) return errno;
+    noteSize(number, size);
+    if (::ftruncate(fd, size) == 0) return 0;
+    const int error = errno;
+    noteSize(number, status.st_size);
+    return error;
+  });
+  if (result != 0) throw posixError(result);
+}
+
+void Files::noteSize(ItemNumber number, std::int64_t size) {
+  Edit edit(rooms_.tree, model::Origin::program);
+  const Item* item = edit->find(number);
+  if (!item || !item->here()) return;
+  model::Attributes attributes = item->attributes();
+  attributes.size = size;
+  edit.setAttributes(number, std::move(attributes));
+  edit.noteChange(number);
+  edit.commit();
 }
 
 /// Whether the item is no more, and so the change lasts as long as it is known.

@@ -40,6 +40,8 @@ class Files {
   Task<void> lookAtFolder(model::ItemNumber file);
   Task<void> fetch(model::ItemNumber file);
   Task<void> explain(model::ItemNumber file, NSError error);
+  void cut(model::ItemNumber file, OpenFile& open, std::int64_t size);
+  void noteSize(model::ItemNumber file, std::int64_t size);
   void setKept(model::ItemNumber item, const AttributeChange& change);
   bool setKeptOfLeft(model::ItemNumber item, const AttributeChange& change);
 

@@ -86,6 +86,7 @@ bool OpenItems::close(ItemNumber file, bool isWritable) {
   if (found == entries_.end()) return false;
   --found->second.handles;
   const bool isLast = isWritable && --found->second.writers == 0;
+  if (isLast) found->second.sentOpenAt.reset();
   dropIfUnused(file);
   return isLast;
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -213,7 +214,7 @@ bool Downloader::adopt(ItemNumber number, const There& before, const remote::Fet
   // The file itself here, and what lies here in the place that it has there.
   const Frozen ours = freezer_.freeze(number);
   const Frozen rival = freezer_.freeze(rivalOf(number));
-  const Content same = sameContent({ours.number, rival.number}, file.path());
+  const Content same = sameContent(number, {ours.number, rival.number}, file.path());
   if (same != Content::none) {
     write(number, before, now, same);
     return true;
@@ -240,23 +241,33 @@ ItemNumber Downloader::rivalOf(ItemNumber number) const {
   return other && other != file ? other->number() : ItemNumber::none;
 }
 
-/// What the fetched bytes may turn out to be.
-std::vector<Content> Downloader::candidates(const std::vector<Content>& here) const {
+/// What the fetched bytes may turn out to be: what is here in their place, and what requests
+/// without an answer may have put there, the latest first.
+std::vector<Content> Downloader::candidates(ItemNumber number,
+                                            const std::vector<Content>& here) const {
   std::vector<Content> result;
   for (const Content content : here) {
     if (content != Content::none) result.push_back(content);
   }
   const View view(tree_);
-  for (const Intent& intent : view->intents().all()) {
-    if (intent.content != Content::none) result.push_back(intent.content);
+  const Item* file = view->find(number);
+  if (!file || !file->there()) return result;
+  const auto path = view->therePath(*file);
+  auto intents = view->intents().atOrAbove(path);
+  std::reverse(intents.begin(), intents.end());
+  for (const Intent* intent : intents) {
+    if (intent->verb == model::Verb::put && intent->target == path) {
+      result.push_back(intent->content);
+    }
   }
   return result;
 }
 
 /// Contents that are here and hold the same bytes; `none` when there are none.
-Content Downloader::sameContent(const std::vector<Content>& here, const std::string& path) const {
+Content Downloader::sameContent(ItemNumber number, const std::vector<Content>& here,
+                                const std::string& path) const {
   const std::int64_t size = sizeOfFile(path);
-  for (const Content candidate : candidates(here)) {
+  for (const Content candidate : candidates(number, here)) {
     const std::string other = contents_.path(candidate);
     struct stat status;
     if (::stat(other.c_str(), &status) != 0 || status.st_size != size) continue;

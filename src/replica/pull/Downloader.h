@@ -51,8 +51,9 @@ class Downloader {
              bool isLast);
   void noteNewer(model::ItemNumber file, const model::There& now);
   model::ItemNumber rivalOf(model::ItemNumber file) const;
-  std::vector<model::Content> candidates(const std::vector<model::Content>& here) const;
-  model::Content sameContent(const std::vector<model::Content>& here,
+  std::vector<model::Content> candidates(model::ItemNumber file,
+                                         const std::vector<model::Content>& here) const;
+  model::Content sameContent(model::ItemNumber file, const std::vector<model::Content>& here,
                              const std::string& path) const;
   bool write(model::ItemNumber file, const model::There& before, const model::There& now,
              model::Content content);
