@@ -10,7 +10,7 @@
 namespace kestrowan::replica {
 
 /// How many files may be open for programs at once, so that they leave descriptors for everything
-/// else. A place is given back when its holder goes, on whatever thread. Guarded by the core's lock
+/// else. A place is given back when its holder goes, on whatever thread. Guarded by its owner
 /// but for that.
 class FilePlaces {
  public:

@@ -72,7 +72,7 @@ struct Options {
   /// How long a change of names waits for the provider's word.
   std::chrono::milliseconds verdictWait{3000};
   /// How long a listing is taken as it is; how long it is good while a new one is on its way; how
-  /// long somebody waits for a new one after that.
+  /// long a call waits for a new one after that.
   std::chrono::milliseconds freshTime{2000};
   std::chrono::milliseconds usableTime{30000};
   std::chrono::milliseconds listingWait{3000};

@@ -206,7 +206,7 @@ Task<void> Files::flush(std::shared_ptr<OpenFile> file) {
     hasFailed = item->attributes().failure.has_value();
   }
   if (arrival) {
-    rooms_.openItems.setUrgent(number);
+    rooms_.openItems.setAwaited(number);
     rooms_.outbox.noteUrgent(number, milliseconds(0));
     auto arrived = rooms_.verdicts.arrival(*std::move(arrival), kContentsWait);
     co_await std::move(arrived);
@@ -238,12 +238,13 @@ Task<void> Files::fsync(std::shared_ptr<OpenFile> file) {
       arrival.emplace(rooms_.verdicts.expect(number, item->here()->content));
     }
   }
-  rooms_.openItems.setUrgent(number);
   if (arrival) {
+    rooms_.openItems.setAwaited(number);
     rooms_.outbox.noteUrgent(number, milliseconds(0));
     auto arrived = rooms_.verdicts.arrival(*std::move(arrival), kContentsWait);
     co_await std::move(arrived);
   } else {
+    rooms_.openItems.setUrgent(number);
     rooms_.outbox.noteUrgent(number, rooms_.options.sendDelay);
   }
 }

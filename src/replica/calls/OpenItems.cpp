@@ -147,6 +147,7 @@ milliseconds OpenItems::openWait(ItemNumber file) const {
   const auto found = entries_.find(file);
   if (found == entries_.end() || found->second.writers == 0) return milliseconds(0);
   const Entry& entry = found->second;
+  if (entry.isAwaited) return milliseconds(0);
   const auto contents = entry.contents.lock();
   const Loop::Moment lastWrite(milliseconds(contents ? contents->lastWrite.load() : 0));
   Loop::Moment until = entry.isUrgent ? Loop::Moment() : lastWrite + kQuietTime;
@@ -163,6 +164,7 @@ void OpenItems::noteSending(ItemNumber file) {
   const auto found = entries_.find(file);
   if (found == entries_.end()) return;
   found->second.isUrgent = false;
+  found->second.isAwaited = false;
   if (found->second.writers > 0) found->second.sentOpenAt = loop_.now();
 }
 
@@ -170,6 +172,12 @@ void OpenItems::noteCopy(ItemNumber file, milliseconds time) {
   std::lock_guard lock(mutex_);
   const auto found = entries_.find(file);
   if (found != entries_.end()) found->second.copyTime = time;
+}
+
+void OpenItems::setAwaited(ItemNumber file) {
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found != entries_.end()) found->second.isAwaited = true;
 }
 
 void OpenItems::setUrgent(ItemNumber file) {

@@ -55,6 +55,8 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
   void noteCopy(model::ItemNumber file, std::chrono::milliseconds time);
   /// The file is to be sent soon although a program has it open.
   void setUrgent(model::ItemNumber file);
+  /// The same, at once: a call waits until it has arrived.
+  void setAwaited(model::ItemNumber file);
 
   /// The item is no more, or has no name any more. `seen`: what programs saw of it.
   void keepLeft(model::ItemNumber item, const Attributes& seen, model::Content content);
@@ -74,6 +76,7 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
     std::weak_ptr<OpenContents> contents;
     std::optional<Left> left;
     bool isUrgent = false;
+    bool isAwaited = false;
     /// When it was sent last while it was open.
     std::optional<async::Loop::Moment> sentOpenAt;
     std::chrono::milliseconds copyTime{0};

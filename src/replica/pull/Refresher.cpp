@@ -598,15 +598,22 @@ std::int64_t Refresher::refusedEntries() const {
 
 void Refresher::stop() {
   std::vector<std::weak_ptr<OneShot<void>>> pauses;
+  Waiters waiters;
   {
     std::lock_guard lock(mutex_);
     isStopped_ = true;
     pauses.swap(pauses_);
-  }
-  for (const auto& each : pauses) {
-    if (const auto pause = each.lock()) {
-      pause->reject(std::make_exception_ptr(posixError(ESHUTDOWN)));
+    for (auto& [number, folder] : folders_) {
+      for (Waiters* each : {&folder.waiters, &folder.nextWaiters}) {
+        waiters.insert(waiters.end(), each->begin(), each->end());
+        each->clear();
+      }
     }
+  }
+  const auto reason = std::make_exception_ptr(posixError(ESHUTDOWN));
+  for (const Waiter& waiter : waiters) waiter.shot->reject(reason);
+  for (const auto& each : pauses) {
+    if (const auto pause = each.lock()) pause->reject(reason);
   }
 }
 

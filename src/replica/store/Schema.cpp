@@ -11,7 +11,7 @@ namespace kestrowan::replica {
 
 namespace {
 
-// "KpRp", in the file's header for whoever wants to know what it is.
+// "KpRp", in the file's header for a reader that wants to know what it is.
 constexpr std::int64_t kApplication = 0x4B705270;
 
 /// What makes each version of the schema out of the one before; the first out of nothing. Never
