@@ -161,8 +161,9 @@ void Life::goOn() {
 
 void Life::stop() {
   health.stop();
-  refresher.stop();
+  // What ends because of this is no word of the provider's.
   outbox.stop();
+  refresher.stop();
   verdicts.giveUp(posixError(ESHUTDOWN));
   provider.stop();
 }

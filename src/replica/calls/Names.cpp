@@ -215,7 +215,8 @@ Task<void> Names::removeItem(ItemNumber number) {
   co_await std::move(answer);
 }
 
-Task<void> Names::removeFile(ItemNumber folder, std::string name) {
+/// What is to be removed from a folder that may be changed.
+Task<ItemNumber> Names::childToRemove(ItemNumber folder, std::string name, Kind kind) {
   {
     const View view(rooms_.tree);
     if (!mayWrite(requireFolder(*view, folder))) throw posixError(EACCES);
@@ -226,36 +227,22 @@ Task<void> Names::removeFile(ItemNumber folder, std::string name) {
   } catch (const NSError& error) {
     problem = error;
   }
-  ItemNumber number = ItemNumber::none;
-  {
-    const View view(rooms_.tree);
-    const Item* item = Folders::child(*view, folder, name);
-    if (!item) throw problem ? *problem : posixError(ENOENT);
-    if (item->isFolder()) throw posixError(EISDIR);
-    number = item->number();
-  }
+  const View view(rooms_.tree);
+  const Item* item = Folders::child(*view, folder, name);
+  if (!item) throw problem ? *problem : posixError(ENOENT);
+  if (item->kind() != kind) throw posixError(item->isFolder() ? EISDIR : ENOTDIR);
+  co_return item->number();
+}
+
+Task<void> Names::removeFile(ItemNumber folder, std::string name) {
+  auto found = childToRemove(folder, std::move(name), Kind::file);
+  const ItemNumber number = co_await std::move(found);
   co_await removeItem(number);
 }
 
 Task<void> Names::removeFolder(ItemNumber folder, std::string name) {
-  {
-    const View view(rooms_.tree);
-    if (!mayWrite(requireFolder(*view, folder))) throw posixError(EACCES);
-  }
-  std::optional<NSError> problem;
-  try {
-    co_await prepare(folder, Refresher::Need::usable);
-  } catch (const NSError& error) {
-    problem = error;
-  }
-  ItemNumber number = ItemNumber::none;
-  {
-    const View view(rooms_.tree);
-    const Item* item = Folders::child(*view, folder, name);
-    if (!item) throw problem ? *problem : posixError(ENOENT);
-    if (!item->isFolder()) throw posixError(ENOTDIR);
-    number = item->number();
-  }
+  auto found = childToRemove(folder, std::move(name), Kind::folder);
+  const ItemNumber number = co_await std::move(found);
   // The kernel lets no other call at the folder until this is answered.
   co_await prepare(number, Refresher::Need::soon);
   co_await removeItem(number);

@@ -52,6 +52,8 @@ class Names {
   void checkRemoval(const model::Item& item) const;
   void checkMove(const model::State& state, const Move& move) const;
   Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
+  Task<model::ItemNumber> childToRemove(model::ItemNumber folder, std::string name,
+                                        model::Kind kind);
   Task<void> removeItem(model::ItemNumber item);
   void endConflict(model::Edit& edit, model::ItemNumber item) const;
   void leave(model::Edit& edit, model::ItemNumber item) const;

@@ -201,6 +201,11 @@ bool Outbox::isSending(ItemNumber item) const {
   return found != entries_.end() && found->second.stage == Stage::running;
 }
 
+bool Outbox::isStopped() const {
+  std::lock_guard lock(mutex_);
+  return isStopped_;
+}
+
 bool Outbox::isIdle() const {
   std::lock_guard lock(mutex_);
   return namesRunning_ == 0 && contentsRunning_ == 0;
@@ -503,7 +508,7 @@ Task<void> Outbox::run(ItemNumber item, Task<void> task) {
     problem = caughtError();
   }
   std::optional<milliseconds> delay = milliseconds(0);
-  if (problem) {
+  if (problem && !isStopped()) {
     // Without a row for it the failure is forgotten, and found again by the next try.
     const bool isNoted =
         guarded("the failure of a request", [&] { delay = refusals_.take(item, *problem); });

@@ -97,6 +97,7 @@ class Outbox {
 
   void giveBack(const Entry& entry);
 
+  bool isStopped() const;
   model::Time now() const;
   void wake();
   void pump();

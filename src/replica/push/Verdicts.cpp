@@ -43,26 +43,29 @@ void Verdicts::forget(ItemNumber item, const std::shared_ptr<OneShot<void>>& sho
 
 Task<void> Verdicts::word(Expected expected, milliseconds limit) {
   if (!health_.isUp() || health_.isSlow()) co_return;
-  const auto since = scope_.wallClock();
-  const NSError late = posixError(ETIMEDOUT);
   std::optional<NSError> error;
   try {
-    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), expected.shot());
+    auto answer = await(std::move(expected), limit);
+    co_await std::move(answer);
   } catch (const NSError& caught) {
     error = caught;
   }
-  if (!error) co_return;
-  if (!error->is(NSPOSIXErrorDomain, ETIMEDOUT)) throw *error;
-  health_.noteWaited(since);
+  if (error && !error->is(NSPOSIXErrorDomain, ETIMEDOUT)) throw *error;
 }
 
 Task<void> Verdicts::arrival(Expected expected, milliseconds limit) {
   if (!health_.isUp()) throw health_.reason();
+  auto answer = await(std::move(expected), limit);
+  co_await std::move(answer);
+}
+
+/// Throws ETIMEDOUT when there is no word within `limit`.
+Task<void> Verdicts::await(Expected expected, milliseconds limit) {
   const auto since = scope_.wallClock();
-  const NSError late = posixError(ETIMEDOUT);
+  const auto late = std::make_exception_ptr(posixError(ETIMEDOUT));
   std::optional<NSError> error;
   try {
-    co_await async::withTimeout(scope_, limit, std::make_exception_ptr(late), expected.shot());
+    co_await async::withTimeout(scope_, limit, late, expected.shot());
   } catch (const NSError& caught) {
     error = caught;
   }

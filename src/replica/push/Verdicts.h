@@ -65,6 +65,7 @@ class Verdicts {
   };
   using Waiters = std::vector<Waiter>;
 
+  Task<void> await(Expected expected, std::chrono::milliseconds limit);
   void forget(model::ItemNumber item, const std::shared_ptr<OneShot<void>>& shot);
 
   async::Scope& scope_;
