@@ -154,6 +154,12 @@ void noteLostAnswer(Edit& edit, IntentNumber number, Time now) {
   edit.change(intent);
 }
 
+void noteNotOnItsWay(Edit& edit, IntentNumber number) {
+  Intent intent = intentOf(*edit, number);
+  intent.until = intent.ended.value_or(intent.until);
+  edit.change(intent);
+}
+
 void noteRefusal(Edit& edit, IntentNumber number) {
   edit.end(number);
 }

@@ -33,6 +33,8 @@ void noteAnswer(model::Edit& edit, model::IntentNumber number, const model::Vers
 
 /// Notes that there will be no answer: the request may have been done, or may still be.
 void noteLostAnswer(model::Edit& edit, model::IntentNumber number, model::Time now);
+/// The same of a request of which nothing can land any more: one look tells what was done.
+void noteNotOnItsWay(model::Edit& edit, model::IntentNumber intent);
 
 /// Notes that the request was not done and will not be.
 void noteRefusal(model::Edit& edit, model::IntentNumber number);

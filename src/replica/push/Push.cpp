@@ -512,6 +512,8 @@ void Push::writeFailure(const Sent& sent, const NSError& error) {
       plan::noteRefusal(edit, number);
     } else {
       plan::noteLostAnswer(edit, number, now());
+      // Without a connection nothing of it is on its way, whatever was done before.
+      if (remote::errorClass(error) == ErrorClass::down) plan::noteNotOnItsWay(edit, number);
     }
   }
   edit.commit();

@@ -215,6 +215,21 @@ TEST_F(InFlightTest, SaveByRenamingOverANewFileWithALostAnswerIsItsNewContents) 
   EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
 }
 
+TEST_F(InFlightTest, ARequestThatMetNoServerCannotLandLater) {
+  writeThere("/a", "old");
+  world.read("/a");
+  world.extension().setDown(true);
+  world.write("/a", "ours");
+  world.advance(seconds(10));
+  world.extension().setDown(false);
+  settle();
+  EXPECT_EQ(world.server().read("/a"), "ours");
+  world.server().writeFile("/a", "theirs");
+  world.advance(minutes(1));
+  EXPECT_EQ(world.read("/a"), "theirs");
+  EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+}
+
 TEST_F(InFlightTest, SaveByRenamingOverAFileWithALostAnswerIsNoConflict) {
   for (const bool released : {false, true}) {
     // What was sent before cannot land any more.
