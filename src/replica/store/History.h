@@ -72,7 +72,6 @@ class History : public LeftTaker {
 
  private:
   std::optional<HistoryEntry> entryOf(const model::Left& left) const;
-  void put(const HistoryEntry& entry);
   void count(const HistoryEntry& entry, std::int64_t by);
   std::int64_t uptime() const;
 
