@@ -2,13 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -21,15 +17,17 @@
 #include "replica/pull/Downloader.h"
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Settler.h"
+#include "replica/push/LostAnswers.h"
 #include "replica/push/OpenWait.h"
 #include "replica/push/Push.h"
+#include "replica/push/Queue.h"
 #include "replica/push/Refusals.h"
 #include "replica/remote/Reach.h"
 
 namespace kestrowan::replica::push {
 
-/// The items that wait to be sent: asks the planner for each what is to be done next, and has it
-/// done, as much at once as the limits allow. Owned by the replica. Calls may come from every
+/// Sends what is changed here: asks the planner for each item of its queue what is to be done next,
+/// and has it done. Owned by the replica. Calls may come from every
 /// thread, within an edit too; the work is done on the loop.
 class Outbox {
  public:
@@ -66,85 +64,37 @@ class Outbox {
   void stop();
 
  private:
-  enum class Stage : std::uint8_t { delayed, ready, blocked, running };
-
-  struct Entry {
-    Stage stage = Stage::delayed;
-    std::uint64_t order = 0;
-    /// Uptime.
-    async::Loop::Moment due;
-    model::Time changedAt;
-    bool isUpload = false;
-    bool isLarge = false;
-    /// The item that is waited for.
-    model::ItemNumber blocker = model::ItemNumber::none;
-    /// It was changed while something was done about it.
-    bool isChanged = false;
-    std::chrono::milliseconds nextDelay{0};
-    /// A later change does not put it off.
-    bool isUrgent = false;
-  };
-  using Key = std::pair<bool, std::uint64_t>;
-
-  // With the lock.
-  Entry& entry(model::ItemNumber item);
-  void enqueue(model::ItemNumber item, Entry& entry, std::chrono::milliseconds delay);
-  void takeOut(model::ItemNumber item, Entry& entry);
-  void block(model::ItemNumber item, Entry& entry, model::ItemNumber blocker);
-  void release(model::ItemNumber blocker);
-  void schedule();
-  std::optional<model::ItemNumber> takeReady();
-
-  void giveBack(const Entry& entry);
-
   bool isStopped() const;
   model::Time now() const;
   void wake();
   void pump();
-  void makeReady();
+  void schedule();
+  void endSchedule();
   void advance(model::ItemNumber item);
-  void waitFor(model::ItemNumber item, model::ItemNumber other);
-  void waitForAnswer(model::ItemNumber item);
-  void tend();
-  void tend(model::IntentNumber intent, const plan::Step& step);
-  Task<void> lookFor(model::IntentNumber intent, std::vector<model::ItemNumber> folders);
-  void waitUntil(model::ItemNumber item, model::Time time);
   void settle(model::ItemNumber item, const plan::Settle& step);
-  bool isParked(model::ItemNumber item) const;
   plan::Push wholePush(const plan::Push& push) const;
   void push(model::ItemNumber item, const plan::Push& planned);
   void start(model::ItemNumber item, Task<void> task);
   Task<void> run(model::ItemNumber item, Task<void> task);
   void finish(model::ItemNumber item, std::optional<std::chrono::milliseconds> delay);
-  void end(model::ItemNumber item);
-  void checkWaiters();
+  std::optional<bool> isSynced() const;
+  void answerWaiters();
 
   model::Tree& tree_;
   async::Scope& scope_;
   remote::Reach& health_;
-  const Options& options_;
   const pull::Settler& settler_;
   pull::Refresher& refresher_;
   pull::Downloader& downloader_;
   Push& push_;
   Refusals& refusals_;
   OpenWait& openWait_;
+  Queue queue_;
+  LostAnswers lostAnswers_;
 
-  /// When requests without an answer are to be looked after next. On the loop.
-  std::optional<model::Time> tendAt_;
   mutable std::mutex mutex_;  // guards what follows; a leaf
-  std::unordered_map<model::ItemNumber, Entry> entries_;
-  std::uint64_t lastOrder_ = 0;
-  std::set<std::pair<async::Loop::Moment, model::ItemNumber>> delayed_;
-  // By whether it is a large upload, then by age.
-  std::map<Key, model::ItemNumber> readyNames_;
-  std::map<Key, model::ItemNumber> readyContents_;
-  std::unordered_map<model::ItemNumber, std::set<model::ItemNumber>> blocked_;
-  unsigned namesRunning_ = 0;
-  unsigned contentsRunning_ = 0;
+  /// When `pump` runs for the item that is due first.
   std::optional<std::pair<async::Loop::Moment, async::Loop::TimerNumber>> timer_;
-  /// Requests without an answer that are being looked for.
-  std::set<model::IntentNumber> looking_;
   bool isPumping_ = false;
   bool isStopped_ = false;
   std::vector<std::shared_ptr<OneShot<void>>> syncWaiters_;
