@@ -1,17 +1,17 @@
 #pragma once
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
+#include <memory>
 #include <thread>
 
 #include "async/Loop.h"
-#include "async/Timers.h"
 
 namespace kestrowan::async {
 
-/// The loop of a running program: one thread of its own, and the system's clocks. The thread takes
-/// no signals but those of its own faults. What a function throws is a line in the log.
+/// The loop of a running program: a thread of its own, and the system's clocks. The thread takes no
+/// signals but those of its own faults. A thread in a turn of work (`Afterwards`) runs what it
+/// posts itself at the turn's end, with what else was posted, when nothing of the loop runs then:
+/// so the functions run one at a time and in order, but not all on one thread. Timers run on the
+/// loop's own. What a function throws is a line in the log.
 class LoopThread : public Loop {
  public:
   LoopThread();
@@ -28,16 +28,10 @@ class LoopThread : public Loop {
   std::int64_t wallClock() const override;
 
  private:
-  void run() noexcept;
-  Function takeNext(std::unique_lock<std::mutex>& lock);
+  class Work;
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  // Guarded by mutex_, as are the next three.
-  std::deque<Function> posted_;
-  Timers timers_;
-  bool timerRanLast_ = false;
-  bool stopping_ = false;
+  /// Shared with the threads that are going to help.
+  const std::shared_ptr<Work> work_;
   std::thread thread_;
 };
 

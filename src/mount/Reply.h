@@ -10,6 +10,7 @@
 #include "mount/Errno.h"
 #include "mount/Fuse.h"
 #include "mount/Session.h"
+#include "platform/base/Afterwards.h"
 #include "replica/Outcome.h"
 #include "replica/Replica.h"
 
@@ -113,6 +114,7 @@ class Reply : public std::enable_shared_from_this<Reply> {
 /// whatever will answer; what `handle` throws is the answer.
 template <typename Handle>
 void serve(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept {
+  const Afterwards afterwards;
   std::shared_ptr<Reply> reply;
   try {
     reply = std::make_shared<Reply>(request, addressing);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/base/Afterwards.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
 
@@ -43,6 +44,8 @@ Executor& Executor::shared() {
 }
 
 void Executor::resumeLater(std::coroutine_handle<> handle) {
+  // One is done sooner by this thread than by one that has to be woken; more are done side by side.
+  if (!Afterwards::has(this) && Afterwards::leave(this, [handle] { handle.resume(); })) return;
   {
     std::lock_guard lock(mutex_);
     // Whatever waits for this coroutine would wait for ever.
@@ -59,7 +62,10 @@ void Executor::run() {
     auto handle = queue_.front();
     queue_.pop_front();
     lock.unlock();
-    guarded("the executor", [&] { handle.resume(); });
+    {
+      const Afterwards afterwards;
+      guarded("the executor", [&] { handle.resume(); });
+    }
     lock.lock();
   }
 }

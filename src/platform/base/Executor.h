@@ -15,6 +15,7 @@ namespace kestrowan {
 ///
 /// The process has one, `shared()`, made on first use and never destroyed. Safe from every thread.
 /// Coroutines must not block its threads. One that throws out of its frame is a line in the log.
+/// A thread in a turn of work (`Afterwards`) resumes one that it posts itself, at the turn's end.
 class Executor : public Resumer {
  public:
   /// Makes fewer threads when the system gives no more; throws `NSError` when it gives none.
@@ -26,7 +27,7 @@ class Executor : public Resumer {
 
   static Executor& shared();
 
-  /// On one of the executor's threads.
+  /// On one of the executor's threads, or at the end of the turn of the calling thread.
   void resumeLater(std::coroutine_handle<> handle) override;
 
   /// Awaitable: `co_await executor.schedule()` continues on one of the executor's threads.

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/base/Afterwards.h"
 #include "support/RecordingLog.h"
 
 namespace kestrowan::async {
@@ -68,6 +69,87 @@ TEST(LoopThread, KeepsTheOrderOfEachThreadThatPosts) {
   ASSERT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kEach));
   std::vector<int> next(kThreads, 0);
   for (const auto& [thread, i] : seen) EXPECT_EQ(i, next[static_cast<std::size_t>(thread)]++);
+}
+
+TEST(LoopThread, AThreadInATurnRunsWhatItPostsAtTheTurnsEnd) {
+  LoopThread loop;
+  std::vector<std::thread::id> threads;
+  const auto note = [&] { threads.push_back(std::this_thread::get_id()); };
+  {
+    const Afterwards afterwards;
+    loop.post([&] {
+      note();
+      loop.post(note);
+    });
+    EXPECT_TRUE(threads.empty());
+  }
+  const auto self = std::this_thread::get_id();
+  EXPECT_THAT(threads, ElementsAre(self, self));
+}
+
+TEST(LoopThread, ATurnDoesNotWaitForWhatTheLoopDoesNow) {
+  LoopThread loop;
+  std::promise<void> isBusy;
+  std::promise<void> mayEnd;
+  std::promise<std::thread::id> thread;
+  loop.post([&] {
+    isBusy.set_value();
+    mayEnd.get_future().wait();
+  });
+  isBusy.get_future().wait();
+  {
+    const Afterwards afterwards;
+    loop.post([&] { thread.set_value(std::this_thread::get_id()); });
+  }
+  mayEnd.set_value();
+  EXPECT_NE(thread.get_future().get(), std::this_thread::get_id());
+}
+
+TEST(LoopThread, ATurnEndsThoughThereIsAlwaysMoreToRun) {
+  LoopThread loop;
+  std::promise<void> taken;
+  const auto self = std::this_thread::get_id();
+  std::function<void()> again = [&] {
+    if (std::this_thread::get_id() == self) {
+      loop.post(again);
+    } else {
+      taken.set_value();
+    }
+  };
+  {
+    const Afterwards afterwards;
+    loop.post(again);
+  }
+  taken.get_future().wait();
+}
+
+TEST(LoopThread, TurnsOfManyThreadsRunOneFunctionAtATime) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 2000;
+  std::atomic<int> inside = 0;
+  std::atomic<int> overlaps = 0;
+  int runs = 0;
+  {
+    LoopThread loop;
+    const auto function = [&] {
+      if (++inside != 1) ++overlaps;
+      ++runs;
+      --inside;
+    };
+    std::vector<std::thread> posters;
+    for (int thread = 0; thread < kThreads; ++thread) {
+      posters.emplace_back([&] {
+        for (int i = 0; i < kEach; ++i) {
+          const Afterwards afterwards;
+          loop.post(function);
+          if (i % 100 == 0) loop.postAfter(milliseconds(0), function);
+        }
+      });
+    }
+    for (auto& poster : posters) poster.join();
+  }
+  EXPECT_GE(runs, kThreads * kEach);
+  EXPECT_EQ(overlaps, 0);
 }
 
 TEST(LoopThread, AFunctionPostedFromTheLoopRunsLaterNotInside) {

@@ -8,6 +8,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/base/Afterwards.h"
+
 namespace kestrowan {
 namespace {
 
@@ -64,6 +66,20 @@ TEST(ExecutorTest, WhatWasPostedRunsBeforeTheEnd) {
     for (int i = 0; i < 1000; ++i) count(executor, counter);
   }
   EXPECT_EQ(counter, 1000);
+}
+
+TEST(ExecutorTest, AThreadInATurnResumesOneCoroutineItself) {
+  Executor executor(1);
+  auto first = std::make_shared<std::promise<std::thread::id>>();
+  auto second = std::make_shared<std::promise<std::thread::id>>();
+  auto secondThread = second->get_future();
+  {
+    const Afterwards afterwards;
+    reportThread(executor, first);
+    reportThread(executor, second);
+    EXPECT_NE(secondThread.get(), std::this_thread::get_id());
+  }
+  EXPECT_EQ(first->get_future().get(), std::this_thread::get_id());
 }
 
 TEST(ExecutorTest, TheProcessHasOne) {
