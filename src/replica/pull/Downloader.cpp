@@ -137,7 +137,7 @@ Task<void> Downloader::run(ItemNumber number) {
 }
 
 Task<void> Downloader::attempt(ItemNumber number) {
-  remote::Retry retry(scope_, health_.health(), kTries, std::nullopt);
+  remote::Retry retry(scope_, health_, kTries, std::nullopt);
   co_await health_.require();
   for (int tries = 1;; ++tries) {
     NSFileProviderItemIdentifier identifier;

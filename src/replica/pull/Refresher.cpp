@@ -427,7 +427,7 @@ Task<void> Refresher::gather(std::shared_ptr<Look> look, std::vector<Path> paths
 /// Asks until there is an answer, or an error that is not a passing one.
 Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdentifier identifier,
                                                         ItemNumber asker) {
-  remote::Retry retry(scope_, health_.health(), kAttempts, options_.listingWait);
+  remote::Retry retry(scope_, health_, kAttempts, options_.listingWait);
   for (;;) {
     std::optional<NSError> problem;
     std::vector<NSFileProviderItemPtr> items;

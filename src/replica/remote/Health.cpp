@@ -27,16 +27,32 @@ bool isOfThisMachine(const NSError& error) {
 
 }  // namespace
 
-Health::Health(async::Scope& scope, Provider& provider, std::mutex& mutex,
-               std::function<void()> resume)
-    : scope_(scope), provider_(provider), mutex_(mutex), resume_(std::move(resume)) {}
+Health::Health(async::Scope& scope, Provider& provider, std::function<void()> resume)
+    : scope_(scope), provider_(provider), resume_(std::move(resume)) {}
+
+bool Health::isUp() const {
+  std::lock_guard lock(mutex_);
+  return !stopped_ && state_ == State::up;
+}
+
+bool Health::isOffline() const {
+  std::lock_guard lock(mutex_);
+  return state_ == State::down || state_ == State::absent;
+}
+
+bool Health::isSlow() const {
+  std::lock_guard lock(mutex_);
+  return slow_;
+}
 
 std::optional<std::string> Health::held() const {
+  std::lock_guard lock(mutex_);
   if (state_ != State::held) return std::nullopt;
   return error_->localizedDescription();
 }
 
 std::optional<std::string> Health::unanswered() const {
+  std::lock_guard lock(mutex_);
   if (state_ != State::up) return std::nullopt;
   if (failures_ > 0) return error_->localizedDescription();
   if (slow_) return NSError(NSURLErrorDomain, NSURLErrorTimedOut).localizedDescription();
@@ -45,10 +61,37 @@ std::optional<std::string> Health::unanswered() const {
 }
 
 NSError Health::reason() const {
+  std::lock_guard lock(mutex_);
   return error_.value_or(NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost));
 }
 
 void Health::begin() {
+  std::lock_guard lock(mutex_);
+  recover();
+}
+
+void Health::stop() {
+  std::lock_guard lock(mutex_);
+  stopped_ = true;
+  for (const auto& waiter : std::exchange(waiters_, {})) waiter->resolve();
+}
+
+void Health::noteSlow() {
+  std::lock_guard lock(mutex_);
+  slow_ = true;
+}
+
+void Health::noteWaited(std::int64_t since) {
+  std::lock_guard lock(mutex_);
+  if (lastAnswer_ <= since) slow_ = true;
+}
+
+void Health::note(const std::optional<NSError>& error) {
+  std::lock_guard lock(mutex_);
+  take(error);
+}
+
+void Health::recover() {
   state_ = State::up;
   error_.reset();
   failures_ = 0;
@@ -57,30 +100,26 @@ void Health::begin() {
   scope_.post(resume_);
 }
 
-void Health::stop() {
-  stopped_ = true;
-  for (const auto& waiter : std::exchange(waiters_, {})) waiter->resolve();
-}
-
-void Health::note(const std::optional<NSError>& error) {
+void Health::take(const std::optional<NSError>& error) {
   if (stopped_ || state_ == State::absent) return;
   // A file that could not be written or read here says nothing of the server.
   if (error && isOfThisMachine(*error)) return;
+  const bool isUp = state_ == State::up;
   const auto kind = error ? std::optional(errorClass(*error)) : std::nullopt;
   if (kind == ErrorClass::held) {
     open(State::held, *error);
   } else if (kind == ErrorClass::down ||
              (kind == ErrorClass::transient && error->domain() == NSURLErrorDomain)) {
-    if (isUp()) error_ = *error;
+    if (isUp) error_ = *error;
     if (failures_ == 0) failingSince_ = scope_.now();
     const bool isAway = ++failures_ >= kFailuresUntilDown || state_ == State::held;
-    if (isAway && (isUp() || kind == ErrorClass::down)) open(State::down, *error);
+    if (isAway && (isUp || kind == ErrorClass::down)) open(State::down, *error);
   } else if (kind != ErrorClass::transient && kind != ErrorClass::ambiguous) {
     // There was an answer.
     failures_ = 0;
     slow_ = false;
     lastAnswer_ = scope_.wallClock();
-    if (state_ != State::up) begin();
+    if (!isUp) recover();
     answered_ = true;
   }
 }
@@ -101,7 +140,7 @@ void Health::scheduleProbe() {
   scope_.postAfter(probeInterval(++probes_), [this] {
     std::lock_guard lock(mutex_);
     isProbeDue_ = false;
-    if (isUp() || stopped_) return;
+    if (state_ == State::up || stopped_) return;
     beginAttempt();
   });
   isProbeDue_ = true;
@@ -117,7 +156,7 @@ void Health::beginAttempt() {
 void Health::endAttempt() {
   isAttempting_ = false;
   for (const auto& waiter : std::exchange(waiters_, {})) waiter->resolve();
-  if (!isUp()) scheduleProbe();
+  if (state_ != State::up) scheduleProbe();
 }
 
 Task<void> Health::attempt() {
@@ -130,7 +169,7 @@ Task<void> Health::attempt() {
     failure = caughtError();
   }
   std::lock_guard lock(mutex_);
-  note(failure);
+  take(failure);
   endAttempt();
 }
 
@@ -172,6 +211,24 @@ Task<bool> Health::awaitServer() {
     std::lock_guard lock(mutex_);
     if (isWorking()) co_return true;
     if (scope_.now() - failingSince_ >= kPatience || scope_.now() >= end) co_return false;
+  }
+}
+
+Task<void> Health::require() {
+  if (isUp()) co_return;
+  auto reached = std::make_shared<OneShot<void>>(scope_);
+  scope_.spawn(reach(reached));
+  auto result = OneShot<void>::result(std::move(reached));
+  co_await std::move(result);
+}
+
+/// On the loop, whatever thread asked.
+Task<void> Health::reach(std::shared_ptr<OneShot<void>> reached) {
+  auto awaited = awaitServer();
+  if (co_await std::move(awaited)) {
+    reached->resolve();
+  } else {
+    reached->reject(std::make_exception_ptr(reason()));
   }
 }
 

@@ -17,20 +17,23 @@
 namespace kestrowan::replica::remote {
 
 /// Whether the provider can be asked: up, down (no server; one attempt at a time finds out when it
-/// is back), or held (nothing works until it is configured anew).
-///
-/// A member of the provider's owner, made and gone with it. Guarded by the owner's lock: calls are
-/// made with it held, but for those that say otherwise.
+/// is back), or held (nothing works until it is configured anew). A member of the provider's owner,
+/// made and gone with it. Usable from every thread.
 class Health {
  public:
   /// A call that needs a server which has just gone waits so long for it.
   static constexpr std::chrono::milliseconds kPatience{3000};
 
-  /// `mutex` is the owner's lock. `resume` is run on the loop, without it, whenever work may go on.
-  Health(async::Scope& scope, Provider& provider, std::mutex& mutex, std::function<void()> resume);
+  /// `resume` is run on the loop whenever work may go on.
+  Health(async::Scope& scope, Provider& provider, std::function<void()> resume);
+  Health(const Health&) = delete;
+  Health& operator=(const Health&) = delete;
 
-  bool isUp() const { return state_ == State::up; }
-  bool isOffline() const { return state_ == State::down || state_ == State::absent; }
+  bool isUp() const;
+  bool isOffline() const;
+  /// Since a caller waited in vain for an answer: until one comes, no caller waits that can do
+  /// without.
+  bool isSlow() const;
   std::optional<std::string> held() const;
   /// Why the provider, though it counts as up, has not answered: never so far, or not when it was
   /// asked last.
@@ -42,38 +45,44 @@ class Health {
   void begin();
   /// No attempts are made any more, and what waits for one is answered.
   void stop();
-  /// A caller waited in vain for an answer: until one comes, no caller waits that can do without.
-  void noteSlow() { slow_ = true; }
+  /// A caller waited in vain for an answer.
+  void noteSlow();
   /// The same for a caller that waited since then (milliseconds since 1970-01-01 UTC) for something
   /// else than an answer: one to any other caller is enough.
-  void noteWaited(std::int64_t since) {
-    if (lastAnswer_ <= since) slow_ = true;
-  }
-  bool isSlow() const { return slow_; }
+  void noteWaited(std::int64_t since);
   /// The outcome of any request, but not of those that were stopped.
   void note(const std::optional<NSError>& error);
 
   /// Waits for a server that is not there, and has it asked for, ten times a second at most:
   /// until it answers, or has been away for `kPatience`; when it has been by then, until one
-  /// attempt has failed. Whether it answers. On the loop, without the lock.
+  /// attempt has failed. Whether it answers. On the loop.
   Task<bool> awaitServer();
+  /// Ends at once while the provider can be asked. Else waits as `awaitServer` does, from whatever
+  /// thread, and throws the reason when there is no server.
+  Task<void> require();
 
  private:
   enum class State { absent, up, down, held };
   using Waiter = std::shared_ptr<OneShot<void>>;
 
-  bool isWorking() const { return isUp() && failures_ == 0; }
+  // With the lock.
+  bool isWorking() const { return state_ == State::up && failures_ == 0; }
   Waiter joinAttempt();
+  void take(const std::optional<NSError>& error);
+  void recover();
   void open(State state, const NSError& error);
   void scheduleProbe();
   void beginAttempt();
   void endAttempt();
+
   Task<void> attempt();
+  Task<void> reach(std::shared_ptr<OneShot<void>> reached);
 
   async::Scope& scope_;
   Provider& provider_;
-  std::mutex& mutex_;
   const std::function<void()> resume_;
+
+  mutable std::mutex mutex_;  // guards what follows; a leaf
   State state_ = State::absent;
   std::optional<NSError> error_;
   /// Requests in a row that did not reach the server, and when the first of them failed.

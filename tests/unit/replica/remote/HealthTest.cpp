@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -25,30 +24,22 @@ class HealthTest : public testing::Test {
  protected:
   HealthTest() {
     provider.setExtension(extension);
-    std::lock_guard lock(mutex);
     health.begin();
   }
   ~HealthTest() override {
-    {
-      std::lock_guard lock(mutex);
-      health.stop();
-    }
+    health.stop();
     provider.stop();
     loop.runUntilIdle();
   }
 
   void goAway() {
     extension->setDown(true);
-    std::lock_guard lock(mutex);
     health.note(kRefusedConnection);
   }
   void beAwayForLong() {
     goAway();
-    {
-      std::lock_guard lock(mutex);
-      health.note(kRefusedConnection);
-      health.note(kRefusedConnection);
-    }
+    health.note(kRefusedConnection);
+    health.note(kRefusedConnection);
     loop.advance(minutes(10));
     extension->clearCalls();
   }
@@ -66,11 +57,10 @@ class HealthTest : public testing::Test {
   test::TemporaryDirectory directory;
   test::SimulatedLoop loop;
   async::Scope scope{loop};
-  std::mutex mutex;
   std::shared_ptr<test::InMemoryExtension> extension = std::make_shared<test::InMemoryExtension>(
       loop, directory.path(), std::make_shared<test::MemoryServer>());
   Provider provider{scope, {}, IdentifierForm::paths()};
-  Health health{scope, provider, mutex, [] {}};
+  Health health{scope, provider, [] {}};
   std::vector<bool> answers;
 };
 
@@ -138,10 +128,7 @@ TEST_F(HealthTest, AnAttemptThatHangsIsNotWaitedForByOneCallAfterAnother) {
 }
 
 TEST_F(HealthTest, NothingIsAskedWhileOnlyAnotherConfigurationHelps) {
-  {
-    std::lock_guard lock(mutex);
-    health.note(NSFileProviderError(NSFileProviderErrorCode::notAuthenticated));
-  }
+  { health.note(NSFileProviderError(NSFileProviderErrorCode::notAuthenticated)); }
   wait();
   EXPECT_EQ(answers, std::vector<bool>{false});
   EXPECT_EQ(attempts(), 0u);
@@ -151,10 +138,7 @@ TEST_F(HealthTest, WhatWaitsIsAnsweredAtTheStop) {
   goAway();
   wait();
   loop.advance(milliseconds(500));
-  {
-    std::lock_guard lock(mutex);
-    health.stop();
-  }
+  { health.stop(); }
   loop.runUntilIdle();
   EXPECT_EQ(answers, std::vector<bool>{false});
 }
