@@ -69,6 +69,13 @@ def in_turns(exchanges):
     return [exchange for _, exchange in sorted(placed, key=lambda each: each[0])]
 
 
+def at_once(exchanges):
+    """How many were on their way at the same time, at most."""
+    turns = sorted([(each.began, 1) for each in exchanges] +
+                   [(each.ended, -1) for each in exchanges])
+    return max(itertools.accumulate(turn for _, turn in turns))
+
+
 def independent(exchanges):
     """So many in a row never change a place that another of them is about."""
     least = len(exchanges)
@@ -84,7 +91,7 @@ def independent(exchanges):
 
 
 class Curl(Local):
-    """One process, with as many connections as the mount used, which it makes and keeps."""
+    """One process, with as many connections as the mount used at once, which it keeps."""
     name = "curl"
 
     @classmethod
@@ -104,7 +111,7 @@ class Curl(Local):
         """From the first request to the last answer, as the server sees them: without the start of
         curl and its first handshake. The server must be as it was before `exchanges`."""
         ordered = in_turns(exchanges)
-        together = min(len({each.connection for each in exchanges}), independent(ordered))
+        together = min(at_once(exchanges), independent(ordered))
         self.prepare(exchanges)
         config = self.base / "requests"
         config.write_text("\nnext\n".join(map(self.section, itertools.count(), ordered)),
