@@ -55,7 +55,7 @@ std::optional<std::string> bridgeProblem(NSFileManager& files) {
 }
 
 replica::Status statusWithBridge(const replica::Replica& replica, NSFileManager& files) {
-  auto status = replica.status();
+  auto status = replica.commands().status();
   if (!status.held) return status;
   if (auto problem = bridgeProblem(files)) status.held = onOneLine(*std::move(problem));
   return status;

@@ -111,6 +111,7 @@ class Host::Implementation {
   mount::MountOptions mountOptions();
   void begin();
   void use(std::shared_ptr<NSFileProviderReplicatedExtension> provider);
+  Task<void> askForRoot();
   bool becomeReady(const std::function<bool()>& ready);
   void serve();
   void sayHowItBegins();
@@ -123,11 +124,13 @@ class Host::Implementation {
   bool leaveForRequest(UnmountRequest request);
   void leaveForSignal();
   void drain(Clock::time_point deadline);
+  Task<void> untilDrained(std::chrono::milliseconds limit,
+                          std::shared_ptr<std::atomic<bool>> drained);
   bool unmountWhenFree();
   std::int64_t finish(Clock::time_point deadline);
   void leaveLazily();
   bool isHurried() const { return events_.signals() > 1 || hurry_ || events_.forceIsWanted(); }
-  std::int64_t changesLeft() const { return replica_->status(0).pendingCount; }
+  std::int64_t changesLeft() const { return replica_->commands().status(0).pendingCount; }
   void say(const std::string& text);
 
   const HostSettings settings_;
@@ -209,9 +212,10 @@ void Host::Implementation::begin() {
   }
   warn();
   keeper_ = std::make_unique<ProviderKeeper>(
-      ProviderKeeper::Functions{.make = extensionFactory({settings_.domain, "Kestrowan"}),
-                                .use = [this](auto provider) { use(std::move(provider)); },
-                                .isHeld = [this] { return replica_->status(0).held.has_value(); }},
+      ProviderKeeper::Functions{
+          .make = extensionFactory({settings_.domain, "Kestrowan"}),
+          .use = [this](auto provider) { use(std::move(provider)); },
+          .isHeld = [this] { return replica_->commands().status(0).held.has_value(); }},
       kHeldInterval);
   watch_ = std::make_unique<BridgeWatch>([this] { return containerPath(*systemFiles_); },
                                          [this] { keeper_->renew(); });
@@ -241,10 +245,18 @@ void Host::Implementation::begin() {
 void Host::Implementation::use(std::shared_ptr<NSFileProviderReplicatedExtension> provider) {
   replica_->setProvider(std::move(provider));
   // So that the status says whether it works before a program finds out.
-  replica_->askForRoot([this](const auto&) {
-    rootWasAsked_ = true;
-    events_.wake();
-  });
+  replica_->start(askForRoot());
+}
+
+/// What prevents it is in the status.
+Task<void> Host::Implementation::askForRoot() {
+  try {
+    auto asked = replica_->askForRoot();
+    co_await std::move(asked);
+  } catch (const NSError&) {
+  }
+  rootWasAsked_ = true;
+  events_.wake();
 }
 
 /// Waits until the root is known; false when nobody wants the mount any more.
@@ -269,7 +281,7 @@ bool Host::Implementation::becomeReady(const std::function<bool()>& ready) {
 
 void Host::Implementation::sayHowItBegins() {
   hostLog("mounted at " + mount_->mountPoint());
-  if (const auto reason = replica_->status(0).unanswered) {
+  if (const auto reason = replica_->commands().status(0).unanswered) {
     hostLog("the server is not reached yet (" + *reason + "); changes are kept and sent later");
   }
   tick();
@@ -378,16 +390,25 @@ void Host::Implementation::drain(Clock::time_point deadline) {
   };
   if (isHurried() || left() <= 0ms) return;
   const auto drained = std::make_shared<std::atomic<bool>>(false);
-  replica_->waitUntilSynced(left(), [this, drained](const auto&) {
-    *drained = true;
-    events_.wake();
-  });
+  replica_->start(untilDrained(left(), drained));
   while (!*drained && !isHurried() && left() > 0ms) {
-    const auto status = replica_->status(0);
+    const auto status = replica_->commands().status(0);
     // Nothing goes out before the server, or a bridge file, is there.
     if (status.offline || status.held) return;
     events_.wait(std::min(kStep, left()));
   }
+}
+
+/// What is left is in the status.
+Task<void> Host::Implementation::untilDrained(std::chrono::milliseconds limit,
+                                              std::shared_ptr<std::atomic<bool>> drained) {
+  try {
+    auto synced = replica_->commands().waitUntilSynced(limit);
+    co_await std::move(synced);
+  } catch (const NSError&) {
+  }
+  *drained = true;
+  events_.wake();
 }
 
 /// Ends the mount: in order once nobody uses it, lazily when that is asked for. Whether nobody used

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/Awaited.h"
 #include "host/PathForm.h"
-#include "host/ReplicaOutcome.h"
 #include "host/RestoredPlace.h"
 #include "host/StatusForm.h"
 #include "mount/DescribedError.h"
@@ -141,10 +141,11 @@ JSONValue HostCommands::wait(const JSONValue& request) const {
       number(request, "limit", kLongestWait.count(), kLongestWait.count()));
   std::optional<NSError> left;
   if (limit > 0ms) {
-    const auto result = outcome<replica::Done>(limit + kLongestLookUp, [&](auto completion) {
-      replica_.waitUntilSynced(limit, std::move(completion));
-    });
-    if (!result.succeeded()) left = result.error();
+    try {
+      awaited(replica_, replica_.commands().waitUntilSynced(limit), limit + kLongestLookUp);
+    } catch (const NSError& error) {
+      left = error;
+    }
   }
   const auto status = context_.status();
   // Time that is over before it begins leaves a look at how things stand.
@@ -164,7 +165,7 @@ JSONValue HostCommands::wait(const JSONValue& request) const {
 }
 
 JSONValue HostCommands::evict(const JSONValue& request) const {
-  const auto result = replica_.evict(item(request));
+  const auto result = replica_.commands().evict(item(request));
   return JSONValue::Object{{"evicted", result.evicted},
                            {"bytes", result.bytes},
                            {"changed", result.changed},
@@ -173,17 +174,17 @@ JSONValue HostCommands::evict(const JSONValue& request) const {
 }
 
 JSONValue HostCommands::pin(const JSONValue& request) const {
-  replica_.setPinned(item(request), true);
+  replica_.commands().setPinned(item(request), true);
   return JSONValue::Object{};
 }
 
 JSONValue HostCommands::unpin(const JSONValue& request) const {
-  replica_.setPinned(item(request), false);
+  replica_.commands().setPinned(item(request), false);
   return JSONValue::Object{};
 }
 
 JSONValue HostCommands::retry(const JSONValue& request) const {
-  replica_.retry(item(request));
+  replica_.commands().retry(item(request));
   return JSONValue::Object{};
 }
 
@@ -191,14 +192,14 @@ JSONValue HostCommands::discard(const JSONValue& request) const {
   if (!isTrue(request, "confirm")) {
     throw describedError(EPERM, "giving up local changes asks for \"confirm\": true");
   }
-  const auto count = replica_.discard(item(request));
+  const auto count = replica_.commands().discard(item(request));
   return JSONValue::Object{{"discarded", static_cast<std::int64_t>(count)}};
 }
 
 JSONValue HostCommands::history(const JSONValue& request) const {
   const auto limit = number(request, "limit", kUsualItems, kMostItems);
-  const auto list =
-      replica_.history({.path = pathIn(request, "path")}, static_cast<std::size_t>(limit));
+  const auto list = replica_.commands().history({.path = pathIn(request, "path")},
+                                                static_cast<std::size_t>(limit));
   JSONValue::Array entries;
   entries.reserve(list.entries.size());
   for (const auto& entry : list.entries) entries.emplace_back(entryForm(entry));
@@ -210,13 +211,10 @@ JSONValue HostCommands::restore(const JSONValue& request) const {
   const auto id = number(request, "id", 0, INT64_MAX);
   const auto place =
       placeOfRestored(replica_, static_cast<replica::ContentNumber>(id), pathIn(request, "path"));
-  const auto made = outcome<std::string>(kLongestLookUp, [&](auto completion) {
-    replica_.restore(static_cast<replica::ContentNumber>(id), place.folder, place.name,
-                     place.ifTaken, std::move(completion));
-  });
-  if (!made.succeeded()) throw made.error();
+  auto restored = replica_.commands().restore(static_cast<replica::ContentNumber>(id), place.folder,
+                                              place.name, place.ifTaken);
   JSONValue::Object form;
-  addPath(form, "path", made.value());
+  addPath(form, "path", awaited(replica_, std::move(restored), kLongestLookUp));
   return form;
 }
 
@@ -227,7 +225,7 @@ JSONValue HostCommands::clearHistory(const JSONValue& request) const {
   replica::HistoryFilter filter{.path = pathIn(request, "path")};
   const auto age = number(request, "olderThan", 0, kLongestAge);
   if (age > 0) filter.before = secondsNow() - age;
-  const auto cleared = replica_.clearHistory(filter);
+  const auto cleared = replica_.commands().clearHistory(filter);
   return JSONValue::Object{{"cleared", cleared.files}, {"bytes", cleared.bytes}};
 }
 
@@ -240,10 +238,7 @@ replica::Rid HostCommands::item(const JSONValue& request) const {
   if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
     throw describedError(EINVAL, "the request needs a \"path\" that begins with \"/\"");
   }
-  const auto found = outcome<replica::Rid>(
-      kLongestLookUp, [&](auto completion) { replica_.find(path, std::move(completion)); });
-  if (found.succeeded()) return found.value();
-  throw found.error();
+  return awaited(replica_, replica_.commands().find(path), kLongestLookUp);
 }
 
 }  // namespace kestrowan::host

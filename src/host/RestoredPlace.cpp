@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "host/ReplicaOutcome.h"
+#include "host/Awaited.h"
 #include "platform/foundation/NSError.h"
 
 namespace kestrowan::host {
@@ -17,11 +17,12 @@ constexpr std::uint16_t kFolderMode = 0755;
 
 /// Absent when nothing is there.
 std::optional<Rid> found(replica::Replica& replica, const std::string& path) {
-  const auto result = outcome<Rid>(
-      kLongestLookUp, [&](auto completion) { replica.find(path, std::move(completion)); });
-  if (result.succeeded()) return result.value();
-  if (result.error().is(NSPOSIXErrorDomain, ENOENT)) return std::nullopt;
-  throw result.error();
+  try {
+    return awaited(replica, replica.commands().find(path), kLongestLookUp);
+  } catch (const NSError& error) {
+    if (error.is(NSPOSIXErrorDomain, ENOENT)) return std::nullopt;
+    throw;
+  }
 }
 
 std::string folderOf(const std::string& path) {
@@ -38,18 +39,15 @@ std::string nameOf(const std::string& path) {
 Rid folderAt(replica::Replica& replica, const std::string& path) {
   if (const auto there = found(replica, path)) return *there;
   const Rid above = folderAt(replica, folderOf(path));
-  const auto made = outcome<replica::Attributes>(kLongestLookUp, [&](auto completion) {
-    replica.makeFolder(above, nameOf(path), kFolderMode, std::move(completion));
-  });
-  if (!made.succeeded()) throw made.error();
-  return made.value().rid;
+  auto made = replica.files().makeFolder(above, nameOf(path), kFolderMode);
+  return awaited(replica, std::move(made), kLongestLookUp).rid;
 }
 
 }  // namespace
 
 RestoredPlace placeOfRestored(replica::Replica& replica, replica::ContentNumber id,
                               const std::string& path) {
-  const auto entry = replica.historyEntry(id);
+  const auto entry = replica.commands().historyEntry(id);
   if (!entry) throw describedError(ENOENT, "the history has no entry of that number");
   if (path.empty()) {
     if (!entry->path.starts_with('/')) {
@@ -59,7 +57,7 @@ RestoredPlace placeOfRestored(replica::Replica& replica, replica::ContentNumber 
             replica::NameTaken::another};
   }
   if (const auto there = found(replica, path)) {
-    if (replica.attributes(*there).kind != replica::ItemKind::folder) {
+    if (replica.files().attributes(*there).kind != replica::ItemKind::folder) {
       throw describedError(EEXIST, "something is there already");
     }
     const auto name = nameOf(entry->path);

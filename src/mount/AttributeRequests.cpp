@@ -48,38 +48,42 @@ void truncate(const replica::OpenFile& open, std::int64_t size) {
   if (error != 0) throw posixError(error);
 }
 
+Task<void> changeAttributes(std::shared_ptr<Reply> reply, replica::Rid item,
+                            replica::AttributeChange change, bool isMore) {
+  auto& files = reply->session().replica().files();
+  if (!isMore) {
+    reply->sendAttributes(files.attributes(item));
+    co_return;
+  }
+  auto changing = files.setAttributes(item, change);
+  const replica::Attributes changed = co_await std::move(changing);
+  reply->sendAttributes(changed);
+}
+
 }  // namespace
 
 void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     auto& session = Session::of(request);
-    const auto attributes = session.replica().attributes(item);
-    const auto status =
-        fileStatus(attributes, session.replica().allocated(attributes), session.appearance());
+    const auto attributes = session.replica().files().attributes(item);
+    const auto status = fileStatus(attributes, session.replica().files().allocated(attributes),
+                                   session.appearance());
     fuse_reply_attr(request, &status, session.appearance().cacheTime);
   });
 }
 
 void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int which,
                    fuse_file_info* info) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
+  serve(request, Addressing::byNumber, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
     auto& session = reply->session();
     checkOwner(session.appearance(), *wanted, which);
     auto change = attributeChange(*wanted, which);
     if (change.size && info != nullptr) {
       truncate(*session.files().at(info->fh)->file, *change.size);
       change.size.reset();
-      if ((which & ~FUSE_SET_ATTR_SIZE) == 0) {
-        return reply->sendAttributes(session.replica().attributes(item));
-      }
+      which &= ~FUSE_SET_ATTR_SIZE;
     }
-    session.replica().setAttributes(
-        item, change,
-        reply->completion<replica::Attributes>(
-            [](const std::shared_ptr<Reply>& changed, replica::Attributes attributes) {
-              changed->sendAttributes(attributes);
-            }));
-    reply->allowSignal(OnSignal::ends);
+    return changeAttributes(std::move(reply), item, change, which != 0);
   });
 }
 
@@ -87,7 +91,7 @@ void fileSystem(fuse_req_t request, fuse_ino_t) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     constexpr std::int64_t kBlockSize = 4096;
     constexpr std::int64_t kLongestName = 255;
-    const auto space = Session::of(request).replica().space();
+    const auto space = Session::of(request).replica().files().space();
     struct statvfs answer = {};
     answer.f_bsize = kBlockSize;
     answer.f_frsize = kBlockSize;

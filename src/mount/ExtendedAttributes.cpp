@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::string_view kUserPrefix = "user.";
 
-replica::Replica::SetMode setMode(int flags) {
-  using enum replica::Replica::SetMode;
+replica::SetMode setMode(int flags) {
+  using enum replica::SetMode;
   if ((flags & XATTR_CREATE) != 0) return create;
   return (flags & XATTR_REPLACE) != 0 ? replace : either;
 }
@@ -30,12 +30,12 @@ void checkWritable(std::string_view name) {
 
 std::string value(replica::Replica& replica, replica::Rid item, std::string_view name) {
   if (isStatusAttribute(name)) {
-    auto status = statusAttribute(replica.itemStatus(item), name);
+    auto status = statusAttribute(replica.commands().itemStatus(item), name);
     if (!status) throw posixError(ENODATA);
     return *std::move(status);
   }
   if (!name.starts_with(kUserPrefix)) throw posixError(ENOTSUP);
-  return replica.userAttribute(item, name);
+  return replica.files().userAttribute(item, name);
 }
 
 /// Answers as `getxattr` does: with the length when no room is given for the value itself.
@@ -55,8 +55,8 @@ void setExtended(fuse_req_t request, fuse_ino_t item, const char* name, const ch
                  size_t size, int flags) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     checkWritable(name);
-    Session::of(request).replica().setUserAttribute(item, name, std::string_view(value, size),
-                                                    setMode(flags));
+    Session::of(request).replica().files().setUserAttribute(
+        item, name, std::string_view(value, size), setMode(flags));
     fuse_reply_err(request, 0);
   });
 }
@@ -76,7 +76,7 @@ void getExtended(fuse_req_t request, fuse_ino_t item, const char* name, size_t s
 void listExtended(fuse_req_t request, fuse_ino_t item, size_t size) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     std::string names;
-    for (const auto& name : Session::of(request).replica().userAttributes(item)) {
+    for (const auto& name : Session::of(request).replica().files().userAttributes(item)) {
       names.append(name).push_back('\0');
     }
     replyValue(request, names, size);
@@ -86,7 +86,7 @@ void listExtended(fuse_req_t request, fuse_ino_t item, size_t size) noexcept {
 void removeExtended(fuse_req_t request, fuse_ino_t item, const char* name) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     checkWritable(name);
-    Session::of(request).replica().removeUserAttribute(item, name);
+    Session::of(request).replica().files().removeUserAttribute(item, name);
     fuse_reply_err(request, 0);
   });
 }

@@ -50,20 +50,20 @@ void sendOpened(Reply& reply, fuse_file_info info, const File& file) {
 void sendCreated(Reply& reply, fuse_file_info info, const File& file,
                  const replica::Attributes& attributes) {
   auto& session = reply.session();
-  const auto entry =
-      kernelEntry(attributes, session.replica().allocated(attributes), session.appearance());
-  session.replica().remember(attributes.rid);
+  const auto entry = kernelEntry(attributes, session.replica().files().allocated(attributes),
+                                 session.appearance());
+  session.replica().files().remember(attributes.rid);
   prepareHandle(session, file, info);
   if (reply.send([&](fuse_req_t request) { return fuse_reply_create(request, &entry, &info); })) {
     return;
   }
   session.files().take(info.fh);
-  session.replica().forget(attributes.rid, 1);
+  session.replica().files().forget(attributes.rid, 1);
 }
 
 std::optional<std::int64_t> knownSize(Session& session, replica::Rid item) {
   try {
-    return session.replica().attributes(item).size;
+    return session.replica().files().attributes(item).size;
   } catch (const NSError&) {
     return std::nullopt;
   }
@@ -82,68 +82,78 @@ void sendOpenedWithSize(const std::shared_ptr<Reply>& reply, const fuse_file_inf
 }
 
 /// Opens what has the name that the kernel believed free.
-void openExisting(const std::shared_ptr<Reply>& reply, replica::Rid folder, std::string_view name,
-                  const fuse_file_info& info) {
-  reply->session().replica().lookUp(
-      folder, name,
-      reply->completion<replica::Attributes>(
-          [info](const std::shared_ptr<Reply>& found, replica::Attributes attributes) {
-            found->session().replica().openFile(
-                attributes.rid, openMode(info.flags),
-                found->completion<File>(
-                    [info, item = attributes.rid](const std::shared_ptr<Reply>& opened, File file) {
-                      const auto now = opened->session().replica().attributes(item);
-                      sendCreated(*opened, info, file, now);
-                    }));
-          }));
+Task<void> openExisting(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name,
+                        fuse_file_info info) {
+  auto& files = reply->session().replica().files();
+  auto looking = files.lookUp(folder, std::move(name));
+  const replica::Attributes found = co_await std::move(looking);
+  auto opening = files.openFile(found.rid, openMode(info.flags));
+  const File file = co_await std::move(opening);
+  sendCreated(*reply, info, file, files.attributes(found.rid));
+}
+
+Task<void> createOrOpen(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name,
+                        std::uint16_t mode, fuse_file_info info) {
+  auto& session = reply->session();
+  bool isTaken = false;
+  try {
+    auto making = session.replica().files().createFile(folder, name, mode);
+    const replica::CreatedFile made = co_await std::move(making);
+    session.nameChanges().count(folder);
+    sendCreated(*reply, info, made.file, made.attributes);
+  } catch (const NSError& error) {
+    isTaken = errnoFor(error, Addressing::byName) == EEXIST && (info.flags & O_EXCL) == 0;
+    if (!isTaken) throw;
+  }
+  if (!isTaken) co_return;
+  auto opened = openExisting(reply, folder, std::move(name), info);
+  co_await std::move(opened);
+}
+
+Task<void> openAndSend(std::shared_ptr<Reply> reply, replica::Rid item, fuse_file_info info) {
+  const auto mode = openMode(info.flags);
+  auto& files = reply->session().replica().files();
+  const auto size = files.attributes(item).size;
+  auto opening = files.openFile(item, mode);
+  const File file = co_await std::move(opening);
+  if (mode.truncate) {
+    // The kernel itself makes a file empty that it opens so.
+    sendOpened(*reply, info, file);
+  } else {
+    sendOpenedWithSize(reply, info, file, size);
+  }
+}
+
+Task<void> end(std::shared_ptr<Reply> reply, Task<void> call) {
+  std::exception_ptr problem;
+  try {
+    co_await std::move(call);
+  } catch (...) {
+    problem = std::current_exception();
+  }
+  reply->end(problem);
 }
 
 }  // namespace
 
 void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
             fuse_file_info* info) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    const std::string checked(checkedNewName(name));
-    auto& session = reply->session();
-    session.replica().createFile(
-        folder, checked, permissionBits(mode),
-        [reply, folder, checked, info = *info](replica::Outcome<replica::CreatedFile> outcome) {
-          reply->guard([&] {
-            if (outcome.succeeded()) {
-              reply->session().nameChanges().count(folder);
-              auto& made = outcome.value();
-              return sendCreated(*reply, info, made.file, made.attributes);
-            }
-            const bool isTaken = errnoFor(outcome.error(), Addressing::byName) == EEXIST;
-            if (!isTaken || (info.flags & O_EXCL) != 0) return reply->fail(outcome.error());
-            openExisting(reply, folder, checked, info);
-          });
-        });
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    return createOrOpen(std::move(reply), folder, checkedNewName(name), permissionBits(mode),
+                        *info);
   });
 }
 
 void open(fuse_req_t request, fuse_ino_t item, fuse_file_info* info) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    const auto mode = openMode(info->flags);
-    auto& replica = reply->session().replica();
-    const auto size = replica.attributes(item).size;
-    replica.openFile(item, mode,
-                     reply->completion<File>([info = *info, size, truncate = mode.truncate](
-                                                 const std::shared_ptr<Reply>& opened, File file) {
-                       // The kernel itself makes a file empty that it opens so.
-                       if (truncate) return sendOpened(*opened, info, file);
-                       sendOpenedWithSize(opened, info, std::move(file), size);
-                     }));
-    reply->allowSignal(OnSignal::ends);
-  });
+  serve(request, Addressing::byNumber, OnSignal::ends,
+        [&](std::shared_ptr<Reply> reply) { return openAndSend(std::move(reply), item, *info); });
 }
 
 void flush(fuse_req_t request, fuse_ino_t, fuse_file_info* info) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
+  serve(request, Addressing::byNumber, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
     auto& session = reply->session();
-    session.replica().flush(session.files().at(info->fh)->file, reply->completion());
-    reply->allowSignal(OnSignal::ends);
+    auto flushing = session.replica().files().flush(session.files().at(info->fh)->file);
+    return end(std::move(reply), std::move(flushing));
   });
 }
 
@@ -155,10 +165,10 @@ void release(fuse_req_t request, fuse_ino_t, fuse_file_info* info) noexcept {
 }
 
 void sync(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
+  serve(request, Addressing::byNumber, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
     auto& session = reply->session();
-    session.replica().fsync(session.files().at(info->fh)->file, reply->completion());
-    reply->allowSignal(OnSignal::ends);
+    auto syncing = session.replica().files().fsync(session.files().at(info->fh)->file);
+    return end(std::move(reply), std::move(syncing));
   });
 }
 

@@ -35,14 +35,14 @@ class EntryBuffer {
 
   /// What the kernel did not take, it does not know.
   ~EntryBuffer() {
-    for (const auto item : remembered_) session_.replica().forget(item, 1);
+    for (const auto item : remembered_) session_.replica().files().forget(item, 1);
   }
 
   /// Adds the entry; false when there is no room for it. `next` is where reading goes on after it.
   bool add(const std::string& name, const replica::Attributes& attributes, off_t next,
            bool isCurrent) {
-    auto entry =
-        kernelEntry(attributes, session_.replica().allocated(attributes), session_.appearance());
+    auto entry = kernelEntry(attributes, session_.replica().files().allocated(attributes),
+                             session_.appearance());
     // A number of 0 tells the kernel the name alone.
     if (!isCurrent) entry.ino = 0;
     char* const place = bytes_.get() + used_;
@@ -66,7 +66,7 @@ class EntryBuffer {
  private:
   void remember(replica::Rid item) {
     remembered_.push_back(item);
-    session_.replica().remember(item);
+    session_.replica().files().remember(item);
   }
 
   Session& session_;
@@ -88,7 +88,7 @@ replica::Attributes dotAttributes(replica::Rid folder) {
 /// The item's attributes now; nothing when it is no more.
 std::optional<replica::Attributes> currentAttributes(Session& session, replica::Rid item) {
   try {
-    return session.replica().attributes(item);
+    return session.replica().files().attributes(item);
   } catch (const NSError&) {
     return std::nullopt;
   }
@@ -137,85 +137,84 @@ void sendOpened(Reply& reply, fuse_file_info info, std::shared_ptr<FolderHandle>
   const auto folder = handle->folder;
   info.fh = session.folders().add(std::move(handle));
   if (reply.send([&](fuse_req_t request) { return fuse_reply_open(request, &info); })) return;
-  if (session.folders().take(info.fh)) session.replica().closeFolder(folder);
+  if (session.folders().take(info.fh)) session.replica().files().closeFolder(folder);
 }
 
 /// Takes a new snapshot for a program that reads the folder from its beginning once more.
-void refreshAndSend(const std::shared_ptr<Reply>& reply, std::shared_ptr<FolderHandle> handle,
-                    std::size_t size, Detail detail) {
-  auto& session = reply->session();
-  const auto folder = handle->folder;
-  const auto changes = session.nameChanges().counted(folder);
-  session.replica().openFolder(
-      folder, reply->completion<Snapshot>([=, handle = std::move(handle)](
-                                              const std::shared_ptr<Reply>& opened, Snapshot now) {
-        // The handle's own opening still stands.
-        opened->session().replica().closeFolder(handle->folder);
-        {
-          std::lock_guard lock(handle->mutex);
-          handle->snapshot = std::move(now);
-          handle->changes = changes;
-        }
-        sendEntries(*opened, *handle, size, 0, detail);
-      }));
-  reply->allowSignal(OnSignal::ends);
+Task<void> refresh(Session& session, std::shared_ptr<FolderHandle> handle) {
+  const auto changes = session.nameChanges().counted(handle->folder);
+  auto opening = session.replica().files().openFolder(handle->folder);
+  Snapshot snapshot = co_await std::move(opening);
+  // The handle's own opening still stands.
+  session.replica().files().closeFolder(handle->folder);
+  std::lock_guard lock(handle->mutex);
+  handle->snapshot = std::move(snapshot);
+  handle->changes = changes;
 }
 
-void readEntries(fuse_req_t request, std::size_t size, off_t offset, const fuse_file_info& info,
-                 Detail detail) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    const auto handle = reply->session().folders().at(info.fh);
-    // A program may go back to the beginning before it has read anything.
-    const bool isOutdated = offset == 0 && [&] {
-      const auto changes = reply->session().nameChanges().counted(handle->folder);
-      std::lock_guard lock(handle->mutex);
-      return handle->wasRead || handle->changes != changes;
-    }();
-    if (isOutdated) return refreshAndSend(reply, handle, size, detail);
-    sendEntries(*reply, *handle, size, offset, detail);
+/// A program may go back to the beginning before it has read anything.
+bool isOutdated(Session& session, FolderHandle& handle) {
+  const auto changes = session.nameChanges().counted(handle.folder);
+  std::lock_guard lock(handle.mutex);
+  return handle.wasRead || handle.changes != changes;
+}
+
+Task<void> readEntries(std::shared_ptr<Reply> reply, std::shared_ptr<FolderHandle> handle,
+                       std::size_t size, off_t offset, Detail detail) {
+  auto& session = reply->session();
+  if (offset == 0 && isOutdated(session, *handle)) {
+    auto refreshed = refresh(session, handle);
+    co_await std::move(refreshed);
+  }
+  sendEntries(*reply, *handle, size, offset, detail);
+}
+
+void serveEntries(fuse_req_t request, std::size_t size, off_t offset, const fuse_file_info& info,
+                  Detail detail) noexcept {
+  serve(request, Addressing::byNumber, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
+    auto handle = reply->session().folders().at(info.fh);
+    return readEntries(std::move(reply), std::move(handle), size, offset, detail);
   });
+}
+
+Task<void> openAndSend(std::shared_ptr<Reply> reply, replica::Rid folder, fuse_file_info info) {
+  auto& session = reply->session();
+  auto handle = std::make_shared<FolderHandle>();
+  handle->folder = folder;
+  handle->changes = session.nameChanges().counted(folder);
+  auto opening = session.replica().files().openFolder(folder);
+  handle->snapshot = co_await std::move(opening);
+  sendOpened(*reply, info, std::move(handle));
 }
 
 }  // namespace
 
 void openFolder(fuse_req_t request, fuse_ino_t folder, fuse_file_info* info) noexcept {
-  serve(request, Addressing::byNumber, [&](const std::shared_ptr<Reply>& reply) {
-    const auto changes = reply->session().nameChanges().counted(folder);
-    reply->session().replica().openFolder(
-        folder,
-        reply->completion<Snapshot>([folder, changes, info = *info](
-                                        const std::shared_ptr<Reply>& opened, Snapshot snapshot) {
-          auto handle = std::make_shared<FolderHandle>();
-          handle->folder = folder;
-          handle->snapshot = std::move(snapshot);
-          handle->changes = changes;
-          sendOpened(*opened, info, std::move(handle));
-        }));
-    reply->allowSignal(OnSignal::ends);
-  });
+  serve(request, Addressing::byNumber, OnSignal::ends,
+        [&](std::shared_ptr<Reply> reply) { return openAndSend(std::move(reply), folder, *info); });
 }
 
 void readFolder(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
                 fuse_file_info* info) noexcept {
-  readEntries(request, size, offset, *info, Detail::names);
+  serveEntries(request, size, offset, *info, Detail::names);
 }
 
 void readFolderPlus(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
                     fuse_file_info* info) noexcept {
-  readEntries(request, size, offset, *info, Detail::attributes);
+  serveEntries(request, size, offset, *info, Detail::attributes);
 }
 
 void releaseFolder(fuse_req_t request, fuse_ino_t folder, fuse_file_info* info) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
     auto& session = Session::of(request);
-    if (session.folders().take(info->fh)) session.replica().closeFolder(folder);
+    if (session.folders().take(info->fh)) session.replica().files().closeFolder(folder);
     fuse_reply_err(request, 0);
   });
 }
 
 void syncFolder(fuse_req_t request, fuse_ino_t folder, int, fuse_file_info*) noexcept {
   serveAtOnce(request, Addressing::byNumber, [&] {
-    Session::of(request).replica().fsyncFolder(folder);
+    Session::of(request).replica().files().fsyncFolder(folder);
     fuse_reply_err(request, 0);
   });
 }

@@ -9,23 +9,23 @@ namespace {
 void forgetOne(Session& session, fuse_ino_t item, std::uint64_t count) noexcept {
   try {
     session.seenContents().forget(item);
-    session.replica().forget(item, count);
+    session.replica().files().forget(item, count);
   } catch (...) {
     // Nobody waits for an answer; the item stays known a little longer.
   }
 }
 
+Task<void> lookUp(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name) {
+  auto found = reply->session().replica().files().lookUp(folder, std::move(name));
+  const replica::Attributes attributes = co_await std::move(found);
+  reply->sendEntry(attributes);
+}
+
 }  // namespace
 
 void lookup(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().lookUp(
-        folder, checkedName(name),
-        reply->completion<replica::Attributes>(
-            [](const std::shared_ptr<Reply>& found, replica::Attributes attributes) {
-              found->sendEntry(attributes);
-            }));
-    reply->allowSignal(OnSignal::ends);
+  serve(request, Addressing::byName, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
+    return lookUp(std::move(reply), folder, checkedName(name));
   });
 }
 

@@ -2,6 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
 
 #include "mount/FileStatus.h"
 #include "mount/Names.h"
@@ -12,71 +16,77 @@ namespace kestrowan::mount {
 
 namespace {
 
-replica::Completion<replica::Done> removal(const std::shared_ptr<Reply>& reply,
-                                           replica::Rid folder) {
-  return [reply, folder, answer = reply->completion()](replica::Outcome<replica::Done> outcome) {
-    reply->session().nameChanges().count(folder);
-    answer(std::move(outcome));
-  };
+Task<void> makeFile(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name,
+                    std::uint16_t mode) {
+  auto& session = reply->session();
+  auto making = session.replica().files().createFile(folder, std::move(name), mode);
+  const replica::CreatedFile made = co_await std::move(making);
+  session.nameChanges().count(folder);
+  reply->sendEntry(made.attributes);
+}
+
+Task<void> makeDirectory(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name,
+                         std::uint16_t mode) {
+  auto& session = reply->session();
+  auto making = session.replica().files().makeFolder(folder, std::move(name), mode);
+  const replica::Attributes made = co_await std::move(making);
+  session.nameChanges().count(folder);
+  reply->sendEntry(made);
+}
+
+/// Names of both folders may have changed, also when `change` fails.
+Task<void> changeNames(std::shared_ptr<Reply> reply, Task<void> change, replica::Rid folder,
+                       replica::Rid newFolder) {
+  std::exception_ptr problem;
+  try {
+    co_await std::move(change);
+  } catch (...) {
+    problem = std::current_exception();
+  }
+  reply->session().nameChanges().count(folder);
+  reply->session().nameChanges().count(newFolder);
+  reply->end(problem);
 }
 
 }  // namespace
 
 void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
               dev_t) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    if (!S_ISREG(mode)) return reply->fail(EPERM);
-    reply->session().replica().createFile(
-        folder, checkedNewName(name), permissionBits(mode),
-        reply->completion<replica::CreatedFile>(
-            [folder](const std::shared_ptr<Reply>& made, replica::CreatedFile created) {
-              made->session().nameChanges().count(folder);
-              made->sendEntry(created.attributes);
-            }));
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    if (!S_ISREG(mode)) throw posixError(EPERM);
+    return makeFile(std::move(reply), folder, checkedNewName(name), permissionBits(mode));
   });
 }
 
 void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().makeFolder(
-        folder, checkedNewName(name), permissionBits(S_IFDIR | mode),
-        reply->completion<replica::Attributes>(
-            [folder](const std::shared_ptr<Reply>& made, replica::Attributes attributes) {
-              made->session().nameChanges().count(folder);
-              made->sendEntry(attributes);
-            }));
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    return makeDirectory(std::move(reply), folder, checkedNewName(name),
+                         permissionBits(S_IFDIR | mode));
   });
 }
 
 void removeFile(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().removeFile(folder, checkedName(name), removal(reply, folder));
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    auto change = reply->session().replica().files().removeFile(folder, checkedName(name));
+    return changeNames(std::move(reply), std::move(change), folder, folder);
   });
 }
 
 void removeFolder(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    reply->session().replica().removeFolder(folder, checkedName(name), removal(reply, folder));
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    auto change = reply->session().replica().files().removeFolder(folder, checkedName(name));
+    return changeNames(std::move(reply), std::move(change), folder, folder);
   });
 }
 
 void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t newFolder,
             const char* newName, unsigned flags) noexcept {
-  serve(request, Addressing::byName, [&](const std::shared_ptr<Reply>& reply) {
-    if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return reply->fail(EINVAL);
-    reply->session().replica().rename(folder, checkedName(name), newFolder, checkedNewName(newName),
-                                      (flags & RENAME_NOREPLACE) == 0,
-                                      [reply, folder, newFolder, answer = reply->completion()](
-                                          replica::Outcome<replica::Done> outcome) {
-                                        reply->session().nameChanges().count(folder);
-                                        reply->session().nameChanges().count(newFolder);
-                                        answer(std::move(outcome));
-                                      });
-    reply->allowSignal(OnSignal::endsTheDying);
+  serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
+    if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) throw posixError(EINVAL);
+    auto change = reply->session().replica().files().rename(folder, checkedName(name), newFolder,
+                                                            checkedNewName(newName),
+                                                            (flags & RENAME_NOREPLACE) == 0);
+    return changeNames(std::move(reply), std::move(change), folder, newFolder);
   });
 }
 

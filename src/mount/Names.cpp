@@ -7,15 +7,15 @@
 
 namespace kestrowan::mount {
 
-std::string_view checkedName(const char* name) {
+std::string checkedName(const char* name) {
   constexpr std::size_t kLongestName = 255;
-  const std::string_view checked(name);
+  std::string checked(name);
   if (checked.size() > kLongestName) throw posixError(ENAMETOOLONG);
   return checked;
 }
 
-std::string_view checkedNewName(const char* name) {
-  const auto checked = checkedName(name);
+std::string checkedNewName(const char* name) {
+  auto checked = checkedName(name);
   if (!isValidUTF8(checked)) throw posixError(EILSEQ);
   return checked;
 }

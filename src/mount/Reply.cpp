@@ -77,11 +77,6 @@ void Reply::fail(int number) {
   send([number](fuse_req_t request) { return fuse_reply_err(request, number); });
 }
 
-void Reply::fail(const NSError& error) {
-  const int number = errnoFor(error, addressing_);
-  fail(number == 0 ? EIO : number);
-}
-
 void Reply::fail(const std::exception_ptr& exception) {
   const int number = errnoFor(exception, addressing_);
   fail(number == 0 ? EIO : number);
@@ -92,28 +87,33 @@ void Reply::succeed() {
 }
 
 void Reply::sendEntry(const replica::Attributes& attributes) {
-  const auto entry =
-      kernelEntry(attributes, session_->replica().allocated(attributes), session_->appearance());
+  const auto entry = kernelEntry(attributes, session_->replica().files().allocated(attributes),
+                                 session_->appearance());
   // Before the answer: the kernel may forget the item before the answer's call has returned.
-  session_->replica().remember(attributes.rid);
+  session_->replica().files().remember(attributes.rid);
   const bool sent =
       send([&entry](fuse_req_t request) { return fuse_reply_entry(request, &entry); });
-  if (!sent) session_->replica().forget(attributes.rid, 1);
+  if (!sent) session_->replica().files().forget(attributes.rid, 1);
 }
 
 void Reply::sendAttributes(const replica::Attributes& attributes) {
   const auto& appearance = session_->appearance();
-  const auto status = fileStatus(attributes, session_->replica().allocated(attributes), appearance);
+  const auto status =
+      fileStatus(attributes, session_->replica().files().allocated(attributes), appearance);
   send([&](fuse_req_t request) { return fuse_reply_attr(request, &status, appearance.cacheTime); });
 }
 
-replica::Completion<replica::Done> Reply::completion() {
-  return [reply = shared_from_this()](replica::Outcome<replica::Done> outcome) {
-    if (outcome.succeeded()) return reply->succeed();
-    // What the provider excludes stays here, which is no failure.
-    if (errnoFor(outcome.error(), reply->addressing_) == 0) return reply->succeed();
-    reply->fail(outcome.error());
-  };
+void Reply::end(const std::exception_ptr& problem) {
+  if (!problem || errnoFor(problem, addressing_) == 0) return succeed();
+  fail(problem);
+}
+
+Task<void> Reply::answer(std::shared_ptr<Reply> reply, Task<void> task) {
+  try {
+    co_await std::move(task);
+  } catch (...) {
+    reply->fail(std::current_exception());
+  }
 }
 
 }  // namespace kestrowan::mount

@@ -11,7 +11,7 @@
 #include "mount/Fuse.h"
 #include "mount/Session.h"
 #include "platform/base/Afterwards.h"
-#include "replica/Outcome.h"
+#include "platform/base/Task.h"
 #include "replica/Replica.h"
 
 namespace kestrowan::mount {
@@ -57,7 +57,6 @@ class Reply : public std::enable_shared_from_this<Reply> {
   }
 
   void fail(int number);
-  void fail(const NSError& error);
   void fail(const std::exception_ptr& exception);
   /// For requests that are answered by nothing but success.
   void succeed();
@@ -66,18 +65,12 @@ class Reply : public std::enable_shared_from_this<Reply> {
   void sendEntry(const replica::Attributes& attributes);
   void sendAttributes(const replica::Attributes& attributes);
 
-  /// A completion that answers with the error if there is one; else it calls `use` with this reply
-  /// and the value, and what `use` throws is the answer.
-  template <typename T, typename Use>
-  replica::Completion<T> completion(Use use) {
-    return [reply = shared_from_this(), use = std::move(use)](replica::Outcome<T> outcome) {
-      if (!outcome.succeeded()) return reply->fail(outcome.error());
-      reply->guard([&] { use(reply, std::move(outcome.value())); });
-    };
-  }
+  /// Answers with the problem, or with success when there is none: null, or one that is no failure,
+  /// because what the provider excludes stays here.
+  void end(const std::exception_ptr& problem);
 
-  /// A completion that answers with success or the error.
-  replica::Completion<replica::Done> completion();
+  /// Awaits `task`, which answers; what it throws is the answer.
+  static Task<void> answer(std::shared_ptr<Reply> reply, Task<void> task);
 
   /// Runs `action`; what it throws is the answer.
   template <typename Action>
@@ -110,10 +103,11 @@ class Reply : public std::enable_shared_from_this<Reply> {
   bool signalledBefore_ = false;
 };
 
-/// Answers `request` by `handle`, which gets the reply as a shared pointer and passes it on to
-/// whatever will answer; what `handle` throws is the answer.
+/// Answers `request` by the coroutine that `handle` makes of the reply, as a shared pointer; what
+/// either throws is the answer. The coroutine begins at once and may wait for what the replica's
+/// tasks wait for. A signal may answer meanwhile.
 template <typename Handle>
-void serve(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept {
+void serve(fuse_req_t request, Addressing addressing, OnSignal onSignal, Handle&& handle) noexcept {
   const Afterwards afterwards;
   std::shared_ptr<Reply> reply;
   try {
@@ -122,7 +116,10 @@ void serve(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept 
     fuse_reply_err(request, ENOMEM);
     return;
   }
-  reply->guard([&] { handle(reply); });
+  reply->guard([&] {
+    reply->session().replica().start(Reply::answer(reply, handle(reply)));
+    reply->allowSignal(onSignal);
+  });
 }
 
 /// The same for a request that `handle` answers before it returns, as the last thing that it does.

@@ -31,7 +31,7 @@ void Session::setState(State state) {
 
 void Session::closeHandles() {
   files_.takeAll();
-  for (const auto& handle : folders_.takeAll()) replica_.closeFolder(handle->folder);
+  for (const auto& handle : folders_.takeAll()) replica_.files().closeFolder(handle->folder);
 }
 
 }  // namespace kestrowan::mount

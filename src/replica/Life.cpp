@@ -40,7 +40,7 @@ std::int64_t sizeOf(const Item& item) {
 
 }  // namespace
 
-Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Options usedOptions)
+Life::Life(const std::string& directory, async::Loop& loop, Options usedOptions)
     : options(std::move(usedOptions)),
       scope(loop),
       contentFiles(directory),
@@ -76,7 +76,7 @@ Life::Life(Replica& replica, const std::string& directory, async::Loop& loop, Op
       rooms{tree,   scope,     options, contents,  journal,    history,
             unused, openItems, health,  refresher, downloader, readAhead,
             space,  tally,     outbox,  refusals,  verdicts},
-      files(replica, rooms),
+      files(rooms),
       folders(rooms),
       nameCalls(rooms, files, newWork),
       commands(rooms),

@@ -6,7 +6,6 @@
 
 #include "async/Scope.h"
 #include "replica/Observer.h"
-#include "replica/Replica.h"
 #include "replica/calls/Commands.h"
 #include "replica/calls/Files.h"
 #include "replica/calls/Folders.h"
@@ -30,7 +29,7 @@ namespace kestrowan::replica {
 /// The parts of a replica from its beginning to its end, in the order in which they are made.
 class Life : public model::Watcher {
  public:
-  Life(Replica& replica, const std::string& directory, async::Loop& loop, Options options);
+  Life(const std::string& directory, async::Loop& loop, Options options);
   Life(const Life&) = delete;
   Life& operator=(const Life&) = delete;
   ~Life() override;

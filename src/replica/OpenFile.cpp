@@ -3,16 +3,16 @@
 #include <utility>
 
 #include "platform/base/Threads.h"
-#include "replica/Life.h"
+#include "replica/calls/Files.h"
 
 namespace kestrowan::replica {
 
-OpenFile::OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+OpenFile::OpenFile(calls::Files& files, Rid rid, std::shared_ptr<calls::OpenContents> contents,
                    bool isWritable)
-    : replica_(replica), rid_(rid), contents_(std::move(contents)), isWritable_(isWritable) {}
+    : files_(files), rid_(rid), contents_(std::move(contents)), isWritable_(isWritable) {}
 
 OpenFile::~OpenFile() {
-  guarded("the close of a file", [this] { replica_.life_->files.closed(*this); });
+  guarded("the close of a file", [this] { files_.closed(*this); });
 }
 
 OpenFile::Change::Change(const OpenFile& file) : file_(file) {
@@ -20,13 +20,12 @@ OpenFile::Change::Change(const OpenFile& file) : file_(file) {
     lock_ = std::shared_lock(file.contents_->mutex);
     if (file.contents_->mayChange) return;
     lock_.unlock();
-    file.replica_.life_->files.changes().prepare(model::ItemNumber{file.rid_}, *file.contents_);
+    file.files_.changes().prepare(model::ItemNumber{file.rid_}, *file.contents_);
   }
 }
 
 OpenFile::Change::~Change() {
-  file_.replica_.life_->files.changes().noteWritten(model::ItemNumber{file_.rid_},
-                                                    *file_.contents_);
+  file_.files_.changes().noteWritten(model::ItemNumber{file_.rid_}, *file_.contents_);
 }
 
 }  // namespace kestrowan::replica

@@ -10,7 +10,9 @@
 
 namespace kestrowan::replica {
 
-class Replica;
+namespace calls {
+class Files;
+}
 
 /// One application's handle on one file. Made by the replica, and closed when its last holder lets
 /// go of it, which starts the sending of what was written. The contents are here for as long as it
@@ -18,7 +20,7 @@ class Replica;
 /// must outlive it.
 class OpenFile {
  public:
-  OpenFile(Replica& replica, Rid rid, std::shared_ptr<calls::OpenContents> contents,
+  OpenFile(calls::Files& files, Rid rid, std::shared_ptr<calls::OpenContents> contents,
            bool isWritable);
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
@@ -58,7 +60,7 @@ class OpenFile {
     std::shared_lock<std::shared_mutex> lock_;
   };
 
-  Replica& replica_;
+  calls::Files& files_;
   const Rid rid_;
   const std::shared_ptr<calls::OpenContents> contents_;
   const bool isWritable_;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "async/Fulfil.h"
 #include "platform/foundation/NSData.h"
 #include "replica/Status.h"
 
@@ -50,15 +51,13 @@ JSONValue texts(const std::vector<std::string>& list) {
   return JSONValue::Array(list.begin(), list.end());
 }
 
-/// Waits for the outcome of `call`, which gets the completion. Throws `NSError`.
-template <typename T, typename Call>
-T waitFor(Call call) {
-  auto promise = std::make_shared<std::promise<replica::Outcome<T>>>();
+/// What a call of the replica comes to, waited for. Throws `NSError`.
+template <typename T>
+T awaited(replica::Replica& replica, Task<T> task) {
+  auto promise = std::make_shared<std::promise<T>>();
   auto future = promise->get_future();
-  call([promise](replica::Outcome<T> outcome) { promise->set_value(std::move(outcome)); });
-  auto outcome = future.get();
-  if (!outcome.succeeded()) throw outcome.error();
-  return std::move(outcome.value());
+  replica.start(async::fulfil(std::move(promise), std::move(task)));
+  return future.get();
 }
 
 JSONValue statusForm(const replica::ItemStatus& status) {
@@ -97,8 +96,7 @@ void Host::begin() {
 }
 
 replica::Rid Host::find(const std::string& path) {
-  return waitFor<replica::Rid>(
-      [&](auto completion) { replica_->find(path, std::move(completion)); });
+  return awaited(*replica_, replica_->commands().find(path));
 }
 
 JSONValue::Object Host::perform(const JSONValue& command) {
@@ -186,15 +184,14 @@ JSONValue::Object Host::onReplica(std::string_view what, const JSONValue& comman
   if (!replica_) throw std::invalid_argument("nothing is mounted yet");
   if (what == "wait") {
     const std::chrono::milliseconds limit(number(command, "milliseconds"));
-    waitFor<replica::Done>(
-        [&](auto completion) { replica_->waitUntilSynced(limit, std::move(completion)); });
+    awaited(*replica_, replica_->commands().waitUntilSynced(limit));
     return {};
   }
   if (what == "evict") {
-    return {{"evicted", replica_->evict(find(text(command, "path"))).evicted}};
+    return {{"evicted", replica_->commands().evict(find(text(command, "path"))).evicted}};
   }
   JSONValue::Array pending;
-  const auto status = replica_->status();
+  const auto status = replica_->commands().status();
   for (const auto& item : status.pending) pending.push_back(statusForm(item));
   return {{"offline", status.offline},
           {"pending", std::move(pending)},

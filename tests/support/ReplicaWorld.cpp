@@ -59,24 +59,15 @@ void ReplicaWorld::connect(FaultHook faults) {
   loop_.runUntilIdle();
 }
 
-template <typename T, typename Call>
-T ReplicaWorld::await(Call&& call) {
-  // Shared, because an answer may come after a call that threw.
-  auto result = std::make_shared<std::optional<Outcome<T>>>();
-  call([result](Outcome<T> outcome) { result->emplace(std::move(outcome)); });
-  if (!loop_.runUntil([&] { return result->has_value(); }, std::chrono::minutes(10))) {
+void ReplicaWorld::awaitUntil(const std::function<bool()>& condition) {
+  if (!loop_.runUntil(condition, std::chrono::minutes(10))) {
     throw std::runtime_error("a call was not answered");
   }
-  auto& outcome = **result;
-  if (!outcome.succeeded()) throw outcome.error();
-  return std::move(outcome.value());
 }
 
 bool ReplicaWorld::settle() {
   try {
-    await<Done>([&](Completion<Done> completion) {
-      replica_->waitUntilSynced(std::chrono::minutes(9), std::move(completion));
-    });
+    await(replica_->commands().waitUntilSynced(std::chrono::minutes(9)));
   } catch (const NSError&) {
     return false;
   }
@@ -84,8 +75,7 @@ bool ReplicaWorld::settle() {
 }
 
 Rid ReplicaWorld::find(std::string_view path) {
-  return await<Rid>(
-      [&](Completion<Rid> completion) { replica_->find(path, std::move(completion)); });
+  return await(replica_->commands().find(std::string(path)));
 }
 
 ReplicaWorld::Place ReplicaWorld::place(std::string_view path) {
@@ -94,7 +84,7 @@ ReplicaWorld::Place ReplicaWorld::place(std::string_view path) {
 }
 
 Attributes ReplicaWorld::attributes(std::string_view path) {
-  return replica_->attributes(find(path));
+  return replica_->files().attributes(find(path));
 }
 
 bool ReplicaWorld::exists(std::string_view path) {
@@ -103,9 +93,8 @@ bool ReplicaWorld::exists(std::string_view path) {
 
 std::vector<std::string> ReplicaWorld::list(std::string_view path) {
   const Rid folder = find(path);
-  const auto snapshot = await<std::shared_ptr<const FolderSnapshot>>(
-      [&](auto completion) { replica_->openFolder(folder, std::move(completion)); });
-  replica_->closeFolder(folder);
+  const auto snapshot = await(replica_->files().openFolder(folder));
+  replica_->files().closeFolder(folder);
   std::vector<std::string> names;
   for (const auto& entry : snapshot->entries) names.push_back(entry.name);
   return names;
@@ -116,10 +105,7 @@ std::shared_ptr<OpenFile> ReplicaWorld::open(std::string_view path, OpenMode mod
   for (int tries = 0;; ++tries) {
     const Rid item = find(path);
     try {
-      return await<std::shared_ptr<OpenFile>>(
-          [&](Completion<std::shared_ptr<OpenFile>> completion) {
-            replica_->openFile(item, mode, std::move(completion));
-          });
+      return await(replica_->files().openFile(item, mode));
     } catch (const NSError& error) {
       if (!error.is(NSPOSIXErrorDomain, ESTALE) || tries == 3) throw;
     }
@@ -128,10 +114,7 @@ std::shared_ptr<OpenFile> ReplicaWorld::open(std::string_view path, OpenMode mod
 
 std::shared_ptr<OpenFile> ReplicaWorld::create(std::string_view path) {
   const Place at = place(path);
-  return await<CreatedFile>([&](Completion<CreatedFile> completion) {
-           replica_->createFile(at.folder, at.name, 0644, std::move(completion));
-         })
-      .file;
+  return await(replica_->files().createFile(at.folder, at.name, 0644)).file;
 }
 
 void ReplicaWorld::writeTo(const OpenFile& file, std::string_view bytes, std::int64_t at) {
@@ -142,7 +125,7 @@ void ReplicaWorld::writeTo(const OpenFile& file, std::string_view bytes, std::in
 
 std::vector<std::string> ReplicaWorld::history() {
   std::vector<std::string> contents;
-  for (const auto& entry : replica_->history({}, SIZE_MAX / 2).entries) {
+  for (const auto& entry : replica_->commands().history({}, SIZE_MAX / 2).entries) {
     std::ifstream file(directory() + "/contents/" + std::to_string(entry.content),
                        std::ios::binary);
     if (!file) throw std::runtime_error("an entry of the history has no file");
@@ -180,38 +163,29 @@ void ReplicaWorld::write(std::string_view path, std::string_view bytes) {
 
 void ReplicaWorld::append(std::string_view path, std::string_view bytes) {
   const auto file = open(path, {.read = true, .write = true});
-  const std::int64_t end = replica_->attributes(file->rid()).size;
+  const std::int64_t end = replica_->files().attributes(file->rid()).size;
   writeTo(*file, bytes, end);
 }
 
 void ReplicaWorld::makeFolder(std::string_view path) {
   const Place at = place(path);
-  await<Attributes>([&](Completion<Attributes> completion) {
-    replica_->makeFolder(at.folder, at.name, 0755, std::move(completion));
-  });
+  await(replica_->files().makeFolder(at.folder, at.name, 0755));
 }
 
 void ReplicaWorld::remove(std::string_view path) {
   const Place at = place(path);
-  await<Done>([&](Completion<Done> completion) {
-    replica_->removeFile(at.folder, at.name, std::move(completion));
-  });
+  await(replica_->files().removeFile(at.folder, at.name));
 }
 
 void ReplicaWorld::removeFolder(std::string_view path) {
   const Place at = place(path);
-  await<Done>([&](Completion<Done> completion) {
-    replica_->removeFolder(at.folder, at.name, std::move(completion));
-  });
+  await(replica_->files().removeFolder(at.folder, at.name));
 }
 
 void ReplicaWorld::rename(std::string_view from, std::string_view to, bool replace) {
   const Place source = place(from);
   const Place target = place(to);
-  await<Done>([&](Completion<Done> completion) {
-    replica_->rename(source.folder, source.name, target.folder, target.name, replace,
-                     std::move(completion));
-  });
+  await(replica_->files().rename(source.folder, source.name, target.folder, target.name, replace));
 }
 
 void ReplicaWorld::gather(const std::string& path,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "replica/Replica.h"
+#include "support/BegunCall.h"
 #include "support/InMemoryExtension.h"
 #include "support/MemoryServer.h"
 #include "support/SimulatedLoop.h"
@@ -68,11 +69,22 @@ class ReplicaWorld {
 
   /// The number of the item at a path. Throws ENOENT.
   replica::Rid find(std::string_view path);
-  /// Waits for the outcome of a call that completes later.
-  template <typename T, typename Call>
-  T await(Call&& call);
+  /// Begins a call of the replica.
+  template <typename T>
+  BegunCall<T> call(Task<T> task) {
+    return {*replica_, std::move(task)};
+  }
+  /// The same, and what it comes to; throws its error.
+  template <typename T>
+  T await(Task<T> task) {
+    const auto begun = call(std::move(task));
+    awaitUntil([&] { return begun.hasEnded(); });
+    return begun.result();
+  }
 
  private:
+  /// Throws when that does not come about.
+  void awaitUntil(const std::function<bool()>& condition);
   struct Place {
     replica::Rid folder;
     std::string name;

@@ -3,13 +3,13 @@
 #include <cstddef>
 #include <vector>
 
-#include "replica/Replica.h"
+#include "replica/CommandCalls.h"
 #include "replica/calls/Rooms.h"
 
 namespace kestrowan::replica::calls {
 
-/// What commands ask of a replica and do with it. The calls are documented in `Replica`. Usable
-/// from every thread. Throws `NSError`.
+/// What commands ask of a replica and do with it. The calls are documented in `CommandCalls`.
+/// Usable from every thread. Throws `NSError`.
 class Commands {
  public:
   explicit Commands(const Rooms& rooms) : rooms_(rooms) {}

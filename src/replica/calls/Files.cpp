@@ -38,8 +38,7 @@ bool isToBeSent(const Item* item) {
 
 }  // namespace
 
-Files::Files(Replica& replica, const Rooms& rooms)
-    : replica_(replica), rooms_(rooms), changes_(rooms) {}
+Files::Files(const Rooms& rooms) : rooms_(rooms), changes_(rooms) {}
 
 Attributes Files::attributes(ItemNumber number) const {
   {
@@ -154,7 +153,7 @@ std::shared_ptr<OpenFile> Files::opened(ItemNumber number, Content content, bool
   auto contents = rooms_.openItems.open(number, content, isWritable);
   if (isWritable) noteChangeDate(number, *contents);
   rooms_.space.noteUse(number);
-  return std::make_shared<OpenFile>(replica_, static_cast<Rid>(number), std::move(contents),
+  return std::make_shared<OpenFile>(*this, static_cast<Rid>(number), std::move(contents),
                                     isWritable);
 }
 
@@ -352,13 +351,13 @@ std::vector<std::string> Files::userAttributes(ItemNumber number) const {
 }
 
 void Files::setUserAttribute(ItemNumber number, std::string_view name, std::string_view value,
-                             Replica::SetMode mode) {
+                             SetMode mode) {
   Edit edit(rooms_.tree, model::Origin::program);
   model::Attributes attributes = require(*edit, number).attributes();
   model::UserAttributes user = attributes.user ? *attributes.user : model::UserAttributes();
   const bool isThere = user.contains(std::string(name));
-  if (isThere && mode == Replica::SetMode::create) throw posixError(EEXIST);
-  if (!isThere && mode == Replica::SetMode::replace) throw posixError(ENODATA);
+  if (isThere && mode == SetMode::create) throw posixError(EEXIST);
+  if (!isThere && mode == SetMode::replace) throw posixError(ENODATA);
   user[std::string(name)] = std::string(value);
   std::size_t bytes = 0;
   for (const auto& attribute : user) bytes += attribute.first.size() + attribute.second.size();

@@ -4,17 +4,17 @@
 #include <string>
 
 #include "platform/base/Task.h"
-#include "replica/Replica.h"
+#include "replica/FileCalls.h"
 #include "replica/calls/ContentChanges.h"
 #include "replica/calls/Rooms.h"
 
 namespace kestrowan::replica::calls {
 
-/// What programs do with one file. The calls are documented in `Replica`; those that wait are
+/// What programs do with one file. The calls are documented in `FileCalls`; those that wait are
 /// coroutines, which begin on the caller's thread and continue on the loop. Throws `NSError`.
 class Files {
  public:
-  Files(Replica& replica, const Rooms& rooms);
+  explicit Files(const Rooms& rooms);
 
   Attributes attributes(model::ItemNumber item) const;
   Task<Attributes> setAttributes(model::ItemNumber item, AttributeChange change);
@@ -28,7 +28,7 @@ class Files {
   std::string userAttribute(model::ItemNumber item, std::string_view name) const;
   std::vector<std::string> userAttributes(model::ItemNumber item) const;
   void setUserAttribute(model::ItemNumber item, std::string_view name, std::string_view value,
-                        Replica::SetMode mode);
+                        SetMode mode);
   void removeUserAttribute(model::ItemNumber item, std::string_view name);
 
   ContentChanges& changes() { return changes_; }
@@ -45,7 +45,6 @@ class Files {
   void setKept(model::ItemNumber item, const AttributeChange& change);
   bool setKeptOfLeft(model::ItemNumber item, const AttributeChange& change);
 
-  Replica& replica_;
   const Rooms& rooms_;
   ContentChanges changes_;
 };

@@ -4,12 +4,12 @@
 #include <string>
 
 #include "platform/base/Task.h"
-#include "replica/Replica.h"
+#include "replica/FileCalls.h"
 #include "replica/calls/Rooms.h"
 
 namespace kestrowan::replica::calls {
 
-/// What programs see of folders. The calls are documented in `Replica`; those that wait are
+/// What programs see of folders. The calls are documented in `FileCalls`; those that wait are
 /// coroutines, which begin on the caller's thread and continue on the loop. Throws `NSError`.
 class Folders {
  public:

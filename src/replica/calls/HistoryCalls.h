@@ -7,14 +7,14 @@
 #include <vector>
 
 #include "platform/base/Task.h"
-#include "replica/Replica.h"
+#include "replica/CommandCalls.h"
 #include "replica/calls/Names.h"
 #include "replica/calls/NewWork.h"
 #include "replica/calls/Rooms.h"
 
 namespace kestrowan::replica::calls {
 
-/// What commands ask of the history. The calls are documented in `Replica`. Usable from every
+/// What commands ask of the history. The calls are documented in `CommandCalls`. Usable from every
 /// thread. Throws `NSError`.
 class HistoryCalls {
  public:

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/base/Task.h"
-#include "replica/Replica.h"
+#include "replica/FileCalls.h"
 #include "replica/calls/Files.h"
 #include "replica/calls/NewWork.h"
 #include "replica/calls/Rooms.h"
@@ -14,7 +14,7 @@
 namespace kestrowan::replica::calls {
 
 /// What programs do with names: what is made, removed and renamed. The calls are documented in
-/// `Replica`; they are coroutines, which begin on the caller's thread and continue on the loop.
+/// `FileCalls`; they are coroutines, which begin on the caller's thread and continue on the loop.
 /// Throws `NSError`.
 class Names {
  public:

@@ -8,8 +8,8 @@
 #include <unordered_map>
 
 #include "async/Loop.h"
+#include "replica/FileCalls.h"
 #include "replica/FilePlaces.h"
-#include "replica/Replica.h"
 #include "replica/calls/OpenContents.h"
 #include "replica/model/Edit.h"
 #include "replica/pull/Freezer.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "replica/Replica.h"
+#include "replica/FileCalls.h"
 #include "replica/calls/OpenItems.h"
 #include "replica/model/State.h"
 

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "async/LoopThread.h"
+#include "host/Awaited.h"
 #include "mount/DescribedError.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/NSError.h"
@@ -54,28 +55,13 @@ class HostCommandsTest : public testing::Test {
       return error;
     }
   }
-  template <typename T>
-  static T got(std::future<replica::Outcome<T>> future) {
-    auto outcome = future.get();
-    if (!outcome.succeeded()) throw outcome.error();
-    return std::move(outcome.value());
-  }
-  template <typename T>
-  static std::pair<replica::Completion<T>, std::future<replica::Outcome<T>>> awaited() {
-    auto promise = std::make_shared<std::promise<replica::Outcome<T>>>();
-    return {[promise](replica::Outcome<T> outcome) { promise->set_value(std::move(outcome)); },
-            promise->get_future()};
-  }
   replica::Rid find(const std::string& path) const {
-    auto [completion, future] = awaited<replica::Rid>();
-    replica_->find(path, std::move(completion));
-    return got(std::move(future));
+    return awaited(*replica_, replica_->commands().find(path), kLongestLookUp);
   }
   /// Downloads a file, or changes it by one byte.
   void use(const std::string& path, bool write) const {
-    auto [completion, future] = awaited<std::shared_ptr<replica::OpenFile>>();
-    replica_->openFile(find(path), {.read = true, .write = write}, std::move(completion));
-    const auto file = got(std::move(future));
+    auto opened = replica_->files().openFile(find(path), {.read = true, .write = write});
+    const auto file = awaited(*replica_, std::move(opened), kLongestLookUp);
     if (write) {
       file->write([](int descriptor) { ASSERT_EQ(::pwrite(descriptor, "X", 1, 0), 1); });
     }
@@ -102,7 +88,7 @@ class HostCommandsTest : public testing::Test {
                                          .socket = "/run/x",
                                          .process = 7},
                                 .started = 1000,
-                                .status = [this] { return replica_->status(); },
+                                .status = [this] { return replica_->commands().status(); },
                                 .warnings = [] { return std::vector<std::string>{"look out"}; },
                                 .isStopping = [] { return false; },
                                 .unmount =
@@ -171,9 +157,8 @@ TEST_F(HostCommandsTest, WaitCountsMoreRefusedChangesThanAStatusLists) {
   // Without a server nobody waits for its word.
   extension_->setDown(true);
   for (int i = 0; i < kFolders; ++i) {
-    auto [completion, future] = awaited<replica::Attributes>();
-    replica_->makeFolder(find("/Docs"), std::to_string(i), 0700, std::move(completion));
-    got(std::move(future));
+    auto made = replica_->files().makeFolder(find("/Docs"), std::to_string(i), 0700);
+    awaited(*replica_, std::move(made), kLongestLookUp);
   }
   refuses = true;
   extension_->setDown(false);
@@ -233,20 +218,21 @@ TEST_F(HostCommandsTest, DiscardNeedsToBeConfirmed) {
     ASSERT_TRUE(error);
     EXPECT_TRUE(error->is(NSPOSIXErrorDomain, EPERM));
   }
-  EXPECT_EQ(replica_->status().pendingCount, 1);
+  EXPECT_EQ(replica_->commands().status().pendingCount, 1);
   const auto answer = ask({{"request", "discard"}, {"path", "/b.txt"}, {"confirm", true}});
   EXPECT_EQ(number(answer, "discarded"), 1);
-  EXPECT_EQ(replica_->status().pendingCount, 0);
-  EXPECT_EQ(replica_->status().history.files, 2) << "the version before, and what was discarded";
-  EXPECT_EQ(replica_->status().history.unconfirmedFiles, 1);
+  EXPECT_EQ(replica_->commands().status().pendingCount, 0);
+  EXPECT_EQ(replica_->commands().status().history.files, 2)
+      << "the version before, and what was discarded";
+  EXPECT_EQ(replica_->commands().status().history.unconfirmedFiles, 1);
 }
 
 TEST_F(HostCommandsTest, ClearingTheHistoryNeedsToBeConfirmed) {
   use("/b.txt", true);
   ask({{"request", "wait"}});
-  replica_->discard(replica::kRootRid);
+  replica_->commands().discard(replica::kRootRid);
   use("/b.txt", true);
-  const auto before = replica_->status().history.files;
+  const auto before = replica_->commands().status().history.files;
   ASSERT_GT(before, 0);
   for (const JSONValue& confirm :
        {JSONValue(), JSONValue(false), JSONValue("true"), JSONValue(1)}) {
@@ -254,7 +240,7 @@ TEST_F(HostCommandsTest, ClearingTheHistoryNeedsToBeConfirmed) {
     ASSERT_TRUE(error);
     EXPECT_TRUE(error->is(NSPOSIXErrorDomain, EPERM));
   }
-  EXPECT_EQ(replica_->status().history.files, before);
+  EXPECT_EQ(replica_->commands().status().history.files, before);
   const auto answer = ask({{"request", "clearHistory"}, {"confirm", true}});
   EXPECT_EQ(number(answer, "cleared"), before);
   EXPECT_EQ(number(ask({{"request", "history"}}), "files"), 0);

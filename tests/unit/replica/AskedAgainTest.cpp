@@ -183,12 +183,12 @@ TEST_F(AskedAgainTest, AServerThatIsBackIsNoticedByTheFirstCall) {
   world.extension().setDown(true);
   world.write("/new", "x");
   world.advance(minutes(10));
-  ASSERT_TRUE(world.replica().status().offline);
+  ASSERT_TRUE(world.replica().commands().status().offline);
   world.extension().setDown(false);
   const auto before = world.loop().now();
   EXPECT_THAT(world.list("/docs"), ElementsAre("a"));
   EXPECT_LT(world.loop().now() - before, milliseconds(200));
-  EXPECT_FALSE(world.replica().status().offline);
+  EXPECT_FALSE(world.replica().commands().status().offline);
 }
 
 TEST_F(AskedAgainTest, NothingIsWaitedForWhenTheServerHasBeenAwayForLong) {
@@ -224,16 +224,18 @@ class ReadAtOnceTest : public testing::Test {
   }
   void open(const std::vector<replica::Rid>& items) {
     for (const auto item : items) {
-      world.replica().openFile(item, {.read = true}, [this](const auto& outcome) {
-        if (outcome.succeeded()) ++opened;
-      });
+      calls.push_back(world.call(world.replica().files().openFile(item, {.read = true})));
     }
+  }
+  std::ptrdiff_t opened() const {
+    return std::count_if(calls.begin(), calls.end(),
+                         [](const auto& call) { return call.hasSucceeded(); });
   }
   std::size_t mostAtOnce() const { return world.extension().mostAtOnce(CallKind::fetchContents); }
 
   mutable ReplicaWorld world;
   int last = 0;
-  int opened = 0;
+  std::vector<test::BegunCall<std::shared_ptr<replica::OpenFile>>> calls;
 };
 
 TEST_F(ReadAtOnceTest, SmallFilesDoNotWaitForOneAnotherWhenAnswersAreSlow) {
@@ -241,7 +243,7 @@ TEST_F(ReadAtOnceTest, SmallFilesDoNotWaitForOneAnotherWhenAnswersAreSlow) {
   world.extension().setLatency(seconds(4));
   open(items);
   world.advance(milliseconds(4200));
-  EXPECT_EQ(opened, 10);
+  EXPECT_EQ(opened(), 10);
   EXPECT_EQ(world.extension().count(CallKind::fetchContents), 10u);
 }
 
@@ -250,7 +252,7 @@ TEST_F(ReadAtOnceTest, NoMoreThanTwentyFourAreFetchedAtOnce) {
   world.extension().setLatency(seconds(4));
   open(items);
   world.advance(seconds(20));
-  EXPECT_EQ(opened, 60);
+  EXPECT_EQ(opened(), 60);
   EXPECT_EQ(mostAtOnce(), 24u);
 }
 
@@ -261,7 +263,7 @@ TEST_F(ReadAtOnceTest, FourAreFetchedAtOnceWhenAnswersAreFast) {
   world.extension().setLatency(milliseconds(20));
   open(items);
   world.advance(seconds(20));
-  EXPECT_EQ(opened, 120);
+  EXPECT_EQ(opened(), 120);
   EXPECT_EQ(mostAtOnce(), 4u);
 }
 
@@ -275,9 +277,9 @@ TEST_F(ReadAtOnceTest, LargeFilesAreFetchedByFourAndSmallOnesDoNotWaitForThem) {
   world.extension().setLatency(milliseconds(0));
   open(small);
   world.advance(seconds(1));
-  EXPECT_EQ(opened, 2);
+  EXPECT_EQ(opened(), 2);
   world.advance(seconds(20));
-  EXPECT_EQ(opened, 10);
+  EXPECT_EQ(opened(), 10);
   EXPECT_LE(mostAtOnce(), 6u);
 }
 

@@ -14,7 +14,6 @@ namespace {
 
 using replica::AttributeChange;
 using replica::Attributes;
-using replica::Outcome;
 using std::chrono::seconds;
 
 constexpr std::int64_t kThen = 1'000'000'000'123'456'789;
@@ -34,11 +33,8 @@ class ChangeDateTest : public testing::Test {
   void change(const std::string& path, const std::function<void(AttributeChange&)>& describe) {
     AttributeChange wanted;
     describe(wanted);
-    bool isDone = false;
-    world.replica().setAttributes(
-        world.find(path), wanted,
-        [&](const Outcome<Attributes>& outcome) { isDone = outcome.succeeded(); });
-    ASSERT_TRUE(isDone);
+    auto changing = world.replica().files().setAttributes(world.find(path), wanted);
+    ASSERT_TRUE(world.call(std::move(changing)).hasSucceeded());
   }
   std::int64_t changed(const std::string& path) { return world.attributes(path).changed; }
   /// Whether `action` moves the date of the item, which afterwards is at `after`.
@@ -65,9 +61,9 @@ TEST_F(ChangeDateTest, MovesWithContentsAndAttributesThoughTheClockStandsStill) 
     expectMoves("/d/a", [&] { change("/d/a", [](auto& wanted) { wanted.size = 0; }); });
     expectMoves("/d/a", [&] { change("/d/a", [](auto&) {}); });
     expectMoves("/d/a", [&] {
-      world.replica().setUserAttribute(rid, "user.x", "y", replica::Replica::SetMode::either);
+      world.replica().files().setUserAttribute(rid, "user.x", "y", replica::SetMode::either);
     });
-    expectMoves("/d/a", [&] { world.replica().removeUserAttribute(rid, "user.x"); });
+    expectMoves("/d/a", [&] { world.replica().files().removeUserAttribute(rid, "user.x"); });
     expectMoves(
         "/d/a", [&] { world.rename("/d/a", "/d/b"); }, "/d/b");
     expectMoves(
@@ -106,14 +102,14 @@ TEST_F(ChangeDateTest, OfAnOpenFileMovesWhenItsNameGoes) {
   for (const bool replaced : {false, true}) {
     world.write("/d/open", "1");
     const auto file = world.open("/d/open", {.read = true});
-    const std::int64_t before = world.replica().attributes(file->rid()).changed;
+    const std::int64_t before = world.replica().files().attributes(file->rid()).changed;
     if (replaced) {
       world.write("/d/other", "2");
       world.rename("/d/other", "/d/open");
     } else {
       world.remove("/d/open");
     }
-    EXPECT_GT(world.replica().attributes(file->rid()).changed, before);
+    EXPECT_GT(world.replica().files().attributes(file->rid()).changed, before);
   }
 }
 

@@ -36,7 +36,9 @@ class DeparturesTest : public testing::Test {
  protected:
   DeparturesTest() { world.list("/"); }
 
-  std::vector<HistoryEntry> entries() { return world.replica().history({}, 100000).entries; }
+  std::vector<HistoryEntry> entries() {
+    return world.replica().commands().history({}, 100000).entries;
+  }
   HistoryEntry only() {
     const auto all = entries();
     EXPECT_THAT(all, SizeIs(1));
@@ -171,9 +173,9 @@ TEST_F(DeparturesTest, WhatTheProviderReplacesOrDropsIsKept) {
 TEST_F(DeparturesTest, DiscardedChangesAreKeptHoweverLargeOneOfThemIs) {
   goOffline();
   world.write("/small", "only here");
-  EXPECT_EQ(world.replica().discard(world.find("/small")), 1u);
+  EXPECT_EQ(world.replica().commands().discard(world.find("/small")), 1u);
   world.write("/large", std::string(5000, 'x'));
-  EXPECT_EQ(world.replica().discard(world.find("/large")), 1u);
+  EXPECT_EQ(world.replica().commands().discard(world.find("/large")), 1u);
   world.advance(minutes(30));
   EXPECT_THAT(world.history(), UnorderedElementsAre("only here", std::string(5000, 'x')));
 }
@@ -182,7 +184,7 @@ TEST_F(DeparturesTest, OrdinaryWorkPushesNothingOutThatIsNowhereElse) {
   constexpr int kMany = 500;
   goOffline();
   world.write("/precious", "the only copy");
-  world.replica().discard(world.find("/precious"));
+  world.replica().commands().discard(world.find("/precious"));
   world.extension().setDown(false);
   EXPECT_TRUE(world.settle());
   for (int i = 0; i < kMany; ++i) world.write("/" + std::to_string(i), std::string(100, 'x'));
@@ -190,9 +192,9 @@ TEST_F(DeparturesTest, OrdinaryWorkPushesNothingOutThatIsNowhereElse) {
   for (int i = 0; i < kMany; ++i) world.remove("/" + std::to_string(i));
   world.write("/waits", "an upload");
   EXPECT_TRUE(world.settle());
-  EXPECT_EQ(world.replica().status().history.files, kMany + 1);
+  EXPECT_EQ(world.replica().commands().status().history.files, kMany + 1);
   world.advance(minutes(5));
-  const auto usage = world.replica().status().history;
+  const auto usage = world.replica().commands().status().history;
   EXPECT_LE(usage.bytes, 1000);
   EXPECT_EQ(usage.unconfirmedFiles, 1);
   EXPECT_THAT(world.history(), testing::Contains("the only copy"));
@@ -231,13 +233,13 @@ TEST_F(DeparturesTest, WhatIsWrittenAfterItsRemovalCounts) {
   EXPECT_EQ(ReplicaWorld::readFrom(*file), "1234567890");
   file.reset();
   EXPECT_THAT(world.history(), ElementsAre("1234567890"));
-  EXPECT_EQ(world.replica().status().history.bytes, 10);
-  EXPECT_EQ(world.replica().status().history.unconfirmedBytes, 10);
+  EXPECT_EQ(world.replica().commands().status().history.bytes, 10);
+  EXPECT_EQ(world.replica().commands().status().history.unconfirmedBytes, 10);
 }
 
 TEST_F(DeparturesTest, EvictedContentsAreNotKept) {
   have("/a", "bytes");
-  world.replica().evict(replica::kRootRid);
+  world.replica().commands().evict(replica::kRootRid);
   EXPECT_THAT(entries(), IsEmpty());
   EXPECT_THAT(filesHere(), IsEmpty());
 }
@@ -318,16 +320,16 @@ TEST_F(DeparturesTest, NothingCanBeWrittenWhileWhatMustNotGoFillsIt) {
   world.write("/large", std::string(1001, 'x'));
   world.remove("/large");
   const auto full = "NSPOSIXErrorDomain " + std::to_string(ENOSPC);
-  EXPECT_TRUE(world.replica().status().isHistoryFull());
+  EXPECT_TRUE(world.replica().commands().status().isHistoryFull());
   EXPECT_EQ(errorOf([&] { world.write("/a", "new"); }), full);
   EXPECT_EQ(errorOf([&] { world.append("/a", "new"); }), full);
   EXPECT_EQ(errorOf([&] { world.create("/b"); }), full);
   EXPECT_EQ(world.read("/a"), "here");
   world.rename("/a", "/c");
   world.makeFolder("/d");
-  EXPECT_EQ(world.replica().clearHistory({.path = "/other"}).files, 0);
-  EXPECT_EQ(world.replica().clearHistory({.path = "/large"}).bytes, 1001);
-  EXPECT_FALSE(world.replica().status().isHistoryFull());
+  EXPECT_EQ(world.replica().commands().clearHistory({.path = "/other"}).files, 0);
+  EXPECT_EQ(world.replica().commands().clearHistory({.path = "/large"}).bytes, 1001);
+  EXPECT_FALSE(world.replica().commands().status().isHistoryFull());
   world.write("/c", "new");
   EXPECT_EQ(world.read("/c"), "new");
 }
@@ -340,14 +342,14 @@ TEST_F(DeparturesTest, ClearingTakesWhatIsMeantAndItsFiles) {
     world.remove(path);
     world.advance(hours(1));
   }
-  EXPECT_EQ(world.replica().clearHistory({.path = "/d"}).files, 2);
+  EXPECT_EQ(world.replica().commands().clearHistory({.path = "/d"}).files, 2);
   EXPECT_THAT(world.history(), ElementsAre("/c", "/da"));
   const auto now = world.loop().wallClock() / 1000;
-  EXPECT_EQ(world.replica().clearHistory({.before = now - 5400}).files, 1);
+  EXPECT_EQ(world.replica().commands().clearHistory({.before = now - 5400}).files, 1);
   EXPECT_THAT(world.history(), ElementsAre("/c"));
-  EXPECT_EQ(world.replica().clearHistory({}).files, 1);
+  EXPECT_EQ(world.replica().commands().clearHistory({}).files, 1);
   EXPECT_THAT(filesHere(), IsEmpty());
-  EXPECT_EQ(world.replica().status().history.files, 0);
+  EXPECT_EQ(world.replica().commands().status().history.files, 0);
 }
 
 TEST_F(DeparturesTest, TheListIsAsLongAsItIsAskedFor) {
@@ -357,7 +359,7 @@ TEST_F(DeparturesTest, TheListIsAsLongAsItIsAskedFor) {
     world.remove("/" + std::to_string(i));
     if (i % 100 == 0) world.advance(seconds(1));
   }
-  const auto list = world.replica().history({}, 2);
+  const auto list = world.replica().commands().history({}, 2);
   EXPECT_EQ(list.files, 600);
   EXPECT_EQ(list.bytes, 600);
   ASSERT_THAT(list.entries, SizeIs(2));
@@ -373,11 +375,11 @@ TEST_F(DeparturesTest, ANewStartFindsEverythingAgain) {
   world.write("/b", "never sent");
   world.remove("/b");
   const auto before = entries();
-  const auto usage = world.replica().status().history;
+  const auto usage = world.replica().commands().status().history;
   world.crashUnconnected();
   EXPECT_EQ(entries(), before);
   EXPECT_THAT(world.history(), UnorderedElementsAre("first", "never sent"));
-  EXPECT_EQ(world.replica().status().history.unconfirmedBytes, usage.unconfirmedBytes);
+  EXPECT_EQ(world.replica().commands().status().history.unconfirmedBytes, usage.unconfirmedBytes);
 }
 
 TEST_F(DeparturesTest, RowsWithoutAFileAreForgotten) {
@@ -388,7 +390,7 @@ TEST_F(DeparturesTest, RowsWithoutAFileAreForgotten) {
   world.crashUnconnected(
       [&] { fs::remove(world.directory() + "/contents/" + std::to_string(number)); });
   EXPECT_THAT(entries(), IsEmpty());
-  EXPECT_EQ(world.replica().status().history.files, 0);
+  EXPECT_EQ(world.replica().commands().status().history.files, 0);
 }
 
 TEST_F(DeparturesTest, TheFormerRecoveryAreaIsTakenOver) {
@@ -409,7 +411,7 @@ TEST_F(DeparturesTest, TheFormerRecoveryAreaIsTakenOver) {
     EXPECT_EQ(entry.confirmed, Confirmed::never);
   }
   EXPECT_THAT(paths, UnorderedElementsAre("report.txt", "report (2).txt", "", "", "mine"));
-  EXPECT_EQ(world.replica().status().history.bytes, 27);
+  EXPECT_EQ(world.replica().commands().status().history.bytes, 27);
   world.crashUnconnected();
   EXPECT_THAT(entries(), SizeIs(5));
 }

@@ -31,7 +31,7 @@ class DiscardedTest : public testing::Test {
     const auto file = world.create(path);
     ReplicaWorld::writeTo(*file, begin);
     file->write([&](int fd) { return ::ftruncate(fd, size) == 0 ? 0 : errno; });
-    EXPECT_EQ(world.replica().discard(world.find(path)), 1u);
+    EXPECT_EQ(world.replica().commands().discard(world.find(path)), 1u);
   }
 
   /// Whether a file of that size below the replica's directory begins so.

@@ -85,7 +85,7 @@ TEST_F(DoubtTest, TwoProgramsThatReplaceOneFileAreNoConflict) {
   EXPECT_TRUE(world.settle());
   EXPECT_EQ(world.server().tree().size(), 1u);
   EXPECT_EQ(world.server().read("/a"), "second, and more");
-  EXPECT_THAT(world.replica().status().conflicts, testing::IsEmpty());
+  EXPECT_THAT(world.replica().commands().status().conflicts, testing::IsEmpty());
 }
 
 // ---- when a server counts as out of reach
@@ -94,21 +94,21 @@ TEST_F(DoubtTest, TwoProgramsThatReplaceOneFileAreNoConflict) {
 TEST_F(DoubtTest, ThreeFailedConnectionsInARowAreAServerOutOfReach) {
   world.extension().setDown(true);
   world.extension().clearCalls();
-  world.replica().askForRoot([](const auto&) {});
+  world.call(world.replica().askForRoot());
   while (world.extension().calls().size() < 3) {
-    EXPECT_FALSE(world.replica().status().offline) << world.extension().calls().size();
+    EXPECT_FALSE(world.replica().commands().status().offline) << world.extension().calls().size();
     world.advance(std::chrono::milliseconds(10));
   }
   world.advance(std::chrono::milliseconds(10));
-  EXPECT_TRUE(world.replica().status().offline);
+  EXPECT_TRUE(world.replica().commands().status().offline);
 }
 
 TEST_F(DoubtTest, AnAnswerInBetweenBeginsTheCountAnew) {
   for (int failed = 0; failed < 6; ++failed) {
     world.extension().setDown(failed % 2 == 0);
-    world.replica().askForRoot([](const auto&) {});
+    world.call(world.replica().askForRoot());
     world.advance(std::chrono::milliseconds(10));
-    EXPECT_FALSE(world.replica().status().offline) << failed;
+    EXPECT_FALSE(world.replica().commands().status().offline) << failed;
   }
 }
 

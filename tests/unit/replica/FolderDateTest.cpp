@@ -11,7 +11,6 @@ namespace {
 
 using replica::AttributeChange;
 using replica::Attributes;
-using replica::Outcome;
 using std::chrono::seconds;
 
 constexpr std::int64_t kSecond = 1'000'000'000;
@@ -28,11 +27,8 @@ class FolderDateTest : public testing::Test {
   }
 
   void change(const std::string& path, const AttributeChange& change) {
-    bool isDone = false;
-    world.replica().setAttributes(
-        world.find(path), change,
-        [&](const Outcome<Attributes>& outcome) { isDone = outcome.succeeded(); });
-    ASSERT_TRUE(isDone);
+    auto changing = world.replica().files().setAttributes(world.find(path), change);
+    ASSERT_TRUE(world.call(std::move(changing)).hasSucceeded());
   }
   void setDate(const std::string& path, std::int64_t date) {
     AttributeChange wanted;

@@ -102,7 +102,7 @@ TEST_F(FreshnessTest, FolderInUseIsListedEveryHalfMinuteAndNoLongerThanTwoMinute
 }
 
 TEST_F(FreshnessTest, FolderThatTakesLongToListIsListedMoreRarely) {
-  world.replica().openFolder(world.find("/docs"), [](const auto&) {});
+  world.call(world.replica().files().openFolder(world.find("/docs")));
   world.extension().setLatency(seconds(4));
   world.advance(seconds(40));
   world.extension().clearCalls();
@@ -120,15 +120,12 @@ TEST_F(FreshnessTest, ListingsOfAFolderAreSharedByAllWhoWait) {
   world.advance(seconds(1));
   world.extension().clearCalls();
   const replica::Rid folder = world.find("/new");
-  std::size_t answers = 0;
+  std::vector<test::BegunCall<std::shared_ptr<const replica::FolderSnapshot>>> calls;
   for (int count = 0; count < 5; ++count) {
-    world.replica().openFolder(folder, [&](const auto& outcome) {
-      EXPECT_TRUE(outcome.succeeded());
-      ++answers;
-    });
+    calls.push_back(world.call(world.replica().files().openFolder(folder)));
   }
   world.advance(seconds(5));
-  EXPECT_EQ(answers, 5u);
+  for (const auto& call : calls) EXPECT_TRUE(call.hasSucceeded());
   EXPECT_THAT(world.extension().calls(), ElementsAre("enumerateItems /new"));
 }
 

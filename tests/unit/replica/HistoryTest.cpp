@@ -153,7 +153,7 @@ class History {
         world_.list(parentOf(at).empty() ? "/" : parentOf(at));
         break;
       case Step::Kind::evict:
-        world_.replica().evict(world_.find("/"));
+        world_.replica().commands().evict(world_.find("/"));
         break;
       case Step::Kind::wait:
         world_.advance(milliseconds(step.a % 40000));
@@ -324,7 +324,7 @@ class History {
 
   std::string describePending() {
     std::string result;
-    for (const auto& item : world_.replica().status().pending) {
+    for (const auto& item : world_.replica().commands().status().pending) {
       result += "\n  " + item.path + " " + item.changes + " " + replica::name(item.state) +
                 (item.failure ? " " + item.failure->text : "");
     }

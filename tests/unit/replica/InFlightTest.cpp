@@ -61,9 +61,7 @@ class InFlightTest : public testing::Test {
     EXPECT_THAT(world.extension().violations(), IsEmpty());
   }
   void fsync(const std::shared_ptr<replica::OpenFile>& file) {
-    bool done = false;
-    world.replica().fsync(file, [&](const auto& outcome) { done = outcome.succeeded(); });
-    ASSERT_TRUE(done);
+    ASSERT_TRUE(world.call(world.replica().files().fsync(file)).hasSucceeded());
   }
 
   /// The replica's directory as a power failure now would leave it, if everything but the rows had
@@ -227,7 +225,7 @@ TEST_F(InFlightTest, ARequestThatMetNoServerCannotLandLater) {
   world.server().writeFile("/a", "theirs");
   world.advance(minutes(1));
   EXPECT_EQ(world.read("/a"), "theirs");
-  EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+  EXPECT_THAT(world.replica().commands().status().conflicts, IsEmpty());
 }
 
 TEST_F(InFlightTest, SaveByRenamingOverAFileWithALostAnswerIsNoConflict) {
@@ -249,7 +247,7 @@ TEST_F(InFlightTest, SaveByRenamingOverAFileWithALostAnswerIsNoConflict) {
     world.extension().releaseHung();
     settle();
     EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/a", Optional(std::string("second")))));
-    EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+    EXPECT_THAT(world.replica().commands().status().conflicts, IsEmpty());
     EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
   }
 }
@@ -262,7 +260,7 @@ TEST_F(InFlightTest, DiscardingWhatWasRemovedWhileItIsSentIsHarmless) {
   world.extension().setDown(true);
   world.extension().releaseHung();
   world.advance(seconds(20));
-  world.replica().discard(replica::kRootRid);
+  world.replica().commands().discard(replica::kRootRid);
   world.extension().setDown(false);
   settle();
 }
@@ -422,7 +420,7 @@ TEST_F(InFlightTest, UploadWhoseRecordWasLostIsNoConflict) {
   settle();
   EXPECT_EQ(world.server().read("/a"), "new");
   EXPECT_THAT(world.server().tree(), SizeIs(1));
-  EXPECT_THAT(world.replica().status().conflicts, IsEmpty());
+  EXPECT_THAT(world.replica().commands().status().conflicts, IsEmpty());
 }
 
 TEST_F(InFlightTest, CreationWhoseRecordWasLostIsNotMadeTwice) {
@@ -442,7 +440,7 @@ TEST_F(InFlightTest, RenameWhoseRecordWasLostIsNotMadeTwice) {
   world.read("/a");
   world.extension().setDown(true);
   world.rename("/a", "/b");
-  world.replica().fsyncFolder(replica::kRootRid);
+  world.replica().files().fsyncFolder(replica::kRootRid);
   const std::string rows = copyNow("rows");
   world.extension().setDown(false);
   settle();

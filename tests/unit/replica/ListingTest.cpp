@@ -42,7 +42,7 @@ class ListingTest : public testing::Test {
   void expectRefused(const std::shared_ptr<MemoryItem>& item) {
     add(item);
     EXPECT_THAT(world.list("/"), ElementsAre("a"));
-    EXPECT_EQ(world.replica().status().refusedEntries, 1);
+    EXPECT_EQ(world.replica().commands().status().refusedEntries, 1);
   }
 
   ReplicaWorld world;
@@ -51,7 +51,7 @@ class ListingTest : public testing::Test {
 TEST_F(ListingTest, ProperEntryIsShown) {
   add(entry("/b", "b"));
   EXPECT_THAT(world.list("/"), ElementsAre("a", "b"));
-  EXPECT_EQ(world.replica().status().refusedEntries, 0);
+  EXPECT_EQ(world.replica().commands().status().refusedEntries, 0);
 }
 
 TEST_F(ListingTest, IdentifierOfAnotherFormIsRefused) {
@@ -72,7 +72,7 @@ TEST_F(ListingTest, AnotherSpellingOfAnIdentifierIsRefused) {
       return fault;
     });
     EXPECT_THAT(another.list("/"), ElementsAre()) << other;
-    EXPECT_EQ(another.replica().status().refusedEntries, 1) << other;
+    EXPECT_EQ(another.replica().commands().status().refusedEntries, 1) << other;
   }
 }
 
@@ -87,7 +87,7 @@ TEST_F(ListingTest, OfOpaqueIdentifiersOnlyTheFormIsKnown) {
     return fault;
   });
   EXPECT_THAT(another.list("/"), ElementsAre("b"));
-  EXPECT_EQ(another.replica().status().refusedEntries, 3);
+  EXPECT_EQ(another.replica().commands().status().refusedEntries, 3);
 }
 
 TEST_F(ListingTest, EntryOfAnotherFolderIsRefused) {
@@ -159,7 +159,7 @@ TEST_F(ListingTest, OfAnOverlongVersionABoundedPartIsKept) {
   auto item = entry("/b", "b");
   item->version = {NSData(std::string(20000, 'v')), NSData("1")};
   add(item);
-  const auto version = world.replica().itemStatus(world.find("/b")).version;
+  const auto version = world.replica().commands().itemStatus(world.find("/b")).version;
   EXPECT_NE(version, NSData());
   EXPECT_LE(version.size(), 128u);
 }
@@ -306,13 +306,13 @@ TEST_F(PartialListingTest, ShowsWhatIsNew) {
 TEST_F(PartialListingTest, IsAskedForAgainAndThenNamedNoLonger) {
   whole = false;
   world.list("/");
-  EXPECT_THAT(world.replica().status().partialFolders, ElementsAre("/"));
-  EXPECT_GE(world.replica().status().partialListings, 1);
+  EXPECT_THAT(world.replica().commands().status().partialFolders, ElementsAre("/"));
+  EXPECT_GE(world.replica().commands().status().partialListings, 1);
   world.extension().clearCalls();
   whole = true;
   world.advance(seconds(3));
   EXPECT_GE(world.extension().count(CallKind::enumerateItems), 1u);
-  EXPECT_THAT(world.replica().status().partialFolders, ElementsAre());
+  EXPECT_THAT(world.replica().commands().status().partialFolders, ElementsAre());
 }
 
 TEST_F(PartialListingTest, IsAskedForEverMoreRarely) {

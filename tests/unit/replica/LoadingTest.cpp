@@ -79,8 +79,8 @@ TEST_F(LoadingTest, LostDatabaseLosesNoContents) {
   world.write("/new", "only here");
   restart([this] { loseDatabase(); });
   EXPECT_THAT(recovered(), UnorderedElementsAre("from the server", "only here"));
-  EXPECT_EQ(world.replica().status().history.files, 2);
-  EXPECT_EQ(world.replica().status().history.bytes, 24);
+  EXPECT_EQ(world.replica().commands().status().history.files, 2);
+  EXPECT_EQ(world.replica().commands().status().history.bytes, 24);
 }
 
 TEST_F(LoadingTest, ContentsOfALostDatabaseStayHoweverManyAndOldTheyAre) {
@@ -148,7 +148,7 @@ TEST_F(LoadingTest, FetchedContentsAreNotTrustedAfterThePowerFailed) {
     ASSERT_EQ(contents().size(), 1u);
     writeFile(contents()[0], "zeros");  // of the same length
   });
-  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 0);
   world.connect();
   EXPECT_EQ(world.read("/a"), "right");
   EXPECT_THAT(recovered(), IsEmpty());
@@ -191,7 +191,7 @@ TEST_F(LoadingTest, SizeIsTheServersOnceContentsAreNotTrusted) {
   world.server().writeFile("/a", "right");
   world.read("/a");
   stopMachine([] {});
-  EXPECT_EQ(world.replica().attributes(world.find("/a")).size, 5);
+  EXPECT_EQ(world.replica().files().attributes(world.find("/a")).size, 5);
 }
 
 TEST_F(LoadingTest, ContentsAreTrustedAfterAnOrderlyEnd) {
@@ -200,7 +200,7 @@ TEST_F(LoadingTest, ContentsAreTrustedAfterAnOrderlyEnd) {
   restart([this] {
     EXPECT_EQ(readFile(directory() / "in-use").find_first_not_of(' '), std::string::npos);
   });
-  EXPECT_EQ(world.replica().status().cachedFiles, 1);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 1);
 }
 
 TEST_F(LoadingTest, ContentsAreTrustedWhenOnlyTheProcessDied) {
@@ -209,14 +209,14 @@ TEST_F(LoadingTest, ContentsAreTrustedWhenOnlyTheProcessDied) {
   const std::string mark = readFile(directory() / "in-use");
   EXPECT_FALSE(mark.empty());
   restart([&] { writeFile(directory() / "in-use", mark); });
-  EXPECT_EQ(world.replica().status().cachedFiles, 1);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 1);
 }
 
 TEST_F(LoadingTest, EmptyMarkIsOneThatPowerFailedOn) {
   world.server().writeFile("/a", "x");
   world.read("/a");
   restart([this] { writeFile(directory() / "in-use", ""); });
-  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 0);
 }
 
 TEST_F(LoadingTest, ContentsWithoutARowAreKeptWhenThePowerFailed) {
@@ -232,7 +232,7 @@ TEST_F(LoadingTest, ContentsWithoutARowMayGoForOthersWhenOnlyTheProcessDied) {
   restart([this] { writeFile(directory() / "contents" / "2", "given up"); });
   EXPECT_THAT(recovered(), ElementsAre("given up"));
   EXPECT_EQ(contents().size(), 1u);
-  EXPECT_EQ(world.replica().status().history.unconfirmedFiles, 0);
+  EXPECT_EQ(world.replica().commands().status().history.unconfirmedFiles, 0);
 }
 
 // ---- rows and files that disagree --------------------------------------------------------------
@@ -262,7 +262,7 @@ TEST_F(LoadingTest, MissingChangedContentsGiveWayToTheServers) {
   restart([this] {
     for (const auto& file : contents()) fs::remove(file);
   });
-  EXPECT_EQ(world.replica().attributes(world.find("/a")).size, 6);
+  EXPECT_EQ(world.replica().files().attributes(world.find("/a")).size, 6);
   world.connect();
   EXPECT_EQ(world.read("/a"), "theirs");
   EXPECT_THAT(world.list("/"), ElementsAre("a"));

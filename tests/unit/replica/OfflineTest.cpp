@@ -70,7 +70,7 @@ std::string outcome(const Steps& steps, const Step& other, bool restarts) {
   world.advance(seconds(3));
   world.extension().setDown(true);
   for (int failed = 0; failed < 3; ++failed) {
-    world.replica().askForRoot([](const auto&) {});
+    world.call(world.replica().askForRoot());
     world.advance(seconds(1));
   }
   int number = 0;

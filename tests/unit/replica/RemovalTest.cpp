@@ -212,7 +212,7 @@ TEST_F(RemovalTest, RemovedFilesBytesAreKeptUntilEveryCopyHasArrived) {
   world.write("/copy", "moved by copying");
   world.remove("/a");
   EXPECT_EQ(world.server().read("/a"), std::nullopt);
-  EXPECT_EQ(world.replica().status().history.files, 1);
+  EXPECT_EQ(world.replica().commands().status().history.files, 1);
 }
 
 TEST_F(RemovalTest, FolderRemovedThereIsMadeAgainForWhoeverWritesInIt) {
@@ -225,7 +225,7 @@ TEST_F(RemovalTest, FolderRemovedThereIsMadeAgainForWhoeverWritesInIt) {
   world.list("/");
   world.advance(seconds(10));
   ReplicaWorld::writeTo(*log, "two", 3);
-  world.replica().fsync(log, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+  EXPECT_TRUE(world.call(world.replica().files().fsync(log)).hasSucceeded());
   EXPECT_TRUE(world.settle());
   EXPECT_EQ(world.server().read("/d/log"), "onetwo");
 }

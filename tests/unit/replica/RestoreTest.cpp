@@ -31,7 +31,7 @@ class RestoreTest : public testing::Test {
     world.read("/d/a");
     world.remove("/d/a");
     EXPECT_TRUE(world.settle());
-    const auto list = world.replica().history({}, 10);
+    const auto list = world.replica().commands().history({}, 10);
     EXPECT_THAT(list.entries, SizeIs(1));
     entry = list.entries.at(0).content;
   }
@@ -39,15 +39,12 @@ class RestoreTest : public testing::Test {
   std::string restore(std::string_view folder, std::string_view name,
                       NameTaken ifTaken = NameTaken::another) {
     const auto rid = world.find(folder);
-    std::optional<replica::Outcome<std::string>> result;
-    world.replica().restore(entry, rid, name, ifTaken,
-                            [&](auto outcome) { result = std::move(outcome); });
-    world.loop().runUntilIdle();
-    for (int i = 0; i < 10 && !result; ++i) world.advance(seconds(1));
-    if (!result) return "no answer";
-    return result->succeeded()
-               ? result->value()
-               : result->error().domain() + " " + std::to_string(result->error().code());
+    std::string path;
+    const std::string error = errorOf([&] {
+      path =
+          world.await(world.replica().commands().restore(entry, rid, std::string(name), ifTaken));
+    });
+    return error.empty() ? path : error;
   }
 
   ReplicaWorld world;

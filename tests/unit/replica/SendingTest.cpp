@@ -55,7 +55,7 @@ TEST_F(SendingTest, ContentsAreSentOneSecondAfterTheLastClose) {
 TEST_F(SendingTest, SyncedFileIsSentWhileItIsOpen) {
   const auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "synced");
-  world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+  EXPECT_TRUE(world.call(world.replica().files().fsync(file)).hasSucceeded());
   world.advance(seconds(2));
   EXPECT_EQ(world.server().read("/a"), "synced");
 }
@@ -137,7 +137,7 @@ TEST_F(SendingTest, FourDownloadsOfLargeFilesRunAtOnce) {
   world.advance(seconds(31));
   world.list("/");
   world.extension().setLatency(milliseconds(500));
-  world.replica().setPinned(replica::kRootRid, true);
+  world.replica().commands().setPinned(replica::kRootRid, true);
   world.advance(seconds(20));
   EXPECT_EQ(count(CallKind::fetchContents), 20u);
   EXPECT_EQ(world.extension().mostAtOnce(CallKind::fetchContents), 4u);
@@ -151,7 +151,7 @@ TEST_F(SendingTest, EightOtherRequestsRunAtOnce) {
   world.list("/");
   world.extension().setLatency(milliseconds(500));
   for (int number = 0; number < 30; ++number) {
-    world.replica().openFolder(world.find("/f" + std::to_string(number)), [](const auto&) {});
+    world.call(world.replica().files().openFolder(world.find("/f" + std::to_string(number))));
   }
   world.advance(seconds(30));
   EXPECT_EQ(world.extension().mostAtOnce(CallKind::enumerateItems), 8u);
@@ -239,7 +239,7 @@ TEST_F(SendingTest, RetryTriesAtOnce) {
   world.write("/a", "x");
   world.advance(minutes(8));
   world.extension().setFaults({});
-  world.replica().retry(world.find("/a"));
+  world.replica().commands().retry(world.find("/a"));
   world.advance(seconds(3));
   EXPECT_EQ(world.server().read("/a"), "x");
 }
@@ -249,9 +249,10 @@ TEST_F(SendingTest, WhatIsRefusedForGoodWaitsForTheUser) {
   world.write("/a", "x");
   world.advance(minutes(60));
   EXPECT_EQ(count(CallKind::createItem), 1u);
-  EXPECT_EQ(world.replica().itemStatus(world.find("/a")).state, replica::SyncState::refused);
+  EXPECT_EQ(world.replica().commands().itemStatus(world.find("/a")).state,
+            replica::SyncState::refused);
   world.extension().setFaults({});
-  world.replica().retry(world.find("/a"));
+  world.replica().commands().retry(world.find("/a"));
   world.advance(seconds(3));
   EXPECT_EQ(world.server().read("/a"), "x");
 }
@@ -267,17 +268,17 @@ TEST_F(SendingTest, FullServerIsAskedEveryQuarterOfAnHour) {
 
 TEST_F(SendingTest, AServerThatDoesNotAnswerIsToldOfBeforeItCountsAsOutOfReach) {
   const auto ask = [&] {
-    world.replica().askForRoot([](const auto&) {});
+    world.call(world.replica().askForRoot());
     world.advance(seconds(1));
-    return world.replica().status();
+    return world.replica().commands().status();
   };
   world.crash();
-  EXPECT_EQ(world.replica().status().unanswered, "There has been no answer so far.");
+  EXPECT_EQ(world.replica().commands().status().unanswered, "There has been no answer so far.");
   EXPECT_EQ(ask().unanswered, std::nullopt);
   world.extension().setDown(true);
   world.advance(seconds(40));
   world.list("/");
-  const auto down = world.replica().status();
+  const auto down = world.replica().commands().status();
   EXPECT_FALSE(down.offline);
   ASSERT_TRUE(down.unanswered);
   EXPECT_NE(down.unanswered, "There has been no answer so far.");
@@ -299,15 +300,15 @@ TEST_F(SendingTest, AFileThatCannotBeWrittenHereSaysNothingOfTheServer) {
     return fault;
   });
   for (int i = 0; i < 5; ++i) EXPECT_NE(errorOf([&] { world.read("/a"); }), "");
-  EXPECT_FALSE(world.replica().status().offline);
-  EXPECT_EQ(world.replica().status().unanswered, std::nullopt);
+  EXPECT_FALSE(world.replica().commands().status().offline);
+  EXPECT_EQ(world.replica().commands().status().unanswered, std::nullopt);
 }
 
 TEST_F(SendingTest, WithoutAServerOneAttemptAfterAnotherFindsOutWhenItIsBack) {
   world.extension().setDown(true);
   world.write("/a", "x");
   world.advance(seconds(60));
-  EXPECT_TRUE(world.replica().status().offline);
+  EXPECT_TRUE(world.replica().commands().status().offline);
   world.extension().clearCalls();
   world.advance(minutes(10));
   EXPECT_LE(world.extension().count(), 31u) << "one every 20 to 40 seconds";
@@ -315,7 +316,7 @@ TEST_F(SendingTest, WithoutAServerOneAttemptAfterAnotherFindsOutWhenItIsBack) {
   EXPECT_EQ(count(CallKind::createItem), 0u) << "only the root is listed";
   world.extension().setDown(false);
   world.advance(seconds(50));
-  EXPECT_FALSE(world.replica().status().offline);
+  EXPECT_FALSE(world.replica().commands().status().offline);
   EXPECT_EQ(world.server().read("/a"), "x") << "whatever had to wait goes at once";
 }
 

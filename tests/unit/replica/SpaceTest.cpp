@@ -29,7 +29,7 @@ class SpaceTest : public testing::Test {
   }
 
   bool isHere(std::string_view path) {
-    return world.replica().itemStatus(world.find(path)).downloaded;
+    return world.replica().commands().itemStatus(world.find(path)).downloaded;
   }
 
   ReplicaWorld world{{}, withSpaceFor(12)};
@@ -55,7 +55,7 @@ TEST_F(SpaceTest, WhatWasUsedWithinTenMinutesStays) {
   EXPECT_TRUE(isHere("/a"));
   EXPECT_TRUE(isHere("/b"));
   world.advance(minutes(12));
-  EXPECT_EQ(world.replica().status().cachedFiles, 2) << "the limit is kept later";
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 2) << "the limit is kept later";
 }
 
 TEST_F(SpaceTest, ChangedContentsStay) {
@@ -75,14 +75,14 @@ TEST_F(SpaceTest, ChangedContentsStay) {
   world.read("/c");
   world.advance(minutes(11));
   EXPECT_EQ(world.read("/a"), "changed");
-  const auto result = world.replica().evict(world.find("/a"));
+  const auto result = world.replica().commands().evict(world.find("/a"));
   EXPECT_EQ(result.evicted, 0);
   EXPECT_EQ(result.changed, 1);
 }
 
 TEST_F(SpaceTest, OpenAndPinnedContentsStay) {
   const auto open = world.open("/a", {.read = true});
-  world.replica().setPinned(world.find("/b"), true);
+  world.replica().commands().setPinned(world.find("/b"), true);
   world.advance(minutes(11));
   world.read("/c");
   world.advance(minutes(30));
@@ -92,7 +92,7 @@ TEST_F(SpaceTest, OpenAndPinnedContentsStay) {
 }
 
 TEST_F(SpaceTest, PinnedFolderFetchesWhatIsInItAndWhatComes) {
-  world.replica().setPinned(replica::kRootRid, true);
+  world.replica().commands().setPinned(replica::kRootRid, true);
   world.advance(seconds(5));
   EXPECT_TRUE(isHere("/a"));
   EXPECT_TRUE(isHere("/c"));

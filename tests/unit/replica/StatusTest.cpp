@@ -33,7 +33,7 @@ class StatusTest : public testing::Test {
     world.list("/folder");
   }
 
-  std::string counted() { return counts(world.replica().status()); }
+  std::string counted() { return counts(world.replica().commands().status()); }
   /// Nothing is sent from here on.
   void goOffline() {
     world.extension().setDown(true);
@@ -50,7 +50,7 @@ TEST_F(StatusTest, CountsWithoutALookAtAllItems) {
   goOffline();
   world.write("/new", "123");
   const auto before = replica::model::State::lookups();
-  EXPECT_THAT(world.replica().status().pending, SizeIs(1));
+  EXPECT_THAT(world.replica().commands().status().pending, SizeIs(1));
   const auto after = replica::model::State::lookups();
   EXPECT_EQ(counted(),
             "items 1007, pending 1 of 3 bytes, cached 0 of 0 bytes, history 0 of 0 bytes");
@@ -68,20 +68,20 @@ TEST_F(StatusTest, EveryKindOfChangeIsCounted) {
   world.makeFolder("/made");
   EXPECT_EQ(counted(), "items 8, pending 5 of 11 bytes, cached 0 of 0 bytes, history 1 of 5 bytes");
   world.append("/new", "45");
-  EXPECT_EQ(world.replica().status().pendingBytes, 13);
+  EXPECT_EQ(world.replica().commands().status().pendingBytes, 13);
   world.remove("/new");
   EXPECT_EQ(counted(), "items 7, pending 4 of 8 bytes, cached 0 of 0 bytes, history 3 of 13 bytes");
   world.extension().setDown(false);
   ASSERT_TRUE(world.settle());
   EXPECT_EQ(counted(), "items 6, pending 0 of 0 bytes, cached 1 of 8 bytes, history 3 of 13 bytes");
-  world.replica().evict(replica::kRootRid);
-  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+  world.replica().commands().evict(replica::kRootRid);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 0);
 }
 
 TEST_F(StatusTest, WhatIsGivenUpIsCountedInTheHistory) {
   goOffline();
   world.write("/new", "123");
-  world.replica().discard(replica::kRootRid);
+  world.replica().commands().discard(replica::kRootRid);
   EXPECT_EQ(counted(), "items 6, pending 0 of 0 bytes, cached 0 of 0 bytes, history 1 of 3 bytes");
 }
 
@@ -91,7 +91,7 @@ TEST_F(StatusTest, TheCountsAreTheSameAfterANewStart) {
   world.write("/new", "123");
   world.rename("/a", "/folder/moved");
   world.remove("/c");
-  world.replica().discard(world.find("/new"));
+  world.replica().commands().discard(world.find("/new"));
   world.write("/other", "1234");
   const auto before = counted();
   world.crashUnconnected();
@@ -101,12 +101,12 @@ TEST_F(StatusTest, TheCountsAreTheSameAfterANewStart) {
 TEST_F(StatusTest, TheListOfPendingItemsIsAsLongAsItIsAskedFor) {
   goOffline();
   for (const char* name : {"/1", "/2", "/3"}) world.write(name, "x");
-  const auto status = world.replica().status(2);
+  const auto status = world.replica().commands().status(2);
   ASSERT_THAT(status.pending, SizeIs(2));
   EXPECT_EQ(status.pending[0].path, "/1");
   EXPECT_EQ(status.pending[1].path, "/2");
   EXPECT_EQ(status.pendingCount, 3);
-  EXPECT_THAT(world.replica().status(0).pending, IsEmpty());
+  EXPECT_THAT(world.replica().commands().status(0).pending, IsEmpty());
 }
 
 }  // namespace

@@ -97,8 +97,8 @@ TEST_F(StuckTest, ChangeThatWasTakenBackWhileNobodyKnewIsLookedAt) {
   world.rename("/a", "/b");
   EXPECT_EQ(world.server().read("/b"), "contents") << "the request took effect";
   world.rename("/b", "/a");
-  ASSERT_EQ(world.replica().status().pending.size(), 1u);
-  EXPECT_EQ(world.replica().status().pending[0].changes, "verify");
+  ASSERT_EQ(world.replica().commands().status().pending.size(), 1u);
+  EXPECT_EQ(world.replica().commands().status().pending[0].changes, "verify");
   world.extension().setFaults({});
   world.advance(minutes(10));
   EXPECT_THAT(world.list("/"), ElementsAre("a"));
@@ -120,7 +120,7 @@ TEST_F(StuckTest, FileThatIsSyncedAllTheTimeIsSent) {
   const auto file = world.create("/a");
   for (int round = 0; round < 20; ++round) {
     ReplicaWorld::writeTo(*file, "x", round);
-    world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+    EXPECT_TRUE(world.call(world.replica().files().fsync(file)).hasSucceeded());
     world.advance(milliseconds(500));
   }
   EXPECT_TRUE(world.server().read("/a"));
@@ -130,7 +130,7 @@ TEST_F(StuckTest, OpenFileIsSentAtMostEveryHalfMinute) {
   const auto file = world.create("/a");
   for (int round = 0; round < 60; ++round) {
     ReplicaWorld::writeTo(*file, "x", round);
-    world.replica().fsync(file, [](const auto& outcome) { EXPECT_TRUE(outcome.succeeded()); });
+    EXPECT_TRUE(world.call(world.replica().files().fsync(file)).hasSucceeded());
     world.advance(seconds(2));
   }
   const auto sent =
@@ -154,22 +154,21 @@ TEST_F(StuckTest, FileIsFetchedWhileItsFolderMoves) {
   world.list("/d");
   // The fetch begins when the file is no longer in its old place, and nobody here knows yet.
   const auto file = world.find("/d/a");
-  std::optional<replica::Outcome<std::shared_ptr<replica::OpenFile>>> opened;
+  std::optional<test::BegunCall<std::shared_ptr<replica::OpenFile>>> opened;
   world.extension().setFaults([&](const Call& call) {
     Fault fault;
     if (call.kind == CallKind::modifyItem) {
       fault.afterFirstRequest = [&] {
-        world.replica().openFile(file, {.read = true},
-                                 [&](const auto& outcome) { opened.emplace(outcome); });
+        opened.emplace(world.call(world.replica().files().openFile(file, {.read = true})));
       };
     }
     return fault;
   });
   world.extension().setLatency(milliseconds(500));
   world.rename("/d", "/e");
-  ASSERT_TRUE(world.loop().runUntil([&] { return opened.has_value(); }, minutes(1)));
-  ASSERT_TRUE(opened->succeeded());
-  EXPECT_EQ(ReplicaWorld::readFrom(*opened->value()), "contents");
+  ASSERT_TRUE(world.loop().runUntil([&] { return opened && opened->hasEnded(); }, minutes(1)));
+  ASSERT_TRUE(opened->hasSucceeded());
+  EXPECT_EQ(ReplicaWorld::readFrom(*opened->result()), "contents");
 }
 
 TEST_F(StuckTest, UploadComesBeforeTheRemovalOfItsSourceAfterARestartToo) {
@@ -209,8 +208,8 @@ TEST_F(StuckTest, RefusalThatComesTooLateForTheCallLeavesWhatWasMadeHere) {
   world.makeFolder("/d");
   world.advance(seconds(10));
   EXPECT_TRUE(world.exists("/d"));
-  ASSERT_EQ(world.replica().status().pending.size(), 1u);
-  EXPECT_EQ(world.replica().status().pending[0].state, replica::SyncState::refused);
+  ASSERT_EQ(world.replica().commands().status().pending.size(), 1u);
+  EXPECT_EQ(world.replica().commands().status().pending[0].state, replica::SyncState::refused);
 }
 
 TEST_F(StuckTest, FolderIsListedWhileTheFolderAboveMoves) {
@@ -226,15 +225,11 @@ TEST_F(StuckTest, FolderIsListedWhileTheFolderAboveMoves) {
     if (call.kind == CallKind::enumerateItems) fault.delay = seconds(2);
     return fault;
   });
-  std::size_t entries = 0;
-  bool isListed = false;
-  world.replica().openFolder(folder, [&](const auto& outcome) {
-    isListed = true;
-    if (outcome.succeeded()) entries = outcome.value()->entries.size();
-  });
+  const auto listed = world.call(world.replica().files().openFolder(folder));
   world.rename("/p", "/q");
-  ASSERT_TRUE(world.loop().runUntil([&] { return isListed; }, minutes(1)));
-  EXPECT_EQ(entries, 1u);
+  ASSERT_TRUE(world.loop().runUntil([&] { return listed.hasEnded(); }, minutes(1)));
+  ASSERT_TRUE(listed.hasSucceeded());
+  EXPECT_EQ(listed.result()->entries.size(), 1u);
 }
 
 TEST_F(StuckTest, FileThatGetsANameThatStaysHereWhileItIsSentLeavesNothingThere) {
@@ -276,11 +271,9 @@ class WaitingCloseTest : public StuckTest {
         }()) {}
 
   std::string closeError(const std::shared_ptr<replica::OpenFile>& file) {
-    std::optional<replica::Outcome<replica::Done>> outcome;
-    world.replica().flush(file, [&](const auto& answer) { outcome.emplace(answer); });
-    if (!world.loop().runUntil([&] { return outcome.has_value(); }, minutes(20))) return "hangs";
-    if (outcome->succeeded()) return {};
-    return outcome->error().domain() + " " + std::to_string(outcome->error().code());
+    const auto closing = world.call(world.replica().files().flush(file));
+    if (!world.loop().runUntil([&] { return closing.hasEnded(); }, minutes(20))) return "hangs";
+    return errorOf([&] { closing.result(); });
   }
 };
 
@@ -320,7 +313,7 @@ TEST_F(WaitingCloseTest, IsNotAnsweredByTheArrivalOfEarlierContents) {
   auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "one");
   world.extension().setLatency(seconds(5));
-  world.replica().fsync(file, [](const auto&) {});
+  world.call(world.replica().files().fsync(file));
   world.advance(seconds(8));
   ReplicaWorld::writeTo(*file, "two");
   EXPECT_EQ(closeError(file), "");

@@ -200,7 +200,7 @@ TEST_F(SynchronisationTest, ChangeOnBothSidesKeepsBoth) {
       EXPECT_EQ(bytes, "mine");
     }
   }
-  EXPECT_EQ(world.replica().status().conflicts.size(), 1u);
+  EXPECT_EQ(world.replica().commands().status().conflicts.size(), 1u);
 }
 
 TEST_F(SynchronisationTest, NewFileWhoseNameIsTakenThereGetsAnother) {
@@ -347,7 +347,7 @@ TEST_F(SynchronisationTest, FileThatIsHereGoesOnlyAfterASecondLook) {
   EXPECT_TRUE(world.exists("/a")) << "one listing lacked it";
   world.advance(seconds(5));
   EXPECT_FALSE(world.exists("/a"));
-  EXPECT_EQ(world.replica().status().history.files, 1);
+  EXPECT_EQ(world.replica().commands().status().history.files, 1);
 }
 
 TEST_F(SynchronisationTest, RefusedNameIsUndone) {
@@ -390,9 +390,9 @@ TEST_F(SynchronisationTest, LocalOnlyNamesAreNeverSent) {
 TEST_F(SynchronisationTest, EvictedContentsAreFetchedAgain) {
   world.server().writeFile("/a", "x");
   world.read("/a");
-  const auto result = world.replica().evict(world.find("/a"));
+  const auto result = world.replica().commands().evict(world.find("/a"));
   EXPECT_EQ(result.evicted, 1);
-  EXPECT_EQ(world.replica().status().cachedFiles, 0);
+  EXPECT_EQ(world.replica().commands().status().cachedFiles, 0);
   EXPECT_EQ(world.read("/a"), "x");
 }
 
@@ -410,19 +410,15 @@ TEST_F(SynchronisationTest, FileReplacedBetweenALookAtItsNameAndItsOpeningCanBeO
   world.server().writeFile("/a", "old");
   world.read("/a");
   const replica::Rid before = world.find("/a");
-  world.replica().remember(before);
+  world.replica().files().remember(before);
   world.write("/a.new", "new");
   world.rename("/a.new", "/a");
   ASSERT_NE(world.find("/a"), before);
-  std::string found;
-  const auto readIt = [&](const replica::Outcome<std::shared_ptr<replica::OpenFile>>& outcome) {
-    found = outcome.succeeded() ? ReplicaWorld::readFrom(*outcome.value()) : "ESTALE";
-  };
-  world.replica().openFile(before, {.read = true}, readIt);
-  world.advance(milliseconds(10));
-  EXPECT_EQ(found, "old");
-  world.replica().forget(before, 1);
-  EXPECT_EQ(errorOf([&] { world.replica().attributes(before); }), posix(ESTALE));
+  auto opened = world.await(world.replica().files().openFile(before, {.read = true}));
+  EXPECT_EQ(ReplicaWorld::readFrom(*opened), "old");
+  opened.reset();
+  world.replica().files().forget(before, 1);
+  EXPECT_EQ(errorOf([&] { world.replica().files().attributes(before); }), posix(ESTALE));
   EXPECT_TRUE(world.settle());
   EXPECT_EQ(world.server().read("/a"), "new");
 }
@@ -432,7 +428,7 @@ TEST_F(SynchronisationTest, DiscardedChangesAreKeptInTheHistory) {
   world.read("/a");
   world.extension().setDown(true);
   world.write("/a", "mine");
-  EXPECT_EQ(world.replica().discard(world.find("/a")), 1u);
+  EXPECT_EQ(world.replica().commands().discard(world.find("/a")), 1u);
   world.extension().setDown(false);
   EXPECT_TRUE(world.settle());
   world.advance(seconds(60));

@@ -76,7 +76,7 @@ TEST_F(UnwrittenTest, ContentsThatCannotBeReplacedAreNotInTheHistory) {
   }
   world.advance(seconds(20));
   EXPECT_EQ(world.read("/a"), "contents");
-  EXPECT_EQ(world.replica().status().history.files, 0);
+  EXPECT_EQ(world.replica().commands().status().history.files, 0);
   world.write("/a", "new");
   EXPECT_THAT(world.history(), ElementsAre("contents"));
   world.crash();
@@ -117,7 +117,7 @@ TEST_F(UnwrittenTest, AnswersThatCouldNotBeNotedAreNotedLater) {
   {
     const NothingCanBeWritten full;
     world.advance(seconds(20));
-    EXPECT_EQ(world.replica().status().pending.size() > 2, false);
+    EXPECT_EQ(world.replica().commands().status().pending.size() > 2, false);
   }
   world.extension().setLatency(milliseconds(0));
   world.advance(seconds(30));

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/Task.h"
+#include "replica/OpenFile.h"
+#include "replica/Records.h"
+#include "replica/store/ContentFiles.h"
+
+namespace kestrowan::replica {
+
+class Life;
+
+/// What applications see of an item.
+struct Attributes {
+  Rid rid = 0;
+  ItemKind kind = ItemKind::file;
+  /// Permission bits, and those of `chmod` beyond them.
+  std::uint16_t mode = 0;
+  /// How many names lead to it: 0 once it was removed or replaced. Of a folder also its own "." and
+  /// the ".." of each folder that is known in it.
+  std::uint32_t links = 1;
+  /// Bytes.
+  std::int64_t size = 0;
+  /// The contents here; 0 when there are none.
+  ContentNumber content = 0;
+  /// Nanoseconds since 1970-01-01 UTC.
+  std::int64_t modified = 0;
+  /// The same: the last access, as an application set it; the modification when none did.
+  std::int64_t accessed = 0;
+  /// The same: when contents, attributes or name changed last. Each change moves it.
+  std::int64_t changed = 0;
+};
+
+/// What `setAttributes` is to change.
+struct AttributeChange {
+  std::optional<std::uint16_t> mode;
+  std::optional<std::int64_t> size;
+  std::optional<std::int64_t> modified;
+  std::optional<std::int64_t> accessed;
+};
+
+/// One folder as it was when it was opened. Immutable.
+struct FolderSnapshot {
+  struct Entry {
+    std::string name;
+    Attributes attributes;
+  };
+  /// The folder above; the root's is the root itself.
+  Rid parent = kRootRid;
+  std::vector<Entry> entries;
+};
+
+struct CreatedFile {
+  Attributes attributes;
+  std::shared_ptr<OpenFile> file;
+};
+
+struct OpenMode {
+  bool read = true;
+  bool write = false;
+  /// Only with `write`: the contents become empty, and are not fetched.
+  bool truncate = false;
+};
+
+/// Whether a user attribute may be new, or must be.
+enum class SetMode : std::uint8_t { either, create, replace };
+
+/// What programs ask of a replica's tree. Part of the replica. Usable from every thread.
+///
+/// A task begins on the thread that awaits it, and answers at once from what is here where it can,
+/// else when the provider has answered or the time for waiting is over. It is awaited only in what
+/// `Replica::start` began. The errors are those of `Replica`; a `Rid` that is not known gives
+/// ESTALE.
+class FileCalls {
+ public:
+  explicit FileCalls(Life& life);
+  FileCalls(const FileCalls&) = delete;
+  FileCalls& operator=(const FileCalls&) = delete;
+
+  /// The item of that name, from the folder's listing.
+  Task<Attributes> lookUp(Rid folder, std::string name);
+  /// Throws `NSError`.
+  Attributes attributes(Rid item) const;
+  /// A size changes the contents, which are fetched first unless it is 0.
+  Task<Attributes> setAttributes(Rid item, AttributeChange change);
+  Task<std::shared_ptr<const FolderSnapshot>> openFolder(Rid folder);
+  void closeFolder(Rid folder);
+  /// The kernel knows the item once more, or `count` times less; while it does, an item that was
+  /// removed or replaced keeps its attributes.
+  void remember(Rid item);
+  void forget(Rid item, std::uint64_t count);
+
+  Task<std::shared_ptr<OpenFile>> openFile(Rid item, OpenMode mode);
+  /// `mode` is permission bits. EEXIST when the name is taken.
+  Task<CreatedFile> createFile(Rid folder, std::string name, std::uint16_t mode);
+  Task<Attributes> makeFolder(Rid folder, std::string name, std::uint16_t mode);
+  Task<void> removeFile(Rid folder, std::string name);
+  Task<void> removeFolder(Rid folder, std::string name);
+  /// Replaces what bears the new name, unless `replace` is false; an open file goes on.
+  Task<void> rename(Rid folder, std::string name, Rid newFolder, std::string newName, bool replace);
+
+  /// For each `close` of a descriptor: sends what was written soon, and reports once what the
+  /// provider refused of this item since.
+  Task<void> flush(std::shared_ptr<OpenFile> file);
+  /// What was written and acknowledged so far survives a power failure. Blocks on the disk.
+  Task<void> fsync(std::shared_ptr<OpenFile> file);
+  /// The same for names.
+  void fsyncFolder(Rid folder);
+
+  /// User attributes of an item: at most 64 KiB, names and values together. Each throws `NSError`:
+  /// ENODATA for one that is not there, ENOSPC beyond the limit, EEXIST as `setxattr` has it.
+  std::string userAttribute(Rid item, std::string_view name) const;
+  std::vector<std::string> userAttributes(Rid item) const;
+  void setUserAttribute(Rid item, std::string_view name, std::string_view value, SetMode mode);
+  void removeUserAttribute(Rid item, std::string_view name);
+
+  /// Bytes that an item's contents take on this disk; of those that are not here, what they would.
+  std::int64_t allocated(const Attributes& attributes) const;
+  /// Of the disk under the replica.
+  ContentFiles::Space space() const;
+
+ private:
+  Life& life_;
+};
+
+}  // namespace kestrowan::replica
