@@ -28,6 +28,7 @@
 #include "host/MountFolder.h"
 #include "host/ProviderKeeper.h"
 #include "host/Registry.h"
+#include "host/Reserve.h"
 #include "host/ServiceManager.h"
 #include "host/StateDirectory.h"
 #include "host/StatusNews.h"
@@ -137,6 +138,7 @@ class Host::Implementation {
   HostEvents events_;
   MountFolder folder_;
   StateDirectory state_;
+  Reserve reserve_;
   const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
   std::unique_ptr<async::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
@@ -158,7 +160,8 @@ class Host::Implementation {
 Host::Implementation::Implementation(HostSettings settings)
     : settings_(checked(std::move(settings))),
       folder_(settings_.mountPoint, settings_.stateDirectory),
-      state_(settings_.stateDirectory) {
+      state_(settings_.stateDirectory),
+      reserve_(settings_.stateDirectory) {
   bindStorage(settings_);
   protectMemory();
   makeFilesPrivate();
@@ -211,6 +214,7 @@ void Host::Implementation::begin() {
             ": lies on another machine's disk; a local one is safer and faster");
   }
   warn();
+  reserve_.giveUp();
   keeper_ = std::make_unique<ProviderKeeper>(
       ProviderKeeper::Functions{
           .make = extensionFactory({settings_.domain, "Kestrowan"}),
@@ -240,6 +244,7 @@ void Host::Implementation::begin() {
       entry.socket, [commands](const JSONValue& request) { return commands.answer(request); },
       ControlSocket::kPatience, &HostCommands::lane);
   registration_ = std::make_unique<Registration>(entry);
+  reserve_.hold();
 }
 
 void Host::Implementation::use(std::shared_ptr<NSFileProviderReplicatedExtension> provider) {
@@ -313,6 +318,7 @@ void Host::Implementation::tick() {
   lastNews_ = Clock::now();
   for (const auto& line : news_.of(status())) hostLog(line);
   warn();
+  reserve_.hold();
   if (settings_.logsToFile) limitLogFile(state_.path() + "/log");
 }
 

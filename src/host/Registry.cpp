@@ -86,13 +86,15 @@ Registration::Registration(const HostEntry& entry)
   // unlocked.
   const auto temporary = file_ + "." + std::to_string(::getpid());
   const auto contents = serialized(entry);
+  errno = 0;
   UniqueFd file(
       ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
   if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
       ::write(file.get(), contents.data(), contents.size()) !=
           static_cast<ssize_t>(contents.size()) ||
       ::rename(temporary.c_str(), file_.c_str()) != 0) {
-    const int error = errno;
+    // A write that is cut short says nothing itself.
+    const int error = errno != 0 ? errno : ENOSPC;
     ::unlink(temporary.c_str());
     throw systemError(error, escapedForDisplay(file_));
   }

@@ -77,7 +77,8 @@ void StateDirectory::remove() const {
   for (const char* folder : {"contents", "temporary"}) {
     if (::unlinkat(directory_.get(), folder, AT_REMOVEDIR) != 0 && errno != ENOENT) return;
   }
-  for (const char* file : {"replica.db", "replica.db-wal", "replica.db-shm", "in-use", kLockName}) {
+  for (const char* file :
+       {"replica.db", "replica.db-wal", "replica.db-shm", "in-use", "reserve", kLockName}) {
     ::unlinkat(directory_.get(), file, 0);
   }
   removeStorageNote(directory_.get());
@@ -112,10 +113,13 @@ void StateDirectory::lock() {
                                     (number.empty() ? "" : ", process " + number) + mountOf(path_) +
                                     ", or name another --domain for a second mount");
   }
+  // In place: a number that is there already needs no room on the disk.
   const auto number = std::to_string(::getpid()) + "\n";
-  if (::ftruncate(file.get(), 0) != 0 || ::pwrite(file.get(), number.data(), number.size(), 0) !=
-                                             static_cast<ssize_t>(number.size())) {
-    throw systemError(errno, shown);
+  const auto size = static_cast<ssize_t>(number.size());
+  errno = 0;
+  if (::pwrite(file.get(), number.data(), number.size(), 0) != size ||
+      ::ftruncate(file.get(), size) != 0) {
+    throw systemError(errno != 0 ? errno : ENOSPC, shown);
   }
   lock_ = std::move(file);
 }

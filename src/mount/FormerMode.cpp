@@ -47,13 +47,17 @@ void FormerMode::write(const std::string& stateDirectory) const {
   // The path, which may hold anything else, comes last.
   text << device << ' ' << inode << ' ' << std::oct << mode << '\n' << path;
   const auto contents = text.str();
+  errno = 0;
   const UniqueFd file(::open(temporary.c_str(),
                              O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
   if (!file ||
       ::write(file.get(), contents.data(), contents.size()) !=
           static_cast<ssize_t>(contents.size()) ||
       ::fsync(file.get()) != 0 || std::rename(temporary.c_str(), name.c_str()) != 0) {
-    throw systemError(errno, name);
+    // A write that is cut short says nothing itself.
+    const int error = errno != 0 ? errno : ENOSPC;
+    ::unlink(temporary.c_str());
+    throw systemError(error, name);
   }
 }
 

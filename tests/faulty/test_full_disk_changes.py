@@ -125,8 +125,6 @@ def test_a_file_that_was_never_sent_stays_removed(home, dav, small_disk):
     assert dav.tree("/Home/d") == expected
 
 
-@pytest.mark.xfail(strict=True, reason="the host's own small files, the list of hosts and the mount "
-                                       "point, cannot be written")
 @pytest.mark.parametrize("end", ["kill", "end"])
 def test_a_mount_begins_on_a_full_disk(home, dav, small_disk, end):
     dav.fault("PUT", None, answer={"status": 503}, effect=False)
