@@ -65,6 +65,14 @@ bool isDisturbed(const FolderListings& listings, const std::vector<Path>& touche
   });
 }
 
+/// Whether the folder above has a folder at that path.
+bool isListed(const FolderListings& listings, const Path& path) {
+  const auto above = listings.find(path.folder());
+  if (above == listings.end() || !above->second) return false;
+  const auto found = above->second->entries.find(path.name());
+  return found != above->second->entries.end() && found->second.kind == model::Kind::folder;
+}
+
 }  // namespace
 
 struct Refresher::Look {
@@ -76,6 +84,8 @@ struct Refresher::Look {
   FolderListings listings;
   /// Where folders were asked for.
   FolderListings asked;
+  /// What answered that they may be no more; their listings are null.
+  std::map<Path, NSError> failed;
 };
 
 Refresher::Refresher(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
@@ -371,8 +381,17 @@ Task<bool> Refresher::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker
     paths = std::move(written.lacking);
     isWritten = paths.empty();
     if (!isWritten) continue;
+    for (const auto& [path, error] : look->failed) {
+      if (isListed(look->listings, path)) throw error;
+    }
     edit.commit();
     noteDoubts(*edit, look->listings, written);
+    for (const ItemNumber number : folders) {
+      const Item* folder = edit->find(number);
+      if (!folder || !folder->there()) continue;
+      const auto failed = look->failed.find(edit->therePath(*folder));
+      if (failed != look->failed.end()) throw failed->second;
+    }
   }
   co_return true;
 }
@@ -418,8 +437,14 @@ Task<void> Refresher::gather(std::shared_ptr<Look> look, std::vector<Path> paths
     }
     look->asked[path] = nullptr;
     std::shared_ptr<const FolderListing> listing;
-    if (number != ItemNumber::none)
-      listing = co_await list(number, std::move(identifier), look->asker);
+    std::optional<NSError> problem;
+    try {
+      if (number != ItemNumber::none)
+        listing = co_await list(number, std::move(identifier), look->asker);
+    } catch (const NSError& error) {
+      problem = error;
+    }
+    if (problem) look->failed.emplace(path, requireDoubt(number, *problem));
     look->listings[path] = std::move(listing);
   }
 }
@@ -447,24 +472,13 @@ Task<std::vector<NSFileProviderItemPtr>> Refresher::ask(NSFileProviderItemIdenti
   }
 }
 
-/// Null when the folder turned out to be no more.
 Task<std::shared_ptr<const FolderListing>> Refresher::list(ItemNumber number,
                                                            NSFileProviderItemIdentifier identifier,
                                                            ItemNumber asker) {
   const auto begun = scope_.now();
-  std::optional<NSError> problem;
-  std::shared_ptr<FolderListing> listing;
-  try {
-    const auto items = co_await ask(identifier, asker);
-    // For a large folder that takes long, and no call must wait for it.
-    listing = std::make_shared<FolderListing>(items, number, identifier, options_);
-  } catch (...) {
-    problem = caughtError();
-  }
-  if (problem) {
-    co_await explain(number, *problem);
-    co_return nullptr;
-  }
+  const auto items = co_await ask(identifier, asker);
+  // For a large folder that takes long, and no call must wait for it.
+  const auto listing = std::make_shared<FolderListing>(items, number, identifier, options_);
   const auto duration = std::chrono::duration_cast<milliseconds>(scope_.now() - begun);
   listing->isWhole = !options_.cameWhole || options_.cameWhole(identifier, duration);
   {
@@ -476,29 +490,15 @@ Task<std::shared_ptr<const FolderListing>> Refresher::list(ItemNumber number,
   co_return listing;
 }
 
-/// Ends when the folder above says that this one is no more; throws otherwise.
-Task<void> Refresher::explain(ItemNumber number, NSError error) {
+/// An error after which the folder may be no more, which the one above it tells. Throws any other.
+NSError Refresher::requireDoubt(ItemNumber number, const NSError& error) {
   const ErrorClass kind = errorClass(error);
   if (kind != ErrorClass::ambiguous && kind != ErrorClass::gone) throw error;
-  if (number == ItemNumber::root) {
-    // There is nothing above that could tell more.
-    const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
-    health_.note(unreachable);
-    throw unreachable;
-  }
-  ItemNumber above = ItemNumber::none;
-  {
-    const View view(tree_);
-    const Item* folder = view->find(number);
-    if (folder && folder->there()) above = folder->there()->place.folder;
-  }
-  if (above != ItemNumber::none) {
-    std::vector<ItemNumber> folders{above};
-    co_await look(std::move(folders));
-  }
-  const View view(tree_);
-  const Item* folder = view->find(number);
-  if (folder && folder->there()) throw error;
+  if (number != ItemNumber::root) return error;
+  // There is nothing above that could tell more.
+  const NSError unreachable(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
+  health_.note(unreachable);
+  throw unreachable;
 }
 
 /// A listing that did not come whole is asked for anew, at first soon.

@@ -126,7 +126,7 @@ class Refresher {
   Task<std::shared_ptr<const FolderListing>> list(model::ItemNumber folder,
                                                   NSFileProviderItemIdentifier identifier,
                                                   model::ItemNumber asker);
-  Task<void> explain(model::ItemNumber folder, NSError error);
+  NSError requireDoubt(model::ItemNumber folder, const NSError& error);
   void finish(model::ItemNumber folder, const std::exception_ptr& error);
   void noteDoubts(const model::State& state, const FolderListings& listings,
                   plan::Written& written);

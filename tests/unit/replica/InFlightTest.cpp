@@ -277,6 +277,22 @@ TEST_F(InFlightTest, FolderMadeHereIsKnownWithoutAServer) {
   settle();
 }
 
+TEST_F(InFlightTest, FolderThatIsGoneWithAFileOnItsWayOutOfItDoesNotHoldUpTheFolderAboveIt) {
+  world.makeFolder("/d");
+  world.write("/d/a", "x");
+  ASSERT_TRUE(world.settle());
+  hold(CallKind::modifyItem, kLost, Fault::Effect::none);
+  world.rename("/d/a", "/b");
+  waitUntilSending(CallKind::modifyItem);
+  world.extension().releaseHung();
+  world.server().remove("/d");
+  world.server().writeFile("/news", "y");
+  world.advance(seconds(40));
+  EXPECT_THAT(world.list("/"), testing::Contains("news"));
+  settle();
+  EXPECT_THAT(world.server().tree(), testing::Contains(Pair("/b", Optional(std::string("x")))));
+}
+
 // ---- writes ------------------------------------------------------------------------------------
 
 TEST_F(InFlightTest, WritesAfterTheSameFileWasFoundThereArrive) {
