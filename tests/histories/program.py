@@ -8,6 +8,8 @@ a step that replaces or removes something it reads that, and its log says which 
     {"begin": KIND, "at": PATH, "to": PATH, "saw": [...], "token": ...}   before anything happens
     {"end": "done"}  or  {"end": "failed", "errno": ...}      a failed step may have happened
 
+with the times of both, and that at which it began to look at what it replaces or removes.
+
 The programs agree on who works on a name by locks in LOCKS, as programs on one machine do that do
 not want to overwrite each other; of the server's other client they know nothing.
 """
@@ -62,6 +64,7 @@ class Program:
                 for name in sorted({at, to}):
                     held.enter_context(self.locked(name.replace("/", "_"), fcntl.LOCK_EX))
                 self.begun = False
+                self.looked = time.time()
                 try:
                     with patience():
                         getattr(self, kind)(at, to)
@@ -71,7 +74,7 @@ class Program:
                 except OSError as error:
                     result = {"end": "failed", "errno": error.errno}
                 if self.begun:
-                    self.tell(**result)
+                    self.tell(**result, time=time.time())
         if result.get("errno") in AWAY:
             time.sleep(0.1)
 
@@ -85,8 +88,8 @@ class Program:
             os.close(file)
 
     def begin(self, kind, at, saw=(), token=None, to=""):
-        self.tell(begin=kind, at=at, to=to, time=time.time(), saw=[one.decode() for one in saw],
-                  token=token and token.decode())
+        self.tell(begin=kind, at=at, to=to, looked=self.looked, time=time.time(),
+                  saw=[one.decode() for one in saw], token=token and token.decode())
         self.begun = True
 
     def token(self):
@@ -99,6 +102,7 @@ class Program:
     def seen(self, at):
         """The tokens in a file, and its inode; None for that when there is no file."""
         while True:
+            self.looked = time.time()
             try:
                 with open(self.top + at, "rb") as file:
                     tokens = TOKEN.findall(file.read())
@@ -182,7 +186,7 @@ class Program:
         for name in os.listdir(self.top + at):
             self.remove(f"{at}/{name}", "")
             if self.begun:
-                self.tell(end="done")
+                self.tell(end="done", time=time.time())
                 self.begun = False
         os.rmdir(self.top + at)
 

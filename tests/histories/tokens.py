@@ -8,6 +8,11 @@ from urllib.parse import unquote, urlsplit
 
 from program import TOKEN
 
+# The kinds of step that replace or remove what they saw, and which of their places that was at.
+REPLACED = {"rename": "to", "save": "at", "remove": "at"}
+# How long after the server's answer the mount shows what was in it, in seconds.
+SHOWN_WITHIN = 0.3
+
 
 class Change(NamedTuple):
     began: float
@@ -18,9 +23,12 @@ class Change(NamedTuple):
 
 
 class Fate(NamedTuple):
-    """The request that took something away, and whether a look before it can have shown that."""
+    """The request that took something away, and from where. The first looks at that place that can
+    have shown it, and that must have before the request, had ended then; None when there was none."""
     change: Change
-    was_seen: bool
+    place: str
+    can_be_seen: float
+    was_seen: float
 
 
 class Requests:
@@ -60,8 +68,11 @@ class Requests:
                 place = change.to + place[len(change.at):]
                 continue
             near = (place, place.rpartition("/")[0])
-            return Fate(change, any(began >= after and ended <= change.began
-                                    for began, ended, at in self.looks if at in near))
+            looks = [(began, ended) for began, ended, at in self.looks
+                     if at in near and ended >= before]
+            return Fate(change, place, min((ended for _, ended in looks), default=None),
+                        min((ended for began, ended in looks
+                             if began >= after and ended <= change.began), default=None))
         return None
 
 
@@ -71,6 +82,7 @@ class Told:
     def __init__(self, logs):
         self.acknowledged = {}  # token: the step that wrote it
         self.given_up = set()
+        self.replaced = []  # (when a program looked, when its step had ended, place)
         self.lines = []  # (when, place, text)
         self.steps = 0
         for log in logs:
@@ -86,10 +98,20 @@ class Told:
                 self.lines.append((said["time"], said["at"], f"{log.name} {said['begin']} "
                                    f"{said['at']} {said['to']} saw {said['saw']}, "
                                    f"wrote {said['token']}"))
-            elif said["end"] == "done":
+                continue
+            if step["begin"] in REPLACED:
+                self.replaced.append((step["looked"], said["time"], step[REPLACED[step["begin"]]]))
+            if said["end"] == "done":
                 self.steps += 1
                 if step["token"]:
                     self.acknowledged[step["token"].encode()] = step
+
+
+    def has_raced(self, fate):
+        """Whether what was taken came to be shown while a program that had looked at its place was
+        about to replace or to remove what it had seen there."""
+        return any(looked <= fate.was_seen + SHOWN_WITHIN and ended >= fate.can_be_seen
+                   for looked, ended, at in self.replaced if at == fate.place)
 
 
 def tokens_in(contents):
@@ -119,6 +141,7 @@ class Judgement:
         found = set().union(client.known, *places)
         self.lost = []
         self.windows = []
+        self.raced = []  # shown when a program was about to replace what it had seen there before
         self.taken = []  # by a request after a look that can have shown them
         for token, step in told.acknowledged.items():
             if token not in found and token not in told.given_up:
@@ -134,12 +157,14 @@ class Judgement:
             fate = fate or self.requests.fate(place, before, after, until)
         if not fate:
             self.lost.append(self._told_of(token, came))
-        elif fate.was_seen:
+        elif not fate.was_seen:
+            self.windows.append(token.decode())
+        elif self.told.has_raced(fate):
+            self.raced.append(token.decode())
+        else:
             self.taken.append(f"by {fate.change.method} {fate.change.at} after "
                               f"{fate.change.began - came[0][1]:.3f} s\n"
                               + self._told_of(token, came))
-        else:
-            self.windows.append(token.decode())
 
     def _told_of(self, token, came):
         """What happened at the places of a token after it came there."""
