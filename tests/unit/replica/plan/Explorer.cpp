@@ -110,15 +110,18 @@ void Explorer::exploreAll(const PlannerWorld& start) {
 }
 
 /// Follows what the engine does when every answer comes; what else may happen is put aside. A state
-/// that was entered before has been followed to its end, unless it is one of this way.
+/// that was entered before has been followed to its end, unless it is one of this way. Where no
+/// change or fault is left, the engine goes on in the same world, by the numbers and names of that.
 void Explorer::runToTheEnd(Node node) {
   std::vector<std::uint64_t> chain;
+  std::optional<PlannerWorld> world;
   while (enter(node, chain)) {
     try {
-      PlannerWorld world(node.text);
-      branch(node, world);
+      const bool goesOn = world && node.left() == 0;
+      if (!goesOn) world.emplace(node.text);
+      branch(node, *world);
       if (isLeftOut(node)) return;
-      auto next = engineStep(node, world);
+      auto next = engineStep(node, *world, goesOn);
       if (!next) return;
       node = std::move(*next);
     } catch (const Broken& broken) {
@@ -154,7 +157,7 @@ void Explorer::branch(const Node& node, const PlannerWorld& world) {
     for (std::size_t i = 0; i < events.size(); ++i) {
       const bool isLater = events[i].isHere() || events[i].kind == Event::Kind::putSameThere;
       before.here = bounds_.isInterleaved || isLater ? node.here : 0;
-      consider(before, {kind, 0, static_cast<std::uint16_t>(i), node.trace},
+      consider(before, {kind, 0, false, static_cast<std::uint16_t>(i), node.trace},
                [&](PlannerWorld& other) { other.apply(events[i]); });
     }
   };
@@ -162,7 +165,7 @@ void Explorer::branch(const Node& node, const PlannerWorld& world) {
   if (node.there > 0) considerAll(Deed::Kind::there, world.eventsThere(bounds_.names));
   if (isLeftOut(node)) return;
   const auto considerMove = [&](Deed::Kind kind, std::size_t index) {
-    const Deed deed{kind, 0, static_cast<std::uint16_t>(index), node.trace};
+    const Deed deed{kind, 0, false, static_cast<std::uint16_t>(index), node.trace};
     consider(node, deed,
              [&](PlannerWorld& other) { other.carryOut(moveOf(other, deed), Fate::ok); });
   };
@@ -180,7 +183,7 @@ void Explorer::branchStep(const Node& node, const Move& move) {
     if (!isPossible || (isFault(fate) && node.faults == 0) || (isSlow(fate) && node.slow == 0)) {
       continue;
     }
-    consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(i), kNext, node.trace},
+    consider(node, {Deed::Kind::step, static_cast<std::uint8_t>(i), false, kNext, node.trace},
              [&](PlannerWorld& other) { other.carryOut(move, fate); });
   }
 }
@@ -201,7 +204,8 @@ Move Explorer::moveOf(const PlannerWorld& world, const Deed& deed) const {
 }
 
 /// The state after the engine's next step, which is done in `world`.
-std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorld& world) {
+std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorld& world,
+                                                   bool goesOn) {
   Move move = world.next(bounds_.isReversed);
   const bool isAtRest = move.kind == Move::Kind::none || move.kind == Move::Kind::wait;
   if (move.kind == Move::Kind::none && !world.isUnseen()) {
@@ -209,7 +213,7 @@ std::optional<Explorer::Node> Explorer::engineStep(const Node& node, PlannerWorl
     ++ends_;
     return std::nullopt;
   }
-  Deed deed{Deed::Kind::step, 0, kNext, node.trace};
+  Deed deed{Deed::Kind::step, 0, goesOn, kNext, node.trace};
   if (world.isUnseen() && isAtRest) {
     deed.kind = Deed::Kind::look;
     move = moveOf(world, deed);
@@ -297,25 +301,32 @@ void Explorer::fail(const std::string& rule, const Node& node, Deed deed) {
   for (std::uint32_t at = node.trace; at != 0; at = deeds_[at].from) way.push_back(deeds_[at]);
   std::reverse(way.begin(), way.end());
   if (failure_ && failure_->length <= way.size()) return;
+  failure_ = Failure{rule, rule + "\n" + toldAgain(way), way.size()};
+}
+
+std::string Explorer::toldAgain(const std::vector<Deed>& way) const {
   std::ostringstream out;
-  std::string text = start_;
-  // Names as they were at the start.
+  std::optional<PlannerWorld> world;
+  world.emplace(start_);
+  // From the names of this world to those at the start.
   Renaming original;
-  out << PlannerWorld(text).describe();
+  out << world->describe();
   for (const Deed& one : way) {
-    PlannerWorld world(text);
+    if (!one.goesOn) {
+      Renaming used;
+      const std::string text = world->encoded(bounds_.names, &used);
+      original = used.inverse().then(original);
+      world.emplace(text);
+    }
     try {
-      out << original.inQuotes(describeDeed(world, one)) << "\n";
-      repeat(world, one);
+      out << original.inQuotes(describeDeed(*world, one)) << "\n";
+      repeat(*world, one);
     } catch (const Broken& broken) {
       out << "  " << broken.what() << "\n";
     }
-    Renaming used;
-    text = world.encoded(bounds_.names, &used);
-    original = used.inverse().then(original);
-    out << original.inQuotes(PlannerWorld(text).describe());
+    out << original.inQuotes(world->describe());
   }
-  failure_ = Failure{rule, rule + "\n" + out.str(), way.size()};
+  return out.str();
 }
 
 void Explorer::sample(const PlannerWorld& start, std::mt19937_64& random) {
@@ -347,14 +358,14 @@ std::optional<Explorer::Node> Explorer::changeAtRandom(const Node& node, std::mt
   const bool isHere = random() % (node.here + node.there) < node.here;
   const auto events = isHere ? world.eventsHere(bounds_.names) : world.eventsThere(bounds_.names);
   const auto index = static_cast<std::uint16_t>(random() % events.size());
-  return done(node, {isHere ? Deed::Kind::here : Deed::Kind::there, 0, index, node.trace}, world,
-              [&](PlannerWorld& other) { other.apply(events[index]); });
+  return done(node, {isHere ? Deed::Kind::here : Deed::Kind::there, 0, false, index, node.trace},
+              world, [&](PlannerWorld& other) { other.apply(events[index]); });
 }
 
 /// What the engine does at random; a step of the planner may be any that may be done.
 Explorer::Deed Explorer::deedAtRandom(const Node& node, const PlannerWorld& world,
                                       std::mt19937_64& random) {
-  Deed deed{Deed::Kind::step, 0, kNext, node.trace};
+  Deed deed{Deed::Kind::step, 0, false, kNext, node.trace};
   const std::size_t steps = world.steps().size();
   if (steps > 0) deed.index = static_cast<std::uint16_t>(random() % steps);
   if (world.isUnseen() && random() % 3 == 0) {

@@ -62,6 +62,8 @@ class Explorer {
 
     Kind kind = Kind::start;
     std::uint8_t fate = 0;
+    /// Done in the world that the deed before it left, not in one that was read from a text.
+    bool goesOn = false;
     std::uint16_t index = 0;
     std::uint32_t from = 0;
   };
@@ -101,7 +103,7 @@ class Explorer {
   void branch(const Node& node, const PlannerWorld& world);
   void branchStep(const Node& node, const Move& move);
   Move moveOf(const PlannerWorld& world, const Deed& deed) const;
-  std::optional<Node> engineStep(const Node& node, PlannerWorld& world);
+  std::optional<Node> engineStep(const Node& node, PlannerWorld& world, bool goesOn);
   template <class Do>
   std::optional<Node> done(const Node& node, Deed deed, PlannerWorld& world, const Do& doIt);
   template <class Do>
@@ -110,6 +112,7 @@ class Explorer {
   std::optional<Node> workAtRandom(const Node& node, std::mt19937_64& random);
   Deed deedAtRandom(const Node& node, const PlannerWorld& world, std::mt19937_64& random);
   void repeat(PlannerWorld& world, const Deed& deed) const;
+  std::string toldAgain(const std::vector<Deed>& way) const;
   std::string describeDeed(const PlannerWorld& world, const Deed& deed) const;
   void fail(const std::string& rule, const Node& node, Deed deed);
 

@@ -209,7 +209,7 @@ Move PlannerWorld::next(bool isReversed) const {
 }
 
 void PlannerWorld::carryOut(const Move& move, Fate fate) {
-  const std::string before = world_.shownTree();
+  const std::string before = world_.hasChangedThere ? std::string() : world_.shownTree();
   ContentSet there = world_.contentsThere() & ~world_.strays;
   switch (move.kind) {
     case Move::Kind::look:
