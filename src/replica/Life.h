@@ -62,7 +62,7 @@ class Life : public model::Watcher {
   store::Contents contents;
   store::History history;
   remote::Provider provider;
-  remote::Reach health;
+  remote::Health health;
   calls::OpenItems openItems;
   store::UnusedContents unused;
   pull::GivenNames names;

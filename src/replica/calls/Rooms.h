@@ -12,7 +12,7 @@
 #include "replica/push/Outbox.h"
 #include "replica/push/Refusals.h"
 #include "replica/push/Verdicts.h"
-#include "replica/remote/Reach.h"
+#include "replica/remote/Health.h"
 #include "replica/store/Contents.h"
 #include "replica/store/Durability.h"
 #include "replica/store/History.h"
@@ -30,7 +30,7 @@ struct Rooms {
   store::History& history;
   store::UnusedContents& unused;
   OpenItems& openItems;
-  remote::Reach& health;
+  remote::Health& health;
   pull::Refresher& refresher;
   pull::Downloader& downloader;
   pull::ReadAhead& readAhead;

@@ -62,7 +62,7 @@ std::int64_t sizeOfFile(const std::string& path) {
 }  // namespace
 
 Downloader::Downloader(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
-                       remote::Reach& health, const Options& options, store::Contents& contents,
+                       remote::Health& health, const Options& options, store::Contents& contents,
                        const Settler& settler, Space& space, Freezer& freezer)
     : tree_(tree),
       scope_(scope),

@@ -16,8 +16,8 @@
 #include "replica/pull/Freezer.h"
 #include "replica/pull/Settler.h"
 #include "replica/pull/Space.h"
+#include "replica/remote/Health.h"
 #include "replica/remote/Provider.h"
-#include "replica/remote/Reach.h"
 #include "replica/store/Contents.h"
 
 namespace kestrowan::replica::pull {
@@ -28,7 +28,7 @@ namespace kestrowan::replica::pull {
 class Downloader {
  public:
   Downloader(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
-             remote::Reach& health, const Options& options, store::Contents& contents,
+             remote::Health& health, const Options& options, store::Contents& contents,
              const Settler& settler, Space& space, Freezer& freezer);
   Downloader(const Downloader&) = delete;
   Downloader& operator=(const Downloader&) = delete;
@@ -62,7 +62,7 @@ class Downloader {
   model::Tree& tree_;
   async::Scope& scope_;
   remote::Provider& provider_;
-  remote::Reach& health_;
+  remote::Health& health_;
   const Options& options_;
   store::Contents& contents_;
   const Settler& settler_;

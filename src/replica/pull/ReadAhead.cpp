@@ -26,7 +26,7 @@ bool canBeFetchedAhead(const Item& item) {
 }
 
 bool canBeListedAhead(const Item& item) {
-  return item.isFolder() && !Refresher::isKnown(item);
+  return item.isFolder() && !Freshness::isKnown(item);
 }
 
 /// What lies behind an item in its folder, in the order of the names.
@@ -42,7 +42,7 @@ Walk::Items behind(const State& state, const Item& item, bool (*isWanted)(const 
 
 }  // namespace
 
-ReadAhead::ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Reach& health,
+ReadAhead::ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Health& health,
                      Downloader& downloader, Refresher& refresher)
     : tree_(tree), loop_(loop), health_(health), downloader_(downloader), refresher_(refresher) {}
 
@@ -74,7 +74,7 @@ void ReadAhead::noteListed(ItemNumber folder) {
     if (!item || !item->here()) return;
     std::lock_guard lock(mutex_);
     Walk& walk = walks_[item->here()->place.folder].folders;
-    if (!walk.goesTo(folder, Refresher::isKnown(*item), loop_.now())) return;
+    if (!walk.goesTo(folder, Freshness::isKnown(*item), loop_.now())) return;
     next = walk.next(folder, kFoldersAhead, [&] { return behind(*view, *item, canBeListedAhead); });
   }
   for (const ItemNumber each : next) {

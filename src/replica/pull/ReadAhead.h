@@ -8,7 +8,7 @@
 #include "replica/pull/Downloader.h"
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Walk.h"
-#include "replica/remote/Reach.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica::pull {
 
@@ -16,7 +16,7 @@ namespace kestrowan::replica::pull {
 /// thread.
 class ReadAhead {
  public:
-  ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Reach& health,
+  ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Health& health,
             Downloader& downloader, Refresher& refresher);
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
@@ -33,7 +33,7 @@ class ReadAhead {
 
   const model::Tree& tree_;
   const async::Loop& loop_;
-  const remote::Reach& health_;
+  const remote::Health& health_;
   Downloader& downloader_;
   Refresher& refresher_;
   std::mutex mutex_;  // guards what follows; a leaf

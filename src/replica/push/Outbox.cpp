@@ -34,7 +34,7 @@ bool isRefused(const Item* item) {
 
 }  // namespace
 
-Outbox::Outbox(model::Tree& tree, async::Scope& scope, remote::Reach& health,
+Outbox::Outbox(model::Tree& tree, async::Scope& scope, remote::Health& health,
                const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
                pull::Downloader& downloader, Push& push, Refusals& refusals, OpenWait& openWait)
     : tree_(tree),

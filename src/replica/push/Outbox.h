@@ -22,7 +22,7 @@
 #include "replica/push/Push.h"
 #include "replica/push/Queue.h"
 #include "replica/push/Refusals.h"
-#include "replica/remote/Reach.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica::push {
 
@@ -31,7 +31,7 @@ namespace kestrowan::replica::push {
 /// thread, within an edit too; the work is done on the loop.
 class Outbox {
  public:
-  Outbox(model::Tree& tree, async::Scope& scope, remote::Reach& health, const Options& options,
+  Outbox(model::Tree& tree, async::Scope& scope, remote::Health& health, const Options& options,
          const pull::Settler& settler, pull::Refresher& refresher, pull::Downloader& downloader,
          Push& push, Refusals& refusals, OpenWait& openWait);
   Outbox(const Outbox&) = delete;
@@ -82,7 +82,7 @@ class Outbox {
 
   model::Tree& tree_;
   async::Scope& scope_;
-  remote::Reach& health_;
+  remote::Health& health_;
   const pull::Settler& settler_;
   pull::Refresher& refresher_;
   pull::Downloader& downloader_;

@@ -75,7 +75,7 @@ void addPaths(std::vector<Path>& paths, const plan::Request& request) {
 
 }  // namespace
 
-Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Reach& health,
+Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Health& health,
            const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
            pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents)
     : tree_(tree),

@@ -16,8 +16,8 @@
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Settler.h"
 #include "replica/pull/Touches.h"
+#include "replica/remote/Health.h"
 #include "replica/remote/Provider.h"
-#include "replica/remote/Reach.h"
 #include "replica/store/Contents.h"
 
 namespace kestrowan::replica::push {
@@ -27,7 +27,7 @@ namespace kestrowan::replica::push {
 /// provider's `NSError`, and this machine's; what may have arrived all the same is noted as such.
 class Push {
  public:
-  Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Reach& health,
+  Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Health& health,
        const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
        pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents);
   Push(const Push&) = delete;
@@ -92,7 +92,7 @@ class Push {
   model::Tree& tree_;
   async::Loop& loop_;
   remote::Provider& provider_;
-  remote::Reach& health_;
+  remote::Health& health_;
   const Options& options_;
   const pull::Settler& settler_;
   pull::Refresher& refresher_;

@@ -14,7 +14,7 @@ using model::Item;
 using model::ItemNumber;
 using std::chrono::milliseconds;
 
-Verdicts::Verdicts(async::Scope& scope, remote::Reach& health) : scope_(scope), health_(health) {}
+Verdicts::Verdicts(async::Scope& scope, remote::Health& health) : scope_(scope), health_(health) {}
 
 Verdicts::Expected::Expected(Verdicts& verdicts, ItemNumber item,
                              std::shared_ptr<OneShot<void>> shot)

@@ -11,7 +11,7 @@
 #include "platform/base/Task.h"
 #include "platform/foundation/NSError.h"
 #include "replica/model/Item.h"
-#include "replica/remote/Reach.h"
+#include "replica/remote/Health.h"
 
 namespace kestrowan::replica::push {
 
@@ -19,7 +19,7 @@ namespace kestrowan::replica::push {
 /// continue on the loop.
 class Verdicts {
  public:
-  Verdicts(async::Scope& scope, remote::Reach& health);
+  Verdicts(async::Scope& scope, remote::Health& health);
   Verdicts(const Verdicts&) = delete;
   Verdicts& operator=(const Verdicts&) = delete;
 
@@ -69,7 +69,7 @@ class Verdicts {
   void forget(model::ItemNumber item, const std::shared_ptr<OneShot<void>>& shot);
 
   async::Scope& scope_;
-  remote::Reach& health_;
+  remote::Health& health_;
   mutable std::mutex mutex_;  // guards what follows; a leaf
   std::unordered_map<model::ItemNumber, Waiters> waiters_;
 };

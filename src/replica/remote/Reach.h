@@ -1,3 +1,0 @@
-#pragma once
-#include "replica/remote/Health.h"
-namespace kestrowan::replica::remote { using Reach = Health; }
