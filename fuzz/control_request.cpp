@@ -40,7 +40,7 @@ class Host {
   const HostCommands commands_{replica_,
                                {.host = {},
                                 .started = 0,
-                                .status = [this] { return replica_.status(); },
+                                .status = [this] { return replica_.commands().status(); },
                                 .warnings = [] { return std::vector<std::string>{}; },
                                 .isStopping = [] { return false; },
                                 .unmount = [](bool) { return std::int64_t{0}; }}};
