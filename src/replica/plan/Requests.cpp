@@ -138,13 +138,14 @@ IntentNumber noteSent(Edit& edit, const Request& request, Time now) {
   return edit.add(std::move(intent));
 }
 
-void noteAnswer(Edit& edit, IntentNumber number, const Version& version, Time now) {
+bool noteAnswer(Edit& edit, IntentNumber number, const Version& version, Time now) {
   const Intent intent = intentOf(*edit, number);
-  if (!mayHaveMoved(*edit, intent) && placeAnswer(edit, intent, version, now)) {
-    edit.end(number);
-  } else {
+  if (mayHaveMoved(*edit, intent) || !placeAnswer(edit, intent, version, now)) {
     noteLostAnswer(edit, number, now);
+    return false;
   }
+  edit.end(number);
+  return true;
 }
 
 void noteLostAnswer(Edit& edit, IntentNumber number, Time now) {

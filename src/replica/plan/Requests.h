@@ -27,8 +27,8 @@ std::vector<model::ItemNumber> foldersOf(const model::State& state, const Push& 
 model::IntentNumber noteSent(model::Edit& edit, const Request& request, model::Time now);
 
 /// Writes that the provider has done what was asked. `version`: what it says of a file that was
-/// put. An answer that can no longer be placed counts as lost.
-void noteAnswer(model::Edit& edit, model::IntentNumber number, const model::Version& version,
+/// put. False for an answer that cannot be placed: it counts as lost, and says nothing.
+bool noteAnswer(model::Edit& edit, model::IntentNumber number, const model::Version& version,
                 model::Time now);
 
 /// Notes that there will be no answer: the request may have been done, or may still be.

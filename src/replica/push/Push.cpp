@@ -439,6 +439,7 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
   // What is changed on its way again is not laid beside itself again.
   const bool isChangedAgain = isOverwritten && before && model::isConflictCopy(*before);
   if (isChangedAgain) isOverwritten = false;
+  bool isPlaced = true;
   for (const IntentNumber number : sent.intents) {
     const auto& intents = edit->intents().all();
     const auto found = std::find_if(intents.begin(), intents.end(),
@@ -453,11 +454,11 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
     if (isOverwritten && intent.verb == Verb::put) {
       plan::noteLostAnswer(edit, number, this->now());
     } else {
-      plan::noteAnswer(edit, number, now.version, this->now());
+      isPlaced = plan::noteAnswer(edit, number, now.version, this->now()) && isPlaced;
     }
   }
   const Item* item = edit->find(sent.push.item);
-  if (!item || !item->there() || isOverwritten) return;
+  if (!item || !item->there() || isOverwritten || !isPlaced) return;
   There there = *item->there();
   if (!sent.hasContents() && item->isFile() && known) {
     // A move changes no contents: what another client changed the next listing is to tell.

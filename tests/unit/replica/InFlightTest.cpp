@@ -277,6 +277,21 @@ TEST_F(InFlightTest, FolderMadeHereIsKnownWithoutAServer) {
   settle();
 }
 
+TEST_F(InFlightTest, FileSavedAfterAMoveWithoutAnAnswerIsSentOnce) {
+  world.write("/a", "x");
+  ASSERT_TRUE(world.settle());
+  hold(CallKind::modifyItem, kLost, Fault::Effect::none);
+  world.rename("/a", "/b");
+  waitUntilSending(CallKind::modifyItem);
+  world.rename("/b", "/a");
+  world.extension().releaseHung();
+  ASSERT_TRUE(world.settle());
+  world.extension().clearCalls();
+  world.write("/a", "more");
+  settle();
+  EXPECT_EQ(world.extension().count(CallKind::modifyItem), 1U);
+}
+
 TEST_F(InFlightTest, FolderThatIsGoneWithAFileOnItsWayOutOfItDoesNotHoldUpTheFolderAboveIt) {
   world.makeFolder("/d");
   world.write("/d/a", "x");
