@@ -461,7 +461,12 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
   if (!item || !item->there() || isOverwritten || !isPlaced) return;
   There there = *item->there();
   if (!sent.hasContents() && item->isFile() && known) {
-    // A move changes no contents: what another client changed the next listing is to tell.
+    if (now.isVersionKnown && !pull::canBeSame(options_, *known, now)) {
+      // A move changes no contents: another client did, and that is to be merged.
+      now.place = there.place;
+      edit.setThere(item->number(), pull::asOtherState(*known, std::move(now)));
+      return;
+    }
     now.version = known->version;
     now.isVersionKnown = known->isVersionKnown;
     now.size = known->size;

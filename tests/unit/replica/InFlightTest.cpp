@@ -292,6 +292,23 @@ TEST_F(InFlightTest, FileSavedAfterAMoveWithoutAnAnswerIsSentOnce) {
   EXPECT_EQ(world.extension().count(CallKind::modifyItem), 1U);
 }
 
+TEST_F(InFlightTest, FileThatChangedThereBeforeItsMoveIsNotRemovedUnseen) {
+  world.write("/a", "x");
+  ASSERT_TRUE(world.settle());
+  world.list("/");
+  world.server().writeFile("/a", "theirs");
+  world.extension().setFaults([done = std::make_shared<bool>(false)](const Call& call) {
+    Fault fault;
+    fault.hangs = call.kind == CallKind::modifyItem && !std::exchange(*done, true);
+    return fault;
+  });
+  world.rename("/a", "/b");
+  world.remove("/b");
+  world.extension().releaseHung();
+  settle();
+  EXPECT_THAT(world.server().tree(), ElementsAre(Pair("/b", Optional(std::string("theirs")))));
+}
+
 TEST_F(InFlightTest, FolderThatIsGoneWithAFileOnItsWayOutOfItDoesNotHoldUpTheFolderAboveIt) {
   world.makeFolder("/d");
   world.write("/d/a", "x");
