@@ -119,7 +119,7 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   const Place place{folder->number(), std::string(target.name())};
   const bool isShown =
       shown_.listings.contains(source.folder()) && shown_.listings.contains(target.folder());
-  if (!isShown || isUncertain(source) || isUncertain(target)) return false;
+  if (!isShown || isUncertain(source)) return false;
   const ListedEntry* found = entry(target);
   const bool isAtSource = entry(source) != nullptr;
   if (!found || found->kind != item->kind() || edit_->thereAt(place)) return false;
@@ -200,9 +200,7 @@ void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo) {
     writePresent(number, path, **listed);
   } else if (number != ItemNumber::root) {
     // The folder itself is gone: its own folder tells.
-    const ItemNumber up = folder->there()->place.folder;
-    todo.push_front(up);
-    done_.erase(up);
+    todo.push_front(folder->there()->place.folder);
   }
 }
 

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "replica/plan/Following.h"
+
 namespace kestrowan::replica::plan {
 
 using model::Content;
@@ -105,11 +107,7 @@ void layBeside(Edit& edit, const Item& item, const Place& place) {
   const ItemNumber copy = edit.make(Kind::file);
   edit.setHere(copy, Here{place, item.here()->content});
   // What waits for these bytes to arrive waits for the copy now.
-  const auto following = edit->following();
-  for (const ItemNumber number : following) {
-    const auto& after = edit->item(number).after();
-    if (std::binary_search(after.begin(), after.end(), item.number())) edit.addAfter(number, copy);
-  }
+  followAlso(edit, item.number(), copy);
   pull(edit, item);
 }
 

@@ -7,16 +7,14 @@ namespace kestrowan::replica::plan {
 using model::Intent;
 using model::Path;
 using model::State;
-using model::Verb;
 
 namespace {
 
-/// The path and those that moves without an answer join to it.
+/// The path and those that requests without an answer join to it: by a move, or from above.
 std::vector<Path> joined(const State& state, const Path& path) {
   std::vector<Path> result{path};
   for (std::size_t i = 0; i < result.size(); ++i) {
     for (const Intent* intent : state.intents().atOrAbove(result[i])) {
-      if (intent->verb != Verb::move) continue;
       for (const Path& other : intent->paths()) {
         if (std::find(result.begin(), result.end(), other) == result.end()) {
           result.push_back(other);
