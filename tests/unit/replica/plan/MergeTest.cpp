@@ -65,6 +65,21 @@ TEST_F(MergeTest, PushesAgainWhatAnOlderPutOverwroteLate) {
   EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kOurs}));
 }
 
+TEST_F(MergeTest, PushesAgainWhatAPutOfAnItemThatIsNoMoreOverwroteLate) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  state_.sent(Verb::put, ItemNumber::none, "", "a", kFromBefore);
+  state_.changeThere(a, kFromBefore);
+  state_.settlePlanned(a);
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::contents, a, top("a"), kOurs}));
+}
+
+TEST_F(MergeTest, TakesNothingBelowThePlaceOfAPutForItsEffect) {
+  const ItemNumber d = state_.folder(top("d"));
+  state_.sent(Verb::put, ItemNumber{100}, "", "d", kOurs);
+  const ItemNumber found = state_.fileThere({d, "f"});
+  EXPECT_EQ(state_.plan(found), settling(Resolution::show, found));
+}
+
 TEST_F(MergeTest, RemovesASecondCopyAfterTheFirstIsKnownToBeThere) {
   const ItemNumber b = state_.file(top("b"), kOurs);
   state_.sent(Verb::put, b, "", "a", kOurs);
@@ -107,6 +122,36 @@ TEST_F(MergeTest, ShowsWhatLandsOfAnItemThatWasRemovedThere) {
   state_.settlePlanned(a);
   const ItemNumber found = state_.fileThere(top("b"), kOurs);
   EXPECT_EQ(state_.plan(found), settling(Resolution::show, found));
+}
+
+TEST_F(MergeTest, RemovesOtherContentsThatWaitForAnItemThatWasRemovedThere) {
+  const ItemNumber a = state_.file(top("a"), kOurs);
+  const ItemNumber unknown = state_.file(top("b"), kNone);
+  const ItemNumber next = state_.file(top("c"), kNone);
+  const ItemNumber other = state_.file(top("d"), kOld);
+  const ItemNumber same = state_.file(top("e"), kOurs);
+  for (const ItemNumber item : {unknown, other, same}) state_.remove(item);
+  state_.after(unknown, next);
+  state_.after(other, a);
+  state_.after(same, next);
+  for (const ItemNumber item : {a, next}) {
+    state_.removeThere(item);
+    state_.settlePlanned(item);
+    EXPECT_FALSE(state_.has(item));
+  }
+  for (const ItemNumber item : {unknown, other, same}) {
+    const Place place = state_.item(item).there()->place;
+    EXPECT_EQ(state_.plan(item), Step(Push{Change::remove, item, place, kNone}));
+  }
+}
+
+TEST_F(MergeTest, GivesNothingToAnItemOfAnotherKind) {
+  const ItemNumber d = state_.folderHere(top("d"));
+  state_.sent(Verb::put, d, "", "a", kOurs);
+  const ItemNumber found = state_.fileThere(top("a"), kOurs);
+  state_.settlePlanned(found);
+  EXPECT_TRUE(state_.item(found).there());
+  EXPECT_FALSE(state_.item(d).there());
 }
 
 TEST_F(MergeTest, ExplainsAFolderByOneRequestOnce) {
@@ -186,9 +231,16 @@ TEST_F(MergeTest, MakesFoldersOfOneNameOne) {
   const ItemNumber ours = state_.folderHere(top("d"));
   const ItemNumber theirs = state_.folderThere(top("d"));
   const ItemNumber inside = state_.fileThere({theirs, "f"});
+  const ItemNumber gone = state_.fileHere(top("g"));
+  {
+    Edit edit(state_.tree());
+    edit.setAgreed(gone, There{{theirs, "g"}, kVersion1, kOld});
+    edit.commit();
+  }
   EXPECT_EQ(state_.plan(theirs), settling(Resolution::join, ours, theirs));
   state_.settlePlanned(theirs);
   EXPECT_EQ(state_.item(inside).there()->place.folder, ours);
+  EXPECT_EQ(state_.item(gone).agreed()->place.folder, ours);
 }
 
 TEST_F(MergeTest, DoesNotTakeWhatWasListedOfAFolderForWhatAnotherHolds) {
@@ -213,9 +265,11 @@ TEST_F(MergeTest, BringsBackWhatChangedThereAfterItsRemoval) {
   const ItemNumber a = state_.file(top("a"));
   state_.remove(a);
   state_.changeThere(a);
+  state_.after(a, state_.fileHere(top("b")));
   EXPECT_EQ(state_.plan(a), settling(Resolution::back, a));
   state_.settlePlanned(a);
   EXPECT_EQ(state_.plan(a), settling(Resolution::show, a));
+  EXPECT_TRUE(state_.item(a).after().empty());
 }
 
 TEST_F(MergeTest, BringsAFolderBackForWhatWasNeverSeenInIt) {
@@ -296,6 +350,7 @@ TEST_F(MergeTest, KeepsAFolderHereAloneWithAllInIt) {
   const ItemNumber f = state_.file({d, "f"});
   state_.move(d, top(".d"));
   state_.settlePlanned(d);
+  EXPECT_EQ(state_.item(f).agreed()->place, state_.item(f).there()->place);
   EXPECT_EQ(state_.plan(f), settling(Resolution::part, f));
   state_.settlePlanned(f);
   EXPECT_EQ(state_.plan(f), Step(Nothing{}));
@@ -392,6 +447,17 @@ TEST_F(MergeTest, PullsWhatChangedThereAloneWithoutFetchingIt) {
   EXPECT_EQ(state_.item(a).here()->content, kNone);
   ASSERT_EQ(state_.journal().history().size(), 1U);
   EXPECT_EQ(state_.journal().history()[0].here.content, kOld);
+}
+
+TEST_F(MergeTest, PullsContentsAndLeavesThePlaceThatIsAgreed) {
+  const ItemNumber a = state_.file(top("a"));
+  {
+    Edit edit(state_.tree());
+    edit.setThere(a, There{top("b"), kVersion2, kTheirs});
+    edit.commit();
+  }
+  state_.apply(Settle{Resolution::pull, a, {}, {}});
+  EXPECT_EQ(state_.item(a).agreed(), (There{top("a"), kVersion2, kTheirs}));
 }
 
 TEST_F(MergeTest, FetchesWhatChangedOnBothSides) {

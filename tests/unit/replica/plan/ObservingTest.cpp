@@ -128,6 +128,23 @@ TEST_F(ObservingTest, LetsTheBytesTellWhenAPutMayHaveComeBeforeTheMove) {
   EXPECT_EQ(state_.item(a).there(), (There{top("b"), kVersion2, kNone}));
 }
 
+TEST_F(ObservingTest, TakesNothingOfAnotherKindForTheFileThatMoved) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.sent(Verb::move, a, "a", "b");
+  lookOnce({{Path(), Listing{{"b", folder()}}}}, kStart);
+  EXPECT_EQ(state_.item(a).there()->place, top("a")) << "its absence is still to be proved";
+  EXPECT_TRUE(thereAt(top("b"))->isFolder());
+}
+
+TEST_F(ObservingTest, LeavesAFileThatIsStillAtItsOldPlaceWhateverIsAtTheNewOne) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.sent(Verb::move, a, "a", "b");
+  lookAtRoot({{"a", file()}, {"b", file(kVersion2)}});
+  EXPECT_EQ(state_.item(a).there()->place, top("a"));
+}
+
 TEST_F(ObservingTest, KnowsAFileThatMovedAlthoughALatePutMadeItsOldPlaceAnew) {
   const ItemNumber a = state_.file(top("a"));
   state_.sent(Verb::move, a, "a", "b");
@@ -205,6 +222,16 @@ TEST_F(ObservingTest, LeavesWhatWasAnsweredSinceTheListingBegan) {
   EXPECT_TRUE(edit->thereAt(top("b")));
 }
 
+TEST_F(ObservingTest, LeavesWhatIsBelowAnAnswerSinceTheListingBegan) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber e = state_.folder({d, "e"});
+  const ItemNumber f = state_.file({e, "f"}, kNone);
+  Edit edit(state_.tree());
+  const Shown shown{{{Path().child("d").child("e"), Listing{}}}, kStart, {Path().child("d")}};
+  EXPECT_FALSE(observe(edit, {e}, shown, doubts_).isWhole);
+  EXPECT_TRUE(edit->item(f).there());
+}
+
 TEST_F(ObservingTest, LeavesTheTargetOfAMoveWhoseSourceIsUncertain) {
   const ItemNumber a = state_.file(top("a"));
   state_.sent(Verb::move, a, "a", "b");
@@ -220,6 +247,19 @@ TEST_F(ObservingTest, ListsTheOtherFolderOfAMoveToo) {
   state_.sent(Verb::move, a, "a", "d/a");
   EXPECT_EQ(look({{Path(), Listing{{"d", folder()}}}}), std::vector{Path().child("d")});
   look({{Path(), Listing{{"d", folder()}}}, {Path().child("d"), Listing{{"a", file()}}}});
+  EXPECT_EQ(state_.item(a).there()->place, (Place{d, "a"}));
+}
+
+TEST_F(ObservingTest, FollowsMovesFromTheFolderOfAFolderThatIsGone) {
+  const ItemNumber gone = state_.folder(top("gone"));
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber a = state_.file(top("a"));
+  state_.sent(Verb::move, a, "a", "d/a");
+  Listings listings{{Path().child("gone"), std::nullopt}};
+  EXPECT_EQ(look(listings, kStart, {gone}), (std::vector{Path(), Path().child("d")}));
+  listings[Path()] = Listing{{"d", folder()}};
+  listings[Path().child("d")] = Listing{{"a", file()}};
+  look(listings, kStart, {gone});
   EXPECT_EQ(state_.item(a).there()->place, (Place{d, "a"}));
 }
 
@@ -243,6 +283,15 @@ TEST_F(ObservingTest, LooksForARequestAlsoWhereAFileStandsForItsFolder) {
   EXPECT_TRUE(state_.journal().intents().at(sent).looked);
 }
 
+TEST_F(ObservingTest, LooksForARequestOnlyWhereNoOtherOneIsUnderWay) {
+  const ItemNumber a = state_.file(top("a"));
+  const IntentNumber sent = state_.sent(Verb::put, a, "", "a", kFromBefore);
+  state_.change(sent, false, false);
+  state_.underWay(Verb::put, a, "", "a", kOurs);
+  lookAtRoot({{"a", file()}});
+  EXPECT_FALSE(state_.journal().intents().at(sent).looked);
+}
+
 TEST_F(ObservingTest, WaitsForNoAnswerByTheOtherPathOfARequestUnderWay) {
   const ItemNumber d = state_.folder(top("d"));
   const ItemNumber f = state_.fileHere({d, "f"});
@@ -258,11 +307,11 @@ TEST_F(ObservingTest, WaitsForNoAnswerByTheOtherPathOfARequestUnderWay) {
 
 TEST_F(ObservingTest, WillMakeAnewWhatOurOwnLateRemovalTook) {
   const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber e = state_.folder({d, "e"});
   const ItemNumber f = state_.file({d, "f"});
   state_.sent(Verb::remove, d, "d", "");
   lookAtRoot({});
-  EXPECT_FALSE(state_.item(d).agreed());
-  EXPECT_FALSE(state_.item(f).agreed());
+  for (const ItemNumber item : {d, e, f}) EXPECT_FALSE(state_.item(item).agreed());
 }
 
 TEST_F(ObservingTest, LooksForARequestOnlyWhenItBeganAfterItsEnd) {
@@ -325,11 +374,15 @@ TEST_F(AbsenceTest, IsBelievedAtOnceWhereNothingIsLost) {
   state_.remove(removed);
   const ItemNumber changed = state_.file(top("c"));
   state_.write(changed);
+  const ItemNumber unmerged = state_.fileThere(top("e"), kTheirs);
+  state_.here(unmerged, top("e"), kOurs);
   const ItemNumber d = state_.folder(top("d"));
   state_.file({d, "f"}, kNone);
   state_.file(top("kept"));
   lookAt({{"kept", file()}}, {});
-  for (const ItemNumber item : {notDownloaded, removed, changed, d}) EXPECT_FALSE(isThere(item));
+  for (const ItemNumber item : {notDownloaded, removed, changed, unmerged, d}) {
+    EXPECT_FALSE(isThere(item));
+  }
 }
 
 TEST_F(AbsenceTest, OfAFolderThatHoldsDownloadedFilesIsDoubted) {
@@ -345,6 +398,7 @@ TEST_F(AbsenceTest, IsDoubtedTooWhenSomethingOfAnotherKindIsShown) {
   const ItemNumber a = state_.file(top("a"));
   lookAt({{"a", folder()}}, {});
   EXPECT_EQ(thereAt(top("a"))->number(), a);
+  EXPECT_EQ(state_.item(a).there()->version, kVersion1);
   lookAt({{"a", folder()}}, kSecondLook);
   EXPECT_FALSE(isThere(a));
   EXPECT_TRUE(thereAt(top("a"))->isFolder());
@@ -381,14 +435,16 @@ TEST_F(AbsenceTest, OfMoreThanHalfOfTenIsDoubtedUntilASecondListingIsTheSame) {
   for (unsigned i = 0; i < 10; ++i) {
     items.push_back(state_.file(top("f" + std::to_string(i)), kNone));
   }
-  const Listing four{{"f0", file()}, {"f1", file()}, {"f2", file()}, {"f3", file()}};
-  lookAt(four, {});
+  Listing listing{{"f0", file()}, {"f1", file()}, {"f2", file()}, {"f3", file()}};
+  lookAt(listing, {});
   EXPECT_TRUE(isThere(items[9]));
-  Listing other = four;
-  other.entries.at("f3") = file(kVersion2);
-  lookAt(other, kSuspicionTime);
-  EXPECT_TRUE(isThere(items[9])) << "it is not the same";
-  lookAt(other, kSuspicionTime * 2);
+  listing.entries.at("f3") = file(Version{});
+  lookAt(listing, kSuspicionTime);
+  EXPECT_TRUE(isThere(items[9])) << "another version";
+  listing.entries.at("f3") = folder();
+  lookAt(listing, kSuspicionTime * 2);
+  EXPECT_TRUE(isThere(items[9])) << "another kind";
+  lookAt(listing, kSuspicionTime * 3);
   EXPECT_FALSE(isThere(items[9]));
 }
 
@@ -434,6 +490,10 @@ TEST_F(AbsenceTest, OfWhatWasRemovedHereIsNoReasonForSuspicion) {
 TEST_F(AbsenceTest, IsKnownWhereOurOwnRemovalTookIt) {
   const ItemNumber a = state_.file(top("a"));
   state_.sent(Verb::remove, a, "a", "");
+  Listing part;
+  part.isWhole = false;
+  lookAt(part, {});
+  EXPECT_TRUE(isThere(a));
   lookAt({}, {});
   EXPECT_FALSE(isThere(a));
   EXPECT_FALSE(state_.item(a).agreed());
@@ -468,6 +528,14 @@ TEST_F(AnswerTest, OfAPutAgreesAndLeavesWhatWasWrittenMeanwhileToBeSent) {
   EXPECT_TRUE(state_.journal().intents().empty());
 }
 
+TEST_F(AnswerTest, OfAPutOverWhatIsKnownThereAgreesToo) {
+  const ItemNumber a = state_.file(top("a"));
+  state_.write(a);
+  answer(send(Verb::put, a, "", "a", kOurs), kVersion2);
+  EXPECT_EQ(state_.item(a).agreed(), (There{top("a"), kVersion2, kOurs}));
+  EXPECT_TRUE(state_.item(a).isInStep());
+}
+
 TEST_F(AnswerTest, OfACreationForAnItemThatIsNoMoreIsRemovedThere) {
   const ItemNumber a = state_.fileHere(top("a"));
   const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
@@ -489,6 +557,24 @@ TEST_F(AnswerTest, OfAMoveMovesBothStates) {
   state_.move(a, top("b"));
   answer(send(Verb::move, a, "a", "b"));
   EXPECT_TRUE(state_.item(a).isInStep());
+  EXPECT_EQ(state_.item(a).agreed()->place, top("b"));
+}
+
+TEST_F(AnswerTest, OfAMoveOfAFolderIsOneForTheRequestsBelowIt) {
+  const ItemNumber d = state_.folder(top("d"));
+  const ItemNumber f = state_.fileHere({d, "f"});
+  state_.sent(Verb::put, f, "", "d/f", kOurs);
+  const auto targets = [&] {
+    std::vector<std::string> result;
+    for (const auto& [number, intent] : state_.journal().intents()) {
+      result.push_back(intent.target->text());
+    }
+    return result;
+  };
+  answer(send(Verb::move, d, "d", "e"));
+  EXPECT_EQ(targets(), (std::vector<std::string>{"d/f", "e/f"}));
+  answer(send(Verb::move, d, "e", "d"));
+  EXPECT_EQ(targets(), (std::vector<std::string>{"d/f", "e/f"})) << "once each";
 }
 
 TEST_F(AnswerTest, OfARemovalLeavesNothingThere) {
@@ -527,6 +613,38 @@ TEST_F(AnswerTest, OfARefusalLeavesEverythingAsItWas) {
     edit.commit();
   }
   EXPECT_EQ(state_.plan(a), Step(Push{Change::create, a, top("a"), kOurs}));
+}
+
+TEST_F(AnswerTest, ThatNeverComesOfARequestThatMetNoServerNeedsOneLook) {
+  const ItemNumber a = state_.fileHere(top("a"));
+  const IntentNumber number = send(Verb::put, a, "", "a", kOurs);
+  {
+    Edit edit(state_.tree());
+    noteLostAnswer(edit, number, kStart);
+    replica::plan::noteNotOnItsWay(edit, number);
+    edit.commit();
+  }
+  lookAtRoot({}, kStart);
+  EXPECT_TRUE(state_.journal().intents().at(number).over);
+}
+
+TEST_F(AnswerTest, OfAFetchIsNoChangeOfAFileThatWasDownloaded) {
+  const ItemNumber a = state_.file(top("a"));
+  Edit edit(state_.tree());
+  noteFetched(edit, a, kVersion1, kTheirs);
+  edit.commit();
+  EXPECT_EQ(edit->item(a).here()->content, kOld);
+  EXPECT_TRUE(edit->item(a).isInStep());
+}
+
+TEST_F(AnswerTest, OfAFetchLeavesWhatWasWrittenHere) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.write(a);
+  Edit edit(state_.tree());
+  noteFetched(edit, a, kVersion1, kTheirs);
+  edit.commit();
+  EXPECT_EQ(edit->item(a).here()->content, kOurs);
+  EXPECT_EQ(edit->item(a).agreed()->content, kTheirs);
 }
 
 TEST_F(AnswerTest, OfAFetchIsTheContentsOfAFileThatWasNotDownloaded) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "replica/model/View.h"
+#include "replica/plan/Following.h"
 #include "replica/plan/Requests.h"
 #include "unit/replica/plan/StateBuilder.h"
 
@@ -18,9 +19,11 @@ class OrderTest : public testing::Test {
   /// Rename over: the other one goes after this one has arrived.
   void replace(ItemNumber item, ItemNumber other) {
     const Place place = state_.item(other).here()->place;
-    state_.remove(other);
-    state_.after(other, item);
-    state_.move(item, place);
+    Edit edit(state_.tree());
+    replica::plan::followReplacement(edit, other, item);
+    edit.setHere(other, std::nullopt);
+    edit.setHere(item, Here{place, edit->item(item).here()->content});
+    edit.commit();
   }
 
   StateBuilder state_;
@@ -105,6 +108,16 @@ TEST_F(OrderTest, RemovesWhatWasReplacedAfterTheReplacementHasArrived) {
   state_.remove(old);
   state_.after(old, next);
   EXPECT_EQ(state_.plan(old), Step(WaitFor{next}));
+}
+
+TEST_F(OrderTest, RemovesWhatAReplacedFileHadReplacedAfterTheLastOneHasArrived) {
+  const ItemNumber last = state_.fileHere(top("last"));
+  const ItemNumber next = state_.file(top("next"));
+  const ItemNumber old = state_.file(top("old"));
+  replace(next, old);
+  replace(last, next);
+  EXPECT_EQ(state_.item(next).after(), std::vector{last});
+  EXPECT_EQ(state_.item(old).after(), (std::vector{last, next}));
 }
 
 TEST_F(OrderTest, LooksBeforeARemovalForWhatItComesAfter) {
@@ -219,6 +232,13 @@ TEST_F(OrderTest, FetchesWhatItMovesToWhereALatePutMayDestroyIt) {
   state_.sent(Verb::put, a, "", "b", kFromBefore);
   state_.move(a, top("b"));
   EXPECT_EQ(state_.plan(a), Step(Fetch{a}));
+}
+
+TEST_F(OrderTest, FetchesNothingForWhatARequestMayDestroyThatCanNoLongerLand) {
+  const ItemNumber a = state_.file(top("a"), kNone);
+  state_.change(state_.sent(Verb::remove, a, "b", ""), true, true);
+  state_.move(a, top("b"));
+  EXPECT_EQ(state_.plan(a), Step(Push{Change::move, a, top("b"), kNone}));
 }
 
 TEST_F(OrderTest, MovesAFolderOnlyWhereNoLateRemovalMayDestroyWhatOthersPutIntoIt) {
