@@ -23,6 +23,9 @@ class Loop : public Resumer {
   virtual void post(Function function) = 0;
   /// Runs `function` once `delay` is over.
   virtual TimerNumber postAfter(std::chrono::milliseconds delay, Function function) = 0;
+  /// Runs `function`, which may block, beside the loop: on a thread of its own while it runs, and
+  /// in no order with others. Throws `NSError` when the system gives no thread.
+  virtual void postAside(Function function) = 0;
   /// Forgets a timer; does nothing when it has run or is running.
   virtual void cancel(TimerNumber timer) = 0;
 

@@ -1,13 +1,11 @@
 #include "async/LoopThread.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <utility>
 
+#include "async/BlockedSignals.h"
 #include "async/Timers.h"
 #include "platform/base/Afterwards.h"
 #include "platform/base/Threads.h"
@@ -15,25 +13,6 @@
 namespace kestrowan::async {
 
 namespace {
-
-/// While it lives, threads that are started take no signals but those of their own faults.
-class BlockedSignals {
- public:
-  BlockedSignals() {
-    sigset_t blocked;
-    ::sigfillset(&blocked);
-    for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
-      ::sigdelset(&blocked, fault);
-    }
-    ::pthread_sigmask(SIG_SETMASK, &blocked, &before_);
-  }
-  BlockedSignals(const BlockedSignals&) = delete;
-  BlockedSignals& operator=(const BlockedSignals&) = delete;
-  ~BlockedSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_;
-};
 
 /// So many functions are run by a thread that helps, before the loop's own goes on.
 constexpr int kHelp = 16;

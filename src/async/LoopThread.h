@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "async/Loop.h"
 
@@ -23,6 +24,7 @@ class LoopThread : public Loop {
 
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
+  void postAside(Function function) override { workers_.post(std::move(function)); }
   void cancel(TimerNumber timer) override;
   Moment now() const override;
   std::int64_t wallClock() const override;
@@ -33,6 +35,8 @@ class LoopThread : public Loop {
   /// Shared with the threads that are going to help.
   const std::shared_ptr<Work> work_;
   std::thread thread_;
+  /// They end after the loop: what they give it then is not run.
+  Workers workers_;
 };
 
 }  // namespace kestrowan::async

@@ -30,10 +30,24 @@ class Scope::State {
     changed_.notify_all();
   }
 
+  /// The same beside the loop. The function goes before it counts as ended, with all it holds.
+  void runAside(Function function) {
+    {
+      std::lock_guard lock(mutex_);
+      if (closed_) return;
+      ++runningAside_;
+    }
+    guarded("a worker of the loop", function);
+    function = nullptr;
+    std::lock_guard lock(mutex_);
+    --runningAside_;
+    changed_.notify_all();
+  }
+
   void close() {
     std::unique_lock lock(mutex_);
     closed_ = true;
-    changed_.wait(lock, [this] { return !running_; });
+    changed_.wait(lock, [this] { return !running_ && runningAside_ == 0; });
     while (!coroutines_.empty()) {
       const auto root = coroutines_.front();
       lock.unlock();
@@ -75,6 +89,7 @@ class Scope::State {
   std::condition_variable changed_;
   bool closed_ = false;
   bool running_ = false;
+  std::size_t runningAside_ = 0;
   std::size_t posted_ = 0;
   Coroutines coroutines_;
 };
@@ -169,6 +184,19 @@ void Scope::post(Function function) {
 Loop::TimerNumber Scope::postAfter(std::chrono::milliseconds delay, Function function) {
   return loop_.postAfter(
       delay, [state = state_, function = std::move(function)] { state->run(function); });
+}
+
+void Scope::postAside(Function function) {
+  state_->addFunction();
+  try {
+    loop_.postAside([state = state_, function = std::move(function)]() mutable {
+      state->runAside(std::move(function));
+      state->removeFunction();
+    });
+  } catch (...) {
+    state_->removeFunction();
+    throw;
+  }
 }
 
 void Scope::cancel(TimerNumber timer) {

@@ -19,9 +19,9 @@ class Scope : public Loop {
   /// Closes it.
   ~Scope() override;
 
-  /// Waits for the function that is running, and frees the coroutines where they wait. What is
-  /// posted or spawned from now on never runs. The owner closes the scope before anything goes
-  /// that a function or a coroutine uses. Not from within one of them.
+  /// Waits for the functions that are running, on the loop and beside it, and frees the coroutines
+  /// where they wait. What is posted or spawned from now on never runs. The owner closes the scope
+  /// before anything goes that a function or a coroutine uses. Not from within one of them.
   void close();
 
   /// Begins `task` on the loop, as a coroutine that nothing awaits. It may wait only for what
@@ -39,6 +39,7 @@ class Scope : public Loop {
 
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
+  void postAside(Function function) override;
   void cancel(TimerNumber timer) override;
   Moment now() const override;
   std::int64_t wallClock() const override;

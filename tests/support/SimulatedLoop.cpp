@@ -26,6 +26,21 @@ async::Loop::TimerNumber SimulatedLoop::postAfter(std::chrono::milliseconds dela
   return timers_.add(now_, delay, std::move(function));
 }
 
+void SimulatedLoop::postAside(Function function) {
+  std::lock_guard lock(mutex_);
+  aside_.push_back(std::move(function));
+}
+
+void SimulatedLoop::holdAside(bool isHeld) {
+  std::lock_guard lock(mutex_);
+  isAsideHeld_ = isHeld;
+}
+
+std::size_t SimulatedLoop::countAside() const {
+  std::lock_guard lock(mutex_);
+  return aside_.size();
+}
+
 void SimulatedLoop::cancel(TimerNumber timer) {
   // Destroyed without the lock: what the function holds may come back here.
   Function forgotten;
@@ -52,6 +67,9 @@ bool SimulatedLoop::runOne() {
     if (!posted_.empty()) {
       function = std::move(posted_.front());
       posted_.pop_front();
+    } else if (!aside_.empty() && !isAsideHeld_) {
+      function = std::move(aside_.front());
+      aside_.pop_front();
     } else {
       function = timers_.takeDue(now_);
     }

@@ -17,6 +17,8 @@ class SimulatedLoop : public async::Loop {
  public:
   void post(Function function) override;
   TimerNumber postAfter(std::chrono::milliseconds delay, Function function) override;
+  /// Runs as what was posted does, but when nothing of that is left.
+  void postAside(Function function) override;
   void cancel(TimerNumber timer) override;
   Moment now() const override;
   std::int64_t wallClock() const override;
@@ -30,6 +32,10 @@ class SimulatedLoop : public async::Loop {
   /// Lets time pass until `predicate` is true; false when it is not after `limit`. The time then
   /// stands where it became true.
   bool runUntil(const std::function<bool()>& predicate, std::chrono::milliseconds limit);
+  /// While `isHeld`, what was posted aside does not run: as if it took so long.
+  void holdAside(bool isHeld);
+  /// How much of it has not run yet.
+  std::size_t countAside() const;
   /// Sets the clock of dates, and not that of durations, forward or back.
   void stepWallClock(std::chrono::milliseconds step);
 
@@ -40,8 +46,10 @@ class SimulatedLoop : public async::Loop {
   bool skipToNextTimer(Moment end);
 
   mutable std::mutex mutex_;
-  // Guarded by mutex_, as are the next three.
+  // Guarded by mutex_, as are the next five.
   std::deque<Function> posted_;
+  std::deque<Function> aside_;
+  bool isAsideHeld_ = false;
   async::Timers timers_;
   Moment now_{};
   std::chrono::milliseconds wallClockOffset_{1767225600000};

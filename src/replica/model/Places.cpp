@@ -54,6 +54,22 @@ std::vector<const Item*> Places::in(ItemNumber folder) const {
   return result;
 }
 
+std::vector<const Item*> Places::in(ItemNumber folder, std::string_view behind,
+                                    std::size_t most) const {
+  std::vector<const Item*> result;
+  const auto found = folders_.find(folder);
+  if (found == folders_.end()) return result;
+  Spot spot = spotOf(found->second, behind);
+  if (isAt(found->second, spot, behind)) ++spot.index;
+  const auto& parts = found->second.parts;
+  for (; spot.part < parts.size() && result.size() < most; spot = {spot.part + 1, 0}) {
+    const Part& part = parts[spot.part];
+    const std::size_t end = std::min(part.size(), spot.index + (most - result.size()));
+    for (; spot.index < end; ++spot.index) result.push_back(part[spot.index]);
+  }
+  return result;
+}
+
 const Item* Places::anyIn(ItemNumber folder) const {
   const auto found = folders_.find(folder);
   return found == folders_.end() ? nullptr : found->second.parts.front().front();

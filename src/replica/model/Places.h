@@ -22,6 +22,8 @@ class Places {
   const Item* at(ItemNumber folder, std::string_view name) const;
   /// In the order of the names.
   std::vector<const Item*> in(ItemNumber folder) const;
+  /// At most `most` of these, the first behind that name.
+  std::vector<const Item*> in(ItemNumber folder, std::string_view behind, std::size_t most) const;
   /// Any of these; null when there is none.
   const Item* anyIn(ItemNumber folder) const;
   std::size_t countIn(ItemNumber folder) const;

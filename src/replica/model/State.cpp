@@ -73,6 +73,13 @@ std::vector<const Item*> State::thereIn(ItemNumber folder) const {
   return result;
 }
 
+std::vector<const Item*> State::thereIn(ItemNumber folder, std::string_view behind,
+                                        std::size_t most) const {
+  auto result = there_.in(folder, behind, most);
+  lookupsOfThread += result.size();
+  return result;
+}
+
 const Item* State::anyHereIn(ItemNumber folder) const {
   return here_.anyIn(folder);
 }

@@ -1,7 +1,6 @@
 #include "replica/plan/Belief.h"
 
 #include <algorithm>
-#include <functional>
 #include <string>
 
 namespace kestrowan::replica::plan {
@@ -9,41 +8,33 @@ namespace kestrowan::replica::plan {
 using model::Content;
 using model::Item;
 using model::ItemNumber;
+using model::State;
 
 namespace {
 
 constexpr std::size_t kManyEntries = 10;
 constexpr std::size_t kSomeEntries = 3;
 
-std::uint64_t digestOf(const Listing& listing) {
-  std::uint64_t digest = listing.entries.size();
-  for (const auto& [name, entry] : listing.entries) {
-    std::string text = name;
-    text += entry.kind == model::Kind::file ? '\0' : '/';
-    text += entry.version.text;
-    digest = digest * 31 + std::hash<std::string>{}(text);
-  }
-  return digest;
-}
-
 }  // namespace
 
-bool Belief::isBelieved(ItemNumber folder, const Listing& listing,
-                        const std::vector<ItemNumber>& lacked, std::size_t known) {
-  const auto lost =
-      static_cast<std::size_t>(std::count_if(lacked.begin(), lacked.end(), [&](ItemNumber number) {
-        const Item& item = state_.item(number);
-        return item.here() && !listing.entries.contains(item.there()->place.name);
-      }));
-  const bool losesHalf = known >= kManyEntries && lost * 2 > known;
-  const bool losesAll = listing.entries.empty() && lost >= kSomeEntries;
+void ListingDigest::add(const std::string& name, const ListedEntry& entry) {
+  std::string text = name;
+  text += entry.kind == model::Kind::file ? '\0' : '/';
+  text += entry.version.text;
+  digest_ = digest_ * 31 + std::hash<std::string>{}(text);
+  ++count_;
+}
+
+bool Belief::isBelieved(const Loss& loss) {
+  const bool losesHalf = loss.known >= kManyEntries && loss.lost * 2 > loss.known;
+  const bool losesAll = loss.isEmpty && loss.lost >= kSomeEntries;
   if (!losesHalf && !losesAll) {
-    doubts_.suspected.erase(folder);
+    doubts_.suspected.erase(loss.folder);
     return true;
   }
-  const std::uint64_t digest = digestOf(listing);
+  const std::uint64_t digest = loss.digest();
   const auto [found, isNew] =
-      doubts_.suspected.try_emplace(folder, Doubts::Suspicion{began_, digest});
+      doubts_.suspected.try_emplace(loss.folder, Doubts::Suspicion{began_, digest});
   Doubts::Suspicion& suspicion = found->second;
   if (suspicion.digest != digest) suspicion = {began_, digest};
   if (began_ - suspicion.since < kSuspicionTime) return false;
@@ -51,27 +42,20 @@ bool Belief::isBelieved(ItemNumber folder, const Listing& listing,
   return true;
 }
 
-bool Belief::losesNothing(const Item& item) const {
+bool Belief::losesNothing(const State& state, const Item& item) {
   if (item.isFile()) {
     const auto& here = item.here();
     const bool isDownloaded = here && here->content != Content::none;
     return !isDownloaded || !item.agreed() || here->content != item.agreed()->content;
   }
-  const auto inside = state_.thereIn(item.number());
+  const auto inside = state.thereIn(item.number());
   return std::all_of(inside.begin(), inside.end(),
-                     [&](const Item* child) { return losesNothing(*child); });
+                     [&](const Item* child) { return losesNothing(state, *child); });
 }
 
-std::vector<ItemNumber> Belief::absent(ItemNumber folder, const Listing& listing,
-                                       const std::vector<ItemNumber>& lacked, std::size_t known) {
-  std::vector<ItemNumber> result;
-  if (!listing.isWhole || !isBelieved(folder, listing, lacked, known)) return result;
-  for (const ItemNumber number : lacked) {
-    const auto since = doubts_.missing.try_emplace(number, began_).first->second;
-    if (began_ - since < kSecondLook && !losesNothing(state_.item(number))) continue;
-    result.push_back(number);
-  }
-  return result;
+bool Belief::isAbsent(ItemNumber item, bool losesNothing) {
+  const auto since = doubts_.missing.try_emplace(item, began_).first->second;
+  return losesNothing || began_ - since >= kSecondLook;
 }
 
 }  // namespace kestrowan::replica::plan

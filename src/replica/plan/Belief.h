@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "replica/model/State.h"
@@ -7,6 +10,18 @@
 #include "replica/plan/Observing.h"
 
 namespace kestrowan::replica::plan {
+
+/// What a listing shows, as a number: for two that are the same it is the same.
+class ListingDigest {
+ public:
+  /// In the order of the names.
+  void add(const std::string& name, const ListedEntry& entry);
+  std::uint64_t value() const { return digest_ * 31 + count_; }
+
+ private:
+  std::uint64_t digest_ = 0;
+  std::uint64_t count_ = 0;
+};
 
 /// Which of what one listing lacks is absent, and which is only missing yet:
 ///
@@ -22,23 +37,29 @@ namespace kestrowan::replica::plan {
 class Belief {
  public:
   /// `doubts` is changed as the listings say; it must outlive the belief. `began`: see `Shown`.
-  Belief(const model::State& state, Doubts& doubts, model::Time began)
-      : state_(state), doubts_(doubts), began_(began) {}
+  Belief(Doubts& doubts, model::Time began) : doubts_(doubts), began_(began) {}
 
-  /// Of `lacked`, what is absent. All of it must be in the folder. `known`: how many items of the
-  /// folder the listing could have shown.
-  std::vector<model::ItemNumber> absent(model::ItemNumber folder, const Listing& listing,
-                                        const std::vector<model::ItemNumber>& lacked,
-                                        std::size_t known);
+  /// What a listing that came whole has lost.
+  struct Loss {
+    model::ItemNumber folder = model::ItemNumber::none;
+    /// How many items of the folder it could have shown, and how many of those that are here have
+    /// no entry of their name in it.
+    std::size_t known = 0;
+    std::size_t lost = 0;
+    bool isEmpty = false;
+    /// Of what it showed (see `ListingDigest`); asked for only if it matters.
+    std::function<std::uint64_t()> digest;
+  };
+  /// Whether the loss is not suspicious, or not any more.
+  bool isBelieved(const Loss& loss);
+  /// Whether an item is absent that a listing which is believed lacks. `losesNothing`: see above.
+  bool isAbsent(model::ItemNumber item, bool losesNothing);
+  /// Whether nothing here is lost by an item's absence.
+  static bool losesNothing(const model::State& state, const model::Item& item);
   /// A listing shows the item.
   void seen(model::ItemNumber item) { doubts_.missing.erase(item); }
 
  private:
-  bool isBelieved(model::ItemNumber folder, const Listing& listing,
-                  const std::vector<model::ItemNumber>& lacked, std::size_t known);
-  bool losesNothing(const model::Item& item) const;
-
-  const model::State& state_;
   Doubts& doubts_;
   model::Time began_;
 };

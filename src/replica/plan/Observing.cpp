@@ -25,12 +25,20 @@ using model::Verb;
 
 namespace {
 
+std::uint64_t digestOf(const Listing& listing) {
+  ListingDigest digest;
+  for (const auto& [name, entry] : listing.entries) digest.add(name, entry);
+  return digest.value();
+}
+
 class Look {
  public:
   Look(Edit& edit, const Shown& shown, const Doubts& doubts)
-      : edit_(edit), shown_(shown), doubts_(doubts), belief_(*edit, doubts_, shown.began) {}
+      : edit_(edit), shown_(shown), doubts_(doubts), belief_(doubts_, shown.began) {}
 
   Written write(const std::vector<ItemNumber>& folders);
+  Moved follow(const std::vector<ItemNumber>& folders);
+  void end(const std::vector<ItemNumber>& folders);
 
  private:
   using Way = std::pair<Path, Path>;
@@ -42,7 +50,6 @@ class Look {
   void writeFolder(ItemNumber number, std::deque<ItemNumber>& todo);
   void writeAbsent(ItemNumber folder, const Path& path, const Listing& listing);
   void writePresent(ItemNumber folder, const Path& path, const Listing& listing);
-  bool isOwnRemoval(const Path& path) const;
   bool isUncertain(const Path& path);
   bool isSeen(const Intent& intent);
   void noteIntents();
@@ -146,30 +153,28 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   return true;
 }
 
-bool Look::isOwnRemoval(const Path& path) const {
-  const auto above = edit_->intents().atOrAbove(path);
-  return std::any_of(above.begin(), above.end(),
-                     [](const Intent* intent) { return intent->verb == Verb::remove; });
-}
-
 void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listing) {
   std::vector<ItemNumber> lacked;
-  std::size_t known = 0;
+  Belief::Loss loss{folder, 0, 0, listing.entries.empty(), [&] { return digestOf(listing); }};
   for (const Item* item : edit_->thereIn(folder)) {
     const std::string& name = item->there()->place.name;
     if (isUncertain(path.child(name))) continue;
-    ++known;
+    ++loss.known;
     const auto found = listing.entries.find(name);
     if (found != listing.entries.end() && found->second.kind == item->kind()) {
       belief_.seen(item->number());
-    } else if (listing.isWhole && isOwnRemoval(path.child(name))) {
+    } else if (listing.isWhole && isOwnRemoval(*edit_, path.child(name))) {
       markAbsent(edit_, item->number(), true);
     } else {
       lacked.push_back(item->number());
+      if (item->here() && found == listing.entries.end()) ++loss.lost;
     }
   }
-  for (const ItemNumber number : belief_.absent(folder, listing, lacked, known)) {
-    markAbsent(edit_, number, false);
+  if (listing.isWhole && belief_.isBelieved(loss)) {
+    std::erase_if(lacked, [&](ItemNumber number) {
+      return !belief_.isAbsent(number, Belief::losesNothing(*edit_, edit_->item(number)));
+    });
+    for (const ItemNumber number : lacked) markAbsent(edit_, number, false);
   }
   if (!listing.isWhole || doubts_.suspected.contains(folder)) unproved_.push_back(folder);
 }
@@ -177,13 +182,7 @@ void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listi
 void Look::writePresent(ItemNumber folder, const Path& path, const Listing& listing) {
   for (const auto& [name, entry] : listing.entries) {
     if (isUncertain(path.child(name))) continue;
-    const Place place{folder, name};
-    const Item* item = edit_->thereAt(place);
-    // One of another kind, which may be there still.
-    if (item && item->kind() != entry.kind) continue;
-    if (item && item->there()->version == entry.version) continue;
-    const ItemNumber number = item ? item->number() : edit_.make(entry.kind);
-    edit_.setThere(number, There{place, entry.version, Content::none});
+    observeEntry(edit_, {folder, name}, entry);
   }
 }
 
@@ -273,7 +272,42 @@ Written Look::write(const std::vector<ItemNumber>& folders) {
   return {{lacking_.begin(), lacking_.end()}, isWhole_, std::move(unproved_), std::move(doubts_)};
 }
 
+Moved Look::follow(const std::vector<ItemNumber>& folders) {
+  const auto wide = widened(folders);
+  while (lacking_.empty() && followMoves()) {
+  }
+  for (const ItemNumber number : wide) {
+    const Item* folder = edit_->find(number);
+    if (!folder || !folder->there()) continue;
+    const Path path = edit_->therePath(*folder);
+    if (!isUncertain(path)) listing(path);
+  }
+  return {{lacking_.begin(), lacking_.end()}, wide};
+}
+
+void Look::end(const std::vector<ItemNumber>& folders) {
+  done_.insert(folders.begin(), folders.end());
+  noteIntents();
+}
+
 }  // namespace
+
+Moved observeMoves(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
+  return Look(edit, shown, {}).follow(folders);
+}
+
+void observeEntry(Edit& edit, const Place& place, const ListedEntry& entry) {
+  const Item* item = edit->thereAt(place);
+  // One of another kind, which may be there still.
+  if (item && item->kind() != entry.kind) return;
+  if (item && item->there()->version == entry.version) return;
+  const ItemNumber number = item ? item->number() : edit.make(entry.kind);
+  edit.setThere(number, There{place, entry.version, Content::none});
+}
+
+void observeEnd(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
+  Look(edit, shown, {}).end(folders);
+}
 
 Written observe(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown,
                 const Doubts& doubts) {

@@ -70,4 +70,22 @@ struct Written {
 Written observe(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
                 const Shown& shown, const Doubts& doubts);
 
+/// A look at folders with very many entries may be written in several edits instead. What others
+/// change between these is left as it is known when requests of ours did it, as above. At first
+/// where moves went: as long as nothing else was written, the places that they took are free. Of
+/// `shown`, only entries at the paths of requests without an answer are needed. The result: what is
+/// lacking, and if nothing is, the folders of the look with those that moves join to them.
+struct Moved {
+  std::vector<model::Path> lacking;
+  std::vector<model::ItemNumber> folders;
+};
+Moved observeMoves(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
+                   const Shown& shown);
+/// Then what was listed, each where nothing of another kind is; and what is lacking, which
+/// `markAbsent` marks where `Belief` says so.
+void observeEntry(model::Edit& edit, const model::Place& place, const ListedEntry& entry);
+/// At last, that `folders` were written: requests that ended before are looked for then.
+void observeEnd(model::Edit& edit, const std::vector<model::ItemNumber>& folders,
+                const Shown& shown);
+
 }  // namespace kestrowan::replica::plan

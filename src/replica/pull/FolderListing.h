@@ -17,6 +17,7 @@ struct FolderListing {
     model::Kind kind = model::Kind::file;
     model::There there;
   };
+  using Entries = std::map<std::string, Entry, std::less<>>;
 
   /// Admits those of `items` that are proper children of the folder: with the identifier that an
   /// item of that name in it can have, the folder as parent, and a name that none before it has.
@@ -26,7 +27,7 @@ struct FolderListing {
   /// Whether what it lacks is not there.
   bool provesAbsence() const { return isWhole && refused == 0; }
 
-  std::map<std::string, Entry, std::less<>> entries;
+  Entries entries;
   /// How many entries were not admitted. A listing with such proves nothing about missing names.
   std::size_t refused = 0;
   /// Whether all of it came. One that did not proves nothing about missing names either.

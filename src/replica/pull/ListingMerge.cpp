@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "replica/model/Seen.h"
+#include "replica/plan/Uncertain.h"
 #include "replica/pull/Sameness.h"
 
 namespace kestrowan::replica::pull {
@@ -45,51 +46,81 @@ void showDate(Edit& edit, const Item& folder, const There& known, const There& n
 ListingMerge::ListingMerge(const Options& options, const Settler& settler)
     : options_(options), settler_(settler) {}
 
-plan::Listing ListingMerge::planned(const State& state, const Path& path,
-                                    const FolderListing& listing) const {
-  plan::Listing result;
-  result.isWhole = listing.provesAbsence();
-  const Item* folder = state.atPath(path);
-  for (const auto& [name, entry] : listing.entries) {
-    plan::ListedEntry planned{entry.kind, entry.there.version};
-    const Item* known = folder ? state.thereAt({folder->number(), name}) : nullptr;
-    const bool isSame = known && known->kind() == entry.kind &&
-                        (known->isFolder() || canBeSame(options_, *known->there(), entry.there));
-    if (isSame) {
-      planned.version = known->there()->version;
-    } else if (known && known->there()->version == entry.there.version) {
-      planned.version.text = distinctVersion(entry.there);
-    }
-    result.entries.emplace(name, std::move(planned));
+plan::ListedEntry ListingMerge::planned(const State& state, const Item* folder,
+                                        const FolderListing::Entries::value_type& listed) const {
+  const auto& [name, entry] = listed;
+  plan::ListedEntry result{entry.kind, entry.there.version};
+  const Item* known = folder ? state.thereAt({folder->number(), name}) : nullptr;
+  const bool isSame = known && known->kind() == entry.kind &&
+                      (known->isFolder() || canBeSame(options_, *known->there(), entry.there));
+  if (isSame) {
+    result.version = known->there()->version;
+  } else if (known && known->there()->version == entry.there.version) {
+    result.version.text = distinctVersion(entry.there);
   }
   return result;
 }
 
-/// What a listing says beside the versions: sizes, dates, what may be done.
-void ListingMerge::writeDetails(Edit& edit, const Path& path, const FolderListing& listing) const {
+/// What the provider has by the entry; absent when it has other contents than those that are known.
+std::optional<There> ListingMerge::detailed(const Item& item,
+                                            const FolderListing::Entry& entry) const {
+  const There& known = *item.there();
+  const bool isDistinct = known.version.text == distinctVersion(entry.there);
+  const bool isSame = item.isFolder() || known.version == entry.there.version || isDistinct ||
+                      canBeSame(options_, known, entry.there);
+  if (!isSame) return std::nullopt;
+  There now = withDetails(known, entry.there);
+  if (isDistinct) now.version = known.version;
+  now.place = known.place;
+  return now;
+}
+
+bool ListingMerge::isNews(const State& state, ItemNumber folder,
+                          const FolderListing::Entries::value_type& listed) const {
+  const Item* item = state.thereAt({folder, listed.first});
+  if (!item || item->kind() != listed.second.kind) return true;
+  const auto now = detailed(*item, listed.second);
+  return !now || *now != *std::as_const(*item).there();
+}
+
+/// What an entry says beside the version: sizes, dates, what may be done.
+void ListingMerge::writeDetails(Edit& edit, const Item& folder,
+                                const FolderListing::Entries::value_type& listed) const {
+  const Item* item = edit->thereAt({folder.number(), listed.first});
+  if (!item || item->kind() != listed.second.kind) return;
+  const auto now = detailed(*item, listed.second);
+  const There& known = *item->there();
+  if (!now || *now == known) return;
+  if (item->isFolder()) showDate(edit, *item, known, *now);
+  const bool isAgreed = item->agreed() && item->agreed()->version == known.version;
+  if (isAgreed) {
+    There agreed = *now;
+    agreed.place = item->agreed()->place;
+    agreed.content = item->agreed()->content;
+    edit.setAgreed(item->number(), std::move(agreed));
+  }
+  edit.setThere(item->number(), *now);
+}
+
+void ListingMerge::writeEntries(Edit& edit, const Path& path, const SomeEntries& entries,
+                                const std::vector<Path>& answered) const {
   const Item* folder = edit->atPath(path);
   if (!folder) return;
-  for (const auto& [name, entry] : listing.entries) {
-    const Item* item = edit->thereAt({folder->number(), name});
-    if (!item || item->kind() != entry.kind) continue;
-    const There& known = *item->there();
-    const bool isDistinct = known.version.text == distinctVersion(entry.there);
-    const bool isSame = item->isFolder() || known.version == entry.there.version || isDistinct ||
-                        canBeSame(options_, known, entry.there);
-    if (!isSame) continue;
-    There now = withDetails(known, entry.there);
-    if (isDistinct) now.version = known.version;
-    now.place = known.place;
-    if (now == known) continue;
-    if (item->isFolder()) showDate(edit, *item, known, now);
-    const bool isAgreed = item->agreed() && item->agreed()->version == known.version;
-    if (isAgreed) {
-      There agreed = now;
-      agreed.place = item->agreed()->place;
-      agreed.content = item->agreed()->content;
-      edit.setAgreed(item->number(), std::move(agreed));
+  for (const auto* listed : entries) {
+    if (!plan::isUncertain(*edit, path.child(listed->first), answered)) {
+      plan::observeEntry(edit, {folder->number(), listed->first}, planned(*edit, folder, *listed));
     }
-    edit.setThere(item->number(), std::move(now));
+    writeDetails(edit, *folder, *listed);
+  }
+}
+
+void ListingMerge::noteListed(Edit& edit, const FolderListings& listings, Time began) {
+  for (const auto& [path, listing] : listings) {
+    const Item* folder = listing && listing->isWhole ? edit->atPath(path) : nullptr;
+    if (!folder) continue;
+    Attributes attributes = folder->attributes();
+    attributes.listedAt = began;
+    edit.setAttributes(folder->number(), std::move(attributes));
   }
 }
 
@@ -98,25 +129,24 @@ plan::Written ListingMerge::write(Edit& edit, const std::vector<ItemNumber>& fol
                                   Time began, const plan::Doubts& doubts) const {
   plan::Shown shown{{}, began, answered};
   for (const auto& [path, listing] : listings) {
-    if (listing) {
-      shown.listings.emplace(path, planned(*edit, path, *listing));
-    } else {
-      shown.listings.emplace(path, std::nullopt);
+    auto& planned = shown.listings[path];
+    if (!listing) continue;
+    planned.emplace();
+    planned->isWhole = listing->provesAbsence();
+    const Item* folder = edit->atPath(path);
+    for (const auto& listed : listing->entries) {
+      planned->entries.emplace(listed.first, this->planned(*edit, folder, listed));
     }
   }
   auto written = plan::observe(edit, folders, shown, doubts);
   if (!written.lacking.empty()) return written;
   for (const auto& [path, listing] : listings) {
-    if (listing) writeDetails(edit, path, *listing);
-  }
-  settler_.settleAll(edit);
-  for (const auto& [path, listing] : listings) {
-    const Item* folder = listing && listing->isWhole ? edit->atPath(path) : nullptr;
+    const Item* folder = listing ? edit->atPath(path) : nullptr;
     if (!folder) continue;
-    Attributes attributes = folder->attributes();
-    attributes.listedAt = began;
-    edit.setAttributes(folder->number(), std::move(attributes));
+    for (const auto& listed : listing->entries) writeDetails(edit, *folder, listed);
   }
+  settle(edit);
+  noteListed(edit, listings, began);
   return written;
 }
 

@@ -16,6 +16,8 @@ namespace kestrowan::replica::pull {
 
 /// What was listed at some paths; null: there is no such folder.
 using FolderListings = std::map<model::Path, std::shared_ptr<const FolderListing>>;
+/// Some entries of one.
+using SomeEntries = std::vector<const FolderListing::Entries::value_type*>;
 
 /// Writes listings into the states, and settles what they show. Usable from every thread, within an
 /// edit.
@@ -32,10 +34,27 @@ class ListingMerge {
                       const FolderListings& listings, const std::vector<model::Path>& answered,
                       model::Time began, const plan::Doubts& doubts) const;
 
+  /// What the planner is to know of an entry: its version is the one that is known when the
+  /// contents can be the same. `folder`: null when it is not known.
+  plan::ListedEntry planned(const model::State& state, const model::Item* folder,
+                            const FolderListing::Entries::value_type& listed) const;
+  /// Whether `writeEntries` would change anything for the entry.
+  bool isNews(const model::State& state, model::ItemNumber folder,
+              const FolderListing::Entries::value_type& listed) const;
+  /// Writes what some entries of a folder show, each where nothing of another kind is. What is
+  /// uncertain stays as it is known. Nothing is settled.
+  void writeEntries(model::Edit& edit, const model::Path& folder, const SomeEntries& entries,
+                    const std::vector<model::Path>& answered) const;
+  /// Settles what can be without a request, and notes when the folders were listed; of one that did
+  /// not come whole, that stays as it is.
+  void settle(model::Edit& edit) const { settler_.settleAll(edit); }
+  static void noteListed(model::Edit& edit, const FolderListings& listings, model::Time began);
+
  private:
-  plan::Listing planned(const model::State& state, const model::Path& path,
-                        const FolderListing& listing) const;
-  void writeDetails(model::Edit& edit, const model::Path& path, const FolderListing& listing) const;
+  std::optional<model::There> detailed(const model::Item& item,
+                                       const FolderListing::Entry& entry) const;
+  void writeDetails(model::Edit& edit, const model::Item& folder,
+                    const FolderListing::Entries::value_type& listed) const;
 
   const Options& options_;
   const Settler& settler_;

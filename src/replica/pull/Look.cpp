@@ -73,6 +73,14 @@ Look::Outcome Look::write(plan::Doubts& doubts) {
   Edit edit(tree_);
   // A folder that has moved, or moves now, may have been listed in either place.
   if (isDisturbed(listings_, touchedPaths(*edit, watch_))) return Outcome::disturbed;
+  if (SlicedMerge::isNeeded(*edit, listings_)) {
+    slices_.emplace(merge_, listings_, began_);
+    paths_ = slices_->begin(edit, folders_, watch_.touched());
+    if (!paths_.empty()) return Outcome::lacking;
+    requireNoneListed();
+    edit.commit();
+    return Outcome::large;
+  }
   auto written = merge_.write(edit, folders_, listings_, watch_.touched(), began_, doubts);
   paths_ = std::move(written.lacking);
   if (!paths_.empty()) return Outcome::lacking;
@@ -97,6 +105,27 @@ void Look::requireGone(const State& state) const {
     const auto failed = failed_.find(state.therePath(*folder));
     if (failed != failed_.end()) throw failed->second;
   }
+}
+
+void Look::compare() {
+  slices_->compare(tree_, watch_.touched());
+}
+
+Look::Outcome Look::writeSlice(plan::Doubts& doubts) {
+  Edit edit(tree_);
+  if (isDisturbed(listings_, touchedPaths(*edit, watch_))) return Outcome::disturbed;
+  const auto outcome = slices_->write(edit, watch_.touched(), doubts);
+  if (outcome == SlicedMerge::Outcome::disturbed) return Outcome::disturbed;
+  edit.commit();
+  if (outcome == SlicedMerge::Outcome::more) return Outcome::more;
+  noteProofs(*edit, slices_->unproved(), doubts);
+  requireGone(*edit);
+  return Outcome::written;
+}
+
+void Look::forget() {
+  slices_.reset();
+  listings_.clear();
 }
 
 void Look::noteProofs(const State& state, const std::vector<ItemNumber>& unproved,

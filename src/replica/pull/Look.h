@@ -10,6 +10,7 @@
 #include "platform/foundation/NSError.h"
 #include "replica/model/Edit.h"
 #include "replica/pull/ListingMerge.h"
+#include "replica/pull/SlicedMerge.h"
 #include "replica/pull/Touches.h"
 
 namespace kestrowan::replica::pull {
@@ -38,11 +39,17 @@ class Look {
     written,
     lacking,    // nothing is written: there are other paths to be listed first
     disturbed,  // nor here: requests of ours may have moved the folders meanwhile
+    large,      // there is much: it is to be compared, and then to be written in slices
+    more,       // another slice is to be written
   };
   /// Writes what was listed. `doubts`: what earlier looks left in doubt, and then this one. Throws
   /// what the journal does, and the error of a folder that failed and is shown by the one above;
   /// nothing is written then. Throws that of one that is not known to be gone afterwards.
   Outcome write(plan::Doubts& doubts);
+  /// Of a large one: takes long, and may run beside the loop.
+  void compare();
+  /// After that. What was written before stays when it throws, or is disturbed.
+  Outcome writeSlice(plan::Doubts& doubts);
 
   /// What the listing of one folder proves.
   struct Proof {
@@ -52,6 +59,8 @@ class Look {
     /// When to look again for what it lacks and what is not believed yet.
     std::optional<std::chrono::milliseconds> again;
   };
+  /// Lets go of what was listed: that takes long, too. Nothing else is to be asked afterwards.
+  void forget();
   /// Of each folder that was written.
   const std::vector<Proof>& proofs() const { return proofs_; }
 
@@ -72,6 +81,8 @@ class Look {
   std::map<model::Path, NSError> failed_;
   /// Where folders were asked for.
   FolderListings asked_;
+  /// Of a large one.
+  std::optional<SlicedMerge> slices_;
   std::vector<Proof> proofs_;
 };
 

@@ -4,6 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "async/Aside.h"
+#include "async/SleepFor.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Log.h"
@@ -31,6 +33,8 @@ constexpr unsigned kAttempts = 3;
 /// So often a look is begun anew because requests of ours changed what was listed meanwhile.
 constexpr int kLooks = 9;
 constexpr milliseconds kFirstPause{50};
+/// Between two slices of a large listing other callers get the tree's lock.
+constexpr milliseconds kSlicePause{1};
 
 }  // namespace
 
@@ -139,6 +143,7 @@ Task<bool> Looks::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker) {
     if (problem && look->isMisplaced()) co_return false;
     if (problem) throw *problem;
     outcome = look->write(doubts_);
+    if (outcome == Look::Outcome::large) outcome = co_await writeInSlices(look);
     if (outcome == Look::Outcome::disturbed) co_return false;
   }
   for (const Look::Proof& proof : look->proofs()) {
@@ -146,6 +151,20 @@ Task<bool> Looks::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker) {
     if (proof.again) lookAfter(proof.folder, *proof.again);
   }
   co_return true;
+}
+
+Task<Look::Outcome> Looks::writeInSlices(std::shared_ptr<Look> look) {
+  async::Loop::Function compare = [&look] { look->compare(); };
+  co_await async::runAside(scope_, std::move(compare));
+  for (;;) {
+    const auto outcome = look->writeSlice(doubts_);
+    if (outcome != Look::Outcome::more) {
+      async::Loop::Function forget = [&look] { look->forget(); };
+      co_await async::runAside(scope_, std::move(forget));
+      co_return outcome;
+    }
+    co_await async::sleepFor(scope_, kSlicePause);
+  }
 }
 
 Task<void> Looks::gather(std::shared_ptr<Look> look, ItemNumber asker) {
@@ -202,9 +221,19 @@ Task<std::shared_ptr<const FolderListing>> Looks::list(ItemNumber number,
                                                        NSFileProviderItemIdentifier identifier,
                                                        ItemNumber asker) {
   const auto begun = scope_.now();
-  const auto items = co_await ask(identifier, asker);
-  // For a large folder that takes long, and no call must wait for it.
-  const auto listing = std::make_shared<FolderListing>(items, number, identifier, options_);
+  auto items = co_await ask(identifier, asker);
+  std::shared_ptr<FolderListing> listing;
+  const auto admit = [&] {
+    listing = std::make_shared<FolderListing>(items, number, identifier, options_);
+    items = {};
+  };
+  // For a large folder that takes long.
+  if (items.size() > SlicedMerge::kSlice) {
+    async::Loop::Function aside = admit;
+    co_await async::runAside(scope_, std::move(aside));
+  } else {
+    admit();
+  }
   const auto duration = std::chrono::duration_cast<milliseconds>(scope_.now() - begun);
   listing->isWhole = !options_.cameWhole || options_.cameWhole(identifier, duration);
   freshness_.noteListing(number, duration, listing->refused);

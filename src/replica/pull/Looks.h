@@ -51,6 +51,7 @@ class Looks {
   Task<void> lookNow(std::vector<model::ItemNumber> folders, model::ItemNumber asker);
   Task<void> pause(std::chrono::milliseconds time);
   Task<bool> lookOnce(std::vector<model::ItemNumber> folders, model::ItemNumber asker);
+  Task<Look::Outcome> writeInSlices(std::shared_ptr<Look> look);
   Task<void> gather(std::shared_ptr<Look> look, model::ItemNumber asker);
   Task<std::shared_ptr<const FolderListing>> list(model::ItemNumber folder,
                                                   NSFileProviderItemIdentifier identifier,

@@ -329,5 +329,32 @@ TEST(LoopThread, TheWallClockCountsMillisecondsSince1970) {
   EXPECT_LE(now, after);
 }
 
+TEST(LoopThread, WhatBlocksAsideKeepsNeitherTheLoopNorOthersWaiting) {
+  LoopThread loop;
+  std::promise<void> end;
+  const auto ended = end.get_future().share();
+  std::atomic<int> begun = 0;
+  for (int i = 0; i < 3; ++i) {
+    loop.postAside([&begun, ended] {
+      ++begun;
+      ended.wait();
+    });
+  }
+  drain(loop);
+  std::promise<void> other;
+  loop.postAside([&] { other.set_value(); });
+  other.get_future().wait();
+  end.set_value();
+}
+
+TEST(LoopThread, AllThatIsPostedAsideRuns) {
+  std::atomic<int> count = 0;
+  {
+    LoopThread loop;
+    for (int i = 0; i < 1000; ++i) loop.postAside([&] { ++count; });
+  }
+  EXPECT_EQ(count, 1000);
+}
+
 }  // namespace
 }  // namespace kestrowan::async

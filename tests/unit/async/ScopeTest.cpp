@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -12,8 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "async/Aside.h"
 #include "async/LoopThread.h"
 #include "platform/base/OneShot.h"
+#include "platform/foundation/NSError.h"
 #include "support/RecordingLog.h"
 #include "support/SimulatedLoop.h"
 
@@ -37,6 +40,20 @@ class ScopeTest : public testing::Test {
     auto opened = Gate::result(std::move(gate));
     co_await std::move(opened);
     test->events.push_back("passed with " + std::to_string(*held));
+  }
+  static Task<void> workAside(ScopeTest* test) {
+    test->events.push_back("begun");
+    Loop::Function aside = [test] { test->events.push_back("aside"); };
+    co_await runAside(test->scope, std::move(aside));
+    test->events.push_back("ended");
+  }
+  static Task<void> failAside(ScopeTest* test) {
+    Loop::Function aside = [] { throw posixError(EIO); };
+    try {
+      co_await runAside(test->scope, std::move(aside));
+    } catch (const NSError& error) {
+      test->events.push_back(std::to_string(error.code()));
+    }
   }
 
   test::SimulatedLoop loop;
@@ -191,6 +208,60 @@ TEST(ScopeThreadTest, ClosingMeetsWhatIsUnderWayAtAnyTime) {
     opening.join();
     EXPECT_EQ(count.use_count(), 1);
     EXPECT_EQ(*count, reached);
+  }
+}
+
+TEST_F(ScopeTest, WhatRunsAsideGivesItsResultToTheLoop) {
+  loop.holdAside(true);
+  scope.spawn(workAside(this));
+  scope.post(note("function"));
+  loop.runUntilIdle();
+  EXPECT_THAT(events, ElementsAre("begun", "function"));
+  loop.holdAside(false);
+  loop.runUntilIdle();
+  EXPECT_THAT(events, ElementsAre("begun", "function", "aside", "ended"));
+}
+
+TEST_F(ScopeTest, WhatFailsAsideThrows) {
+  scope.spawn(failAside(this));
+  loop.runUntilIdle();
+  EXPECT_THAT(events, ElementsAre(std::to_string(EIO)));
+}
+
+TEST_F(ScopeTest, NothingRunsAsideAfterItWasClosed) {
+  loop.holdAside(true);
+  scope.postAside(note("aside"));
+  scope.close();
+  scope.postAside(note("late"));
+  loop.holdAside(false);
+  loop.runUntilIdle();
+  EXPECT_TRUE(events.empty());
+  EXPECT_TRUE(scope.waitUntilEmpty(milliseconds(0)));
+}
+
+TEST(ScopeAsideTest, ClosingWaitsForWhatRunsAside) {
+  LoopThread thread;
+  std::promise<void> begun;
+  std::promise<void> end;
+  std::atomic<bool> isEnded = false;
+  {
+    Scope own(thread);
+    own.postAside([&] {
+      begun.set_value();
+      end.get_future().wait();
+      isEnded = true;
+    });
+    begun.get_future().wait();
+    std::thread closer([&] {
+      own.close();
+      EXPECT_TRUE(isEnded);
+    });
+    // The loop itself goes on.
+    std::promise<void> passed;
+    thread.post([&] { passed.set_value(); });
+    passed.get_future().wait();
+    end.set_value();
+    closer.join();
   }
 }
 
