@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "async/Loop.h"
+#include "async/Workers.h"
 
 namespace kestrowan::async {
 

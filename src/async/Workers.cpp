@@ -24,6 +24,8 @@ void Workers::post(std::function<void()> function) {
     if (queue_.size() >= idle_ && threads_.size() < kMost) {
       const BlockedSignals blocked;
       const bool isMade = guarded("a worker of the loop", [this] {
+        // Without memory for its entry no thread is started.
+        threads_.reserve(kMost);
         threads_.push_back(startThread("a worker of the loop", [this] { run(); }));
       });
       // The others will do.
