@@ -30,6 +30,7 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr milliseconds kLimitsInterval{60000};
+constexpr milliseconds kCompactingPause{1};
 /// Nothing that is still being fetched stays unchanged for so long.
 constexpr std::chrono::seconds kLeftoverAge{3600};
 
@@ -176,16 +177,28 @@ void Life::fsyncFolder() {
 
 void Life::watchLimits() {
   scope.postAfter(kLimitsInterval, [this] {
-    guarded("the limits of the disk", [this] { space.keepLimits(); });
-    guarded("the limits of the history", [this] { historyLimits.keep(); });
-    guarded("the temporary directory", [this] {
-      const auto before = std::chrono::floor<std::chrono::seconds>(rooms.now()) - kLeftoverAge;
-      contentFiles.sweepTemporary(before.time_since_epoch().count());
-    });
-    guarded("the database", [this] {
-      if (outbox.isIdle() && downloader.inFlight() == 0) journal.compact();
-    });
+    guarded("the limits", [this] { scope.postAside([this] { keepLimits(); }); });
     watchLimits();
+  });
+}
+
+/// Beside the loop.
+void Life::keepLimits() {
+  guarded("the limits of the disk", [this] { space.keepLimits(); });
+  guarded("the limits of the history", [this] { historyLimits.keep(); });
+  guarded("the temporary directory", [this] {
+    const auto before = std::chrono::floor<std::chrono::seconds>(rooms.now()) - kLeftoverAge;
+    contentFiles.sweepTemporary(before.time_since_epoch().count());
+  });
+  compact();
+}
+
+/// A step after another, and edits in between.
+void Life::compact() {
+  guarded("the database", [this] {
+    const bool isIdle = outbox.isIdle() && downloader.inFlight() == 0;
+    if (!isIdle || !journal.compact()) return;
+    scope.postAfter(kCompactingPause, [this] { scope.postAside([this] { compact(); }); });
   });
 }
 

@@ -47,6 +47,8 @@ class Life : public model::Watcher {
   void load();
   void goOn();
   void watchLimits();
+  void keepLimits();
+  void compact();
   void refuse(const model::ItemChange& change);
   void tell(const model::ItemChange& change) const;
   void noteConfirmed(const model::ItemChange& change);

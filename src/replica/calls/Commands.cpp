@@ -1,6 +1,7 @@
 #include "replica/calls/Commands.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 #include "replica/Log.h"
@@ -26,6 +27,8 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr std::size_t kMostPartialFolders = 100;
+/// So many are changed by one edit, so that other calls need not wait long for it.
+constexpr std::ptrdiff_t kItemsAtOnce = 500;
 
 bool isAsked(const State& state, const Item& item) {
   const auto& intents = state.intents().all();
@@ -159,29 +162,44 @@ Status Commands::status(std::size_t limit) const {
 
 EvictionResult Commands::evict(ItemNumber number) {
   EvictionResult result;
-  std::vector<ContentNumber> evicted;
+  std::vector<ItemNumber> items;
   {
-    Edit edit(rooms_.tree);
-    require(*edit, number);
-    for (const ItemNumber each : subtree(*edit, number)) {
-      const Item& item = edit->item(each);
-      if (item.isFolder() || item.here()->content == Content::none) continue;
-      if (rooms_.space.isEvictable(item)) {
-        ++result.evicted;
-        result.bytes += shown(item, rooms_.openItems).size;
-        evicted.push_back(pull::Space::evict(edit, each));
-      } else if (item.attributes().pinned) {
-        ++result.pinned;
-      } else if (rooms_.openItems.isOpen(each)) {
-        ++result.open;
-      } else {
-        ++result.changed;
-      }
-    }
-    edit.commit();
+    const View view(rooms_.tree);
+    require(*view, number);
+    items = subtree(*view, number);
   }
-  rooms_.unused.removeAtOnce(evicted);
+  for (auto next = items.begin(); next != items.end();) {
+    const auto end = next + std::min(kItemsAtOnce, items.end() - next);
+    rooms_.unused.removeAtOnce(evictSome({next, end}, result));
+    next = end;
+  }
   return result;
+}
+
+/// Gives the contents that have no item any more.
+std::vector<ContentNumber> Commands::evictSome(const std::vector<ItemNumber>& items,
+                                               EvictionResult& result) {
+  std::vector<ContentNumber> evicted;
+  Edit edit(rooms_.tree);
+  for (const ItemNumber each : items) {
+    const Item* item = edit->find(each);
+    if (!item || item->isFolder() || !item->here() || item->here()->content == Content::none) {
+      continue;
+    }
+    if (rooms_.space.isEvictable(*item)) {
+      ++result.evicted;
+      result.bytes += shown(*item, rooms_.openItems).size;
+      evicted.push_back(pull::Space::evict(edit, each));
+    } else if (item->attributes().pinned) {
+      ++result.pinned;
+    } else if (rooms_.openItems.isOpen(each)) {
+      ++result.open;
+    } else {
+      ++result.changed;
+    }
+  }
+  edit.commit();
+  return evicted;
 }
 
 void Commands::setPinned(ItemNumber number, bool isPinned) {

@@ -27,6 +27,8 @@ class Commands {
   ItemStatus statusOf(const model::State& state, const model::Item& item) const;
   std::vector<model::ItemNumber> pendingIn(const model::State& state,
                                            model::ItemNumber folder) const;
+  std::vector<ContentNumber> evictSome(const std::vector<model::ItemNumber>& items,
+                                       EvictionResult& result);
   bool discardOne(model::Edit& edit, model::ItemNumber item) const;
 
   const Rooms& rooms_;

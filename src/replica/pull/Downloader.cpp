@@ -9,6 +9,7 @@
 #include <chrono>
 #include <utility>
 
+#include "async/Aside.h"
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
@@ -38,6 +39,8 @@ namespace {
 
 /// Contents are taken only with the version they were asked for; after so many tries, as they are.
 constexpr int kTries = 3;
+/// A file of more bytes is looked through beside the loop.
+constexpr std::int64_t kLarge = 1 << 20;
 
 /// A downloaded file that goes unless it was taken.
 class Fetched {
@@ -150,7 +153,11 @@ Task<void> Downloader::attempt(ItemNumber number) {
       before = *file->there();
       identifier = view->identifier(*file);
     }
-    const auto room = space_.take(before.size);
+    auto room = space_.takeFree(before.size);
+    if (!room) {
+      async::Loop::Function take = [&] { room = space_.take(before.size); };
+      co_await async::runAside(scope_, std::move(take));
+    }
     std::optional<NSError> problem;
     remote::FetchedFile fetched;
     try {
@@ -160,7 +167,17 @@ Task<void> Downloader::attempt(ItemNumber number) {
     }
     health_.note(problem);
     if (!problem) {
-      if (adopt(number, before, fetched, tries >= kTries)) co_return;
+      const Fetched file(fetched.path);
+      bool isTaken = false;
+      async::Loop::Function take = [&] {
+        isTaken = adopt(number, before, fetched, tries >= kTries);
+      };
+      if (sizeOfFile(file.path()) > kLarge) {
+        co_await async::runAside(scope_, std::move(take));
+      } else {
+        take();
+      }
+      if (isTaken) co_return;
       continue;
     }
     // Perhaps it was looked for where it no longer is.
@@ -181,8 +198,7 @@ Task<void> Downloader::attempt(ItemNumber number) {
 /// Takes a fetched file as contents; false when it has to be fetched again.
 bool Downloader::adopt(ItemNumber number, const There& before, const remote::FetchedFile& fetched,
                        bool isLast) {
-  const Fetched file(fetched.path);
-  const std::int64_t bytes = sizeOfFile(file.path());
+  const std::int64_t bytes = sizeOfFile(fetched.path);
   There after = thereOf(*fetched.item, before.place.folder, {}, options_, Source::answer);
   after.place = before.place;
   after.identifier = before.identifier;
@@ -214,12 +230,12 @@ bool Downloader::adopt(ItemNumber number, const There& before, const remote::Fet
   // The file itself here, and what lies here in the place that it has there.
   const Frozen ours = freezer_.freeze(number);
   const Frozen rival = freezer_.freeze(rivalOf(number));
-  const Content same = sameContent(number, {ours.number, rival.number}, file.path());
+  const Content same = sameContent(number, {ours.number, rival.number}, fetched.path);
   if (same != Content::none) {
     write(number, before, now, same);
     return true;
   }
-  auto made = contents_.adopt(file.path());
+  auto made = contents_.adopt(fetched.path);
   if (write(number, before, now, made.number())) made.keep();
   return true;
 }

@@ -67,11 +67,21 @@ ContentNumber Space::evict(Edit& edit, ItemNumber number) {
 std::shared_ptr<void> Space::take(std::int64_t bytes) {
   std::lock_guard lock(mutex_);
   makeRoom(taken_ + bytes);
+  return taken(bytes);
+}
+
+std::shared_ptr<void> Space::takeFree(std::int64_t bytes) {
+  // Another thread may be giving back.
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock) return nullptr;
+  const std::int64_t needed = taken_ + bytes;
+  return excess(needed, contents_.files().space().free) > 0 ? nullptr : taken(bytes);
+}
+
+/// Under the lock.
+std::shared_ptr<void> Space::taken(std::int64_t bytes) {
   taken_ += bytes;
-  return {this, [this, bytes](void*) {
-            std::lock_guard relock(mutex_);
-            taken_ -= bytes;
-          }};
+  return {this, [this, bytes](void*) { taken_ -= bytes; }};
 }
 
 void Space::noteUse(ItemNumber file) {
@@ -106,12 +116,18 @@ std::vector<ItemNumber> Space::oldest() const {
   return result;
 }
 
+/// What is to be given back, that `needed` can be had.
+std::int64_t Space::excess(std::int64_t needed, std::int64_t free) const {
+  return std::max(tally_.cachedBytes() + needed - cacheLimit(), needed + freeSpaceFloor() - free);
+}
+
 void Space::makeRoom(std::int64_t needed) {
   const std::int64_t free = contents_.files().space().free;
-  const std::int64_t cached = tally_.cachedBytes();
   // Giving up everything would not be enough.
-  if (needed > 0 && free + cached - needed < freeSpaceFloor()) throw posixError(ENOSPC);
-  std::int64_t excess = std::max(cached + needed - cacheLimit(), needed + freeSpaceFloor() - free);
+  if (needed > 0 && free + tally_.cachedBytes() - needed < freeSpaceFloor()) {
+    throw posixError(ENOSPC);
+  }
+  std::int64_t excess = this->excess(needed, free);
   if (excess > 0) {
     for (const ItemNumber number : oldest()) {
       if (excess <= 0) break;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -30,11 +31,13 @@ class Space {
   Space& operator=(const Space&) = delete;
 
   /// Room for a download of that size, for as long as the result lives. Gives back what was used
-  /// longest ago; throws ENOSPC when that is not enough.
+  /// longest ago, which may take long; throws ENOSPC when that is not enough.
   std::shared_ptr<void> take(std::int64_t bytes);
+  /// The same at once; null when something has to be given back first.
+  std::shared_ptr<void> takeFree(std::int64_t bytes);
   /// A program uses the contents of a file.
   void noteUse(model::ItemNumber file);
-  /// Gives back what is beyond the limits.
+  /// Gives back what is beyond the limits. May take long.
   void keepLimits();
 
   /// Whether the contents of a file could be given back now.
@@ -47,7 +50,9 @@ class Space {
 
  private:
   std::int64_t cacheLimit() const;
+  std::int64_t excess(std::int64_t needed, std::int64_t free) const;
   void makeRoom(std::int64_t bytes);
+  std::shared_ptr<void> taken(std::int64_t bytes);
   std::vector<model::ItemNumber> oldest() const;
 
   model::Tree& tree_;
@@ -58,9 +63,9 @@ class Space {
   const Tally& tally_;
   const IsOpen isOpen_;
 
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // held while contents are given back, or room is taken
   /// What is being fetched.
-  std::int64_t taken_ = 0;
+  std::atomic<std::int64_t> taken_ = 0;
   /// Uses since this process began.
   mutable std::mutex usesMutex_;  // guards what follows; a leaf
   std::unordered_map<model::ItemNumber, model::Time> uses_;

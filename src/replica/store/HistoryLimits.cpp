@@ -78,7 +78,7 @@ void HistoryLimits::goOn(const std::shared_ptr<HistoryTrim>& trim) {
     isRunning_ = false;
     return;
   }
-  scope_.post([this, trim] { goOn(trim); });
+  scope_.postAside([this, trim] { goOn(trim); });
 }
 
 /// Whether an item in the entry's place at the provider has the entry's contents.

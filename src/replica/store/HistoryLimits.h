@@ -30,7 +30,8 @@ class HistoryLimits {
   HistoryLimits(const HistoryLimits&) = delete;
   HistoryLimits& operator=(const HistoryLimits&) = delete;
 
-  /// Lets go of what is too old or too much; goes on by itself, on the loop, until that is done.
+  /// Lets go of what is too old or too much; goes on by itself, beside the loop,
+  /// until that is done.
   void keep();
 
  private:

@@ -108,6 +108,8 @@ std::unique_ptr<Database> openReplicaDatabase(const std::string& path) {
   auto database = std::make_unique<Database>(path);
   auto version = versionOf(*database);
   checkWhole(*database);
+  // So that it can be compacted in steps.
+  if (version == 0) database->execute("PRAGMA auto_vacuum=INCREMENTAL");
   database->beginLogging();
   while (version < kNewest) {
     const std::string step = std::string("BEGIN IMMEDIATE;") + kMigrations[version] +

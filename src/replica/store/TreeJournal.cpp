@@ -26,6 +26,8 @@ constexpr const char* kFileName = "/replica.db";
 // Space is given back when a quarter of the file, and at least 4 MiB, is unused.
 constexpr std::int64_t kUnusedPages = 1024;
 constexpr std::int64_t kUnusedPart = 4;
+/// Pages that one step moves.
+constexpr const char* kCompactStep = "PRAGMA incremental_vacuum(128)";
 
 }  // namespace
 
@@ -193,13 +195,26 @@ void TreeJournal::sync() {
   log_.sync();
 }
 
-void TreeJournal::compact() {
+bool TreeJournal::compact() {
   const std::lock_guard lock(mutex_);
   const auto unused = database_->number("PRAGMA freelist_count");
-  const auto pages = database_->number("PRAGMA page_count");
-  if (unused < kUnusedPages || unused < pages / kUnusedPart) return;
-  database_->execute("VACUUM; PRAGMA wal_checkpoint(TRUNCATE);");
+  if (!isCompacting_) {
+    const auto pages = database_->number("PRAGMA page_count");
+    if (unused < kUnusedPages || unused < pages / kUnusedPart) return false;
+  }
+  const bool hasSteps = database_->number("PRAGMA auto_vacuum") != 0;
+  if (hasSteps) {
+    database_->execute(kCompactStep);
+    log_.noteCommit();
+    isCompacting_ = unused > 0;
+    if (isCompacting_) return true;
+  } else {
+    // It has steps from then on.
+    database_->execute("PRAGMA auto_vacuum=INCREMENTAL; VACUUM;");
+  }
+  database_->execute("PRAGMA wal_checkpoint(TRUNCATE)");
   log_.keepRoom();
+  return false;
 }
 
 }  // namespace kestrowan::replica::store

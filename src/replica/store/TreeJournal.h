@@ -65,8 +65,10 @@ class TreeJournal : public model::Journal, public Durability {
 
   void write(const model::Changes& changes) override;
   void sync() override;
-  /// Gives space back to the file system when much of the file is unused. Edits wait meanwhile.
-  void compact();
+  /// One step of giving space back to the file system, when much of the file is unused; edits wait
+  /// for one of these alone. Whether another one is to follow. The first of a database that an
+  /// earlier version made is the only one, and takes long.
+  bool compact();
 
  private:
   void reserveContents();
@@ -90,6 +92,7 @@ class TreeJournal : public model::Journal, public Durability {
   std::vector<std::int64_t> leftOutItems_;
   std::vector<std::int64_t> leftOutIntents_;
   std::size_t leftOut_ = 0;
+  bool isCompacting_ = false;
   WriteAheadLog log_;
 };
 

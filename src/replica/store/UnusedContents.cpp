@@ -1,8 +1,11 @@
 #include "replica/store/UnusedContents.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <unordered_set>
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
 #include "replica/model/View.h"
@@ -18,6 +21,8 @@ using model::View;
 namespace {
 
 constexpr std::chrono::milliseconds kDelay{5000};
+/// So many are looked up at once, so that edits need not wait long for the database.
+constexpr std::size_t kPage = 256;
 
 const Logger& replicaLog() {
   static const Logger log("com.kestrowan.app.FileProvider", "replica");
@@ -68,7 +73,10 @@ void UnusedContents::count(const Item* item, int by) {
 /// Under the lock.
 void UnusedContents::removeLater() {
   if (std::exchange(isDue_, true)) return;
-  scope_.postAfter(kDelay, [this] { removeNow(); });
+  scope_.postAfter(kDelay, [this] {
+    const auto remove = [this] { removeNow(); };
+    if (!guarded("the removal of contents", [&] { scope_.postAside(remove); })) remove();
+  });
 }
 
 void UnusedContents::add(const std::vector<ContentNumber>& numbers) {
@@ -108,17 +116,29 @@ void UnusedContents::removeNow() {
     candidates.swap(candidates_);
     isDue_ = false;
   }
-  if (candidates.empty()) return;
+  std::vector<ContentNumber> later;
+  for (auto next = candidates.begin(); next != candidates.end();) {
+    const auto end = next + std::min<std::ptrdiff_t>(kPage, candidates.end() - next);
+    const auto busy = removeUnused({next, end});
+    later.insert(later.end(), busy.begin(), busy.end());
+    next = end;
+  }
+  add(later);
+}
+
+/// Gives those that are to be tried again.
+std::vector<ContentNumber> UnusedContents::removeUnused(std::vector<ContentNumber> numbers) {
   try {
-    const Sorted sorted = sort(candidates);
+    const Sorted sorted = sort(numbers);
+    // Whatever refers to one of them no more is written, in case of a power failure too.
     if (!sorted.unused.empty()) journal_.sync();
     for (const ContentNumber number : sorted.unused) files_.remove(number);
-    candidates = sorted.busy;
+    return sorted.busy;
   } catch (...) {
     replicaLog().error("contents stay that nothing refers to: %{public}s",
                        {caughtError().localizedDescription()});
+    return numbers;
   }
-  add(candidates);
 }
 
 void UnusedContents::removeAtOnce(const std::vector<ContentNumber>& numbers) {

@@ -33,8 +33,8 @@ class UnusedContents {
   void note(const model::ItemChange& change);
   /// Contents that perhaps nothing refers to.
   void add(const std::vector<ContentNumber>& numbers);
-  /// Removes those of them that nothing refers to. Without a tree's lock. What cannot be done is a
-  /// line in the log, and is tried again.
+  /// Removes those of them that nothing refers to. Blocks on the disk; without a tree's lock. What
+  /// cannot be done is a line in the log, and is tried again.
   void removeNow();
   /// The same for contents that could be fetched again: nothing is lost with them when a row comes
   /// back that refers to them.
@@ -51,6 +51,7 @@ class UnusedContents {
 
   void count(const model::Item* item, int by);
   void removeLater();
+  std::vector<ContentNumber> removeUnused(std::vector<ContentNumber> numbers);
   Sorted sort(const std::vector<ContentNumber>& numbers) const;
 
   const model::Tree& tree_;

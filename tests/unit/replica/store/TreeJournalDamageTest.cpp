@@ -277,7 +277,9 @@ TEST_F(TreeJournalDamageTest, CompactingGivesSpaceBackAndKeepsTheRows) {
     for (std::uint64_t i = 12; i < kItems + 2; ++i) edit.drop(ItemNumber{i});
     edit.commit();
   }
-  journal().compact();
+  int steps = 0;
+  while (journal().compact()) ++steps;
+  EXPECT_GT(steps, 2);
   EXPECT_LT(fs::file_size(file()), before / 10);
   EXPECT_EQ(items().size(), 11U);
   addHere("new", Content{6});
