@@ -17,6 +17,7 @@
 #include "replica/model/Tree.h"
 #include "replica/pull/GivenNames.h"
 #include "replica/pull/ListingMerge.h"
+#include "replica/pull/NameForms.h"
 #include "replica/store/ContentFiles.h"
 #include "replica/store/History.h"
 #include "replica/store/HistoryLimits.h"
@@ -68,6 +69,7 @@ class Life : public model::Watcher {
   calls::OpenItems openItems;
   store::UnusedContents unused;
   pull::GivenNames names;
+  pull::NameForms forms;
   pull::Settler settler;
   pull::ListingMerge merge;
   pull::Touches touches;

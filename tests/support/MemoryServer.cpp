@@ -54,7 +54,7 @@ MemoryServer::Node* MemoryServer::find(std::string_view path) const {
   while (!path.empty()) {
     path.remove_prefix(1);
     const auto end = path.find('/');
-    const auto child = node->children.find(path.substr(0, end));
+    const auto child = node->children.find(formed(path.substr(0, end)));
     if (child == node->children.end()) return nullptr;
     node = child->second.get();
     path.remove_prefix(end == std::string_view::npos ? path.size() : end);
@@ -62,11 +62,20 @@ MemoryServer::Node* MemoryServer::find(std::string_view path) const {
   return node;
 }
 
+std::string MemoryServer::formed(std::string_view name) const {
+  return form_ ? form_(name) : std::string(name);
+}
+
+void MemoryServer::setForm(std::function<std::string(std::string_view)> form) {
+  std::lock_guard lock(mutex_);
+  form_ = std::move(form);
+}
+
 MemoryServer::Node* MemoryServer::parentOf(std::string_view path, std::string& name) const {
   path = withoutSlashes(path);
   const auto slash = path.rfind('/');
   if (slash == std::string_view::npos) return nullptr;
-  name = path.substr(slash + 1);
+  name = formed(path.substr(slash + 1));
   Node* parent = find(path.substr(0, slash));
   return parent && parent->isFolder ? parent : nullptr;
 }

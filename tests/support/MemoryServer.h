@@ -55,6 +55,9 @@ class MemoryServer {
   /// Everything but the root: the bytes of files, nothing for folders.
   std::map<std::string, std::optional<std::string>> tree() const;
 
+  /// From now on every name in a path is taken as what `form` makes of it.
+  void setForm(std::function<std::string(std::string_view name)> form);
+
   /// Whether a file held these bytes at any time, as the whole of its contents or as a part.
   bool everHeld(std::string_view bytes) const;
 
@@ -91,6 +94,8 @@ class MemoryServer {
   void touch(Node& node);
   void forget(const Node& node);
 
+  std::string formed(std::string_view name) const;
+
   const std::function<std::int64_t()> clock_;
   mutable std::mutex mutex_;
   // Guarded by mutex_, as is all below.
@@ -99,6 +104,7 @@ class MemoryServer {
   std::uint64_t lastNumber_ = 0;
   std::uint64_t lastRevision_ = 0;
   std::vector<std::string> held_;
+  std::function<std::string(std::string_view)> form_;
 };
 
 }  // namespace kestrowan::test

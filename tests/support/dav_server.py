@@ -72,11 +72,12 @@ class DavConnection(scripted_connection.Connection):
             request["bodyLength"] += len(piece)
 
     def serveRequest(self):
+        formed = self.server.formed
         lines = self.readHead().decode("latin-1").split("\r\n")
         method, target = (lines[0].split(" ") + ["", ""])[:2]
         headers = {name.strip().lower(): value.strip()
                    for name, _, value in (line.partition(":") for line in lines[1:] if line)}
-        request = {"method": method, "target": target, "path": decoded(target),
+        request = {"method": method, "target": target, "path": formed(decoded(target)),
                    "headers": headers, "body": bytearray(), "bodyLength": 0}
         fault = self.server.faultFor(request)
         reading = fault.reading if fault else {}
@@ -99,6 +100,8 @@ class DavServer(ScriptedServer):
 
     def __init__(self):
         super().__init__()
+        # What the server makes of the names in a path.
+        self.formed = lambda path: path
         self.files = {"/": None, "/Home": None}
         self.marks = {"/": 0, "/Home": 0}
         self.dates = {"/": START, "/Home": START}
@@ -228,13 +231,16 @@ class DavServer(ScriptedServer):
             self.changed.notify_all()
             return answer
 
+    def destination(self, request):
+        return self.formed(decoded(urlsplit(request["headers"]["destination"]).path))
+
     def _judge(self, request):
         """Notes what a client that only trusts proper entries never asks for."""
         method, path = request["method"], request["path"]
         listsRoot = method == "PROPFIND" and request["headers"].get("depth") == "1"
         places = [path]
         if method == "MOVE":
-            places.append(decoded(urlsplit(request["headers"]["destination"]).path))
+            places.append(self.destination(request))
         for place in places:
             above, name = posixpath.split(place)
             if place == "/":
@@ -314,7 +320,7 @@ class DavServer(ScriptedServer):
 
     def _MOVE(self, request):
         path = request["path"]
-        target = decoded(urlsplit(request["headers"]["destination"]).path)
+        target = self.destination(request)
         if path not in self.files:
             return {"status": 404}
         if target in self.files:

@@ -14,14 +14,8 @@ namespace kestrowan::replica::calls {
 
 using model::Item;
 using model::ItemNumber;
-using model::State;
 using model::View;
 using pull::Refresher;
-
-const Item* Folders::child(const State& state, ItemNumber folder, const std::string& name) {
-  if (const Item* item = state.hereAt({folder, name})) return item;
-  return nullptr;
-}
 
 Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
   if (name.size() > kLongestName) throw posixError(ENAMETOOLONG);
@@ -29,7 +23,7 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
     const View view(rooms_.tree);
     requireFolder(*view, folder);
     // No other client can know of what was made here.
-    const Item* item = child(*view, folder, name);
+    const Item* item = rooms_.forms.child(*view, folder, name);
     if (item && !item->there()) co_return shown(*view, *item, rooms_.openItems);
   }
   std::optional<NSError> problem;
@@ -41,7 +35,7 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
     }
   }
   const View view(rooms_.tree);
-  if (const Item* item = child(*view, folder, name)) {
+  if (const Item* item = rooms_.forms.child(*view, folder, name)) {
     co_return shown(*view, *item, rooms_.openItems);
   }
   throw problem ? *problem : posixError(ENOENT);

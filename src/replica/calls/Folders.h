@@ -21,10 +21,6 @@ class Folders {
   /// The item at a path from the root, which begins with "/".
   Task<model::ItemNumber> find(std::string path);
 
-  /// What programs see under a name; null when there is nothing.
-  static const model::Item* child(const model::State& state, model::ItemNumber folder,
-                                  const std::string& name);
-
  private:
   const Rooms& rooms_;
 };

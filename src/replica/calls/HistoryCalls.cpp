@@ -6,7 +6,6 @@
 
 #include "replica/Log.h"
 #include "replica/NameRules.h"
-#include "replica/calls/Folders.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
@@ -119,7 +118,7 @@ Task<std::string> HistoryCalls::restore(ContentNumber number, ItemNumber folder,
 ItemNumber HistoryCalls::add(Edit& edit, const Place& wanted, NameTaken ifTaken,
                              const HistoryEntry& entry, Content copy) const {
   Place place = wanted;
-  for (unsigned number = 2; Folders::child(*edit, place.folder, place.name); ++number) {
+  for (unsigned number = 2; rooms_.forms.child(*edit, place.folder, place.name); ++number) {
     if (ifTaken == NameTaken::fails) throw posixError(EEXIST);
     place.name = bouncedName(std::string(wanted.name), number);
   }

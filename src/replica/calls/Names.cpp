@@ -7,7 +7,6 @@
 
 #include "replica/NameParts.h"
 #include "replica/NameRules.h"
-#include "replica/calls/Folders.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
 #include "replica/model/View.h"
@@ -39,13 +38,6 @@ constexpr milliseconds kQuietTime{30000};
 
 void requireCapable(const Item& item, NSFileProviderItemCapabilities capability) {
   if (!isCapable(item, capability)) throw posixError(EPERM);
-}
-
-/// What is under that name; throws ENOENT when nothing is.
-const Item& requireChild(const State& state, const Place& place) {
-  const Item* item = Folders::child(state, place.folder, place.name);
-  if (!item) throw posixError(ENOENT);
-  return *item;
 }
 
 /// Whether nothing but this disk knows of the item, and no request may have told the provider.
@@ -84,6 +76,13 @@ void Names::checkNewName(const State& state, const Item& folder, const std::stri
   const bool isRefused = folder.there() && !staysHere(name, kind) && rooms_.options.wouldRefuse &&
                          rooms_.options.wouldRefuse(state.identifier(folder), name);
   if (isRefused) throw posixError(EPERM);
+}
+
+/// What is under that name; throws ENOENT when nothing is.
+const Item& Names::requireChild(const State& state, const Place& place) const {
+  const Item* item = rooms_.forms.child(state, place.folder, place.name);
+  if (!item) throw posixError(ENOENT);
+  return *item;
 }
 
 Task<void> Names::prepare(ItemNumber folder, Refresher::Need need) {
@@ -126,7 +125,7 @@ Task<CreatedFile> Names::createFile(ItemNumber folder, std::string name, std::ui
     Edit edit(rooms_.tree, model::Origin::program);
     const Item* at = edit->find(folder);
     if (!at || !at->here()) throw posixError(ENOENT);
-    if (Folders::child(*edit, folder, name)) throw posixError(EEXIST);
+    if (rooms_.forms.child(*edit, folder, name)) throw posixError(EEXIST);
     number = makeItem(edit, {folder, name}, Kind::file, mode, made.number());
     edit.commit();
     made.keep();
@@ -151,7 +150,7 @@ Task<Attributes> Names::makeFolder(ItemNumber folder, std::string name, std::uin
     Edit edit(rooms_.tree, model::Origin::program);
     const Item* at = edit->find(folder);
     if (!at || !at->here()) throw posixError(ENOENT);
-    if (Folders::child(*edit, folder, name)) throw posixError(EEXIST);
+    if (rooms_.forms.child(*edit, folder, name)) throw posixError(EEXIST);
     number = makeItem(edit, {folder, name}, Kind::folder, mode, Content::none);
     edit.commit();
     attributes = shown(*edit, edit->item(number), rooms_.openItems);
@@ -228,7 +227,7 @@ Task<ItemNumber> Names::childToRemove(ItemNumber folder, std::string name, Kind 
     problem = error;
   }
   const View view(rooms_.tree);
-  const Item* item = Folders::child(*view, folder, name);
+  const Item* item = rooms_.forms.child(*view, folder, name);
   if (!item) throw problem ? *problem : posixError(ENOENT);
   if (item->kind() != kind) throw posixError(item->isFolder() ? EISDIR : ENOTDIR);
   co_return item->number();
@@ -254,9 +253,9 @@ void Names::syncSource(const Move& move) const {
   UniqueFd file;
   {
     const View view(rooms_.tree);
-    const Item* source = Folders::child(*view, move.source.folder, move.source.name);
+    const Item* source = rooms_.forms.child(*view, move.source.folder, move.source.name);
     if (!source || source->isFolder() || source->here()->content == Content::none) return;
-    const Item* target = Folders::child(*view, move.target.folder, move.target.name);
+    const Item* target = rooms_.forms.child(*view, move.target.folder, move.target.name);
     const bool replaces = target && target != source;
     if (!replaces && !staysHere(move.target.name, Kind::file)) return;
     file = rooms_.contents.open(source->here()->content);
@@ -274,7 +273,7 @@ void Names::checkMove(const State& state, const Move& move) const {
   requireCapable(source, Capability::allowsRenaming);
   if (&folder != &newFolder && rooms_.options.refuseMovesBetweenFolders) throw posixError(EXDEV);
   if (source.isFolder() && isWithin(state, newFolder, source.number())) throw posixError(EINVAL);
-  const Item* target = Folders::child(state, move.target.folder, move.target.name);
+  const Item* target = rooms_.forms.child(state, move.target.folder, move.target.name);
   if (!target || target == &source) return;
   if (!move.replaces) throw posixError(EEXIST);
   if (target->isFolder() != source.isFolder()) {
@@ -288,13 +287,15 @@ void Names::checkMove(const State& state, const Move& move) const {
   }
 }
 
-Names::Moved Names::apply(const Move& move) {
+Names::Moved Names::apply(Move move) {
   Edit edit(rooms_.tree, model::Origin::program);
   checkMove(*edit, move);
   const Item& source = requireChild(*edit, move.source);
   const ItemNumber number = source.number();
-  if (move.source == move.target) return {};
-  const Item* target = Folders::child(*edit, move.target.folder, move.target.name);
+  const Item* target = rooms_.forms.child(*edit, move.target.folder, move.target.name);
+  // It may be there under another form of the name.
+  if (target) move.target.name = target->here()->place.name;
+  if (target == &source) return {};
   const bool isHere = staysHere(move.target.name, source.kind());
   const bool wasHere = source.attributes().localOnly;
   const bool replaces = target && target != &source;
@@ -347,7 +348,7 @@ Task<void> Names::rename(Move move) {
     ItemNumber target = ItemNumber::none;
     {
       const View view(rooms_.tree);
-      const Item* item = Folders::child(*view, move.target.folder, move.target.name);
+      const Item* item = rooms_.forms.child(*view, move.target.folder, move.target.name);
       if (item && item->isFolder()) target = item->number();
     }
     // A folder that is to be replaced must be known to be empty.

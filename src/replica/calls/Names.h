@@ -50,6 +50,7 @@ class Names {
 
   bool staysHere(const std::string& name, model::Kind kind) const;
   void checkRemoval(const model::Item& item) const;
+  const model::Item& requireChild(const model::State& state, const model::Place& place) const;
   void checkMove(const model::State& state, const Move& move) const;
   Task<void> prepare(model::ItemNumber folder, pull::Refresher::Need need);
   Task<model::ItemNumber> childToRemove(model::ItemNumber folder, std::string name,
@@ -58,7 +59,7 @@ class Names {
   void endConflict(model::Edit& edit, model::ItemNumber item) const;
   void leave(model::Edit& edit, model::ItemNumber item) const;
   void syncSource(const Move& move) const;
-  Moved apply(const Move& move);
+  Moved apply(Move move);
   Task<void> fetchWhileAnswered(model::ItemNumber file);
   Task<void> fetchFor(model::ItemNumber file, std::shared_ptr<OneShot<void>> shot);
   Task<void> watchFetch(model::ItemNumber file, std::shared_ptr<OneShot<void>> shot);

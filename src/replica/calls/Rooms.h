@@ -5,6 +5,7 @@
 #include "replica/calls/OpenItems.h"
 #include "replica/model/Tree.h"
 #include "replica/pull/Downloader.h"
+#include "replica/pull/NameForms.h"
 #include "replica/pull/ReadAhead.h"
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Space.h"
@@ -30,6 +31,7 @@ struct Rooms {
   store::History& history;
   store::UnusedContents& unused;
   OpenItems& openItems;
+  const pull::NameForms& forms;
   remote::Health& health;
   pull::Refresher& refresher;
   pull::Downloader& downloader;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/base/Fatal.h"
+#include "replica/model/ShownName.h"
 
 namespace kestrowan::replica::model {
 
@@ -98,10 +99,11 @@ NSFileProviderItemIdentifier State::identifier(const Item& item) const {
   if (item.number() == ItemNumber::root) {
     return std::string(NSFileProviderRootContainerItemIdentifier);
   }
-  if (!item.there()->identifier.empty()) return item.there()->identifier;
-  const Place& place = item.there()->place;
-  const bool isAtTop = place.folder == ItemNumber::root;
-  return (isAtTop ? std::string() : identifier(this->item(place.folder))) + '/' + place.name;
+  const There& there = *item.there();
+  if (!there.identifier.empty() && !isShownName(there.identifier)) return there.identifier;
+  const bool isAtTop = there.place.folder == ItemNumber::root;
+  return (isAtTop ? std::string() : identifier(this->item(there.place.folder))) + '/' +
+         std::string(shownName(there));
 }
 
 const Item* State::atPath(const Path& path) const {

@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "replica/model/ShownName.h"
 #include "replica/plan/Absence.h"
 #include "replica/plan/Belief.h"
 #include "replica/plan/MovedIntents.h"
@@ -144,9 +145,9 @@ bool Look::hasMoved(const Path& source, const Path& target) {
     there.version = found->version;
     there.content = Content::none;
   }
-  there.place = place;
+  model::putAt(there, place);
   auto agreed = item->agreed();
-  if (agreed) agreed->place = place;
+  if (agreed) model::putAt(*agreed, place);
   edit_.setAgreed(item->number(), std::move(agreed));
   edit_.setThere(item->number(), std::move(there));
   moveIntents(edit_, source, target, shown_.began);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/base/Fatal.h"
+#include "replica/model/ShownName.h"
 #include "replica/plan/Absence.h"
 #include "replica/plan/Landing.h"
 #include "replica/plan/MovedIntents.h"
@@ -72,9 +73,9 @@ bool placeMove(Edit& edit, const Intent& intent, Time now) {
   const Item* item = edit->find(intent.item);
   if (!place || !item || !item->there()) return false;
   There there = *item->there();
-  there.place = *place;
+  model::putAt(there, *place);
   auto agreed = item->agreed();
-  if (agreed) agreed->place = *place;
+  if (agreed) model::putAt(*agreed, *place);
   edit.setThere(intent.item, there);
   edit.setAgreed(intent.item, agreed);
   moveIntents(edit, *intent.source, *intent.target, now);

@@ -45,9 +45,14 @@ bool isListed(const FolderListings& listings, const Path& path) {
 
 }  // namespace
 
-Look::Look(model::Tree& tree, const ListingMerge& merge, Touches& touches,
+Look::Look(model::Tree& tree, const ListingMerge& merge, NameForms& forms, Touches& touches,
            std::vector<ItemNumber> folders, model::Time began)
-    : tree_(tree), merge_(merge), watch_(touches), folders_(std::move(folders)), began_(began) {
+    : tree_(tree),
+      merge_(merge),
+      forms_(forms),
+      watch_(touches),
+      folders_(std::move(folders)),
+      began_(began) {
   const View view(tree_);
   for (const ItemNumber number : folders_) {
     const Item* folder = view->find(number);
@@ -73,6 +78,9 @@ Look::Outcome Look::write(plan::Doubts& doubts) {
   Edit edit(tree_);
   // A folder that has moved, or moves now, may have been listed in either place.
   if (isDisturbed(listings_, touchedPaths(*edit, watch_))) return Outcome::disturbed;
+  for (auto& [path, listing] : listings_) {
+    if (listing) listing = forms_.known(*edit, path, std::move(listing));
+  }
   if (SlicedMerge::isNeeded(*edit, listings_)) {
     slices_.emplace(merge_, listings_, began_);
     paths_ = slices_->begin(edit, folders_, watch_.touched());

@@ -10,6 +10,7 @@
 #include "platform/foundation/NSError.h"
 #include "replica/model/Edit.h"
 #include "replica/pull/ListingMerge.h"
+#include "replica/pull/NameForms.h"
 #include "replica/pull/SlicedMerge.h"
 #include "replica/pull/Touches.h"
 
@@ -22,7 +23,7 @@ class Look {
  public:
   /// All must outlive it. A folder that the provider has not got, or that is not known, is left
   /// out.
-  Look(model::Tree& tree, const ListingMerge& merge, Touches& touches,
+  Look(model::Tree& tree, const ListingMerge& merge, NameForms& forms, Touches& touches,
        std::vector<model::ItemNumber> folders, model::Time began);
 
   /// Where folders are that are to be listed next.
@@ -72,6 +73,7 @@ class Look {
 
   model::Tree& tree_;
   const ListingMerge& merge_;
+  NameForms& forms_;
   const Touches::Watch watch_;
   const std::vector<model::ItemNumber> folders_;
   const model::Time began_;

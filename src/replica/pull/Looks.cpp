@@ -40,13 +40,14 @@ constexpr milliseconds kSlicePause{1};
 
 Looks::Looks(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
              remote::Health& health, const Options& options, const ListingMerge& merge,
-             Touches& touches, Freshness& freshness)
+             NameForms& forms, Touches& touches, Freshness& freshness)
     : tree_(tree),
       scope_(scope),
       provider_(provider),
       health_(health),
       options_(options),
       merge_(merge),
+      forms_(forms),
       touches_(touches),
       freshness_(freshness),
       waiters_(scope),
@@ -107,6 +108,7 @@ Task<void> Looks::lookNow(std::vector<ItemNumber> folders, ItemNumber asker) {
   for (int looks = 0; looks < kLooks; ++looks) {
     std::vector<ItemNumber> asked = folders;
     const bool isWritten = co_await lookOnce(std::move(asked), asker);
+    guarded("the form of names", [this] { forms_.keep(); });
     if (isWritten) co_return;
     co_await pause(kFirstPause * (1 << looks));
   }
@@ -130,7 +132,8 @@ Task<void> Looks::pause(milliseconds time) {
 /// Whether what was listed could be written: requests of ours may have moved the folders meanwhile.
 Task<bool> Looks::lookOnce(std::vector<ItemNumber> folders, ItemNumber asker) {
   const Time now{milliseconds(scope_.wallClock())};
-  const auto look = std::make_shared<Look>(tree_, merge_, touches_, std::move(folders), now);
+  const auto look =
+      std::make_shared<Look>(tree_, merge_, forms_, touches_, std::move(folders), now);
   // Where nothing is to be listed, that is what is known now.
   for (auto outcome = Look::Outcome::lacking; outcome == Look::Outcome::lacking;) {
     std::optional<NSError> problem;

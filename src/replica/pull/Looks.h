@@ -29,7 +29,8 @@ class Looks {
  public:
   /// All must outlive it.
   Looks(model::Tree& tree, async::Scope& scope, remote::Provider& provider, remote::Health& health,
-        const Options& options, const ListingMerge& merge, Touches& touches, Freshness& freshness);
+        const Options& options, const ListingMerge& merge, NameForms& forms, Touches& touches,
+        Freshness& freshness);
   Looks(const Looks&) = delete;
   Looks& operator=(const Looks&) = delete;
 
@@ -67,6 +68,7 @@ class Looks {
   remote::Health& health_;
   const Options& options_;
   const ListingMerge& merge_;
+  NameForms& forms_;
   Touches& touches_;
   Freshness& freshness_;
   FolderWaiters waiters_;

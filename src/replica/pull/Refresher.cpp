@@ -23,13 +23,13 @@ constexpr milliseconds kFirstListingWait{60000};
 
 Refresher::Refresher(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
                      remote::Health& health, const Options& options, const ListingMerge& merge,
-                     Touches& touches)
+                     NameForms& forms, Touches& touches)
     : tree_(tree),
       scope_(scope),
       health_(health),
       options_(options),
       freshness_(scope, options),
-      looks_(tree, scope, provider, health, options, merge, touches, freshness_),
+      looks_(tree, scope, provider, health, options, merge, forms, touches, freshness_),
       inUse_(tree, scope, health, options, freshness_, looks_) {}
 
 Refresher::Answer Refresher::answerFor(const Item& folder, Need need) const {

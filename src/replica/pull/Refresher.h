@@ -26,7 +26,7 @@ class Refresher {
   /// All must outlive it.
   Refresher(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
             remote::Health& health, const Options& options, const ListingMerge& merge,
-            Touches& touches);
+            NameForms& forms, Touches& touches);
   Refresher(const Refresher&) = delete;
   Refresher& operator=(const Refresher&) = delete;
 

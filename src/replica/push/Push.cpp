@@ -4,12 +4,15 @@
 #include <utility>
 
 #include "async/SleepFor.h"
+#include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/fileprovider/TemplateItem.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Log.h"
 #include "replica/model/Seen.h"
+#include "replica/model/ShownName.h"
 #include "replica/model/View.h"
+#include "replica/plan/NameForms.h"
 #include "replica/plan/Plan.h"
 #include "replica/pull/FolderDate.h"
 #include "replica/pull/ProviderItem.h"
@@ -76,14 +79,16 @@ void addPaths(std::vector<Path>& paths, const plan::Request& request) {
 }  // namespace
 
 Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Health& health,
-           const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
-           pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents)
+           const Options& options, const pull::Settler& settler, pull::NameForms& forms,
+           pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
+           store::Contents& contents)
     : tree_(tree),
       loop_(loop),
       provider_(provider),
       health_(health),
       options_(options),
       settler_(settler),
+      forms_(forms),
       refresher_(refresher),
       touches_(touches),
       freezer_(freezer),
@@ -256,6 +261,7 @@ void Push::writeSeen(ItemNumber number, const NSFileProviderItem& seen) {
   There now = pull::thereOf(seen, place.folder, edit->identifier(edit->item(place.folder)),
                             options_, pull::Source::look);
   now.place = place;
+  now.identifier = item->there()->identifier;
   if (pull::canBeSame(options_, *item->there(), now)) return;
   edit.setThere(number, pull::asOtherState(*item->there(), std::move(now)));
   settler_.settleAll(edit);
@@ -337,6 +343,7 @@ Task<void> Push::send(Sent sent) {
     }
   });
   co_await std::move(noted);
+  guarded("the form of names", [this] { forms_.keep(); });
   if (problem) throw *problem;
 }
 
@@ -432,6 +439,11 @@ void Push::writeState(Edit& edit, const Sent& sent, const NSFileProviderItem& an
   const Item& folder = edit->item(sent.target.folder);
   There now = pull::thereOf(answered, folder.number(), edit->identifier(folder), options_,
                             pull::Source::answer);
+  forms_.noteGiven(folder.number(), sent.target.name);
+  if (plan::isOtherForm(sent.target.name, now.place.name)) {
+    forms_.noteShown(sent.target.name, now.place.name);
+    model::giveName(now, sent.target.name);
+  }
   bool isOverwritten = sent.hasContents() && now.isVersionKnown && now.size != sent.frozen.size;
   if (sent.hasContents() && !now.isVersionKnown) now.size = sent.frozen.size;
   const Item* before = edit->find(sent.push.item);

@@ -13,6 +13,7 @@
 #include "replica/plan/Requests.h"
 #include "replica/plan/Step.h"
 #include "replica/pull/Freezer.h"
+#include "replica/pull/NameForms.h"
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Settler.h"
 #include "replica/pull/Touches.h"
@@ -28,8 +29,9 @@ namespace kestrowan::replica::push {
 class Push {
  public:
   Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, remote::Health& health,
-       const Options& options, const pull::Settler& settler, pull::Refresher& refresher,
-       pull::Touches& touches, pull::Freezer& freezer, store::Contents& contents);
+       const Options& options, const pull::Settler& settler, pull::NameForms& forms,
+       pull::Refresher& refresher, pull::Touches& touches, pull::Freezer& freezer,
+       store::Contents& contents);
   Push(const Push&) = delete;
   Push& operator=(const Push&) = delete;
 
@@ -95,6 +97,7 @@ class Push {
   remote::Health& health_;
   const Options& options_;
   const pull::Settler& settler_;
+  pull::NameForms& forms_;
   pull::Refresher& refresher_;
   pull::Touches& touches_;
   pull::Freezer& freezer_;

@@ -111,6 +111,20 @@ void TreeJournal::change(const std::function<void()>& statements) {
   run(statements, false);
 }
 
+bool TreeJournal::changesNames() {
+  const std::lock_guard lock(mutex_);
+  return database_->number("SELECT count(*) FROM sqlite_master WHERE name='changed_names'") != 0;
+}
+
+void TreeJournal::noteChangedNames() {
+  const std::lock_guard lock(mutex_);
+  run(
+      [this] {
+        database_->execute("CREATE TABLE IF NOT EXISTS changed_names(seen INTEGER) STRICT");
+      },
+      true);
+}
+
 std::vector<TreeJournal::Orphan> TreeJournal::orphans() {
   const std::lock_guard lock(mutex_);
   std::vector<Orphan> result;

@@ -56,6 +56,9 @@ class TreeJournal : public model::Journal, public Durability {
   /// throws, none. Neither within the other.
   void look(const std::function<void()>& statements);
   void change(const std::function<void()>& statements);
+  /// Whether the provider was seen to change names that it was given.
+  bool changesNames();
+  void noteChangedNames();
   std::vector<Orphan> orphans();
   void forgetOrphans();
 

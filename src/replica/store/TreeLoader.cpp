@@ -2,7 +2,10 @@
 
 #include <utility>
 
+#include "platform/foundation/NSString.h"
 #include "replica/model/Restorer.h"
+#include "replica/model/ShownName.h"
+#include "replica/remote/ValidName.h"
 #include "replica/store/IntentRow.h"
 #include "replica/store/Reservations.h"
 #include "replica/store/TreeRow.h"
@@ -48,13 +51,25 @@ State TreeLoader::load() {
 /// shown.
 bool TreeLoader::isProper(const State& state, const Item& item) const {
   const auto& agreed = item.agreed();
-  if (agreed && !agreed->identifier.empty() && !form_.isItem(agreed->identifier)) return false;
+  if (agreed && !agreed->identifier.empty() && !isFormOfName(*agreed) &&
+      !form_.isItem(agreed->identifier)) {
+    return false;
+  }
   if (!item.there()) return true;
   const auto& there = *item.there();
   // What follows from names that can be names and folders that lead to the root is proper.
   if (form_.arePaths() && there.identifier.empty()) return true;
+  if (isFormOfName(there)) return true;
+  if (model::isShownName(there.identifier)) return false;
   const std::string folder = state.identifier(state.item(there.place.folder));
   return form_.isProper(state.identifier(item), folder, there.place.name);
+}
+
+/// Whether the identifier follows from another form of the name.
+bool TreeLoader::isFormOfName(const model::There& there) const {
+  return form_.arePaths() && model::isShownName(there.identifier) &&
+         remote::isValidName(model::shownName(there)) &&
+         isEqualToString(model::shownName(there), there.place.name);
 }
 
 }  // namespace kestrowan::replica::store

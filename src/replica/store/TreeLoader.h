@@ -27,6 +27,7 @@ class TreeLoader {
 
  private:
   bool isProper(const model::State& state, const model::Item& item) const;
+  bool isFormOfName(const model::There& there) const;
 
   Database& database_;
   const remote::IdentifierForm& form_;

@@ -41,7 +41,7 @@ class AsideTest : public testing::Test {
     EXPECT_EQ(world.read("/mine"), "here");
     EXPECT_EQ(world.read("/a"), "there");
     EXPECT_FALSE(world.list("/").empty());
-    EXPECT_GT(world.replica().status().itemCount, 2);
+    EXPECT_GT(world.replica().commands().status().itemCount, 2);
   }
   void holdUntilSomethingIsAside(milliseconds limit) {
     world.loop().holdAside(true);
@@ -56,17 +56,13 @@ TEST_F(AsideTest, LargeDownloadIsLookedThrough) {
   world.server().writeFile("/large", bytes);
   world.advance(seconds(40));
   world.list("/");
-  std::string read;
-  world.replica().openFile(world.find("/large"), {},
-                           [&](replica::Outcome<std::shared_ptr<replica::OpenFile>> opened) {
-                             read = ReplicaWorld::readFrom(*opened.value());
-                           });
+  const auto opened = world.call(world.replica().files().openFile(world.find("/large"), {}));
   holdUntilSomethingIsAside(seconds(10));
   expectAnswers();
-  EXPECT_EQ(read, "");
+  EXPECT_FALSE(opened.hasEnded());
   world.loop().holdAside(false);
-  ASSERT_TRUE(world.loop().runUntil([&] { return !read.empty(); }, minutes(1)));
-  EXPECT_EQ(read, bytes);
+  ASSERT_TRUE(world.loop().runUntil([&] { return opened.hasEnded(); }, minutes(1)));
+  EXPECT_EQ(ReplicaWorld::readFrom(*opened.result()), bytes);
 }
 
 TEST_F(AsideTest, SmallDownloadNeedsNothing) {
@@ -88,7 +84,7 @@ TEST_F(AsideTest, LargeContentsOfBothSidesAreCompared) {
   world.loop().holdAside(false);
   ASSERT_TRUE(world.settle());
   // The same bytes agree.
-  EXPECT_TRUE(world.replica().status().conflicts.empty());
+  EXPECT_TRUE(world.replica().commands().status().conflicts.empty());
   EXPECT_EQ(world.tree(), world.server().tree());
 }
 
@@ -98,7 +94,7 @@ TEST_F(AsideTest, ContentsThatNothingNeedsAreRemoved) {
   world.remove("/gone");
   ASSERT_TRUE(world.settle());
   const std::size_t before = contents();
-  EXPECT_EQ(world.replica().clearHistory({}).files, 1);
+  EXPECT_EQ(world.replica().commands().clearHistory({}).files, 1);
   EXPECT_EQ(contents(), before - 1);
   world.write("/later", "");
   world.write("/later", "other");

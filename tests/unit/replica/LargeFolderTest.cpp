@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -40,16 +42,14 @@ class LargeFolderTest : public testing::Test {
   void removeThere(int first, int last) {
     for (int i = first; i < last; ++i) world.server().remove("/big/" + name(i));
   }
-  std::int64_t items() { return world.replica().status().itemCount; }
+  std::int64_t items() { return world.replica().commands().status().itemCount; }
 
-  /// Lists the folder anew, which `isListed` tells of.
-  void beginListing() {
-    isListed = false;
-    world.replica().openFolder(
-        folder, [this](const replica::Outcome<std::shared_ptr<const replica::FolderSnapshot>>&) {
-          isListed = true;
-        });
+  /// Lists a folder anew.
+  void beginListing(replica::Rid which) {
+    listing.emplace(world.call(world.replica().files().openFolder(which)));
   }
+  void beginListing() { beginListing(folder); }
+  bool isListed() const { return listing && listing->hasEnded(); }
   /// Until that is written; the greatest change of the number of items between two functions.
   std::int64_t greatestStep() {
     std::int64_t before = items();
@@ -58,7 +58,7 @@ class LargeFolderTest : public testing::Test {
       const std::int64_t now = items();
       greatest = std::max(greatest, std::abs(now - before));
       before = now;
-      return isListed;
+      return isListed();
     };
     EXPECT_TRUE(world.loop().runUntil(look, minutes(5)));
     return greatest;
@@ -67,7 +67,7 @@ class LargeFolderTest : public testing::Test {
   void runToFirstSlice() {
     const std::int64_t before = items();
     ASSERT_TRUE(world.loop().runUntil([&] { return items() != before; }, minutes(5)));
-    ASSERT_FALSE(isListed);
+    ASSERT_FALSE(isListed());
   }
   /// What is known becomes too old to be shown: nothing has been in use for long.
   void forgetListings() { world.advance(minutes(5)); }
@@ -86,7 +86,7 @@ class LargeFolderTest : public testing::Test {
 
   ReplicaWorld world;
   replica::Rid folder = 0;
-  bool isListed = false;
+  std::optional<test::BegunCall<std::shared_ptr<const replica::FolderSnapshot>>> listing;
 };
 
 TEST_F(LargeFolderTest, ComesInSlices) {
@@ -108,11 +108,10 @@ TEST_F(LargeFolderTest, IsNotShownBeforeItsLastSlice) {
   writeThere(0, 2 * kSlice + 500);
   beginListing();
   runToFirstSlice();
-  bool isAnswered = false;
-  world.replica().lookUp(folder, name(0), [&](const auto&) { isAnswered = true; });
-  EXPECT_FALSE(isAnswered);
+  const auto found = world.call(world.replica().files().lookUp(folder, name(0)));
+  EXPECT_FALSE(found.hasEnded());
   EXPECT_GE(greatestStep(), 500);
-  EXPECT_TRUE(world.loop().runUntil([&] { return isAnswered; }, seconds(1)));
+  EXPECT_TRUE(world.loop().runUntil([&] { return found.hasEnded(); }, seconds(1)));
 }
 
 TEST_F(LargeFolderTest, CallsAreAnsweredWhileItIsCompared) {
@@ -123,7 +122,7 @@ TEST_F(LargeFolderTest, CallsAreAnsweredWhileItIsCompared) {
   world.list("/");
   writeThere(2 * kSlice, 3 * kSlice);
   world.loop().holdAside(true);
-  world.replica().lookUp(folder, "none", [](const auto&) {});
+  world.call(world.replica().files().lookUp(folder, "none"));
   world.advance(seconds(4));
   ASSERT_GT(world.loop().countAside(), 0U);
   EXPECT_EQ(world.attributes("/a").size, 5);
@@ -176,8 +175,7 @@ TEST_F(LargeFolderTest, ThatIsGoneGoesInSlices) {
   listWhole(2 * kSlice + 500);
   forgetListings();
   world.server().remove("/big");
-  isListed = false;
-  world.replica().openFolder(replica::kRootRid, [this](const auto&) { isListed = true; });
+  beginListing(replica::kRootRid);
   EXPECT_EQ(greatestStep(), kSlice);
   EXPECT_EQ(items(), 1);
   EXPECT_THAT(world.list("/"), ElementsAre());
@@ -232,12 +230,12 @@ TEST_F(LargeFolderTest, WhatIsAnsweredBetweenSlicesIsLeftOut) {
   world.loop().runUntilIdle();
   // All the others are news, which the next listing of the folder in use shows.
   for (int i = 0; i < 2 * kSlice - 1; ++i) world.server().writeFile("/big/" + name(i), "other");
-  const auto size = [&] { return world.replica().attributes(first).size; };
+  const auto size = [&] { return world.replica().files().attributes(first).size; };
   ASSERT_TRUE(world.loop().runUntil([&] { return size() == 5; }, minutes(5)));
   world.extension().setFaults({});
   EXPECT_EQ(world.extension().releaseHung(), 1U);
   ASSERT_TRUE(world.settle());
-  EXPECT_TRUE(world.replica().status().conflicts.empty());
+  EXPECT_TRUE(world.replica().commands().status().conflicts.empty());
   EXPECT_EQ(world.read(last), "from here");
   EXPECT_EQ(world.server().read(last), "from here");
   EXPECT_EQ(world.extension().count(CallKind::modifyItem), 1U);
@@ -250,7 +248,7 @@ TEST_F(LargeFolderTest, ThatMovesBetweenSlicesIsLookedAtAnew) {
   beginListing();
   runToFirstSlice();
   world.rename("/big", "/large");
-  ASSERT_TRUE(world.loop().runUntil([&] { return isListed; }, minutes(5)));
+  ASSERT_TRUE(world.loop().runUntil([&] { return isListed(); }, minutes(5)));
   ASSERT_TRUE(world.settle());
   EXPECT_THAT(world.list("/large"), SizeIs(2 * kSlice + 500));
   EXPECT_EQ(items(), 2 * kSlice + 502);
@@ -262,7 +260,7 @@ TEST_F(LargeFolderTest, ThatIsRemovedThereBetweenSlicesGoes) {
   beginListing();
   runToFirstSlice();
   world.server().remove("/big");
-  ASSERT_TRUE(world.loop().runUntil([&] { return isListed; }, minutes(5)));
+  ASSERT_TRUE(world.loop().runUntil([&] { return isListed(); }, minutes(5)));
   forgetListings();
   EXPECT_THAT(world.list("/"), ElementsAre());
   EXPECT_EQ(items(), 1);
@@ -305,7 +303,7 @@ TEST_F(LargeFolderTest, WithoutNewsIsWrittenAtOnce) {
   ASSERT_TRUE(world.loop().runUntil(
       [&] {
         ++functions;
-        return isListed;
+        return isListed();
       },
       minutes(5)));
   EXPECT_EQ(items(), 3 * kSlice + 2);
