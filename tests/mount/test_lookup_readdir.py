@@ -241,7 +241,7 @@ def test_a_listing_that_waits_can_be_interrupted(host, mount):
     reader.terminate()
     assert reader.wait(30) == -15
     host.do("clearFaults")
-    host.do("release")
+    assert eventually(lambda: host.do("release")["released"])
 
 
 def test_errno_of_a_name_in_a_file(host, mount):

@@ -367,6 +367,6 @@ def test_a_program_that_is_killed_need_not_wait_for_a_verdict(make_host, place):
     assert maker.wait(60) == -9
     assert time.monotonic() - begun < 25
     host.do("clearFaults")
-    host.do("release")
+    assert eventually(lambda: host.do("release")["released"])
     host.wait()
     assert host.tree() == {"/folder": None}

@@ -274,7 +274,7 @@ def test_a_fetch_that_waits_can_be_interrupted(host, mount):
     reader.kill()
     assert reader.wait(30) == -9
     host.do("clearFaults")
-    host.do("release")
+    assert eventually(lambda: host.do("release")["released"])
     assert (mount / "file").read_bytes() == b"x"
     # What the reader would have opened is not kept open for it.
     assert eventually(lambda: host.do("evict", path="/file")["evicted"] == 1)
