@@ -208,22 +208,30 @@ class Probe:
             raise Failed("it was not evicted")
 
 
+@contextlib.contextmanager
+def probe_of(arguments, directory, folders, files):
+    """A mount of a server that has nothing else, which might be read ahead."""
+    directory.mkdir()
+    with LargeServer(directory, folders, files) as server:
+        with Probe(arguments, server, directory) as probe:
+            yield probe
+
+
 def measure(arguments, directory):
+    with probe_of(arguments, directory / "few", {"/Home/few": arguments.few}, {}) as probe:
+        probe.expect_entries("few", arguments.few)
+        probe.memory(f"{arguments.few} entries")
     folders = {f"/Home/folder{number}": FOLDER_ENTRIES for number in range(FOLDERS)}
-    folders |= {"/Home/large": arguments.entries, "/Home/few": arguments.few}
-    with LargeServer(directory, folders, {"/Home/big": b"x" * MEBIBYTE}) as server:
-        with Probe(arguments, server, directory) as probe:
-            probe.expect_entries("few", arguments.few)
-            probe.memory(f"{arguments.few} entries")
-        with Probe(arguments, server, directory) as probe:
-            probe.idle()
-        with Probe(arguments, server, directory) as probe:
-            probe.begin()
-            with probe.waits("nothing happens"):
-                time.sleep(5)
-            probe.evicted()
-            probe.history()
-            probe.large()
+    with probe_of(arguments, directory / "folders", folders, {}) as probe:
+        probe.idle()
+    with probe_of(arguments, directory / "large", {"/Home/large": arguments.entries},
+                  {"/Home/big": b"x" * MEBIBYTE}) as probe:
+        probe.begin()
+        with probe.waits("nothing happens"):
+            time.sleep(5)
+        probe.evicted()
+        probe.history()
+        probe.large()
 
 
 def main():

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -16,6 +17,13 @@ using model::Item;
 using model::ItemNumber;
 using model::View;
 using pull::Refresher;
+
+namespace {
+
+/// So many entries of a folder are shown under the lock, which other calls wait for.
+constexpr std::size_t kEntriesAtOnce = 1000;
+
+}  // namespace
 
 Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
   if (name.size() > kLongestName) throw posixError(ENAMETOOLONG);
@@ -51,20 +59,27 @@ Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
     co_await rooms_.refresher.prepare(folder, Refresher::Need::usable);
   }
   auto snapshot = std::make_shared<FolderSnapshot>();
-  {
-    const View view(rooms_.tree);
-    const Item& item = requireFolder(*view, folder);
-    const bool isRoot = folder == ItemNumber::root;
-    snapshot->parent = isRoot ? kRootRid : static_cast<Rid>(item.here()->place.folder);
-    const auto children = view->hereIn(folder);
-    snapshot->entries.reserve(children.size());
-    for (const Item* each : children) {
-      snapshot->entries.push_back(
-          {each->here()->place.name, shown(*view, *each, rooms_.openItems)});
-    }
-  }
+  while (addEntries(folder, *snapshot)) continue;
   rooms_.refresher.setOpen(folder, true);
   co_return snapshot;
+}
+
+/// Adds the next entries, as many as other calls may wait for. Whether there may be more.
+bool Folders::addEntries(ItemNumber folder, FolderSnapshot& snapshot) const {
+  const View view(rooms_.tree);
+  const Item& item = requireFolder(*view, folder);
+  const bool isRoot = folder == ItemNumber::root;
+  auto& entries = snapshot.entries;
+  if (entries.empty()) {
+    snapshot.parent = isRoot ? kRootRid : static_cast<Rid>(item.here()->place.folder);
+    entries.reserve(view->countHereIn(folder));
+  }
+  const std::string behind = entries.empty() ? std::string() : entries.back().name;
+  const auto children = view->hereIn(folder, behind, kEntriesAtOnce);
+  for (const Item* each : children) {
+    entries.push_back({each->here()->place.name, shown(*view, *each, rooms_.openItems)});
+  }
+  return children.size() == kEntriesAtOnce;
 }
 
 void Folders::close(ItemNumber folder) {

@@ -22,6 +22,8 @@ class Folders {
   Task<model::ItemNumber> find(std::string path);
 
  private:
+  bool addEntries(model::ItemNumber folder, FolderSnapshot& snapshot) const;
+
   const Rooms& rooms_;
 };
 

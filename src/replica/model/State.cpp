@@ -74,6 +74,13 @@ std::vector<const Item*> State::thereIn(ItemNumber folder) const {
   return result;
 }
 
+std::vector<const Item*> State::hereIn(ItemNumber folder, std::string_view behind,
+                                       std::size_t most) const {
+  auto result = here_.in(folder, behind, most);
+  lookupsOfThread += result.size();
+  return result;
+}
+
 std::vector<const Item*> State::thereIn(ItemNumber folder, std::string_view behind,
                                         std::size_t most) const {
   auto result = there_.in(folder, behind, most);

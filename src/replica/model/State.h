@@ -44,7 +44,9 @@ class State {
   /// What is in a folder, in the order of the names.
   std::vector<const Item*> hereIn(ItemNumber folder) const;
   std::vector<const Item*> thereIn(ItemNumber folder) const;
-  /// At most `most` of the latter, the first behind that name.
+  /// At most `most` of them, the first behind that name.
+  std::vector<const Item*> hereIn(ItemNumber folder, std::string_view behind,
+                                  std::size_t most) const;
   std::vector<const Item*> thereIn(ItemNumber folder, std::string_view behind,
                                    std::size_t most) const;
   /// Any of these; absent when the folder is empty.
