@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
-#include "async/Fulfil.h"
 #include "mount/DescribedError.h"
+#include "platform/base/Fulfil.h"
 #include "platform/base/Task.h"
 #include "replica/Replica.h"
 
@@ -22,7 +22,7 @@ template <typename T>
 T awaited(replica::Replica& replica, Task<T> task, std::chrono::milliseconds limit) {
   auto promise = std::make_shared<std::promise<T>>();
   auto future = promise->get_future();
-  replica.start(async::fulfil(std::move(promise), std::move(task)));
+  replica.start(fulfil(std::move(promise), std::move(task)));
   if (future.wait_for(limit) != std::future_status::ready) {
     throw describedError(ETIMEDOUT, "there was no answer in time");
   }

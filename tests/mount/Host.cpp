@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "async/Fulfil.h"
+#include "platform/base/Fulfil.h"
 #include "platform/foundation/NSData.h"
 #include "replica/Status.h"
 
@@ -56,7 +56,7 @@ template <typename T>
 T awaited(replica::Replica& replica, Task<T> task) {
   auto promise = std::make_shared<std::promise<T>>();
   auto future = promise->get_future();
-  replica.start(async::fulfil(std::move(promise), std::move(task)));
+  replica.start(fulfil(std::move(promise), std::move(task)));
   return future.get();
 }
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "async/Fulfil.h"
+#include "platform/base/Fulfil.h"
 #include "platform/foundation/NSError.h"
 #include "replica/Replica.h"
 
@@ -18,7 +18,7 @@ class BegunCall {
   BegunCall(replica::Replica& replica, Task<T> task) {
     auto promise = std::make_shared<std::promise<T>>();
     future_ = promise->get_future().share();
-    replica.start(async::fulfil(std::move(promise), std::move(task)));
+    replica.start(fulfil(std::move(promise), std::move(task)));
   }
 
   bool hasEnded() const {

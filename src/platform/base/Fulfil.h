@@ -8,7 +8,7 @@
 
 #include "platform/base/Task.h"
 
-namespace kestrowan::async {
+namespace kestrowan {
 
 /// Awaits `task` and gives `promise` what it comes to, so that a thread that runs no coroutine can
 /// wait for it. A promise that is let go of before tells of a task that was freed where it waited.
@@ -26,4 +26,4 @@ Task<void> fulfil(std::shared_ptr<std::promise<T>> promise, Task<T> task) {
   }
 }
 
-}  // namespace kestrowan::async
+}  // namespace kestrowan
