@@ -23,10 +23,11 @@ class Change(NamedTuple):
 
 
 class Fate(NamedTuple):
-    """The request that took something away, and from where. The first looks at that place that can
-    have shown it, and that must have before the request, had ended then; None when there was none."""
+    """The request that took something away, and where that had been: a request of ours may have
+    moved it aside first. The first looks at that place that can have shown it, and that must have
+    before the request, had ended then; None when there was none."""
     change: Change
-    place: str
+    places: set
     can_be_seen: float
     was_seen: float
 
@@ -56,6 +57,7 @@ class Requests:
     def fate(self, place, before, after, until):
         """What took away what came to a place between the two times; None when nothing did until
         another time. Moves are followed."""
+        places = {place}
         for change in self.changes:
             if change.ended < before or change.began > until:
                 continue
@@ -66,11 +68,12 @@ class Requests:
                 continue
             if change.method == "MOVE":
                 place = change.to + place[len(change.at):]
+                places.add(place)
                 continue
             near = (place, place.rpartition("/")[0])
             looks = [(began, ended) for began, ended, at in self.looks
                      if at in near and ended >= before]
-            return Fate(change, place, min((ended for _, ended in looks), default=None),
+            return Fate(change, places, min((ended for _, ended in looks), default=None),
                         min((ended for began, ended in looks
                              if began >= after and ended <= change.began), default=None))
         return None
@@ -108,10 +111,10 @@ class Told:
 
 
     def has_raced(self, fate):
-        """Whether what was taken came to be shown while a program that had looked at its place was
-        about to replace or to remove what it had seen there."""
+        """Whether what was taken came to be shown while a program that had looked at a place of it
+        was about to replace or to remove what it had seen there."""
         return any(looked <= fate.was_seen + SHOWN_WITHIN and ended >= fate.can_be_seen
-                   for looked, ended, at in self.replaced if at == fate.place)
+                   for looked, ended, at in self.replaced if at in fate.places)
 
 
 def tokens_in(contents):
