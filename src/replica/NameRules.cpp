@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "replica/NameParts.h"
 
@@ -27,6 +28,12 @@ constexpr ClassPattern kPatterns[] = {
     {"~$*", NameClass::localOnly},          {"*.part", NameClass::localOnly},
     {"*.crdownload", NameClass::localOnly}, {".Trash", NameClass::refused},
     {".Trash-*", NameClass::refused},
+};
+
+constexpr std::string_view kProbed[] = {
+    ".git",     ".gitignore",     ".gitattributes", ".gitmodules",      ".hg",      ".svn",
+    ".bzr",     ".ignore",        ".rgignore",      ".editorconfig",    ".hidden",  ".directory",
+    ".nomedia", ".trackerignore", ".Trash*",        ".xdg-volume-info", ".autorun", "autorun.inf",
 };
 
 /// Whether `name` fits `pattern`, in which "*" stands for any bytes and "?" for one.
@@ -76,6 +83,11 @@ NameClass nameClass(std::string_view name) {
     if (matches(one.pattern, name)) return one.nameClass;
   }
   return NameClass::ordinary;
+}
+
+bool isProbed(std::string_view name) {
+  return std::any_of(std::begin(kProbed), std::end(kProbed),
+                     [&](std::string_view pattern) { return matches(pattern, name); });
 }
 
 std::string conflictName(std::string_view name, std::int64_t at, std::string_view host,

@@ -21,6 +21,12 @@ enum class NameClass : std::uint8_t {
 /// ".Trash-*" are refused.
 NameClass nameClass(std::string_view name);
 
+/// Whether programs look for this name in each folder that they come to, by the documented list:
+/// ".git", ".gitignore", ".gitattributes", ".gitmodules", ".hg", ".svn", ".bzr", ".ignore",
+/// ".rgignore", ".editorconfig", ".hidden", ".directory", ".nomedia", ".trackerignore", ".Trash*",
+/// ".xdg-volume-info", ".autorun", "autorun.inf".
+bool isProbed(std::string_view name);
+
 /// "name (conflict 2026-01-31 1200 host).ext" for the local time of `at` (seconds since 1970-01-01
 /// UTC); of its middle, as much is dropped as the limit of 255 bytes asks for, never half a
 /// character. `attempt` above 1 adds a number, for a name that is taken. Characters of `host` that

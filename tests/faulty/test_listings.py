@@ -1,6 +1,7 @@
 """Listings that are cut, short, or none at all."""
 
 import os
+import time
 
 from hosted import wait_for
 from hosting import outcome
@@ -220,6 +221,17 @@ def test_what_of_a_listing_could_be_read_is_shown(scene):
     for kind in sorted(PARTIAL, reverse=True):
         assert len(os.listdir(scene.home / kind)) == shown[kind], kind
     scene.settle(scene.tree())
+
+
+def test_a_file_that_another_client_has_just_made_is_opened_at_the_first_try(scene):
+    scene.put("a.txt", OLD)
+    listed = time.monotonic()
+    assert os.listdir(scene.home) == ["a.txt"]
+    # As old as a listing may be that is still believed of what is there.
+    wait_for(lambda: time.monotonic() > listed + 5, "age of the listing")
+    scene.put("b.txt", NEW)
+    assert (scene.home / "b.txt").read_bytes() == NEW
+    assert outcome((scene.home / "c.txt").read_bytes) == "ENOENT"
 
 
 def test_what_a_small_folder_lacks_once_stays_when_it_is_here(scene):

@@ -8,6 +8,7 @@
 
 #include "platform/foundation/NSString.h"
 #include "replica/NameParts.h"
+#include "replica/NameRules.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/View.h"
 
@@ -34,19 +35,39 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
     const Item* item = rooms_.forms.child(*view, folder, name);
     if (item && !item->there()) co_return shown(*view, *item, rooms_.openItems);
   }
-  std::optional<NSError> problem;
-  if (!rooms_.refresher.isPrepared(folder, Refresher::Need::usable)) {
-    try {
-      co_await rooms_.refresher.prepare(folder, Refresher::Need::usable);
-    } catch (const NSError& error) {
-      problem = error;
-    }
+  std::optional<NSError> problem = co_await prepared(folder, Refresher::Need::usable);
+  std::optional<Attributes> found = child(folder, name);
+  if (!found && !problem && mayHaveCome(name)) {
+    problem = co_await prepared(folder, Refresher::Need::fresh);
+    found = child(folder, name);
   }
+  if (!found) throw problem ? *problem : posixError(ENOENT);
+  co_return *std::move(found);
+}
+
+/// What prevents that the folder is prepared, if anything does.
+Task<std::optional<NSError>> Folders::prepared(ItemNumber folder, Refresher::Need need) const {
+  if (rooms_.refresher.isPrepared(folder, need)) co_return std::nullopt;
+  try {
+    co_await rooms_.refresher.prepare(folder, need);
+  } catch (const NSError& error) {
+    co_return error;
+  }
+  co_return std::nullopt;
+}
+
+std::optional<Attributes> Folders::child(ItemNumber folder, const std::string& name) const {
   const View view(rooms_.tree);
-  if (const Item* item = rooms_.forms.child(*view, folder, name)) {
-    co_return shown(*view, *item, rooms_.openItems);
-  }
-  throw problem ? *problem : posixError(ENOENT);
+  const Item* item = rooms_.forms.child(*view, folder, name);
+  if (!item) return std::nullopt;
+  return shown(*view, *item, rooms_.openItems);
+}
+
+/// Whether it is worth a listing that another client may have made what has this name. For a name
+/// that programs look for in each folder it is not.
+bool Folders::mayHaveCome(const std::string& name) const {
+  const bool staysHere = rooms_.options.localOnlyNames && nameClass(name) != NameClass::ordinary;
+  return !staysHere && !isProbed(name);
 }
 
 Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
@@ -55,9 +76,7 @@ Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
     requireFolder(*view, folder);
   }
   rooms_.readAhead.noteListed(folder);
-  if (!rooms_.refresher.isPrepared(folder, Refresher::Need::usable)) {
-    co_await rooms_.refresher.prepare(folder, Refresher::Need::usable);
-  }
+  if (const auto problem = co_await prepared(folder, Refresher::Need::usable)) throw *problem;
   auto snapshot = std::make_shared<FolderSnapshot>();
   while (addEntries(folder, *snapshot)) continue;
   rooms_.refresher.setOpen(folder, true);

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/base/Task.h"
+#include "platform/foundation/NSError.h"
 #include "replica/FileCalls.h"
 #include "replica/calls/Rooms.h"
+#include "replica/pull/Refresher.h"
 
 namespace kestrowan::replica::calls {
 
@@ -22,6 +25,9 @@ class Folders {
   Task<model::ItemNumber> find(std::string path);
 
  private:
+  Task<std::optional<NSError>> prepared(model::ItemNumber folder, pull::Refresher::Need need) const;
+  std::optional<Attributes> child(model::ItemNumber folder, const std::string& name) const;
+  bool mayHaveCome(const std::string& name) const;
   bool addEntries(model::ItemNumber folder, FolderSnapshot& snapshot) const;
 
   const Rooms& rooms_;

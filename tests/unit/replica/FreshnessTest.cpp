@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 
 #include "platform/foundation/NSError.h"
 #include "support/ReplicaWorld.h"
@@ -25,6 +27,10 @@ class FreshnessTest : public testing::Test {
   }
 
   std::size_t listings() const { return world.extension().count(CallKind::enumerateItems); }
+  std::ptrdiff_t listingsOfDocs() const {
+    const auto calls = world.extension().calls();
+    return std::count(calls.begin(), calls.end(), "enumerateItems /docs");
+  }
 
   mutable ReplicaWorld world;
 };
@@ -134,6 +140,88 @@ TEST_F(FreshnessTest, WithoutAServerWhatIsKnownIsAnsweredAtOnce) {
   world.advance(seconds(300));
   const async::Loop::Moment before = world.loop().now();
   EXPECT_THAT(world.list("/docs"), ElementsAre("a"));
+  EXPECT_EQ(world.loop().now(), before);
+}
+
+TEST_F(FreshnessTest, NameThatIsNotThereIsLookedForAfterTwoSeconds) {
+  world.advance(seconds(5));
+  world.server().writeFile("/docs/b", "two");
+  EXPECT_TRUE(world.exists("/docs/b"));
+  EXPECT_EQ(world.read("/docs/b"), "two");
+}
+
+TEST_F(FreshnessTest, NameThatIsStillNotThereIsNotLookedForAgainWithinTwoSeconds) {
+  world.advance(seconds(5));
+  world.extension().clearCalls();
+  EXPECT_FALSE(world.exists("/docs/b"));
+  EXPECT_FALSE(world.exists("/docs/b"));
+  EXPECT_FALSE(world.exists("/docs/c"));
+  EXPECT_EQ(listingsOfDocs(), 1);
+}
+
+TEST_F(FreshnessTest, OneListingAnswersAllThatLookForWhatIsNotThere) {
+  world.advance(seconds(5));
+  const replica::Rid folder = world.find("/docs");
+  world.extension().clearCalls();
+  world.extension().setLatency(seconds(1));
+  world.server().writeFile("/docs/b", "two");
+  std::vector<test::BegunCall<replica::Attributes>> calls;
+  for (const auto* name : {"b", "b", "c", "b"}) {
+    calls.push_back(world.call(world.replica().files().lookUp(folder, name)));
+  }
+  world.advance(milliseconds(1100));
+  for (const std::size_t found : {0, 1, 3}) EXPECT_TRUE(calls[found].hasSucceeded()) << found;
+  EXPECT_TRUE(calls[2].hasEnded());
+  EXPECT_THROW(calls[2].result(), NSError);
+  EXPECT_EQ(listingsOfDocs(), 1);
+}
+
+TEST_F(FreshnessTest, NamesThatProgramsProbeAndThatStayHereAreNotWaitedFor) {
+  world.advance(seconds(5));
+  world.extension().setLatency(seconds(1));
+  const async::Loop::Moment before = world.loop().now();
+  for (const auto* name : {".git", ".gitignore", ".hidden", ".directory", ".Trash-1000", "._a",
+                           ".a.swp", ".DS_Store"}) {
+    EXPECT_FALSE(world.exists(std::string("/docs/") + name)) << name;
+  }
+  EXPECT_EQ(world.loop().now(), before);
+}
+
+TEST_F(FreshnessTest, NameThatIsThereIsNotWaitedFor) {
+  world.advance(seconds(5));
+  world.extension().setLatency(seconds(1));
+  const async::Loop::Moment before = world.loop().now();
+  EXPECT_TRUE(world.exists("/docs/a"));
+  EXPECT_EQ(world.loop().now(), before);
+}
+
+TEST_F(FreshnessTest, NameThatIsNotThereIsWaitedForThreeSecondsAtMost) {
+  world.advance(seconds(5));
+  world.extension().setLatency(seconds(20));
+  const async::Loop::Moment before = world.loop().now();
+  EXPECT_FALSE(world.exists("/docs/b"));
+  EXPECT_EQ(world.loop().now() - before, seconds(3));
+  // It answers slowly: the next one has not to wait for it.
+  EXPECT_FALSE(world.exists("/docs/c"));
+  EXPECT_EQ(world.loop().now() - before, seconds(3));
+}
+
+TEST_F(FreshnessTest, FolderThatTakesLongToListIsNotListedForEachNameThatIsNotThere) {
+  world.extension().setLatency(seconds(1));
+  world.advance(seconds(5));
+  EXPECT_FALSE(world.exists("/docs/b"));
+  world.extension().clearCalls();
+  // Not before twenty times the second.
+  world.advance(seconds(15));
+  EXPECT_FALSE(world.exists("/docs/b"));
+  EXPECT_EQ(listingsOfDocs(), 0);
+}
+
+TEST_F(FreshnessTest, WithoutAServerANameThatIsNotThereIsAnsweredAtOnce) {
+  world.extension().setDown(true);
+  world.advance(seconds(300));
+  const async::Loop::Moment before = world.loop().now();
+  EXPECT_FALSE(world.exists("/docs/b"));
   EXPECT_EQ(world.loop().now(), before);
 }
 

@@ -54,6 +54,18 @@ TEST(NameClass, TrashFoldersAreRefused) {
   }
 }
 
+TEST(NameRules, NamesThatProgramsLookForInEachFolderAreProbed) {
+  for (const auto* name :
+       {".git", ".gitignore", ".gitattributes", ".gitmodules", ".hg", ".svn", ".bzr", ".ignore",
+        ".rgignore", ".editorconfig", ".hidden", ".directory", ".nomedia", ".trackerignore",
+        ".Trash", ".Trash-1000", ".xdg-volume-info", ".autorun", "autorun.inf"}) {
+    EXPECT_TRUE(isProbed(name)) << name;
+  }
+  for (const auto* name : {"git", ".gitx", ".hidden ", "directory", "report.txt", ""}) {
+    EXPECT_FALSE(isProbed(name)) << name;
+  }
+}
+
 TEST(NameClass, OtherNamesAreOrdinary) {
   for (const auto* name : {"letter.txt",
                            ".~lock.letter.odt",
