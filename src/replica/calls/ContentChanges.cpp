@@ -97,10 +97,12 @@ std::optional<store::Contents::Made> ContentChanges::cloneForHistory(int source,
 /// Keeps what is about to be changed in place, where that costs little enough.
 void ContentChanges::keepVersion(ItemNumber file, int source) {
   HistoryEntry entry;
+  auto before = ContentNumber{0};
   {
     const View view(rooms_.tree);
     const Item* item = view->find(file);
     if (!item || !item->here()) return;
+    before = static_cast<ContentNumber>(item->here()->content);
     entry.path = shownPath(*view, *item);
     const Attributes& attributes = item->attributes();
     const auto& agreed = item->agreed();
@@ -109,7 +111,7 @@ void ContentChanges::keepVersion(ItemNumber file, int source) {
     if (isConfirmed) entry.confirmed = Confirmed::once;
     if (isConfirmed) entry.version = agreed->version.text;
   }
-  if (!rooms_.history.isVersionDue(entry.path)) return;
+  if (!rooms_.history.isVersionDue(entry.path, before)) return;
   struct stat status;
   if (::fstat(source, &status) != 0) throw posixError(errno);
   if (status.st_size == 0) return;
@@ -185,6 +187,7 @@ void ContentChanges::apply(ItemNumber file, OpenContents& contents, const Prepar
       rooms_.contents.files().removeIfPossible(static_cast<ContentNumber>(contents.number));
     }
   }
+  rooms_.history.noteWritten(static_cast<ContentNumber>(contents.number));
   contents.mayChange = true;
   contents.lastWrite =
       std::chrono::duration_cast<milliseconds>(rooms_.scope.now().time_since_epoch()).count();
@@ -259,6 +262,7 @@ void ContentChanges::empty(ItemNumber file) {
       edit.commit();
     }
     const Content number = made.number();
+    rooms_.history.noteWritten(static_cast<ContentNumber>(number));
     UniqueFd empty = made.keep();
     if (open) {
       open->file = std::move(empty);

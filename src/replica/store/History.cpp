@@ -12,9 +12,6 @@ using model::Origin;
 
 namespace {
 
-/// What was written within this time is one of a quick succession of versions.
-constexpr std::chrono::seconds kFreshTime{60};
-
 HistoryReason reasonOf(const Left& left) {
   switch (left.origin) {
     case Origin::program:
@@ -181,9 +178,13 @@ void History::noteConfirmed(ContentNumber content, const NSData& version) {
   });
 }
 
-bool History::isVersionDue(const std::string& path) const {
+void History::noteWritten(ContentNumber content) {
+  journal_.look([&] { pace_.noteWritten(content, uptime()); });
+}
+
+bool History::isVersionDue(const std::string& path, ContentNumber content) const {
   bool isDue = false;
-  journal_.look([&] { isDue = pace_.isDue(path, uptime()); });
+  journal_.look([&] { isDue = !pace_.isSave(content, uptime()) || pace_.isDue(path, uptime()); });
   return isDue;
 }
 
@@ -209,10 +210,10 @@ std::optional<HistoryEntry> History::entryOf(const Left& left) const {
   const auto now = std::chrono::milliseconds(loop_.wallClock());
   entry.at = std::chrono::floor<std::chrono::seconds>(now).count();
   if (entry.size == 0) return std::nullopt;
-  const bool isFresh = now - modifiedOf(left).time_since_epoch() < kFreshTime;
-  if (entry.reason == HistoryReason::replaced && isFresh && !pace_.isDue(entry.path, uptime())) {
-    return std::nullopt;
-  }
+  const bool isThinned = entry.reason == HistoryReason::replaced &&
+                         pace_.isSave(entry.content, uptime()) &&
+                         !pace_.isDue(entry.path, uptime());
+  if (isThinned) return std::nullopt;
   return entry;
 }
 

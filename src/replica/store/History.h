@@ -61,8 +61,10 @@ class History : public LeftTaker {
   /// in it.
   void noteConfirmed(ContentNumber content, const NSData& version);
 
-  /// Whether a copy of contents at that path is to be kept before they are changed in place.
-  bool isVersionDue(const std::string& path) const;
+  /// A program here begins to write these contents.
+  void noteWritten(ContentNumber content);
+  /// Whether a copy of these contents at that path is to be kept before they are changed in place.
+  bool isVersionDue(const std::string& path, ContentNumber content) const;
   /// That copy is kept, in the edit's transaction when it is made within one. It took `cost`
   /// milliseconds.
   void keepVersion(const HistoryEntry& entry, std::int64_t cost);

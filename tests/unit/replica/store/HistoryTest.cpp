@@ -172,6 +172,22 @@ TEST_F(HistoryTest, KeepsAVersionOfWhatWasNotSavedJustNow) {
   EXPECT_TRUE(entry(Content{22}));
 }
 
+TEST_F(HistoryTest, NeverThinsOutWhatCameFromTheProvider) {
+  const ItemNumber file = addHere("a", Content{20}, 5);
+  save(file, Content{21}, 5);
+  save(file, Content{22}, 5, Origin::other);
+  save(file, Content{23}, 5);
+  EXPECT_TRUE(entry(Content{20}));
+  EXPECT_TRUE(entry(Content{22})) << "although another version left just before";
+}
+
+TEST_F(HistoryTest, AVersionOfTheProvidersIsKeptBeforeItIsChangedInPlace) {
+  history().noteWritten(20);
+  history().keepVersion(without(20, 5), 1);
+  EXPECT_FALSE(history().isVersionDue("/a", 20));
+  EXPECT_TRUE(history().isVersionDue("/a", 21));
+}
+
 TEST_F(HistoryTest, NeverThinsOutWhatIsRemoved) {
   for (std::uint64_t i = 20; i < 25; ++i) {
     const ItemNumber file = addHere("a", Content{i}, 5);
@@ -182,14 +198,16 @@ TEST_F(HistoryTest, NeverThinsOutWhatIsRemoved) {
 }
 
 TEST_F(HistoryTest, AVersionBeforeAChangeInPlaceIsKeptAtThePaceOfItsCost) {
-  EXPECT_TRUE(history().isVersionDue("/a"));
+  EXPECT_TRUE(history().isVersionDue("/a", 21));
   history().keepVersion(without(20, 5), 10'000);
-  EXPECT_FALSE(history().isVersionDue("/a"));
-  EXPECT_TRUE(history().isVersionDue("/b"));
+  history().noteWritten(21);
+  EXPECT_FALSE(history().isVersionDue("/a", 21));
+  EXPECT_TRUE(history().isVersionDue("/b", 21));
   loop_.advance(milliseconds(189'999));
-  EXPECT_FALSE(history().isVersionDue("/a"));
+  history().noteWritten(21);
+  EXPECT_FALSE(history().isVersionDue("/a", 21));
   loop_.advance(milliseconds(1));
-  EXPECT_TRUE(history().isVersionDue("/a"));
+  EXPECT_TRUE(history().isVersionDue("/a", 21));
   expectUsage(1, 5);
 }
 

@@ -56,6 +56,9 @@ class StoreFixture : public TreeFixture {
   /// Other contents, here alone.
   void save(model::ItemNumber number, model::Content content, std::int64_t size,
             model::Origin origin = model::Origin::program) {
+    if (origin == model::Origin::program) {
+      history().noteWritten(static_cast<ContentNumber>(content));
+    }
     model::Edit edit(tree(), origin);
     const model::Item& item = edit->item(number);
     model::Attributes attributes = item.attributes();

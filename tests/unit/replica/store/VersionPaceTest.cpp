@@ -25,11 +25,25 @@ TEST(VersionPaceTest, CopiesTakeATwentiethOfTheTime) {
   EXPECT_TRUE(pace.isDue("/a", 190'000));
 }
 
+TEST(VersionPaceTest, WhatAProgramBeganToWriteIsASaveForAMinute) {
+  VersionPace pace;
+  EXPECT_FALSE(pace.isSave(7, 0));
+  pace.noteWritten(7, 0);
+  EXPECT_TRUE(pace.isSave(7, kMinute - 1));
+  EXPECT_FALSE(pace.isSave(8, 1));
+  EXPECT_FALSE(pace.isSave(7, kMinute));
+  pace.noteWritten(7, kMinute);
+  EXPECT_TRUE(pace.isSave(7, 2 * kMinute - 1));
+}
+
 TEST(VersionPaceTest, WhatIsDueAnyhowIsForgotten) {
   VersionPace pace;
-  for (std::int64_t i = 0; i < 100'000; ++i) pace.noteKept(std::to_string(i), i * 1000);
+  for (std::int64_t i = 0; i < 50'000; ++i) {
+    pace.noteKept(std::to_string(i), i * 1000);
+    pace.noteWritten(i, i * 1000);
+  }
   EXPECT_LE(pace.size(), 3000u);
-  EXPECT_FALSE(pace.isDue("99999", 99'999 * std::int64_t{1000} + 1));
+  EXPECT_FALSE(pace.isDue("49999", 49'999 * std::int64_t{1000} + 1));
 }
 
 }  // namespace
