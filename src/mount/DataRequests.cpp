@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,13 @@ fuse_bufvec fileBuffer(int file, off_t offset, std::size_t size) {
   return buffer;
 }
 
+/// The kernel appends at the end that it knows, also to other contents that have come since.
+off_t sizeOf(int file) {
+  struct stat status;
+  if (::fstat(file, &status) != 0) throw posixError(errno);
+  return status.st_size;
+}
+
 /// Answers with the number of bytes, or with the error that a negative one stands for.
 void replyCount(fuse_req_t request, ssize_t count) {
   if (count < 0) {
@@ -55,12 +63,20 @@ void read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
 
 void write(fuse_req_t request, fuse_ino_t, fuse_bufvec* data, off_t offset,
            fuse_file_info* info) noexcept {
+  // What a program wrote into memory has its place, however the file is open.
+  const bool appends = (info->flags & O_APPEND) != 0 && info->writepage == 0;
   serveAtOnce(request, Addressing::byNumber, [&] {
-    const auto written = openFile(request, *info)->write([&](int file) {
-      auto buffer = fileBuffer(file, offset, fuse_buf_size(data));
+    auto& session = Session::of(request);
+    const auto open = session.files().at(info->fh)->file;
+    off_t place = offset;
+    const auto written = open->write([&](int file) {
+      if (appends) place = sizeOf(file);
+      auto buffer = fileBuffer(file, place, fuse_buf_size(data));
       return fuse_buf_copy(&buffer, data, static_cast<fuse_buf_copy_flags>(0));
     });
     replyCount(request, written);
+    // The kernel takes the bytes to be where it wanted them.
+    if (place != offset) session.invalidation().itemChanged(open->rid(), true);
   });
 }
 

@@ -3,6 +3,8 @@
 import os
 import time
 
+import pytest
+
 from hosted import wait_for
 from hosting import outcome
 from multistatus import HEAD, TAIL, response
@@ -232,6 +234,24 @@ def test_a_file_that_another_client_has_just_made_is_opened_at_the_first_try(sce
     scene.put("b.txt", NEW)
     assert (scene.home / "b.txt").read_bytes() == NEW
     assert outcome((scene.home / "c.txt").read_bytes) == "ENOENT"
+
+
+@pytest.mark.parametrize("size", [3, 30], ids=["shorter", "longer"])
+def test_what_is_appended_goes_behind_what_another_client_has_just_written(scene, size):
+    """The kernel knows the size of before, and does not ask for another one when it appends."""
+    scene.put("a.txt", b"a" * 10)
+    listed = time.monotonic()
+    assert os.stat(scene.home / "a.txt").st_size == 10
+    wait_for(lambda: time.monotonic() > listed + 5, "age of the listing")
+    scene.put("a.txt", b"b" * size)
+    # What `open` makes asks for the size.
+    file = os.open(scene.home / "a.txt", os.O_WRONLY | os.O_APPEND)
+    os.write(file, b"-one")
+    os.write(file, b"-two")
+    os.close(file)
+    expected = b"b" * size + b"-one-two"
+    assert (scene.home / "a.txt").read_bytes() == expected
+    scene.settle({"/a.txt": expected})
 
 
 def test_what_a_small_folder_lacks_once_stays_when_it_is_here(scene):
