@@ -23,7 +23,8 @@ struct HistoryFilter {
   std::int64_t before = INT64_MAX;
 };
 
-/// The latest entries of the history, the latest first; and how many there are in all.
+/// The latest entries of the history, the latest first; and how many there are in all, and how many
+/// bytes of the disk they take.
 struct HistoryList {
   std::vector<HistoryEntry> entries;
   std::int64_t files = 0;

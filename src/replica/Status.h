@@ -60,8 +60,8 @@ struct Status {
   std::int64_t cachedFiles = 0;
   std::int64_t cachedBytes = 0;
   std::int64_t fetching = 0;
-  /// The contents that left their items, and how many bytes they may be. While more of them than
-  /// that were never at the provider, nothing can be opened to be written.
+  /// The contents that left their items, and how many bytes of the disk they may take. While more
+  /// of them than that were never at the provider, nothing can be opened to be written.
   HistoryUsage history;
   std::int64_t historyLimit = 0;
   bool isHistoryFull() const { return history.unconfirmedBytes > historyLimit; }

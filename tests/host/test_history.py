@@ -1,10 +1,14 @@
 """The history of a mount, and the commands that show, restore and clear it."""
 
+import contextlib
 import os
+import sqlite3
 
 import pytest
 
 from hosted import DONE, FAILED, NOT_MOUNTED, USAGE, wait_for
+
+TEBIBYTE = 1 << 40
 
 
 @pytest.fixture
@@ -113,6 +117,35 @@ def test_what_never_reached_the_server_stays_and_fills_the_history(own_place, se
     finally:
         server._control("start", "--parent", str(os.getpid()))
     own_place.wait_synced()
+
+
+def test_files_with_holes_count_as_what_they_take(own_place, server):
+    """Also when a version of the program that counted their sizes has kept them."""
+    mounted = own_place.mount().ready()
+    documents = own_place.point / "Home" / "Documents"
+    assert os.listdir(documents) == []
+    server._control("stop")
+    try:
+        for number in range(8):
+            with open(documents / f"sparse {number}", "wb") as file:
+                file.write(b"begin")
+                file.truncate(TEBIBYTE)
+            (documents / f"sparse {number}").unlink()
+        for name in ("small", "as small"):
+            kept = own_place.status()["history"]
+            assert not kept["full"]
+            assert kept["files"] == 8
+            assert 0 < kept["bytes"] < TEBIBYTE
+            assert [entry["size"] for entry in entries(own_place)] == [TEBIBYTE] * 8
+            assert b"1.0 TiB" in own_place.run("history").stdout
+            (documents / name).write_text("written")
+            assert mounted.end() == DONE
+            with contextlib.closing(sqlite3.connect(own_place.state / "replica.db")) as database:
+                database.execute("ALTER TABLE history DROP COLUMN allocated")
+                database.execute("PRAGMA user_version=100")
+            mounted = own_place.mount().ready()
+    finally:
+        server._control("start", "--parent", str(os.getpid()))
 
 
 def test_it_outlives_a_kill_and_takes_over_what_earlier_versions_kept(own_place):

@@ -58,7 +58,7 @@ HistoryList HistoryCalls::list(const HistoryFilter& filter, std::size_t most) co
   visit(filter, [&](std::vector<HistoryEntry> page) {
     for (HistoryEntry& entry : page) {
       ++list.files;
-      list.bytes += entry.size;
+      list.bytes += entry.allocated;
       list.entries.push_back(std::move(entry));
     }
     if (list.entries.size() <= most + kPage) return;
@@ -76,7 +76,7 @@ HistoryUsage HistoryCalls::clear(const HistoryFilter& filter) {
   visit(filter, [&](const std::vector<HistoryEntry>& page) {
     for (const HistoryEntry& entry : rooms_.history.remove(page)) {
       ++cleared.files;
-      cleared.bytes += entry.size;
+      cleared.bytes += entry.allocated;
       numbers.push_back(entry.content);
     }
   });

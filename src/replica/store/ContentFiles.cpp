@@ -22,6 +22,8 @@ namespace kestrowan::replica {
 namespace {
 
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+/// The unit of `st_blocks`, in bytes.
+constexpr std::int64_t kSectorSize = 512;
 
 /// The number that a file of the store is named by; nothing for another name.
 std::optional<ContentNumber> numberFromName(const std::string& name) {
@@ -82,7 +84,6 @@ std::optional<std::int64_t> ContentFiles::sizeOf(ContentNumber number) const {
 }
 
 std::optional<std::int64_t> ContentFiles::allocated(ContentNumber number) const {
-  constexpr std::int64_t kSectorSize = 512;
   struct stat status;
   if (number == 0 || ::lstat(path(number).c_str(), &status) != 0) return std::nullopt;
   return status.st_blocks * kSectorSize;
@@ -105,7 +106,8 @@ bool ContentFiles::cloneCheaply(int source, ContentNumber number, std::int64_t m
   const UniqueFd copy(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFile));
   if (!copy) throw fileError(errno, file);
   int error = shareContents(source, copy.get());
-  const bool isSmall = status.st_size <= most;
+  // Holes are not copied.
+  const bool isSmall = status.st_blocks * kSectorSize <= most;
   if (error != 0 && isSmall) error = copyContents(source, copy.get());
   if (error == 0) {
     ++made_;

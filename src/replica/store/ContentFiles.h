@@ -31,7 +31,8 @@ class ContentFiles {
   /// A copy of the contents behind `source`, sharing blocks where the file system can and keeping
   /// holes. Leaves nothing behind when it fails.
   UniqueFd clone(int source, ContentNumber number);
-  /// The same where blocks can be shared, or there are at most `most` bytes. Whether it was made.
+  /// The same where blocks can be shared, or they take at most `most` bytes of the disk. Whether it
+  /// was made.
   bool cloneCheaply(int source, ContentNumber number, std::int64_t most);
   /// Takes the regular file at `file`, by renaming it where that can be, as the contents.
   void adopt(ContentNumber number, const std::string& file);

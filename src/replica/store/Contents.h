@@ -45,7 +45,7 @@ class Contents {
   Made create();
   /// A copy of the contents behind `source`, sharing blocks where the file system can.
   Made clone(int source);
-  /// The same where blocks can be shared, or there are at most `most` bytes.
+  /// The same where blocks can be shared, or they take at most `most` bytes of the disk.
   std::optional<Made> cloneCheaply(int source, std::int64_t most);
   /// Takes the regular file at `path`.
   Made adopt(const std::string& path);

@@ -1,7 +1,9 @@
 #include "replica/store/History.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <utility>
 
 #include "platform/foundation/NSError.h"
 
@@ -54,15 +56,17 @@ std::int64_t History::uptime() const {
 void History::load(const std::unordered_set<ContentNumber>& present) {
   journal_.change([&] {
     std::vector<ContentNumber> lost;
+    std::vector<HistoryEntry> stale;
     usage_ = {};
     table_.load([&](const HistoryEntry& entry) {
-      if (present.contains(entry.content)) {
-        count(entry, 1);
-      } else {
-        lost.push_back(entry.content);
-      }
+      if (!present.contains(entry.content)) return lost.push_back(entry.content);
+      HistoryEntry now = entry;
+      now.allocated = allocated(entry);
+      count(now, 1);
+      if (now != entry) stale.push_back(std::move(now));
     });
     for (const ContentNumber content : lost) table_.remove(content);
+    for (const HistoryEntry& entry : stale) table_.put(entry);
   });
 }
 
@@ -117,8 +121,9 @@ std::vector<HistoryEntry> History::next(HistoryTrim& trim) const {
   return page;
 }
 
-void History::keep(const std::vector<HistoryEntry>& entries) {
+void History::keep(std::vector<HistoryEntry> entries) {
   if (entries.empty()) return;
+  for (HistoryEntry& entry : entries) entry.allocated = allocated(entry);
   journal_.change([&] {
     for (const HistoryEntry& entry : entries) table_.put(entry);
   });
@@ -145,18 +150,19 @@ std::vector<HistoryEntry> History::remove(const std::vector<HistoryEntry>& entri
 
 void History::resize(ContentNumber content, std::int64_t size) {
   std::optional<HistoryEntry> before;
+  HistoryEntry entry;
   journal_.change([&] {
     before = table_.find(content);
-    if (!before || before->size == size) return;
-    HistoryEntry entry = *before;
+    if (!before) return;
+    entry = *before;
     entry.size = size;
-    table_.put(entry);
+    entry.allocated = allocated(entry);
+    if (entry != *before) table_.put(entry);
   });
   if (!before) return;
   journal_.look([&] {
     count(*before, -1);
-    before->size = size;
-    count(*before, 1);
+    count(entry, 1);
   });
 }
 
@@ -205,6 +211,7 @@ std::optional<HistoryEntry> History::entryOf(const Left& left) const {
   // A program that has it open may have written more than the item says.
   const auto known = left.attributes.size.value_or(left.confirmed ? left.confirmed->size : 0);
   entry.size = files_.sizeOf(entry.content).value_or(known);
+  entry.allocated = allocated(entry);
   entry.modified = modifiedOf(left).time_since_epoch().count();
   entry.reason = reasonOf(left);
   const auto now = std::chrono::milliseconds(loop_.wallClock());
@@ -236,12 +243,17 @@ void History::confirm(bool isWritten) noexcept {
   written_.clear();
 }
 
+/// As the disk says at present.
+std::int64_t History::allocated(const HistoryEntry& entry) const {
+  return std::min(files_.allocated(entry.content).value_or(entry.size), kLargestSize);
+}
+
 void History::count(const HistoryEntry& entry, std::int64_t by) {
   usage_.files += by;
-  usage_.bytes += by * entry.size;
+  usage_.bytes += by * entry.allocated;
   if (entry.confirmed != Confirmed::never) return;
   usage_.unconfirmedFiles += by;
-  usage_.unconfirmedBytes += by * entry.size;
+  usage_.unconfirmedBytes += by * entry.allocated;
 }
 
 }  // namespace kestrowan::replica::store

@@ -28,8 +28,8 @@ class History : public LeftTaker {
   History(const History&) = delete;
   History& operator=(const History&) = delete;
 
-  /// Reads the rows, and removes those whose contents are not among `present`. Before the first
-  /// edit.
+  /// Reads the rows, and removes those whose contents are not among `present`. What the others take
+  /// of the disk is looked up again. Before the first edit.
   void load(const std::unordered_set<ContentNumber>& present);
 
   HistoryUsage usage() const;
@@ -49,12 +49,13 @@ class History : public LeftTaker {
   HistoryTrim beginTrim(const HistoryTrim::Limits& limits) { return {table_, limits}; }
   std::vector<HistoryEntry> next(HistoryTrim& trim) const;
 
-  /// Contents without an item.
-  void keep(const std::vector<HistoryEntry>& entries);
+  /// Contents without an item. What they take of the disk is looked up.
+  void keep(std::vector<HistoryEntry> entries);
   /// Removes those that are still there, all or none, and gives them. Their contents are the
   /// caller's to remove, once that is durable.
   std::vector<HistoryEntry> remove(const std::vector<HistoryEntry>& entries);
-  /// The file of the contents has that size by now. Does nothing for contents that are not in it.
+  /// The file of the contents has that size by now, and takes what it takes. Does nothing for
+  /// contents that are not in it.
   void resize(ContentNumber content, std::int64_t size);
 
   /// The provider has, or had, the contents as that version. Does nothing for contents that are not
@@ -74,6 +75,7 @@ class History : public LeftTaker {
 
  private:
   std::optional<HistoryEntry> entryOf(const model::Left& left) const;
+  std::int64_t allocated(const HistoryEntry& entry) const;
   void count(const HistoryEntry& entry, std::int64_t by);
   std::int64_t uptime() const;
 

@@ -39,6 +39,9 @@ struct HistoryEntry {
   NSData version;
   /// Bytes.
   std::int64_t size = 0;
+  /// Bytes of the disk that their file takes: less than the size where it has holes. Blocks that it
+  /// shares with other files count, too.
+  std::int64_t allocated = 0;
   /// Nanoseconds since 1970-01-01 UTC: the file's own date.
   std::int64_t modified = 0;
   HistoryReason reason = HistoryReason::found;

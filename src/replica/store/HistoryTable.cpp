@@ -6,15 +6,16 @@ namespace kestrowan::replica {
 
 namespace {
 
-constexpr const char* kPut = "INSERT OR REPLACE INTO history VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9)";
+constexpr const char* kPut =
+    "INSERT OR REPLACE INTO history VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10)";
 constexpr const char* kRemove = "DELETE FROM history WHERE content=?1";
 constexpr const char* kColumns =
-    "SELECT content,item,path,version,size,modified,reason,at,confirmed FROM history";
+    "SELECT content,item,path,version,size,modified,reason,at,confirmed,allocated FROM history";
 constexpr const char* kFind =
-    "SELECT content,item,path,version,size,modified,reason,at,confirmed FROM history"
+    "SELECT content,item,path,version,size,modified,reason,at,confirmed,allocated FROM history"
     " WHERE content=?1";
 constexpr const char* kPage =
-    "SELECT content,item,path,version,size,modified,reason,at,confirmed FROM history"
+    "SELECT content,item,path,version,size,modified,reason,at,confirmed,allocated FROM history"
     " WHERE confirmed=?1 AND (at,content)>(?2,?3) ORDER BY at,content LIMIT ?4";
 
 /// Nothing for a row that makes no sense.
@@ -28,11 +29,12 @@ std::optional<HistoryEntry> entryOf(const Statement& row) {
   const auto reason = row.number(6);
   const auto at = row.number(7);
   const auto confirmed = row.number(8);
-  const bool isWhole =
-      content && item && path && version && size && modified && reason && at && confirmed;
+  const auto allocated = row.number(9);
+  const bool isWhole = content && item && path && version && size && modified && reason && at &&
+                       confirmed && allocated;
   if (!isWhole || *content <= 0 || *item < 0 || *size < 0 || *size > kLargestSize ||
-      *at < kFirstDate || *at > kLastDate || *reason < 0 ||
-      *reason > static_cast<std::int64_t>(HistoryReason::lost) || *confirmed < 0 ||
+      *allocated < 0 || *allocated > kLargestSize || *at < kFirstDate || *at > kLastDate ||
+      *reason < 0 || *reason > static_cast<std::int64_t>(HistoryReason::lost) || *confirmed < 0 ||
       *confirmed > static_cast<std::int64_t>(Confirmed::notSent)) {
     return std::nullopt;
   }
@@ -42,6 +44,7 @@ std::optional<HistoryEntry> entryOf(const Statement& row) {
   entry.path = *path;
   entry.version = *version;
   entry.size = *size;
+  entry.allocated = *allocated;
   entry.modified = *modified;
   entry.reason = static_cast<HistoryReason>(*reason);
   entry.at = *at;
@@ -68,6 +71,7 @@ void HistoryTable::put(const HistoryEntry& entry) {
   put_.bind(7, static_cast<std::int64_t>(entry.reason));
   put_.bind(8, entry.at);
   put_.bind(9, static_cast<std::int64_t>(entry.confirmed));
+  put_.bind(10, entry.allocated);
   put_.run();
 }
 

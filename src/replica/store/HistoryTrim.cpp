@@ -29,7 +29,7 @@ bool HistoryTrim::mustGo(const HistoryEntry& entry, Rule rule, const Question& i
     case Rule::stillThere:
       return isStillThere(entry);
     case Rule::large:
-      return entry.size > limits_.bytes / 2;
+      return entry.allocated > limits_.bytes / 2;
   }
   return false;
 }
@@ -64,7 +64,7 @@ std::vector<HistoryEntry> HistoryTrim::choose(std::vector<HistoryEntry> page,
   for (auto& entry : page) {
     if (!byAge && left <= 0) break;
     if (!mustGo(entry, rule, isStillThere)) continue;
-    left -= entry.size;
+    left -= entry.allocated;
     toGo.push_back(std::move(entry));
   }
   if (isLast || endsYoung) goOn();

@@ -9,8 +9,8 @@
 
 namespace kestrowan::replica {
 
-/// How many files of the history there are, and how large they are together; and those of them that
-/// the provider never had, and that are to be sent.
+/// How many files of the history there are, and how many bytes of the disk they take; and those of
+/// them that the provider never had, and that are to be sent.
 struct HistoryUsage {
   std::int64_t files = 0;
   std::int64_t bytes = 0;

@@ -281,6 +281,7 @@ void StartRepair::takeOverFormerRecovery() {
   for (std::size_t at = 0; at < files.size(); ++at) {
     try {
       contents_.files().adopt(entries[at].content, files[at].path);
+      history_.resize(entries[at].content, files[at].size);
     } catch (const NSError& error) {
       replicaLog().error("cannot be taken into the history: %{public}s",
                          {error.localizedDescription()});

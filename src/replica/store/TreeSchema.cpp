@@ -2,6 +2,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <functional>
+#include <iterator>
+#include <optional>
 #include <string>
 
 #include "platform/foundation/NSError.h"
@@ -17,7 +20,12 @@ namespace {
 
 /// The first version that has a tree. Those between are left to the versions before.
 constexpr std::int64_t kFirstTree = 100;
-constexpr std::int64_t kNewest = kFirstTree;
+/// What makes each later version out of the one before. Never changed once released, only added to.
+/// What contents take of the disk is looked up when the rows are read.
+constexpr const char* kMigrations[] = {
+    "ALTER TABLE history ADD COLUMN allocated INTEGER NOT NULL DEFAULT 0;",
+};
+constexpr std::int64_t kNewest = kFirstTree + std::size(kMigrations);
 constexpr std::int64_t kApplication = 0x4B705270;
 /// The first numbers that are not given yet; how many rows were left out and not made up for. Items
 /// and contents had one series of numbers.
@@ -44,6 +52,13 @@ void checkWhole(Database& database) {
 }
 
 /// Within a transaction.
+void moveOn(Database& database, std::int64_t version) {
+  if (version == kNewest) return;
+  for (; version < kNewest; ++version) database.execute(kMigrations[version - kFirstTree]);
+  database.execute(("PRAGMA user_version=" + std::to_string(kNewest)).c_str());
+}
+
+/// Within a transaction.
 void takeOver(Database& database, const remote::IdentifierForm& form, model::Time now) {
   database.execute(kMakeTree);
   database.execute(kMakeIntents);
@@ -54,13 +69,13 @@ void takeOver(Database& database, const remote::IdentifierForm& form, model::Tim
   const std::string leftOut = std::to_string(takeover.leftOut());
   database.execute(("UPDATE series SET left_out=" + leftOut).c_str());
   database.execute("DROP TABLE items; DROP TABLE numbers;");
-  database.execute(("PRAGMA user_version=" + std::to_string(kFirstTree)).c_str());
+  moveOn(database, kFirstTree);
 }
 
-void takeOverForGood(Database& database, const remote::IdentifierForm& form, model::Time now) {
+void changeForGood(Database& database, const std::function<void()>& change) {
   database.execute("BEGIN IMMEDIATE");
   try {
-    takeOver(database, form, now);
+    change();
     database.execute("COMMIT");
   } catch (...) {
     if (database.isInTransaction()) database.execute("ROLLBACK");
@@ -68,16 +83,17 @@ void takeOverForGood(Database& database, const remote::IdentifierForm& form, mod
   }
 }
 
-bool hasTree(Database& database) {
+/// The version of a database that has a tree; nothing for one that has none.
+std::optional<std::int64_t> treeVersion(Database& database) {
   const auto version = database.number("PRAGMA user_version");
   if (version > kNewest) {
     refuse(database, ENOTSUP, "a later version of the program has written this database");
   }
-  if (version < kFirstTree) return false;
+  if (version < kFirstTree) return std::nullopt;
   if (database.number("PRAGMA application_id") != kApplication) {
     refuse(database, EIO, "this is no database of the replica");
   }
-  return true;
+  return version;
 }
 
 }  // namespace
@@ -85,21 +101,28 @@ bool hasTree(Database& database) {
 std::unique_ptr<Database> openTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now) {
   auto database = std::make_unique<Database>(path);
-  if (hasTree(*database)) {
+  if (const auto version = treeVersion(*database)) {
     checkWhole(*database);
     database->beginLogging();
+    if (version != kNewest) changeForGood(*database, [&] { moveOn(*database, *version); });
     return database;
   }
   database.reset();
   database = openReplicaDatabase(path);
-  takeOverForGood(*database, form, now);
+  changeForGood(*database, [&] { takeOver(*database, form, now); });
   return database;
 }
 
 std::unique_ptr<Database> readTreeDatabase(const std::string& path,
                                            const remote::IdentifierForm& form, model::Time now) {
   auto database = Database::openToRead(path);
-  if (!database || hasTree(*database)) return database;
+  if (!database) return nullptr;
+  if (const auto version = treeVersion(*database)) {
+    // Never committed.
+    database->execute("BEGIN");
+    moveOn(*database, *version);
+    return database;
+  }
   database.reset();
   database = readReplicaDatabase(path);
   if (database) takeOver(*database, form, now);

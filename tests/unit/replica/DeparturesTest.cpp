@@ -25,9 +25,16 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
-replica::Options withHistoryOf(std::int64_t bytes) {
+/// A file of so many bytes, or of a multiple, takes as many of the disk.
+constexpr std::int64_t kBlock = 4096;
+
+std::string blocks(std::int64_t count) {
+  return std::string(static_cast<std::size_t>(count * kBlock), 'x');
+}
+
+replica::Options withHistoryOf(std::int64_t blocks) {
   replica::Options options;
-  options.historyLimit = bytes;
+  options.historyLimit = blocks * kBlock;
   return options;
 }
 
@@ -38,6 +45,13 @@ class DeparturesTest : public testing::Test {
 
   std::vector<HistoryEntry> entries() {
     return world.replica().commands().history({}, 100000).entries;
+  }
+  /// What the contents take of the disk.
+  std::int64_t bytesOnDisk() {
+    const replica::ContentFiles files(world.directory());
+    std::int64_t bytes = 0;
+    for (const auto number : files.numbers()) bytes += files.allocated(number).value_or(0);
+    return bytes;
   }
   HistoryEntry only() {
     const auto all = entries();
@@ -174,10 +188,10 @@ TEST_F(DeparturesTest, DiscardedChangesAreKeptHoweverLargeOneOfThemIs) {
   goOffline();
   world.write("/small", "only here");
   EXPECT_EQ(world.replica().commands().discard(world.find("/small")), 1u);
-  world.write("/large", std::string(5000, 'x'));
+  world.write("/large", blocks(1500));
   EXPECT_EQ(world.replica().commands().discard(world.find("/large")), 1u);
   world.advance(minutes(30));
-  EXPECT_THAT(world.history(), UnorderedElementsAre("only here", std::string(5000, 'x')));
+  EXPECT_THAT(world.history(), UnorderedElementsAre("only here", blocks(1500)));
 }
 
 TEST_F(DeparturesTest, OrdinaryWorkPushesNothingOutThatIsNowhereElse) {
@@ -187,7 +201,7 @@ TEST_F(DeparturesTest, OrdinaryWorkPushesNothingOutThatIsNowhereElse) {
   world.replica().commands().discard(world.find("/precious"));
   world.extension().setDown(false);
   EXPECT_TRUE(world.settle());
-  for (int i = 0; i < kMany; ++i) world.write("/" + std::to_string(i), std::string(100, 'x'));
+  for (int i = 0; i < kMany; ++i) world.write("/" + std::to_string(i), blocks(3));
   EXPECT_TRUE(world.settle());
   for (int i = 0; i < kMany; ++i) world.remove("/" + std::to_string(i));
   world.write("/waits", "an upload");
@@ -195,7 +209,7 @@ TEST_F(DeparturesTest, OrdinaryWorkPushesNothingOutThatIsNowhereElse) {
   EXPECT_EQ(world.replica().commands().status().history.files, kMany + 1);
   world.advance(minutes(5));
   const auto usage = world.replica().commands().status().history;
-  EXPECT_LE(usage.bytes, 1000);
+  EXPECT_LE(usage.bytes, 1000 * kBlock);
   EXPECT_EQ(usage.unconfirmedFiles, 1);
   EXPECT_THAT(world.history(), testing::Contains("the only copy"));
   EXPECT_THAT(filesHere(), SizeIs(static_cast<std::size_t>(usage.files) + 1));
@@ -229,12 +243,16 @@ TEST_F(DeparturesTest, WhatIsWrittenAfterItsRemovalCounts) {
   auto file = world.create("/a");
   ReplicaWorld::writeTo(*file, "12345");
   world.remove("/a");
-  ReplicaWorld::writeTo(*file, "1234567890");
-  EXPECT_EQ(ReplicaWorld::readFrom(*file), "1234567890");
+  const std::string more(100'000, 'x');
+  ReplicaWorld::writeTo(*file, more);
+  EXPECT_EQ(ReplicaWorld::readFrom(*file), more);
   file.reset();
-  EXPECT_THAT(world.history(), ElementsAre("1234567890"));
-  EXPECT_EQ(world.replica().commands().status().history.bytes, 10);
-  EXPECT_EQ(world.replica().commands().status().history.unconfirmedBytes, 10);
+  EXPECT_THAT(world.history(), ElementsAre(more));
+  EXPECT_EQ(only().size, 100'000);
+  const auto usage = world.replica().commands().status().history;
+  EXPECT_GE(usage.bytes, 100'000);
+  EXPECT_EQ(usage.bytes, bytesOnDisk());
+  EXPECT_EQ(usage.unconfirmedBytes, usage.bytes);
 }
 
 TEST_F(DeparturesTest, EvictedContentsAreNotKept) {
@@ -303,8 +321,8 @@ TEST_F(DeparturesTest, WhatIsOlderThanAWeekGoes) {
 }
 
 TEST_F(DeparturesTest, WhatTheServerStillHasGoesFirst) {
-  have("/still", std::string(600, 's'));
-  have("/gone", std::string(600, 'g'));
+  have("/still", blocks(600));
+  have("/gone", blocks(600));
   world.remove("/gone");
   EXPECT_TRUE(world.settle());
   goOffline();
@@ -317,7 +335,7 @@ TEST_F(DeparturesTest, WhatTheServerStillHasGoesFirst) {
 TEST_F(DeparturesTest, NothingCanBeWrittenWhileWhatMustNotGoFillsIt) {
   have("/a", "here");
   goOffline();
-  world.write("/large", std::string(1001, 'x'));
+  world.write("/large", blocks(1001));
   world.remove("/large");
   const auto full = "NSPOSIXErrorDomain " + std::to_string(ENOSPC);
   EXPECT_TRUE(world.replica().commands().status().isHistoryFull());
@@ -328,7 +346,7 @@ TEST_F(DeparturesTest, NothingCanBeWrittenWhileWhatMustNotGoFillsIt) {
   world.rename("/a", "/c");
   world.makeFolder("/d");
   EXPECT_EQ(world.replica().commands().clearHistory({.path = "/other"}).files, 0);
-  EXPECT_EQ(world.replica().commands().clearHistory({.path = "/large"}).bytes, 1001);
+  EXPECT_EQ(world.replica().commands().clearHistory({.path = "/large"}).bytes, 1001 * kBlock);
   EXPECT_FALSE(world.replica().commands().status().isHistoryFull());
   world.write("/c", "new");
   EXPECT_EQ(world.read("/c"), "new");
@@ -361,7 +379,7 @@ TEST_F(DeparturesTest, TheListIsAsLongAsItIsAskedFor) {
   }
   const auto list = world.replica().commands().history({}, 2);
   EXPECT_EQ(list.files, 600);
-  EXPECT_EQ(list.bytes, 600);
+  EXPECT_EQ(list.bytes, bytesOnDisk());
   ASSERT_THAT(list.entries, SizeIs(2));
   EXPECT_EQ(list.entries.front().path, "/599");
 }
@@ -411,7 +429,7 @@ TEST_F(DeparturesTest, TheFormerRecoveryAreaIsTakenOver) {
     EXPECT_EQ(entry.confirmed, Confirmed::never);
   }
   EXPECT_THAT(paths, UnorderedElementsAre("report.txt", "report (2).txt", "", "", "mine"));
-  EXPECT_EQ(world.replica().commands().status().history.bytes, 27);
+  EXPECT_EQ(world.replica().commands().status().history.bytes, bytesOnDisk());
   world.crashUnconnected();
   EXPECT_THAT(entries(), SizeIs(5));
 }

@@ -248,6 +248,21 @@ TEST_F(AtRestTest, ADatabaseOfTheFirstVersionIsUnderstoodAndLeftAsItIs) {
   EXPECT_TRUE(bytesOf(file()) == before);
 }
 
+TEST_F(AtRestTest, ADatabaseOfTheFirstVersionWithATreeIsUnderstoodAndLeftAsItIs) {
+  {
+    TreeJournal journal(directory(), remote::IdentifierForm::paths(), kNow);
+    Tree tree(journal, journal.load());
+    Edit edit(tree);
+    const ItemNumber number = edit.make(Kind::file);
+    edit.setHere(number, Here{{ItemNumber::root, "item"}, Content{9}});
+    edit.commit();
+  }
+  alter("ALTER TABLE history DROP COLUMN allocated; PRAGMA user_version=100");
+  const auto before = bytesOf(file());
+  EXPECT_EQ(unsentIn(directory(), 5).paths, std::vector<std::string>{"/item"});
+  EXPECT_TRUE(bytesOf(file()) == before);
+}
+
 TEST_F(AtRestTest, TheVersionFromHereOfAFileThatBothSidesChangedIsAConflict) {
   {
     TreeJournal journal(directory(), remote::IdentifierForm::paths(), kNow);

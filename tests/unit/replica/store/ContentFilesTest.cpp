@@ -260,6 +260,15 @@ TEST_F(ContentFilesTest, AFileThatIsAHoleAltogetherIsCloned) {
   EXPECT_EQ(read(3), std::string(1'000'000, '\0'));
 }
 
+TEST_F(ContentFilesTest, ACloneIsCheapWhenLittleIsThereToCopy) {
+  const auto source = store().create(2);
+  ASSERT_EQ(::ftruncate(source.get(), std::int64_t{1} << 40), 0);
+  ASSERT_EQ(::pwrite(source.get(), "bytes", 5, 0), 5);
+  EXPECT_TRUE(store().cloneCheaply(source.get(), 3, *store().allocated(2)));
+  EXPECT_EQ(store().sizeOf(3), std::int64_t{1} << 40);
+  EXPECT_EQ(store().allocated(3), store().allocated(2));
+}
+
 TEST_F(ContentFilesTest, ACloneComesFromAnotherFileSystemToo) {
   std::error_code error;
   if (!fs::is_directory("/dev/shm", error) ||

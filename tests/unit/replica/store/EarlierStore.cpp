@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "replica/store/AttributeList.h"
-#include "replica/store/HistoryTable.h"
 #include "replica/store/ItemRow.h"
 #include "replica/store/RowWriter.h"
 #include "replica/store/Schema.h"
@@ -15,6 +14,7 @@ namespace {
 constexpr const char* kSave =
     "INSERT OR REPLACE INTO items VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
     "?17,?18,?19,?20,?21,?22,?23,?24,?25,?26,?27,?28,?29,?30,?31,?32,?33,?34,?35,?36,?37,?38)";
+constexpr const char* kKeep = "INSERT OR REPLACE INTO history VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9)";
 constexpr int kBaseColumns = 8;
 constexpr int kFailureColumns = 7;
 constexpr int kSentColumns = 5;
@@ -104,7 +104,18 @@ void EarlierStore::save(const ItemRecord& record) {
 }
 
 void EarlierStore::keep(const HistoryEntry& entry) {
-  HistoryTable(*database_).put(entry);
+  Statement keep(*database_, kKeep);
+  RowWriter writer(keep);
+  put(writer, Number{entry.content});
+  put(writer, Number{entry.item});
+  writer.put(entry.path);
+  writer.put(entry.version);
+  writer.put(entry.size);
+  writer.put(entry.modified);
+  writer.put(std::int64_t{static_cast<std::uint8_t>(entry.reason)});
+  writer.put(entry.at);
+  writer.put(std::int64_t{static_cast<std::uint8_t>(entry.confirmed)});
+  keep.run();
 }
 
 void EarlierStore::setNext(Number next) {

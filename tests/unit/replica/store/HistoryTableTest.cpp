@@ -20,6 +20,7 @@ HistoryEntry entry(ContentNumber content, std::int64_t at, Confirmed confirmed =
           .path = "/a\n\xFF\0b"s,
           .version = "v\0 1"s,
           .size = 12,
+          .allocated = 4096,
           .modified = -5,
           .reason = HistoryReason::updated,
           .at = at,
@@ -80,14 +81,15 @@ TEST_F(HistoryTableTest, RowsBecomeTrueTogetherOrNotAtAll) {
 }
 
 TEST_F(HistoryTableTest, RowsThatMakeNoSenseAreLeftOut) {
-  for (ContentNumber content = 1; content < 8; ++content) keep(entry(content, 100));
+  for (ContentNumber content = 1; content < 9; ++content) keep(entry(content, 100));
   reopen(
       "UPDATE history SET size=-1 WHERE content=1;"
       "UPDATE history SET reason=99 WHERE content=2;"
       "UPDATE history SET confirmed=-1 WHERE content=3;"
       "UPDATE history SET at=9223372036854775807 WHERE content=4;"
       "UPDATE history SET content=-5 WHERE content=5;"
-      "UPDATE history SET size=9223372036854775807 WHERE content=6");
+      "UPDATE history SET size=9223372036854775807 WHERE content=6;"
+      "UPDATE history SET allocated=-1 WHERE content=8");
   EXPECT_THAT(numbers(all()), ElementsAre(7));
   EXPECT_THAT(numbers(table().page(Confirmed::never, {}, 10)), ElementsAre(7));
   EXPECT_EQ(table().find(1), std::nullopt);

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 
@@ -31,6 +33,7 @@ class HistoryTest : public StoreFixture {
                               Confirmed confirmed = Confirmed::never) {
     return {.content = content, .path = "/a", .size = size, .at = 100, .confirmed = confirmed};
   }
+  std::int64_t taken(Content content) { return files().allocated(plain(content)).value_or(0); }
   void expectUsage(std::int64_t files, std::int64_t bytes) {
     EXPECT_EQ(history().usage().files, files);
     EXPECT_EQ(history().usage().bytes, bytes);
@@ -146,7 +149,48 @@ TEST_F(HistoryTest, HasWhatWasWrittenToAFileThatIsStillOpen) {
   drop(addHere("b", unknown), Origin::program);
   ASSERT_TRUE(entry(unknown));
   EXPECT_EQ(entry(unknown)->size, 4);
-  expectUsage(2, 12);
+  expectUsage(2, taken(written) + taken(unknown));
+}
+
+TEST_F(HistoryTest, CountsWhatContentsTakeOfTheDisk) {
+  constexpr std::int64_t kTebibyte = std::int64_t{1} << 40;
+  const Content sparse = made("begin");
+  ASSERT_EQ(::truncate(files().path(plain(sparse)).c_str(), kTebibyte), 0);
+  drop(addHere("a", sparse, kTebibyte), Origin::program);
+  ASSERT_TRUE(entry(sparse));
+  EXPECT_EQ(entry(sparse)->size, kTebibyte);
+  EXPECT_EQ(entry(sparse)->allocated, taken(sparse));
+  expectUsage(1, taken(sparse));
+  EXPECT_LT(taken(sparse), kTebibyte / 1000);
+  history().setLimit(kTebibyte / 1000);
+  EXPECT_NO_THROW(history().requireRoom());
+  history().remove({*entry(sparse)});
+  expectUsage(0, 0);
+}
+
+/// As it may be after the death of a host, or on a disk that tells it late.
+TEST_F(HistoryTest, LooksUpAtAStartWhatContentsTake) {
+  const Content content = made("bytes");
+  history().keep({without(plain(content), 5)});
+  writeFile(files().path(plain(content)), std::string(100'000, 'x'));
+  restart();
+  history().load({plain(content)});
+  EXPECT_GE(taken(content), 100'000);
+  expectUsage(1, taken(content));
+  history().remove({*entry(content)});
+  expectUsage(0, 0);
+}
+
+TEST_F(HistoryTest, OfTheVersionBeforeGetsWhatItsContentsTake) {
+  const Content content = made("bytes");
+  history().keep({without(plain(content), std::int64_t{1} << 40)});
+  restart("ALTER TABLE history DROP COLUMN allocated; PRAGMA user_version=100");
+  history().load({plain(content)});
+  ASSERT_TRUE(entry(content));
+  EXPECT_EQ(entry(content)->size, std::int64_t{1} << 40);
+  expectUsage(1, taken(content));
+  restart();
+  EXPECT_EQ(entry(content)->allocated, taken(content));
 }
 
 TEST_F(HistoryTest, HasOneVersionAMinuteOfAFileThatIsSavedAgainAndAgain) {

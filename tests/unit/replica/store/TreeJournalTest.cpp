@@ -332,7 +332,7 @@ TEST_F(TreeJournalTest, TakesSizesThatNoDiskHoldsForTheLargest) {
 
 TEST_F(TreeJournalTest, RefusesADatabaseOfALaterVersion) {
   close();
-  Database(file()).execute("PRAGMA user_version=101");
+  Database(file()).execute("PRAGMA user_version=102");
   EXPECT_EQ(errorOf([&] { TreeJournal(directory(), remote::IdentifierForm::paths(), kNow); }),
             ENOTSUP);
 }
