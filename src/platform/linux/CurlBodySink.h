@@ -18,6 +18,9 @@ class CurlBodySink {
   /// Whether the body does not matter, so that the status counts once the head is whole.
   virtual bool ignoresBody() const { return false; }
 
+  /// Of the file in which the body is gathered, once it is open; -1 where there is none.
+  virtual int descriptor() const { return -1; }
+
   /// Comes before the request is sent. Throws `NSError` when there is no room for a body.
   virtual void open() {}
   /// Takes `data` whole, or nothing of it (false) when it must wait: whoever reads the sink then

@@ -25,6 +25,7 @@ class CurlDownloadFile {
   ~CurlDownloadFile();
 
   void write(std::string_view data);
+  int descriptor() const { return fd_.get(); }
   /// Closes the file and leaves it to the caller under the returned path. Called at most once.
   std::string publish();
 
@@ -46,6 +47,7 @@ class CurlDownloadSink : public CurlBodySink {
 
   explicit CurlDownloadSink(std::shared_ptr<Result> result) : result_(std::move(result)) {}
 
+  int descriptor() const override { return file_ ? file_->descriptor() : -1; }
   void open() override;
   bool write(std::string_view data) override;
   void finish(std::shared_ptr<const NSURLResponse> response) override;

@@ -18,6 +18,7 @@ constexpr std::string_view kOldVersion = "HTTP/1.0";
 constexpr std::string_view kBlanks = " \t\r\n";
 constexpr std::string_view kLengthName = "Content-Length:";
 constexpr std::string_view kCodingName = "Transfer-Encoding:";
+constexpr std::string_view kTagName = "ETag:";
 constexpr long kSwitchingProtocols = 101;
 constexpr long kNoContent = 204;
 constexpr long kNotModified = 304;
@@ -60,6 +61,12 @@ void CurlResponseHead::add(std::string_view line, long status) {
   if (complete_) return;
   contentLength_.reset();
   coding_.reset();
+  entityTag_.reset();
+}
+
+std::optional<std::int64_t> CurlResponseHead::length() const {
+  if (!contentLength_ || coding_) return std::nullopt;
+  return std::stoll(*contentLength_);
 }
 
 void CurlResponseHead::addHeader(std::string_view line) {
@@ -67,6 +74,8 @@ void CurlResponseHead::addHeader(std::string_view line) {
     isOld_ = hasName(line, kOldVersion);
   } else if (hasName(line, kLengthName)) {
     checkLength(trimmed(line.substr(kLengthName.size())));
+  } else if (hasName(line, kTagName)) {
+    entityTag_ = std::string(trimmed(line.substr(kTagName.size())));
   } else if (hasName(line, kCodingName)) {
     auto coding = inSmallLetters(trimmed(line.substr(kCodingName.size())));
     // Several lines are one list, and a list is not one coding.

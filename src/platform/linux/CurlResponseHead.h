@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,10 @@ class CurlResponseHead {
   bool hasForeignCoding() const {
     return complete_ && mayHaveBody_ && coding_ && (coding_ != kChunked || isOld_);
   }
+  /// In bytes, as it was announced for the body as it is transferred.
+  std::optional<std::int64_t> length() const;
+  /// As the server wrote it.
+  const std::optional<std::string>& entityTag() const { return entityTag_; }
   /// Whether only the end of the connection can tell where the body ends.
   bool leavesEndOpen() const { return complete_ && mayHaveBody_ && !contentLength_ && !coding_; }
 
@@ -34,6 +39,7 @@ class CurlResponseHead {
   std::size_t bytes_ = 0;
   std::optional<std::string> contentLength_;
   std::optional<std::string> coding_;  // all of them, in small letters
+  std::optional<std::string> entityTag_;
   bool isOld_ = false;
   bool mayHaveBody_ = false;
   bool complete_ = false;

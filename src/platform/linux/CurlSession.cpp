@@ -104,14 +104,34 @@ Task<Response> sendDiscarding(std::shared_ptr<CurlEngine> engine, Headers header
   co_return co_await std::move(end);
 }
 
+/// What reads a body while it arrives may outlive both.
+ArrivingBody::Controls controlsOf(const std::weak_ptr<CurlEngine>& engine,
+                                  const std::weak_ptr<CurlTransfer>& transfer) {
+  const auto goOn = [engine, transfer] {
+    const auto living = engine.lock();
+    auto paused = transfer.lock();
+    if (living && paused) living->resume(std::move(paused));
+  };
+  const auto cancel = [engine, transfer] {
+    const auto living = engine.lock();
+    const auto unwanted = transfer.lock();
+    if (!living || !unwanted) return;
+    unwanted->giveUp();
+    living->dropUnwanted();
+  };
+  return {goOn, cancel};
+}
+
 Task<NSURLSessionDownload> sendForFile(std::shared_ptr<CurlEngine> engine, Headers headers,
                                        NSURLRequest request) {
   const auto result = std::make_shared<CurlDownloadSink::Result>();
   const auto sink = std::make_shared<CurlDownloadSink>(result);
   AbandonmentOfTask ofTask;
   auto abandonment = co_await ofTask;
-  engine->submit(std::make_shared<CurlTransfer>(CurlTransfer::Kind::download, std::move(request),
-                                                *headers, sink, std::move(abandonment)));
+  auto transfer = std::make_shared<CurlTransfer>(CurlTransfer::Kind::download, std::move(request),
+                                                 *headers, sink, std::move(abandonment));
+  transfer->setControls(controlsOf(engine, transfer));
+  engine->submit(std::move(transfer));
   auto end = CurlDownloadSink::Result::result(result);
   co_return co_await std::move(end);
 }

@@ -1,11 +1,14 @@
 #include "platform/linux/CurlTransfer.h"
 
+#include <fcntl.h>
+
 #include <new>
 #include <utility>
 
 #include "platform/linux/CurlError.h"
 #include "platform/linux/CurlSocket.h"
 #include "platform/linux/CurlTrust.h"
+#include "platform/network/Arrivals.h"
 
 namespace kestrowan {
 
@@ -144,6 +147,19 @@ void CurlTransfer::takeHeaderLine(std::string_view line) {
   if (head_.hasForeignCoding() && request_.httpMethod != "HEAD") {
     throw urlError(NSURLErrorCannotParseResponse, "a transfer coding other than chunked");
   }
+  if (kind_ != Kind::download || !head_.isComplete()) return;
+  if (!std::exchange(bodyWasAnnounced_, true)) announceBody();
+}
+
+void CurlTransfer::announceBody() {
+  arriving_ = Arrivals::shared().announce(
+      request_.httpMethod, request_.url.absoluteString(), abandonment_,
+      [this]() -> std::shared_ptr<ArrivingBody> {
+        UniqueFd file(::fcntl(sink_->descriptor(), F_DUPFD_CLOEXEC, 0));
+        if (!file) return nullptr;
+        return std::make_shared<ArrivingBody>(
+            ArrivingHead{status(), head_.length(), head_.entityTag()}, std::move(file), controls_);
+      });
 }
 
 bool CurlTransfer::take(std::string_view data) {
@@ -152,7 +168,8 @@ bool CurlTransfer::take(std::string_view data) {
     curl_easy_getinfo(easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
     if (expected >= 0) monitored_->expectToReceive(expected);
   }
-  if (!sink_->write(data)) {
+  const bool isTaken = (!arriving_ || arriving_->mayTake()) && sink_->write(data);
+  if (!isTaken) {
     waitsForReader_ = true;
     return false;
   }
@@ -161,6 +178,7 @@ bool CurlTransfer::take(std::string_view data) {
     throw urlError(NSURLErrorCannotParseResponse, "the ignored body does not end");
   }
   monitored_->received(bytesReceived_);
+  if (arriving_) arriving_->noteReached(bytesReceived_);
   return true;
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "platform/base/Abandonment.h"
 #include "platform/linux/CurlBodySink.h"
@@ -16,14 +17,15 @@
 #include "platform/linux/CurlResponseHead.h"
 #include "platform/linux/CurlTrust.h"
 #include "platform/linux/CurlUploadFile.h"
+#include "platform/network/ArrivingBody.h"
 #include "platform/network/NSURLRequest.h"
 #include "platform/network/TransferMonitor.h"
 
 namespace kestrowan {
 
 /// One request on its way through curl. Shared between the engine and the task that awaits the
-/// result; everything but the constructor, `movesFile`, `abandonment`, `giveUp`, `isUnwanted` and,
-/// before it runs, `fail` belongs to the transfer thread.
+/// result; everything but the constructor, `setControls`, `movesFile`, `abandonment`, `giveUp`,
+/// `isUnwanted` and, before it runs, `fail` belongs to the transfer thread.
 class CurlTransfer {
  public:
   using Clock = CurlIdleTimer::Clock;
@@ -38,6 +40,9 @@ class CurlTransfer {
                std::optional<NSURL> upload = std::nullopt);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+  /// What readers of the body can have done while it arrives; before the transfer is submitted.
+  void setControls(ArrivingBody::Controls controls) { controls_ = std::move(controls); }
 
   /// Whether a whole file is moved, which may take long.
   bool movesFile() const { return kind_ != Kind::data; }
@@ -86,6 +91,8 @@ class CurlTransfer {
   /// Whether the request may be sent on the connection that curl has chosen.
   bool maySend();
   void takeHeaderLine(std::string_view line);
+  /// The head is whole: lets the body be read while it arrives.
+  void announceBody();
   /// Takes all of the body's next piece, or nothing of it.
   bool take(std::string_view data);
   std::size_t give(char* buffer, std::size_t capacity);
@@ -100,6 +107,8 @@ class CurlTransfer {
   std::atomic<bool> givenUp_ = false;
   const std::optional<NSURL> uploadURL_;
   std::optional<CurlUploadFile> uploadFile_;
+  ArrivingBody::Controls controls_;
+  std::shared_ptr<ArrivingBody> arriving_;  // null while nothing reads the body before its end
   std::optional<TransferMonitor::Entry> monitored_;
   std::optional<CurlHandshake> handshake_;
   CurlResponseHead head_;
@@ -112,6 +121,7 @@ class CurlTransfer {
   bool requestSent_ = false;
   bool connectionWasClosed_ = false;
   bool endWasAnnounced_ = false;
+  bool bodyWasAnnounced_ = false;
   bool waitsForReader_ = false;
   std::uint64_t bytesMovedBefore_ = 0;  // on a connection that is used again
   std::int64_t bytesReceived_ = 0;
