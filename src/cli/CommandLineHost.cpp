@@ -121,6 +121,26 @@ class MountCommands {
         ->check(oneOf({"pass", "refuse"}))
         ->type_name("pass|refuse")
         ->capture_default_str();
+    command
+        ->add_option("--background-programs", mount.backgroundPrograms,
+                     "whether files that are not here are fetched for indexers, virus scanners and "
+                     "other programs that work in the background")
+        ->check(oneOf({"deny", "allow"}))
+        ->type_name("deny|allow")
+        ->capture_default_str();
+    command
+        ->add_option("--background-program", mount.backgroundProgram,
+                     "name of a further program that works in the background, as scan*; may be "
+                     "given several times")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    command
+        ->add_option("--thumbnails", mount.thumbnails,
+                     "up to which size files are fetched for thumbnailers all the same, as 500K "
+                     "or 2M")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->type_name("SIZE")
+        ->default_str("1M");
     command->add_flag("--no-local-names", mount.noLocalNames,
                       "send lock, swap and temporary files of programs too");
     command->add_flag("--noexec", mount.noExec, "no program can be run from the mount");

@@ -162,6 +162,11 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
                                  ", replaced or removed; kestrowan history shows them");
   }
   if (flag(history, "full")) shown += line("Full", fullHistoryText(status, history));
+  if (const auto& refused = part("refusedPrograms"); integer(refused, "count") > 0) {
+    shown += line("Not fetched", "files that programs in the background wanted, " +
+                                     counted(integer(refused, "count"), "time", "times") +
+                                     "; last for " + text(refused, "last"));
+  }
   if (integer(status, "refusedEntries") > 0) {
     shown += line("Left out", counted(integer(status, "refusedEntries"), "entry", "entries") +
                                   " of listings, for impossible names or identifiers");

@@ -24,6 +24,8 @@ struct HostSettings {
   /// How long an orderly end waits for changes to be sent.
   std::chrono::seconds drain{30};
   bool noexec = false;
+  /// Patterns of names of programs that work in the background, besides those that are known.
+  std::vector<std::string> backgroundPrograms;
   /// Whether the extension's own log is shown.
   bool extensionLog = false;
   /// Once it serves, the host writes to the file "log" in the state directory instead of standard

@@ -17,8 +17,9 @@ namespace {
 
 using File = std::shared_ptr<replica::OpenFile>;
 
-replica::OpenMode openMode(int flags) {
+replica::OpenMode openMode(const Reply& reply, int flags) {
   replica::OpenMode mode;
+  mode.caller = reply.caller();
   mode.read = (flags & O_ACCMODE) != O_WRONLY;
   mode.truncate = (flags & O_TRUNC) != 0;
   // A program may truncate a file that it opens only to read.
@@ -87,7 +88,7 @@ Task<void> openExisting(std::shared_ptr<Reply> reply, replica::Rid folder, std::
   auto& files = reply->session().replica().files();
   auto looking = files.lookUp(folder, std::move(name));
   const replica::Attributes found = co_await std::move(looking);
-  auto opening = files.openFile(found.rid, openMode(info.flags));
+  auto opening = files.openFile(found.rid, openMode(*reply, info.flags));
   const File file = co_await std::move(opening);
   sendCreated(*reply, info, file, files.attributes(found.rid));
 }
@@ -111,7 +112,7 @@ Task<void> createOrOpen(std::shared_ptr<Reply> reply, replica::Rid folder, std::
 }
 
 Task<void> openAndSend(std::shared_ptr<Reply> reply, replica::Rid item, fuse_file_info info) {
-  const auto mode = openMode(info.flags);
+  const auto mode = openMode(*reply, info.flags);
   auto& files = reply->session().replica().files();
   const auto size = files.attributes(item).size;
   auto opening = files.openFile(item, mode);

@@ -182,7 +182,7 @@ Task<void> openAndSend(std::shared_ptr<Reply> reply, replica::Rid folder, fuse_f
   auto handle = std::make_shared<FolderHandle>();
   handle->folder = folder;
   handle->changes = session.nameChanges().counted(folder);
-  auto opening = session.replica().files().openFolder(folder);
+  auto opening = session.replica().files().openFolder(folder, reply->caller());
   handle->snapshot = co_await std::move(opening);
   sendOpened(*reply, info, std::move(handle));
 }

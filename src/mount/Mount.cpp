@@ -94,7 +94,8 @@ void Mount::Implementation::start() {
   prepareWakeUpSignal();
   const Appearance appearance{options_.user, options_.group,
                               std::chrono::duration<double>(options_.cacheTime).count()};
-  auto session = std::make_shared<Session>(replica_, appearance);
+  auto session = std::make_shared<Session>(
+      replica_, appearance, std::make_shared<const ProgramKinds>(options_.backgroundPrograms));
   session_ = session;
   mount();
   try {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "replica/Replica.h"
 
@@ -26,6 +27,8 @@ struct MountOptions {
   /// How long the kernel answers with names and attributes that it knows. What the replica changes
   /// it learns all the same.
   std::chrono::milliseconds cacheTime{1000};
+  /// Patterns of names of programs that work in the background, besides those that are known.
+  std::vector<std::string> backgroundPrograms;
   /// Where the replica lies, which must not be covered by the mount. May be empty.
   std::string stateDirectory;
   /// Called once, from another thread, when the mount has ended, however that came. May be empty.

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "mount/CallingProgram.h"
+#include "mount/CallingThread.h"
 #include "mount/FileStatus.h"
 
 namespace kestrowan::mount {
@@ -17,7 +18,12 @@ thread_local const Reply* registering = nullptr;
 Reply::Reply(fuse_req_t request, Addressing addressing)
     : session_(Session::of(request).shared_from_this()),
       request_(request),
-      addressing_(addressing) {}
+      addressing_(addressing),
+      thread_(fuse_req_ctx(request)->pid) {}
+
+std::shared_ptr<const replica::Caller> Reply::caller() const {
+  return std::make_shared<CallingThread>(session_->programs(), thread_);
+}
 
 Reply::~Reply() {
   fail(EIO);
@@ -30,7 +36,6 @@ void Reply::allowSignal(OnSignal onSignal) {
     std::lock_guard lock(registration_);
     if (answered_) return;
     onSignal_ = onSignal;
-    if (onSignal == OnSignal::endsTheDying) thread_ = fuse_req_ctx(request_)->pid;
     session_->channel().addWaiting(*this);
     registered_ = true;
     registering = this;

@@ -36,6 +36,8 @@ class Reply : public std::enable_shared_from_this<Reply> {
   ~Reply();
 
   Session& session() const { return *session_; }
+  /// The program that waits for the answer.
+  std::shared_ptr<const replica::Caller> caller() const;
 
   /// Lets a signal answer the request. Called last by the thread that received it, once whatever
   /// will answer it has been set going.
@@ -91,6 +93,7 @@ class Reply : public std::enable_shared_from_this<Reply> {
   const std::shared_ptr<Session> session_;
   const fuse_req_t request_;
   const Addressing addressing_;
+  const pid_t thread_;
 
   std::atomic<bool> answered_ = false;
   /// Held while the request is registered for signals, and to look whether it is.
@@ -98,7 +101,6 @@ class Reply : public std::enable_shared_from_this<Reply> {
   bool registered_ = false;
   // Written before the registration.
   OnSignal onSignal_ = OnSignal::ends;
-  pid_t thread_ = 0;
   /// Whether the signal came before the registration did. Used by the registering thread alone.
   bool signalledBefore_ = false;
 };

@@ -1,12 +1,16 @@
 #include "mount/Session.h"
 
+#include <utility>
+
 #include "mount/Operations.h"
 
 namespace kestrowan::mount {
 
-Session::Session(replica::Replica& replica, Appearance appearance)
+Session::Session(replica::Replica& replica, Appearance appearance,
+                 std::shared_ptr<const ProgramKinds> programs)
     : replica_(replica),
       appearance_(appearance),
+      programs_(std::move(programs)),
       channel_(operations(), this),
       invalidation_(channel_) {}
 

@@ -10,6 +10,7 @@
 #include "mount/Fuse.h"
 #include "mount/Handles.h"
 #include "mount/Invalidation.h"
+#include "mount/ProgramKinds.h"
 #include "mount/SeenContents.h"
 #include "replica/Replica.h"
 
@@ -57,7 +58,8 @@ class NameChanges {
 class Session : public std::enable_shared_from_this<Session>, public replica::Observer {
  public:
   /// Throws `NSError`. The replica must outlive the session.
-  Session(replica::Replica& replica, Appearance appearance);
+  Session(replica::Replica& replica, Appearance appearance,
+          std::shared_ptr<const ProgramKinds> programs);
 
   /// The session that `request` came in.
   static Session& of(fuse_req_t request) {
@@ -66,6 +68,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
 
   replica::Replica& replica() { return replica_; }
   const Appearance& appearance() const { return appearance_; }
+  const std::shared_ptr<const ProgramKinds>& programs() const { return programs_; }
   Channel& channel() { return channel_; }
   Invalidation& invalidation() { return invalidation_; }
   Handles<FileHandle>& files() { return files_; }
@@ -93,6 +96,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
 
   replica::Replica& replica_;
   const Appearance appearance_;
+  const std::shared_ptr<const ProgramKinds> programs_;
   std::atomic<State> state_ = State::starting;
   Handles<FileHandle> files_;
   Handles<FolderHandle> folders_;

@@ -23,8 +23,9 @@ Task<Attributes> FileCalls::setAttributes(Rid item, AttributeChange change) {
   return life_.files.setAttributes(ItemNumber{item}, change);
 }
 
-Task<std::shared_ptr<const FolderSnapshot>> FileCalls::openFolder(Rid folder) {
-  return life_.folders.open(ItemNumber{folder});
+Task<std::shared_ptr<const FolderSnapshot>> FileCalls::openFolder(
+    Rid folder, std::shared_ptr<const Caller> caller) {
+  return life_.folders.open(ItemNumber{folder}, std::move(caller));
 }
 
 void FileCalls::closeFolder(Rid folder) {

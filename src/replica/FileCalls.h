@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/base/Task.h"
+#include "replica/Caller.h"
 #include "replica/OpenFile.h"
 #include "replica/Records.h"
 #include "replica/store/ContentFiles.h"
@@ -66,6 +67,8 @@ struct OpenMode {
   bool write = false;
   /// Only with `write`: the contents become empty, and are not fetched.
   bool truncate = false;
+  /// The program that opens it; null for one that a user waits for.
+  std::shared_ptr<const Caller> caller = nullptr;
 };
 
 /// Whether a user attribute may be new, or must be.
@@ -89,13 +92,15 @@ class FileCalls {
   Attributes attributes(Rid item) const;
   /// A size changes the contents, which are fetched first unless it is 0.
   Task<Attributes> setAttributes(Rid item, AttributeChange change);
-  Task<std::shared_ptr<const FolderSnapshot>> openFolder(Rid folder);
+  Task<std::shared_ptr<const FolderSnapshot>> openFolder(
+      Rid folder, std::shared_ptr<const Caller> caller = nullptr);
   void closeFolder(Rid folder);
   /// The kernel knows the item once more, or `count` times less; while it does, an item that was
   /// removed or replaced keeps its attributes.
   void remember(Rid item);
   void forget(Rid item, std::uint64_t count);
 
+  /// EACCES when contents would be fetched for a program that works in the background.
   Task<std::shared_ptr<OpenFile>> openFile(Rid item, OpenMode mode);
   /// `mode` is permission bits. EEXIST when the name is taken.
   Task<CreatedFile> createFile(Rid folder, std::string name, std::uint16_t mode);

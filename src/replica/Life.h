@@ -78,6 +78,7 @@ class Life : public model::Watcher {
   store::HistoryLimits historyLimits;
   pull::Refresher refresher;
   pull::Downloader downloader;
+  pull::BackgroundFetches background;
   pull::ReadAhead readAhead;
   push::Verdicts verdicts;
   push::Refusals refusals;

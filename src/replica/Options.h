@@ -60,6 +60,11 @@ struct Options {
   /// Contents used within this time are not evicted to make room.
   std::chrono::seconds evictionAge{600};
 
+  /// Whether contents are fetched for programs that work in the background too; and how large the
+  /// files are that are fetched for thumbnailers otherwise.
+  bool backgroundMayFetch = false;
+  std::int64_t thumbnailSize = std::int64_t{1} << 20;
+
   /// How many files programs may have open at once; 0 for any number.
   std::size_t openFiles = 0;
 

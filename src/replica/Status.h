@@ -67,6 +67,10 @@ struct Status {
   bool isHistoryFull() const { return history.unconfirmedBytes > historyLimit; }
   /// Paths of copies that were made because both sides had changed, the latest last.
   std::vector<std::string> conflicts;
+  /// How often programs that work in the background were refused what is not here, since the start;
+  /// and the one that was refused last.
+  std::int64_t refusedPrograms = 0;
+  std::string lastRefusedProgram;
   /// Entries of listings that could not be admitted, since the start.
   std::int64_t refusedEntries = 0;
   /// Listings that did not come whole, since the start; and the paths of folders, at most 100,

@@ -127,9 +127,30 @@ Finding checkHost(const host::HostEntry& host) {
   }
 }
 
+/// The program in the background that was refused last what it wanted to read.
+void checkPrograms(const host::HostEntry& host, std::vector<Finding>& found) {
+  try {
+    const auto status =
+        ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
+    const auto* refused = status.member("refusedPrograms");
+    if (refused == nullptr || integer(*refused, "count") == 0) return;
+    found.push_back({"programs", Verdict::good,
+                     escapedForDisplay(host.mountPoint) +
+                         ": nothing is fetched for programs in "
+                         "the background; the last one that wanted it is " +
+                         escapedForDisplay(text(*refused, "last")) +
+                         " (--background-programs=allow lets them)"});
+  } catch (const NSError&) {
+    // What is wrong with the mount is said by its own line.
+  } catch (const HostFailure&) {
+  }
+}
+
 void checkMounts(std::vector<Finding>& found) {
   for (const auto& host : host::knownHosts()) {
-    if (host.running) found.push_back(checkHost(host));
+    if (!host.running) continue;
+    found.push_back(checkHost(host));
+    checkPrograms(host, found);
   }
   for (const auto& left : host::hostsThatLeft()) {
     found.push_back(

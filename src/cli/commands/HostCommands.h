@@ -23,9 +23,12 @@ struct MountCommand {
   std::uint64_t cacheLimit = 0;    // bytes; 0 for the usual
   std::uint64_t historyLimit = 0;  // the same
   std::uint32_t historyDays = 7;
-  std::string fsync = "local";   // or "server"
-  std::string close = "return";  // or "wait"
-  std::string moves = "pass";    // or "refuse"
+  std::string fsync = "local";                        // or "server"
+  std::string close = "return";                       // or "wait"
+  std::string moves = "pass";                         // or "refuse"
+  std::string backgroundPrograms = "deny";            // or "allow"
+  std::vector<std::string> backgroundProgram;         // patterns of further names
+  std::uint64_t thumbnails = std::uint64_t{1} << 20;  // bytes
   bool noLocalNames = false;
   bool noExec = false;
   unsigned drain = 30;  // seconds

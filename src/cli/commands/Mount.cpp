@@ -65,6 +65,15 @@ std::vector<std::string> wordsOf(const MountCommand& command) {
   if (command.fsync != usual.fsync) words.push_back("--fsync=" + command.fsync);
   if (command.close != usual.close) words.push_back("--close=" + command.close);
   if (command.moves != usual.moves) words.push_back("--moves=" + command.moves);
+  if (command.backgroundPrograms != usual.backgroundPrograms) {
+    words.push_back("--background-programs=" + command.backgroundPrograms);
+  }
+  for (const auto& program : command.backgroundProgram) {
+    words.push_back("--background-program=" + program);
+  }
+  if (command.thumbnails != usual.thumbnails) {
+    words.push_back("--thumbnails=" + std::to_string(command.thumbnails));
+  }
   if (command.noLocalNames) words.emplace_back("--no-local-names");
   if (command.noExec) words.emplace_back("--noexec");
   if (command.drain != usual.drain) words.push_back("--drain=" + std::to_string(command.drain));
@@ -100,6 +109,10 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
   settings.replica.historyLimit = static_cast<std::int64_t>(
       std::min<std::uint64_t>(command.historyLimit, std::uint64_t{INT64_MAX}));
   settings.replica.historyTime = std::chrono::days(command.historyDays);
+  settings.replica.backgroundMayFetch = command.backgroundPrograms == "allow";
+  settings.replica.thumbnailSize = static_cast<std::int64_t>(
+      std::min<std::uint64_t>(command.thumbnails, std::uint64_t{INT64_MAX}));
+  settings.backgroundPrograms = command.backgroundProgram;
   settings.replica.fsyncWaits = command.fsync == "server";
   settings.replica.closeWaits = command.close == "wait";
   settings.replica.refuseMovesBetweenFolders = command.moves == "refuse";

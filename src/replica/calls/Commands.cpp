@@ -127,6 +127,9 @@ Status Commands::status(std::size_t limit) const {
   status.cachedFiles = rooms_.tally.cachedCount();
   status.cachedBytes = rooms_.tally.cachedBytes();
   status.fetching = rooms_.downloader.inFlight();
+  const auto refused = rooms_.background.refused();
+  status.refusedPrograms = refused.count;
+  status.lastRefusedProgram = refused.last;
   status.refusedEntries = rooms_.refresher.refusedEntries();
   status.partialListings = rooms_.refresher.partialListings();
   const auto partial = rooms_.refresher.partialFolders();

@@ -100,15 +100,24 @@ Content Files::openable(ItemNumber number) const {
 
 Task<std::shared_ptr<OpenFile>> Files::open(ItemNumber number, OpenMode mode) {
   requireOpenable(number, mode);
-  if (!mode.truncate) rooms_.readAhead.noteOpened(number);
+  if (!mode.truncate) rooms_.readAhead.noteOpened(number, mode.caller.get());
   co_await lookAtFolder(number);
   for (;;) {
     if (mode.truncate) changes_.empty(number);
     const Content content = openable(number);
     if (content != Content::none) co_return opened(number, content, mode.write);
+    auto waiting = rooms_.background.turn(mode.caller, sizeOf(number));
+    const auto turn = co_await std::move(waiting);
     // Contents that came a moment ago may have been given up again to make room.
     co_await fetch(number);
   }
+}
+
+/// Of the contents that the provider has.
+std::int64_t Files::sizeOf(ItemNumber number) const {
+  const View view(rooms_.tree);
+  const Item* item = view->find(number);
+  return item && item->there() ? item->there()->size : 0;
 }
 
 Task<void> Files::fetch(ItemNumber number) {

@@ -38,6 +38,7 @@ class Files {
   void requireOpenable(model::ItemNumber file, OpenMode mode) const;
   model::Content openable(model::ItemNumber file) const;
   Task<void> lookAtFolder(model::ItemNumber file);
+  std::int64_t sizeOf(model::ItemNumber file) const;
   Task<void> fetch(model::ItemNumber file);
   Task<void> explain(model::ItemNumber file, NSError error);
   void cut(model::ItemNumber file, OpenFile& open, std::int64_t size);

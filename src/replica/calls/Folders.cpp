@@ -70,12 +70,13 @@ bool Folders::mayHaveCome(const std::string& name) const {
   return !staysHere && !isProbed(name);
 }
 
-Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder) {
+Task<std::shared_ptr<const FolderSnapshot>> Folders::open(ItemNumber folder,
+                                                          std::shared_ptr<const Caller> caller) {
   {
     const View view(rooms_.tree);
     requireFolder(*view, folder);
   }
-  rooms_.readAhead.noteListed(folder);
+  rooms_.readAhead.noteListed(folder, caller.get());
   if (const auto problem = co_await prepared(folder, Refresher::Need::usable)) throw *problem;
   auto snapshot = std::make_shared<FolderSnapshot>();
   while (addEntries(folder, *snapshot)) continue;

@@ -19,7 +19,8 @@ class Folders {
   explicit Folders(const Rooms& rooms) : rooms_(rooms) {}
 
   Task<Attributes> lookUp(model::ItemNumber folder, std::string name);
-  Task<std::shared_ptr<const FolderSnapshot>> open(model::ItemNumber folder);
+  Task<std::shared_ptr<const FolderSnapshot>> open(model::ItemNumber folder,
+                                                   std::shared_ptr<const Caller> caller);
   void close(model::ItemNumber folder);
   /// The item at a path from the root, which begins with "/".
   Task<model::ItemNumber> find(std::string path);

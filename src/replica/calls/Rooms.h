@@ -4,6 +4,7 @@
 #include "replica/Options.h"
 #include "replica/calls/OpenItems.h"
 #include "replica/model/Tree.h"
+#include "replica/pull/BackgroundFetches.h"
 #include "replica/pull/Downloader.h"
 #include "replica/pull/NameForms.h"
 #include "replica/pull/ReadAhead.h"
@@ -35,6 +36,7 @@ struct Rooms {
   remote::Health& health;
   pull::Refresher& refresher;
   pull::Downloader& downloader;
+  pull::BackgroundFetches& background;
   pull::ReadAhead& readAhead;
   pull::Space& space;
   const pull::Tally& tally;

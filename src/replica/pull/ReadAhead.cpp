@@ -43,10 +43,16 @@ Walk::Items behind(const State& state, const Item& item, bool (*isWanted)(const 
 }  // namespace
 
 ReadAhead::ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Health& health,
-                     Downloader& downloader, Refresher& refresher)
-    : tree_(tree), loop_(loop), health_(health), downloader_(downloader), refresher_(refresher) {}
+                     Downloader& downloader, Refresher& refresher,
+                     const BackgroundFetches& background)
+    : tree_(tree),
+      loop_(loop),
+      health_(health),
+      downloader_(downloader),
+      refresher_(refresher),
+      background_(background) {}
 
-void ReadAhead::noteOpened(ItemNumber file) {
+void ReadAhead::noteOpened(ItemNumber file, const Caller* program) {
   if (!health_.isUp()) return;
   Walk::Items next;
   {
@@ -59,13 +65,14 @@ void ReadAhead::noteOpened(ItemNumber file) {
     if (!walk.goesTo(file, isHere, loop_.now())) return;
     next = walk.next(file, kFilesAhead, [&] { return behind(*view, *item, canBeFetchedAhead); });
   }
+  if (next.empty() || !background_.mayLookAhead(program)) return;
   for (const ItemNumber each : next) {
     if (downloader_.inFlight() >= kMostInFlight) return;
     downloader_.fetchSoon(each);
   }
 }
 
-void ReadAhead::noteListed(ItemNumber folder) {
+void ReadAhead::noteListed(ItemNumber folder, const Caller* program) {
   if (!health_.isUp() || folder == ItemNumber::root) return;
   Walk::Items next;
   {
@@ -77,6 +84,7 @@ void ReadAhead::noteListed(ItemNumber folder) {
     if (!walk.goesTo(folder, Freshness::isKnown(*item), loop_.now())) return;
     next = walk.next(folder, kFoldersAhead, [&] { return behind(*view, *item, canBeListedAhead); });
   }
+  if (next.empty() || !background_.mayLookAhead(program)) return;
   for (const ItemNumber each : next) {
     {
       const View view(tree_);

@@ -5,6 +5,7 @@
 
 #include "async/Loop.h"
 #include "replica/model/Tree.h"
+#include "replica/pull/BackgroundFetches.h"
 #include "replica/pull/Downloader.h"
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Walk.h"
@@ -17,13 +18,13 @@ namespace kestrowan::replica::pull {
 class ReadAhead {
  public:
   ReadAhead(const model::Tree& tree, const async::Loop& loop, const remote::Health& health,
-            Downloader& downloader, Refresher& refresher);
+            Downloader& downloader, Refresher& refresher, const BackgroundFetches& background);
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
 
-  /// A program opens a file to read it, or lists a folder.
-  void noteOpened(model::ItemNumber file);
-  void noteListed(model::ItemNumber folder);
+  /// A program opens a file to read it, or lists a folder; null for one that a user waits for.
+  void noteOpened(model::ItemNumber file, const Caller* program);
+  void noteListed(model::ItemNumber folder, const Caller* program);
 
  private:
   struct Walks {
@@ -36,6 +37,7 @@ class ReadAhead {
   const remote::Health& health_;
   Downloader& downloader_;
   Refresher& refresher_;
+  const BackgroundFetches& background_;
   std::mutex mutex_;  // guards what follows; a leaf
   std::unordered_map<model::ItemNumber, Walks> walks_;
 };

@@ -76,6 +76,9 @@ TEST(StatusText, TroubleIsSaidInWords) {
               HasSubstr("Warning:   look out\n"));
   EXPECT_THAT(statusText(status(R"x(,"conflicts":[{"path":"/c (conflict)"}])x"), kNow, 10),
               HasSubstr("  /c (conflict)\n"));
+  EXPECT_THAT(
+      statusText(status(R"(,"refusedPrograms":{"count":2,"last":"updatedb"})"), kNow, 10),
+      HasSubstr("files that programs in the background wanted, 2 times; last for updatedb\n"));
   EXPECT_THAT(statusText(status(R"(,"refusedEntries":1)"), kNow, 10),
               HasSubstr("1 entry of listings"));
   EXPECT_THAT(statusText(status(R"(,"refusedEntries":2)"), kNow, 10),
