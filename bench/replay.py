@@ -19,7 +19,6 @@ class Exchange(NamedTuple):
     """A request and the status that answered it. What a request did not have is "-"."""
     began: int  # microseconds, as is the next
     ended: int
-    connection: str
     status: str
     method: str
     depth: str
@@ -29,8 +28,8 @@ class Exchange(NamedTuple):
     path: str
 
     def what(self):
-        """All but when, and on which connection."""
-        return self[3:]
+        """All but when."""
+        return self[2:]
 
     def places(self):
         """What it is about."""
@@ -54,7 +53,7 @@ class Exchanges:
             log.seek(place)
             lines = log.read().decode("ascii").splitlines()
         return sorted(Exchange(int(began), int(ended), *rest)
-                      for began, ended, *rest in (line.split(" ", 9) for line in lines))
+                      for began, ended, *rest in (line.split(" ", 8) for line in lines))
 
 
 def in_turns(exchanges):
