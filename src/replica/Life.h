@@ -73,7 +73,7 @@ class Life : public model::Watcher {
   pull::Settler settler;
   pull::ListingMerge merge;
   pull::Touches touches;
-  pull::Tally tally;
+  pull::Tally tally{contentFiles};
   pull::Space space;
   store::HistoryLimits historyLimits;
   pull::Refresher refresher;

@@ -136,7 +136,8 @@ void Space::makeRoom(std::int64_t needed) {
         Edit edit(tree_);
         const Item* file = edit->find(number);
         if (!file || !isEvictable(*file)) continue;
-        excess -= file->agreed()->size;
+        const auto content = static_cast<ContentNumber>(file->here()->content);
+        excess -= contents_.files().sizeOfData(content).value_or(file->agreed()->size);
         evicted = evict(edit, number);
         edit.commit();
       }

@@ -25,8 +25,12 @@ void Tally::note(const Item& item, std::int64_t size) {
   const bool isAgreed =
       hasContents && item.agreed() && item.agreed()->content == item.here()->content;
   const bool isToSend = hasContents && !isAgreed && !item.isInStep();
+  const bool isCached = isAgreed && item.there();
+  std::int64_t cached = 0;
+  if (isCached)
+    cached = files_.sizeOfData(static_cast<ContentNumber>(item.here()->content)).value_or(size);
   std::lock_guard lock(mutex_);
-  cached_.set(item.number(), isAgreed && item.there(), size);
+  cached_.set(item.number(), isCached, cached);
   pending_.set(item.number(), isToSend, size);
   const ConflictNumber conflict = item.attributes().conflict;
   std::erase_if(copies_, [&](const auto& copy) { return copy.second == item.number(); });

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "replica/model/Item.h"
+#include "replica/store/ContentFiles.h"
 
 namespace kestrowan::replica::pull {
 
@@ -15,6 +16,9 @@ namespace kestrowan::replica::pull {
 /// that a question takes no look at all items. Usable from every thread. Sizes are bytes.
 class Tally {
  public:
+  /// `files` must outlive it.
+  explicit Tally(const ContentFiles& files) : files_(files) {}
+
   /// The item may count in another way than before.
   void note(const model::Item& item, std::int64_t size);
   void noteDropped(model::ItemNumber item);
@@ -22,6 +26,7 @@ class Tally {
   /// Files whose contents are here and at the provider too.
   std::vector<model::ItemNumber> cachedFiles() const;
   std::int64_t cachedCount() const;
+  /// Without the holes of files.
   std::int64_t cachedBytes() const;
   /// The copies from here of files that both sides had changed, the latest last.
   std::vector<model::ItemNumber> conflictCopies() const;
@@ -39,6 +44,7 @@ class Tally {
     void set(model::ItemNumber item, bool isIn, std::int64_t size);
   };
 
+  const ContentFiles& files_;
   mutable std::mutex mutex_;  // guards what follows; a leaf
   Counted cached_;
   Counted pending_;

@@ -89,6 +89,12 @@ std::optional<std::int64_t> ContentFiles::allocated(ContentNumber number) const 
   return status.st_blocks * kSectorSize;
 }
 
+std::optional<std::int64_t> ContentFiles::sizeOfData(ContentNumber number) const {
+  struct stat status;
+  if (number == 0 || ::lstat(path(number).c_str(), &status) != 0) return std::nullopt;
+  return std::min<std::int64_t>(status.st_size, status.st_blocks * kSectorSize);
+}
+
 UniqueFd ContentFiles::open(ContentNumber number) const {
   return openRegularFile(path(number), O_RDWR);
 }

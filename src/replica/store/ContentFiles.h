@@ -28,6 +28,8 @@ class ContentFiles {
   std::optional<std::int64_t> sizeOf(ContentNumber number) const;
   /// Bytes that the contents take on the disk; nothing for contents that are not there.
   std::optional<std::int64_t> allocated(ContentNumber number) const;
+  /// Their size without their holes; nothing for contents that are not there.
+  std::optional<std::int64_t> sizeOfData(ContentNumber number) const;
   /// A copy of the contents behind `source`, sharing blocks where the file system can and keeping
   /// holes. Leaves nothing behind when it fails.
   UniqueFd clone(int source, ContentNumber number);

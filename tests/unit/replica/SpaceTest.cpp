@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -56,6 +57,25 @@ TEST_F(SpaceTest, WhatWasUsedWithinTenMinutesStays) {
   EXPECT_TRUE(isHere("/b"));
   world.advance(minutes(12));
   EXPECT_EQ(world.replica().commands().status().cachedFiles, 2) << "the limit is kept later";
+}
+
+TEST_F(SpaceTest, HolesPushNothingOut) {
+  constexpr std::int64_t kGibibyte = std::int64_t{1} << 30;
+  world.read("/a");
+  world.advance(minutes(11));
+  {
+    const auto file = world.create("/sparse");
+    file->write([](int fd) { return ::ftruncate(fd, kGibibyte / 64) == 0 ? 0 : errno; });
+  }
+  ASSERT_TRUE(world.settle());
+  world.advance(minutes(11));
+  EXPECT_TRUE(isHere("/a"));
+  EXPECT_TRUE(isHere("/sparse"));
+  EXPECT_EQ(world.replica().commands().status().cachedBytes, 5);
+  world.read("/b");
+  world.advance(minutes(11));
+  world.read("/c");
+  EXPECT_EQ(world.replica().commands().status().cachedBytes, 10) << "what holds bytes has gone";
 }
 
 TEST_F(SpaceTest, ChangedContentsStay) {
