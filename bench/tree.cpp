@@ -26,11 +26,6 @@ class NoJournal : public Journal {
   void write(const Changes&) override {}
 };
 
-std::size_t usedBytes() {
-  const auto info = ::mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
-
 std::size_t residentBytes() {
   std::size_t total = 0;
   std::size_t resident = 0;
@@ -107,14 +102,12 @@ void changeContents(Tree& tree, int i, int items) {
 
 int main(int count, char** arguments) {
   const int items = count > 1 ? std::atoi(arguments[1]) : 1'000'000;
-  const std::size_t usedBefore = usedBytes();
   const std::size_t residentBefore = residentBytes();
   NoJournal journal;
   Tree tree(journal);
   const double built = timeOf(1, [&](int) { build(tree, items); });
   ::malloc_trim(0);
-  std::printf("%d items: %.0f bytes each, resident %.0f each, %.2f s to build\n", items,
-              double(usedBytes() - usedBefore) / items,
+  std::printf("%d items: %.0f bytes resident each, %.2f s to build\n", items,
               double(residentBytes() - residentBefore) / items, built / 1e6);
   std::size_t found = 0;
   const double look = timeOf(kRounds, [&](int i) {

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "platform/base/Fatal.h"
+#include "replica/model/Slabs.h"
 
 namespace kestrowan::replica::model {
 
@@ -19,7 +20,7 @@ struct Bytes::Block {
 Bytes::Bytes(std::string_view bytes) {
   if (bytes.empty()) return;
   if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) fatalError("a name is too long");
-  void* memory = ::operator new(sizeof(Block) + bytes.size());
+  void* memory = InSlabs::operator new(sizeof(Block) + bytes.size());
   block_ = new (memory) Block{1, static_cast<std::uint32_t>(bytes.size())};
   std::memcpy(static_cast<void*>(block_ + 1), bytes.data(), bytes.size());
 }
@@ -30,8 +31,9 @@ Bytes::Bytes(const Bytes& other) noexcept : block_(other.block_) {
 
 Bytes::~Bytes() {
   if (!block_ || block_->owners.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  const std::size_t size = sizeof(Block) + block_->size;
   block_->~Block();
-  ::operator delete(block_);
+  InSlabs::operator delete(block_, size);
 }
 
 std::string_view Bytes::view() const {

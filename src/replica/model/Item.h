@@ -10,11 +10,17 @@
 #include "replica/model/OptionalTime.h"
 #include "replica/model/Place.h"
 #include "replica/model/Shared.h"
+#include "replica/model/Slabs.h"
 #include "replica/model/Version.h"
 
 namespace kestrowan::replica::model {
 
 enum class Kind : std::uint8_t { file, folder };
+
+/// What is kept of capabilities: all that have a name.
+constexpr std::uint16_t keptCapabilities(NSFileProviderItemCapabilities capabilities) {
+  return static_cast<std::uint16_t>(capabilities & 0xFFFF);
+}
 
 /// What the provider has of an item.
 struct There {
@@ -28,7 +34,8 @@ struct There {
   std::int64_t size = 0;
   /// Absent when the provider gave none.
   OptionalTime<Date> date;
-  NSFileProviderItemCapabilities capabilities = 0;
+  /// Those of `NSFileProviderItemCapability` that `keptCapabilities` leaves.
+  std::uint16_t capabilities = 0;
   /// False for a version that says nothing of the contents.
   bool isVersionKnown = true;
 
@@ -47,7 +54,7 @@ struct There {
 ///
 /// A removed item is one without `here`; it needs no place among those that programs see. Owned by
 /// the tree's state, read under its lock, and changed by an `Edit` alone.
-class Item {
+class Item : public InSlabs {
  public:
   Item(ItemNumber number, Kind kind) : number_(number), kind_(kind) {}
 
@@ -89,8 +96,9 @@ class Item {
   void setRest(Rest rest);
   Rest rest() const;
 
-  ItemNumber number_;
-  Kind kind_;
+  /// In the room of one of the two.
+  ItemNumber number_ : 56;
+  Kind kind_ : 8;
   OptionalHere here_;
   Shared<There> there_;
   Shared<There> agreed_;

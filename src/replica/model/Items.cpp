@@ -8,56 +8,51 @@ namespace kestrowan::replica::model {
 
 namespace {
 
-/// Numbers that follow one another lie in one table, so that not all tables grow at once.
-constexpr unsigned kNeighbourBits = 10;
-
 // There may be a million of each.
-static_assert(sizeof(Item) <= 64);
-static_assert(sizeof(There) <= 72);
+static_assert(sizeof(Item) <= 56);
+static_assert(sizeof(There) <= 64);
 
 }  // namespace
 
-std::size_t Items::indexOf(ItemNumber number) {
-  return static_cast<std::size_t>(number) >> kNeighbourBits & (kTables - 1);
-}
-
 const Item* Items::find(ItemNumber number) const {
-  const std::size_t index = indexOf(number);
-  if (index >= tables_.size()) return nullptr;
-  const Table& table = tables_[index];
-  const auto found = table.find(number);
-  return found == table.end() ? nullptr : &*found;
+  const auto value = static_cast<std::uint64_t>(number);
+  const auto page = pages_.find(value / kPage);
+  return page == pages_.end() ? nullptr : page->second->items[value % kPage].get();
 }
 
 Item* Items::find(ItemNumber number) {
-  // Items hash by their numbers, which do not change.
   return const_cast<Item*>(std::as_const(*this).find(number));
 }
 
 Item& Items::add(Item item) {
-  const ItemNumber number = item.number();
-  const std::size_t index = indexOf(number);
-  if (index >= tables_.size()) tables_.resize(index + 1);
-  if (!tables_[index].insert(std::move(item)).second) {
-    fatalError("two items have one number");
-  }
+  const auto value = static_cast<std::uint64_t>(item.number());
+  auto added = std::make_unique<Item>(std::move(item));
+  auto page = pages_.find(value / kPage);
+  if (page == pages_.end()) page = pages_.emplace(value / kPage, std::make_unique<Page>()).first;
+  auto& place = page->second->items[value % kPage];
+  if (place) fatalError("two items have one number");
+  place = std::move(added);
+  ++page->second->count;
   ++size_;
-  return *find(number);
+  return *place;
 }
 
 void Items::remove(ItemNumber number) {
-  const std::size_t index = indexOf(number);
-  if (index >= tables_.size()) return;
-  Table& table = tables_[index];
-  const auto found = table.find(number);
-  if (found == table.end()) return;
-  table.erase(found);
+  const auto value = static_cast<std::uint64_t>(number);
+  const auto page = pages_.find(value / kPage);
+  if (page == pages_.end()) return;
+  auto& place = page->second->items[value % kPage];
+  if (!place) return;
+  place.reset();
   --size_;
+  if (--page->second->count == 0) pages_.erase(page);
 }
 
 void Items::forEach(const std::function<void(const Item&)>& visit) const {
-  for (const Table& table : tables_) {
-    for (const Item& item : table) visit(item);
+  for (const auto& [number, page] : pages_) {
+    for (const auto& item : page->items) {
+      if (item) visit(*item);
+    }
   }
 }
 

@@ -1,16 +1,18 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <unordered_set>
-#include <vector>
+#include <memory>
+#include <unordered_map>
 
 #include "replica/model/Item.h"
 
 namespace kestrowan::replica::model {
 
-/// The items of a tree by their numbers. An item keeps its address while it is among them. Kept in
-/// many small tables, so that no insertion has to move more than one of these. Guarded by its
+/// The items of a tree by their numbers. An item keeps its address while it is among them. Numbers
+/// follow one another, so each page of the table has the places of neighbours. Guarded by its
 /// owner.
 class Items {
  public:
@@ -25,26 +27,14 @@ class Items {
   void forEach(const std::function<void(const Item&)>& visit) const;
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(ItemNumber number) const noexcept {
-      return static_cast<std::size_t>(number);
-    }
-    std::size_t operator()(const Item& item) const noexcept { return (*this)(item.number()); }
+  static constexpr std::size_t kPage = 256;
+  struct Page {
+    std::array<std::unique_ptr<Item>, kPage> items;
+    std::size_t count = 0;
   };
-  struct Equal {
-    using is_transparent = void;
-    bool operator()(const Item& a, const Item& b) const { return a.number() == b.number(); }
-    bool operator()(const Item& a, ItemNumber b) const { return a.number() == b; }
-    bool operator()(ItemNumber a, const Item& b) const { return a == b.number(); }
-  };
-  using Table = std::unordered_set<Item, Hash, Equal>;
 
-  static constexpr std::size_t kTables = 256;
-  static std::size_t indexOf(ItemNumber number);
-
-  /// As many as are needed so far.
-  std::vector<Table> tables_;
+  /// Those that have an item.
+  std::unordered_map<std::uint64_t, std::unique_ptr<Page>> pages_;
   std::size_t size_ = 0;
 };
 

@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "replica/model/Slabs.h"
+
 namespace kestrowan::replica::model {
 
 /// An optional value that copies share until one of them is changed: whatever is reached through a
@@ -55,7 +57,9 @@ class Shared {
 
  private:
   /// Derived, so that the count takes the room that is left at the end of the value.
-  struct Node : T {
+  struct Node : T, InSlabs {
+    static_assert(alignof(T) <= Slabs::kAlignment);
+
     explicit Node(T value) : T(std::move(value)) {}
     std::atomic<std::uint32_t> owners = 1;
   };

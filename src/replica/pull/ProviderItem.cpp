@@ -50,7 +50,7 @@ There thereOf(const NSFileProviderItem& item, ItemNumber folder, std::string_vie
   there.version.text = keptVersion(options, std::move(version));
   there.size = std::clamp<std::int64_t>(item.documentSize().value_or(0), 0, kLargestSize);
   there.date = wholeDate(item.contentModificationDate());
-  there.capabilities = item.capabilities();
+  there.capabilities = model::keptCapabilities(item.capabilities());
   const auto own = item.itemIdentifier();
   if (!followsFromPlace(own, identifier, there.place.name)) there.identifier = own;
   return there;

@@ -39,7 +39,7 @@ There thereOf(const ItemRecord& record, bool isIdentifierDerived) {
   if (!isIdentifierDerived) there.identifier = base.identifier;
   there.size = base.size;
   if (base.date) there.date = Date(std::chrono::seconds(*base.date));
-  there.capabilities = base.capabilities;
+  there.capabilities = model::keptCapabilities(base.capabilities);
   // Bytes that are those of the base are known to be; changed ones are others.
   if (!record.contentsChanged && !record.removed) there.content = contentOf(record);
   return there;
@@ -143,7 +143,9 @@ TakenOver takenOver(const ItemRecord& record, const Surroundings& surroundings) 
   const bool isRoot = item.number == ItemNumber::root;
   if (isRoot) {
     There there;
-    if (record.base) there.capabilities = record.base->capabilities;
+    if (record.base) {
+      there.capabilities = model::keptCapabilities(record.base->capabilities);
+    }
     item.here = Here{};
     item.there = item.agreed = Shared<There>(there);
     item.attributes = attributesOf(record);

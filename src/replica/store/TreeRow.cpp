@@ -102,7 +102,7 @@ void putState(RowWriter& writer, const Shared<There>& state, std::string_view us
   writer.putUnlessEmpty(state->identifier.view());
   writer.putUnless(std::int64_t{0}, state->size);
   writer.putTime(state->date);
-  writer.putUnless(NSFileProviderItemCapabilities{0}, state->capabilities);
+  writer.putUnless(std::uint16_t{0}, state->capabilities);
   writer.putUnless(true, state->isVersionKnown);
 }
 
@@ -153,7 +153,8 @@ Shared<There> readState(RowReader& reader, std::string_view usualName, bool isRo
   there.size = std::min(reader.numberOr(0, 0, kMost), kLargestSize);
   there.date = reader.optionalTime<Date>(kFirstDate, kLastDate);
   // All 64 bits may be used.
-  there.capabilities = static_cast<NSFileProviderItemCapabilities>(reader.numberOr(0, kAny, kMost));
+  there.capabilities = model::keptCapabilities(
+      static_cast<NSFileProviderItemCapabilities>(reader.numberOr(0, kAny, kMost)));
   there.isVersionKnown = reader.flagOr(true);
   return there;
 }

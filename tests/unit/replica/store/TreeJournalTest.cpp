@@ -53,7 +53,7 @@ void fill(Edit& edit, ItemNumber number, ItemNumber folder) {
   There there{{folder, "there"}, {std::string("a\0b", 3)}, Content{71}};
   there.size = 1'000'000'000'000;
   there.date = model::Date(seconds(-5));
-  there.capabilities = ~NSFileProviderItemCapabilities{0};
+  there.capabilities = model::keptCapabilities(~NSFileProviderItemCapabilities{0});
   edit.setThere(number, there);
   there.isVersionKnown = false;
   there.date = std::nullopt;
