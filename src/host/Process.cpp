@@ -29,6 +29,8 @@ constexpr rlim_t kOwnDescriptors = 256;
 constexpr rlim_t kMostDescriptors = rlim_t{1} << 20;
 constexpr std::size_t kFewestForPrograms = 8;
 constexpr off_t kLargestLog = 4 << 20;  // bytes
+/// From this size on an allocation has pages of its own; larger than any buffer of a request.
+constexpr int kOwnPages = 512 << 10;  // bytes
 
 }  // namespace
 
@@ -45,6 +47,10 @@ void makeFilesPrivate() {
 void limitHeaps() {
   // One heap for each of the many threads keeps free memory apart in all of them.
   ::mallopt(M_ARENA_MAX, 2);
+  // What a large listing takes goes back to the system with it. Otherwise the limit above which an
+  // allocation has pages of its own grows with the largest one that was ever freed.
+  ::mallopt(M_MMAP_THRESHOLD, kOwnPages);
+  ::mallopt(M_TRIM_THRESHOLD, 2 * kOwnPages);
 }
 
 std::size_t raiseDescriptorLimit() {
