@@ -17,8 +17,8 @@ constexpr std::size_t kSomeEntries = 3;
 
 }  // namespace
 
-void ListingDigest::add(const std::string& name, const ListedEntry& entry) {
-  std::string text = name;
+void ListingDigest::add(std::string_view name, const ListedEntry& entry) {
+  std::string text(name);
   text += entry.kind == model::Kind::file ? '\0' : '/';
   text += entry.version.text;
   digest_ = digest_ * 31 + std::hash<std::string>{}(text);

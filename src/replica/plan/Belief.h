@@ -15,7 +15,7 @@ namespace kestrowan::replica::plan {
 class ListingDigest {
  public:
   /// In the order of the names.
-  void add(const std::string& name, const ListedEntry& entry);
+  void add(std::string_view name, const ListedEntry& entry);
   std::uint64_t value() const { return digest_ * 31 + count_; }
 
  private:

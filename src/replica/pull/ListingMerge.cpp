@@ -47,16 +47,15 @@ ListingMerge::ListingMerge(const Options& options, const Settler& settler)
     : options_(options), settler_(settler) {}
 
 plan::ListedEntry ListingMerge::planned(const State& state, const Item* folder,
-                                        const FolderListing::Entries::value_type& listed) const {
-  const auto& [name, entry] = listed;
-  plan::ListedEntry result{entry.kind, entry.there.version};
-  const Item* known = folder ? state.thereAt({folder->number(), name}) : nullptr;
-  const bool isSame = known && known->kind() == entry.kind &&
-                      (known->isFolder() || canBeSame(options_, *known->there(), entry.there));
+                                        const FolderListing::Entry& listed) const {
+  plan::ListedEntry result{listed.kind, listed.there.version};
+  const Item* known = folder ? state.thereAt({folder->number(), listed.name()}) : nullptr;
+  const bool isSame = known && known->kind() == listed.kind &&
+                      (known->isFolder() || canBeSame(options_, *known->there(), listed.there));
   if (isSame) {
     result.version = known->there()->version;
-  } else if (known && known->there()->version == entry.there.version) {
-    result.version.text = distinctVersion(entry.there);
+  } else if (known && known->there()->version == listed.there.version) {
+    result.version.text = distinctVersion(listed.there);
   }
   return result;
 }
@@ -76,19 +75,19 @@ std::optional<There> ListingMerge::detailed(const Item& item,
 }
 
 bool ListingMerge::isNews(const State& state, ItemNumber folder,
-                          const FolderListing::Entries::value_type& listed) const {
-  const Item* item = state.thereAt({folder, listed.first});
-  if (!item || item->kind() != listed.second.kind) return true;
-  const auto now = detailed(*item, listed.second);
+                          const FolderListing::Entry& listed) const {
+  const Item* item = state.thereAt({folder, listed.name()});
+  if (!item || item->kind() != listed.kind) return true;
+  const auto now = detailed(*item, listed);
   return !now || *now != *std::as_const(*item).there();
 }
 
 /// What an entry says beside the version: sizes, dates, what may be done.
 void ListingMerge::writeDetails(Edit& edit, const Item& folder,
-                                const FolderListing::Entries::value_type& listed) const {
-  const Item* item = edit->thereAt({folder.number(), listed.first});
-  if (!item || item->kind() != listed.second.kind) return;
-  const auto now = detailed(*item, listed.second);
+                                const FolderListing::Entry& listed) const {
+  const Item* item = edit->thereAt({folder.number(), listed.name()});
+  if (!item || item->kind() != listed.kind) return;
+  const auto now = detailed(*item, listed);
   const There& known = *item->there();
   if (!now || *now == known) return;
   if (item->isFolder()) showDate(edit, *item, known, *now);
@@ -107,8 +106,8 @@ void ListingMerge::writeEntries(Edit& edit, const Path& path, const SomeEntries&
   const Item* folder = edit->atPath(path);
   if (!folder) return;
   for (const auto* listed : entries) {
-    if (!plan::isUncertain(*edit, path.child(listed->first), answered)) {
-      plan::observeEntry(edit, {folder->number(), listed->first}, planned(*edit, folder, *listed));
+    if (!plan::isUncertain(*edit, path.child(listed->name()), answered)) {
+      plan::observeEntry(edit, {folder->number(), listed->name()}, planned(*edit, folder, *listed));
     }
     writeDetails(edit, *folder, *listed);
   }
@@ -135,7 +134,7 @@ plan::Written ListingMerge::write(Edit& edit, const std::vector<ItemNumber>& fol
     planned->isWhole = listing->provesAbsence();
     const Item* folder = edit->atPath(path);
     for (const auto& listed : listing->entries) {
-      planned->entries.emplace(listed.first, this->planned(*edit, folder, listed));
+      planned->entries.emplace(listed.name(), this->planned(*edit, folder, listed));
     }
   }
   auto written = plan::observe(edit, folders, shown, doubts);

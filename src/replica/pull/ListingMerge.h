@@ -17,7 +17,7 @@ namespace kestrowan::replica::pull {
 /// What was listed at some paths; null: there is no such folder.
 using FolderListings = std::map<model::Path, std::shared_ptr<const FolderListing>>;
 /// Some entries of one.
-using SomeEntries = std::vector<const FolderListing::Entries::value_type*>;
+using SomeEntries = std::vector<const FolderListing::Entry*>;
 
 /// Writes listings into the states, and settles what they show. Usable from every thread, within an
 /// edit.
@@ -37,10 +37,10 @@ class ListingMerge {
   /// What the planner is to know of an entry: its version is the one that is known when the
   /// contents can be the same. `folder`: null when it is not known.
   plan::ListedEntry planned(const model::State& state, const model::Item* folder,
-                            const FolderListing::Entries::value_type& listed) const;
+                            const FolderListing::Entry& listed) const;
   /// Whether `writeEntries` would change anything for the entry.
   bool isNews(const model::State& state, model::ItemNumber folder,
-              const FolderListing::Entries::value_type& listed) const;
+              const FolderListing::Entry& listed) const;
   /// Writes what some entries of a folder show, each where nothing of another kind is. What is
   /// uncertain stays as it is known. Nothing is settled.
   void writeEntries(model::Edit& edit, const model::Path& folder, const SomeEntries& entries,
@@ -54,7 +54,7 @@ class ListingMerge {
   std::optional<model::There> detailed(const model::Item& item,
                                        const FolderListing::Entry& entry) const;
   void writeDetails(model::Edit& edit, const model::Item& folder,
-                    const FolderListing::Entries::value_type& listed) const;
+                    const FolderListing::Entry& listed) const;
 
   const Options& options_;
   const Settler& settler_;

@@ -39,8 +39,8 @@ bool isDisturbed(const FolderListings& listings, const std::vector<Path>& touche
 bool isListed(const FolderListings& listings, const Path& path) {
   const auto above = listings.find(path.folder());
   if (above == listings.end() || !above->second) return false;
-  const auto found = above->second->entries.find(path.name());
-  return found != above->second->entries.end() && found->second.kind == model::Kind::folder;
+  const auto* found = above->second->find(path.name());
+  return found && found->kind == model::Kind::folder;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "async/Aside.h"
 #include "async/SleepFor.h"
+#include "platform/base/FreeMemory.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "replica/Log.h"
@@ -162,7 +163,10 @@ Task<Look::Outcome> Looks::writeInSlices(std::shared_ptr<Look> look) {
   for (;;) {
     const auto outcome = look->writeSlice(doubts_);
     if (outcome != Look::Outcome::more) {
-      async::Loop::Function forget = [&look] { look->forget(); };
+      async::Loop::Function forget = [&look] {
+        look->forget();
+        giveBackFreeMemory();
+      };
       co_await async::runAside(scope_, std::move(forget));
       co_return outcome;
     }
@@ -227,12 +231,14 @@ Task<std::shared_ptr<const FolderListing>> Looks::list(ItemNumber number,
   auto items = co_await ask(identifier, asker);
   std::shared_ptr<FolderListing> listing;
   const auto admit = [&] {
-    listing = std::make_shared<FolderListing>(items, number, identifier, options_);
-    items = {};
+    listing = std::make_shared<FolderListing>(std::move(items), number, identifier, options_);
   };
   // For a large folder that takes long.
   if (items.size() > SlicedMerge::kSlice) {
-    async::Loop::Function aside = admit;
+    async::Loop::Function aside = [&] {
+      admit();
+      giveBackFreeMemory();
+    };
     co_await async::runAside(scope_, std::move(aside));
   } else {
     admit();

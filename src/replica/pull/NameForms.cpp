@@ -51,8 +51,8 @@ bool NameForms::mayBeChanged() const {
 void NameForms::forgetSeen(const State& state, ItemNumber folder, const FolderListing& listing) {
   const std::lock_guard lock(mutex_);
   std::erase_if(given_, [&](const Given& given) {
-    return areChanged_ || (given.first == folder && (listing.entries.contains(given.second) ||
-                                                     !state.thereAt({folder, given.second})));
+    return areChanged_ || (given.first == folder &&
+                           (listing.find(given.second) || !state.thereAt({folder, given.second})));
   });
 }
 
@@ -61,8 +61,8 @@ std::shared_ptr<const FolderListing> NameForms::known(
   const Item* folder = state.atPath(path);
   if (!folder || (!mayBeChanged() && state.intents().in(path).empty())) return listing;
   std::set<std::string_view> names;
-  for (const auto& [name, entry] : listing->entries) {
-    if (plan::hasForms(name)) names.insert(names.end(), name);
+  for (const auto& entry : listing->entries) {
+    if (plan::hasForms(entry.name())) names.insert(names.end(), entry.name());
   }
   const auto forms = plan::knownForms(state, path, names, [&](std::string_view name) {
     const Item* item = state.thereAt({folder->number(), std::string(name)});
@@ -73,12 +73,7 @@ std::shared_ptr<const FolderListing> NameForms::known(
   forgetSeen(state, folder->number(), *listing);
   if (forms.empty()) return listing;
   auto result = std::make_shared<FolderListing>(*listing);
-  for (const auto& [shown, given] : forms) {
-    auto entry = result->entries.extract(shown);
-    entry.key() = given;
-    model::giveName(entry.mapped().there, given);
-    result->entries.insert(std::move(entry));
-  }
+  result->rename(forms);
   return result;
 }
 

@@ -34,8 +34,8 @@ std::size_t countBelow(const State& state, const Item& folder, std::size_t most)
 
 /// Whether the listing has an entry of the item's name and kind.
 bool isListed(const FolderListing& listing, const Item& item) {
-  const auto found = listing.entries.find(item.there()->place.name);
-  return found != listing.entries.end() && found->second.kind == item.kind();
+  const auto* found = listing.find(item.there()->place.name);
+  return found && found->kind == item.kind();
 }
 
 }  // namespace
@@ -70,10 +70,10 @@ plan::Shown SlicedMerge::shown(const Edit& edit, const std::vector<Path>& answer
     for (const Path& path : intent.paths()) {
       const auto listing = path.isRoot() ? listings_.end() : listings_.find(path.folder());
       if (listing == listings_.end() || !listing->second) continue;
-      const auto entry = listing->second->entries.find(path.name());
-      if (entry == listing->second->entries.end()) continue;
+      const auto* entry = listing->second->find(path.name());
+      if (!entry) continue;
       const Item* folder = edit->atPath(path.folder());
-      shown.listings[listing->first]->entries.emplace(entry->first,
+      shown.listings[listing->first]->entries.emplace(entry->name(),
                                                       merge_.planned(*edit, folder, *entry));
     }
   }
@@ -113,7 +113,7 @@ void SlicedMerge::compareEntries(const Tree& tree, Folder& folder) const {
     const View view(tree);
     const Item* known = view->find(folder.number);
     for (std::size_t i = 0; i < kSlice && next != entries.end(); ++i, ++next) {
-      digest.add(next->first, merge_.planned(*view, known, *next));
+      digest.add(next->name(), merge_.planned(*view, known, *next));
       if (merge_.isNews(*view, folder.number, *next)) folder.news.push_back(&*next);
     }
   }
@@ -140,7 +140,7 @@ void SlicedMerge::noteLacked(const State& state, Folder& folder, const Item& ite
   const std::string& name = item.there()->place.name;
   folder.lacked.push_back(item.number());
   const bool isOwn = plan::isOwnRemoval(state, folder.path.child(name));
-  if (!isOwn && item.here() && !folder.listing->entries.contains(name)) ++folder.lost;
+  if (!isOwn && item.here() && !folder.listing->find(name)) ++folder.lost;
   if (item.isFolder() && Belief::losesNothing(state, item)) lossless_.insert(item.number());
 }
 
@@ -219,9 +219,9 @@ bool SlicedMerge::writeAbsent(Edit& edit, Folder& folder, ItemNumber number,
     return isSure || Belief::losesNothing(*edit, file);
   });
   if (marked == plan::Marked::more) return false;
-  const auto entry = folder.listing->entries.find(name);
-  if (marked == plan::Marked::all && entry != folder.listing->entries.end()) {
-    merge_.writeEntries(edit, folder.path, {&*entry}, answered);
+  const auto* entry = folder.listing->find(name);
+  if (marked == plan::Marked::all && entry) {
+    merge_.writeEntries(edit, folder.path, {entry}, answered);
   }
   return true;
 }
