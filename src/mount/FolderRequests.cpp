@@ -78,10 +78,11 @@ class EntryBuffer {
   std::vector<replica::Rid> remembered_;
 };
 
-replica::Attributes dotAttributes(replica::Rid folder) {
+/// All that the kernel takes of an entry of which it learns the name.
+replica::Attributes nameOnly(replica::Rid item, replica::ItemKind kind) {
   replica::Attributes attributes;
-  attributes.rid = folder;
-  attributes.kind = replica::ItemKind::folder;
+  attributes.rid = item;
+  attributes.kind = kind;
   return attributes;
 }
 
@@ -98,15 +99,16 @@ std::optional<replica::Attributes> currentAttributes(Session& session, replica::
 /// kernel learns only names: an entry could stand for another item by now.
 void fill(EntryBuffer& buffer, Session& session, replica::Rid folder, const Snapshot& snapshot,
           off_t offset, bool withAttributes) {
-  if (offset == 0 && !buffer.add(".", dotAttributes(folder), 1, false)) return;
-  if (offset <= 1 && !buffer.add("..", dotAttributes(snapshot->parent), kDots, false)) return;
+  constexpr auto kFolder = replica::ItemKind::folder;
+  if (offset == 0 && !buffer.add(".", nameOnly(folder, kFolder), 1, false)) return;
+  if (offset <= 1 && !buffer.add("..", nameOnly(snapshot->parent, kFolder), kDots, false)) return;
   const auto& entries = snapshot->entries;
   for (auto index = static_cast<std::size_t>(std::max(offset, kDots) - kDots);
        index < entries.size(); ++index) {
     const auto& entry = entries[index];
     const auto next = static_cast<off_t>(index) + kDots + 1;
-    const auto current = withAttributes ? currentAttributes(session, entry.attributes.rid)
-                                        : std::optional(entry.attributes);
+    const auto current =
+        withAttributes ? currentAttributes(session, entry.rid) : nameOnly(entry.rid, entry.kind);
     if (!current) continue;
     if (!buffer.add(entry.name, *current, next, withAttributes)) return;
   }

@@ -11,6 +11,7 @@
 #include "replica/Caller.h"
 #include "replica/OpenFile.h"
 #include "replica/Records.h"
+#include "replica/model/Bytes.h"
 #include "replica/store/ContentFiles.h"
 
 namespace kestrowan::replica {
@@ -49,8 +50,10 @@ struct AttributeChange {
 /// One folder as it was when it was opened. Immutable.
 struct FolderSnapshot {
   struct Entry {
-    std::string name;
-    Attributes attributes;
+    /// Shares the bytes that the tree has.
+    model::Bytes name;
+    Rid rid = 0;
+    ItemKind kind = ItemKind::file;
   };
   /// The folder above; the root's is the root itself.
   Rid parent = kRootRid;

@@ -94,10 +94,11 @@ bool Folders::addEntries(ItemNumber folder, FolderSnapshot& snapshot) const {
     snapshot.parent = isRoot ? kRootRid : static_cast<Rid>(item.here()->place.folder);
     entries.reserve(view->countHereIn(folder));
   }
-  const std::string behind = entries.empty() ? std::string() : entries.back().name;
+  const model::Bytes behind = entries.empty() ? model::Bytes() : entries.back().name;
   const auto children = view->hereIn(folder, behind, kEntriesAtOnce);
   for (const Item* each : children) {
-    entries.push_back({each->here()->place.name, shown(*view, *each, rooms_.openItems)});
+    entries.push_back({each->here()->place.name, static_cast<Rid>(each->number()),
+                       each->isFolder() ? ItemKind::folder : ItemKind::file});
   }
   return children.size() == kEntriesAtOnce;
 }
