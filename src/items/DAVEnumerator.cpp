@@ -34,9 +34,13 @@ Task<void> DAVEnumerator::listItems(std::shared_ptr<DAVEnumerator> self,
                                     std::shared_ptr<NSFileProviderEnumerationObserver> observer) {
   std::vector<NSFileProviderItemPtr> items;
   try {
-    const auto entries = co_await self->client_->list(self->containerPath_);
+    auto entries = co_await self->client_->list(self->containerPath_);
     items.reserve(entries.size());
-    for (const auto& entry : entries) items.push_back(FPItem::make(entry));
+    for (auto& entry : entries) {
+      items.push_back(FPItem::make(entry));
+      // There may be a million.
+      entry = {};
+    }
   } catch (const NSError& error) {
     fpLog().error("enumerate %{public}s failed: %{public}s",
                   {self->containerPath_, error.localizedDescription()});
