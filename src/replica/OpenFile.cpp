@@ -15,6 +15,27 @@ OpenFile::~OpenFile() {
   guarded("the close of a file", [this] { files_.closed(*this); });
 }
 
+bool OpenFile::isArriving() const {
+  std::shared_lock lock(contents_->mutex);
+  return contents_->stream != nullptr;
+}
+
+Task<void> OpenFile::arrival(std::int64_t offset, std::size_t size) const {
+  pull::Stream::Reader stream;
+  {
+    std::shared_lock lock(contents_->mutex);
+    stream = contents_->stream;
+  }
+  if (!stream) co_return;
+  auto arrived = pull::Stream::arrival(stream, offset + static_cast<std::int64_t>(size));
+  co_await std::move(arrived);
+}
+
+std::size_t OpenFile::waitingReads() const {
+  std::shared_lock lock(contents_->mutex);
+  return contents_->stream ? contents_->stream->waiting() : 0;
+}
+
 OpenFile::Change::Change(const OpenFile& file) : file_(file) {
   for (;;) {
     lock_ = std::shared_lock(file.contents_->mutex);

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/fileprovider/NSFileProviderItem.h"
+#include "replica/remote/ArrivingContents.h"
 #include "replica/remote/IdentifierForm.h"
 
 namespace kestrowan::replica {
@@ -38,6 +39,11 @@ struct Options {
   /// and must not call back.
   std::function<bool(const NSFileProviderItemIdentifier& folder, std::chrono::milliseconds age)>
       cameWhole;
+  /// Tells of contents while they arrive. When this is empty, every file is fetched whole before it
+  /// is opened.
+  remote::ArrivalWatch watchArrival;
+  /// Files of at least so many bytes can be read while they arrive; 0 for none.
+  std::int64_t streamFrom = std::int64_t{1} << 20;
   /// Stands in the names of conflict copies.
   std::string hostName = "here";
 

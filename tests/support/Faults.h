@@ -9,6 +9,7 @@
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "platform/foundation/NSError.h"
+#include "support/MemoryArrivals.h"
 #include "support/MemoryItem.h"
 
 namespace kestrowan::test {
@@ -49,6 +50,8 @@ struct Fault {
   /// Of a listing: only so many entries, 0 for an empty one; and more entries at its end.
   std::optional<std::size_t> entries = std::nullopt;
   std::vector<NSFileProviderItemPtr> moreEntries = {};
+  /// Of a fetch: how its contents arrive, instead of all at once.
+  std::optional<Arriving> arriving = std::nullopt;
   /// Of a fetch: only so many bytes in the file.
   std::optional<std::int64_t> fileSize = std::nullopt;
   /// The last request of the call, for the item's state, is answered without an entry.

@@ -92,6 +92,24 @@ std::string newFileIn(const std::string& directory) {
   return directory + "/fetched-" + std::to_string(++last);
 }
 
+/// What a fetch reads, and how it is delivered.
+struct Fetch {
+  std::string file;
+  std::string path;
+  std::string bytes;
+  std::string version;
+  std::optional<Arriving> arriving;
+  bool withoutEntry = false;
+
+  /// As the server has it now.
+  NSFileProviderItemPtr item(const MemoryItems& items) const {
+    const auto entry = items.server().stat(path);
+    if (entry && !withoutEntry) return items.item(*entry);
+    return items.itemWithoutEntry(path, false, "downloaded",
+                                  static_cast<std::int64_t>(bytes.size()));
+  }
+};
+
 CallRunner::Complete writeAnswer(WriteCompletion completionHandler) {
   return [handler = std::move(completionHandler)](const Reply& reply) {
     handler(reply.error ? nullptr : reply.item, 0, false, reply.error);
@@ -104,7 +122,9 @@ InMemoryExtension::InMemoryExtension(async::Loop& loop, std::string directory,
                                      std::shared_ptr<MemoryServer> server, InMemoryOptions options)
     : loop_(loop),
       runner_(std::make_shared<CallRunner>(loop)),
-      items_(std::make_shared<const MemoryItems>(std::move(server), std::move(options))),
+      items_(std::make_shared<const MemoryItems>(std::move(server), options)),
+      arriving_(options.arriving),
+      arrivals_(std::make_shared<MemoryArrivals>(loop)),
       directory_(std::move(directory)) {}
 
 InMemoryExtension::~InMemoryExtension() = default;
@@ -201,29 +221,39 @@ std::shared_ptr<NSProgress> InMemoryExtension::fetchContents(
     FetchCompletion completionHandler) {
   auto progress = std::make_shared<NSProgress>(kFetchUnits);
   const auto path = items_->path(forIdentifier);
+  const auto fetch = std::make_shared<Fetch>();
+  fetch->file = newFileIn(directory_);
   runner_->run(
       {.kind = CallKind::fetchContents, .path = path.value_or(forIdentifier)},
-      [items = items_, directory = directory_, identifier = forIdentifier](Requests& requests,
-                                                                           Reply& reply) {
+      [items = items_, fetch, identifier = forIdentifier, usual = arriving_](Requests& requests,
+                                                                             Reply& reply) {
         const auto now = items->path(identifier);
         auto bytes = now ? items->server().read(*now) : std::nullopt;
         if (!bytes) throwUnreachable();
         const auto& fault = requests.fault();
         if (fault.fileSize) bytes->resize(static_cast<std::size_t>(*fault.fileSize));
-        const auto file = newFileIn(directory);
-        std::ofstream(file, std::ios::binary) << *bytes;
+        fetch->path = *now;
+        fetch->bytes = std::move(*bytes);
+        fetch->arriving = fault.arriving ? fault.arriving : usual;
+        if (const auto entry = items->server().stat(*now)) {
+          fetch->version = items->item(*entry)->itemVersion().contentVersion;
+        }
+        if (!fetch->arriving) std::ofstream(fetch->file, std::ios::binary) << fetch->bytes;
         requests.firstIsDone();
-        const auto entry = items->server().stat(*now);
-        reply.file = NSURL::fileURLWithPath(file);
-        reply.item = entry && !fault.withoutEntry
-                         ? items->item(*entry)
-                         : items->itemWithoutEntry(*now, false, "downloaded",
-                                                   static_cast<std::int64_t>(bytes->size()));
+        fetch->withoutEntry = fault.withoutEntry;
+        reply.file = NSURL::fileURLWithPath(fetch->file);
+        reply.item = fetch->item(*items);
       },
-      [progress, handler = std::move(completionHandler)](const Reply& reply) {
+      [progress, fetch, call = Abandonment::current(), items = items_, arrivals = arrivals_,
+       handler = std::move(completionHandler)](const Reply& reply) {
         if (reply.error) return handler(std::nullopt, nullptr, reply.error);
         progress->setCompletedUnitCount(kFetchUnits);
-        handler(reply.file, reply.item, std::nullopt);
+        if (!fetch->arriving) return handler(reply.file, reply.item, std::nullopt);
+        arrivals->deliver(call, fetch->version, fetch->bytes, fetch->file, *fetch->arriving,
+                          [=](const std::optional<NSError>& error) {
+                            if (error) return handler(std::nullopt, nullptr, error);
+                            handler(reply.file, fetch->item(*items), std::nullopt);
+                          });
       });
   return progress;
 }

@@ -21,6 +21,8 @@ struct InMemoryOptions {
   bool opaqueIdentifiers = false;
   /// Entries of one page of a listing; 0 for all.
   std::size_t pageSize = 0;
+  /// How contents arrive for which nothing else is said; all at once when nothing is.
+  std::optional<Arriving> arriving = std::nullopt;
   /// What can only be read; empty for nothing.
   std::function<bool(std::string_view path)> isProtected = {};
 };
@@ -48,6 +50,8 @@ class InMemoryExtension : public NSFileProviderReplicatedExtension {
   void setDown(bool isDown);
   /// An empty function ends all faults.
   void setFaults(FaultHook hook);
+  /// What tells the replica of contents that arrive.
+  MemoryArrivals& arrivals() const { return *arrivals_; }
   /// Completes the calls that hang, with what they came to. Says how many there were.
   std::size_t releaseHung();
 
@@ -97,6 +101,8 @@ class InMemoryExtension : public NSFileProviderReplicatedExtension {
   async::Loop& loop_;
   const std::shared_ptr<CallRunner> runner_;
   const std::shared_ptr<const MemoryItems> items_;
+  const std::optional<Arriving> arriving_;
+  const std::shared_ptr<MemoryArrivals> arrivals_;
   const std::string directory_;
 };
 

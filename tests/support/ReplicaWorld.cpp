@@ -22,6 +22,9 @@ ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
            version.starts_with("downloaded|");
   };
   server_ = std::make_shared<MemoryServer>([this] { return loop_.wallClock() / 1000; });
+  options_.watchArrival = [this](const NSFileProviderItemIdentifier&, auto begun) {
+    return extension_->arrivals().watch(std::move(begun));
+  };
   begin();
   connect();
 }
@@ -147,8 +150,29 @@ std::string ReplicaWorld::readFrom(const OpenFile& file) {
   }
 }
 
+std::string ReplicaWorld::readArriving(const std::shared_ptr<OpenFile>& file, std::int64_t offset,
+                                       std::size_t size) {
+  std::string bytes;
+  ssize_t result = 0;
+  const auto use = [&](int fd, std::size_t count) {
+    bytes.resize(count);
+    result = ::pread(fd, bytes.data(), count, offset);
+  };
+  while (!file->readArrived(offset, size, use)) await(file->arrival(offset, size));
+  if (result < 0) throw posixError(errno);
+  bytes.resize(static_cast<std::size_t>(result));
+  return bytes;
+}
+
 std::string ReplicaWorld::read(std::string_view path) {
-  return readFrom(*open(path, {}));
+  constexpr std::size_t kPiece = 128 * 1024;
+  const auto file = open(path, {});
+  std::string bytes;
+  for (;;) {
+    const auto piece = readArriving(file, static_cast<std::int64_t>(bytes.size()), kPiece);
+    if (piece.empty()) return bytes;
+    bytes += piece;
+  }
 }
 
 void ReplicaWorld::write(std::string_view path, std::string_view bytes) {

@@ -65,6 +65,9 @@ class ReplicaWorld {
   std::vector<std::string> history();
 
   static void writeTo(const replica::OpenFile& file, std::string_view bytes, std::int64_t at = 0);
+  /// What `read` gives a program; waits for it. Throws its error.
+  std::string readArriving(const std::shared_ptr<replica::OpenFile>& file, std::int64_t offset,
+                           std::size_t size);
   static std::string readFrom(const replica::OpenFile& file);
 
   /// The number of the item at a path. Throws ENOENT.

@@ -264,13 +264,17 @@ void ContentChanges::empty(ItemNumber file) {
     const Content number = made.number();
     rooms_.history.noteWritten(static_cast<ContentNumber>(number));
     UniqueFd empty = made.keep();
+    pull::Stream::Reader stream;
     if (open) {
+      stream = std::move(open->stream);
       open->file = std::move(empty);
       open->number = number;
       open->mayChange = true;
       open->size = 0;
       open->modified = FileTime(rooms_.now()).time_since_epoch().count();
+      still.unlock();
     }
+    if (stream) stream->stir();
     const bool isWritten = rooms_.openItems.isWritten(file);
     rooms_.outbox.noteChange(file, isWritten ? kQuietTime : rooms_.options.sendDelay);
     return;

@@ -109,7 +109,10 @@ Task<std::shared_ptr<OpenFile>> Files::open(ItemNumber number, OpenMode mode) {
     auto waiting = rooms_.background.turn(mode.caller, sizeOf(number));
     const auto turn = co_await std::move(waiting);
     // Contents that came a moment ago may have been given up again to make room.
-    co_await fetch(number);
+    auto fetching = fetch(number, turn || !mayStream(number, mode));
+    auto stream = co_await std::move(fetching);
+    if (!stream) continue;
+    if (auto file = openedArriving(number, std::move(stream))) co_return file;
   }
 }
 
@@ -120,14 +123,53 @@ std::int64_t Files::sizeOf(ItemNumber number) const {
   return item && item->there() ? item->there()->size : 0;
 }
 
-Task<void> Files::fetch(ItemNumber number) {
+/// Whether the file may be read while its contents arrive. A program is run from whole ones.
+bool Files::mayStream(ItemNumber number, OpenMode mode) const {
+  if (mode.write || !rooms_.options.watchArrival || rooms_.options.streamFrom <= 0) return false;
+  constexpr std::uint16_t kRunning = 0111;
+  const View view(rooms_.tree);
+  const Item* item = view->find(number);
+  return item && item->there() && item->there()->size >= rooms_.options.streamFrom &&
+         (item->attributes().mode.value_or(0) & kRunning) == 0;
+}
+
+/// Null when something else is to be read of the file now.
+std::shared_ptr<OpenFile> Files::openedArriving(ItemNumber number, pull::Stream::Reader stream) {
+  rooms_.openItems.handOver(number);
+  std::shared_ptr<OpenContents> contents;
+  {
+    const View view(rooms_.tree);
+    const Item* item = view->find(number);
+    const bool isShown = item && item->here() && item->here()->content == Content::none &&
+                         item->there() && item->there()->version == stream->version();
+    if (!isShown) return nullptr;
+    const auto seen = shown(*view, *item, rooms_.openItems);
+    contents = rooms_.openItems.openArriving(number, std::move(stream), seen.modified);
+  }
+  rooms_.space.noteUse(number);
+  return std::make_shared<OpenFile>(*this, static_cast<Rid>(number), std::move(contents), false);
+}
+
+/// Null when the contents are here now.
+Task<pull::Stream::Reader> Files::fetch(ItemNumber number, bool isWhole) {
+  pull::Stream::Reader stream;
   std::optional<NSError> problem;
   try {
-    co_await rooms_.downloader.fetch(number);
+    if (isWhole) {
+      co_await rooms_.downloader.fetch(number);
+    } else {
+      auto opening = rooms_.downloader.open(number);
+      stream = co_await std::move(opening);
+    }
   } catch (const NSError& error) {
     problem = error;
   }
   if (problem) co_await explain(number, *problem);
+  if (!stream) requireHope(number);
+  co_return stream;
+}
+
+void Files::requireHope(ItemNumber number) const {
   const View view(rooms_.tree);
   const Item* item = view->find(number);
   // Contents that the provider has, but that are not what is shown here, are waited for in vain.
@@ -159,6 +201,7 @@ Task<void> Files::explain(ItemNumber number, NSError error) {
 }
 
 std::shared_ptr<OpenFile> Files::opened(ItemNumber number, Content content, bool isWritable) {
+  rooms_.openItems.handOver(number);
   auto contents = rooms_.openItems.open(number, content, isWritable);
   if (isWritable) noteChangeDate(number, *contents);
   rooms_.space.noteUse(number);
@@ -225,6 +268,7 @@ Task<void> Files::flush(std::shared_ptr<OpenFile> file) {
 
 Task<void> Files::fsync(std::shared_ptr<OpenFile> file) {
   const ItemNumber number{file->rid()};
+  if (file->isArriving()) co_return;
   UniqueFd synced;
   file->read([&](int fd) {
     synced = UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 0));

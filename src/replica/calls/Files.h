@@ -39,7 +39,10 @@ class Files {
   model::Content openable(model::ItemNumber file) const;
   Task<void> lookAtFolder(model::ItemNumber file);
   std::int64_t sizeOf(model::ItemNumber file) const;
-  Task<void> fetch(model::ItemNumber file);
+  bool mayStream(model::ItemNumber file, OpenMode mode) const;
+  std::shared_ptr<OpenFile> openedArriving(model::ItemNumber file, pull::Stream::Reader stream);
+  Task<pull::Stream::Reader> fetch(model::ItemNumber file, bool isWhole);
+  void requireHope(model::ItemNumber file) const;
   Task<void> explain(model::ItemNumber file, NSError error);
   void cut(model::ItemNumber file, OpenFile& open, std::int64_t size);
   void noteSize(model::ItemNumber file, std::int64_t size);

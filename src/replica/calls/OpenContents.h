@@ -8,6 +8,7 @@
 
 #include "platform/base/UniqueFd.h"
 #include "replica/model/Numbers.h"
+#include "replica/pull/Stream.h"
 
 namespace kestrowan::replica::calls {
 
@@ -20,8 +21,11 @@ struct OpenContents {
   std::mutex preparing;
   /// That of its descriptor among those of programs.
   std::shared_ptr<void> place;
+  /// None while the contents are on their way.
   UniqueFd file;
   model::Content number = model::Content::none;
+  /// What can be read of contents that are on their way; null once they are here.
+  pull::Stream::Reader stream;
 
   /// Only the item itself needs these bytes, and it stands on disk that they are changed: a write
   /// needs no preparation. Set and cleared under `mutex`.

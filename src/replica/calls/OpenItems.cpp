@@ -80,6 +80,52 @@ std::shared_ptr<OpenContents> OpenItems::open(ItemNumber file, Content content, 
   return contents;
 }
 
+std::shared_ptr<OpenContents> OpenItems::openArriving(ItemNumber file, pull::Stream::Reader stream,
+                                                      std::int64_t modified) {
+  std::lock_guard lock(mutex_);
+  Entry& entry = entries_[file];
+  auto contents = entry.contents.lock();
+  if (!contents) {
+    contents = std::make_shared<OpenContents>();
+    contents->place = places_.take();
+    contents->number = stream->number();
+    contents->size = stream->size();
+    contents->modified = modified;
+    contents->stream = std::move(stream);
+    entry.contents = contents;
+  }
+  ++entry.handles;
+  return contents;
+}
+
+void OpenItems::handOver(ItemNumber file) {
+  const auto contents = contentsOf(file);
+  if (!contents) return;
+  Content here = Content::none;
+  {
+    const View view(tree_);
+    const Item* item = view->find(file);
+    if (item && item->here()) here = item->here()->content;
+  }
+  pull::Stream::Reader read;
+  {
+    std::lock_guard still(contents->mutex);
+    if (!contents->stream) return;
+    if (!contents->stream->hasFailed()) {
+      if (here == Content::none) return;
+      contents->file = contents_.open(here);
+      contents->number = here;
+      read = std::move(contents->stream);
+    }
+  }
+  if (read) return read->stir();
+  std::lock_guard lock(mutex_);
+  const auto found = entries_.find(file);
+  if (found != entries_.end() && found->second.contents.lock() == contents) {
+    found->second.contents.reset();
+  }
+}
+
 bool OpenItems::close(ItemNumber file, bool isWritable) {
   std::lock_guard lock(mutex_);
   const auto found = entries_.find(file);

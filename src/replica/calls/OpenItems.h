@@ -38,6 +38,13 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
   /// what opening them throws.
   std::shared_ptr<OpenContents> open(model::ItemNumber file, model::Content content,
                                      bool isWritable);
+  /// The same for contents on their way, to be read only. `modified` is what programs see. May be
+  /// called with a view of the tree.
+  std::shared_ptr<OpenContents> openArriving(model::ItemNumber file, pull::Stream::Reader stream,
+                                             std::int64_t modified);
+  /// Handles on contents that were on their way have those that are here, if they are now. What
+  /// will not come any more is not shared with further handles. Throws what opening them throws.
+  void handOver(model::ItemNumber file);
   /// One handle less. Whether it was the last one for writing.
   bool close(model::ItemNumber file, bool isWritable);
 

@@ -42,6 +42,9 @@ constexpr int kTries = 3;
 /// A file of more bytes is looked through beside the loop.
 constexpr std::int64_t kLarge = 1 << 20;
 
+/// So many fetches that nothing reads any more may go on for a moment while others begin.
+constexpr std::size_t kMostUnread = 2;
+
 /// A downloaded file that goes unless it was taken.
 class Fetched {
  public:
@@ -62,11 +65,17 @@ std::int64_t sizeOfFile(const std::string& path) {
   return status.st_size;
 }
 
+/// Whether these are what is wanted, as far as that is known before they have come.
+bool isRight(const There& before, const remote::ArrivingContents& contents) {
+  if (contents.size() != before.size) return false;
+  return contents.isOf(NSData(plainVersion(before.version.text)));
+}
+
 }  // namespace
 
 Downloader::Downloader(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
                        remote::Health& health, const Options& options, store::Contents& contents,
-                       const Settler& settler, Space& space, Freezer& freezer)
+                       const Settler& settler, Space& space, Freezer& freezer, Arrived arrived)
     : tree_(tree),
       scope_(scope),
       provider_(provider),
@@ -75,7 +84,8 @@ Downloader::Downloader(model::Tree& tree, async::Scope& scope, remote::Provider&
       contents_(contents),
       settler_(settler),
       space_(space),
-      freezer_(freezer) {}
+      freezer_(freezer),
+      arrived_(std::move(arrived)) {}
 
 /// The contents that the provider has are not here.
 bool Downloader::isWanted(const Item& file) {
@@ -90,9 +100,22 @@ Task<void> Downloader::fetch(ItemNumber number) {
     if (!isWanted(*file)) co_return;
   }
   auto waiter = std::make_shared<OneShot<void>>(scope_);
-  begin(number, waiter);
+  if (flights_.await(number, waiter)) scope_.spawn(run(number));
   auto fetched = OneShot<void>::result(std::move(waiter));
   co_await std::move(fetched);
+}
+
+Task<Stream::Reader> Downloader::open(ItemNumber number) {
+  {
+    const View view(tree_);
+    const Item* file = view->find(number);
+    if (!file) throw posixError(ESTALE);
+    if (!isWanted(*file)) co_return nullptr;
+  }
+  auto opener = std::make_shared<OneShot<Stream::Reader>>(scope_);
+  if (flights_.await(number, opener)) scope_.spawn(run(number));
+  auto opened = OneShot<Stream::Reader>::result(std::move(opener));
+  co_return co_await std::move(opened);
 }
 
 void Downloader::fetchSoon(ItemNumber number) {
@@ -101,40 +124,38 @@ void Downloader::fetchSoon(ItemNumber number) {
     const Item* file = view->find(number);
     if (!file || !isWanted(*file) || !health_.isUp()) return;
   }
-  begin(number, nullptr);
-}
-
-void Downloader::begin(ItemNumber number, std::shared_ptr<OneShot<void>> waiter) {
-  std::lock_guard lock(mutex_);
-  const auto found = waiters_.find(number);
-  if (found == waiters_.end()) scope_.spawn(run(number));
-  Waiters& waiters = waiters_[number];
-  if (waiter) waiters.push_back(std::move(waiter));
-}
-
-std::int64_t Downloader::inFlight() const {
-  std::lock_guard lock(mutex_);
-  return static_cast<std::int64_t>(waiters_.size());
+  if (flights_.want(number)) scope_.spawn(run(number));
 }
 
 Task<void> Downloader::run(ItemNumber number) {
   std::exception_ptr problem;
-  try {
-    co_await attempt(number);
-  } catch (...) {
-    problem = std::make_exception_ptr(caughtError());
+  std::optional<Flights::Ended> ended;
+  while (!ended) {
+    problem = nullptr;
+    try {
+      co_await attempt(number);
+    } catch (...) {
+      problem = std::make_exception_ptr(caughtError());
+    }
+    ended = flights_.end(number, problem != nullptr);
   }
-  Waiters waiters;
-  {
-    std::lock_guard lock(mutex_);
-    waiters = std::move(waiters_[number]);
-    waiters_.erase(number);
+  if (ended->stream) {
+    if (!problem) arrived_(number);
+    // Those who still read it there get nothing else.
+    ended->stream->fail();
   }
-  for (const auto& waiter : waiters) {
+  for (const auto& waiter : ended->waiters) {
     if (problem) {
       waiter->reject(problem);
     } else {
       waiter->resolve();
+    }
+  }
+  for (const auto& opener : ended->openers) {
+    if (problem) {
+      opener->reject(problem);
+    } else {
+      opener->resolve(nullptr);
     }
   }
 }
@@ -153,46 +174,111 @@ Task<void> Downloader::attempt(ItemNumber number) {
       before = *file->there();
       identifier = view->identifier(*file);
     }
-    auto room = space_.takeFree(before.size);
-    if (!room) {
-      async::Loop::Function take = [&] { room = space_.take(before.size); };
-      co_await async::runAside(scope_, std::move(take));
-    }
+    auto taking = roomFor(before.size);
+    const auto room = co_await std::move(taking);
     std::optional<NSError> problem;
     remote::FetchedFile fetched;
     try {
-      fetched = co_await provider_.fetch(identifier, before.size);
+      auto fetching = fetchOnce(number, identifier, before);
+      fetched = co_await std::move(fetching);
     } catch (...) {
       problem = caughtError();
     }
+    // Says nothing of the server.
+    if (problem && flights_.isCancelled(number)) throw *problem;
     health_.note(problem);
     if (!problem) {
-      const Fetched file(fetched.path);
-      bool isTaken = false;
-      async::Loop::Function take = [&] {
-        isTaken = adopt(number, before, fetched, tries >= kTries);
-      };
-      if (sizeOfFile(file.path()) > kLarge) {
-        co_await async::runAside(scope_, std::move(take));
-      } else {
-        take();
-      }
-      if (isTaken) co_return;
+      auto adopting = take(number, before, fetched, tries >= kTries);
+      if (co_await std::move(adopting)) co_return;
       continue;
     }
-    // Perhaps it was looked for where it no longer is.
-    bool hasMoved = false;
-    {
-      const View view(tree_);
-      const Item* file = view->find(number);
-      hasMoved = file && file->there() && view->identifier(*file) != identifier;
-    }
     if (tries >= kTries) throw *problem;
-    if (hasMoved) continue;
+    // Perhaps it was looked for where it no longer is.
+    if (hasMoved(number, identifier)) continue;
     const NSError error = *problem;
     auto again = retry.after(error);
-    if (!co_await std::move(again)) throw error;
+    if (!co_await std::move(again) || flights_.isCancelled(number)) throw error;
   }
+}
+
+Task<std::shared_ptr<void>> Downloader::roomFor(std::int64_t bytes) {
+  auto room = space_.takeFree(bytes);
+  if (!room) {
+    async::Loop::Function take = [&] { room = space_.take(bytes); };
+    co_await async::runAside(scope_, std::move(take));
+  }
+  co_return room;
+}
+
+Task<remote::FetchedFile> Downloader::fetchOnce(ItemNumber number,
+                                                NSFileProviderItemIdentifier identifier,
+                                                There before) {
+  std::shared_ptr<void> watch;
+  std::function<void()> begun;
+  if (options_.watchArrival && options_.streamFrom > 0 && before.size >= options_.streamFrom) {
+    flights_.cancelUnread(kMostUnread);
+    begun = [&] {
+      watch = options_.watchArrival(identifier, [this, number, before](auto contents) {
+        contents->setLimit(Stream::kAhead);
+        scope_.post([this, number, before, contents = std::move(contents)] {
+          noteArrival(number, before, contents);
+        });
+      });
+    };
+  }
+  try {
+    auto fetching = provider_.fetch(identifier, before.size, std::move(begun));
+    auto fetched = co_await std::move(fetching);
+    flights_.pause(number);
+    co_return fetched;
+  } catch (...) {
+    flights_.pause(number);
+    throw;
+  }
+}
+
+void Downloader::noteArrival(ItemNumber number, const There& before,
+                             const Flights::Contents& contents) {
+  auto stream = flights_.stream(number);
+  const bool isOther = stream && (stream->version() != before.version || stream->isWhole());
+  if (isOther) stream->fail();
+  // Without a version they continue nothing: they may be of another one than what was read.
+  const bool continues = stream && !isOther && !stream->hasFailed();
+  const bool isReadable = isRight(before, *contents) && (!continues || contents->hasVersion());
+  if (!isReadable) {
+    contents->setLimit(remote::ArrivingContents::kNoLimit);
+    if (continues && contents->hasVersion()) stream->fail();
+    return;
+  }
+  if (!continues) {
+    stream = std::make_shared<Stream>(scope_, before.version, contents_.next(), before.size,
+                                      [this, number] { flights_.cancelUnread(number); });
+  }
+  if (!stream->goOn(contents)) {
+    contents->setLimit(remote::ArrivingContents::kNoLimit);
+    return;
+  }
+  flights_.arrive(number, std::move(stream), contents, provider_.excuse(before.size));
+}
+
+Task<bool> Downloader::take(ItemNumber number, There before, remote::FetchedFile fetched,
+                            bool isLast) {
+  const Fetched file(fetched.path);
+  if (const auto stream = flights_.stream(number)) stream->finish();
+  bool isTaken = false;
+  async::Loop::Function take = [&] { isTaken = adopt(number, before, fetched, isLast); };
+  if (sizeOfFile(file.path()) > kLarge) {
+    co_await async::runAside(scope_, std::move(take));
+  } else {
+    take();
+  }
+  co_return isTaken;
+}
+
+bool Downloader::hasMoved(ItemNumber number, const NSFileProviderItemIdentifier& identifier) const {
+  const View view(tree_);
+  const Item* file = view->find(number);
+  return file && file->there() && view->identifier(*file) != identifier;
 }
 
 /// Takes a fetched file as contents; false when it has to be fetched again.
@@ -235,7 +321,9 @@ bool Downloader::adopt(ItemNumber number, const There& before, const remote::Fet
     write(number, before, now, same);
     return true;
   }
-  auto made = contents_.adopt(fetched.path);
+  const auto stream = flights_.stream(number);
+  const bool wasRead = stream && stream->isWhole() && stream->version() == before.version;
+  auto made = contents_.adopt(fetched.path, wasRead ? stream->number() : contents_.next());
   if (write(number, before, now, made.number())) made.keep();
   return true;
 }

@@ -58,10 +58,11 @@ There agreedWith(const Item& item) {
 
 }  // namespace
 
-Settler::Settler(const plan::Names& names, const async::Loop& loop, Question isWritten,
-                 Question isAwaited)
+Settler::Settler(const plan::Names& names, const async::Loop& loop, Question isOpen,
+                 Question isWritten, Question isAwaited)
     : names_(names),
       loop_(loop),
+      isOpen_(std::move(isOpen)),
       isWritten_(std::move(isWritten)),
       isAwaited_(std::move(isAwaited)) {}
 
@@ -123,14 +124,15 @@ void Settler::show(Edit& edit, const Settle& step) {
   edit.setAttributes(step.item, std::move(attributes));
 }
 
-void Settler::pull(Edit& edit, ItemNumber number) {
+void Settler::pull(Edit& edit, ItemNumber number) const {
   const Item& item = edit->item(number);
   Attributes attributes = lastingAttributes(item.attributes());
   const Here here{item.here()->place, item.there()->content};
   const There there = *item.there();
   const There agreed = agreedWith(item);
   ItemNumber shown = number;
-  if (item.here()->content != Content::none) {
+  // What is not here may be on its way to a program that has it open.
+  if (item.here()->content != Content::none || (item.isFile() && isOpen_(number))) {
     shown = edit.make(Kind::file);
     hand(edit, number, shown);
     edit.drop(number);

@@ -20,10 +20,9 @@ class Settler {
   /// Whether something holds of an item. Called within edits, from every thread.
   using Question = std::function<bool(model::ItemNumber)>;
 
-  /// `isWritten`: a program has the file open to be written. `isAwaited`: a call waits for the
-  /// provider's word on the item. `names` and `loop` must
-  /// outlive it.
-  Settler(const plan::Names& names, const async::Loop& loop, Question isWritten,
+  /// `isOpen`: a program has the file open. `isWritten`: to be written. `isAwaited`: a call waits
+  /// for the provider's word on the item. `names` and `loop` must outlive it.
+  Settler(const plan::Names& names, const async::Loop& loop, Question isOpen, Question isWritten,
           Question isAwaited);
 
   /// Settles everything that can be settled without a request. A file that a program has open to be
@@ -38,12 +37,13 @@ class Settler {
 
  private:
   bool mustWait(const model::Edit& edit, const plan::Settle& step) const;
-  static void pull(model::Edit& edit, model::ItemNumber number);
+  void pull(model::Edit& edit, model::ItemNumber number) const;
   static void layBeside(model::Edit& edit, const plan::Settle& step);
   static void show(model::Edit& edit, const plan::Settle& step);
 
   const plan::Names& names_;
   const async::Loop& loop_;
+  const Question isOpen_;
   const Question isWritten_;
   const Question isAwaited_;
 };

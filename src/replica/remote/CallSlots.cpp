@@ -9,8 +9,13 @@ using std::chrono::milliseconds;
 CallSlots::CallSlots(async::Loop& loop, std::size_t usual, std::size_t most)
     : loop_(loop), limit_(usual, most) {}
 
+CallSlots::Excuse::Excuse(CallSlots& slots) : slots_(slots) {
+  ++slots_.excused_;
+  slots_.letBegin();
+}
+
 bool CallSlots::takeFree() {
-  if (running_ >= limit_.value()) return false;
+  if (running_ >= limit_.value() + excused_) return false;
   ++running_;
   limit_.noteBegin(loop_.now());
   return true;

@@ -31,6 +31,19 @@ class CallSlots {
     CallSlots& slots_;
   };
 
+  /// While this lives one more call may run: one of those that do does not count.
+  class Excuse {
+   public:
+    explicit Excuse(CallSlots& slots);
+    Excuse(const Excuse&) = delete;
+    Excuse& operator=(const Excuse&) = delete;
+    ~Excuse() { --slots_.excused_; }
+
+   private:
+    CallSlots& slots_;
+  };
+  std::size_t excused() const { return excused_; }
+
   /// Awaitable: returns when there is a slot, which a `Slot` then has to give back.
   auto take() {
     struct Awaiter {
@@ -52,6 +65,7 @@ class CallSlots {
   async::Loop& loop_;
   GrowingLimit limit_;
   std::size_t running_ = 0;
+  std::size_t excused_ = 0;
   std::deque<std::coroutine_handle<>> waiting_;
   bool isToGrow_ = false;
 };

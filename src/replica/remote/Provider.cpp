@@ -251,10 +251,13 @@ Task<NSFileProviderItemPtr> Provider::item(NSFileProviderItemIdentifier identifi
   co_return co_await std::move(request);
 }
 
-Task<FetchedFile> Provider::fetch(NSFileProviderItemIdentifier identifier, std::int64_t size) {
+Task<FetchedFile> Provider::fetch(NSFileProviderItemIdentifier identifier, std::int64_t size,
+                                  std::function<void()> begun) {
   requireItem("a file", identifier);
-  auto make = [identifier](NSFileProviderReplicatedExtension& extension,
-                           const std::shared_ptr<OneShot<FetchedFile>>& result) {
+  auto make = [identifier, begun = std::move(begun)](
+                  NSFileProviderReplicatedExtension& extension,
+                  const std::shared_ptr<OneShot<FetchedFile>>& result) {
+    if (begun) begun();
     extension.fetchContents(identifier, std::nullopt, {},
                             [result](const std::optional<NSURL>& url, NSFileProviderItemPtr item,
                                      const std::optional<NSError>& error) {
@@ -266,9 +269,14 @@ Task<FetchedFile> Provider::fetch(NSFileProviderItemIdentifier identifier, std::
                               }
                             });
   };
-  CallSlots& slots = size <= kSmallFile ? smallDownloads_ : downloads_;
-  auto request = call<FetchedFile>(slots, std::nullopt, std::move(make));
+  auto request = call<FetchedFile>(slotsFor(size), std::nullopt, std::move(make));
   co_return co_await std::move(request);
+}
+
+std::shared_ptr<void> Provider::excuse(std::int64_t size) {
+  CallSlots& slots = slotsFor(size);
+  if (slots.excused() >= kMostExcused) return nullptr;
+  return std::make_shared<CallSlots::Excuse>(slots);
 }
 
 Task<WrittenItem> Provider::create(NSFileProviderItemPtr basedOnTemplate,

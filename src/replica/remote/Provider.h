@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -57,6 +58,8 @@ class Provider {
   /// are fetched at once, and more, up to `kMostSmallFiles`, while the answers are slow.
   static constexpr std::int64_t kSmallFile = 256 * 1024;
   static constexpr unsigned kMostSmallFiles = 24;
+  /// So many fetches of larger files may run besides those of `downloads`.
+  static constexpr std::size_t kMostExcused = 12;
 
   Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers);
   Provider(const Provider&) = delete;
@@ -70,8 +73,13 @@ class Provider {
   /// Every page of a folder, begun anew once when the provider asks for that.
   Task<std::vector<NSFileProviderItemPtr>> list(NSFileProviderItemIdentifier container);
   Task<NSFileProviderItemPtr> item(NSFileProviderItemIdentifier identifier);
-  /// `size` is what is known of the file's, in bytes.
-  Task<FetchedFile> fetch(NSFileProviderItemIdentifier identifier, std::int64_t size);
+  /// `size` is what is known of the file's, in bytes. `begun`, which may be empty, is called just
+  /// before the extension, with what the call's work is abandoned by as the current one.
+  Task<FetchedFile> fetch(NSFileProviderItemIdentifier identifier, std::int64_t size,
+                          std::function<void()> begun = {});
+  /// A fetch of that size has begun to deliver and may take long: while the result lives, it does
+  /// not count among those that run. Null when too many are excused already. On the loop.
+  std::shared_ptr<void> excuse(std::int64_t size);
   Task<WrittenItem> create(NSFileProviderItemPtr basedOnTemplate, NSFileProviderItemFields fields,
                            std::optional<std::string> contents,
                            NSFileProviderCreateItemOptions options);
@@ -87,6 +95,9 @@ class Provider {
   template <typename T, typename Make>
   Task<T> call(CallSlots& slots, std::optional<std::chrono::milliseconds> limit, Make make);
   Task<std::vector<NSFileProviderItemPtr>> listOnce(NSFileProviderItemIdentifier container);
+  CallSlots& slotsFor(std::int64_t size) {
+    return size <= kSmallFile ? smallDownloads_ : downloads_;
+  }
   /// The extension that is to be asked.
   Extension requireExtension() const;
   void enroll(const std::shared_ptr<PendingResult>& result);

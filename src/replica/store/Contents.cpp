@@ -62,8 +62,7 @@ std::optional<Contents::Made> Contents::cloneCheaply(int source, std::int64_t mo
   return Made(files_, number, UniqueFd());
 }
 
-Contents::Made Contents::adopt(const std::string& path) {
-  const Content number = next();
+Contents::Made Contents::adopt(const std::string& path, Content number) {
   files_.adopt(plain(number), path);
   return {files_, number, UniqueFd()};
 }

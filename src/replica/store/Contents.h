@@ -47,8 +47,8 @@ class Contents {
   Made clone(int source);
   /// The same where blocks can be shared, or they take at most `most` bytes of the disk.
   std::optional<Made> cloneCheaply(int source, std::int64_t most);
-  /// Takes the regular file at `path`.
-  Made adopt(const std::string& path);
+  /// Takes the regular file at `path`, as contents with a number that `next` gave.
+  Made adopt(const std::string& path, model::Content number);
   UniqueFd open(model::Content number) const;
   std::string path(model::Content number) const;
   /// The date of their file.
