@@ -91,6 +91,13 @@ class MountCommands {
         ->transform(sizeAboveZero())
         ->type_name("SIZE");
     command
+        ->add_option("--streaming", mount.streaming,
+                     "files from that size on are read while they are still being fetched, as "
+                     "500K or 4M; off: every file is fetched before it is opened")
+        ->transform(sizeOrOff())
+        ->type_name("SIZE|off")
+        ->default_str("1M");
+    command
         ->add_option("--history-limit", mount.historyLimit,
                      "how much the history of replaced and removed files may take, as 500M or 20G; "
                      "otherwise 10G, or a twentieth of the disk if that is less")

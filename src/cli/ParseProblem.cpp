@@ -51,4 +51,19 @@ CLI::Validator sizeAboveZero() {
   return {take, ""};
 }
 
+CLI::Validator sizeOrOff() {
+  const auto take = [](std::string& text) {
+    if (text == "off") {
+      text = "0";
+      return std::string();
+    }
+    if (const auto bytes = bytesOf(text)) {
+      text = *bytes;
+      return std::string();
+    }
+    return "\"" + text + "\" is neither off nor a size above 0, such as 500K or 4M";
+  };
+  return {take, ""};
+}
+
 }  // namespace kestrowan::cli

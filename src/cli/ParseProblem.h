@@ -12,4 +12,7 @@ std::string problemText(const CLI::App& app, const CLI::ParseError& problem);
 /// Takes a SIZE such as 500M or 20G, of at least one byte, and makes it a number of bytes.
 CLI::Validator sizeAboveZero();
 
+/// The same; "off" becomes 0.
+CLI::Validator sizeOrOff();
+
 }  // namespace kestrowan::cli

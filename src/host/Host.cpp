@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "async/LoopThread.h"
+#include "host/ArrivingDownload.h"
 #include "host/BridgeAccess.h"
 #include "host/BridgeProblem.h"
 #include "host/BridgeWatch.h"
@@ -82,6 +83,7 @@ replica::Options replicaOptions(const HostSettings& settings) {
   options.openFiles = raiseDescriptorLimit();
   options.lastingPart = lastingPart;
   options.cameWhole = cameWhole;
+  options.watchArrival = watchDownload;
   return options;
 }
 

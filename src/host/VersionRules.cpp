@@ -1,6 +1,7 @@
 #include "host/VersionRules.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 
 namespace kestrowan::host {
@@ -24,6 +25,15 @@ bool saysNothing(const NSData& version) {
 
 NSData lastingPart(const NSData& version) {
   return version.starts_with(kWeak) ? version.substr(kWeak.size()) : version;
+}
+
+bool hasTag(const NSData& version, std::string_view tag) {
+  std::string plain(tag);
+  std::erase(plain, '"');
+  const auto size = version.rfind('|');
+  const auto date = size == NSData::npos || size == 0 ? NSData::npos : version.rfind('|', size - 1);
+  if (date == NSData::npos) return false;
+  return lastingPart(version.substr(0, date)) == lastingPart(plain);
 }
 
 }  // namespace kestrowan::host

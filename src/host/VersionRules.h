@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "platform/foundation/NSData.h"
 
 namespace kestrowan::host {
@@ -14,5 +16,9 @@ bool saysNothing(const NSData& version);
 
 /// The version without the strength of its entity tag, which a server may raise without a change.
 NSData lastingPart(const NSData& version);
+
+/// Whether a version has the entity tag of an answer, as the server wrote it, whatever its
+/// strength.
+bool hasTag(const NSData& version, std::string_view tag);
 
 }  // namespace kestrowan::host

@@ -37,7 +37,9 @@ void prepareHandle(Session& session, const File& file, fuse_file_info& info) {
   info.keep_cache = session.seenContents().see(file->rid(), number);
   // A reader's close is none of the provider's business, and must not take the writer's error away.
   info.noflush = !file->isWritable();
-  info.fh = session.files().add(std::make_shared<FileHandle>(FileHandle{file}));
+  auto handle = std::make_shared<FileHandle>();
+  handle->file = file;
+  info.fh = session.files().add(std::move(handle));
 }
 
 void sendOpened(Reply& reply, fuse_file_info info, const File& file) {

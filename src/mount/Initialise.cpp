@@ -13,11 +13,18 @@ constexpr unsigned kWanted = FUSE_CAP_ASYNC_READ | FUSE_CAP_PARALLEL_DIROPS | FU
                              FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_HANDLE_KILLPRIV |
                              FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_SPLICE_WRITE;
 
+/// Reads in advance of files whose contents arrive slowly must not hold up those of others: with
+/// the kernel's 12, two dozen readers of such files stop everybody.
+constexpr unsigned kMostInAdvance = 512;
+constexpr unsigned kManyInAdvance = 384;
+
 }  // namespace
 
 void initialise(void* userData, fuse_conn_info* connection) noexcept {
   connection->want = kWanted & connection->capable;
   connection->time_gran = 1;
+  connection->max_background = kMostInAdvance;
+  connection->congestion_threshold = kManyInAdvance;
   static_cast<Session*>(userData)->setReady();
 }
 

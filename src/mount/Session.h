@@ -11,6 +11,7 @@
 #include "mount/Handles.h"
 #include "mount/Invalidation.h"
 #include "mount/ProgramKinds.h"
+#include "mount/RefusedReads.h"
 #include "mount/SeenContents.h"
 #include "replica/Replica.h"
 
@@ -28,6 +29,7 @@ struct Appearance {
 /// One open file of the kernel's.
 struct FileHandle {
   std::shared_ptr<replica::OpenFile> file;
+  RefusedReads refusedReads;
 };
 
 /// One open folder of the kernel's.

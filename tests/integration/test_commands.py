@@ -50,6 +50,7 @@ def test_wrong_usage_sends_nothing(scene, arguments):
     (["ls", "--wrong"], "ls: The following argument was not expected: --wrong", "ls "),
     (["stat"], "stat: PATH is required", "stat "),
     (["mount", "--cache-limit", "0", "x"], '--cache-limit: "0" is no size above 0', "mount "),
+    (["mount", "--streaming", "0", "x"], '--streaming: "0" is neither off nor a size', "mount "),
     (["mount", "--cache-limit", "-1G", "x"], '--cache-limit: "-1G" is no size above 0', "mount "),
     (["mount", "--cache-limit", "1X", "x"], '--cache-limit: "1X" is no size above 0', "mount ")])
 def test_wrong_usage_is_named_with_its_command(scene, arguments, what, where):

@@ -291,7 +291,8 @@ class DavServer(ScriptedServer):
         contents = self.files.get(request["path"])
         if contents is None:
             return {"status": 404}
-        return {"status": 200, "bodyBase64": base64.b64encode(contents).decode()}
+        return {"status": 200, "headers": [["ETag", f'"m{self.marks[request["path"]]}"']],
+                "bodyBase64": base64.b64encode(contents).decode()}
 
     def _PUT(self, request):
         path = request["path"]

@@ -187,6 +187,11 @@ class Connection:
                         self.server.pause(answer["dripSeconds"])
                     else:
                         count = min(count, begin - position)
+                if "pace" in answer:
+                    every, seconds = answer["pace"]
+                    if position and position % every == 0:
+                        self.server.pause(seconds)
+                    count = min(count, every - position % every)
                 self.stream.sendall(piece[:count])
                 piece = piece[count:]
                 position += count

@@ -43,6 +43,7 @@ An answer is an object:
   holdFor           NAME: wait for its release before answering
   pauseAt, pauseFor wait for the release of NAME after so many bytes of the whole answer
   dripSeconds       seconds between the bytes of the answer; dripFrom: first byte that drips
+  pace              [BYTES, SECONDS]: pause for so long after each so many bytes
   cut               break off after so many bytes of the whole answer (0: before answering)
   then              "keep" (default), "close" (TLS closed properly), "drop" (TCP closed without
                     closing TLS), "rst" (reset), or "drain" (read what comes, then close)

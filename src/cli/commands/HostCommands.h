@@ -20,8 +20,9 @@ struct MountCommand {
   std::optional<std::string> stateDirectory;
   std::optional<std::string> domain;  // the container's own when absent
   bool moveHere = false;
-  std::uint64_t cacheLimit = 0;    // bytes; 0 for the usual
-  std::uint64_t historyLimit = 0;  // the same
+  std::uint64_t cacheLimit = 0;                      // bytes; 0 for the usual
+  std::uint64_t historyLimit = 0;                    // the same
+  std::uint64_t streaming = std::uint64_t{1} << 20;  // bytes; 0 for off
   std::uint32_t historyDays = 7;
   std::string fsync = "local";                        // or "server"
   std::string close = "return";                       // or "wait"

@@ -59,6 +59,10 @@ std::vector<std::string> wordsOf(const MountCommand& command) {
   if (command.historyLimit != usual.historyLimit) {
     words.push_back("--history-limit=" + std::to_string(command.historyLimit));
   }
+  if (command.streaming != usual.streaming) {
+    words.push_back("--streaming=" +
+                    (command.streaming == 0 ? "off" : std::to_string(command.streaming)));
+  }
   if (command.historyDays != usual.historyDays) {
     words.push_back("--history-days=" + std::to_string(command.historyDays));
   }
@@ -108,6 +112,8 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
       std::min<std::uint64_t>(command.cacheLimit, std::uint64_t{INT64_MAX}));
   settings.replica.historyLimit = static_cast<std::int64_t>(
       std::min<std::uint64_t>(command.historyLimit, std::uint64_t{INT64_MAX}));
+  settings.replica.streamFrom = static_cast<std::int64_t>(
+      std::min<std::uint64_t>(command.streaming, std::uint64_t{INT64_MAX}));
   settings.replica.historyTime = std::chrono::days(command.historyDays);
   settings.replica.backgroundMayFetch = command.backgroundPrograms == "allow";
   settings.replica.thumbnailSize = static_cast<std::int64_t>(

@@ -85,5 +85,16 @@ TEST(VersionRules, OnlyTheStrengthOfATagDoesNotLast) {
   EXPECT_EQ(lastingPart(""), "");
 }
 
+TEST(VersionRules, TagsOfAnswersAreThoseOfVersions) {
+  EXPECT_TRUE(hasTag(versionOf("a", 1.0, 1), "\"a\""));
+  EXPECT_TRUE(hasTag(versionOf("W/a", 1.0, 1), "\"a\""));
+  EXPECT_TRUE(hasTag(versionOf("a", 1.0, 1), "W/\"a\""));
+  EXPECT_TRUE(hasTag(versionOf("a|b", 1.0, 1), "\"a|b\""));
+  EXPECT_FALSE(hasTag(versionOf("a|b", 1.0, 1), "\"a\""));
+  EXPECT_FALSE(hasTag(versionOf("a", 1.0, 1), "\"b\""));
+  EXPECT_FALSE(hasTag("a", "\"a\""));
+  EXPECT_FALSE(hasTag("", ""));
+}
+
 }  // namespace
 }  // namespace kestrowan::host
