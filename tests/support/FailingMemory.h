@@ -4,8 +4,9 @@
 
 namespace kestrowan::test {
 
-/// Lets the program's allocations by `new` fail. A program that links this has the allocator
-/// replaced; nothing fails before it is told to. The functions may be called from every thread.
+/// Lets the program's allocations by `new` fail, and counts them. A program that links this has the
+/// allocator replaced; nothing fails before it is told to. The functions may be called from every
+/// thread.
 
 /// While the object lives, every allocation of at least so many bytes fails, on every thread.
 class NoLargeMemory {
@@ -27,5 +28,8 @@ class OneFailure {
   /// Whether there were so many.
   bool happened() const;
 };
+
+/// The bytes of all allocations that live.
+std::size_t heldBytes();
 
 }  // namespace kestrowan::test
