@@ -40,21 +40,32 @@ OpenItems::OpenItems(const model::Tree& tree, const Loop& loop, store::Contents&
 
 void OpenItems::remember(ItemNumber item) {
   std::lock_guard lock(mutex_);
-  ++entries_[item].lookups;
+  lookups_.add(item);
 }
 
 void OpenItems::forget(ItemNumber item, std::uint64_t count) {
   std::lock_guard lock(mutex_);
-  const auto found = entries_.find(item);
-  if (found == entries_.end()) return;
-  found->second.lookups -= std::min(found->second.lookups, count);
+  lookups_.take(item, count);
   dropIfUnused(item);
+}
+
+bool OpenItems::Entry::saysNothing() const {
+  return handles == 0 && contents.expired() && !left && !isUrgent && !isAwaited &&
+         copyTime == milliseconds(0);
+}
+
+/// Null for an item that nothing knows.
+OpenItems::Entry* OpenItems::entryOf(ItemNumber item) {
+  if (lookups_.has(item)) return &entries_[item];
+  const auto found = entries_.find(item);
+  return found == entries_.end() ? nullptr : &found->second;
 }
 
 void OpenItems::dropIfUnused(ItemNumber item) {
   const auto found = entries_.find(item);
   if (found == entries_.end()) return;
-  if (found->second.lookups == 0 && found->second.handles == 0) entries_.erase(found);
+  const bool isKnown = found->second.handles > 0 || lookups_.has(item);
+  if (!isKnown || found->second.saysNothing()) entries_.erase(found);
 }
 
 void OpenItems::requirePlace(ItemNumber file) const {
@@ -65,16 +76,17 @@ void OpenItems::requirePlace(ItemNumber file) const {
 
 std::shared_ptr<OpenContents> OpenItems::open(ItemNumber file, Content content, bool isWritable) {
   std::lock_guard lock(mutex_);
-  Entry& entry = entries_[file];
-  auto contents = entry.contents.lock();
+  const auto found = entries_.find(file);
+  auto contents = found == entries_.end() ? nullptr : found->second.contents.lock();
   if (!contents) {
     contents = std::make_shared<OpenContents>();
     contents->place = places_.take();
     contents->file = contents_.open(content);
     contents->number = content;
     readStatus(*contents);
-    entry.contents = contents;
   }
+  Entry& entry = entries_[file];
+  entry.contents = contents;
   ++entry.handles;
   if (isWritable) ++entry.writers;
   return contents;
@@ -212,31 +224,28 @@ void OpenItems::noteSending(ItemNumber file) {
   found->second.isUrgent = false;
   found->second.isAwaited = false;
   if (found->second.writers > 0) found->second.sentOpenAt = loop_.now();
+  dropIfUnused(file);
 }
 
 void OpenItems::noteCopy(ItemNumber file, milliseconds time) {
   std::lock_guard lock(mutex_);
-  const auto found = entries_.find(file);
-  if (found != entries_.end()) found->second.copyTime = time;
+  if (Entry* entry = entryOf(file)) entry->copyTime = time;
 }
 
 void OpenItems::setAwaited(ItemNumber file) {
   std::lock_guard lock(mutex_);
-  const auto found = entries_.find(file);
-  if (found != entries_.end()) found->second.isAwaited = true;
+  if (Entry* entry = entryOf(file)) entry->isAwaited = true;
 }
 
 void OpenItems::setUrgent(ItemNumber file) {
   std::lock_guard lock(mutex_);
-  const auto found = entries_.find(file);
-  if (found != entries_.end()) found->second.isUrgent = true;
+  if (Entry* entry = entryOf(file)) entry->isUrgent = true;
 }
 
 void OpenItems::keepLeft(ItemNumber item, const Attributes& seen, Content content) {
   std::lock_guard lock(mutex_);
-  const auto found = entries_.find(item);
-  if (found == entries_.end() || found->second.left) return;
-  found->second.left = Left{seen, content};
+  Entry* entry = entryOf(item);
+  if (entry && !entry->left) entry->left = Left{seen, content};
 }
 
 std::optional<OpenItems::Left> OpenItems::left(ItemNumber item) const {

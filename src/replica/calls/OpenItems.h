@@ -10,6 +10,7 @@
 #include "async/Loop.h"
 #include "replica/FileCalls.h"
 #include "replica/FilePlaces.h"
+#include "replica/calls/Lookups.h"
 #include "replica/calls/OpenContents.h"
 #include "replica/model/Edit.h"
 #include "replica/pull/Freezer.h"
@@ -76,8 +77,8 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
   void changeLeft(model::ItemNumber item, const Attributes& seen);
 
  private:
+  /// What is to be known of an item that is open, was open or is no more.
   struct Entry {
-    std::uint64_t lookups = 0;
     std::uint32_t handles = 0;
     std::uint32_t writers = 0;
     std::weak_ptr<OpenContents> contents;
@@ -87,8 +88,11 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
     /// When it was sent last while it was open.
     std::optional<async::Loop::Moment> sentOpenAt;
     std::chrono::milliseconds copyTime{0};
+
+    bool saysNothing() const;
   };
 
+  Entry* entryOf(model::ItemNumber item);
   void dropIfUnused(model::ItemNumber item);
 
   const model::Tree& tree_;
@@ -97,6 +101,8 @@ class OpenItems : public pull::Freezer, public push::OpenWait {
 
   mutable std::mutex mutex_;  // guards what follows; a leaf
   FilePlaces places_;
+  Lookups lookups_;
+  /// Of items that the kernel knows or a program has open; those that say something.
   std::unordered_map<model::ItemNumber, Entry> entries_;
   std::unordered_map<model::Content, unsigned> frozen_;
 };
