@@ -25,7 +25,7 @@ using testing::ElementsAre;
 constexpr std::size_t kMiB = 1 << 20;
 constexpr std::size_t kPiece = 128 * 1024;
 const std::string kFailed = "NSPOSIXErrorDomain " + std::to_string(EIO);
-constexpr OpenMode kWriting{.read = true, .write = true};
+const OpenMode kWriting{.read = true, .write = true};
 
 std::string pattern(std::size_t size, unsigned salt = 0) {
   std::string bytes(size, '\0');
