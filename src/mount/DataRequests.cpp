@@ -55,9 +55,10 @@ void replyCount(fuse_req_t request, ssize_t count) {
 }
 
 /// Answers with `size` bytes of contents that are here, as one of libfuse's reply functions does.
-int sendBytes(fuse_req_t request, int file, off_t offset, std::size_t size) {
+int sendBytes(fuse_req_t request, int file, off_t offset, std::size_t size,
+              fuse_buf_copy_flags flags) {
   auto buffer = fileBuffer(file, offset, size);
-  return fuse_reply_data(request, &buffer, static_cast<fuse_buf_copy_flags>(0));
+  return fuse_reply_data(request, &buffer, flags);
 }
 
 /// Answers once the bytes have arrived. No thread waits meanwhile.
@@ -68,7 +69,10 @@ Task<void> readLater(std::shared_ptr<Reply> reply, std::shared_ptr<replica::Open
     auto arrival = file->arrival(offset, size);
     co_await std::move(arrival);
     isSent = file->readArrived(offset, size, [&](int contents, std::size_t count) {
-      reply->send([&](fuse_req_t request) { return sendBytes(request, contents, offset, count); });
+      // A thread that is not libfuse's would keep the pipe that libfuse splices through.
+      reply->send([&](fuse_req_t request) {
+        return sendBytes(request, contents, offset, count, FUSE_BUF_NO_SPLICE);
+      });
     });
   }
 }
@@ -147,7 +151,7 @@ void read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset,
     const auto handle = Session::of(request).files().at(info->fh);
     file = handle->file;
     isSent = file->readArrived(offset, size, [&](int contents, std::size_t count) {
-      sendBytes(request, contents, offset, count);
+      sendBytes(request, contents, offset, count, static_cast<fuse_buf_copy_flags>(0));
     });
     isToWait = !isSent && mayWait(*handle, *info, offset, size);
   } catch (...) {
