@@ -165,7 +165,7 @@ std::string ReplicaWorld::readArriving(const std::shared_ptr<OpenFile>& file, st
 }
 
 std::string ReplicaWorld::read(std::string_view path) {
-  constexpr std::size_t kPiece = 128 * 1024;
+  constexpr std::size_t kPiece = 32 * 1024;
   const auto file = open(path, {});
   std::string bytes;
   for (;;) {
