@@ -32,8 +32,8 @@ ROOMS = {
                       "async", "platform"},
     "replica/remote": {"async", "platform"},
     "replica/pull": {"replica/model", "replica/plan", "replica/store", "replica/remote",
-                     "replica/Log.h", "replica/NameRules.h", "replica/Options.h", "async",
-                     "platform"},
+                     "replica/Caller.h", "replica/Log.h", "replica/NameRules.h",
+                     "replica/Options.h", "async", "platform"},
     "replica/push": {"replica/pull", "replica/model", "replica/plan", "replica/store",
                      "replica/remote", "replica/Log.h", "replica/Options.h", "async", "platform"},
     "replica/calls": {"replica/push", "replica/pull", "replica/plan", "replica/model",
@@ -57,8 +57,8 @@ THIRD_PARTY = (
 )
 SYSTEM = re.compile(
     r"(sys|linux|netinet|arpa|net|bits)/|[a-z_]+$"
-    r"|(dirent|dlfcn|errno|fcntl|ftw|getopt|grp|langinfo|limits|locale|malloc|mntent|poll|pthread|pwd|sched"
-    r"|semaphore|signal|spawn|stdint|stdio|stdlib|strings?|termios|time|unistd|utime|wchar)\.h$")
+    r"|(dirent|dlfcn|errno|fcntl|fnmatch|ftw|getopt|grp|langinfo|limits|locale|malloc|mntent|poll"
+    r"|pthread|pwd|sched|semaphore|signal|spawn|stdint|stdio|stdlib|strings?|termios|time|unistd|utime|wchar)\.h$")
 # The shell of the app extension is written for another platform, whose own headers it needs.
 FOREIGN_LAYERS = {"macos"}
 

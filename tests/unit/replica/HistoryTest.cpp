@@ -74,11 +74,32 @@ std::string parentOf(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
 
+/// What histories of one kind have in common.
+struct Manner {
+  bool opaqueIdentifiers = false;
+  /// Another client changes the provider's tree.
+  bool bothSides = false;
+  /// Every file is read while it arrives, a byte after the other.
+  bool streams = false;
+};
+
+InMemoryOptions providerOf(const Manner& manner) {
+  InMemoryOptions options{.opaqueIdentifiers = manner.opaqueIdentifiers, .pageSize = 3};
+  if (manner.streams) options.arriving = Arriving{.piece = 1, .step = milliseconds(300)};
+  return options;
+}
+
+replica::Options settingsOf(const Manner& manner) {
+  replica::Options options;
+  if (manner.streams) options.streamFrom = 1;
+  return options;
+}
+
 /// Runs one history and says what is wrong at its end; nothing when all is well.
 class History {
  public:
-  History(bool opaque, bool bothSides)
-      : world_({.opaqueIdentifiers = opaque, .pageSize = 3}), bothSides_(bothSides) {
+  explicit History(const Manner& manner)
+      : world_(providerOf(manner), settingsOf(manner)), bothSides_(manner.bothSides) {
     world_.list("/");
   }
 
@@ -93,6 +114,7 @@ class History {
       }
       traceCalls();
     }
+    readToTheEnd();
     auto result = verdict();
     traceCalls();
     return result;
@@ -147,7 +169,11 @@ class History {
         local_.erase(at);
         break;
       case Step::Kind::read:
-        checkRead(at);
+        if (step.b % 2 == 0) {
+          checkRead(at);
+        } else {
+          hold(at);
+        }
         break;
       case Step::Kind::list:
         world_.list(parentOf(at).empty() ? "/" : parentOf(at));
@@ -159,6 +185,7 @@ class History {
         world_.advance(milliseconds(step.a % 40000));
         break;
       case Step::Kind::crash:
+        held_.clear();
         world_.crash();
         if (down_) world_.extension().setDown(true);
         setFault(0);
@@ -188,6 +215,7 @@ class History {
     world_.write(at, bytes);
     lose(at);
     local_[at] = bytes;
+    written_.insert(bytes);
   }
 
   void append(const std::string& at) {
@@ -197,6 +225,7 @@ class History {
     ReplicaWorld::writeTo(*file, bytes, static_cast<std::int64_t>(before.size()));
     lose(at);
     local_[at] = before + bytes;
+    written_.insert(before + bytes);
   }
 
   void rename(const std::string& at, const std::string& to) {
@@ -225,10 +254,36 @@ class History {
     }
   }
 
+  /// Opens a file, and reads its first byte and no more for now.
+  void hold(const std::string& at) {
+    auto file = world_.open(at, {});
+    world_.readArriving(file, 0, 1);
+    held_.push_back({at, std::move(file)});
+  }
+
+  /// What is read of one opening is the whole of one version, or ends in an error.
+  void readToTheEnd() {
+    for (const Held& held : held_) {
+      std::string bytes;
+      try {
+        bytes = world_.readArriving(held.file, 0, 4096);
+      } catch (const NSError&) {
+        continue;
+      }
+      // A program here may have emptied it, or gone on writing to it.
+      if (!bytes.empty() && !written_.contains(bytes)) {
+        problem_ = "an opening of " + held.at + " gave \"" + bytes + "\"";
+      }
+    }
+    held_.clear();
+  }
+
   void changeServer(Step::Kind kind, const std::string& at, const std::string& to) {
     try {
       if (kind == Step::Kind::serverWrite) {
-        world_.server().writeFile(at, token());
+        const std::string bytes = token();
+        world_.server().writeFile(at, bytes);
+        written_.insert(bytes);
       } else if (kind == Step::Kind::serverRemove) {
         world_.server().remove(at);
       } else if (kind == Step::Kind::serverRename) {
@@ -342,12 +397,20 @@ class History {
     return result;
   }
 
+  struct Held {
+    std::string at;
+    std::shared_ptr<replica::OpenFile> file;
+  };
+
   ReplicaWorld world_;
   const bool bothSides_;
   bool down_ = false;
   unsigned tokens_ = 0;
   Tree local_;
   std::set<std::string> givenUp_;
+  /// Everything that a file held as a whole.
+  std::set<std::string> written_;
+  std::vector<Held> held_;
   std::optional<std::string> problem_;
 };
 
@@ -364,9 +427,9 @@ std::vector<Step> randomSteps(std::uint32_t seed, std::size_t count) {
   return steps;
 }
 
-std::optional<std::string> outcome(const std::vector<Step>& steps, bool opaque, bool bothSides) {
+std::optional<std::string> outcome(const std::vector<Step>& steps, const Manner& manner) {
   try {
-    return History(opaque, bothSides).run(steps);
+    return History(manner).run(steps);
   } catch (const std::exception& problem) {
     return std::string(problem.what());
   } catch (const NSError& error) {
@@ -376,13 +439,13 @@ std::optional<std::string> outcome(const std::vector<Step>& steps, bool opaque, 
 }
 
 /// The same failure with as few steps as leaving some out can bring about.
-std::vector<Step> shrunk(std::vector<Step> steps, bool opaque, bool bothSides) {
+std::vector<Step> shrunk(std::vector<Step> steps, const Manner& manner) {
   for (std::size_t chunk = steps.size() / 2; chunk > 0; chunk /= 2) {
     for (std::size_t at = 0; at < steps.size();) {
       std::vector<Step> fewer = steps;
       const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(at);
       fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(chunk, fewer.size() - at)));
-      if (outcome(fewer, opaque, bothSides)) {
+      if (outcome(fewer, manner)) {
         steps = std::move(fewer);
       } else {
         at += chunk;
@@ -399,20 +462,20 @@ unsigned numberFrom(const char* variable, unsigned otherwise) {
 
 /// KFP_SEED names the first history, KFP_HISTORIES how many there are; with KFP_TRACE each step and
 /// the calls that it causes are shown, and nothing is shrunk.
-void runHistories(bool opaque, bool bothSides) {
+void runHistories(const Manner& manner) {
   LogSink::setShared(std::make_shared<QuietSink>());
   const unsigned first = numberFrom("KFP_SEED", 1);
   const unsigned count = numberFrom("KFP_HISTORIES", 150);
   for (unsigned seed = first; seed < first + count; ++seed) {
     const auto steps = randomSteps(seed, 40);
-    const auto problem = outcome(steps, opaque, bothSides);
+    const auto problem = outcome(steps, manner);
     if (!problem) continue;
     std::ostringstream report;
     const bool traced = std::getenv("KFP_TRACE") != nullptr;
-    const auto fewer = traced ? steps : shrunk(steps, opaque, bothSides);
+    const auto fewer = traced ? steps : shrunk(steps, manner);
     report << "history " << seed << ": " << *problem << "\nas few steps as fail:";
     for (const Step& step : fewer) report << "\n  " << text(step);
-    report << "\n" << outcome(fewer, opaque, bothSides).value_or("");
+    report << "\n" << outcome(fewer, manner).value_or("");
     LogSink::setShared(nullptr);
     FAIL() << report.str();
   }
@@ -420,19 +483,27 @@ void runHistories(bool opaque, bool bothSides) {
 }
 
 TEST(HistoryTest, WhatIsDoneHereArrivesThroughAllFaults) {
-  runHistories(false, false);
+  runHistories({});
 }
 
 TEST(HistoryTest, WhatIsDoneHereArrivesAtAProviderOfOpaqueIdentifiers) {
-  runHistories(true, false);
+  runHistories({.opaqueIdentifiers = true});
 }
 
 TEST(HistoryTest, BothSidesAgreeInTheEndAndNothingIsLost) {
-  runHistories(false, true);
+  runHistories({.bothSides = true});
 }
 
 TEST(HistoryTest, BothSidesAgreeWithOpaqueIdentifiersToo) {
-  runHistories(true, true);
+  runHistories({.opaqueIdentifiers = true, .bothSides = true});
+}
+
+TEST(HistoryTest, FilesAreReadWhileTheyArriveAndNothingIsLost) {
+  runHistories({.streams = true});
+}
+
+TEST(HistoryTest, WhatIsReadWhileItArrivesIsOneVersionWhateverTheOtherSideDoes) {
+  runHistories({.bothSides = true, .streams = true});
 }
 
 }  // namespace
