@@ -117,10 +117,11 @@ bool Settler::settle(Edit& edit, const Settle& step) const {
 void Settler::show(Edit& edit, const Settle& step) {
   plan::settle(edit, step);
   const Item& item = edit->item(step.item);
-  const Item& folder = edit->item(item.here()->place.folder);
-  if (!folder.attributes().pinned) return;
   Attributes attributes = item.attributes();
-  attributes.pinned = true;
+  // A file may come back that was written and removed here: its name shows other bytes now.
+  if (item.isFile()) attributes = lastingAttributes(attributes);
+  const Item& folder = edit->item(item.here()->place.folder);
+  if (folder.attributes().pinned) attributes.pinned = true;
   edit.setAttributes(step.item, std::move(attributes));
 }
 

@@ -252,6 +252,25 @@ TEST_F(SynchronisationTest, RemovedFileThatWasChangedThereComesBack) {
   EXPECT_EQ(world.read("/a"), "theirs");
 }
 
+TEST_F(SynchronisationTest, FileThatWasWrittenAndRemovedComesBackAsItIsThere) {
+  world.server().writeFile("/a", "one");
+  world.read("/a");
+  world.extension().setDown(true);
+  {
+    const auto file = world.open("/a", {.read = true, .write = true});
+    ReplicaWorld::writeTo(*file, "and so much more", 3);
+  }
+  world.remove("/a");
+  world.server().writeFile("/a", "theirs, which is longer than what was written here");
+  world.extension().setDown(false);
+  ASSERT_TRUE(world.settle());
+  world.advance(seconds(70));
+  const std::string theirs = *world.server().read("/a");
+  EXPECT_EQ(world.attributes("/a").size, static_cast<std::int64_t>(theirs.size()));
+  EXPECT_EQ(world.read("/a"), theirs);
+  EXPECT_EQ(world.attributes("/a").size, static_cast<std::int64_t>(theirs.size()));
+}
+
 TEST_F(SynchronisationTest, FileRemovedWithoutAServerAndChangedThereComesBack) {
   world.server().writeFile("/a", "old");
   world.list("/");
