@@ -10,6 +10,7 @@
 #include "replica/Log.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
+#include "replica/model/Seen.h"
 #include "replica/model/View.h"
 #include "replica/plan/Requests.h"
 #include "replica/store/StartRepair.h"
@@ -33,11 +34,6 @@ constexpr milliseconds kLimitsInterval{60000};
 constexpr milliseconds kCompactingPause{1};
 /// Nothing that is still being fetched stays unchanged for so long.
 constexpr std::chrono::seconds kLeftoverAge{3600};
-
-std::int64_t sizeOf(const Item& item) {
-  if (item.attributes().size) return *item.attributes().size;
-  return item.agreed() ? item.agreed()->size : 0;
-}
 
 }  // namespace
 
@@ -107,7 +103,7 @@ void Life::begin(const std::string& directory) {
   {
     const View view(tree);
     view->forEach([this](const Item& item) {
-      tally.note(item, sizeOf(item));
+      tally.note(item, model::sizeOf(item));
       unused.note({nullptr, &item});
     });
   }
@@ -211,7 +207,7 @@ void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexce
     const ItemNumber number = change.any().number();
     unused.note(change);
     if (change.now) {
-      tally.note(*change.now, sizeOf(*change.now));
+      tally.note(*change.now, model::sizeOf(*change.now));
     } else {
       tally.noteDropped(number);
       outbox.forget(number);

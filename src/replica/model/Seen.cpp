@@ -24,11 +24,18 @@ FileTime modifiedOf(const There& there) {
   return FileTime(date);
 }
 
+std::int64_t sizeOf(const Item& file) {
+  const There* state = shownState(file);
+  const bool isProviders = state && file.here() && file.here()->content == state->content;
+  if (isProviders) return state->size;
+  return file.attributes().size.value_or(state ? state->size : 0);
+}
+
 Seen seen(const Item& item) {
   const Attributes& own = item.attributes();
   const There* state = shownState(item);
   Seen result;
-  if (item.isFile()) result.size = own.size.value_or(state ? state->size : 0);
+  if (item.isFile()) result.size = sizeOf(item);
   if (own.modified) {
     result.modified = *own.modified;
   } else if (state) {

@@ -17,6 +17,10 @@ bool isConflictCopy(const Item& item);
 /// The date of a state in nanoseconds, or the nearest that there is; 1970 when it has none.
 FileTime modifiedOf(const There& there);
 
+/// Of what programs see of a file, in bytes. What was noted of bytes that were written here says
+/// nothing of the provider's.
+std::int64_t sizeOf(const Item& file);
+
 /// What programs see of an item beside its name and its bytes, as far as it follows from the item.
 struct Seen {
   /// Bytes; 0 for a folder.
