@@ -185,7 +185,8 @@ def test_a_listing_without_end_is_an_error_and_what_is_known_stays(scene):
 
     wait_for(known_was_refused, "listing")
     assert read_tree(scene.home / "known") == seen
-    assert scene.place.status()["state"] == "online"
+    # The next listing is answered.
+    wait_for(lambda: scene.place.status()["state"] == "online", "answer")
     assert peak(scene.place.status()["process"]) < MOST_MEMORY
     scene.settle({"/known": None, "/known/a.txt": OLD, "/unknown": None, "/unknown/a.txt": OLD})
 
