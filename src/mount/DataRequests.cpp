@@ -77,7 +77,7 @@ Task<void> readLater(std::shared_ptr<Reply> reply, std::shared_ptr<replica::Open
   }
 }
 
-/// Whether a read is to wait for its bytes. The kernel holds up everybody's reads when too many in
+/// Whether a read is to wait for its bytes. The kernel holds up all other reads when too many in
 /// advance wait, so those of one file are bounded.
 bool mayWait(FileHandle& handle, const fuse_file_info& info, off_t offset, std::size_t size) {
   const bool isInAdvance = (info.flags & O_DIRECT) == 0;

@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include "cli/HostLink.h"
 #include "cli/ItemText.h"
@@ -100,57 +102,54 @@ void checkTimeouts(std::vector<Finding>& found) {
   }
 }
 
-Finding checkHost(const host::HostEntry& host) {
+/// How a mount is, by what its host says.
+Finding mountFinding(const host::HostEntry& host, const JSONValue& status) {
   const auto shown = escapedForDisplay(host.mountPoint);
-  try {
-    const auto status =
-        ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
-    const auto* pending = status.member("pending");
-    const auto* partial = status.member("partialFolders");
-    if (partial != nullptr && partial->array() != nullptr && !partial->array()->empty()) {
-      return {"mount", Verdict::warning,
-              shown + ": the server's list of a folder is cut short or is no proper XML, as of " +
-                  escapedForDisplay(host::pathIn(partial->array()->front(), "path")) +
-                  "; see kestrowan status"};
-    }
-    return {"mount", Verdict::good,
-            shown + ": domain " + escapedForDisplay(host.domain) + ", for " +
-                (host.container.empty() ? "a container that it does not tell"
-                                        : escapedForDisplay(host.container)) +
-                ": " + text(status, "state") + ", " +
-                counted(pending != nullptr ? integer(*pending, "count") : 0, "change") +
-                " to send"};
-  } catch (const NSError& error) {
-    return {"mount", Verdict::bad, shown + ": " + error.localizedDescription()};
-  } catch (const HostFailure& failure) {
-    return {"mount", Verdict::bad, failure.what()};
+  const auto* pending = status.member("pending");
+  const auto* partial = status.member("partialFolders");
+  if (partial != nullptr && partial->array() != nullptr && !partial->array()->empty()) {
+    return {"mount", Verdict::warning,
+            shown + ": the server's list of a folder is cut short or is no proper XML, as of " +
+                escapedForDisplay(host::pathIn(partial->array()->front(), "path")) +
+                "; see kestrowan status"};
   }
+  return {"mount", Verdict::good,
+          shown + ": domain " + escapedForDisplay(host.domain) + ", for " +
+              (host.container.empty() ? "a container that it does not tell"
+                                      : escapedForDisplay(host.container)) +
+              ": " + text(status, "state") + ", " +
+              counted(pending != nullptr ? integer(*pending, "count") : 0, "change") + " to send"};
 }
 
 /// The program in the background that was refused last what it wanted to read.
-void checkPrograms(const host::HostEntry& host, std::vector<Finding>& found) {
+std::optional<Finding> programFinding(const host::HostEntry& host, const JSONValue& status) {
+  const auto* refused = status.member("refusedPrograms");
+  if (refused == nullptr || integer(*refused, "count") == 0) return std::nullopt;
+  return Finding{"programs", Verdict::good,
+                 escapedForDisplay(host.mountPoint) +
+                     ": nothing is fetched for programs in the background; the last one that "
+                     "wanted it is " +
+                     escapedForDisplay(text(*refused, "last")) +
+                     " (--background-programs=allow lets them)"};
+}
+
+void checkHost(const host::HostEntry& host, std::vector<Finding>& found) {
   try {
     const auto status =
         ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
-    const auto* refused = status.member("refusedPrograms");
-    if (refused == nullptr || integer(*refused, "count") == 0) return;
-    found.push_back({"programs", Verdict::good,
-                     escapedForDisplay(host.mountPoint) +
-                         ": nothing is fetched for programs in "
-                         "the background; the last one that wanted it is " +
-                         escapedForDisplay(text(*refused, "last")) +
-                         " (--background-programs=allow lets them)"});
-  } catch (const NSError&) {
-    // What is wrong with the mount is said by its own line.
-  } catch (const HostFailure&) {
+    found.push_back(mountFinding(host, status));
+    if (auto finding = programFinding(host, status)) found.push_back(*std::move(finding));
+  } catch (const NSError& error) {
+    found.push_back({"mount", Verdict::bad,
+                     escapedForDisplay(host.mountPoint) + ": " + error.localizedDescription()});
+  } catch (const HostFailure& failure) {
+    found.push_back({"mount", Verdict::bad, failure.what()});
   }
 }
 
 void checkMounts(std::vector<Finding>& found) {
   for (const auto& host : host::knownHosts()) {
-    if (!host.running) continue;
-    found.push_back(checkHost(host));
-    checkPrograms(host, found);
+    if (host.running) checkHost(host, found);
   }
   for (const auto& left : host::hostsThatLeft()) {
     found.push_back(

@@ -12,7 +12,7 @@
 
 namespace kestrowan {
 
-/// Who wants to read which download of this process while it arrives. Usable from every thread.
+/// Which downloads of this process are to be read while they arrive. Usable from every thread.
 class Arrivals {
  public:
   /// Whether a request with that URL is meant. Must not call back.

@@ -26,7 +26,7 @@ class BackgroundFetches {
   /// must not outlive the object.
   using Turn = std::shared_ptr<void>;
 
-  /// Ends when a file of `size` bytes may be fetched for the caller, who is an ordinary program
+  /// Ends when a file of `size` bytes may be fetched for the caller, which is an ordinary program
   /// when it is null: of a thumbnailer, when nothing else is being fetched. Throws EACCES when it
   /// may not.
   Task<Turn> turn(std::shared_ptr<const Caller> caller, std::int64_t size);

@@ -19,17 +19,7 @@ std::pair<Flights::Flight&, bool> Flights::take(ItemNumber file) {
 }
 
 bool Flights::want(ItemNumber file) {
-  std::shared_ptr<Stream> stream;
-  bool isNew = false;
-  {
-    std::lock_guard lock(mutex_);
-    const auto [flight, isFirst] = take(file);
-    flight.isWanted = true;
-    stream = flight.stream;
-    isNew = isFirst;
-  }
-  if (stream) stream->hurry();
-  return isNew;
+  return await(file, Waiter());
 }
 
 bool Flights::await(ItemNumber file, Waiter waiter) {
@@ -38,7 +28,11 @@ bool Flights::await(ItemNumber file, Waiter waiter) {
   {
     std::lock_guard lock(mutex_);
     const auto [flight, isFirst] = take(file);
-    flight.waiters.push_back(std::move(waiter));
+    if (waiter) {
+      flight.waiters.push_back(std::move(waiter));
+    } else {
+      flight.isWanted = true;
+    }
     stream = flight.stream;
     isNew = isFirst;
   }

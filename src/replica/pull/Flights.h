@@ -33,7 +33,7 @@ class Flights {
 
   /// Its contents, by no caller in particular.
   bool want(model::ItemNumber file);
-  /// Its contents, whole.
+  /// Its contents, whole. Without a waiter the same as `want`.
   bool await(model::ItemNumber file, Waiter waiter);
   /// Its contents, or what can be read of them meanwhile: answered at once when there is a stream.
   bool await(model::ItemNumber file, Opener opener);
@@ -44,8 +44,8 @@ class Flights {
 
   /// Null when nothing can be read of the file yet.
   std::shared_ptr<Stream> stream(model::ItemNumber file) const;
-  /// Contents arrive that are read through the stream, which answers those who wait to open the
-  /// file. `excuse` is held until they have come to their end.
+  /// Contents arrive that are read through the stream, which answers the calls that wait to open
+  /// the file. `excuse` is held until they have come to their end.
   void arrive(model::ItemNumber file, std::shared_ptr<Stream> stream, Contents contents,
               std::shared_ptr<void> excuse);
   /// They have come to their end, whole or not.
