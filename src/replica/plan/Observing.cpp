@@ -32,9 +32,9 @@ std::uint64_t digestOf(const Listing& listing) {
   return digest.value();
 }
 
-class Look {
+class Observation {
  public:
-  Look(Edit& edit, const Shown& shown, const Doubts& doubts)
+  Observation(Edit& edit, const Shown& shown, const Doubts& doubts)
       : edit_(edit), shown_(shown), doubts_(doubts), belief_(doubts_, shown.began) {}
 
   Written write(const std::vector<ItemNumber>& folders);
@@ -68,14 +68,14 @@ class Look {
 };
 
 /// Absent when it is lacking, which is noted.
-const std::optional<Listing>* Look::listing(const Path& folder) {
+const std::optional<Listing>* Observation::listing(const Path& folder) {
   const auto found = shown_.listings.find(folder);
   if (found != shown_.listings.end()) return &found->second;
   lacking_.insert(folder);
   return nullptr;
 }
 
-const ListedEntry* Look::entry(const Path& path) {
+const ListedEntry* Observation::entry(const Path& path) {
   const auto* folder = listing(path.folder());
   if (!folder || !*folder) return nullptr;
   const auto found = (*folder)->entries.find(path.name());
@@ -83,7 +83,7 @@ const ListedEntry* Look::entry(const Path& path) {
 }
 
 /// What is listed there says nothing, and is left as it is known.
-bool Look::isUncertain(const Path& path) {
+bool Observation::isUncertain(const Path& path) {
   const bool result = plan::isUncertain(*edit_, path, shown_.answered);
   isWhole_ = isWhole_ && !result;
   return result;
@@ -91,7 +91,7 @@ bool Look::isUncertain(const Path& path) {
 
 /// From where to where moves without an answer may have brought something, the latest first. They
 /// may have been one after the other.
-std::vector<Look::Way> Look::ways() const {
+std::vector<Observation::Way> Observation::ways() const {
   std::vector<const Intent*> moves;
   for (const Intent& intent : edit_->intents().all()) {
     if (intent.verb == Verb::move) moves.insert(moves.begin(), &intent);
@@ -113,14 +113,14 @@ std::vector<Look::Way> Look::ways() const {
 }
 
 /// Whether one was found to have landed; there may be more then.
-bool Look::followMoves() {
+bool Observation::followMoves() {
   const auto found = ways();
   return std::any_of(found.begin(), found.end(),
                      [&](const Way& way) { return hasMoved(way.first, way.second); });
 }
 
 /// The item at the source kept its identity and is at the target now, with all that is in it.
-bool Look::hasMoved(const Path& source, const Path& target) {
+bool Observation::hasMoved(const Path& source, const Path& target) {
   const Item* item = edit_->atPath(source);
   const Item* folder = edit_->folderOf(target);
   if (!item || !folder) return false;
@@ -154,7 +154,7 @@ bool Look::hasMoved(const Path& source, const Path& target) {
   return true;
 }
 
-void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listing) {
+void Observation::writeAbsent(ItemNumber folder, const Path& path, const Listing& listing) {
   std::vector<ItemNumber> lacked;
   Belief::Loss loss{folder, 0, 0, listing.entries.empty(), [&] { return digestOf(listing); }};
   for (const Item* item : edit_->thereIn(folder)) {
@@ -180,14 +180,14 @@ void Look::writeAbsent(ItemNumber folder, const Path& path, const Listing& listi
   if (!listing.isWhole || doubts_.suspected.contains(folder)) unproved_.push_back(folder);
 }
 
-void Look::writePresent(ItemNumber folder, const Path& path, const Listing& listing) {
+void Observation::writePresent(ItemNumber folder, const Path& path, const Listing& listing) {
   for (const auto& [name, entry] : listing.entries) {
     if (isUncertain(path.child(name))) continue;
     observeEntry(edit_, {folder, name}, entry);
   }
 }
 
-void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo) {
+void Observation::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo) {
   const Item* folder = edit_->find(number);
   if (!folder || !folder->there() || done_.contains(number)) return;
   const Path path = edit_->therePath(*folder);
@@ -205,7 +205,7 @@ void Look::writeFolder(ItemNumber number, std::deque<ItemNumber>& todo) {
 }
 
 /// With the folders that moves without an answer join to these.
-std::vector<ItemNumber> Look::widened(const std::vector<ItemNumber>& folders) {
+std::vector<ItemNumber> Observation::widened(const std::vector<ItemNumber>& folders) {
   std::vector<ItemNumber> result;
   const auto add = [&](const Item* folder) {
     if (!folder || !folder->there() || folder->isFile()) return;
@@ -232,7 +232,7 @@ std::vector<ItemNumber> Look::widened(const std::vector<ItemNumber>& folders) {
 }
 
 /// What is known of the request's places is what was listed now.
-bool Look::isSeen(const Intent& intent) {
+bool Observation::isSeen(const Intent& intent) {
   const auto paths = intent.paths();
   return std::all_of(paths.begin(), paths.end(), [&](const Path& path) {
     const Item* folder = edit_->folderOf(path);
@@ -240,7 +240,7 @@ bool Look::isSeen(const Intent& intent) {
   });
 }
 
-void Look::noteIntents() {
+void Observation::noteIntents() {
   std::vector<Intent> changed;
   for (Intent intent : edit_->intents().all()) {
     if (intent.isUnderWay() || *intent.ended > shown_.began || !isSeen(intent)) continue;
@@ -253,7 +253,7 @@ void Look::noteIntents() {
   for (const Intent& intent : changed) edit_.change(intent);
 }
 
-Written Look::write(const std::vector<ItemNumber>& folders) {
+Written Observation::write(const std::vector<ItemNumber>& folders) {
   const auto wide = widened(folders);
   if (lacking_.empty()) {
     while (followMoves()) {
@@ -273,7 +273,7 @@ Written Look::write(const std::vector<ItemNumber>& folders) {
   return {{lacking_.begin(), lacking_.end()}, isWhole_, std::move(unproved_), std::move(doubts_)};
 }
 
-Moved Look::follow(const std::vector<ItemNumber>& folders) {
+Moved Observation::follow(const std::vector<ItemNumber>& folders) {
   const auto wide = widened(folders);
   while (lacking_.empty() && followMoves()) {
   }
@@ -286,7 +286,7 @@ Moved Look::follow(const std::vector<ItemNumber>& folders) {
   return {{lacking_.begin(), lacking_.end()}, wide};
 }
 
-void Look::end(const std::vector<ItemNumber>& folders) {
+void Observation::end(const std::vector<ItemNumber>& folders) {
   done_.insert(folders.begin(), folders.end());
   noteIntents();
 }
@@ -294,7 +294,7 @@ void Look::end(const std::vector<ItemNumber>& folders) {
 }  // namespace
 
 Moved observeMoves(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
-  return Look(edit, shown, {}).follow(folders);
+  return Observation(edit, shown, {}).follow(folders);
 }
 
 void observeEntry(Edit& edit, const Place& place, const ListedEntry& entry) {
@@ -307,12 +307,12 @@ void observeEntry(Edit& edit, const Place& place, const ListedEntry& entry) {
 }
 
 void observeEnd(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown) {
-  Look(edit, shown, {}).end(folders);
+  Observation(edit, shown, {}).end(folders);
 }
 
 Written observe(Edit& edit, const std::vector<ItemNumber>& folders, const Shown& shown,
                 const Doubts& doubts) {
-  return Look(edit, shown, doubts).write(folders);
+  return Observation(edit, shown, doubts).write(folders);
 }
 
 }  // namespace kestrowan::replica::plan
