@@ -12,6 +12,8 @@ from program import TOKEN
 REPLACED = {"rename": "to", "save": "at", "remove": "at"}
 # How long after the server's answer the mount shows what was in it, in seconds.
 SHOWN_WITHIN = 0.3
+# How long a request is on its way to the server, and cannot be called back, in seconds.
+SENT_WITHIN = 0.05
 
 
 class Change(NamedTuple):
@@ -75,7 +77,8 @@ class Requests:
                      if at in near and ended >= before]
             return Fate(change, places, min((ended for _, ended in looks), default=None),
                         min((ended for began, ended in looks
-                             if began >= after and ended <= change.began), default=None))
+                             if began >= after and ended <= change.began - SENT_WITHIN),
+                            default=None))
         return None
 
 

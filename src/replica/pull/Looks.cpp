@@ -52,6 +52,7 @@ Looks::Looks(model::Tree& tree, async::Scope& scope, remote::Provider& provider,
       touches_(touches),
       freshness_(freshness),
       waiters_(scope),
+      underWay_(scope),
       random_(std::random_device()()) {}
 
 Task<void> Looks::look(std::vector<ItemNumber> folders) {
@@ -106,6 +107,7 @@ Task<void> Looks::run(ItemNumber number) {
 
 /// `asker`: the folder whose waiters this is for; none for a caller that insists.
 Task<void> Looks::lookNow(std::vector<ItemNumber> folders, ItemNumber asker) {
+  const LooksUnderWay::Mark mark(underWay_, folders);
   for (int looks = 0; looks < kLooks; ++looks) {
     std::vector<ItemNumber> asked = folders;
     const bool isWritten = co_await lookOnce(std::move(asked), asker);

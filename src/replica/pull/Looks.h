@@ -16,6 +16,7 @@
 #include "replica/pull/Freshness.h"
 #include "replica/pull/ListingMerge.h"
 #include "replica/pull/Look.h"
+#include "replica/pull/LooksUnderWay.h"
 #include "replica/pull/Touches.h"
 #include "replica/remote/Health.h"
 #include "replica/remote/Provider.h"
@@ -43,6 +44,9 @@ class Looks {
   /// Lists the folder, unless it is being listed, for no caller in particular.
   void lookSoon(model::ItemNumber folder);
   void lookAfter(model::ItemNumber folder, std::chrono::milliseconds delay);
+  /// On the loop.
+  const LooksUnderWay& underWay() const { return underWay_; }
+  LooksUnderWay& underWay() { return underWay_; }
   /// Begins no more listings, and answers the calls that wait for one.
   void stop();
 
@@ -72,6 +76,8 @@ class Looks {
   Touches& touches_;
   Freshness& freshness_;
   FolderWaiters waiters_;
+
+  LooksUnderWay underWay_;
 
   /// What listings lacked and is not believed yet. On the loop, as the next one.
   plan::Doubts doubts_;

@@ -51,6 +51,13 @@ class Refresher {
     return looks_.look(std::move(folders));
   }
   void lookSoon(model::ItemNumber folder) { looks_.lookSoon(folder); }
+  /// See `LooksUnderWay`. On the loop.
+  bool isLooking(const std::vector<model::ItemNumber>& folders) const {
+    return looks_.underWay().isAtAny(folders);
+  }
+  Task<void> endOfLooks(std::vector<model::ItemNumber> folders) {
+    return looks_.underWay().end(std::move(folders));
+  }
   /// See `FoldersInUse`.
   void setOpen(model::ItemNumber folder, bool isOpen) { inUse_.setOpen(folder, isOpen); }
   /// See `Freshness`.

@@ -39,12 +39,16 @@ using model::Verb;
 using model::View;
 using plan::Change;
 using remote::ErrorClass;
+using remote::Provider;
 namespace Field = NSFileProviderItemField;
 
 namespace {
 
 /// Before what could not be noted on the disk is tried again.
 constexpr std::chrono::milliseconds kNotePause{1000};
+/// So often a turn is given back because what is known of the folders grew old meanwhile, or is
+/// about to change.
+constexpr int kTurns = 3;
 
 NSFileProviderItemPtr templateOf(NSFileProviderItemIdentifier identifier,
                                  NSFileProviderItemIdentifier folder, const std::string& name,
@@ -173,35 +177,69 @@ std::vector<ItemNumber> Push::foldersToList(const plan::Push& push,
   return result;
 }
 
+/// The folders in which the request changes something, or removes it.
+std::vector<ItemNumber> Push::foldersOf(const plan::Push& push) const {
+  const View view(tree_);
+  const Item* item = view->find(push.item);
+  if (!item) return {};
+  auto result = plan::foldersOf(*view, push);
+  if (push.change == Change::remove && item->isFolder()) {
+    const auto inside = foldersInTree(*view, push.item);
+    result.insert(result.end(), inside.begin(), inside.end());
+  }
+  return result;
+}
+
+/// Waits for the turn to ask for the change. What a look on its way then shows may forbid it, so
+/// its end is waited for; and after a long wait the folders are looked at anew.
+Task<Provider::Turn> Push::awaitTurn(const plan::Push& push, bool hasContents) {
+  for (int turns = 1;; ++turns) {
+    const auto asked = loop_.now();
+    auto taken = provider_.turn(hasContents);
+    auto first = co_await std::move(taken);
+    std::optional<Provider::Turn> turn(std::move(first));
+    auto folders = foldersOf(push);
+    const bool isLong = loop_.now() - asked > options_.freshTime;
+    if (turns == kTurns || (!isLong && !refresher_.isLooking(folders))) co_return std::move(*turn);
+    // The looks may need turns of their own.
+    turn.reset();
+    co_await refresher_.endOfLooks(std::move(folders));
+    folders = foldersToList(push, now());
+    if (isLong && !folders.empty()) co_await refresher_.look(std::move(folders));
+  }
+}
+
+/// Whether it is still to be sent. Throws when what the looks have shown or may lack forbids it.
+bool Push::isToBeSent(const plan::Push& push) const {
+  if (mayReplaceUnseen(push)) throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
+  const View view(tree_);
+  if (!isStillPlanned(*view, push)) {
+    // What was seen in it there keeps it.
+    const Item* item = view->find(push.item);
+    const bool isKept = push.change == Change::remove && item && item->isFolder() &&
+                        !item->here() && item->there() && !item->agreed();
+    if (isKept) throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
+    return false;
+  }
+  if (mayHoldUnseen(*view, push)) {
+    throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
+  }
+  return true;
+}
+
 Task<void> Push::carryOut(plan::Push push, std::optional<Time> changedAt) {
   auto folders = foldersToList(push, changedAt);
   if (!folders.empty()) co_await refresher_.look(std::move(folders));
-  if (mayReplaceUnseen(push)) throw NSError(NSURLErrorDomain, NSURLErrorCannotParseResponse);
-  bool hasContents = false;
-  {
-    const View view(tree_);
-    if (!isStillPlanned(*view, push)) {
-      // What was seen in it there keeps it.
-      const Item* item = view->find(push.item);
-      const bool isKept = push.change == Change::remove && item && item->isFolder() &&
-                          !item->here() && item->there() && !item->agreed();
-      if (isKept) throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
-      co_return;
-    }
-    hasContents = sendsContents(*view, push);
-    if (mayHoldUnseen(*view, push)) {
-      throw NSFileProviderError(NSFileProviderErrorCode::directoryNotEmpty);
-    }
-  }
-  if (hasContents && push.change != Change::create) {
-    co_await ask(push.item);
-    const View view(tree_);
-    if (!isStillPlanned(*view, push)) co_return;
-  }
+  if (!isToBeSent(push)) co_return;
+  const bool hasContents = sendsContents(*View(tree_), push);
+  auto taken = awaitTurn(push, hasContents);
+  auto turn = co_await std::move(taken);
+  if (!isToBeSent(push)) co_return;
+  if (hasContents && push.change != Change::create) co_await ask(push.item);
   pull::Frozen frozen;
   if (hasContents) frozen = freezer_.freeze(push.item);
   auto sent = prepare(push, std::move(frozen));
-  if (sent) co_await send(std::move(*sent));
+  if (sent) co_await send(std::move(turn), std::move(*sent));
 }
 
 /// Whether a folder that is to be removed, with all in it, may hold what no listing has shown.
@@ -324,11 +362,11 @@ void Push::fillTemplate(const State& state, Sent& sent) const {
   }
 }
 
-Task<void> Push::send(Sent sent) {
+Task<void> Push::send(Provider::Turn turn, Sent sent) {
   std::optional<NSError> problem;
   remote::WrittenItem written;
   try {
-    written = co_await request(sent);
+    written = co_await request(std::move(turn), sent);
   } catch (...) {
     problem = caughtError();
   }
@@ -363,17 +401,18 @@ Task<void> Push::note(std::function<void()> write) {
   }
 }
 
-Task<remote::WrittenItem> Push::request(const Sent& sent) {
+Task<remote::WrittenItem> Push::request(Provider::Turn turn, const Sent& sent) {
   std::optional<std::string> contents;
   if (sent.hasContents()) contents = contents_.path(sent.frozen.number);
   switch (sent.push.change) {
     case Change::create:
-      co_return co_await provider_.create(sent.wanted, sent.fields, contents, 0);
+      co_return co_await provider_.create(std::move(turn), sent.wanted, sent.fields, contents, 0);
     case Change::contents:
     case Change::move:
-      co_return co_await provider_.modify(sent.wanted, sent.version, sent.fields, contents);
+      co_return co_await provider_.modify(std::move(turn), sent.wanted, sent.version, sent.fields,
+                                          contents);
     case Change::remove:
-      co_await provider_.remove(sent.identifier, sent.version, sent.isFolder);
+      co_await provider_.remove(std::move(turn), sent.identifier, sent.version, sent.isFolder);
       co_return remote::WrittenItem();
   }
   co_return remote::WrittenItem();

@@ -69,9 +69,12 @@ class Push {
   bool sendsContents(const model::State& state, const plan::Push& push) const;
   std::vector<model::ItemNumber> foldersToList(const plan::Push& push,
                                                std::optional<model::Time> changedAt) const;
+  std::vector<model::ItemNumber> foldersOf(const plan::Push& push) const;
   std::vector<model::ItemNumber> foldersInTree(const model::State& state,
                                                model::ItemNumber folder) const;
   static bool isToGo(const model::State& state, const model::Item& item);
+  bool isToBeSent(const plan::Push& push) const;
+  Task<remote::Provider::Turn> awaitTurn(const plan::Push& push, bool hasContents);
   Task<void> ask(model::ItemNumber item);
   void writeSeen(model::ItemNumber item, const NSFileProviderItem& seen);
   std::optional<Sent> prepare(const plan::Push& push, pull::Frozen frozen);
@@ -79,8 +82,8 @@ class Push {
   bool mayReplaceUnseen(const plan::Push& push) const;
   static void doubtDates(model::Edit& edit, const Sent& sent);
   void fillTemplate(const model::State& state, Sent& sent) const;
-  Task<void> send(Sent sent);
-  Task<remote::WrittenItem> request(const Sent& sent);
+  Task<void> send(remote::Provider::Turn turn, Sent sent);
+  Task<remote::WrittenItem> request(remote::Provider::Turn turn, const Sent& sent);
   void writeAnswer(const Sent& sent, const remote::WrittenItem& written);
   void writeRemoval(const Sent& sent);
   Task<void> note(std::function<void()> write);

@@ -3,6 +3,7 @@
 #include <coroutine>
 #include <cstddef>
 #include <deque>
+#include <utility>
 
 #include "async/Loop.h"
 #include "platform/base/GrowingLimit.h"
@@ -22,13 +23,15 @@ class CallSlots {
   /// Given back when it goes.
   class Slot {
    public:
-    explicit Slot(CallSlots& slots) : slots_(slots) {}
-    Slot(const Slot&) = delete;
-    Slot& operator=(const Slot&) = delete;
-    ~Slot() { slots_.give(); }
+    explicit Slot(CallSlots& slots) : slots_(&slots) {}
+    Slot(Slot&& other) noexcept : slots_(std::exchange(other.slots_, nullptr)) {}
+    Slot& operator=(Slot&&) = delete;
+    ~Slot() {
+      if (slots_) slots_->give();
+    }
 
    private:
-    CallSlots& slots_;
+    CallSlots* slots_;
   };
 
   /// While this lives one more call may run: one of those that do does not count.

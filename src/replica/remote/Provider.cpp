@@ -174,12 +174,23 @@ void Provider::enroll(const std::shared_ptr<PendingResult>& result) {
   calls_.insert(result);
 }
 
+Task<Provider::Turn> Provider::take(CallSlots& slots) {
+  auto taken = slots.take();
+  co_await taken;
+  co_return Turn(slots);
+}
+
 template <typename T, typename Make>
 Task<T> Provider::call(CallSlots& slots, std::optional<std::chrono::milliseconds> limit,
                        Make make) {
-  auto taken = slots.take();
-  co_await taken;
-  const CallSlots::Slot slot(slots);
+  auto taken = take(slots);
+  auto turn = co_await std::move(taken);
+  auto made = callIn<T>(std::move(turn), limit, std::move(make));
+  co_return co_await std::move(made);
+}
+
+template <typename T, typename Make>
+Task<T> Provider::callIn(Turn, std::optional<std::chrono::milliseconds> limit, Make make) {
   const Extension extension = requireExtension();
   const auto abandonment = std::make_shared<Abandonment>();
   auto pending = std::make_shared<OneShot<T>>(loop_, abandonment);
@@ -279,7 +290,7 @@ std::shared_ptr<void> Provider::excuse(std::int64_t size) {
   return std::make_shared<CallSlots::Excuse>(slots);
 }
 
-Task<WrittenItem> Provider::create(NSFileProviderItemPtr basedOnTemplate,
+Task<WrittenItem> Provider::create(Turn turn, NSFileProviderItemPtr basedOnTemplate,
                                    NSFileProviderItemFields fields,
                                    std::optional<std::string> contents,
                                    NSFileProviderCreateItemOptions options) {
@@ -289,12 +300,11 @@ Task<WrittenItem> Provider::create(NSFileProviderItemPtr basedOnTemplate,
                   const std::shared_ptr<OneShot<WrittenItem>>& result) {
     extension.createItem(basedOnTemplate, fields, url, options, {}, written(result));
   };
-  auto request =
-      call<WrittenItem>(contents ? uploads_ : metadata_, limitOf(contents), std::move(make));
+  auto request = callIn<WrittenItem>(std::move(turn), limitOf(contents), std::move(make));
   co_return co_await std::move(request);
 }
 
-Task<WrittenItem> Provider::modify(NSFileProviderItemPtr item,
+Task<WrittenItem> Provider::modify(Turn turn, NSFileProviderItemPtr item,
                                    NSFileProviderItemVersion baseVersion,
                                    NSFileProviderItemFields changedFields,
                                    std::optional<std::string> contents) {
@@ -305,12 +315,11 @@ Task<WrittenItem> Provider::modify(NSFileProviderItemPtr item,
                   const std::shared_ptr<OneShot<WrittenItem>>& result) {
     extension.modifyItem(item, baseVersion, changedFields, url, 0, {}, written(result));
   };
-  auto request =
-      call<WrittenItem>(contents ? uploads_ : metadata_, limitOf(contents), std::move(make));
+  auto request = callIn<WrittenItem>(std::move(turn), limitOf(contents), std::move(make));
   co_return co_await std::move(request);
 }
 
-Task<void> Provider::remove(NSFileProviderItemIdentifier identifier,
+Task<void> Provider::remove(Turn turn, NSFileProviderItemIdentifier identifier,
                             NSFileProviderItemVersion baseVersion, bool recursive) {
   requireItem("a removal", identifier);
   auto make = [identifier, baseVersion, recursive](NSFileProviderReplicatedExtension& extension,
@@ -325,7 +334,7 @@ Task<void> Provider::remove(NSFileProviderItemIdentifier identifier,
                            }
                          });
   };
-  auto request = call<void>(metadata_, kMetadataLimit, std::move(make));
+  auto request = callIn<void>(std::move(turn), kMetadataLimit, std::move(make));
   co_await std::move(request);
 }
 

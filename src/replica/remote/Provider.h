@@ -80,20 +80,29 @@ class Provider {
   /// A fetch of that size has begun to deliver and may take long: while the result lives, it does
   /// not count among those that run. Null when too many are excused already. On the loop.
   std::shared_ptr<void> excuse(std::int64_t size);
-  Task<WrittenItem> create(NSFileProviderItemPtr basedOnTemplate, NSFileProviderItemFields fields,
-                           std::optional<std::string> contents,
+  /// The right to ask for one change there, given back when it goes. On the loop.
+  using Turn = CallSlots::Slot;
+  /// Waits for one, behind other calls: perhaps for long. What the change relies upon is to be
+  /// asked again then. `hasContents`: of a file, which is a transfer.
+  Task<Turn> turn(bool hasContents) { return take(hasContents ? uploads_ : metadata_); }
+  Task<WrittenItem> create(Turn turn, NSFileProviderItemPtr basedOnTemplate,
+                           NSFileProviderItemFields fields, std::optional<std::string> contents,
                            NSFileProviderCreateItemOptions options);
-  Task<WrittenItem> modify(NSFileProviderItemPtr item, NSFileProviderItemVersion baseVersion,
+  Task<WrittenItem> modify(Turn turn, NSFileProviderItemPtr item,
+                           NSFileProviderItemVersion baseVersion,
                            NSFileProviderItemFields changedFields,
                            std::optional<std::string> contents);
-  Task<void> remove(NSFileProviderItemIdentifier identifier, NSFileProviderItemVersion baseVersion,
-                    bool recursive);
+  Task<void> remove(Turn turn, NSFileProviderItemIdentifier identifier,
+                    NSFileProviderItemVersion baseVersion, bool recursive);
 
  private:
   /// Makes the call of the extension and waits for its end. `make` gets the extension and what is
   /// to be given the result, and is run on the loop.
   template <typename T, typename Make>
   Task<T> call(CallSlots& slots, std::optional<std::chrono::milliseconds> limit, Make make);
+  template <typename T, typename Make>
+  Task<T> callIn(Turn turn, std::optional<std::chrono::milliseconds> limit, Make make);
+  static Task<Turn> take(CallSlots& slots);
   Task<std::vector<NSFileProviderItemPtr>> listOnce(NSFileProviderItemIdentifier container);
   CallSlots& slotsFor(std::int64_t size) {
     return size <= kSmallFile ? smallDownloads_ : downloads_;

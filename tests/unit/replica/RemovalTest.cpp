@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/NSError.h"
 #include "support/ReplicaWorld.h"
@@ -30,6 +32,15 @@ class RemovalTest : public testing::Test {
     world.extension().setDown(false);
     EXPECT_TRUE(world.settle());
     world.advance(seconds(70));
+  }
+
+  /// Listings are not answered until the hung calls are released.
+  void holdListings() {
+    world.extension().setFaults(
+        [](const Call& call) { return Fault{.hangs = call.kind == CallKind::enumerateItems}; });
+  }
+  BegunCall<void> removeFile(const std::string& path) {
+    return world.call(world.replica().files().removeFile(world.find("/"), path.substr(1)));
   }
 
   mutable ReplicaWorld world;
@@ -228,6 +239,47 @@ TEST_F(RemovalTest, FolderRemovedThereIsMadeAgainForWhoeverWritesInIt) {
   EXPECT_TRUE(world.call(world.replica().files().fsync(log)).hasSucceeded());
   EXPECT_TRUE(world.settle());
   EXPECT_EQ(world.server().read("/d/log"), "onetwo");
+}
+
+TEST_F(RemovalTest, FileIsNotRemovedBeforeALookOnItsWayHasShownWhatIsThere) {
+  world.server().writeFile("/a", "old");
+  world.list("/");
+  world.server().writeFile("/a", "theirs");
+  holdListings();
+  const auto listed = world.call(world.replica().askForRoot());
+  world.advance(milliseconds(100));
+  const auto removed = removeFile("/a");
+  world.advance(milliseconds(100));
+  EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
+  world.extension().releaseHung();
+  EXPECT_TRUE(world.settle());
+  EXPECT_TRUE(listed.hasSucceeded());
+  EXPECT_EQ(world.server().read("/a"), "theirs");
+  EXPECT_EQ(world.read("/a"), "theirs");
+}
+
+TEST_F(RemovalTest, FileIsLookedAtAgainWhenItsRemovalHadToWaitForOtherCalls) {
+  for (int number = 0; number < 8; ++number) {
+    world.server().makeFolder("/slow" + std::to_string(number));
+  }
+  world.server().writeFile("/a", "old");
+  world.list("/");
+  holdListings();
+  std::vector<BegunCall<std::shared_ptr<const replica::FolderSnapshot>>> listed;
+  for (int number = 0; number < 8; ++number) {
+    const auto folder = world.find("/slow" + std::to_string(number));
+    listed.push_back(world.call(world.replica().files().openFolder(folder)));
+  }
+  world.advance(milliseconds(100));
+  const auto removed = removeFile("/a");
+  world.advance(seconds(40));
+  world.server().writeFile("/a", "theirs");
+  EXPECT_EQ(world.extension().count(CallKind::deleteItem), 0u);
+  world.extension().setFaults({});
+  world.extension().releaseHung();
+  EXPECT_TRUE(world.settle());
+  EXPECT_EQ(world.server().read("/a"), "theirs");
+  EXPECT_EQ(world.read("/a"), "theirs");
 }
 
 }  // namespace

@@ -51,9 +51,11 @@ class AbandonedCallsTest : public testing::Test {
 
   void remove() {
     scope.spawn([](AbandonedCallsTest* test) -> Task<void> {
-      auto removal = test->calls.remove("/a", {}, false);
       std::int64_t code = 0;
       try {
+        auto taken = test->calls.turn(false);
+        auto turn = co_await std::move(taken);
+        auto removal = test->calls.remove(std::move(turn), "/a", {}, false);
         co_await std::move(removal);
       } catch (const NSError& error) {
         code = error.code();

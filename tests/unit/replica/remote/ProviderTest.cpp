@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +21,7 @@ namespace {
 
 using replica::remote::IdentifierForm;
 using replica::remote::Provider;
+using replica::remote::WrittenItem;
 
 const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
 
@@ -59,6 +61,29 @@ class ProviderTest : public testing::Test {
                                                                      .contentType = std::nullopt});
   }
 
+  Task<WrittenItem> create(NSFileProviderItemPtr wanted, NSFileProviderItemFields fields,
+                           std::optional<std::string> contents,
+                           NSFileProviderCreateItemOptions options) {
+    auto taken = calls.turn(contents.has_value());
+    auto turn = co_await std::move(taken);
+    auto made = calls.create(std::move(turn), wanted, fields, contents, options);
+    co_return co_await std::move(made);
+  }
+  Task<WrittenItem> modify(NSFileProviderItemPtr wanted, NSFileProviderItemVersion version,
+                           NSFileProviderItemFields fields, std::optional<std::string> contents) {
+    auto taken = calls.turn(contents.has_value());
+    auto turn = co_await std::move(taken);
+    auto made = calls.modify(std::move(turn), wanted, version, fields, contents);
+    co_return co_await std::move(made);
+  }
+  Task<void> remove(NSFileProviderItemIdentifier identifier, NSFileProviderItemVersion version,
+                    bool recursive) {
+    auto taken = calls.turn(false);
+    auto turn = co_await std::move(taken);
+    auto made = calls.remove(std::move(turn), identifier, version, recursive);
+    co_await std::move(made);
+  }
+
   SimulatedLoop loop;
   TemporaryDirectory directory;
   std::shared_ptr<MemoryServer> server = std::make_shared<MemoryServer>();
@@ -73,13 +98,13 @@ TEST_F(ProviderTest, ProperItemsAreAskedFor) {
   EXPECT_EQ(result(calls.list("/d")), "done");
   EXPECT_EQ(result(calls.item("/d/a")), "done");
   EXPECT_EQ(result(calls.fetch("/d/a", 1)), "done");
-  EXPECT_EQ(result(calls.create(wanted("new:1", "/d", "b"), 0, std::nullopt, 0)), "done");
-  EXPECT_EQ(result(calls.modify(
+  EXPECT_EQ(result(create(wanted("new:1", "/d", "b"), 0, std::nullopt, 0)), "done");
+  EXPECT_EQ(result(modify(
                 wanted("/d/b", kRoot, "c"), {},
                 NSFileProviderItemField::filename | NSFileProviderItemField::parentItemIdentifier,
                 std::nullopt)),
             "done");
-  EXPECT_EQ(result(calls.remove("/c", {}, false)), "done");
+  EXPECT_EQ(result(remove("/c", {}, false)), "done");
   EXPECT_EQ(server->tree().size(), 2u);
 }
 
@@ -96,20 +121,20 @@ TEST_F(ProviderTest, NothingElseReachesTheProvider) {
     EXPECT_EQ(result(calls.list(identifier)), refused) << identifier;
     EXPECT_EQ(result(calls.item(identifier)), refused) << identifier;
     EXPECT_EQ(result(calls.fetch(identifier, 1)), refused) << identifier;
-    EXPECT_EQ(result(calls.remove(identifier, {}, true)), refused) << identifier;
-    EXPECT_EQ(result(calls.create(wanted("new:1", identifier, "b"), 0, std::nullopt, 0)), refused)
+    EXPECT_EQ(result(remove(identifier, {}, true)), refused) << identifier;
+    EXPECT_EQ(result(create(wanted("new:1", identifier, "b"), 0, std::nullopt, 0)), refused)
         << identifier;
-    EXPECT_EQ(result(calls.modify(wanted(identifier, "/d", "a"), {}, 0, std::nullopt)), refused)
+    EXPECT_EQ(result(modify(wanted(identifier, "/d", "a"), {}, 0, std::nullopt)), refused)
         << identifier;
-    EXPECT_EQ(result(calls.modify(wanted("/d/a", identifier, "a"), {}, 0, std::nullopt)), refused)
+    EXPECT_EQ(result(modify(wanted("/d/a", identifier, "a"), {}, 0, std::nullopt)), refused)
         << identifier;
     count += 7;
   }
   for (const std::string& name :
        {std::string(), std::string("."), std::string(".."), std::string("a/b"),
         std::string("a\0", 2), std::string(256, 'x')}) {
-    EXPECT_EQ(result(calls.create(wanted("new:1", "/d", name), 0, std::nullopt, 0)), refused);
-    EXPECT_EQ(result(calls.modify(wanted("/d/a", "/d", name), {}, 0, std::nullopt)), refused);
+    EXPECT_EQ(result(create(wanted("new:1", "/d", name), 0, std::nullopt, 0)), refused);
+    EXPECT_EQ(result(modify(wanted("/d/a", "/d", name), {}, 0, std::nullopt)), refused);
     count += 2;
   }
   EXPECT_EQ(extension->count(), 0u);
@@ -121,9 +146,9 @@ TEST_F(ProviderTest, TheRootIsOnlyLookedAt) {
   const RecordingLog log;
   const std::string refused = std::string(NSPOSIXErrorDomain) + " " + std::to_string(EIO);
   EXPECT_EQ(result(calls.fetch(kRoot, 1)), refused);
-  EXPECT_EQ(result(calls.remove(kRoot, {}, true)), refused);
-  EXPECT_EQ(result(calls.modify(wanted(kRoot, kRoot, "other"), {},
-                                NSFileProviderItemField::filename, std::nullopt)),
+  EXPECT_EQ(result(remove(kRoot, {}, true)), refused);
+  EXPECT_EQ(result(modify(wanted(kRoot, kRoot, "other"), {}, NSFileProviderItemField::filename,
+                          std::nullopt)),
             refused);
   EXPECT_EQ(extension->count(), 0u);
 }
