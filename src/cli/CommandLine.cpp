@@ -85,6 +85,8 @@ class CommandLine {
       const ExitCode code = carryOut(argc, argv, json);
       Output::standard().flush();
       return static_cast<int>(code);
+    } catch (const ReaderGone&) {
+      return static_cast<int>(ExitCode::outputUnwritable);
     } catch (const OutputUnwritable& problem) {
       complain(escapedForDisplay(problem.what()));
       if (json) tryToReport(problem.what());
@@ -157,16 +159,35 @@ class CommandLine {
     }
   }
 
+  static void addZone(CLI::App& command, Zone& zone) {
+    command.add_flag_callback(
+        "--utc", [&zone] { zone = Zone::utc; }, "dates in UTC, instead of this machine's time");
+  }
+
   void addReadingCommands() {
     auto* ls =
         addDirect("ls", "list a folder", "  kestrowan ls -l /Home\n  kestrowan ls -R", kRequestEnd,
                   [this](CommandContext& context) { return list(context, listOptions_); });
-    ls->add_flag("-l", listOptions_.longFormat, "with kind, capabilities, size and date (UTC)");
+    ls->set_help_flag("--help", "Print this help message and exit");
+    ls->add_flag("-l", listOptions_.isLong, "with kind, capabilities, size and date");
     ls->add_flag("-R", listOptions_.recursive, "with all folders below");
+    const auto sort = [&](const char* flag, ListOptions::Order order, const char* text) {
+      ls->add_flag_callback(
+          flag, [this, order] { listOptions_.order = order; }, text);
+    };
+    sort("-t", ListOptions::Order::byDate, "the latest change first, instead of by name");
+    sort("-S", ListOptions::Order::bySize, "the largest file first, instead of by name");
+    ls->add_flag("-r", listOptions_.isReversed, "in the reverse order");
+    ls->add_flag("-h", listOptions_.form.areSizesShort, "with -l: sizes as 12.3 MiB");
+    ls->add_flag_callback(
+        "-1", [] {}, "one name a line, as always");
+    addZone(*ls, listOptions_.form.zone);
     ls->add_option("PATH", listOptions_.path, "folder on the server; the root when left out");
 
-    auto* stat = addDirect("stat", "show one item", "  kestrowan stat /Home/a.txt", kRequestEnd,
-                           [this](CommandContext& context) { return cli::stat(context, path_); });
+    auto* stat =
+        addDirect("stat", "show one item", "  kestrowan stat /Home/a.txt", kRequestEnd,
+                  [this](CommandContext& context) { return cli::stat(context, path_, zone_); });
+    addZone(*stat, zone_);
     stat->add_option("PATH", path_, "item on the server")->required();
 
     auto* get = addDirect(
@@ -237,6 +258,10 @@ class CommandLine {
         return cli::doctor(global_);
       };
     });
+    auto* help = app_.add_subcommand("help", "show how a command is used");
+    help->footer("Example:\n  kestrowan help ls");
+    help->add_option("COMMAND", command_, "all commands, in short, when left out");
+    help->callback([this] { action_ = [this] { return showHelp(); }; });
     app_.add_subcommand("__describe")->group("")->callback([this] {
       action_ = [this] {
         Output::standard().write(description(app_, KFP_VERSION).serialized() + "\n");
@@ -245,13 +270,32 @@ class CommandLine {
     });
   }
 
+  ExitCode showHelp() const {
+    const CLI::App* shown = &app_;
+    if (!command_.empty()) {
+      const auto found = app_.get_subcommands([this](const CLI::App* each) {
+        return each->get_name() == command_ && !each->get_group().empty();
+      });
+      if (found.empty()) {
+        throw UsageError(escapedForDisplay(command_) + ": there is no such command");
+      }
+      shown = found.front();
+    }
+    const std::string name = app_.get_name() + (command_.empty() ? "" : " " + command_);
+    Output::standard().write(
+        app_.get_formatter()->make_help(shown, name, CLI::AppFormatMode::Normal));
+    return ExitCode::done;
+  }
+
   CLI::App app_;
   GlobalOptions global_;
   Action action_;
   ListOptions listOptions_;
+  std::string command_;
   std::string path_;
   std::string source_;
   std::optional<std::string> file_;
+  Zone zone_ = Zone::local;
   bool recursive_ = false;
   bool follow_ = false;
   std::optional<std::uint32_t> seconds_;

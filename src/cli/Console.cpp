@@ -17,7 +17,9 @@ constexpr std::size_t kGatherLimit = 64 * 1024;  // bytes
 }  // namespace
 
 void throwUnwritable(const std::string& file, int number) {
-  throw OutputUnwritable(file + ": " + std::generic_category().message(number));
+  const auto text = file + ": " + std::generic_category().message(number);
+  if (number == EPIPE) throw ReaderGone(text);
+  throw OutputUnwritable(text);
 }
 
 Output& Output::standard() {
@@ -42,9 +44,9 @@ void Output::flushLocked() {
     const ssize_t written = ::write(STDOUT_FILENO, rest.data(), rest.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) {
-      const auto reason = std::generic_category().message(errno);
+      const int reason = errno;
       gathered_.clear();
-      throw OutputUnwritable("standard output: " + reason);
+      throwUnwritable("standard output", reason);
     }
     rest.remove_prefix(static_cast<std::size_t>(written));
   }

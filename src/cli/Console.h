@@ -14,7 +14,14 @@ class OutputUnwritable : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Throws `OutputUnwritable` for the local `file`, which the system refused with that `errno`.
+/// The program that read standard output has ended, of which no message is shown.
+class ReaderGone : public OutputUnwritable {
+ public:
+  using OutputUnwritable::OutputUnwritable;
+};
+
+/// Throws `OutputUnwritable` for the local `file`, which the system refused with that `errno`;
+/// `ReaderGone` of a pipe.
 [[noreturn]] void throwUnwritable(const std::string& file, int number);
 
 /// Standard output: gathered and written in large pieces. Usable from every thread.

@@ -32,14 +32,16 @@ std::string capabilityText(const NSFileProviderItem& item) {
   return text;
 }
 
-std::string dateText(const std::optional<NSDate>& date) {
+std::string dateText(const std::optional<NSDate>& date, Zone zone, bool withZone) {
   if (!date) return "-";
   const auto seconds = static_cast<std::time_t>(std::floor(date->timeIntervalSince1970));
   std::tm parts{};
-  if (::gmtime_r(&seconds, &parts) == nullptr) return "-";
+  const bool isUTC = zone == Zone::utc;
+  const auto* split = isUTC ? ::gmtime_r(&seconds, &parts) : ::localtime_r(&seconds, &parts);
+  if (split == nullptr) return "-";
+  const char* format = withZone ? "%Y-%m-%d %H:%M:%S %z" : "%Y-%m-%d %H:%M:%S";
   std::array<char, 64> buffer;
-  return std::string(buffer.data(),
-                     std::strftime(buffer.data(), buffer.size(), "%Y-%m-%d %H:%M:%S", &parts));
+  return std::string(buffer.data(), std::strftime(buffer.data(), buffer.size(), format, &parts));
 }
 
 std::string byteText(std::int64_t bytes) {
@@ -55,15 +57,16 @@ std::string counted(std::int64_t number, const std::string& one, const std::stri
   return std::to_string(number) + " " + (number == 1 ? one : several.empty() ? one + "s" : several);
 }
 
-std::string longLine(const NSFileProviderItem& item, std::string_view name) {
+std::string longLine(const NSFileProviderItem& item, std::string_view name, const LongForm& form) {
   const auto size = item.documentSize();
-  const std::string sizeText = size ? std::to_string(*size) : "-";
+  std::string sizeText = "-";
+  if (size) sizeText = form.areSizesShort ? byteText(*size) : std::to_string(*size);
   return formatted("%s %12s  %-19s  ", capabilityText(item).c_str(), sizeText.c_str(),
-                   dateText(item.contentModificationDate()).c_str())
+                   dateText(item.contentModificationDate(), form.zone).c_str())
       .append(name);
 }
 
-std::string itemDescription(const NSFileProviderItem& item, std::string_view path) {
+std::string itemDescription(const NSFileProviderItem& item, std::string_view path, Zone zone) {
   const auto& out = Output::standard();
   const auto size = item.documentSize();
   const auto type = item.contentType();
@@ -76,8 +79,7 @@ std::string itemDescription(const NSFileProviderItem& item, std::string_view pat
          "capabilities: " + capabilityText(item) + " (" + std::to_string(item.capabilities()) +
          ")\n" +  //
          "size:         " + (size ? std::to_string(*size) + " bytes" : "-") + "\n" +
-         "modified:     " + dateText(item.contentModificationDate()) +
-         (item.contentModificationDate() ? " UTC" : "") + "\n" +
+         "modified:     " + dateText(item.contentModificationDate(), zone, true) + "\n" +
          "version:      " + out.forDisplay(version.contentVersion) + "\n";
 }
 

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "cli/ExitCode.h"
+#include "cli/ItemText.h"
 #include "cli/Patience.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 #include "platform/foundation/JSONValue.h"
@@ -51,15 +53,18 @@ struct RequestFailure {
 
 struct ListOptions {
   std::string path;
-  bool longFormat = false;
+  bool isLong = false;
   bool recursive = false;
+  enum class Order : std::uint8_t { byName, byDate, bySize } order = Order::byName;
+  bool isReversed = false;
+  LongForm form;
 };
 /// Prints a folder. Of several folders the ones that fail are reported as they come, and the
 /// command ends with `partlyFailed`.
 ExitCode list(CommandContext& context, const ListOptions& options);
 
 /// Prints every property of one item.
-ExitCode stat(CommandContext& context, const std::string& path);
+ExitCode stat(CommandContext& context, const std::string& path, Zone zone);
 
 /// Downloads. `file`: where to; a folder keeps the item's name, "-" is standard output, none the
 /// current folder. Replaces a file that is there only once the download is whole; of a symbolic

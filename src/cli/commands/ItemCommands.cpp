@@ -43,13 +43,13 @@ void demand(const NSFileProviderItem& item, NSFileProviderItemCapabilities neede
 
 }  // namespace
 
-ExitCode stat(CommandContext& context, const std::string& path) {
+ExitCode stat(CommandContext& context, const std::string& path, Zone zone) {
   const std::string at = serverPath(path);
   const auto item = itemAt(context, at);
   if (context.json()) {
     printItem(context, item);
   } else {
-    Output::standard().write(itemDescription(*item, at));
+    Output::standard().write(itemDescription(*item, at, zone));
   }
   return ExitCode::done;
 }

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <deque>
+#include <optional>
 #include <utility>
 
 #include "cli/Console.h"
@@ -28,6 +29,24 @@ bool liesIn(const NSFileProviderItem& item, const std::string& folder) {
          item.itemIdentifier().starts_with('/') && item.itemIdentifier().size() > folder.size();
 }
 
+/// Ahead of others come a later date, a larger size, and then the name in the order of its bytes.
+bool isBefore(const NSFileProviderItem& one, const NSFileProviderItem& other,
+              ListOptions::Order order) {
+  if (order == ListOptions::Order::byDate) {
+    const auto date = [](const NSFileProviderItem& item) {
+      const auto modified = item.contentModificationDate();
+      return modified ? std::optional(modified->timeIntervalSince1970) : std::nullopt;
+    };
+    if (date(one) != date(other)) return date(one) > date(other);
+  }
+  if (order == ListOptions::Order::bySize) {
+    if (one.documentSize() != other.documentSize()) {
+      return one.documentSize() > other.documentSize();
+    }
+  }
+  return one.filename() < other.filename();
+}
+
 /// Prints folder after folder, depth first, while the next ones are already being listed.
 class Listing {
  public:
@@ -43,7 +62,9 @@ class Listing {
       Folder folder = std::move(folders_.front());
       folders_.pop_front();
       try {
-        print(folder.path, context_.patience().await(std::move(folder.listing)));
+        auto items = context_.patience().await(std::move(folder.listing));
+        sort(items);
+        print(folder.path, items);
       } catch (const NSError& error) {
         if (folder.path == start) throw RequestFailure{start, error};
         progress_.clear();
@@ -66,6 +87,14 @@ class Listing {
     }
   }
 
+  void sort(std::vector<NSFileProviderItemPtr>& items) const {
+    std::stable_sort(items.begin(), items.end(),
+                     [this](const NSFileProviderItemPtr& one, const NSFileProviderItemPtr& other) {
+                       return isBefore(*one, *other, options_.order);
+                     });
+    if (options_.isReversed) std::reverse(items.begin(), items.end());
+  }
+
   void print(const std::string& path, const std::vector<NSFileProviderItemPtr>& items) {
     auto& out = Output::standard();
     if (context_.json()) {
@@ -79,7 +108,7 @@ class Listing {
       }
       for (const auto& item : items) {
         const std::string name = out.forDisplay(item->filename());
-        out.write((options_.longFormat ? longLine(*item, name) : name) + "\n");
+        out.write((options_.isLong ? longLine(*item, name, options_.form) : name) + "\n");
       }
     }
     out.flush();
