@@ -5,10 +5,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "cli/ParseProblem.h"
+#include "cli/ServerPath.h"
 #include "cli/commands/HostCommands.h"
 
 namespace kestrowan::cli {
@@ -22,6 +24,8 @@ struct Values {
   HistoryCommand history;
   std::uint64_t entry = 0;
   std::string path;
+  std::vector<std::string> paths;
+  std::string keep;
   std::optional<std::string> place;
   std::optional<std::uint32_t> seconds;
   bool force = false;
@@ -48,6 +52,7 @@ class MountCommands {
     addStatus();
     addWait();
     addPathCommands();
+    addConflicts();
     addHistory();
     addRestore();
   }
@@ -198,13 +203,15 @@ class MountCommands {
   void addPathCommands() {
     addPathCommand("evict", "give back the space of files that can be fetched again",
                    "  kestrowan evict ~/Storage/Home/Videos", kTreeInMount,
-                   [](const auto& options, const auto& path) { return evict(options, path); });
-    addPathCommand("pin", "keep files here, and fetch them whenever they change",
-                   "  kestrowan pin ~/Storage/Home/Documents", kTreeInMount,
-                   [](const auto& options, const auto& path) { return pin(options, path, true); });
+                   [](const auto& options, const auto& paths) { return evict(options, paths); });
+    addPathCommand(
+        "pin", "keep files here, and fetch them whenever they change",
+        "  kestrowan pin ~/Storage/Home/Documents", kTreeInMount,
+        [](const auto& options, const auto& paths) { return pin(options, paths, true); });
     addPathCommand("unpin", "end what \"pin\" began", "  kestrowan unpin ~/Storage/Home/Documents",
-                   kTreeInMount,
-                   [](const auto& options, const auto& path) { return pin(options, path, false); });
+                   kTreeInMount, [](const auto& options, const auto& paths) {
+                     return pin(options, paths, false);
+                   });
     auto* again = addCommand(
         "retry", "try at once what failed", "  kestrowan retry\n  kestrowan retry report.odt",
         [values = values_, &options = options_] { return retry(options, values->place); });
@@ -221,6 +228,30 @@ class MountCommands {
     give->add_option("PATH", values_->path,
                      "path on this machine of an item in a mount, with all below it")
         ->required();
+  }
+
+  void addConflicts() {
+    auto* command = addCommand(
+        "conflicts", "show files of which both sides had changed, and say which version stays",
+        "  kestrowan conflicts\n  kestrowan conflicts keep-mine ~/Storage/Home/report.odt",
+        [values = values_, &options = options_] {
+          if (values->keep.empty()) return conflicts(options);
+          if (values->paths.empty()) throw UsageError("conflicts: PATH is required");
+          return resolve(options, values->keep, values->paths);
+        });
+    command
+        ->add_option_function<std::string>(
+            "ACTION",
+            [values = values_](const std::string& action) {
+              values->keep = action.substr(std::string_view("keep-").size());
+            },
+            "keep-mine: the version from here takes the place of the server's; keep-theirs: the "
+            "server's stays alone; keep-both: both stay, as two files. What goes is in the "
+            "history. "
+            "Without an action the conflicts of every mount are listed")
+        ->check(oneOf({"keep-mine", "keep-theirs", "keep-both"}));
+    command->add_option("PATH", values_->paths,
+                        "path on this machine of either version; several may be given");
   }
 
   void addHistory() {
@@ -263,8 +294,8 @@ class MountCommands {
                       const std::string& example, const std::string& what, const Action& action) {
     auto* command = addCommand(
         name, summary, example,
-        [values = values_, &options = options_, action] { return action(options, values->path); });
-    command->add_option("PATH", values_->path, what)->required();
+        [values = values_, &options = options_, action] { return action(options, values->paths); });
+    command->add_option("PATH", values_->paths, what)->required();
   }
 
   CLI::App& app_;

@@ -10,6 +10,7 @@
 #include "cli/Failure.h"
 #include "cli/ServerPath.h"
 #include "host/ControlClient.h"
+#include "host/PathForm.h"
 #include "host/StaleMount.h"
 #include "platform/foundation/Logger.h"
 #include "platform/foundation/NSError.h"
@@ -92,6 +93,18 @@ JSONValue ask(const host::HostEntry& host, const JSONValue& request,
                         escapedForDisplay(host.mountPoint) + ": " + error.localizedDescription());
     }
     throw;
+  }
+}
+
+JSONValue askAbout(const host::PlaceInMount& place, const std::string& path,
+                   JSONValue::Object request, std::chrono::milliseconds limit) {
+  host::addPath(request, "path", place.path);
+  try {
+    return ask(place.host, std::move(request), limit);
+  } catch (const NSError& error) {
+    throw NSError(
+        error.domain(), error.code(),
+        {{std::string(NSLocalizedDescriptionKey), path + ": " + error.localizedDescription()}});
   }
 }
 

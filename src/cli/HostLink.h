@@ -41,6 +41,11 @@ host::PlaceInMount runningPlace(const std::string& path);
 JSONValue ask(const host::HostEntry& host, const JSONValue& request,
               std::chrono::milliseconds limit);
 
+/// The same about the item at `place`, whose "path" it adds. An error's text begins with `path`, as
+/// the user calls the item.
+JSONValue askAbout(const host::PlaceInMount& place, const std::string& path,
+                   JSONValue::Object request, std::chrono::milliseconds limit);
+
 /// Members of an answer; 0, false and "" when it has none of that kind.
 std::int64_t integer(const JSONValue& form, std::string_view member);
 bool flag(const JSONValue& form, std::string_view member);

@@ -45,6 +45,17 @@ bool isTrue(const JSONValue& request, std::string_view member) {
   return value != nullptr && value->boolean() != nullptr && *value->boolean();
 }
 
+replica::KeptVersion keptVersion(const JSONValue& request) {
+  using replica::KeptVersion;
+  static constexpr std::array<std::pair<std::string_view, KeptVersion>, 3> kVersions = {
+      {{"mine", KeptVersion::mine}, {"theirs", KeptVersion::theirs}, {"both", KeptVersion::both}}};
+  const auto* keep = request.member("keep");
+  for (const auto& [name, version] : kVersions) {
+    if (keep != nullptr && keep->string() != nullptr && *keep->string() == name) return version;
+  }
+  throw describedError(EBADMSG, "\"keep\" is \"mine\", \"theirs\" or \"both\"");
+}
+
 std::int64_t secondsNow() {
   using std::chrono::system_clock;
   return std::chrono::duration_cast<std::chrono::seconds>(system_clock::now().time_since_epoch())
@@ -81,7 +92,7 @@ HostCommands::HostCommands(replica::Replica& replica, Context context)
     : replica_(replica), context_(std::move(context)) {}
 
 JSONValue HostCommands::answer(const JSONValue& request) const {
-  static constexpr std::array<std::pair<std::string_view, Answer>, 11> kAnswers = {{
+  static constexpr std::array<std::pair<std::string_view, Answer>, 12> kAnswers = {{
       {"status", &HostCommands::status},
       {"wait", &HostCommands::wait},
       {"evict", &HostCommands::evict},
@@ -89,6 +100,7 @@ JSONValue HostCommands::answer(const JSONValue& request) const {
       {"unpin", &HostCommands::unpin},
       {"retry", &HostCommands::retry},
       {"discard", &HostCommands::discard},
+      {"resolve", &HostCommands::resolve},
       {"history", &HostCommands::history},
       {"restore", &HostCommands::restore},
       {"clearHistory", &HostCommands::clearHistory},
@@ -173,14 +185,17 @@ JSONValue HostCommands::evict(const JSONValue& request) const {
                            {"pinned", result.pinned}};
 }
 
+JSONValue HostCommands::setPinned(const JSONValue& request, bool pinned) const {
+  const auto result = replica_.commands().setPinned(item(request), pinned);
+  return JSONValue::Object{{"files", result.files}, {"missing", result.missing}};
+}
+
 JSONValue HostCommands::pin(const JSONValue& request) const {
-  replica_.commands().setPinned(item(request), true);
-  return JSONValue::Object{};
+  return setPinned(request, true);
 }
 
 JSONValue HostCommands::unpin(const JSONValue& request) const {
-  replica_.commands().setPinned(item(request), false);
-  return JSONValue::Object{};
+  return setPinned(request, false);
 }
 
 JSONValue HostCommands::retry(const JSONValue& request) const {
@@ -194,6 +209,24 @@ JSONValue HostCommands::discard(const JSONValue& request) const {
   }
   const auto count = replica_.commands().discard(item(request));
   return JSONValue::Object{{"discarded", static_cast<std::int64_t>(count)}};
+}
+
+JSONValue HostCommands::resolve(const JSONValue& request) const {
+  const auto side = item(request);
+  try {
+    auto resolved = replica_.commands().resolve(side, keptVersion(request));
+    JSONValue::Object form;
+    addPath(form, "path", awaited(replica_, std::move(resolved), kLongestLookUp));
+    return form;
+  } catch (const NSError& error) {
+    if (error.is(NSPOSIXErrorDomain, EINVAL)) {
+      throw describedError(EINVAL, "there is no conflict about it");
+    }
+    if (error.is(NSPOSIXErrorDomain, ENOENT)) {
+      throw describedError(ENOENT, "the server's version is not there any more");
+    }
+    throw;
+  }
 }
 
 JSONValue HostCommands::history(const JSONValue& request) const {

@@ -21,9 +21,13 @@ namespace kestrowan::host {
 ///       gives synced, pending, refused (of those), offline, held
 ///     evict                path
 ///       gives evicted, bytes, changed, open, pinned
-///     pin, unpin, retry    path
+///     pin, unpin           path
+///       gives files, missing (those of them that are not here yet)
+///     retry                path
 ///     discard              path, confirm (true)
 ///       gives discarded
+///     resolve              path, keep ("mine", "theirs" or "both")
+///       gives path, of what stays
 ///     history              path?, limit?
 ///       gives files, bytes, entries: of the latest, the latest first, id, path?, reason, at,
 ///       modified, size, confirmed ("never", "once" or "notSent")
@@ -68,10 +72,12 @@ class HostCommands {
   JSONValue unpin(const JSONValue& request) const;
   JSONValue retry(const JSONValue& request) const;
   JSONValue discard(const JSONValue& request) const;
+  JSONValue resolve(const JSONValue& request) const;
   JSONValue history(const JSONValue& request) const;
   JSONValue restore(const JSONValue& request) const;
   JSONValue clearHistory(const JSONValue& request) const;
   JSONValue unmount(const JSONValue& request) const;
+  JSONValue setPinned(const JSONValue& request, bool pinned) const;
   replica::Rid item(const JSONValue& request) const;
 
   replica::Replica& replica_;

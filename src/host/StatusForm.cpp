@@ -76,9 +76,10 @@ JSONValue::Object countForm(std::int64_t files, std::int64_t bytes) {
 
 JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   JSONValue::Array conflicts;
-  for (const auto& path : status.conflicts) {
+  for (const auto& [path, theirs] : status.conflicts) {
     JSONValue::Object form;
     addPath(form, "path", path);
+    if (!theirs.empty()) addPath(form, "theirs", theirs);
     conflicts.emplace_back(std::move(form));
   }
   JSONValue::Array partialFolders;

@@ -16,9 +16,9 @@ std::vector<std::string> StatusNews::of(const replica::Status& status) {
                                : "the bridge file works again");
     held_ = status.held;
   }
-  for (const auto& path : status.conflicts) {
-    if (conflicts_.insert(path).second) {
-      news.push_back("both sides had changed; the version from here is now " + path);
+  for (const auto& conflict : status.conflicts) {
+    if (conflicts_.insert(conflict.path).second) {
+      news.push_back("both sides had changed; the version from here is now " + conflict.path);
     }
   }
   std::set<std::string> refused;

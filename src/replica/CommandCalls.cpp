@@ -31,8 +31,8 @@ EvictionResult CommandCalls::evict(Rid item) {
   return life_.commands.evict(ItemNumber{item});
 }
 
-void CommandCalls::setPinned(Rid item, bool pinned) {
-  life_.commands.setPinned(ItemNumber{item}, pinned);
+PinResult CommandCalls::setPinned(Rid item, bool pinned) {
+  return life_.commands.setPinned(ItemNumber{item}, pinned);
 }
 
 void CommandCalls::retry(Rid item) {
@@ -41,6 +41,10 @@ void CommandCalls::retry(Rid item) {
 
 std::size_t CommandCalls::discard(Rid item) {
   return life_.commands.discard(ItemNumber{item});
+}
+
+Task<std::string> CommandCalls::resolve(Rid item, KeptVersion kept) {
+  return life_.conflicts.resolve(ItemNumber{item}, kept);
 }
 
 std::optional<HistoryEntry> CommandCalls::historyEntry(ContentNumber entry) const {

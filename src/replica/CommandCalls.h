@@ -37,6 +37,20 @@ enum class NameTaken : std::uint8_t {
   another,  // it gets one like it that is free
 };
 
+/// What is pinned now, or no longer: so many known files, and of them those whose contents are not
+/// here yet.
+struct PinResult {
+  std::int64_t files = 0;
+  std::int64_t missing = 0;
+};
+
+/// Which version of a file stays when a conflict is resolved.
+enum class KeptVersion : std::uint8_t {
+  mine,    // the one that was written here, in the place of the provider's
+  theirs,  // the provider's alone
+  both,    // both, as two files
+};
+
 /// What the user's commands ask of a replica. Part of the replica. Usable from every thread. Tasks
 /// are as in `FileCalls`. Paths begin with "/" and are relative to the root; a path whose folders
 /// were never listed gives ENOENT.
@@ -61,12 +75,18 @@ class CommandCalls {
   /// Gives back the space of contents that can be fetched again, of everything below a folder.
   EvictionResult evict(Rid item);
   /// Keeps the contents here, of everything below a folder; `false` ends that.
-  void setPinned(Rid item, bool pinned);
+  PinResult setPinned(Rid item, bool pinned);
   /// Tries at once what failed, of everything below a folder.
   void retry(Rid item);
   /// Gives up local changes of everything at and below the item: contents go to the history,
   /// and the provider's state is shown. Gives how many items that were.
   std::size_t discard(Rid item);
+
+  /// Ends the conflict that the item is a side of, as a program that renames or removes the other
+  /// one would: what goes is in the history then. Completes with the path of what stays. EINVAL
+  /// when it is no side of a conflict; ENOENT when the provider's version is to stay and is not
+  /// here any more.
+  Task<std::string> resolve(Rid item, KeptVersion kept);
 
   std::optional<HistoryEntry> historyEntry(ContentNumber entry) const;
   /// What is in the history; at most `most` entries.

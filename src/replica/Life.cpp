@@ -81,6 +81,7 @@ Life::Life(const std::string& directory, async::Loop& loop, Options usedOptions)
       folders(rooms),
       nameCalls(rooms, files, newWork),
       commands(rooms),
+      conflicts(rooms, nameCalls),
       historyCalls(rooms, nameCalls, newWork) {
   begin(directory);
   outbox.restore();

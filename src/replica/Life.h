@@ -7,6 +7,7 @@
 #include "async/Scope.h"
 #include "replica/Observer.h"
 #include "replica/calls/Commands.h"
+#include "replica/calls/Conflicts.h"
 #include "replica/calls/Files.h"
 #include "replica/calls/Folders.h"
 #include "replica/calls/HistoryCalls.h"
@@ -90,6 +91,7 @@ class Life : public model::Watcher {
   calls::Folders folders;
   calls::Names nameCalls;
   calls::Commands commands;
+  calls::Conflicts conflicts;
   calls::HistoryCalls historyCalls;
   std::atomic<Observer*> observer = nullptr;
 };

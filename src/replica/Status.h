@@ -65,8 +65,13 @@ struct Status {
   HistoryUsage history;
   std::int64_t historyLimit = 0;
   bool isHistoryFull() const { return history.unconfirmedBytes > historyLimit; }
-  /// Paths of copies that were made because both sides had changed, the latest last.
-  std::vector<std::string> conflicts;
+  /// Conflicts that are not resolved, the latest last: the path of the version from here, and that
+  /// of the provider's, empty when it is not here any more.
+  struct Conflict {
+    std::string path;
+    std::string theirs;
+  };
+  std::vector<Conflict> conflicts;
   /// How often programs that work in the background were refused what is not here, since the start;
   /// and the one that was refused last.
   std::int64_t refusedPrograms = 0;

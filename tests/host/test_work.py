@@ -149,8 +149,23 @@ def test_a_pinned_folder_is_fetched(place, folder, mount):
     (folder / "a.txt").write_text("a")
     assert os.listdir(mount) == ["a.txt"]
     assert place.status()["cache"]["files"] == 0
-    assert place.run("pin", mount).returncode == DONE
+    result = place.run("pin", mount)
+    assert (result.returncode, result.stdout) == (
+        DONE, b"1 file stays here; 1 still to be fetched\n")
     wait_for(lambda: place.status()["cache"]["files"] == 1, "download")
+
+
+def test_several_paths_are_worked_on_whatever_becomes_of_one(place, folder, mount):
+    for name in ("a.txt", "b.txt"):
+        (mount / name).write_text("x")
+    place.wait_synced()
+    result = place.run("pin", mount / "a.txt", mount / "missing", mount / "b.txt")
+    assert result.returncode == PARTLY_FAILED
+    assert result.stdout == b"1 file stays here\n" * 2
+    assert b"missing: " in result.stderr
+    assert place.run("unpin", mount / "a.txt", mount / "b.txt").returncode == DONE
+    result = place.run("evict", mount / "a.txt", mount / "b.txt")
+    assert (result.returncode, result.stdout) == (DONE, b"evicted 1 file, 1 B\n" * 2)
 
 
 def test_paths_are_told_from_where_one_stands(place, folder, mount):

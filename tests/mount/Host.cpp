@@ -193,9 +193,11 @@ JSONValue::Object Host::onReplica(std::string_view what, const JSONValue& comman
   JSONValue::Array pending;
   const auto status = replica_->commands().status();
   for (const auto& item : status.pending) pending.push_back(statusForm(item));
+  JSONValue::Array conflicts;
+  for (const auto& conflict : status.conflicts) conflicts.emplace_back(conflict.path);
   return {{"offline", status.offline},
           {"pending", std::move(pending)},
-          {"conflicts", texts(status.conflicts)}};
+          {"conflicts", std::move(conflicts)}};
 }
 
 JSONValue::Object Host::onMount(std::string_view what, const JSONValue& command) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/ExitCode.h"
 #include "cli/commands/Commands.h"
@@ -49,12 +50,19 @@ ExitCode status(const GlobalOptions& options, const StatusCommand& command);
 ExitCode wait(const GlobalOptions& options, const std::optional<std::string>& mountPoint,
               std::optional<std::chrono::seconds> limit);
 
-ExitCode evict(const GlobalOptions& options, const std::string& path);
-ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned);
+/// Each of several paths is worked on, whatever becomes of the others.
+ExitCode evict(const GlobalOptions& options, const std::vector<std::string>& paths);
+ExitCode pin(const GlobalOptions& options, const std::vector<std::string>& paths, bool pinned);
 /// Without `path`, everything in every mount.
 ExitCode retry(const GlobalOptions& options, const std::optional<std::string>& path);
 /// Asks before it does anything, unless `confirmed`.
 ExitCode discard(const GlobalOptions& options, const std::string& path, bool confirmed);
+
+/// Lists the conflicts of every mount.
+ExitCode conflicts(const GlobalOptions& options);
+/// Resolves the conflicts that these files are a side of. `keep`: "mine", "theirs" or "both".
+ExitCode resolve(const GlobalOptions& options, const std::string& keep,
+                 const std::vector<std::string>& paths);
 
 struct HistoryCommand {
   std::optional<std::string> path;  // every mount when absent

@@ -4,6 +4,7 @@
 #include "cli/Console.h"
 #include "cli/HostLink.h"
 #include "cli/ItemText.h"
+#include "cli/Operands.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/HostCommands.h"
 #include "host/PathForm.h"
@@ -24,19 +25,10 @@ constexpr std::chrono::milliseconds kPatience = 10min;
 JSONValue askAbout(const GlobalOptions& options, const host::PlaceInMount& place,
                    const std::string& path, std::string_view request,
                    JSONValue::Object members = {}) {
-  JSONValue::Object form;
-  form.emplace_back("request", request);
-  host::addPath(form, "path", place.path);
-  for (auto& member : members) form.push_back(std::move(member));
-  try {
-    auto answer = ask(place.host, std::move(form), kPatience);
-    if (options.json) Output::standard().write(answer.serialized() + "\n");
-    return answer;
-  } catch (const NSError& error) {
-    throw NSError(
-        error.domain(), error.code(),
-        {{std::string(NSLocalizedDescriptionKey), path + ": " + error.localizedDescription()}});
-  }
+  members.emplace_back("request", request);
+  auto answer = cli::askAbout(place, path, std::move(members), kPatience);
+  if (options.json) Output::standard().write(answer.serialized() + "\n");
+  return answer;
 }
 
 JSONValue askAbout(const GlobalOptions& options, const std::string& path,
@@ -44,32 +36,48 @@ JSONValue askAbout(const GlobalOptions& options, const std::string& path,
   return askAbout(options, runningPlace(path), path, request);
 }
 
+ExitCode evictOne(const GlobalOptions& options, const std::string& path) {
+  const auto answer = askAbout(options, path, "evict");
+  const auto evicted = integer(answer, "evicted");
+  std::string kept;
+  for (const auto& [member, why] : {std::pair{"changed", "changed here"}, std::pair{"open", "open"},
+                                    std::pair{"pinned", "pinned"}}) {
+    const auto count = integer(answer, member);
+    if (count > 0) kept += (kept.empty() ? "" : ", ") + std::to_string(count) + " " + why;
+  }
+  if (!options.json) {
+    Output::standard().write("evicted " + counted(evicted, "file") + ", " +
+                             byteText(integer(answer, "bytes")) +
+                             (kept.empty() ? "" : "; kept: " + kept) + "\n");
+  }
+  if (kept.empty()) return ExitCode::done;
+  return evicted > 0 ? ExitCode::partlyFailed : ExitCode::requestFailed;
+}
+
+ExitCode pinOne(const GlobalOptions& options, const std::string& path, bool pinned) {
+  const auto answer = askAbout(options, path, pinned ? "pin" : "unpin");
+  if (options.json) return ExitCode::done;
+  const auto count = integer(answer, "files");
+  const std::string files = counted(count, "file");
+  const auto missing = integer(answer, "missing");
+  std::string text = pinned ? files + (count == 1 ? " stays here" : " stay here")
+                            : files + " may be given back to the disk";
+  if (pinned && missing > 0) text += "; " + std::to_string(missing) + " still to be fetched";
+  Output::standard().write(text + "\n");
+  return ExitCode::done;
+}
+
 }  // namespace
 
-ExitCode evict(const GlobalOptions& options, const std::string& path) {
-  return reportingFailure(options.json, [&] {
-    const auto answer = askAbout(options, path, "evict");
-    const auto evicted = integer(answer, "evicted");
-    std::string kept;
-    for (const auto& [member, why] : {std::pair{"changed", "changed here"},
-                                      std::pair{"open", "open"}, std::pair{"pinned", "pinned"}}) {
-      const auto count = integer(answer, member);
-      if (count > 0) kept += (kept.empty() ? "" : ", ") + std::to_string(count) + " " + why;
-    }
-    if (!options.json) {
-      Output::standard().write("evicted " + counted(evicted, "file") + ", " +
-                               byteText(integer(answer, "bytes")) +
-                               (kept.empty() ? "" : "; kept: " + kept) + "\n");
-    }
-    if (kept.empty()) return ExitCode::done;
-    return evicted > 0 ? ExitCode::partlyFailed : ExitCode::requestFailed;
+ExitCode evict(const GlobalOptions& options, const std::vector<std::string>& paths) {
+  return forEach(paths, [&](const std::string& path) {
+    return reportingFailure(options.json, [&] { return evictOne(options, path); });
   });
 }
 
-ExitCode pin(const GlobalOptions& options, const std::string& path, bool pinned) {
-  return reportingFailure(options.json, [&] {
-    askAbout(options, path, pinned ? "pin" : "unpin");
-    return ExitCode::done;
+ExitCode pin(const GlobalOptions& options, const std::vector<std::string>& paths, bool pinned) {
+  return forEach(paths, [&](const std::string& path) {
+    return reportingFailure(options.json, [&] { return pinOne(options, path, pinned); });
   });
 }
 

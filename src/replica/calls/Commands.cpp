@@ -71,14 +71,14 @@ SyncState Commands::stateOf(const Item& item) const {
   return failure->failureClass == FailureClass::refused ? SyncState::refused : SyncState::retrying;
 }
 
-/// The side that shows the provider's version has the number of the conflict.
-std::string Commands::otherSide(const State& state, const Item& item) const {
+/// The side that shows the provider's version has the number of the conflict. Null when the other
+/// side of the item's is no more.
+const Item* Commands::otherSide(const State& state, const Item& item) const {
   const auto conflict = item.attributes().conflict;
-  if (conflict == model::ConflictNumber::none) return {};
   ItemNumber other{static_cast<std::uint64_t>(conflict)};
   if (other == item.number()) other = rooms_.tally.copyOf(conflict);
   const Item* side = state.find(other);
-  return side && side->here() ? shownPath(state, *side) : "yes";
+  return side && side->here() ? side : nullptr;
 }
 
 ItemStatus Commands::statusOf(const State& state, const Item& item) const {
@@ -94,7 +94,10 @@ ItemStatus Commands::statusOf(const State& state, const Item& item) const {
   if (item.here()) status.size = shown(item, rooms_.openItems).size;
   status.downloaded = item.here() && item.here()->content != Content::none;
   status.pinned = item.attributes().pinned;
-  status.conflict = otherSide(state, item);
+  if (item.attributes().conflict != model::ConflictNumber::none) {
+    const Item* other = otherSide(state, item);
+    status.conflict = other ? shownPath(state, *other) : "yes";
+  }
   if (const auto& failure = item.attributes().failure) {
     SyncFailure shownFailure;
     shownFailure.failureClass = static_cast<replica::FailureClass>(failure->failureClass);
@@ -153,7 +156,10 @@ Status Commands::status(std::size_t limit) const {
   }
   for (const ItemNumber number : conflicts) {
     const Item* copy = view->find(number);
-    if (copy && copy->here()) status.conflicts.push_back(shownPath(*view, *copy));
+    if (!copy || !copy->here()) continue;
+    const Item* theirs = otherSide(*view, *copy);
+    status.conflicts.push_back(
+        {shownPath(*view, *copy), theirs ? shownPath(*view, *theirs) : std::string()});
   }
   for (const ItemNumber number : partial) {
     if (status.partialFolders.size() == kMostPartialFolders) break;
@@ -205,7 +211,8 @@ std::vector<ContentNumber> Commands::evictSome(const std::vector<ItemNumber>& it
   return evicted;
 }
 
-void Commands::setPinned(ItemNumber number, bool isPinned) {
+PinResult Commands::setPinned(ItemNumber number, bool isPinned) {
+  PinResult result;
   std::vector<ItemNumber> items;
   std::vector<ItemNumber> folders;
   {
@@ -216,14 +223,21 @@ void Commands::setPinned(ItemNumber number, bool isPinned) {
       model::Attributes attributes = edit->item(each).attributes();
       attributes.pinned = isPinned;
       edit.setAttributes(each, std::move(attributes));
-      if (edit->item(each).isFolder()) folders.push_back(each);
+      const Item& item = edit->item(each);
+      if (item.isFolder()) {
+        folders.push_back(each);
+      } else if (item.here()) {
+        ++result.files;
+        if (item.here()->content == Content::none) ++result.missing;
+      }
     }
     edit.commit();
   }
-  if (!isPinned) return;
+  if (!isPinned) return result;
   // What is in a folder is only known once it has been listed.
   for (const ItemNumber folder : folders) rooms_.refresher.lookSoon(folder);
   for (const ItemNumber each : items) rooms_.downloader.fetchSoon(each);
+  return result;
 }
 
 std::vector<ItemNumber> Commands::pendingIn(const State& state, ItemNumber folder) const {

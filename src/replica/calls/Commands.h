@@ -17,13 +17,13 @@ class Commands {
   ItemStatus itemStatus(model::ItemNumber item) const;
   Status status(std::size_t limit) const;
   EvictionResult evict(model::ItemNumber item);
-  void setPinned(model::ItemNumber item, bool isPinned);
+  PinResult setPinned(model::ItemNumber item, bool isPinned);
   void retry(model::ItemNumber item);
   std::size_t discard(model::ItemNumber item);
 
  private:
   SyncState stateOf(const model::Item& item) const;
-  std::string otherSide(const model::State& state, const model::Item& item) const;
+  const model::Item* otherSide(const model::State& state, const model::Item& item) const;
   ItemStatus statusOf(const model::State& state, const model::Item& item) const;
   std::vector<model::ItemNumber> pendingIn(const model::State& state,
                                            model::ItemNumber folder) const;

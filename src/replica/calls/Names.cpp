@@ -166,7 +166,6 @@ void Names::checkRemoval(const Item& item) const {
   requireCapable(item, Capability::allowsDeleting);
 }
 
-/// A program has removed or replaced a side of a conflict, and with that resolved it.
 void Names::endConflict(Edit& edit, ItemNumber number) const {
   const auto conflict = edit->item(number).attributes().conflict;
   if (conflict == model::ConflictNumber::none) return;
@@ -182,6 +181,7 @@ void Names::endConflict(Edit& edit, ItemNumber number) const {
 
 /// The item has no name here any more.
 void Names::leave(Edit& edit, ItemNumber number) const {
+  // To remove or replace a side of a conflict resolves it.
   endConflict(edit, number);
   if (isOnlyHere(*edit, edit->item(number))) {
     edit.drop(number);

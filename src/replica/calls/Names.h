@@ -39,6 +39,9 @@ class Names {
   model::ItemNumber makeItem(model::Edit& edit, const model::Place& place, model::Kind kind,
                              std::optional<std::uint16_t> mode, model::Content content) const;
 
+  /// Ends the conflict that the item is a side of, if it is one. To be committed by the caller.
+  void endConflict(model::Edit& edit, model::ItemNumber item) const;
+
  private:
   /// What a rename came to.
   struct Moved {
@@ -56,7 +59,6 @@ class Names {
   Task<model::ItemNumber> childToRemove(model::ItemNumber folder, std::string name,
                                         model::Kind kind);
   Task<void> removeItem(model::ItemNumber item);
-  void endConflict(model::Edit& edit, model::ItemNumber item) const;
   void leave(model::Edit& edit, model::ItemNumber item) const;
   void syncSource(const Move& move) const;
   Moved apply(Move move);

@@ -40,9 +40,9 @@ TEST(StatusNews, WhatHoldsEverythingUpIsSaidWithItsReason) {
 TEST(StatusNews, EachConflictIsSaidOnce) {
   StatusNews news;
   replica::Status status;
-  status.conflicts = {"/a (conflict)"};
+  status.conflicts = {{"/a (conflict)", "/a"}};
   EXPECT_THAT(news.of(status), ElementsAre(HasSubstr("/a (conflict)")));
-  status.conflicts.push_back("/b (conflict)");
+  status.conflicts.push_back({"/b (conflict)", ""});
   EXPECT_THAT(news.of(status), ElementsAre(HasSubstr("/b (conflict)")));
 }
 
