@@ -23,6 +23,8 @@ struct InMemoryOptions {
   std::size_t pageSize = 0;
   /// How contents arrive for which nothing else is said; all at once when nothing is.
   std::optional<Arriving> arriving = std::nullopt;
+  /// Whether the replica is told of contents that arrive.
+  bool tellsOfArrivals = true;
   /// What can only be read; empty for nothing.
   std::function<bool(std::string_view path)> isProtected = {};
 };

@@ -22,9 +22,11 @@ ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
            version.starts_with("downloaded|");
   };
   server_ = std::make_shared<MemoryServer>([this] { return loop_.wallClock() / 1000; });
-  options_.watchArrival = [this](const NSFileProviderItemIdentifier&, auto begun) {
-    return extension_->arrivals().watch(std::move(begun));
-  };
+  if (extensionOptions_.tellsOfArrivals) {
+    options_.watchArrival = [this](const NSFileProviderItemIdentifier&, auto begun) {
+      return extension_->arrivals().watch(std::move(begun));
+    };
+  }
   begin();
   connect();
 }

@@ -48,7 +48,8 @@ class StreamingTest : public testing::Test {
  protected:
   using File = std::shared_ptr<OpenFile>;
 
-  explicit StreamingTest(replica::Options options = {}) : world(slowly(), std::move(options)) {
+  explicit StreamingTest(replica::Options options = {}, InMemoryOptions manners = slowly())
+      : world(std::move(manners), std::move(options)) {
     world.server().writeFile("/film", film);
     world.list("/");
   }
@@ -176,6 +177,20 @@ TEST_F(StreamingTest, CutContentsAreAPrefixAndThenAnError) {
   EXPECT_TRUE(world.read("/film") == film);
 }
 
+TEST_F(StreamingTest, ContentsThatBreakOffThreeTimesAreLostForTheirHandle) {
+  deliver({Arriving{.cutAfter = 5 * kMiB}, Arriving{.cutAfter = 7 * kMiB},
+           Arriving{.cutAfter = 6 * kMiB}, Arriving{}});
+  const File file = world.open("/film", {});
+  std::string error;
+  const auto bytes = readAll(file, error);
+  EXPECT_EQ(error, kFailed);
+  EXPECT_TRUE(bytes == film.substr(0, bytes.size()));
+  EXPECT_EQ(fetches(), 3U);
+  expectWhole(world.open("/film", {}), film);
+  EXPECT_EQ(fetches(), 4U);
+  expectLost(file);
+}
+
 TEST_F(StreamingTest, CutContentsAreContinuedByTheSameVersion) {
   deliver({Arriving{.cutAfter = 5 * kMiB}, Arriving{.cutAfter = 7 * kMiB}, Arriving{}});
   const File file = world.open("/film", {});
@@ -261,6 +276,27 @@ TEST_F(StreamingTest, OtherSizesThanTheListedOneAreFetchedWhole) {
     EXPECT_FALSE(file->isArriving());
     EXPECT_TRUE(ReplicaWorld::readFrom(*file) == film);
     world.replica().commands().evict(world.find("/film"));
+  }
+}
+
+TEST_F(StreamingTest, BodyThatIsShorterThanItsHeadSaysIsNotTheWhole) {
+  for (const bool isOfNoVersion : {false, true}) {
+    world.extension().setFaults([&](const Call& call) {
+      Fault fault;
+      if (call.kind != CallKind::fetchContents) return fault;
+      fault.arriving =
+          Arriving{.piece = 300000, .announced = film.size(), .withoutVersion = isOfNoVersion};
+      fault.fileSize = 9 * kMiB;
+      return fault;
+    });
+    const File file = world.open("/film", {});
+    ASSERT_TRUE(file->isArriving());
+    std::string error;
+    const auto bytes = readAll(file, error);
+    EXPECT_EQ(error, kFailed);
+    EXPECT_TRUE(bytes == film.substr(0, bytes.size()));
+    expectLost(file);
+    EXPECT_FALSE(isHere("/film"));
   }
 }
 
@@ -460,6 +496,23 @@ class UnstreamedTest : public StreamingTest {
 };
 
 TEST_F(UnstreamedTest, EveryFileIsFetchedBeforeItIsOpened) {
+  const File file = world.open("/film", {});
+  EXPECT_FALSE(file->isArriving());
+  EXPECT_TRUE(ReplicaWorld::readFrom(*file) == film);
+}
+
+/// A provider that does not tell what of a file has arrived.
+class UntoldTest : public StreamingTest {
+ protected:
+  static InMemoryOptions silently() {
+    auto options = slowly();
+    options.tellsOfArrivals = false;
+    return options;
+  }
+  UntoldTest() : StreamingTest({}, silently()) {}
+};
+
+TEST_F(UntoldTest, FilesAreFetchedBeforeTheyAreOpened) {
   const File file = world.open("/film", {});
   EXPECT_FALSE(file->isArriving());
   EXPECT_TRUE(ReplicaWorld::readFrom(*file) == film);
