@@ -141,6 +141,7 @@ Task<void> Downloader::run(ItemNumber number) {
   }
   if (ended->stream) {
     if (!problem) arrived_(number);
+    if (problem && !ended->stream->isUnread()) logBroken(number, problem);
     // Those who still read it there get nothing else.
     ended->stream->fail();
   }
@@ -157,6 +158,16 @@ Task<void> Downloader::run(ItemNumber number) {
     } else {
       opener->resolve(nullptr);
     }
+  }
+}
+
+/// The programs that read the file only get to know that it cannot be read on.
+void Downloader::logBroken(ItemNumber number, const std::exception_ptr& problem) const {
+  try {
+    std::rethrow_exception(problem);
+  } catch (const NSError& error) {
+    const View view(tree_);
+    logItem("broke off while it was read", *view, number, error.localizedDescription());
   }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -51,6 +52,7 @@ class Downloader {
 
  private:
   Task<void> run(model::ItemNumber file);
+  void logBroken(model::ItemNumber file, const std::exception_ptr& problem) const;
   Task<void> attempt(model::ItemNumber file);
   Task<std::shared_ptr<void>> roomFor(std::int64_t bytes);
   Task<remote::FetchedFile> fetchOnce(model::ItemNumber file,
