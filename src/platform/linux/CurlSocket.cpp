@@ -12,6 +12,17 @@
 
 namespace kestrowan {
 
+void keepPeerNear(int socket) {
+  // What the peer's system keeps for it to send grows with the size of a segment, which is 64 KiB
+  // within a machine. It cuts larger pieces for a network only, so small segments cost nothing.
+  constexpr int kSegmentBytes = 1460;
+  // Enough where no answer is under way for long.
+  constexpr int kReceiveBytes = 64 * 1024;
+  // Without them all works, too.
+  ::setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &kSegmentBytes, sizeof kSegmentBytes);
+  ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
+}
+
 #ifdef __APPLE__
 
 int openSocketCloseOnExec(int family, int type, int protocol) {

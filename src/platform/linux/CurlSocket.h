@@ -8,6 +8,10 @@ namespace kestrowan {
 /// As `socket` gives it, but not inherited by programs that are started later.
 int openSocketCloseOnExec(int family, int type, int protocol);
 
+/// Has the peer, a program on this machine, send little that is not read, as one far away would:
+/// about a mebibyte, and not four. To be called before the socket is connected.
+void keepPeerNear(int socket);
+
 /// What the system knows of the traffic of a TCP socket.
 struct CurlTraffic {
   /// Bytes received and bytes sent that the peer has acknowledged, so far. Counts handshakes, so it

@@ -56,6 +56,7 @@ struct CurlTransfer::Callbacks {
     auto& transfer = self(pointer);
     if (!transfer.mayConnect()) return CURL_SOCKET_BAD;
     const int socket = openSocketCloseOnExec(address->family, address->socktype, address->protocol);
+    if (socket >= 0) keepPeerNear(socket);
     transfer.socket_ = socket;
     transfer.madeConnection_ = true;
     return socket < 0 ? CURL_SOCKET_BAD : socket;
