@@ -156,6 +156,10 @@ class MountCommands {
     command->add_flag("--no-local-names", mount.noLocalNames,
                       "send lock, swap and temporary files of programs too");
     command->add_flag("--noexec", mount.noExec, "no program can be run from the mount");
+    command->add_flag(
+        "--no-index", mount.noIndex,
+        "show empty files .trackerignore and .nomedia at the top, which tell indexers "
+        "to leave the mount alone");
     command
         ->add_option("--drain", mount.drain,
                      "seconds that an orderly end waits for changes to be sent")

@@ -199,6 +199,7 @@ mount::MountOptions Host::Implementation::mountOptions() {
   options.user = ::geteuid();
   options.group = ::getegid();
   options.noexec = settings_.noexec;
+  options.showMarkers = settings_.noIndex;
   options.backgroundPrograms = settings_.backgroundPrograms;
   options.stateDirectory = state_.path();
   options.ended = [this] { events_.setMountEnded(); };

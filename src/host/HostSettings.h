@@ -24,6 +24,8 @@ struct HostSettings {
   /// How long an orderly end waits for changes to be sent.
   std::chrono::seconds drain{30};
   bool noexec = false;
+  /// Whether the root shows files that keep indexers away.
+  bool noIndex = false;
   /// Patterns of names of programs that work in the background, besides those that are known.
   std::vector<std::string> backgroundPrograms;
   /// Whether the extension's own log is shown.

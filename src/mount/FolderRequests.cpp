@@ -88,6 +88,7 @@ replica::Attributes nameOnly(replica::Rid item, replica::ItemKind kind) {
 
 /// The item's attributes now; nothing when it is no more.
 std::optional<replica::Attributes> currentAttributes(Session& session, replica::Rid item) {
+  if (const auto marker = session.markers().attributes(item)) return marker;
   try {
     return session.replica().files().attributes(item);
   } catch (const NSError&) {
@@ -147,6 +148,7 @@ Task<void> refresh(Session& session, std::shared_ptr<FolderHandle> handle) {
   const auto changes = session.nameChanges().counted(handle->folder);
   auto opening = session.replica().files().openFolder(handle->folder);
   Snapshot snapshot = co_await std::move(opening);
+  snapshot = session.markers().shown(handle->folder, std::move(snapshot));
   // The handle's own opening still stands.
   session.replica().files().closeFolder(handle->folder);
   std::lock_guard lock(handle->mutex);
@@ -185,7 +187,8 @@ Task<void> openAndSend(std::shared_ptr<Reply> reply, replica::Rid folder, fuse_f
   handle->folder = folder;
   handle->changes = session.nameChanges().counted(folder);
   auto opening = session.replica().files().openFolder(folder, reply->caller());
-  handle->snapshot = co_await std::move(opening);
+  Snapshot snapshot = co_await std::move(opening);
+  handle->snapshot = session.markers().shown(folder, std::move(snapshot));
   sendOpened(*reply, info, std::move(handle));
 }
 

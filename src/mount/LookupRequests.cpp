@@ -1,3 +1,7 @@
+#include <cerrno>
+#include <optional>
+#include <string>
+
 #include "mount/Names.h"
 #include "mount/Reply.h"
 #include "mount/Requests.h"
@@ -16,9 +20,16 @@ void forgetOne(Session& session, fuse_ino_t item, std::uint64_t count) noexcept 
 }
 
 Task<void> lookUp(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name) {
-  auto found = reply->session().replica().files().lookUp(folder, std::move(name));
-  const replica::Attributes attributes = co_await std::move(found);
-  reply->sendEntry(attributes);
+  std::optional<replica::Attributes> attributes;
+  try {
+    auto found = reply->session().replica().files().lookUp(folder, name);
+    attributes = co_await std::move(found);
+  } catch (const NSError& error) {
+    if (errnoFor(error, Addressing::byName) != ENOENT) throw;
+    attributes = reply->session().markers().find(folder, name);
+    if (!attributes) throw;
+  }
+  reply->sendEntry(*attributes);
 }
 
 }  // namespace

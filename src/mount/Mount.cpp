@@ -95,7 +95,8 @@ void Mount::Implementation::start() {
   const Appearance appearance{options_.user, options_.group,
                               std::chrono::duration<double>(options_.cacheTime).count()};
   auto session = std::make_shared<Session>(
-      replica_, appearance, std::make_shared<const ProgramKinds>(options_.backgroundPrograms));
+      replica_, appearance, std::make_shared<const ProgramKinds>(options_.backgroundPrograms),
+      MarkerFiles(options_.showMarkers));
   session_ = session;
   mount();
   try {

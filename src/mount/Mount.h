@@ -22,6 +22,8 @@ struct MountOptions {
   gid_t group = 0;
   /// Whether programs on the mount cannot be run.
   bool noexec = false;
+  /// Whether the root shows the files of `MarkerFiles`.
+  bool showMarkers = false;
   /// At most so many requests are worked on at once; those that wait for the provider do not count.
   unsigned threads = 16;
   /// How long the kernel answers with names and attributes that it knows. What the replica changes

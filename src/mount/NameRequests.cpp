@@ -34,6 +34,18 @@ Task<void> makeDirectory(std::shared_ptr<Reply> reply, replica::Rid folder, std:
   reply->sendEntry(made);
 }
 
+/// Ends as `change` does, of a name; EPERM for one that only the mount has.
+Task<void> sparingMarkers(std::shared_ptr<Reply> reply, Task<void> change, replica::Rid folder,
+                          std::string name) {
+  try {
+    co_await std::move(change);
+  } catch (const NSError& error) {
+    const bool isMissing = errnoFor(error, Addressing::byName) == ENOENT;
+    if (!isMissing || !reply->session().markers().find(folder, name)) throw;
+    throw posixError(EPERM);
+  }
+}
+
 /// Names of both folders may have changed, also when `change` fails.
 Task<void> changeNames(std::shared_ptr<Reply> reply, Task<void> change, replica::Rid folder,
                        replica::Rid newFolder) {
@@ -67,7 +79,8 @@ void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t 
 
 void removeFile(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
-    auto change = reply->session().replica().files().removeFile(folder, checkedName(name));
+    auto removal = reply->session().replica().files().removeFile(folder, checkedName(name));
+    auto change = sparingMarkers(reply, std::move(removal), folder, name);
     return changeNames(std::move(reply), std::move(change), folder, folder);
   });
 }
@@ -83,9 +96,10 @@ void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
             const char* newName, unsigned flags) noexcept {
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
     if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) throw posixError(EINVAL);
-    auto change = reply->session().replica().files().rename(folder, checkedName(name), newFolder,
-                                                            checkedNewName(newName),
-                                                            (flags & RENAME_NOREPLACE) == 0);
+    auto renaming = reply->session().replica().files().rename(folder, checkedName(name), newFolder,
+                                                              checkedNewName(newName),
+                                                              (flags & RENAME_NOREPLACE) == 0);
+    auto change = sparingMarkers(reply, std::move(renaming), folder, name);
     return changeNames(std::move(reply), std::move(change), folder, newFolder);
   });
 }

@@ -1,5 +1,6 @@
 #include "mount/Operations.h"
 
+#include "mount/MarkerRequests.h"
 #include "mount/Requests.h"
 
 namespace kestrowan::mount {
@@ -43,6 +44,7 @@ fuse_lowlevel_ops makeOperations() {
   table.fallocate = allocate;
   table.copy_file_range = copyRange;
   table.lseek = seek;
+  serveMarkers(table);
   return table;
 }
 

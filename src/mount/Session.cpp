@@ -7,10 +7,11 @@
 namespace kestrowan::mount {
 
 Session::Session(replica::Replica& replica, Appearance appearance,
-                 std::shared_ptr<const ProgramKinds> programs)
+                 std::shared_ptr<const ProgramKinds> programs, MarkerFiles markers)
     : replica_(replica),
       appearance_(appearance),
       programs_(std::move(programs)),
+      markers_(markers),
       channel_(operations(), this),
       invalidation_(channel_) {}
 

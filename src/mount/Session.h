@@ -10,6 +10,7 @@
 #include "mount/Fuse.h"
 #include "mount/Handles.h"
 #include "mount/Invalidation.h"
+#include "mount/MarkerFiles.h"
 #include "mount/ProgramKinds.h"
 #include "mount/RefusedReads.h"
 #include "mount/SeenContents.h"
@@ -61,7 +62,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
  public:
   /// Throws `NSError`. The replica must outlive the session.
   Session(replica::Replica& replica, Appearance appearance,
-          std::shared_ptr<const ProgramKinds> programs);
+          std::shared_ptr<const ProgramKinds> programs, MarkerFiles markers);
 
   /// The session that `request` came in.
   static Session& of(fuse_req_t request) {
@@ -71,6 +72,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   replica::Replica& replica() { return replica_; }
   const Appearance& appearance() const { return appearance_; }
   const std::shared_ptr<const ProgramKinds>& programs() const { return programs_; }
+  const MarkerFiles& markers() const { return markers_; }
   Channel& channel() { return channel_; }
   Invalidation& invalidation() { return invalidation_; }
   Handles<FileHandle>& files() { return files_; }
@@ -99,6 +101,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   replica::Replica& replica_;
   const Appearance appearance_;
   const std::shared_ptr<const ProgramKinds> programs_;
+  const MarkerFiles markers_;
   std::atomic<State> state_ = State::starting;
   Handles<FileHandle> files_;
   Handles<FolderHandle> folders_;

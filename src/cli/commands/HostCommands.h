@@ -33,6 +33,7 @@ struct MountCommand {
   std::uint64_t thumbnails = std::uint64_t{1} << 20;  // bytes
   bool noLocalNames = false;
   bool noExec = false;
+  bool noIndex = false;
   unsigned drain = 30;  // seconds
 };
 /// Mounts, and serves until it is unmounted or told to end.

@@ -80,6 +80,7 @@ std::vector<std::string> wordsOf(const MountCommand& command) {
   }
   if (command.noLocalNames) words.emplace_back("--no-local-names");
   if (command.noExec) words.emplace_back("--noexec");
+  if (command.noIndex) words.emplace_back("--no-index");
   if (command.drain != usual.drain) words.push_back("--drain=" + std::to_string(command.drain));
   return words;
 }
@@ -106,6 +107,7 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
   settings.options = wordsOf(command);
   settings.drain = std::chrono::seconds(command.drain);
   settings.noexec = command.noExec;
+  settings.noIndex = command.noIndex;
   settings.extensionLog = options.verbose;
   settings.logsToFile = command.background;
   settings.replica.cacheLimit = static_cast<std::int64_t>(
