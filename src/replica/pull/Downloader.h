@@ -49,6 +49,8 @@ class Downloader {
   void fetchSoon(model::ItemNumber file);
   /// How many fetches are in flight.
   std::int64_t inFlight() const { return flights_.count(); }
+  /// The same without those of files that are read while they arrive, which may take long.
+  std::int64_t inFlightUnread() const { return flights_.countUnstreamed(); }
 
  private:
   Task<void> run(model::ItemNumber file);

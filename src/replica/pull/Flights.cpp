@@ -62,6 +62,12 @@ std::int64_t Flights::count() const {
   return static_cast<std::int64_t>(flights_.size());
 }
 
+std::int64_t Flights::countUnstreamed() const {
+  std::lock_guard lock(mutex_);
+  return std::count_if(flights_.begin(), flights_.end(),
+                       [](const auto& flight) { return !flight.second.stream; });
+}
+
 std::shared_ptr<Stream> Flights::stream(ItemNumber file) const {
   std::lock_guard lock(mutex_);
   const auto found = flights_.find(file);

@@ -39,6 +39,8 @@ class Flights {
   bool await(model::ItemNumber file, Opener opener);
 
   std::int64_t count() const;
+  /// Those whose contents are not read while they arrive.
+  std::int64_t countUnstreamed() const;
 
   // For the fetch.
 

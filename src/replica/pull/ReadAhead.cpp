@@ -67,7 +67,7 @@ void ReadAhead::noteOpened(ItemNumber file, const Caller* program) {
   }
   if (next.empty() || !background_.mayLookAhead(program)) return;
   for (const ItemNumber each : next) {
-    if (downloader_.inFlight() >= kMostInFlight) return;
+    if (downloader_.inFlightUnread() >= kMostInFlight) return;
     downloader_.fetchSoon(each);
   }
 }

@@ -474,6 +474,27 @@ TEST_F(StreamingTest, ManyStalledStreamsLeaveRoomForOtherFiles) {
   EXPECT_LT(world.loop().now() - begin, seconds(3));
 }
 
+TEST_F(StreamingTest, ManyStalledStreamsLeaveFilesFetchedAhead) {
+  world.server().makeFolder("/notes");
+  for (int i = 10; i < 34; ++i) {
+    world.server().writeFile("/stalled" + std::to_string(i), pattern(2 * kMiB));
+    world.server().writeFile("/notes/" + std::to_string(i), "text");
+  }
+  lookAgain();
+  world.list("/notes");
+  world.extension().setFaults([](const Call& call) {
+    Fault fault;
+    if (call.path.starts_with("/stalled")) fault.arriving = Arriving{.stallAfter = 100000};
+    return fault;
+  });
+  std::vector<File> files;
+  for (int i = 10; i < 24; ++i) files.push_back(world.open("/stalled" + std::to_string(i), {}));
+  for (int i = 10; i < 13; ++i) world.read("/notes/" + std::to_string(i));
+  world.advance(milliseconds(100));
+  EXPECT_TRUE(isHere("/notes/14"));
+  EXPECT_TRUE(isHere("/notes/20"));
+}
+
 TEST_F(StreamingTest, EndOfTheReplicaEndsReads) {
   File file = world.open("/film", {});
   head(file);

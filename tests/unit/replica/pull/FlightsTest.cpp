@@ -96,6 +96,15 @@ TEST_F(FlightsTest, OpeningIsAnsweredWhenContentsArrive) {
   EXPECT_EQ(*second, arrived.stream);
 }
 
+TEST_F(FlightsTest, FetchThatIsReadIsCountedApart) {
+  open(kFilm);
+  open(kSong);
+  EXPECT_EQ(flights.countUnstreamed(), 2);
+  arrive(kFilm);
+  EXPECT_EQ(flights.countUnstreamed(), 1);
+  EXPECT_EQ(flights.count(), 2);
+}
+
 TEST_F(FlightsTest, OpeningOfWhatHasFailedWaitsForTheEnd) {
   open(kFilm);
   const auto arrived = arrive(kFilm);
