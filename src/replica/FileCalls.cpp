@@ -32,6 +32,21 @@ void FileCalls::closeFolder(Rid folder) {
   life_.folders.close(ItemNumber{folder});
 }
 
+void FileCalls::setWatched(const std::vector<Rid>& items, std::chrono::milliseconds interval) {
+  std::vector<ItemNumber> numbers;
+  numbers.reserve(items.size());
+  for (const Rid item : items) numbers.push_back(ItemNumber{item});
+  life_.refresher.setWatched(numbers, interval);
+}
+
+std::optional<Attributes> FileCalls::known(Rid folder, const std::string& name) const {
+  return life_.folders.known(ItemNumber{folder}, name);
+}
+
+std::optional<std::vector<FolderStep>> FileCalls::way(Rid folder) const {
+  return life_.folders.way(ItemNumber{folder});
+}
+
 void FileCalls::remember(Rid item) {
   life_.openItems.remember(ItemNumber{item});
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -60,6 +61,15 @@ struct FolderSnapshot {
   std::vector<Entry> entries;
 };
 
+/// One step down from a folder.
+struct FolderStep {
+  Rid folder = 0;
+  std::string name;
+  Rid item = 0;
+
+  friend bool operator==(const FolderStep&, const FolderStep&) = default;
+};
+
 struct CreatedFile {
   Attributes attributes;
   std::shared_ptr<OpenFile> file;
@@ -98,6 +108,15 @@ class FileCalls {
   Task<std::shared_ptr<const FolderSnapshot>> openFolder(
       Rid folder, std::shared_ptr<const Caller> caller = nullptr);
   void closeFolder(Rid folder);
+  /// From now on programs watch these items, and no others: the folders among them, and those of
+  /// the files, are listed after each `interval`, which is above zero. What is not known is left
+  /// out.
+  void setWatched(const std::vector<Rid>& items, std::chrono::milliseconds interval);
+  /// What the name stands for as far as that is known here: asks for nothing, and is no use of the
+  /// folder. Absent for a name that nothing has.
+  std::optional<Attributes> known(Rid folder, const std::string& name) const;
+  /// The way from the root to a folder that is here; absent for any other item.
+  std::optional<std::vector<FolderStep>> way(Rid folder) const;
   /// The kernel knows the item once more, or `count` times less; while it does, an item that was
   /// removed or replaced keeps its attributes.
   void remember(Rid item);

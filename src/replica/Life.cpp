@@ -7,6 +7,7 @@
 #include "platform/base/Threads.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
+#include "replica/ChangedNames.h"
 #include "replica/Log.h"
 #include "replica/calls/Shown.h"
 #include "replica/model/Edit.h"
@@ -204,6 +205,8 @@ void Life::compact() {
 }
 
 void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexcept {
+  // Before the calls that the changes are about have their answers.
+  if (origin != Origin::program) tellWatchers(changes);
   for (const ItemChange& change : changes) {
     const ItemNumber number = change.any().number();
     unused.note(change);
@@ -227,6 +230,17 @@ void Life::changed(const std::vector<ItemChange>& changes, Origin origin) noexce
       scope.post([this, number] { downloader.fetchSoon(number); });
     }
   }
+}
+
+void Life::tellWatchers(const std::vector<ItemChange>& changes) const noexcept {
+  Observer* const told = observer;
+  if (!told || !refresher.isAnyWatched()) return;
+  guarded("the changes of names", [&] {
+    const ChangedNames wanted([this](ItemNumber folder) { return refresher.isWatched(folder); },
+                              [this](ItemNumber item) { return verdicts.isAwaited(item); });
+    const auto found = wanted.of(changes);
+    if (!found.empty()) told->watchedNamesChanged(found);
+  });
 }
 
 /// A call that waits for the word on a change learns that it did not come about.

@@ -53,6 +53,7 @@ class Life : public model::Watcher {
   void compact();
   void refuse(const model::ItemChange& change);
   void tell(const model::ItemChange& change) const;
+  void tellWatchers(const std::vector<model::ItemChange>& changes) const noexcept;
   void noteConfirmed(const model::ItemChange& change);
   void keepLeft(const model::ItemChange& change);
 

@@ -36,10 +36,10 @@ Task<Attributes> Folders::lookUp(ItemNumber folder, std::string name) {
     if (item && !item->there()) co_return shown(*view, *item, rooms_.openItems);
   }
   std::optional<NSError> problem = co_await prepared(folder, Refresher::Need::usable);
-  std::optional<Attributes> found = child(folder, name);
+  std::optional<Attributes> found = known(folder, name);
   if (!found && !problem && mayHaveCome(name)) {
     problem = co_await prepared(folder, Refresher::Need::fresh);
-    found = child(folder, name);
+    found = known(folder, name);
   }
   if (!found) throw problem ? *problem : posixError(ENOENT);
   co_return *std::move(found);
@@ -56,11 +56,25 @@ Task<std::optional<NSError>> Folders::prepared(ItemNumber folder, Refresher::Nee
   co_return std::nullopt;
 }
 
-std::optional<Attributes> Folders::child(ItemNumber folder, const std::string& name) const {
+std::optional<Attributes> Folders::known(ItemNumber folder, const std::string& name) const {
   const View view(rooms_.tree);
   const Item* item = rooms_.forms.child(*view, folder, name);
   if (!item) return std::nullopt;
   return shown(*view, *item, rooms_.openItems);
+}
+
+std::optional<std::vector<FolderStep>> Folders::way(ItemNumber folder) const {
+  const View view(rooms_.tree);
+  std::vector<FolderStep> steps;
+  for (ItemNumber at = folder; at != ItemNumber::root;) {
+    const Item* item = view->find(at);
+    if (!item || !item->here() || !item->isFolder()) return std::nullopt;
+    const auto& place = item->here()->place;
+    steps.push_back({static_cast<Rid>(place.folder), place.name, static_cast<Rid>(at)});
+    at = place.folder;
+  }
+  std::reverse(steps.begin(), steps.end());
+  return steps;
 }
 
 /// Whether it is worth a listing that another client may have made what has this name. For a name

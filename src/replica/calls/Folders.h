@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/base/Task.h"
 #include "platform/foundation/NSError.h"
@@ -22,12 +23,13 @@ class Folders {
   Task<std::shared_ptr<const FolderSnapshot>> open(model::ItemNumber folder,
                                                    std::shared_ptr<const Caller> caller);
   void close(model::ItemNumber folder);
+  std::optional<Attributes> known(model::ItemNumber folder, const std::string& name) const;
+  std::optional<std::vector<FolderStep>> way(model::ItemNumber folder) const;
   /// The item at a path from the root, which begins with "/".
   Task<model::ItemNumber> find(std::string path);
 
  private:
   Task<std::optional<NSError>> prepared(model::ItemNumber folder, pull::Refresher::Need need) const;
-  std::optional<Attributes> child(model::ItemNumber folder, const std::string& name) const;
   bool mayHaveCome(const std::string& name) const;
   bool addEntries(model::ItemNumber folder, FolderSnapshot& snapshot) const;
 

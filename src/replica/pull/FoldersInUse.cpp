@@ -16,7 +16,7 @@ using std::chrono::milliseconds;
 namespace {
 
 /// Folders in use are listed anew after this time, more or less a tenth.
-constexpr milliseconds kWatchInterval{30000};
+constexpr milliseconds kUseInterval{30000};
 /// A folder counts as in use for so long after an access.
 constexpr milliseconds kUseTime{120000};
 
@@ -32,8 +32,9 @@ FoldersInUse::FoldersInUse(model::Tree& tree, async::Scope& scope, remote::Healt
       looks_(looks),
       random_(std::random_device()()) {}
 
-bool FoldersInUse::isInUse(const Folder& folder) const {
-  return folder.open > 0 || (folder.lastUse && scope_.now() - *folder.lastUse <= kUseTime);
+bool FoldersInUse::isInUse(ItemNumber number, const Folder& folder) const {
+  return folder.open > 0 || watched_.contains(number) ||
+         (folder.lastUse && scope_.now() - *folder.lastUse <= kUseTime);
 }
 
 void FoldersInUse::noteUse(const Item& folder) {
@@ -41,10 +42,10 @@ void FoldersInUse::noteUse(const Item& folder) {
   {
     std::lock_guard lock(mutex_);
     Folder& known = folders_[folder.number()];
-    wasIdle = !isInUse(known);
+    wasIdle = !isInUse(folder.number(), known);
     known.lastUse = scope_.now();
   }
-  if (wasIdle && folder.there()) watch(folder.number());
+  if (wasIdle && folder.there()) lookLater(folder.number());
 }
 
 void FoldersInUse::setOpen(ItemNumber number, bool isOpen) {
@@ -59,29 +60,68 @@ void FoldersInUse::setOpen(ItemNumber number, bool isOpen) {
       --folder.open;
     }
   }
-  if (isFirst) watch(number);
+  if (isFirst) lookLater(number);
 }
 
-/// Lists the folder every half minute for as long as it is in use.
-void FoldersInUse::watch(ItemNumber number) {
-  milliseconds delay = freshness_.leastPause(number);
+void FoldersInUse::setWatched(const std::vector<ItemNumber>& items, milliseconds interval) {
+  std::unordered_map<ItemNumber, bool> watched;
+  {
+    const View view(tree_);
+    for (const ItemNumber number : items) {
+      const Item* item = view->find(number);
+      if (item && item->isFile() && item->here()) item = view->find(item->here()->place.folder);
+      if (item && item->here()) watched.emplace(item->number(), Freshness::isKnown(*item));
+    }
+  }
+  std::vector<ItemNumber> sooner;
   {
     std::lock_guard lock(mutex_);
-    if (std::exchange(folders_[number].isWatched, true)) return;
-    const auto fifth = kWatchInterval / 5;
-    const milliseconds jitter(static_cast<std::int64_t>(random_() % fifth.count()));
-    delay = std::max(delay, kWatchInterval - fifth / 2 + jitter);
+    for (const auto& [folder, isKnown] : watched) {
+      if (interval < watchInterval_ || !watched_.contains(folder)) sooner.push_back(folder);
+    }
+    watched_ = std::move(watched);
+    watchInterval_ = interval;
+    isAnyWatched_ = !watched_.empty();
   }
-  scope_.postAfter(delay, [this, number] { lookAgain(number); });
+  for (const ItemNumber folder : sooner) lookLater(folder);
 }
 
-void FoldersInUse::lookAgain(ItemNumber number) {
+bool FoldersInUse::isWatched(ItemNumber folder) const {
+  std::lock_guard lock(mutex_);
+  const auto found = watched_.find(folder);
+  return found != watched_.end() && found->second;
+}
+
+/// Lists the folder again and again for as long as it is in use.
+void FoldersInUse::lookLater(ItemNumber number) {
+  const milliseconds pause = freshness_.leastPause(number);
+  milliseconds delay{0};
+  async::Loop::Moment due;
+  {
+    std::lock_guard lock(mutex_);
+    auto& next = folders_[number].next;
+    const bool isWatched = watched_.contains(number);
+    if (next && !isWatched) return;
+    const milliseconds interval = isWatched ? watchInterval_ : kUseInterval;
+    const auto fifth = interval / 5;
+    const milliseconds jitter(static_cast<std::int64_t>(random_() % fifth.count()));
+    delay = std::max(pause, interval - fifth / 2 + jitter);
+    due = scope_.now() + delay;
+    if (next && *next <= due) return;
+    next = due;
+  }
+  scope_.postAfter(delay, [this, number, due] { lookAgain(number, due); });
+}
+
+void FoldersInUse::lookAgain(ItemNumber number, async::Loop::Moment due) {
   bool isUsed = false;
   {
     std::lock_guard lock(mutex_);
     Folder& folder = folders_[number];
-    folder.isWatched = false;
-    isUsed = isInUse(folder);
+    // Another timer is to do it.
+    if (folder.next != due) return;
+    folder.next.reset();
+    isUsed = isInUse(number, folder);
   }
   bool isOld = false;
   {
@@ -93,7 +133,7 @@ void FoldersInUse::lookAgain(ItemNumber number) {
     isOld = !listedAt || Time(milliseconds(scope_.wallClock())) - *listedAt > pause;
   }
   if (isOld && health_.isUp()) looks_.lookSoon(number);
-  watch(number);
+  lookLater(number);
 }
 
 }  // namespace kestrowan::replica::pull

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <optional>
 #include <random>
 #include <unordered_map>
+#include <vector>
 
 #include "async/Scope.h"
 #include "replica/Options.h"
@@ -15,8 +17,8 @@
 
 namespace kestrowan::replica::pull {
 
-/// Which folders programs use, and the listings of these every half minute. Owned by the refresher;
-/// usable from every thread.
+/// Which folders programs use or watch, and the listings of these from time to time. Owned by the
+/// refresher; usable from every thread.
 class FoldersInUse {
  public:
   /// All must outlive it.
@@ -29,19 +31,25 @@ class FoldersInUse {
   void noteUse(const model::Item& folder);
   /// A program has opened it, or closed it.
   void setOpen(model::ItemNumber folder, bool isOpen);
+  /// From now on programs watch these items, and no others. The folders among them, and those of
+  /// the files, are listed after each `interval`.
+  void setWatched(const std::vector<model::ItemNumber>& items, std::chrono::milliseconds interval);
+  /// Whether programs watch the folder, and its names were known when that was found out.
+  bool isWatched(model::ItemNumber folder) const;
+  bool isAnyWatched() const { return isAnyWatched_; }
 
  private:
   struct Folder {
     /// Uptime.
     std::optional<async::Loop::Moment> lastUse;
     unsigned open = 0;
-    /// A timer will list it anew while it is in use.
-    bool isWatched = false;
+    /// When a timer will list it anew while it is in use. Uptime.
+    std::optional<async::Loop::Moment> next;
   };
 
-  bool isInUse(const Folder& folder) const;
-  void watch(model::ItemNumber folder);
-  void lookAgain(model::ItemNumber folder);
+  bool isInUse(model::ItemNumber number, const Folder& folder) const;
+  void lookLater(model::ItemNumber folder);
+  void lookAgain(model::ItemNumber folder, async::Loop::Moment due);
 
   model::Tree& tree_;
   async::Scope& scope_;
@@ -50,8 +58,13 @@ class FoldersInUse {
   const Freshness& freshness_;
   Looks& looks_;
 
-  std::mutex mutex_;  // guards what follows; a leaf
+  std::atomic<bool> isAnyWatched_ = false;
+
+  mutable std::mutex mutex_;  // guards what follows; a leaf
   std::unordered_map<model::ItemNumber, Folder> folders_;
+  /// Folders that are watched, and whether they had been listed when that was found out.
+  std::unordered_map<model::ItemNumber, bool> watched_;
+  std::chrono::milliseconds watchInterval_{0};
   std::mt19937_64 random_;
 };
 

@@ -60,6 +60,11 @@ class Refresher {
   }
   /// See `FoldersInUse`.
   void setOpen(model::ItemNumber folder, bool isOpen) { inUse_.setOpen(folder, isOpen); }
+  void setWatched(const std::vector<model::ItemNumber>& items, std::chrono::milliseconds interval) {
+    inUse_.setWatched(items, interval);
+  }
+  bool isWatched(model::ItemNumber folder) const { return inUse_.isWatched(folder); }
+  bool isAnyWatched() const { return inUse_.isAnyWatched(); }
   /// See `Freshness`.
   bool isCertain(const model::Item& folder) const { return freshness_.isCertain(folder); }
   bool isPartial(model::ItemNumber folder) const { return freshness_.isPartial(folder); }

@@ -107,6 +107,47 @@ TEST_F(FreshnessTest, FolderInUseIsListedEveryHalfMinuteAndNoLongerThanTwoMinute
   EXPECT_EQ(listings(), atTheEnd);
 }
 
+TEST_F(FreshnessTest, FolderThatIsWatchedIsListedAsLongAsItIs) {
+  world.advance(seconds(400));
+  world.extension().clearCalls();
+  const replica::Rid docs = world.find("/docs");
+  world.replica().files().setWatched({docs, 12345}, seconds(30));
+  world.extension().clearCalls();
+  world.advance(seconds(400));
+  EXPECT_GE(listingsOfDocs(), 400 / 33);
+  EXPECT_LE(listingsOfDocs(), 400 / 27 + 1);
+  world.replica().files().setWatched({}, seconds(30));
+  world.advance(seconds(200));
+  world.extension().clearCalls();
+  world.advance(seconds(200));
+  EXPECT_EQ(listingsOfDocs(), 0);
+}
+
+TEST_F(FreshnessTest, FolderOfAWatchedFileIsListed) {
+  const replica::Rid file = world.find("/docs/a");
+  world.advance(seconds(400));
+  world.replica().files().setWatched({file}, seconds(30));
+  world.extension().clearCalls();
+  world.advance(seconds(100));
+  EXPECT_GE(listingsOfDocs(), 3);
+}
+
+TEST_F(FreshnessTest, WatchedFolderIsListedMoreOftenFromTheMomentThatIsAskedFor) {
+  const replica::Rid docs = world.find("/docs");
+  world.replica().files().setWatched({docs}, seconds(30));
+  world.replica().files().setWatched({docs}, seconds(10));
+  world.extension().clearCalls();
+  world.advance(seconds(100));
+  EXPECT_GE(listingsOfDocs(), 9);
+  EXPECT_LE(listingsOfDocs(), 100 / 9 + 1);
+  world.replica().files().setWatched({docs}, seconds(30));
+  world.advance(seconds(12));
+  world.extension().clearCalls();
+  world.advance(seconds(120));
+  EXPECT_GE(listingsOfDocs(), 3);
+  EXPECT_LE(listingsOfDocs(), 5);
+}
+
 TEST_F(FreshnessTest, FolderThatTakesLongToListIsListedMoreRarely) {
   world.call(world.replica().files().openFolder(world.find("/docs")));
   world.extension().setLatency(seconds(4));
