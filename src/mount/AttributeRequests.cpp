@@ -63,6 +63,7 @@ Task<void> changeAttributes(std::shared_ptr<Reply> reply, replica::Rid item,
 }  // namespace
 
 void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcept {
+  if (isEventRequest(request)) return answerEventAttributes(request, item);
   serveAtOnce(request, Addressing::byNumber, [&] {
     auto& session = Session::of(request);
     const auto attributes = session.replica().files().attributes(item);
@@ -74,6 +75,7 @@ void getAttributes(fuse_req_t request, fuse_ino_t item, fuse_file_info*) noexcep
 
 void setAttributes(fuse_req_t request, fuse_ino_t item, struct stat* wanted, int which,
                    fuse_file_info* info) noexcept {
+  if (isEventRequest(request)) return answerEventTouch(request, item, which);
   serve(request, Addressing::byNumber, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
     auto& session = reply->session();
     checkOwner(session.appearance(), *wanted, which);

@@ -40,11 +40,12 @@ class EntryBuffer {
 
   /// Adds the entry; false when there is no room for it. `next` is where reading goes on after it.
   bool add(const std::string& name, const replica::Attributes& attributes, off_t next,
-           bool isCurrent) {
+           bool isCurrent, bool isKept = true) {
     auto entry = kernelEntry(attributes, session_.replica().files().allocated(attributes),
                              session_.appearance());
     // A number of 0 tells the kernel the name alone.
     if (!isCurrent) entry.ino = 0;
+    if (!isKept) entry.entry_timeout = 0;
     char* const place = bytes_.get() + used_;
     const std::size_t room = size_ - used_;
     const std::size_t length =
@@ -111,7 +112,8 @@ void fill(EntryBuffer& buffer, Session& session, replica::Rid folder, const Snap
     const auto current =
         withAttributes ? currentAttributes(session, entry.rid) : nameOnly(entry.rid, entry.kind);
     if (!current) continue;
-    if (!buffer.add(entry.name, *current, next, withAttributes)) return;
+    const bool isKept = !session.isUntold(folder, entry.name);
+    if (!buffer.add(entry.name, *current, next, withAttributes, isKept)) return;
   }
 }
 

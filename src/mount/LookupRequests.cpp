@@ -20,21 +20,23 @@ void forgetOne(Session& session, fuse_ino_t item, std::uint64_t count) noexcept 
 }
 
 Task<void> lookUp(std::shared_ptr<Reply> reply, replica::Rid folder, std::string name) {
+  auto& session = reply->session();
   std::optional<replica::Attributes> attributes;
   try {
-    auto found = reply->session().replica().files().lookUp(folder, name);
+    auto found = session.replica().files().lookUp(folder, name);
     attributes = co_await std::move(found);
   } catch (const NSError& error) {
     if (errnoFor(error, Addressing::byName) != ENOENT) throw;
-    attributes = reply->session().markers().find(folder, name);
+    attributes = session.markers().find(folder, name);
     if (!attributes) throw;
   }
-  reply->sendEntry(*attributes);
+  reply->sendEntry(*attributes, !session.isUntold(folder, name));
 }
 
 }  // namespace
 
 void lookup(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
+  if (isEventRequest(request)) return answerEventLookup(request, folder, name);
   serve(request, Addressing::byName, OnSignal::ends, [&](std::shared_ptr<Reply> reply) {
     return lookUp(std::move(reply), folder, checkedName(name));
   });

@@ -68,6 +68,7 @@ class Mount::Implementation {
   void endByForce();
 
   const std::string& mountPoint() const { return point_.path(); }
+  const std::string& device() const { return device_; }
 
  private:
   void mount();
@@ -96,7 +97,7 @@ void Mount::Implementation::start() {
                               std::chrono::duration<double>(options_.cacheTime).count()};
   auto session = std::make_shared<Session>(
       replica_, appearance, std::make_shared<const ProgramKinds>(options_.backgroundPrograms),
-      MarkerFiles(options_.showMarkers));
+      MarkerFiles(options_.showMarkers), options_.events);
   session_ = session;
   mount();
   try {
@@ -223,6 +224,10 @@ void Mount::start() {
 
 const std::string& Mount::mountPoint() const {
   return implementation_->mountPoint();
+}
+
+const std::string& Mount::device() const {
+  return implementation_->device();
 }
 
 void Mount::unmount(Unmounting how) {

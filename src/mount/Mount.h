@@ -13,6 +13,8 @@
 
 namespace kestrowan::mount {
 
+struct WatchEvents;
+
 struct MountOptions {
   std::string mountPoint;
   /// What the table of mounts names as the source.
@@ -35,6 +37,9 @@ struct MountOptions {
   std::string stateDirectory;
   /// Called once, from another thread, when the mount has ended, however that came. May be empty.
   std::function<void()> ended;
+  /// Through which programs that watch folders learn of changes at the server; null when they are
+  /// not to.
+  std::shared_ptr<WatchEvents> events;
 };
 
 /// One replica as a folder of the system: answers the kernel's requests with calls of the replica,
@@ -58,6 +63,9 @@ class Mount {
 
   /// Absolute, without symbolic links.
   const std::string& mountPoint() const;
+  /// Of what was mounted: the number of the file system's device, as "0:47". Empty before `start`,
+  /// and when the table of mounts does not tell it.
+  const std::string& device() const;
 
   enum class Unmounting {
     /// Fails with EBUSY, naming the programs, when something is in use.

@@ -71,6 +71,7 @@ void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mo
 }
 
 void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) noexcept {
+  if (isEventRequest(request)) return answerEventFolder(request, folder, name);
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
     return makeDirectory(std::move(reply), folder, checkedNewName(name),
                          permissionBits(S_IFDIR | mode));
@@ -78,6 +79,9 @@ void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t 
 }
 
 void removeFile(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
+  if (isEventRequest(request)) {
+    return answerEventRemoval(request, folder, name, EventRemoval::file);
+  }
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
     auto removal = reply->session().replica().files().removeFile(folder, checkedName(name));
     auto change = sparingMarkers(reply, std::move(removal), folder, name);
@@ -86,6 +90,9 @@ void removeFile(fuse_req_t request, fuse_ino_t folder, const char* name) noexcep
 }
 
 void removeFolder(fuse_req_t request, fuse_ino_t folder, const char* name) noexcept {
+  if (isEventRequest(request)) {
+    return answerEventRemoval(request, folder, name, EventRemoval::folder);
+  }
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
     auto change = reply->session().replica().files().removeFolder(folder, checkedName(name));
     return changeNames(std::move(reply), std::move(change), folder, folder);
@@ -94,6 +101,9 @@ void removeFolder(fuse_req_t request, fuse_ino_t folder, const char* name) noexc
 
 void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t newFolder,
             const char* newName, unsigned flags) noexcept {
+  if (isEventRequest(request)) {
+    return answerEventRename(request, folder, name, newFolder, newName);
+  }
   serve(request, Addressing::byName, OnSignal::endsTheDying, [&](std::shared_ptr<Reply> reply) {
     if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) throw posixError(EINVAL);
     auto renaming = reply->session().replica().files().rename(folder, checkedName(name), newFolder,

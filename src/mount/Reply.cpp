@@ -91,9 +91,10 @@ void Reply::succeed() {
   send([](fuse_req_t request) { return fuse_reply_err(request, 0); });
 }
 
-void Reply::sendEntry(const replica::Attributes& attributes) {
-  const auto entry = kernelEntry(attributes, session_->replica().files().allocated(attributes),
-                                 session_->appearance());
+void Reply::sendEntry(const replica::Attributes& attributes, bool isKept) {
+  auto entry = kernelEntry(attributes, session_->replica().files().allocated(attributes),
+                           session_->appearance());
+  if (!isKept) entry.entry_timeout = 0;
   // Before the answer: the kernel may forget the item before the answer's call has returned.
   session_->replica().files().remember(attributes.rid);
   const bool sent =

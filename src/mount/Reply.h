@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "mount/Errno.h"
+#include "mount/EventRequests.h"
 #include "mount/Fuse.h"
 #include "mount/Session.h"
 #include "platform/base/Afterwards.h"
@@ -63,8 +64,9 @@ class Reply : public std::enable_shared_from_this<Reply> {
   /// For requests that are answered by nothing but success.
   void succeed();
 
-  /// Answers with an entry of a folder, which the kernel then knows once more.
-  void sendEntry(const replica::Attributes& attributes);
+  /// Answers with an entry of a folder, which the kernel then knows once more, and does not keep
+  /// unless `isKept` says so.
+  void sendEntry(const replica::Attributes& attributes, bool isKept = true);
   void sendAttributes(const replica::Attributes& attributes);
 
   /// Answers with the problem, or with success when there is none: null, or one that is no failure,
@@ -110,6 +112,7 @@ class Reply : public std::enable_shared_from_this<Reply> {
 /// tasks wait for. A signal may answer meanwhile.
 template <typename Handle>
 void serve(fuse_req_t request, Addressing addressing, OnSignal onSignal, Handle&& handle) noexcept {
+  if (isEventRequest(request)) return refuseEventRequest(request);
   const Afterwards afterwards;
   std::shared_ptr<Reply> reply;
   try {
@@ -127,6 +130,7 @@ void serve(fuse_req_t request, Addressing addressing, OnSignal onSignal, Handle&
 /// The same for a request that `handle` answers before it returns, as the last thing that it does.
 template <typename Handle>
 void serveAtOnce(fuse_req_t request, Addressing addressing, Handle&& handle) noexcept {
+  if (isEventRequest(request)) return refuseEventRequest(request);
   try {
     handle();
   } catch (...) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "mount/Channel.h"
 #include "mount/Fuse.h"
@@ -14,6 +16,7 @@
 #include "mount/ProgramKinds.h"
 #include "mount/RefusedReads.h"
 #include "mount/SeenContents.h"
+#include "mount/WatchEvents.h"
 #include "replica/Replica.h"
 
 namespace kestrowan::mount {
@@ -61,8 +64,10 @@ class NameChanges {
 class Session : public std::enable_shared_from_this<Session>, public replica::Observer {
  public:
   /// Throws `NSError`. The replica must outlive the session.
+  /// `events` may be null.
   Session(replica::Replica& replica, Appearance appearance,
-          std::shared_ptr<const ProgramKinds> programs, MarkerFiles markers);
+          std::shared_ptr<const ProgramKinds> programs, MarkerFiles markers,
+          std::shared_ptr<WatchEvents> events);
 
   /// The session that `request` came in.
   static Session& of(fuse_req_t request) {
@@ -79,9 +84,15 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   Handles<FolderHandle>& folders() { return folders_; }
   SeenContents& seenContents() { return seenContents_; }
   NameChanges& nameChanges() { return nameChanges_; }
+  /// Null when watchers are told of nothing.
+  WatchEvents* events() const { return events_.get(); }
+  /// Whether the kernel must not keep what the name stands for, because a call that tells of it is
+  /// to come, and would be none for the same item.
+  bool isUntold(replica::Rid folder, const std::string& name) const;
 
   void entryChanged(replica::Rid folder, const std::string& name) override;
   void itemChanged(replica::Rid item, bool contents) override;
+  void watchedNamesChanged(const std::vector<replica::NameChange>& changes) override;
 
   /// The kernel and libfuse have agreed on what they can do, and requests come.
   void setReady() { setState(State::ready); }
@@ -102,6 +113,7 @@ class Session : public std::enable_shared_from_this<Session>, public replica::Ob
   const Appearance appearance_;
   const std::shared_ptr<const ProgramKinds> programs_;
   const MarkerFiles markers_;
+  const std::shared_ptr<WatchEvents> events_;
   std::atomic<State> state_ = State::starting;
   Handles<FileHandle> files_;
   Handles<FolderHandle> folders_;

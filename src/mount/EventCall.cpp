@@ -1,0 +1,49 @@
+#include "mount/EventCall.h"
+
+namespace kestrowan::mount {
+
+using replica::ItemKind;
+using replica::NameChange;
+
+namespace {
+
+EventCall callOf(const NameChange& change, EventKind kind, replica::Rid item,
+                 replica::Rid other = 0) {
+  return {kind, change.folder, change.name, item, other};
+}
+
+/// The calls for a name that is free before, or bears a file that is replaced.
+EventCall comingOf(const NameChange& change, replica::Rid replaced) {
+  if (change.now->kind == ItemKind::folder) {
+    return callOf(change, EventKind::makeFolder, change.now->item);
+  }
+  return callOf(change, EventKind::placeFile, change.now->item, replaced);
+}
+
+}  // namespace
+
+std::vector<EventCall> callsFor(const NameChange& change) {
+  const auto& before = change.before;
+  const auto& now = change.now;
+  if (!before && !now) return {};
+  if (!before) return {comingOf(change, 0)};
+  if (before == now) {
+    const bool isReplaced = change.hasOtherContents && now->kind == ItemKind::file;
+    return {isReplaced ? comingOf(change, 0) : callOf(change, EventKind::touch, now->item)};
+  }
+  // What is at another place now has not gone: a call that removes it would be a lie to it.
+  if (before->item == 0) return {now ? comingOf(change, 0) : callForFolder(change.folder)};
+  const bool isFile = before->kind == ItemKind::file;
+  if (now && isFile && now->kind == ItemKind::file) return {comingOf(change, before->item)};
+  std::vector<EventCall> calls = {callOf(change,
+                                         isFile ? EventKind::removeFile : EventKind::removeFolder,
+                                         before->item, now ? now->item : 0)};
+  if (now) calls.push_back(comingOf(change, 0));
+  return calls;
+}
+
+EventCall callForFolder(replica::Rid folder) {
+  return {EventKind::touch, folder, {}, folder, 0};
+}
+
+}  // namespace kestrowan::mount
