@@ -153,6 +153,13 @@ class MountCommands {
         ->transform(CLI::AsSizeValue(false).description(""))
         ->type_name("SIZE")
         ->default_str("1M");
+    command
+        ->add_option("--events", mount.events,
+                     "whether programs that watch folders of the mount learn of changes at the "
+                     "server; folders that are watched are then listed from time to time")
+        ->check(oneOf({"on", "off"}))
+        ->type_name("on|off")
+        ->capture_default_str();
     command->add_flag("--no-local-names", mount.noLocalNames,
                       "send lock, swap and temporary files of programs too");
     command->add_flag("--noexec", mount.noExec, "no program can be run from the mount");

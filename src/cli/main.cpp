@@ -3,9 +3,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstring>
 
 #include "cli/CommandLine.h"
 #include "cli/Variables.h"
+#include "host/EventCalls.h"
 #include "platform/base/Task.h"
 
 namespace {
@@ -23,6 +25,9 @@ void openStandardStreams() {
 
 int main(int argc, char** argv) {
   constexpr std::chrono::milliseconds kLongestWait{500};
+  if (argc == 2 && std::strcmp(argv[1], kestrowan::host::kEventCallsCommand) == 0) {
+    return kestrowan::host::makeEventCalls();
+  }
   openStandardStreams();
   // A reader that goes away is an error of the write, which says so, not a silent end.
   std::signal(SIGPIPE, SIG_IGN);

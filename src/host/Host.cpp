@@ -21,6 +21,8 @@
 #include "host/ControlSocket.h"
 #include "host/Directories.h"
 #include "host/DomainChoice.h"
+#include "host/EventTeller.h"
+#include "host/FolderWatches.h"
 #include "host/HostCommands.h"
 #include "host/HostEvents.h"
 #include "host/HostFileManager.h"
@@ -129,6 +131,7 @@ class Host::Implementation {
   void drain(Clock::time_point deadline);
   Task<void> untilDrained(std::chrono::milliseconds limit,
                           std::shared_ptr<std::atomic<bool>> drained);
+  void unmount(Mount::Unmounting how);
   bool unmountWhenFree();
   std::int64_t finish(Clock::time_point deadline);
   void leaveLazily();
@@ -144,7 +147,9 @@ class Host::Implementation {
   const std::shared_ptr<NSFileManager> systemFiles_ = NSFileManager::defaultManager();
   std::unique_ptr<async::LoopThread> loop_;
   std::unique_ptr<replica::Replica> replica_;
+  std::unique_ptr<EventTeller> teller_;
   std::unique_ptr<Mount> mount_;
+  std::unique_ptr<FolderWatches> watches_;
   std::unique_ptr<ProviderKeeper> keeper_;
   std::unique_ptr<BridgeWatch> watch_;
   std::unique_ptr<ControlSocket> socket_;
@@ -174,6 +179,7 @@ Host::Implementation::Implementation(HostSettings settings)
       systemFiles_, temporaryDirectoryIn(state_.path()), settings_.container));
   loop_ = std::make_unique<async::LoopThread>();
   replica_ = std::make_unique<replica::Replica>(state_.path(), *loop_, replicaOptions(settings_));
+  if (settings_.events) teller_ = std::make_unique<EventTeller>(*replica_);
   mount_ = std::make_unique<Mount>(*replica_, mountOptions());
 }
 
@@ -181,7 +187,10 @@ Host::Implementation::~Implementation() {
   registration_.reset();
   watch_.reset();
   keeper_.reset();
+  watches_.reset();
+  if (teller_) teller_->hold();
   mount_.reset();
+  teller_.reset();
   events_.answerRequests(changesLeft());
   replica_->stop();
   socket_.reset();
@@ -203,6 +212,7 @@ mount::MountOptions Host::Implementation::mountOptions() {
   options.backgroundPrograms = settings_.backgroundPrograms;
   options.stateDirectory = state_.path();
   options.ended = [this] { events_.setMountEnded(); };
+  if (teller_) options.events = teller_->events();
   return options;
 }
 
@@ -228,7 +238,13 @@ void Host::Implementation::begin() {
   watch_ = std::make_unique<BridgeWatch>([this] { return containerPath(*systemFiles_); },
                                          [this] { keeper_->renew(); });
   keeper_->start();
+  if (teller_) teller_->start();
   mount_->start();
+  if (teller_) {
+    teller_->begin(mount_->mountPoint(), mount_->device());
+    watches_ = std::make_unique<FolderWatches>(*replica_);
+    watches_->start(mount_->device());
+  }
   folder_.keep();
   state_.keep();
 
@@ -365,7 +381,7 @@ bool Host::Implementation::leaveForRequest(UnmountRequest request) {
       leaveLazily();
     } else {
       drain(deadline);
-      isHurried() ? leaveLazily() : mount_->unmount(Mount::Unmounting::whenFree);
+      isHurried() ? leaveLazily() : unmount(Mount::Unmounting::whenFree);
     }
   } catch (...) {
     stopping_ = false;
@@ -430,7 +446,7 @@ bool Host::Implementation::unmountWhenFree() {
       if (isHurried()) {
         leaveLazily();
       } else {
-        mount_->unmount(Mount::Unmounting::whenFree);
+        unmount(Mount::Unmounting::whenFree);
       }
       break;
     } catch (...) {
@@ -446,7 +462,18 @@ bool Host::Implementation::unmountWhenFree() {
 }
 
 void Host::Implementation::leaveLazily() {
-  mount_->unmount(Mount::Unmounting::lazily);
+  unmount(Mount::Unmounting::lazily);
+}
+
+/// The process that makes event calls must not keep the mount busy.
+void Host::Implementation::unmount(Mount::Unmounting how) {
+  if (teller_) teller_->hold();
+  try {
+    mount_->unmount(how);
+  } catch (...) {
+    if (teller_) teller_->begin(mount_->mountPoint(), mount_->device());
+    throw;
+  }
 }
 
 /// After the mount was taken away: waits for its users, sends what they wrote last, and gives how

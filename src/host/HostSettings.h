@@ -28,6 +28,8 @@ struct HostSettings {
   bool noIndex = false;
   /// Patterns of names of programs that work in the background, besides those that are known.
   std::vector<std::string> backgroundPrograms;
+  /// Whether programs that watch folders learn of changes at the server.
+  bool events = true;
   /// Whether the extension's own log is shown.
   bool extensionLog = false;
   /// Once it serves, the host writes to the file "log" in the state directory instead of standard

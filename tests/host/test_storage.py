@@ -379,7 +379,7 @@ def test_what_is_advised_after_a_crash_mounts_the_right_storage(own_place, serve
 
 def test_advice_has_the_options_of_the_mount(own_place):
     options = ["--cache-limit=20000000", "--streaming=off", "--fsync=server", "--close=wait", "--moves=refuse",
-               "--no-local-names", "--noexec", "--no-index", "--drain=3"]
+               "--events=off", "--no-local-names", "--noexec", "--no-index", "--drain=3"]
     own_place.mount(*options).ready().kill()
     [command] = commands_in(own_place.run("status").stderr.decode())
     assert command == (f"kestrowan --container '{own_place.container}' mount --domain "

@@ -28,6 +28,7 @@ struct MountCommand {
   std::string fsync = "local";                        // or "server"
   std::string close = "return";                       // or "wait"
   std::string moves = "pass";                         // or "refuse"
+  std::string events = "on";                          // or "off"
   std::string backgroundPrograms = "deny";            // or "allow"
   std::vector<std::string> backgroundProgram;         // patterns of further names
   std::uint64_t thumbnails = std::uint64_t{1} << 20;  // bytes

@@ -78,6 +78,7 @@ std::vector<std::string> wordsOf(const MountCommand& command) {
   if (command.thumbnails != usual.thumbnails) {
     words.push_back("--thumbnails=" + std::to_string(command.thumbnails));
   }
+  if (command.events != usual.events) words.push_back("--events=" + command.events);
   if (command.noLocalNames) words.emplace_back("--no-local-names");
   if (command.noExec) words.emplace_back("--noexec");
   if (command.noIndex) words.emplace_back("--no-index");
@@ -108,6 +109,7 @@ host::HostSettings settingsFor(const GlobalOptions& options, const MountCommand&
   settings.drain = std::chrono::seconds(command.drain);
   settings.noexec = command.noExec;
   settings.noIndex = command.noIndex;
+  settings.events = command.events == "on";
   settings.extensionLog = options.verbose;
   settings.logsToFile = command.background;
   settings.replica.cacheLimit = static_cast<std::int64_t>(
