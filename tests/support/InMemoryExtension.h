@@ -27,6 +27,8 @@ struct InMemoryOptions {
   bool tellsOfArrivals = true;
   /// What can only be read; empty for nothing.
   std::function<bool(std::string_view path)> isProtected = {};
+  /// Whose versions have "W/" before them; empty for none.
+  std::function<bool(std::string_view path)> isWeak = {};
 };
 
 class CallRunner;

@@ -75,7 +75,8 @@ NSFileProviderItemPtr MemoryItems::item(const ServerEntry& entry) const {
     const std::string revision = std::string("\xFF\0", 2) + std::to_string(entry.revision);
     item->version = {revision, revision + entry.name};
   } else {
-    item->version = versionFrom("e" + std::to_string(entry.revision), entry.date, entry.size);
+    const std::string strength = options_.isWeak && options_.isWeak(entry.path) ? "W/e" : "e";
+    item->version = versionFrom(strength + std::to_string(entry.revision), entry.date, entry.size);
   }
   return item;
 }

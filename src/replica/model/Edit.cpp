@@ -11,12 +11,15 @@ namespace kestrowan::replica::model {
 
 namespace {
 
+bool haveSameVersion(const Shared<There>& one, const Shared<There>& other) {
+  return one && other && one->version == other->version;
+}
+
 /// The bytes are no longer on this disk, but are still those that the item has.
 bool isOnlyEvicted(const Item& before, const Item* now) {
   if (!now || !now->here() || now->here()->content != Content::none) return false;
-  const auto& was = before.agreed();
-  return was && now->agreed() && was->content == before.here()->content &&
-         was->version == now->agreed()->version;
+  return haveSameVersion(before.agreed(), now->agreed()) &&
+         before.agreed()->content == before.here()->content;
 }
 
 }  // namespace
@@ -56,7 +59,16 @@ void Edit::setThere(ItemNumber number, Shared<There> there) {
 }
 
 void Edit::setAgreed(ItemNumber number, Shared<There> agreed) {
-  state_->setAgreed(touched(number), std::move(agreed));
+  Item& item = touched(number);
+  if (!haveSameVersion(item.agreed(), agreed)) described_.erase(number);
+  state_->setAgreed(item, std::move(agreed));
+}
+
+void Edit::describeAgreed(ItemNumber number, Shared<There> agreed) {
+  Item& item = touched(number);
+  const auto& before = before_.at(number);
+  if (before && haveSameVersion(before->agreed(), item.agreed())) described_.insert(number);
+  state_->setAgreed(item, std::move(agreed));
 }
 
 void Edit::addAfter(ItemNumber number, ItemNumber other) {
@@ -221,7 +233,8 @@ Changes Edit::changes() const {
 std::vector<ItemChange> Edit::itemChanges() const {
   std::vector<ItemChange> result;
   for (const auto& [number, before] : before_) {
-    const ItemChange change{before ? &*before : nullptr, state_->find(number)};
+    const ItemChange change{before ? &*before : nullptr, state_->find(number),
+                            described_.contains(number)};
     if (!change.before && !change.now) continue;
     const bool isChanged = !change.before || !change.now || *change.before != *change.now;
     if (isChanged) result.push_back(change);

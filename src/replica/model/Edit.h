@@ -32,6 +32,8 @@ class KFP_SCOPED_CAPABILITY Edit {
   void setHere(ItemNumber number, OptionalHere here);
   void setThere(ItemNumber number, Shared<There> there);
   void setAgreed(ItemNumber number, Shared<There> agreed);
+  /// The same, where the provider has another version for the contents that were agreed on.
+  void describeAgreed(ItemNumber number, Shared<There> agreed);
   /// `number` is removed after `other` has arrived, besides those that are in `after` already.
   void addAfter(ItemNumber number, ItemNumber other);
   void clearAfter(ItemNumber number);
@@ -74,6 +76,8 @@ class KFP_SCOPED_CAPABILITY Edit {
   /// What each changed item was before; absent for a new one.
   std::unordered_map<ItemNumber, std::optional<Item>> before_;
   std::set<ItemNumber> touched_;
+  /// Items whose agreed state has the contents that it had before, whatever its version.
+  std::set<ItemNumber> described_;
   /// The same of each changed intent.
   std::map<IntentNumber, std::optional<Intent>> intentsBefore_;
   ItemNumber nextItemBefore_ = ItemNumber::none;

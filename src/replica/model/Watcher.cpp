@@ -25,7 +25,7 @@ bool ItemChange::hasOtherContents() const {
   // Bytes that came to this disk, or left it, are those of the agreed state.
   const auto& from = before->agreed();
   const auto& to = now->agreed();
-  return !from || !to || from->version != to->version;
+  return !from || !to || (from->version != to->version && !hasSameAgreed);
 }
 
 bool ItemChange::hasOtherAttributes() const {

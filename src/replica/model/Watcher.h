@@ -13,6 +13,8 @@ struct ItemChange {
   const Item* before = nullptr;
   /// As it is; null for one that is no more.
   const Item* now = nullptr;
+  /// Both agreed on the same contents, though their versions may differ.
+  bool hasSameAgreed = false;
 
   const Item& any() const { return now ? *now : *before; }
   /// It is at another place here, it came, or it is gone.

@@ -404,7 +404,7 @@ bool Downloader::write(ItemNumber number, const There& before, const There& now,
     There agreed = there;
     agreed.place = file->agreed()->place;
     agreed.content = file->agreed()->content;
-    edit.setAgreed(number, std::move(agreed));
+    edit.describeAgreed(number, std::move(agreed));
   }
   edit.setThere(number, std::move(there));
   plan::noteFetched(edit, number, now.version, content);

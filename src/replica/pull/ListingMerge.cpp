@@ -96,7 +96,7 @@ void ListingMerge::writeDetails(Edit& edit, const Item& folder,
     There agreed = *now;
     agreed.place = item->agreed()->place;
     agreed.content = item->agreed()->content;
-    edit.setAgreed(item->number(), std::move(agreed));
+    edit.describeAgreed(item->number(), std::move(agreed));
   }
   edit.setThere(item->number(), *now);
 }

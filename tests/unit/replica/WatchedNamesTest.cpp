@@ -43,6 +43,14 @@ class Recorder : public replica::Observer {
   std::size_t edits = 0;
 };
 
+replica::Options options() {
+  replica::Options result;
+  result.lastingPart = [](const NSData& version) {
+    return version.starts_with("W/") ? version.substr(2) : version;
+  };
+  return result;
+}
+
 class WatchedNamesTest : public testing::Test {
  protected:
   WatchedNamesTest() {
@@ -62,7 +70,9 @@ class WatchedNamesTest : public testing::Test {
   /// Long enough for what must be seen twice.
   void look() { world.advance(seconds(100)); }
 
-  ReplicaWorld world;
+  /// Versions are weak now.
+  bool isYoung = false;
+  ReplicaWorld world{{.isWeak = [this](std::string_view) { return isYoung; }}, options()};
   Recorder recorder;
   Rid docs = 0;
 };
@@ -97,6 +107,30 @@ TEST_F(WatchedNamesTest, FoldersThatAreNotWatchedTellNothing) {
   world.advance(seconds(40));
   EXPECT_TRUE(world.exists("/docs/new"));
   EXPECT_THAT(recorder.all, IsEmpty());
+}
+
+TEST_F(WatchedNamesTest, AnotherWordForTheSameContentsIsNoChange) {
+  isYoung = true;
+  world.server().writeFile("/docs/new", "three");
+  world.server().writeFile("/docs/a", "another one");
+  look();
+  EXPECT_THAT(recorder.names(), UnorderedElementsAre("+new", "*a"));
+  const auto changed = world.attributes("/docs/new").changed;
+  isYoung = false;
+  look();
+  EXPECT_EQ(recorder.all.size(), 2u);
+  EXPECT_EQ(world.attributes("/docs/new").changed, changed);
+}
+
+TEST_F(WatchedNamesTest, AVersionThatIsFetchedWithAnotherWordIsNoChange) {
+  isYoung = true;
+  world.server().writeFile("/docs/new", "three");
+  look();
+  isYoung = false;
+  EXPECT_EQ(world.read("/docs/new"), "three");
+  world.server().writeFile("/docs/new", "other");
+  look();
+  EXPECT_THAT(recorder.names(), ElementsAre("+new", "*new"));
 }
 
 TEST_F(WatchedNamesTest, WhatProgramsDoIsTheirsToTell) {

@@ -157,5 +157,34 @@ TEST_F(WatcherTest, DoesNotTakeADownloadForOtherContents) {
   EXPECT_FALSE(downloaded.hasOtherContents);
 }
 
+TEST_F(WatcherTest, DoesNotTakeAnotherVersionOfTheSameContentsForOthers) {
+  const ItemNumber a = file("a");
+  const auto remoteOnly = [](const char* version) {
+    return There{inRoot("a"), {version}, Content::none};
+  };
+  toldOf([&](Edit& edit) {
+    edit.setHere(a, Here{inRoot("a"), Content::none});
+    edit.setThere(a, remoteOnly("1"));
+    edit.setAgreed(a, remoteOnly("1"));
+  });
+  const auto describe = [&](Edit& edit, const char* version) {
+    edit.describeAgreed(a, remoteOnly(version));
+    edit.setThere(a, remoteOnly(version));
+  };
+  const auto described = toldOf([&](Edit& edit) { describe(edit, "1b"); });
+  EXPECT_FALSE(described.hasOtherContents);
+  EXPECT_FALSE(described.hasOtherAttributes);
+  const auto describedThenOther = toldOf([&](Edit& edit) {
+    describe(edit, "1c");
+    edit.setAgreed(a, remoteOnly("2"));
+  });
+  EXPECT_TRUE(describedThenOther.hasOtherContents);
+  const auto otherThenDescribed = toldOf([&](Edit& edit) {
+    edit.setAgreed(a, remoteOnly("3"));
+    describe(edit, "3b");
+  });
+  EXPECT_TRUE(otherThenDescribed.hasOtherContents);
+}
+
 }  // namespace
 }  // namespace kestrowan::replica::model
