@@ -31,8 +31,6 @@ std::vector<EventCall> callsFor(const NameChange& change) {
     const bool isReplaced = change.hasOtherContents && now->kind == ItemKind::file;
     return {isReplaced ? comingOf(change, 0) : callOf(change, EventKind::touch, now->item)};
   }
-  // What is at another place now has not gone: a call that removes it would be a lie to it.
-  if (before->item == 0) return {now ? comingOf(change, 0) : callForFolder(change.folder)};
   const bool isFile = before->kind == ItemKind::file;
   if (now && isFile && now->kind == ItemKind::file) return {comingOf(change, before->item)};
   std::vector<EventCall> calls = {callOf(change,

@@ -54,7 +54,7 @@ Attributes stagingAttributes() {
 /// The kernel asks again before anything else is done with the name.
 void replyEntry(fuse_req_t request, Session& session, const Attributes& attributes) {
   auto& files = session.replica().files();
-  const bool isItem = attributes.rid != kStagingFolder;
+  const bool isItem = attributes.rid < kNoItems;
   const auto allocated = isItem ? files.allocated(attributes) : 0;
   auto entry = kernelEntry(attributes, allocated, session.appearance());
   entry.entry_timeout = 0;
@@ -63,7 +63,7 @@ void replyEntry(fuse_req_t request, Session& session, const Attributes& attribut
 }
 
 void replyAttributes(fuse_req_t request, Session& session, const Attributes& attributes) {
-  const bool isItem = attributes.rid != kStagingFolder;
+  const bool isItem = attributes.rid < kNoItems;
   const auto allocated = isItem ? session.replica().files().allocated(attributes) : 0;
   const auto status = fileStatus(attributes, allocated, session.appearance());
   fuse_reply_attr(request, &status, session.appearance().cacheTime);
@@ -78,14 +78,13 @@ Rid itemAt(Session& session, Rid folder, const std::string& name) {
 /// An item that has gone from its name. The kernel may know it still, and must then be told what it
 /// was; of one that it does not know nothing is left but the kind.
 std::optional<Attributes> departed(Session& session, const EventCall& call, Rid item) {
-  if (auto attributes = attributesOf(session, item)) {
-    if (attributes->links != 0) return std::nullopt;
-    return attributes;
-  }
+  const auto known = attributesOf(session, item);
+  if (known && known->links == 0) return known;
   if (call.kind == EventKind::placeFile) return std::nullopt;
+  const bool isFolder = call.kind == EventKind::removeFolder;
   Attributes attributes;
-  attributes.rid = item;
-  attributes.kind = call.kind == EventKind::removeFolder ? ItemKind::folder : ItemKind::file;
+  attributes.rid = !known ? item : isFolder ? kFormerFolder : kFormerFile;
+  attributes.kind = isFolder ? ItemKind::folder : ItemKind::file;
   attributes.mode = kPrivateFolder;
   attributes.links = 0;
   return attributes;

@@ -13,11 +13,18 @@
 
 namespace kestrowan::mount {
 
+/// From here on numbers are those of no items.
+inline constexpr replica::Rid kNoItems = replica::Rid{1} << 63;
 /// A folder that none but the caller of event calls sees, in the root: its number and name, and the
 /// name of the placeholder in it.
-inline constexpr replica::Rid kStagingFolder = replica::Rid{1} << 63;
+inline constexpr replica::Rid kStagingFolder = kNoItems;
 inline constexpr const char* kStagingName = ".kestrowan-events";
 inline constexpr const char* kPlaceholderName = "placeholder";
+
+/// A file and a folder that stand for one that has left its name and is at another place now: a
+/// call that removed that itself would be a lie to it.
+inline constexpr replica::Rid kFormerFile = kNoItems + 1;
+inline constexpr replica::Rid kFormerFolder = kNoItems + 2;
 
 /// Whether the answer to a look-up by the caller is an item, and which.
 struct ExpectedLookup {
@@ -26,7 +33,7 @@ struct ExpectedLookup {
     absent,
     staging,
     item,
-    /// The same, for an item that has no name any more; absent where it has one.
+    /// The same, for an item that has left that name.
     departed,
   };
   Kind kind = Kind::refused;

@@ -54,10 +54,7 @@ std::vector<NameChange> ChangedNames::of(const std::vector<ItemChange>& changes)
     const bool isElsewhere = change.isElsewhereHere();
     if (!isElsewhere && !isOtherInPlace(change)) continue;
     if (wasHere) {
-      if (auto* name = at(*change.before)) {
-        name->before = shownOf(*change.before);
-        if (isElsewhere && isStill) name->before->item = 0;
-      }
+      if (auto* name = at(*change.before)) name->before = shownOf(*change.before);
     }
     if (isStill) {
       if (auto* name = at(*change.now)) {

@@ -11,7 +11,6 @@ namespace kestrowan::replica {
 /// One name of a folder: what it stood for, and what it stands for now.
 struct NameChange {
   struct Shown {
-    /// 0 for one that is at another place now.
     Rid item = 0;
     ItemKind kind = ItemKind::file;
 

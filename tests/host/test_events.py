@@ -4,9 +4,11 @@ A watcher is a process of its own, which watches with inotify. Changes are made 
 the mount lists a watched folder by itself, and sooner when a program asks for what is in it.
 """
 
+import ctypes
 import json
 import os
 import random
+import shutil
 import signal
 import subprocess
 import sys
@@ -98,6 +100,19 @@ class Folder:
             wait_for(has_heard, "events", seconds)
         except AssertionError:
             raise AssertionError(f"wanted {names}, heard {watcher.heard()}") from None
+
+    def put(self, name, contents):
+        """No listing shows the file half written."""
+        written = self.there.with_name(self.there.name + "-written")
+        written.write_text(contents)
+        os.rename(written, self.there / name)
+
+    def await_rest(self, watcher):
+        """Returns when a listing has shown again what is there now, once it was no longer young."""
+        for _ in range(2):
+            name = f"rest{next(self.numbers)}"
+            self.put(name, "x")
+            self.await_names(watcher, [("MOVED_TO", name)])
 
     def begin(self, watcher):
         """Returns when the mount tells the watcher of changes, and forgets what it heard."""
@@ -217,30 +232,31 @@ def test_a_thousand_new_files_are_one_change_of_the_folder(watched, watch):
     assert [event for event in told if event[1]] == [("MOVED_TO", "last.txt")]
 
 
-def test_every_watcher_hears_everything(watched, watch):
+def test_every_watcher_hears_everything_once(watched, watch):
     deep = watched.there / "deep"
     deep.mkdir()
     wait_for(lambda: watched.look() or (watched.here / "deep").is_dir(), "folder")
     os.listdir(watched.here / "deep")
     watchers = [watch(watched.here, watched.here / "deep") for _ in range(8)]
     watched.begin(watchers[0])
+    wanted = []
     for number in range(20):
-        for folder in (watched.there, deep):
-            # No listing shows a file that is half written.
-            written = watched.there.with_name(watched.there.name + "-written")
-            written.write_text("x")
-            os.rename(written, folder / f"{number}.txt")
+        for folder in ("", "deep"):
+            watched.put(Path(folder) / f"{number}.txt", "x")
+            wanted.append((str(watched.here / folder), "MOVED_TO", f"{number}.txt"))
 
     def files(watcher):
-        return {event for event in watcher.heard()
-                if event[1] == "MOVED_TO" and not event[2].startswith("probe")}
+        return sorted(event for event in watcher.heard()
+                      if event[1] == "MOVED_TO" and event[2].endswith(".txt"))
 
     def have_heard():
         watched.look()
         os.listdir(watched.here / "deep")
-        return all(len(files(each)) >= 40 for each in watchers)
+        return all(len(files(each)) >= len(wanted) for each in watchers)
     wait_for(have_heard, "events")
-    assert all(len(files(each)) == 40 for each in watchers)
+    os.listdir(watched.here / "deep")
+    watched.await_rest(watchers[0])
+    assert [files(each) for each in watchers] == [sorted(wanted)] * len(watchers)
 
 
 def test_a_caller_that_is_killed_is_replaced(mounted, watched, watch):
@@ -311,6 +327,96 @@ def test_without_events_nothing_is_told(place, folder, watch):
     assert [event for event in watcher.names() if event[1] != "own.txt"] == []
 
 
+class Tree:
+    """What a watched folder has at the server, which becomes something else all at once."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        #: Contents by name; None for a folder.
+        self.now = {}
+
+    def become(self, wanted):
+        """One listing shows the former names, or the new ones."""
+        staging = self.folder.with_name(self.folder.name + "-staging")
+        staging.mkdir()
+        for each in self.folder.iterdir():
+            if each.name not in self.now:
+                os.link(each, staging / each.name)
+        for name, contents in wanted.items():
+            if contents is None:
+                (staging / name).mkdir()
+            elif self.now.get(name) == contents:
+                os.link(self.folder / name, staging / name)
+            else:
+                (staging / name).write_text(contents)
+        exchange(self.folder, staging)
+        shutil.rmtree(staging)
+        self.now = wanted
+
+
+def exchange(one, other):
+    here, flag = -100, 2  # AT_FDCWD, RENAME_EXCHANGE
+    library = ctypes.CDLL(None, use_errno=True)
+    if library.renameat2(here, os.fsencode(one), here, os.fsencode(other), flag) != 0:
+        raise OSError(ctypes.get_errno(), "renameat2")
+
+
+def events_between(before, now):
+    """What is heard, in any order, when these names become those."""
+    events = []
+    for name in sorted(before | now):
+        was, becomes = before.get(name, ""), now.get(name, "")
+        if was == becomes:
+            continue
+        if name in before and (name not in now or None in (was, becomes)):
+            events.append(("DELETE", name + "/" if was is None else name))
+        if name in now:
+            events.append(("CREATE", name + "/") if becomes is None else ("MOVED_TO", name))
+    return sorted(events)
+
+
+def changed_by_chance(chance, before):
+    now = dict(before)
+    for name in chance.sample("abcdefghijklm", chance.randrange(1, 12)):
+        drawn = chance.random()
+        if drawn < 0.3:
+            now.pop(name, None)
+        elif drawn < 0.5:
+            now[name] = None
+        else:
+            # Of one length, so that the size says nothing.
+            now[name] = f"{chance.randrange(10**9):09}"
+    return now
+
+
+def seeded():
+    seed = int(os.environ.get("KFP_SEED", random.randrange(1 << 32)))
+    print("KFP_SEED", seed)
+    return random.Random(seed)
+
+
+def test_by_chance_each_name_that_changes_is_heard_once_and_no_other(place, watched, watch):
+    chance = seeded()
+    watcher = watched.begin(watch(watched.here))
+    tree = Tree(watched.there)
+    for turn in range(8):
+        before = tree.now
+        tree.become(changed_by_chance(chance, before))
+        own = watched.here / f"own{turn}"
+        own.write_text("by a program")
+        place.wait_synced()
+        watched.await_rest(watcher)
+        own.unlink()
+        place.wait_synced()
+        for name, contents in tree.now.items():
+            if contents is not None and chance.random() < 0.5:
+                assert (watched.here / name).read_text() == contents
+        heard = [event for event in watcher.names() if not event[1].startswith("rest")]
+        assert sorted(heard) == sorted(
+            [*events_between(before, tree.now), ("CREATE", own.name), ("DELETE", own.name)])
+        watcher.events.clear()
+
+
 def followed(names, events):
     """What is in a folder that held `names`, by what was heard of it since."""
     names = set(names)
@@ -328,9 +434,7 @@ def listed(folder):
 
 
 def test_by_chance_names_that_are_heard_are_names_that_changed(place, watched, watch):
-    seed = int(os.environ.get("KFP_SEED", random.randrange(1 << 32)))
-    print("KFP_SEED", seed)
-    chance = random.Random(seed)
+    chance = seeded()
     watcher = watched.begin(watch(watched.here))
     for _ in range(8):
         for _ in range(chance.randrange(1, 8)):

@@ -32,7 +32,6 @@ const Shown kFile1 = NameChange::Shown{11, ItemKind::file};
 const Shown kFile2 = NameChange::Shown{12, ItemKind::file};
 const Shown kFolder1 = NameChange::Shown{21, ItemKind::folder};
 const Shown kFolder2 = NameChange::Shown{22, ItemKind::folder};
-const Shown kElsewhere = NameChange::Shown{0, ItemKind::folder};
 
 TEST(EventCall, WhatComesIsPlacedOrMade) {
   EXPECT_THAT(callsFor(change({}, kFile1)), ElementsAre(call(EventKind::placeFile, 11)));
@@ -64,12 +63,6 @@ TEST(EventCall, OtherContentsOfTheSameFileAreAnotherFile) {
 TEST(EventCall, OtherAttributesAreTouched) {
   EXPECT_THAT(callsFor(change(kFile1, kFile1)), ElementsAre(call(EventKind::touch, 11)));
   EXPECT_THAT(callsFor(change(kFolder1, kFolder1)), ElementsAre(call(EventKind::touch, 21)));
-}
-
-TEST(EventCall, WhatIsElsewhereNowIsNotRemoved) {
-  EXPECT_THAT(callsFor(change(kElsewhere, {})), ElementsAre(callForFolder(kFolder)));
-  EXPECT_THAT(callsFor(change(kElsewhere, kFile1)), ElementsAre(call(EventKind::placeFile, 11)));
-  EXPECT_THAT(callsFor(change(kElsewhere, kFolder1)), ElementsAre(call(EventKind::makeFolder, 21)));
 }
 
 TEST(EventCall, ANameThatCameAndWentIsNotTold) {

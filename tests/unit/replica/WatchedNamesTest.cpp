@@ -159,6 +159,19 @@ TEST_F(WatchedNamesTest, AConflictTellsBothNames) {
   EXPECT_THAT(names, testing::Contains("*a"));
 }
 
+TEST_F(WatchedNamesTest, WhatMakesRoomTellsBothNames) {
+  world.write("/docs/n", "mine");
+  const Rid ours = world.find("/docs/n");
+  world.server().makeFolder("/docs/n");
+  EXPECT_TRUE(world.settle());
+  ASSERT_EQ(recorder.all.size(), 2u);
+  const auto& [folder, name, before, now, hasOtherContents] = recorder.all.front();
+  EXPECT_EQ(name, "n");
+  EXPECT_EQ(before, (NameChange::Shown{ours, ItemKind::file}));
+  EXPECT_EQ(now, (NameChange::Shown{world.find("/docs/n"), ItemKind::folder}));
+  EXPECT_EQ(recorder.all.back().now, (NameChange::Shown{ours, ItemKind::file}));
+}
+
 TEST_F(WatchedNamesTest, TheFirstListingOfAFolderIsNoChange) {
   world.server().makeFolder("/docs/late");
   world.server().writeFile("/docs/late/x", "x");
