@@ -52,6 +52,17 @@ std::string serverText(const JSONValue& status) {
   return state;
 }
 
+std::string eventsText(const JSONValue& status) {
+  const auto state = text(status, "events");
+  const std::string unheard = "programs that watch folders hear nothing of changes at the server";
+  if (state == "off") return "off; " + unheard;
+  if (state == "failing") {
+    return unheard + ", since the process that tells them cannot be had; it is tried again";
+  }
+  return "programs hear of changes at the server; " +
+         counted(integer(status, "watchedFolders"), "folder is", "folders are") + " watched";
+}
+
 std::string transferText(const JSONValue& transfer) {
   const bool sends = text(transfer, "method") == "PUT";
   const auto done = integer(transfer, sends ? "sent" : "received");
@@ -167,6 +178,7 @@ std::string statusText(const JSONValue& status, std::int64_t now, std::size_t mo
                                      counted(integer(refused, "count"), "time", "times") +
                                      "; last for " + text(refused, "last"));
   }
+  if (!text(status, "events").empty()) shown += line("Watching", eventsText(status));
   if (integer(status, "refusedEntries") > 0) {
     shown += line("Left out", counted(integer(status, "refusedEntries"), "entry", "entries") +
                                   " of listings, for impossible names or identifiers");

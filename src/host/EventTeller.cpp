@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "host/EventMessage.h"
-#include "host/HostLog.h"
 #include "mount/DescribedError.h"
 #include "platform/base/Threads.h"
 #include "platform/foundation/NSError.h"
@@ -77,6 +76,7 @@ void EventTeller::hold() {
 
 void EventTeller::run() {
   guarded("the events", [this] { startProcess(); });
+  isWorking_ = process_ != nullptr;
   {
     std::lock_guard lock(mutex_);
     hasBegun_ = true;
@@ -245,6 +245,7 @@ bool EventTeller::isEnding() const {
 }
 
 void EventTeller::noteIdle() {
+  isWorking_ = process_ != nullptr;
   std::lock_guard lock(mutex_);
   isIdle_ = !deadline_ && dying_.empty();
   if (isIdle_) changed_.notify_all();

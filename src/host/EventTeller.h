@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -41,6 +42,9 @@ class EventTeller {
   /// Returns when nothing of the mount is in use by the process, for which it may be killed, and no
   /// call is made until `begin`. One that cannot be killed is not waited for.
   void hold();
+
+  /// Whether there is a process that makes calls.
+  bool isWorking() const { return isWorking_; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -84,6 +88,8 @@ class EventTeller {
   /// deadline.
   std::deque<mount::EventCall> calls_;
   std::optional<Clock::time_point> deadline_;
+
+  std::atomic<bool> isWorking_ = false;
 
   mutable std::mutex mutex_;  // guards what follows
   bool isEnding_ = false;

@@ -124,6 +124,7 @@ class Host::Implementation {
   void warn();
   replica::Status status() const;
   std::vector<std::string> warnings();
+  std::string events() const;
   std::int64_t answerUnmount(bool force);
 
   bool leaveForRequest(UnmountRequest request);
@@ -258,6 +259,7 @@ void Host::Implementation::begin() {
                                .started = std::time(nullptr),
                                .status = [this] { return status(); },
                                .warnings = [this] { return warnings(); },
+                               .events = [this] { return events(); },
                                .isStopping = [this] { return stopping_.load(); },
                                .unmount = [this](bool force) { return answerUnmount(force); }});
   socket_ = std::make_unique<ControlSocket>(
@@ -365,6 +367,11 @@ std::vector<std::string> Host::Implementation::warnings() {
   }
   if (state_.isRemote()) found.push_back("the state directory lies on another machine's disk");
   return found;
+}
+
+std::string Host::Implementation::events() const {
+  if (!teller_) return "off";
+  return teller_->isWorking() ? "on" : "failing";
 }
 
 std::int64_t Host::Implementation::answerUnmount(bool force) {

@@ -141,6 +141,7 @@ JSONValue HostCommands::status(const JSONValue& request) const {
   JSONValue::Array warnings;
   for (auto& warning : context_.warnings()) warnings.emplace_back(std::move(warning));
   form.emplace_back("warnings", std::move(warnings));
+  form.emplace_back("events", context_.events());
   for (auto& member : statusForm(status, static_cast<std::size_t>(limit))) {
     form.push_back(std::move(member));
   }

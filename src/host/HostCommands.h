@@ -16,7 +16,7 @@ namespace kestrowan::host {
 ///
 ///     status               limit? (pending items)
 ///       gives domain, mountPoint, stateDirectory, container, process, started, state, warnings,
-///       transfers, and what `statusForm` says
+///       events ("on", "off" or "failing"), transfers, and what `statusForm` says
 ///     wait                 limit? (milliseconds, at most 60,000; 0 asks how things stand)
 ///       gives synced, pending, refused (of those), offline, held
 ///     evict                path
@@ -50,6 +50,8 @@ class HostCommands {
     std::function<replica::Status()> status;
     /// What needs the user's attention, in words.
     std::function<std::vector<std::string>()> warnings;
+    /// Whether watchers are told of changes at the server: "on", "off" or "failing".
+    std::function<std::string()> events;
     std::function<bool()> isStopping;
     /// Ends the mount, and gives how many changes have not been sent. Throws `NSError`.
     std::function<std::int64_t(bool force)> unmount;

@@ -96,6 +96,7 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   form.emplace_back("fetching", status.fetching);
   form.emplace_back("refusedPrograms", JSONValue::Object{{"count", status.refusedPrograms},
                                                          {"last", status.lastRefusedProgram}});
+  form.emplace_back("watchedFolders", status.watchedFolders);
   form.emplace_back("refusedEntries", status.refusedEntries);
   form.emplace_back("partialListings", status.partialListings);
   form.emplace_back("partialFolders", std::move(partialFolders));

@@ -7,6 +7,7 @@
 
 namespace kestrowan::replica {
 
+using model::Content;
 using model::Item;
 using model::ItemChange;
 using model::ItemNumber;
@@ -30,7 +31,24 @@ bool isOtherFolder(const Item& before, const Item& now) {
   return was.mode != is.mode || was.mayBeWritten != is.mayBeWritten || was.conflict != is.conflict;
 }
 
+bool isRefused(const Item& item) {
+  const auto& failure = item.attributes().failure;
+  return failure && failure->failureClass == model::FailureClass::refused;
+}
+
+bool isFetched(const Item& item) {
+  return item.here()->content != Content::none;
+}
+
+/// What attributes tell: of what is to be sent, of what became of that, and of the bytes here.
+bool isInOtherState(const Item& before, const Item& now) {
+  return before.isInStep() != now.isInStep() || isRefused(before) != isRefused(now) ||
+         before.attributes().pinned != now.attributes().pinned ||
+         isFetched(before) != isFetched(now);
+}
+
 bool isOtherInPlace(const ItemChange& change) {
+  if (isInOtherState(*change.before, *change.now)) return true;
   if (change.now->isFolder()) return isOtherFolder(*change.before, *change.now);
   return change.hasOtherAttributes();
 }

@@ -76,6 +76,8 @@ struct Status {
   /// and the one that was refused last.
   std::int64_t refusedPrograms = 0;
   std::string lastRefusedProgram;
+  /// Folders that programs watch.
+  std::int64_t watchedFolders = 0;
   /// Entries of listings that could not be admitted, since the start.
   std::int64_t refusedEntries = 0;
   /// Listings that did not come whole, since the start; and the paths of folders, at most 100,

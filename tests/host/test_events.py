@@ -259,6 +259,71 @@ def test_every_watcher_hears_everything_once(watched, watch):
     assert [files(each) for each in watchers] == [sorted(wanted)] * len(watchers)
 
 
+def attributes(watcher, name):
+    """How often it was heard that the name has other attributes."""
+    return [(kind, each) for _, kind, each in watcher.heard()].count(("ATTRIB", name))
+
+
+def test_what_commands_change_is_heard(place, watched, watch):
+    watcher = watched.begin(watch(watched.here))
+    file = watched.here / "a.txt"
+    heard = 0
+
+    def await_attribute(count=1):
+        nonlocal heard
+        heard += count
+        wait_for(lambda: attributes(watcher, "a.txt") == heard, "event of attributes")
+
+    file.write_text("first")
+    place.wait_synced()
+    await_attribute()
+    assert os.getxattr(file, "user.kestrowan.state") == b"synced"
+    assert place.ask("evict", file)["evicted"] == 1
+    await_attribute()
+    place.run("pin", file)
+    wait_for(lambda: os.getxattr(file, "user.kestrowan.downloaded") == b"yes", "contents")
+    # It is pinned, and its contents come.
+    await_attribute(2)
+    place.run("unpin", file)
+    await_attribute()
+    file.write_text("second")
+    place.wait_synced()
+    [entry] = place.ask("history", file)["entries"]
+    place.ask("restore", str(entry["id"]), "--to", watched.here / "b.txt")
+    wait_for(lambda: ("MOVED_TO", "b.txt") in watcher.names(), "event of what is restored")
+    place.wait_synced()
+    watched.await_rest(watcher)
+    names = [event for event in watcher.names() if not event[1].startswith("rest")]
+    assert names == [("CREATE", "a.txt"), ("MOVED_TO", "b.txt")]
+    assert (watched.there / "b.txt").read_text() == "first"
+
+
+def test_the_status_says_how_many_folders_are_watched(place, watched, watch):
+    status = place.status()
+    assert (status["events"], status["watchedFolders"]) == ("on", 0)
+    assert "0 folders are watched" in place.run("status").stdout.decode()
+    (watched.there / "in.txt").write_text("x")
+    wait_for(lambda: watched.look() or (watched.here / "in.txt").exists(), "file")
+    watcher = watch(watched.here, watched.here.parent, watched.here / "in.txt")
+    # That of the file is counted once.
+    wait_for(lambda: place.status()["watchedFolders"] == 2, "watched folders")
+    assert "2 folders are watched" in place.run("status").stdout.decode()
+    watcher.close()
+    wait_for(lambda: place.status()["watchedFolders"] == 0, "end of the watches")
+
+
+def test_a_caller_that_cannot_be_had_is_said(place, mounted):
+    assert "hear nothing" not in place.run("doctor").stdout.decode()
+    end = time.monotonic() + hosted.SECONDS
+    # The pauses grow, and the command finds one.
+    while "hear nothing" not in place.run("doctor").stdout.decode():
+        assert time.monotonic() < end
+        if caller := caller_of(mounted):
+            os.kill(caller, signal.SIGKILL)
+    wait_for(lambda: place.status()["events"] == "on", "process")
+    assert caller_of(mounted)
+
+
 def test_a_caller_that_is_killed_is_replaced(mounted, watched, watch):
     watcher = watched.begin(watch(watched.here))
     first = wait_for(lambda: caller_of(mounted), "process")
@@ -314,12 +379,65 @@ def test_the_caller_has_nothing_that_it_does_not_need(mounted, watched, watch):
     assert os.getsid(caller) == caller
 
 
+def lines_of(command, folder):
+    """What a program that watches says of the files in `folder`; a function that gives all so far."""
+    if not shutil.which(command[0]):
+        pytest.skip(f"{command[0]} is not installed")
+    process = subprocess.Popen([*command, folder], stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL, text=True, bufsize=1,
+                               env={**os.environ, "LC_ALL": "C.UTF-8"})
+    os.set_blocking(process.stdout.fileno(), False)
+    lines = []
+
+    def said():
+        while line := process.stdout.readline():
+            lines.append(line.rstrip("\n"))
+        return lines
+    said.process = process
+    return said
+
+
+@pytest.mark.parametrize(("command", "words"), [
+    (["inotifywait", "-m", "-q", "--format", "%e %f"],
+     {"MOVED_TO new.txt", "CREATE,ISDIR made", "MOVED_TO replaced.txt", "DELETE removed.txt",
+      "DELETE,ISDIR removed"}),
+    (["gio", "monitor", "-d"],
+     {"new.txt: moved in", "made: created", "replaced.txt: moved in", "removed.txt: deleted",
+      "removed: deleted"})], ids=["inotifywait", "gio"])
+def test_programs_that_users_have_hear_it(watched, watch, command, words):
+    (watched.there / "replaced.txt").write_text("old")
+    (watched.there / "removed.txt").write_text("old")
+    (watched.there / "removed").mkdir()
+    said = lines_of(command, watched.here)
+    try:
+        watched.begin(watch(watched.here))
+        watched.put("new.txt", "new")
+        (watched.there / "made").mkdir()
+        watched.put("replaced.txt", "newer")
+        (watched.there / "removed.txt").unlink()
+        (watched.there / "removed").rmdir()
+
+        def has_said():
+            watched.look()
+            return all(any(word in line for line in said()) for word in words)
+        try:
+            wait_for(has_said, "lines")
+        except AssertionError:
+            raise AssertionError(f"wanted {words}, said {said()}") from None
+    finally:
+        said.process.kill()
+        said.process.wait()
+        said.process.stdout.close()
+
+
 def test_without_events_nothing_is_told(place, folder, watch):
     mounted = place.mount("--events", "off").ready()
     watched = Folder(place, folder)
     watched.look()
     watcher = watch(watched.here)
     assert caller_of(mounted) is None
+    assert place.status()["events"] == "off"
+    assert "Watching:  off" in place.run("status").stdout.decode()
     (watched.there / "new.txt").write_text("new")
     wait_for(lambda: watched.look() or (watched.here / "new.txt").exists(), "file")
     (watched.here / "own.txt").write_text("own")

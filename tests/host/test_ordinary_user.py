@@ -4,11 +4,15 @@ import os
 import shutil
 import subprocess
 import tempfile
+import threading
 from pathlib import Path
 
 import pytest
 
 import driver
+from hosted import wait_for
+
+WATCHER = Path(__file__).resolve().parent / "watcher.py"
 
 # The device of this system may be root's alone: one of its own lies over it, for this process.
 AS_NOBODY = r"""
@@ -92,6 +96,41 @@ kestrowan unmount $HOME/mount
 """)
     assert done.returncode == 0, done.stdout + done.stderr
     assert done.stdout.splitlines() == ["hidden", "root"]
+
+
+def test_a_change_in_a_folder_that_can_only_be_read_is_heard_of_the_folder(as_nobody, server):
+    (server.root / "Home" / "Apps").mkdir()
+    ready = server.root / "Home" / "Documents" / "ready"
+
+    def change():
+        wait_for(ready.exists, "watcher", 100)
+        (server.root / "Home" / "Apps" / "new").write_text("x")
+
+    changing = threading.Thread(target=change, daemon=True)
+    changing.start()
+    done = as_nobody(f"""
+cat >$HOME/watcher.py <<'END'
+{WATCHER.read_text()}
+END
+kestrowan mount --background $HOME/mount
+ls $HOME/mount/Home/Apps
+stat -c %a $HOME/mount/Home/Apps
+python3 $HOME/watcher.py $HOME/mount/Home/Apps >$HOME/heard &
+watcher=$!
+trap 'kill $watcher' EXIT
+until kestrowan --json status | grep -q '"watchedFolders": *1,'; do sleep 0.1; done
+echo >$HOME/mount/Home/Documents/ready
+until grep -q ATTRIB $HOME/heard; do ls $HOME/mount/Home/Apps >/dev/null; sleep 0.1; done
+sed 's|"[^"]*/mount|"|' $HOME/heard
+ls $HOME/mount/Home/Apps
+kill $watcher
+trap - EXIT
+wait $watcher || true
+kestrowan unmount $HOME/mount
+""")
+    changing.join()
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout.splitlines() == ["555", "ready", '["/Home/Apps", "ATTRIB", ""]', "new"]
 
 
 def test_a_program_of_the_path_never_mounts_or_unmounts(as_nobody, server):

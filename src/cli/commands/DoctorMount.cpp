@@ -133,12 +133,23 @@ std::optional<Finding> programFinding(const host::HostEntry& host, const JSONVal
                      " (--background-programs=allow lets them)"};
 }
 
+/// That watchers are told of nothing, against the user's wish.
+std::optional<Finding> eventsFinding(const host::HostEntry& host, const JSONValue& status) {
+  if (text(status, "events") != "failing") return std::nullopt;
+  return Finding{
+      "events", Verdict::warning,
+      escapedForDisplay(host.mountPoint) +
+          ": programs that watch folders hear nothing of changes at the server: the "
+          "process that tells them cannot be started, or ends at once; it is tried again"};
+}
+
 void checkHost(const host::HostEntry& host, std::vector<Finding>& found) {
   try {
     const auto status =
         ask(host, JSONValue::Object{{"request", "status"}, {"limit", 0}}, kPatience);
     found.push_back(mountFinding(host, status));
     if (auto finding = programFinding(host, status)) found.push_back(*std::move(finding));
+    if (auto finding = eventsFinding(host, status)) found.push_back(*std::move(finding));
   } catch (const NSError& error) {
     found.push_back({"mount", Verdict::bad,
                      escapedForDisplay(host.mountPoint) + ": " + error.localizedDescription()});

@@ -133,6 +133,7 @@ Status Commands::status(std::size_t limit) const {
   const auto refused = rooms_.background.refused();
   status.refusedPrograms = refused.count;
   status.lastRefusedProgram = refused.last;
+  status.watchedFolders = static_cast<std::int64_t>(rooms_.refresher.watchedCount());
   status.refusedEntries = rooms_.refresher.refusedEntries();
   status.partialListings = rooms_.refresher.partialListings();
   const auto partial = rooms_.refresher.partialFolders();

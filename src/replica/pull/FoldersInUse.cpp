@@ -81,7 +81,7 @@ void FoldersInUse::setWatched(const std::vector<ItemNumber>& items, milliseconds
     }
     watched_ = std::move(watched);
     watchInterval_ = interval;
-    isAnyWatched_ = !watched_.empty();
+    watchedCount_ = watched_.size();
   }
   for (const ItemNumber folder : sooner) lookLater(folder);
 }

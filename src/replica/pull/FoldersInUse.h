@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -36,7 +37,7 @@ class FoldersInUse {
   void setWatched(const std::vector<model::ItemNumber>& items, std::chrono::milliseconds interval);
   /// Whether programs watch the folder, and its names were known when that was found out.
   bool isWatched(model::ItemNumber folder) const;
-  bool isAnyWatched() const { return isAnyWatched_; }
+  std::size_t watchedCount() const { return watchedCount_; }
 
  private:
   struct Folder {
@@ -58,7 +59,7 @@ class FoldersInUse {
   const Freshness& freshness_;
   Looks& looks_;
 
-  std::atomic<bool> isAnyWatched_ = false;
+  std::atomic<std::size_t> watchedCount_ = 0;
 
   mutable std::mutex mutex_;  // guards what follows; a leaf
   std::unordered_map<model::ItemNumber, Folder> folders_;

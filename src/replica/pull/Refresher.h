@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -64,7 +65,8 @@ class Refresher {
     inUse_.setWatched(items, interval);
   }
   bool isWatched(model::ItemNumber folder) const { return inUse_.isWatched(folder); }
-  bool isAnyWatched() const { return inUse_.isAnyWatched(); }
+  bool isAnyWatched() const { return inUse_.watchedCount() > 0; }
+  std::size_t watchedCount() const { return inUse_.watchedCount(); }
   /// See `Freshness`.
   bool isCertain(const model::Item& folder) const { return freshness_.isCertain(folder); }
   bool isPartial(model::ItemNumber folder) const { return freshness_.isPartial(folder); }

@@ -79,6 +79,12 @@ TEST(StatusText, TroubleIsSaidInWords) {
   EXPECT_THAT(
       statusText(status(R"(,"refusedPrograms":{"count":2,"last":"updatedb"})"), kNow, 10),
       HasSubstr("files that programs in the background wanted, 2 times; last for updatedb\n"));
+  EXPECT_THAT(statusText(status(R"(,"events":"off","watchedFolders":0)"), kNow, 10),
+              HasSubstr("Watching:  off; "));
+  EXPECT_THAT(statusText(status(R"(,"events":"failing","watchedFolders":2)"), kNow, 10),
+              HasSubstr("the process that tells them cannot be had"));
+  EXPECT_THAT(statusText(status(R"(,"events":"on","watchedFolders":1)"), kNow, 10),
+              HasSubstr("changes at the server; 1 folder is watched\n"));
   EXPECT_THAT(statusText(status(R"(,"refusedEntries":1)"), kNow, 10),
               HasSubstr("1 entry of listings"));
   EXPECT_THAT(statusText(status(R"(,"refusedEntries":2)"), kNow, 10),

@@ -90,6 +90,7 @@ class HostCommandsTest : public testing::Test {
                                 .started = 1000,
                                 .status = [this] { return replica_->commands().status(); },
                                 .warnings = [] { return std::vector<std::string>{"look out"}; },
+                                .events = [] { return std::string("on"); },
                                 .isStopping = [] { return false; },
                                 .unmount =
                                     [this](bool force) {
@@ -110,6 +111,8 @@ TEST_F(HostCommandsTest, StatusSaysWhatAndWhereItIs) {
   EXPECT_EQ(number(answer, "started"), 1000);
   EXPECT_EQ(*answer.member("state")->string(), "online");
   EXPECT_EQ(*answer.member("warnings"), JSONValue(JSONValue::Array{"look out"}));
+  EXPECT_EQ(*answer.member("events"), JSONValue("on"));
+  EXPECT_EQ(*answer.member("watchedFolders"), JSONValue(0));
   EXPECT_EQ(number(*answer.member("pending"), "count"), 0);
   EXPECT_EQ(answer.member("transfers")->array()->size(), 0U);
 }

@@ -34,13 +34,15 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
   status.conflicts = {{"/Home/b (conflict).txt", "/Home/b.txt"}, {"/c", ""}};
   status.refusedPrograms = 4;
   status.lastRefusedProgram = "updatedb";
+  status.watchedFolders = 5;
   status.refusedEntries = 2;
   status.partialListings = 3;
   status.partialFolders = {"/Home/cut"};
   EXPECT_EQ(
       JSONValue(statusForm(status, 10)).serialized(),
       R"({"offline":true,"unanswered":null,"held":"no bridge file","items":20,"fetching":0,)"
-      R"("refusedPrograms":{"count":4,"last":"updatedb"},"refusedEntries":2,)"
+      R"("refusedPrograms":{"count":4,"last":"updatedb"},"watchedFolders":5,)"
+      R"("refusedEntries":2,)"
       R"("partialListings":3,"partialFolders":[{"path":"/Home/cut"}],)"
       R"("pending":{"count":1,"bytes":12,"items":[{"path":"/Home/a.txt","kind":"file",)"
       R"("state":"retrying","changes":"contents","size":12,"downloaded":true,"pinned":false,)"

@@ -130,7 +130,44 @@ TEST_F(WatchedNamesTest, AVersionThatIsFetchedWithAnotherWordIsNoChange) {
   EXPECT_EQ(world.read("/docs/new"), "three");
   world.server().writeFile("/docs/new", "other");
   look();
-  EXPECT_THAT(recorder.names(), ElementsAre("+new", "*new"));
+  EXPECT_THAT(recorder.names(), ElementsAre("+new", "~new", "*new"));
+}
+
+TEST_F(WatchedNamesTest, WhetherTheBytesAreHereAndKeptIsAnAttribute) {
+  auto& commands = world.replica().commands();
+  const Rid a = world.find("/docs/a");
+  EXPECT_EQ(world.read("/docs/a"), "one");
+  EXPECT_THAT(recorder.names(), ElementsAre("~a"));
+  EXPECT_EQ(world.read("/docs/a"), "one");
+  EXPECT_EQ(recorder.all.size(), 1u);
+  EXPECT_EQ(commands.evict(a).evicted, 1);
+  EXPECT_EQ(commands.evict(a).evicted, 0);
+  EXPECT_EQ(recorder.all.size(), 2u);
+  commands.setPinned(a, true);
+  commands.setPinned(a, true);
+  EXPECT_TRUE(world.settle());
+  look();
+  EXPECT_THAT(recorder.names(), ElementsAre("~a", "~a", "~a", "~a"));
+}
+
+TEST_F(WatchedNamesTest, ThatAChangeWasSentIsAnAttribute) {
+  world.write("/docs/own", "mine");
+  EXPECT_THAT(recorder.all, IsEmpty());
+  EXPECT_TRUE(world.settle());
+  EXPECT_THAT(recorder.names(), ElementsAre("~own"));
+}
+
+TEST_F(WatchedNamesTest, WhatIsRestoredIsToldAsNew) {
+  world.write("/docs/own", "one");
+  EXPECT_TRUE(world.settle());
+  world.write("/docs/own", "two");
+  EXPECT_TRUE(world.settle());
+  recorder.all.clear();
+  auto& commands = world.replica().commands();
+  const auto first = commands.history({}, 1).entries.at(0).content;
+  auto restoring = commands.restore(first, docs, "restored", replica::NameTaken::fails);
+  EXPECT_EQ(world.await(std::move(restoring)), "/docs/restored");
+  EXPECT_THAT(recorder.names(), ElementsAre("+restored"));
 }
 
 TEST_F(WatchedNamesTest, WhatProgramsDoIsTheirsToTell) {
@@ -164,12 +201,10 @@ TEST_F(WatchedNamesTest, WhatMakesRoomTellsBothNames) {
   const Rid ours = world.find("/docs/n");
   world.server().makeFolder("/docs/n");
   EXPECT_TRUE(world.settle());
-  ASSERT_EQ(recorder.all.size(), 2u);
-  const auto& [folder, name, before, now, hasOtherContents] = recorder.all.front();
-  EXPECT_EQ(name, "n");
-  EXPECT_EQ(before, (NameChange::Shown{ours, ItemKind::file}));
-  EXPECT_EQ(now, (NameChange::Shown{world.find("/docs/n"), ItemKind::folder}));
-  EXPECT_EQ(recorder.all.back().now, (NameChange::Shown{ours, ItemKind::file}));
+  EXPECT_THAT(recorder.names(), ElementsAre("*n", "+n (2)", "~n (2)"));
+  EXPECT_EQ(recorder.all.at(0).before, (NameChange::Shown{ours, ItemKind::file}));
+  EXPECT_EQ(recorder.all.at(0).now, (NameChange::Shown{world.find("/docs/n"), ItemKind::folder}));
+  EXPECT_EQ(recorder.all.at(1).now, (NameChange::Shown{ours, ItemKind::file}));
 }
 
 TEST_F(WatchedNamesTest, TheFirstListingOfAFolderIsNoChange) {
