@@ -8,7 +8,6 @@
 
 #include "platform/linux/CurlBodyPipe.h"
 #include "platform/linux/CurlDownloadFile.h"
-#include "platform/network/FinishedTransfers.h"
 
 namespace kestrowan {
 
@@ -68,14 +67,11 @@ Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
                            std::shared_ptr<NSURLSessionDataReceiver> receiver) {
   const auto pipe = std::make_shared<CurlBodyPipe>();
   const auto body = std::make_shared<ReceivedBody>();
-  FinishedTransfer finished{.httpMethod = request.httpMethod,
-                            .url = request.url.absoluteString(),
-                            .finishedAt = {},
-                            .body = body};
   AbandonmentOfTask ofTask;
   auto abandonment = co_await ofTask;
   const auto transfer = std::make_shared<CurlTransfer>(CurlTransfer::Kind::data, std::move(request),
                                                        *headers, pipe, std::move(abandonment));
+  transfer->setBody(body);
   Submission submission{engine, transfer, pipe.get()};
   co_await submission;
   std::string piece;
@@ -83,12 +79,7 @@ Task<Response> sendForData(std::shared_ptr<CurlEngine> engine, Headers headers,
     MoreData more{pipe.get()};
     co_await more;
   }
-  const auto response = pipe->response();
-  const auto* http = dynamic_cast<const NSHTTPURLResponse*>(response.get());
-  finished.httpStatus = http ? http->statusCode() : 0;
-  finished.finishedAt = FinishedTransfers::Clock::now();
-  FinishedTransfers::shared().add(std::move(finished));
-  co_return response;
+  co_return pipe->response();
 }
 
 Task<Response> sendDiscarding(std::shared_ptr<CurlEngine> engine, Headers headers,

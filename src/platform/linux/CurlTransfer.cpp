@@ -5,10 +5,12 @@
 #include <new>
 #include <utility>
 
+#include "platform/base/Threads.h"
 #include "platform/linux/CurlError.h"
 #include "platform/linux/CurlSocket.h"
 #include "platform/linux/CurlTrust.h"
 #include "platform/network/Arrivals.h"
+#include "platform/network/FinishedTransfers.h"
 
 namespace kestrowan {
 
@@ -49,7 +51,8 @@ void CurlTransfer::prepare(CURL* easy, const CurlChallenger& challenger) {
   handshake_.emplace(challenger);
   easy_ = easy;
   setOptions();
-  idleTimer_.restart(Clock::now());
+  begunAt_ = Clock::now();
+  idleTimer_.restart(begunAt_);
 }
 
 CurlTransfer::Verdict CurlTransfer::end(CURLcode code) noexcept {
@@ -77,8 +80,10 @@ void CurlTransfer::conclude(CURLcode code) noexcept {
       if (code != CURLE_OK) throw urlErrorForCurl(code, requestSent_, reason_);
       requireWholeAnswer();
     }
+    list(0);
     sink_->finish(std::make_shared<NSHTTPURLResponse>(status()));
   } catch (const NSError& error) {
+    guarded("the list of requests", [&] { list(error.code()); });
     fail(error);
   } catch (const std::bad_alloc&) {
     fail(outOfMemoryError());
@@ -86,15 +91,34 @@ void CurlTransfer::conclude(CURLcode code) noexcept {
   uploadFile_.reset();
 }
 
+/// The request has ended.
+void CurlTransfer::list(std::int64_t errorCode) const {
+  const auto now = Clock::now();
+  FinishedTransfers::shared().add(
+      {.httpMethod = request_.httpMethod,
+       .url = request_.url.absoluteString(),
+       .httpStatus = head_.isComplete() ? status() : 0,
+       .finishedAt = now,
+       .body = body_,
+       .duration = std::chrono::duration_cast<std::chrono::milliseconds>(now - begunAt_),
+       .bytesSent = uploadFile_ ? bytesSent() : 0,
+       .bytesReceived = bytesReceived_,
+       .errorCode = errorCode,
+       .abandonment = abandonment_});
+}
+
+std::int64_t CurlTransfer::bytesSent() const {
+  curl_off_t sent = 0;
+  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
+  return sent;
+}
+
 /// Whether the status is all that matters of the answer, and is known. A file that was not sent
 /// whole is not there, whatever the server says.
 bool CurlTransfer::countsByStatus() const {
   if (!head_.isComplete() || !sink_->ignoresBody()) return false;
   const bool isSuccess = status() >= 200 && status() <= 299;
-  if (!uploadFile_ || !isSuccess) return true;
-  curl_off_t sent = 0;
-  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
-  return sent == uploadFile_->size();
+  return !uploadFile_ || !isSuccess || bytesSent() == uploadFile_->size();
 }
 
 void CurlTransfer::requireWholeAnswer() const {

@@ -19,13 +19,14 @@
 #include "platform/linux/CurlUploadFile.h"
 #include "platform/network/ArrivingBody.h"
 #include "platform/network/NSURLRequest.h"
+#include "platform/network/ReceivedBody.h"
 #include "platform/network/TransferMonitor.h"
 
 namespace kestrowan {
 
 /// One request on its way through curl. Shared between the engine and the task that awaits the
-/// result; everything but the constructor, `setControls`, `movesFile`, `abandonment`, `giveUp`,
-/// `isUnwanted` and, before it runs, `fail` belongs to the transfer thread.
+/// result; everything but the constructor, `setControls`, `setBody`, `movesFile`, `abandonment`,
+/// `giveUp`, `isUnwanted` and, before it runs, `fail` belongs to the transfer thread.
 class CurlTransfer {
  public:
   using Clock = CurlIdleTimer::Clock;
@@ -43,6 +44,9 @@ class CurlTransfer {
 
   /// What readers of the body can have done while it arrives; before the transfer is submitted.
   void setControls(ArrivingBody::Controls controls) { controls_ = std::move(controls); }
+
+  /// What its reader finds out about the body; before the transfer is submitted.
+  void setBody(std::shared_ptr<const ReceivedBody> body) { body_ = std::move(body); }
 
   /// Whether a whole file is moved, which may take long.
   bool movesFile() const { return kind_ != Kind::data; }
@@ -83,6 +87,8 @@ class CurlTransfer {
   void setMethod();
   long status() const;
   void conclude(CURLcode code) noexcept;
+  void list(std::int64_t errorCode) const;
+  std::int64_t bytesSent() const;
   bool countsByStatus() const;
   void requireWholeAnswer() const;
 
@@ -107,12 +113,14 @@ class CurlTransfer {
   std::atomic<bool> givenUp_ = false;
   const std::optional<NSURL> uploadURL_;
   std::optional<CurlUploadFile> uploadFile_;
+  std::shared_ptr<const ReceivedBody> body_;  // null for a body that nothing reads
   ArrivingBody::Controls controls_;
   std::shared_ptr<ArrivingBody> arriving_;  // null while nothing reads the body before its end
   std::optional<TransferMonitor::Entry> monitored_;
   std::optional<CurlHandshake> handshake_;
   CurlResponseHead head_;
   CurlIdleTimer idleTimer_;
+  Clock::time_point begunAt_;
   CURL* easy_ = nullptr;
   char reason_[CURL_ERROR_SIZE] = {};
 

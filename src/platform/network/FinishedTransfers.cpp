@@ -6,7 +6,7 @@
 namespace kestrowan {
 
 bool FinishedTransfer::isDoubtful() const {
-  return body && !body->isWhole() && httpStatus >= 200 && httpStatus <= 299;
+  return body && !body->isWhole() && errorCode == 0 && httpStatus >= 200 && httpStatus <= 299;
 }
 
 FinishedTransfers& FinishedTransfers::shared() {
@@ -33,6 +33,17 @@ void FinishedTransfers::add(FinishedTransfer transfer) {
 std::vector<FinishedTransfer> FinishedTransfers::transfers() const {
   std::lock_guard lock(mutex_);
   return {transfers_.begin(), transfers_.end()};
+}
+
+std::optional<FinishedTransfer> FinishedTransfers::latestOf(
+    const std::shared_ptr<const Abandonment>& caller) const {
+  if (!caller) return std::nullopt;
+  std::lock_guard lock(mutex_);
+  const auto found =
+      std::find_if(transfers_.rbegin(), transfers_.rend(),
+                   [&](const FinishedTransfer& one) { return one.abandonment.lock() == caller; });
+  if (found == transfers_.rend()) return std::nullopt;
+  return *found;
 }
 
 bool FinishedTransfers::hasDoubtful(

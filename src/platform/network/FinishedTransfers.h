@@ -6,28 +6,41 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/base/Abandonment.h"
 #include "platform/network/ReceivedBody.h"
 
 namespace kestrowan {
 
-/// One request that was answered: what it was, never what it or its answer contained.
+/// One request that has ended: what it was and how it went, never what it or its answer contained.
 struct FinishedTransfer {
   std::string httpMethod;
   std::string url;
+  /// 0 for a request without an answer.
   std::int64_t httpStatus = 0;
   std::chrono::steady_clock::time_point finishedAt;
   /// Null for a body that nothing reads.
   std::shared_ptr<const ReceivedBody> body;
+  /// From when it was begun.
+  std::chrono::milliseconds duration{0};
+  /// Of the bodies.
+  std::int64_t bytesSent = 0;
+  std::int64_t bytesReceived = 0;
+  /// Of `NSURLErrorDomain`, when no whole answer came; 0 otherwise.
+  std::int64_t errorCode = 0;
+  /// That of the task that it was made for, if that had one.
+  std::weak_ptr<const Abandonment> abandonment = {};
 
   /// Whether the answer said yes, and its body was not whole, or is still being read.
   bool isDoubtful() const;
 };
 
-/// The latest answers in this process, so many at most. Usable from every thread.
+/// The latest requests of this process that have ended, so many at most. Each is in the list before
+/// the task that it was made for completes. Usable from every thread.
 class FinishedTransfers {
  public:
   using Clock = std::chrono::steady_clock;
@@ -39,6 +52,8 @@ class FinishedTransfers {
   void add(FinishedTransfer transfer);
   /// The oldest first.
   std::vector<FinishedTransfer> transfers() const;
+  /// The latest one of the tasks that have this abandonment; nothing for null.
+  std::optional<FinishedTransfer> latestOf(const std::shared_ptr<const Abandonment>& caller) const;
 
   /// Whether a doubtful answer came to such a request since then, or may have come: what was
   /// dropped may have been one. `isMeant` gets the request's URL, and must not call back.

@@ -76,6 +76,36 @@ TEST(FinishedTransfersTest, WhatMayHaveBeenDroppedIsDoubtful) {
   EXPECT_FALSE(isDoubtful(transfers, "/a", kStart + seconds(1)));
 }
 
+TEST(FinishedTransfersTest, AnAnswerThatBrokeOffIsAFailureAndNotDoubtful) {
+  FinishedTransfers transfers;
+  auto broken = listing("/a", kStart, false);
+  broken.errorCode = -1005;
+  transfers.add(std::move(broken));
+  EXPECT_FALSE(isDoubtful(transfers, "/a"));
+}
+
+TEST(FinishedTransfersTest, TheLatestRequestOfACallerIsFound) {
+  FinishedTransfers transfers;
+  const auto caller = std::make_shared<Abandonment>();
+  const auto other = std::make_shared<Abandonment>();
+  const auto add = [&](const std::string& url, const std::shared_ptr<Abandonment>& of) {
+    transfers.add({.httpMethod = "PUT",
+                   .url = url,
+                   .finishedAt = kStart,
+                   .body = nullptr,
+                   .abandonment = of});
+  };
+  EXPECT_FALSE(transfers.latestOf(caller));
+  add("/first", caller);
+  add("/last", caller);
+  add("/elsewhere", other);
+  add("/unknown", nullptr);
+  ASSERT_TRUE(transfers.latestOf(caller));
+  EXPECT_EQ(transfers.latestOf(caller)->url, "/last");
+  EXPECT_EQ(transfers.latestOf(other)->url, "/elsewhere");
+  EXPECT_FALSE(transfers.latestOf(nullptr));
+}
+
 class Nobody : public NSXMLParserDelegate {
  public:
   void didStartElement(std::string_view) override {}
