@@ -23,6 +23,7 @@
 #include "host/DomainChoice.h"
 #include "host/EventTeller.h"
 #include "host/FolderWatches.h"
+#include "host/FinishedRequests.h"
 #include "host/HostCommands.h"
 #include "host/HostEvents.h"
 #include "host/HostFileManager.h"
@@ -86,6 +87,7 @@ replica::Options replicaOptions(const HostSettings& settings) {
   options.lastingPart = lastingPart;
   options.cameWhole = cameWhole;
   options.watchArrival = watchDownload;
+  options.watchAnswers = watchAnswers;
   return options;
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/remote/AnswerTable.h"
 
 namespace kestrowan::mount {
 
@@ -76,6 +77,9 @@ int errnoFor(const NSError& error, Addressing addressing) {
   if (error.domain() == NSPOSIXErrorDomain) {
     const bool fits = error.code() > 0 && error.code() <= kLargestErrno;
     return errnoFor(fits ? static_cast<int>(error.code()) : EIO);
+  }
+  if (error.domain() == replica::remote::kAnswerDomain) {
+    return replica::remote::AnswerTable::number(error);
   }
   for (const auto& row : kRows) {
     if (error.domain() != row.domain) continue;

@@ -48,7 +48,7 @@ Life::Life(const std::string& directory, async::Loop& loop, Options usedOptions)
       contents(contentFiles, lastContent()),
       history(journal, contentFiles, scope),
       provider(scope, {options.metadataCalls, options.downloads, options.uploads},
-               options.identifiers),
+               options.identifiers, options.watchAnswers),
       health(scope, provider, [this] { goOn(); }),
       openItems(tree, scope, contents, options.openFiles),
       unused(tree, scope, contentFiles, journal, history,

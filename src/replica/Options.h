@@ -10,6 +10,7 @@
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "replica/remote/ArrivingContents.h"
+#include "replica/remote/CallAnswers.h"
 #include "replica/remote/IdentifierForm.h"
 
 namespace kestrowan::replica {
@@ -42,6 +43,9 @@ struct Options {
   /// Tells of contents while they arrive. When this is empty, every file is fetched whole before it
   /// is opened.
   remote::ArrivalWatch watchArrival;
+  /// Tells what the server answered. When this is empty, the provider's errors are all that is
+  /// known.
+  remote::AnswerWatch watchAnswers;
   /// Files of at least so many bytes can be read while they arrive; 0 for none.
   std::int64_t streamFrom = std::int64_t{1} << 20;
   /// Stands in the names of conflict copies.

@@ -9,6 +9,7 @@ import re
 import pytest
 
 from hosted import wait_for
+from hosting import outcome
 from trees import read_tree
 
 OLD = b"old contents"
@@ -105,9 +106,14 @@ def test_what_is_replaced_stays_while_the_server_is_full(home, dav, dav_place):
     refused = dav.fault("PUT", re.compile("/Home/d/"), effect=False, answer=refuse)
     deleted = dav.fault("DELETE", None, answer=refuse)
     dav.release("full")
+    wait_for(lambda: refused.met or deleted.met, "refusals")
+    wait_for(lambda: outcome(os.getxattr, home / "doc.txt", "user.kestrowan.error") != "ENODATA",
+             "an explanation")
+    dav_place.ask("retry", home)
     wait_for(lambda: refused.met >= 2 or deleted.met, "refusals")
     assert deleted.met == 0
     assert all(OLD in files.values() for files in seen)
     dav.heal()
+    dav_place.ask("retry", home)
     dav_place.wait_synced()
     assert dav.tree("/Home/d") == read_tree(home) == {"/doc.txt": SECOND}

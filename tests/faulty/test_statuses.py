@@ -9,23 +9,34 @@ from trees import read_tree
 
 # The protocol of providers has one error for all of these.
 REFUSALS = (403, 404, 409, 423, 500, 503, 507)
+# Those that say no for good to a change, and what its call gets.
+DENIALS = {400: "EINVAL", 403: "EACCES", 405: "EPERM", 409: "EPERM", 414: "ENAMETOOLONG",
+           422: "EINVAL", 423: "EBUSY", 451: "EACCES", 507: "EDQUOT"}
+# Those that may mean anything.
+FAILURES = (404, 429, 500, 503)
+# What reading gets.
+READING = {403: "EACCES", 423: "EBUSY"}
 OLD = b"old contents"
 NEW = b"new contents, a little longer"
 # Three seconds are promised; the machine may be slow.
 VERDICT_SECONDS = 20
 
 
-def refuse_all(scene, method, name, **members):
+def refuse_all(scene, method, name, statuses=REFUSALS, **members):
     return {status: scene.fault(method, name.format(status), answer={"status": status},
-                                effect=False, **members) for status in REFUSALS}
+                                effect=False, **members) for status in statuses}
 
 
-def test_a_listing_that_is_refused_is_an_io_error_while_the_folder_is_there(scene):
+def reading_errors():
+    return {status: READING.get(status, "EIO") for status in REFUSALS}
+
+
+def test_a_listing_that_is_refused_is_an_error_while_the_folder_is_there(scene):
     for status in REFUSALS:
         scene.put(f"s{status}/a.txt", OLD)
     faults = refuse_all(scene, "PROPFIND", "s{}", depth="1")
     found = scene.at_once({status: (os.listdir, scene.home / f"s{status}") for status in REFUSALS})
-    assert found == dict.fromkeys(REFUSALS, "EIO")
+    assert found == reading_errors()
     assert all(fault.met for fault in faults.values())
     scene.dav.heal()
     assert read_tree(scene.home) == scene.tree()
@@ -64,7 +75,7 @@ def test_a_download_that_is_refused_three_times_fails_the_opening(scene):
     faults = refuse_all(scene, "GET", "{}.txt")
     found = scene.at_once({status: (open, scene.home / f"{status}.txt", "rb")
                            for status in REFUSALS})
-    assert found == dict.fromkeys(REFUSALS, "EIO")
+    assert found == reading_errors()
     # Three for the opening, and three ahead of it when the folder is being walked through.
     assert all(3 <= fault.met <= 6 for fault in faults.values())
     assert sorted(os.listdir(scene.home)) == [f"{status}.txt" for status in REFUSALS]
@@ -79,26 +90,66 @@ def test_a_file_that_is_gone_is_missing_when_it_is_opened(scene):
     assert os.listdir(scene.home) == []
 
 
-def test_contents_that_are_refused_stay_here_and_arrive_later(scene):
+def save_everywhere(scene, statuses):
+    """Changes a file and makes one for each status, with which both are answered. What is to be
+    here then, and the faults."""
     expected = {}
-    for status in REFUSALS:
+    for status in statuses:
         scene.put(f"{status}.txt", OLD)
         expected |= {f"/{status}.txt": OLD + NEW, f"/new{status}.txt": NEW}
-    before = read_tree(scene.home)
-    faults = [*refuse_all(scene, "PUT", "{}.txt").values(),
-              *refuse_all(scene, "PUT", "new{}.txt").values()]
-    for status in REFUSALS:
+    os.listdir(scene.home)
+    faults = [*refuse_all(scene, "PUT", "{}.txt", statuses).values(),
+              *refuse_all(scene, "PUT", "new{}.txt", statuses).values()]
+    for status in statuses:
         with open(scene.home / f"{status}.txt", "ab") as file:
             file.write(NEW)
         (scene.home / f"new{status}.txt").write_bytes(NEW)
     wait_for(lambda: all(fault.met for fault in faults), "refused uploads")
+    return expected, faults
+
+
+def test_contents_that_the_server_fails_at_stay_here_and_arrive_later(scene):
+    statuses = (*FAILURES, 423)
+    expected, _ = save_everywhere(scene, statuses)
     assert read_tree(scene.home) == expected
-    assert scene.tree() == before
+    assert scene.tree() == {f"/{status}.txt": OLD for status in statuses}
     wait_for(lambda: {scene.state(path[1:]) for path in expected} <= {"retrying", "sending"},
              "failure in the state")
     assert scene.place.ask("wait", "--timeout", "0", code=8)["synced"] is False
     scene.settle(expected)
     assert scene.conflicts() == []
+
+
+def test_contents_that_are_refused_for_good_stay_here_and_are_not_sent_again(scene):
+    statuses = sorted(DENIALS.keys() - {423, 507})
+    expected, faults = save_everywhere(scene, statuses)
+    wait_for(lambda: {scene.state(path[1:]) for path in expected} == {"refused"}, "refusals")
+    assert [fault.met for fault in faults] == [1] * len(faults)
+    assert read_tree(scene.home) == expected
+    assert scene.tree() == {f"/{status}.txt": OLD for status in statuses}
+    for status in statuses:
+        error = os.getxattr(scene.home / f"new{status}.txt", "user.kestrowan.error").decode()
+        assert error.endswith(f"({status} to PUT)")
+    for path in expected:
+        scene.place.ask("retry", scene.home / path[1:])
+    wait_for(lambda: all(fault.met == 2 for fault in faults), "another attempt")
+    wait_for(lambda: {scene.state(path[1:]) for path in expected} == {"refused"}, "refusals")
+    scene.dav.heal()
+    for path in expected:
+        scene.place.ask("retry", scene.home / path[1:])
+    scene.settle(expected)
+    assert scene.conflicts() == []
+
+
+def test_contents_for_which_the_server_has_no_room_stay_here_and_arrive_later(scene):
+    expected, faults = save_everywhere(scene, [507])
+    wait_for(lambda: {scene.state(path[1:]) for path in expected} == {"retrying"}, "refusals")
+    assert [fault.met for fault in faults] == [1] * len(faults)
+    assert os.getxattr(scene.home / "507.txt", "user.kestrowan.error") == \
+        b"no room at the server (507 to PUT)"
+    scene.dav.heal()
+    scene.place.ask("retry", scene.home)
+    scene.settle(expected)
 
 
 def change(kind, folder):
@@ -123,29 +174,56 @@ CHANGES = {"mkdir": ("MKCOL", "made", {"/made": None}),
            "rmdir": ("DELETE", "empty", {"/empty": ...})}
 
 
-def test_changes_of_names_that_are_refused_stay_here_and_are_made_later(scene):
+def change_everywhere(scene, statuses):
+    """Makes each change once for each status, with which it is answered, and says what their calls
+    came to: all that was here before, what is to be here after the changes, the faults, the
+    outcomes."""
     # In one folder the system makes one change after the other.
-    places = {f"{kind}-{status}": kind for kind in CHANGES for status in REFUSALS}
+    places = {f"{kind}-{status}": kind for kind in CHANGES for status in statuses}
     for place in places:
         scene.put(f"{place}/old", OLD)
         scene.put(f"{place}/sub/a", OLD)
         scene.dav.makeFolder(f"{scene.path}/{place}/empty")
     before = read_tree(scene.home)
-    expected, faults = dict(before), []
+    after, faults = dict(before), []
     for kind, (method, name, made) in CHANGES.items():
-        faults += refuse_all(scene, method, f"{kind}-{{}}/{name}").values()
-        for status in REFUSALS:
-            expected |= {f"/{kind}-{status}{path}": now for path, now in made.items()}
-    expected = {path: now for path, now in expected.items() if now is not ...}
+        faults += refuse_all(scene, method, f"{kind}-{{}}/{name}", statuses).values()
+        for status in statuses:
+            after |= {f"/{kind}-{status}{path}": now for path, now in made.items()}
+    after = {path: now for path, now in after.items() if now is not ...}
     begun = time.monotonic()
     found = scene.at_once({place: (change, kind, scene.home / place)
                            for place, kind in places.items()})
     assert time.monotonic() - begun < VERDICT_SECONDS
-    assert found == dict.fromkeys(places)
+    return before, after, faults, found
+
+
+def test_changes_of_names_that_the_server_fails_at_stay_here_and_are_made_later(scene):
+    before, after, faults, found = change_everywhere(scene, FAILURES)
+    assert set(found.values()) == {None}
     assert all(fault.met for fault in faults)
-    assert read_tree(scene.home) == expected
+    assert read_tree(scene.home) == after
     assert scene.tree() == before
-    scene.settle(expected)
+    scene.settle(after)
+
+
+def test_changes_of_names_that_are_refused_for_good_fail_and_are_undone(scene):
+    before, _, faults, found = change_everywhere(scene, DENIALS)
+    assert found == {f"{kind}-{status}": error for kind in CHANGES
+                     for status, error in DENIALS.items()}
+    assert read_tree(scene.home) == before
+    assert scene.tree() == before
+    assert [fault.met for fault in faults] == [1] * len(faults)
+    scene.settle(before)
+    assert [fault.met for fault in faults] == [1] * len(faults)
+
+
+def test_a_folder_that_another_client_made_is_the_same_folder(scene):
+    assert os.listdir(scene.home) == []
+    scene.dav.makeFolder(f"{scene.path}/made")
+    os.mkdir(scene.home / "made")
+    assert ("MKCOL", "/made") in scene.asked("MKCOL")
+    scene.settle({"/made": None})
 
 
 def test_wrong_credentials_hold_everything_and_lose_nothing(scene):

@@ -4,12 +4,24 @@
 #include <memory>
 #include <utility>
 
+#include "platform/fileprovider/NSFileProviderError.h"
+
 namespace kestrowan::test {
 
 namespace {
 
 NSError errorOf(const Fault& fault) {
+  if (fault.httpStatus && !fault.error) {
+    return NSFileProviderError(NSFileProviderErrorCode::serverUnreachable);
+  }
   return fault.error.value_or(NSError(NSURLErrorDomain, NSURLErrorTimedOut));
+}
+
+std::optional<replica::remote::Answer> answerOf(CallKind kind, const Fault& fault) {
+  if (!fault.httpStatus) return std::nullopt;
+  const bool isChange =
+      kind == CallKind::createItem || kind == CallKind::modifyItem || kind == CallKind::deleteItem;
+  return replica::remote::Answer{isChange ? "CHANGE" : "LOOK", isChange, *fault.httpStatus};
 }
 
 void change(const Fault& fault, NSFileProviderItemPtr& item) {
@@ -27,7 +39,7 @@ void CallRunner::Requests::firstIsDone() const {
   if (fault_.effect == Fault::Effect::firstRequest) throw errorOf(fault_);
 }
 
-Reply CallRunner::reply(const Work& work, const Fault& fault) const {
+Reply CallRunner::reply(CallKind kind, const Work& work, const Fault& fault) const {
   Reply reply;
   if (isDown()) {
     reply.error = NSError(NSURLErrorDomain, NSURLErrorCannotConnectToHost);
@@ -35,16 +47,19 @@ Reply CallRunner::reply(const Work& work, const Fault& fault) const {
   }
   if (fault.effect == Fault::Effect::none) {
     reply.error = errorOf(fault);
+    reply.answer = answerOf(kind, fault);
     return reply;
   }
   try {
     Requests requests(fault);
     work(requests, reply);
-    reply.error = fault.error;
+    if (fault.error || fault.httpStatus) reply.error = errorOf(fault);
+    reply.answer = answerOf(kind, fault);
     change(fault, reply.item);
     for (auto& item : reply.items) change(fault, item);
   } catch (const NSError& error) {
     reply.error = error;
+    if (fault.httpStatus) reply.answer = answerOf(kind, fault);
   }
   return reply;
 }
@@ -68,8 +83,10 @@ void CallRunner::run(const Call& call, Work work, Complete complete,
   }
   const Fault fault = hook ? hook(call) : Fault{};
   loop_.postAfter(latency + fault.delay, [self = shared_from_this(), kind = call.kind, fault,
-                                          work = std::move(work), complete = std::move(complete)] {
-    auto answer = self->reply(work, fault);
+                                          caller = Abandonment::current(), work = std::move(work),
+                                          complete = std::move(complete)] {
+    auto answer = self->reply(kind, work, fault);
+    self->answers_->note(caller, answer.answer);
     if (!fault.hangs) return self->finish(kind, complete, answer);
     std::lock_guard lock(self->mutex_);
     // Without the runner, which would hold itself.

@@ -14,6 +14,7 @@
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSURL.h"
 #include "support/Faults.h"
+#include "support/MemoryAnswers.h"
 
 namespace kestrowan::test {
 
@@ -23,6 +24,8 @@ struct Reply {
   NSFileProviderItemPtr item;
   std::optional<NSURL> file;
   std::vector<NSFileProviderItemPtr> items;
+  /// Of the server, to the last request; absent where that is not known.
+  std::optional<replica::remote::Answer> answer;
 };
 
 /// Runs the calls of the provider in memory on a loop: late, with the faults that the test wants,
@@ -34,7 +37,10 @@ class CallRunner : public std::enable_shared_from_this<CallRunner> {
   using Work = std::function<void(Requests& requests, Reply& reply)>;
   using Complete = std::function<void(const Reply& reply)>;
 
-  explicit CallRunner(async::Loop& loop) : loop_(loop) {}
+  explicit CallRunner(async::Loop& loop)
+      : loop_(loop), answers_(std::make_shared<MemoryAnswers>()) {}
+
+  MemoryAnswers& answers() const { return *answers_; }
 
   /// With a `refusal`, that is the answer, and no server is asked.
   void run(const Call& call, Work work, Complete complete,
@@ -60,11 +66,12 @@ class CallRunner : public std::enable_shared_from_this<CallRunner> {
     std::size_t most = 0;
   };
 
-  Reply reply(const Work& work, const Fault& fault) const;
+  Reply reply(CallKind kind, const Work& work, const Fault& fault) const;
   void finish(CallKind kind, const Complete& complete, const Reply& reply);
   bool isDown() const;
 
   async::Loop& loop_;
+  const std::shared_ptr<MemoryAnswers> answers_;
   mutable std::mutex mutex_;
   // Guarded by mutex_, as is all below.
   std::chrono::milliseconds latency_{0};

@@ -40,6 +40,9 @@ struct Fault {
   Effect effect = Effect::all;
   /// Given instead of success. A call without its whole effect that names none times out.
   std::optional<NSError> error = std::nullopt;
+  /// The status with which the server answers the last request of the call, which then fails as
+  /// the provider does for that, unless it names an error.
+  std::optional<std::int64_t> httpStatus = std::nullopt;
   /// The call does not complete until the hung calls are released.
   bool hangs = false;
   /// Besides the latency of every call.

@@ -28,7 +28,25 @@ constexpr NSFileProviderItemFields kFieldsThatMove =
   throw NSFileProviderError(NSFileProviderErrorCode::serverUnreachable);
 }
 
-void check(Answer answer) {
+/// What a server that speaks HTTP says instead.
+std::int64_t httpStatusOf(Answer answer) {
+  switch (answer) {
+    case Answer::notFound:
+      return 404;
+    case Answer::conflict:
+      return 409;
+    case Answer::notAllowed:
+      return 405;
+    case Answer::exists:
+      return 412;
+    default:
+      return 204;
+  }
+}
+
+/// Of a request that changes something.
+void check(Reply& reply, Answer answer) {
+  reply.answer = {"CHANGE", true, httpStatusOf(answer)};
   if (answer == Answer::exists) throw NSError(NSCocoaErrorDomain, NSFileWriteFileExistsError);
   if (answer != Answer::done) throwUnreachable();
 }
@@ -143,6 +161,10 @@ void InMemoryExtension::setDown(bool isDown) {
 
 void InMemoryExtension::setFaults(FaultHook hook) {
   runner_->setFaults(std::move(hook));
+}
+
+MemoryAnswers& InMemoryExtension::answers() const {
+  return runner_->answers();
 }
 
 std::size_t InMemoryExtension::releaseHung() {
@@ -280,9 +302,10 @@ std::shared_ptr<NSProgress> InMemoryExtension::createItem(NSFileProviderItemPtr 
         const auto in = items->path(folder);
         if (!in) throwUnreachable();
         const auto target = MemoryItems::childPath(*in, name);
-        check(makesFolder ? items->server().makeCollection(target)
-                          : items->server().put(target, upload->send()));
+        check(reply, makesFolder ? items->server().makeCollection(target)
+                                 : items->server().put(target, upload->send()));
         requests.firstIsDone();
+        reply.answer.reset();
         reply.item = stateOf(*items, target, makesFolder, requests.fault(), "new");
       },
       writeAnswer(std::move(completionHandler)), refusal);
@@ -322,14 +345,15 @@ std::shared_ptr<NSProgress> InMemoryExtension::modifyItem(NSFileProviderItemPtr 
         if (!path || !in) throwUnreachable();
         if (moves) {
           const auto to = MemoryItems::childPath(*in, name);
-          if (to != *path) check(items->server().move(*path, to));
+          if (to != *path) check(reply, items->server().move(*path, to));
           path = to;
           requests.firstIsDone();
         }
         if (sends) {
-          check(items->server().put(*path, upload->send()));
+          check(reply, items->server().put(*path, upload->send()));
           if (!moves) requests.firstIsDone();
         }
+        reply.answer.reset();
         reply.item = stateOf(*items, *path, isFolder(*item), requests.fault(), "modified");
       },
       writeAnswer(std::move(completionHandler)), refusal);
@@ -345,10 +369,10 @@ std::shared_ptr<NSProgress> InMemoryExtension::deleteItem(
   if (path && items_->isProtected(*path)) refusal = posixError(EPERM);
   runner_->run(
       {.kind = CallKind::deleteItem, .path = path.value_or(identifier)},
-      [items = items_, identifier](Requests&, Reply&) {
+      [items = items_, identifier](Requests&, Reply& reply) {
         const auto now = items->path(identifier);
         if (!now) throwUnreachable();
-        check(items->server().delete_(*now));
+        check(reply, items->server().delete_(*now));
       },
       [handler = std::move(completionHandler)](const Reply& reply) { handler(reply.error); },
       refusal);

@@ -25,6 +25,8 @@ struct InMemoryOptions {
   std::optional<Arriving> arriving = std::nullopt;
   /// Whether the replica is told of contents that arrive.
   bool tellsOfArrivals = true;
+  /// Whether the replica can know what the server answered.
+  bool tellsAnswers = true;
   /// What can only be read; empty for nothing.
   std::function<bool(std::string_view path)> isProtected = {};
   /// Whose versions have "W/" before them; empty for none.
@@ -32,6 +34,7 @@ struct InMemoryOptions {
 };
 
 class CallRunner;
+class MemoryAnswers;
 class MemoryItems;
 
 /// A provider that projects the tree of a `MemoryServer`, with the manners of one that speaks
@@ -56,6 +59,8 @@ class InMemoryExtension : public NSFileProviderReplicatedExtension {
   void setFaults(FaultHook hook);
   /// What tells the replica of contents that arrive.
   MemoryArrivals& arrivals() const { return *arrivals_; }
+  /// What tells the replica of the server's answers.
+  MemoryAnswers& answers() const;
   /// Completes the calls that hang, with what they came to. Says how many there were.
   std::size_t releaseHung();
 

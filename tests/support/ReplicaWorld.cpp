@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "support/MemoryAnswers.h"
+
 namespace kestrowan::test {
 
 using namespace replica;
@@ -26,6 +28,9 @@ ReplicaWorld::ReplicaWorld(InMemoryOptions extensionOptions, Options options)
     options_.watchArrival = [this](const NSFileProviderItemIdentifier&, auto begun) {
       return extension_->arrivals().watch(std::move(begun));
     };
+  }
+  if (extensionOptions_.tellsAnswers) {
+    options_.watchAnswers = [this] { return extension_->answers().watch(); };
   }
   begin();
   connect();

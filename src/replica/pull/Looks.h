@@ -47,6 +47,8 @@ class Looks {
   /// On the loop.
   const LooksUnderWay& underWay() const { return underWay_; }
   LooksUnderWay& underWay() { return underWay_; }
+  /// Whether a listing lacked the item, and that is not believed yet. On the loop.
+  bool isMissing(model::ItemNumber item) const { return doubts_.missing.contains(item); }
   /// Begins no more listings, and answers the calls that wait for one.
   void stop();
 

@@ -59,6 +59,7 @@ class Refresher {
   Task<void> endOfLooks(std::vector<model::ItemNumber> folders) {
     return looks_.underWay().end(std::move(folders));
   }
+  bool isMissing(model::ItemNumber item) const { return looks_.isMissing(item); }
   /// See `FoldersInUse`.
   void setOpen(model::ItemNumber folder, bool isOpen) { inUse_.setOpen(folder, isOpen); }
   void setWatched(const std::vector<model::ItemNumber>& items, std::chrono::milliseconds interval) {

@@ -18,6 +18,7 @@
 #include "replica/pull/ProviderItem.h"
 #include "replica/pull/Sameness.h"
 #include "replica/pull/Space.h"
+#include "replica/remote/AnswerTable.h"
 #include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica::push {
@@ -69,6 +70,7 @@ bool wasCertainlyNotDone(const NSError& error) {
     case ErrorClass::held:
     case ErrorClass::listAgain:
     case ErrorClass::quota:
+    case ErrorClass::denied:
       return false;
     default:
       return true;
@@ -96,7 +98,10 @@ Push::Push(model::Tree& tree, async::Loop& loop, remote::Provider& provider, rem
       refresher_(refresher),
       touches_(touches),
       freezer_(freezer),
-      contents_(contents) {}
+      contents_(contents),
+      denials_(tree, refresher, [this](const State& state, const plan::Push& push) {
+        return isStillPlanned(state, push);
+      }) {}
 
 Time Push::now() const {
   return Time(std::chrono::milliseconds(loop_.wallClock()));
@@ -382,6 +387,10 @@ Task<void> Push::send(Provider::Turn turn, Sent sent) {
   });
   co_await std::move(noted);
   guarded("the form of names", [this] { forms_.keep(); });
+  if (problem && remote::errorClass(*problem) == ErrorClass::denied) {
+    auto confirmed = denials_.confirm(sent.push, sent.intents);
+    if (!co_await std::move(confirmed)) problem = remote::AnswerTable::undecided(*problem);
+  }
   if (problem) throw *problem;
 }
 

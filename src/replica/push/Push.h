@@ -17,6 +17,7 @@
 #include "replica/pull/Refresher.h"
 #include "replica/pull/Settler.h"
 #include "replica/pull/Touches.h"
+#include "replica/push/Denials.h"
 #include "replica/remote/Health.h"
 #include "replica/remote/Provider.h"
 #include "replica/store/Contents.h"
@@ -105,6 +106,7 @@ class Push {
   pull::Touches& touches_;
   pull::Freezer& freezer_;
   store::Contents& contents_;
+  Denials denials_;
 };
 
 }  // namespace kestrowan::replica::push

@@ -6,6 +6,7 @@
 #include "replica/Log.h"
 #include "replica/model/View.h"
 #include "replica/plan/FreePlace.h"
+#include "replica/remote/AnswerTable.h"
 #include "replica/remote/ErrorClass.h"
 
 namespace kestrowan::replica::push {
@@ -22,6 +23,7 @@ using model::Place;
 using model::Time;
 using model::View;
 using plan::Names;
+using remote::AnswerTable;
 using remote::ErrorClass;
 using std::chrono::milliseconds;
 
@@ -32,6 +34,14 @@ constexpr std::uint32_t kTriesUntilSlow = 8;
 constexpr milliseconds kSlowInterval{15 * 60 * 1000};
 /// A server that is not there yet is asked again after this time, without counting.
 constexpr milliseconds kDownInterval{1000};
+
+/// The status of a server that has no room.
+constexpr std::int64_t kInsufficientStorage = 507;
+
+bool saysFull(const NSError& error) {
+  return remote::errorClass(error) == ErrorClass::quota ||
+         AnswerTable::httpStatus(error) == kInsufficientStorage;
+}
 
 bool isRemoval(const Item& item) {
   return !item.here() && item.there();
@@ -76,17 +86,14 @@ Refusals::Delay Refusals::take(ItemNumber item, const NSError& error) {
     case ErrorClass::folderNotEmpty:
       return bringBack(item, error);
     case ErrorClass::quota:
-      if (!verdicts_.isAwaited(item)) {
-        std::lock_guard lock(mutex_);
-        unreported_.insert_or_assign(item, error);
-      }
-      verdicts_.refuse(item, error);
-      return note(item, error, FailureClass::slow, kSlowInterval);
+      return wait(item, error);
     case ErrorClass::excluded:
       return keepHere(item);
     case ErrorClass::parked:
     case ErrorClass::refused:
       return refuse(item, error);
+    case ErrorClass::denied:
+      return AnswerTable::meaning(error.code()).passes ? wait(item, error) : refuse(item, error);
   }
   return backOff(item, error);
 }
@@ -123,22 +130,41 @@ Refusals::Delay Refusals::note(ItemNumber number, const NSError& error, FailureC
   return delay;
 }
 
-Refusals::Delay Refusals::refuse(ItemNumber number, const NSError& error) {
+/// Tells the calls that wait for the word on a change, and undoes a change of names. Whether there
+/// was one.
+bool Refusals::answer(ItemNumber number, const NSError& error) {
   const bool isAwaited = verdicts_.isAwaited(number);
   verdicts_.refuse(number, error);
-  bool isGone = false;
-  {
-    const View view(tree_);
-    const Item* item = view->find(number);
-    isGone = item && isRemoval(*item);
-  }
-  if (isGone) return bringBack(number, error);
-  if (isAwaited && undo(number)) return milliseconds(0);
+  return isAwaited && undo(number);
+}
+
+bool Refusals::isToGo(ItemNumber number) const {
+  const View view(tree_);
+  const Item* item = view->find(number);
+  return item && isRemoval(*item);
+}
+
+Refusals::Delay Refusals::refuse(ItemNumber number, const NSError& error) {
+  if (isToGo(number)) return bringBack(number, error);
+  if (answer(number, error)) return milliseconds(0);
   {
     std::lock_guard lock(mutex_);
     unreported_.insert_or_assign(number, error);
   }
   return note(number, error, FailureClass::refused, std::nullopt);
+}
+
+/// What is refused now may be taken later: a call that waits for the word does not wait for that.
+Refusals::Delay Refusals::wait(ItemNumber number, const NSError& error) {
+  const bool isAwaited = verdicts_.isAwaited(number);
+  if (isAwaited && isToGo(number)) return bringBack(number, error);
+  if (answer(number, error)) return milliseconds(0);
+  if (!saysFull(error)) return backOff(number, error);
+  if (!isAwaited) {
+    std::lock_guard lock(mutex_);
+    unreported_.insert_or_assign(number, error);
+  }
+  return note(number, error, FailureClass::slow, kSlowInterval);
 }
 
 /// Undoes a change of names that a program was just told is refused. Whether there was one.

@@ -38,6 +38,9 @@ class Refusals {
   Delay note(model::ItemNumber item, const NSError& error, model::FailureClass failureClass,
              Delay delay);
   Delay refuse(model::ItemNumber item, const NSError& error);
+  Delay wait(model::ItemNumber item, const NSError& error);
+  bool isToGo(model::ItemNumber item) const;
+  bool answer(model::ItemNumber item, const NSError& error);
   Delay collide(model::ItemNumber item, const NSError& error);
   Delay lose(model::ItemNumber item, const NSError& error);
   Delay bringBack(model::ItemNumber item, const NSError& error);

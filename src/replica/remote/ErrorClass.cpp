@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/remote/AnswerTable.h"
 
 namespace kestrowan::replica::remote {
 
@@ -113,6 +114,9 @@ ErrorClass errorClass(const NSError& error) {
   if (error.domain() == NSPOSIXErrorDomain) return posixClass(error.code());
   if (error.domain() == NSCocoaErrorDomain) return cocoaClass(error.code());
   if (error.domain() == NSURLErrorDomain) return urlClass(error.code());
+  if (error.domain() == kAnswerDomain) {
+    return AnswerTable::isDenial(error) ? ErrorClass::denied : ErrorClass::ambiguous;
+  }
   return ErrorClass::transient;
 }
 

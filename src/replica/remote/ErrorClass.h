@@ -22,6 +22,7 @@ enum class ErrorClass : std::uint8_t {
   excluded,         // stays here from now on
   listAgain,        // start the listing anew
   refused,          // definitive
+  denied,           // the server says no for good, unless a look shows why it says so
 };
 
 ErrorClass errorClass(const NSError& error);

@@ -11,6 +11,8 @@
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
+#include "replica/remote/AnswerTable.h"
+#include "replica/remote/ErrorClass.h"
 #include "replica/remote/ValidName.h"
 
 namespace kestrowan::replica::remote {
@@ -99,6 +101,14 @@ std::shared_ptr<OneShot<T>> asExtensionHoldsIt(std::shared_ptr<OneShot<T>> resul
   });
 }
 
+/// The error, or what the server said when that tells more.
+NSError told(const NSError& error, const CallAnswers* answers) {
+  if (!answers || errorClass(error) != ErrorClass::ambiguous) return error;
+  const auto answer = answers->last();
+  const bool isNo = answer && (answer->httpStatus < 200 || answer->httpStatus > 299);
+  return isNo ? AnswerTable::error(*answer) : error;
+}
+
 std::optional<NSURL> fileURL(const std::optional<std::string>& path) {
   if (!path) return std::nullopt;
   return NSURL::fileURLWithPath(*path);
@@ -111,9 +121,11 @@ std::optional<std::chrono::milliseconds> limitOf(const std::optional<std::string
 
 }  // namespace
 
-Provider::Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers)
+Provider::Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers,
+                   AnswerWatch watchAnswers)
     : loop_(loop),
       identifiers_(std::move(identifiers)),
+      watchAnswers_(std::move(watchAnswers)),
       metadata_(loop, limits.metadata),
       downloads_(loop, limits.downloads),
       smallDownloads_(loop, limits.downloads, std::max(limits.downloads, kMostSmallFiles)),
@@ -195,19 +207,25 @@ Task<T> Provider::callIn(Turn, std::optional<std::chrono::milliseconds> limit, M
   const auto abandonment = std::make_shared<Abandonment>();
   auto pending = std::make_shared<OneShot<T>>(loop_, abandonment);
   enroll(pending);
+  std::shared_ptr<const CallAnswers> answers;
   try {
     const AbandonmentScope scope(abandonment);
+    if (watchAnswers_) answers = watchAnswers_();
     make(*extension, asExtensionHoldsIt(pending));
   } catch (...) {
     pending->reject(failure(caughtError()));
   }
-  if (!limit) {
-    auto result = OneShot<T>::result(std::move(pending));
+  try {
+    if (!limit) {
+      auto result = OneShot<T>::result(std::move(pending));
+      co_return co_await std::move(result);
+    }
+    auto result = async::withTimeout(loop_, *limit, failure({NSURLErrorDomain, NSURLErrorTimedOut}),
+                                     std::move(pending));
     co_return co_await std::move(result);
+  } catch (const NSError& error) {
+    throw told(error, answers.get());
   }
-  auto result = async::withTimeout(loop_, *limit, failure({NSURLErrorDomain, NSURLErrorTimedOut}),
-                                   std::move(pending));
-  co_return co_await std::move(result);
 }
 
 Task<std::vector<NSFileProviderItemPtr>> Provider::list(NSFileProviderItemIdentifier container) {

@@ -15,6 +15,7 @@
 #include "platform/base/Task.h"
 #include "platform/fileprovider/NSFileProviderReplicatedExtension.h"
 #include "platform/foundation/NSError.h"
+#include "replica/remote/CallAnswers.h"
 #include "replica/remote/CallSlots.h"
 #include "replica/remote/IdentifierForm.h"
 
@@ -41,7 +42,8 @@ struct WrittenItem {
 /// ended before its answer is abandoned (see `Abandonment`), so that no request is sent for it.
 ///
 /// Each request throws the `NSError` of the provider, `notAuthenticated` while there is none, and
-/// `NSURLErrorCancelled` after `stop`. None is made twice.
+/// `NSURLErrorCancelled` after `stop`. An ambiguous error of the provider is replaced by the answer
+/// of the server that it comes from, where that is known (see `AnswerTable`). None is made twice.
 ///
 /// Nothing is asked for but what the form of the identifiers allows, and the root is only listed
 /// and asked about: any other call throws EIO, without a word to the provider, and is logged.
@@ -61,7 +63,9 @@ class Provider {
   /// So many fetches of larger files may run besides those of `downloads`.
   static constexpr std::size_t kMostExcused = 12;
 
-  Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers);
+  /// `watchAnswers` may be empty: no answer is known then.
+  Provider(async::Loop& loop, Limits limits, IdentifierForm identifiers,
+           AnswerWatch watchAnswers = {});
   Provider(const Provider&) = delete;
   Provider& operator=(const Provider&) = delete;
 
@@ -118,6 +122,7 @@ class Provider {
 
   async::Loop& loop_;
   const IdentifierForm identifiers_;
+  const AnswerWatch watchAnswers_;
   CallSlots metadata_;
   CallSlots downloads_;
   CallSlots smallDownloads_;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/fileprovider/NSFileProviderError.h"
+#include "replica/remote/AnswerTable.h"
 
 namespace kestrowan::mount {
 namespace {
@@ -55,6 +56,26 @@ INSTANTIATE_TEST_SUITE_P(
                     same(NSCocoaErrorDomain, 516, EEXIST), same(NSCocoaErrorDomain, 640, ENOSPC),
                     same(NSCocoaErrorDomain, 642, EROFS), same(NSCocoaErrorDomain, 3072, EINTR),
                     same(NSCocoaErrorDomain, 512, EIO)));
+
+int numberOf(std::int64_t httpStatus, bool isChange) {
+  const auto error = replica::remote::AnswerTable::error({"PUT", isChange, httpStatus});
+  return errnoFor(error, Addressing::byName);
+}
+
+TEST(ErrnoTest, WhatTheServerAnswersToAChangeIsTheErrorOfTheCall) {
+  EXPECT_EQ(numberOf(403, true), EACCES);
+  EXPECT_EQ(numberOf(423, true), EBUSY);
+  EXPECT_EQ(numberOf(507, true), EDQUOT);
+  EXPECT_EQ(numberOf(500, true), EIO);
+  EXPECT_EQ(numberOf(404, true), EIO);
+}
+
+TEST(ErrnoTest, WhatTheServerAnswersToAReaderIsAnErrorOfReading) {
+  EXPECT_EQ(numberOf(403, false), EACCES);
+  EXPECT_EQ(numberOf(423, false), EBUSY);
+  EXPECT_EQ(numberOf(507, false), EIO);
+  EXPECT_EQ(numberOf(405, false), EIO);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     URL, ErrnoTableTest,

@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "async/Scope.h"
+#include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/fileprovider/TemplateItem.h"
 #include "support/InMemoryExtension.h"
+#include "support/MemoryAnswers.h"
 #include "support/RecordingLog.h"
 #include "support/SimulatedLoop.h"
 #include "support/TemporaryDirectory.h"
@@ -92,6 +94,25 @@ class ProviderTest : public testing::Test {
   async::Scope scope{loop};
   Provider calls{scope, {}, IdentifierForm::paths()};
 };
+
+TEST_F(ProviderTest, AnAmbiguousErrorIsReplacedByTheAnswerThatItComesFrom) {
+  Provider told{
+      scope, {}, IdentifierForm::paths(), [this] { return extension->answers().watch(); }};
+  told.setExtension(extension);
+  const auto fail = [this](Fault fault) {
+    fault.effect = Fault::Effect::none;
+    extension->setFaults([fault](const Call&) { return fault; });
+  };
+  fail({.httpStatus = 403});
+  EXPECT_EQ(result(told.item("/d/a")), "KestrowanHTTPErrorDomain 403");
+  EXPECT_EQ(result(calls.item("/d/a")), "NSFileProviderErrorDomain -1004");
+  fail({.error = NSError(NSFileProviderErrorDomain, -1000), .httpStatus = 401});
+  EXPECT_EQ(result(told.item("/d/a")), "NSFileProviderErrorDomain -1000");
+  fail({.error = NSError(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)});
+  EXPECT_EQ(result(told.item("/d/a")), "NSURLErrorDomain -1005");
+  extension->setFaults({});
+  EXPECT_EQ(result(told.item("/d/a")), "done");
+}
 
 TEST_F(ProviderTest, ProperItemsAreAskedFor) {
   EXPECT_EQ(result(calls.list(kRoot)), "done");
