@@ -153,7 +153,7 @@ class CommandLine {
     try {
       return action(context);
     } catch (const RequestFailure& failure) {
-      const ExitCode code = context.fail(failure.path, failure.error);
+      const ExitCode code = context.fail(failure);
       Output::standard().flush();
       return code;
     }

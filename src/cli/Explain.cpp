@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <iterator>
 
+#include "cli/AnsweredError.h"
 #include "cli/Bridge.h"
 #include "host/CommandAdvice.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
+#include "replica/remote/AnswerTable.h"
 
 namespace kestrowan::cli {
 
@@ -28,14 +30,12 @@ constexpr Advice kAdvice[] = {
      "the server refused the user name and password",
      "restart the host application, so that it writes a fresh bridge file"},
     {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::serverUnreachable),
-     "the server refused the request (missing, already there, forbidden or out of order)",
-     "list the folder to see what is there; the server's own log knows the status"},
-    {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::noSuchItem), "there is no such item",
-     "list the folder to see what is there"},
+     "the server refused the request", "the server's own log may tell more"},
+    {NSFileProviderErrorDomain, code(NSFileProviderErrorCode::noSuchItem), "not there",
+     "list the folder to see what is"},
     {NSPOSIXErrorDomain, 1, "not permitted: the folder is protected or the name is not allowed",
      "choose another folder or name"},
-    {NSCocoaErrorDomain, NSFileWriteFileExistsError, "the destination exists already",
-     "choose another name, or remove what is there first"},
+    {NSCocoaErrorDomain, NSFileWriteFileExistsError, "already there", "choose another name"},
     {NSCocoaErrorDomain, NSFileWriteOutOfSpaceError, "the local disk is full",
      "make room, then try again"},
     {NSURLErrorDomain, NSURLErrorCancelled,
@@ -72,8 +72,28 @@ constexpr Advice kAdvice[] = {
      "check the free space on the disk, then try again"},
 };
 
-std::string inWords(std::string_view path, const NSError& error) {
+/// "NSURLErrorDomain -1004", behind the answer that it comes from: "404 to GET, …".
+std::string sourceOf(const NSError& error) {
+  const auto own = error.domain() + " " + std::to_string(error.code());
+  const auto status = answerStatus(error);
+  if (!status) return own;
+  return std::to_string(*status) + " to " + answeredRequest(error) + ", " + own;
+}
+
+/// What the server answered, in words, where that says more than the error.
+std::optional<std::string> answerText(const NSError& error) {
+  const auto status = answerStatus(error);
+  const bool isPlain =
+      error.is(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::serverUnreachable));
+  if (!status || !isPlain) return std::nullopt;
+  return std::string(replica::remote::AnswerTable::meaning(*status).words);
+}
+
+std::string inWords(std::string_view path, const NSError& error,
+                    const std::optional<std::string>& known) {
   std::string text = escapedForDisplay(path) + ": ";
+  const auto told = known ? known : answerText(error);
+  if (told) return text + *told + " (" + sourceOf(error) + ")";
   for (const auto& advice : kAdvice) {
     if (!error.is(advice.domain, advice.code)) continue;
     return text.append(advice.whatHappened)
@@ -97,11 +117,12 @@ bool isAboutLocalFile(const NSError& error) {
          std::find(std::begin(kLocal), std::end(kLocal), error.code()) != std::end(kLocal);
 }
 
-Explanation explain(std::string_view path, const NSError& error) {
+Explanation explain(std::string_view path, const NSError& error,
+                    const std::optional<std::string>& known) {
   if (error.is(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::notAuthenticated))) {
     if (auto problem = bridgeProblem()) return {ExitCode::notConfigured, *std::move(problem)};
   }
-  return {ExitCode::requestFailed, inWords(path, error)};
+  return {ExitCode::requestFailed, inWords(path, error, known)};
 }
 
 }  // namespace kestrowan::cli

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,7 +18,8 @@ struct Explanation {
 /// Whether the error of a transfer is about the local file rather than the one on the server.
 bool isAboutLocalFile(const NSError& error);
 
-/// What the failure of a request about `path` means.
-Explanation explain(std::string_view path, const NSError& error);
+/// What the failure of a request about `path` means. `known`: what is known of the item instead.
+Explanation explain(std::string_view path, const NSError& error,
+                    const std::optional<std::string>& known = std::nullopt);
 
 }  // namespace kestrowan::cli

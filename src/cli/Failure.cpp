@@ -9,8 +9,8 @@ namespace kestrowan::cli {
 
 void reportFailure(bool json, const std::string& text, const NSError& error) {
   if (json) {
-    Output::standard().write(JSONValue(JSONValue::Object{{"error", jsonForm(error)}}).serialized() +
-                             "\n");
+    Output::standard().write(
+        JSONValue(JSONValue::Object{{"error", failureForm(error)}}).serialized() + "\n");
   } else {
     complain(text);
   }

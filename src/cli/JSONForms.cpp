@@ -3,6 +3,10 @@
 #include <array>
 #include <utility>
 
+#include "cli/AnsweredError.h"
+#include "host/FailureReason.h"
+#include "replica/remote/AnswerTable.h"
+
 namespace kestrowan::cli {
 
 namespace {
@@ -39,6 +43,28 @@ JSONValue jsonForm(const NSError& error) {
                            {"code", error.code()},
                            {"localizedDescription", error.localizedDescription()},
                            {"userInfo", std::move(userInfo)}};
+}
+
+std::string_view reasonOf(const NSError& error) {
+  const auto status = answerStatus(error);
+  const bool isPlain = host::reasonOf(error) == "refused";
+  return status && isPlain ? replica::remote::AnswerTable::meaning(*status).reason
+                           : host::reasonOf(error);
+}
+
+JSONValue failureForm(const NSError& error, std::string_view reason) {
+  JSONValue::Object userInfo;
+  for (const auto& [key, value] : plainUserInfo(error)) userInfo.emplace_back(key, value);
+  return JSONValue::Object{{"domain", error.domain()},
+                           {"code", error.code()},
+                           {"localizedDescription", error.localizedDescription()},
+                           {"userInfo", std::move(userInfo)},
+                           {"status", answerStatus(error)},
+                           {"reason", reason}};
+}
+
+JSONValue failureForm(const NSError& error) {
+  return failureForm(error, reasonOf(error));
 }
 
 JSONValue jsonForm(const std::optional<NSError>& error) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string_view>
 
 #include "platform/fileprovider/NSFileProviderItem.h"
 #include "platform/foundation/JSONValue.h"
@@ -12,6 +13,12 @@ namespace kestrowan::cli {
 JSONValue jsonForm(const NSError& error);
 /// null, or the error's form.
 JSONValue jsonForm(const std::optional<NSError>& error);
+/// {domain, code, localizedDescription, userInfo, status, reason} of a command's failure: the
+/// status null without an answer of the server, the reason one of `host::reasonWords`.
+JSONValue failureForm(const NSError& error, std::string_view reason);
+JSONValue failureForm(const NSError& error);
+/// The reason that follows from the error alone: what the server answered, or the error's own.
+std::string_view reasonOf(const NSError& error);
 /// null, or every property of the item; versions as text, dates in seconds since 1970.
 JSONValue jsonForm(const NSFileProviderItemPtr& item);
 JSONValue jsonForm(const std::vector<NSFileProviderItemPtr>& items);

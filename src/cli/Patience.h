@@ -5,6 +5,7 @@
 #include <future>
 #include <optional>
 
+#include "cli/AnsweredError.h"
 #include "cli/Requests.h"
 #include "platform/foundation/NSError.h"
 
@@ -18,9 +19,9 @@ class Patience {
  public:
   explicit Patience(std::optional<std::chrono::seconds> limit);
 
-  /// The result of a request that moves no file. Throws the request's `NSError`; when the time is
-  /// over, gives the request up and throws `NSURLErrorTimedOut` of `NSURLErrorDomain`, whose text
-  /// says which limit that was.
+  /// The result of a request that moves no file. Throws the request's `NSError`, with what the
+  /// server answered (see `withAnswer`); when the time is over, gives the request up and throws
+  /// `NSURLErrorTimedOut` of `NSURLErrorDomain`, whose text says which limit that was.
   template <typename T>
   T await(Request<T> request) const {
     return await(request, kRequestLimit);
@@ -46,7 +47,7 @@ class Patience {
       return request.answer.wait_for(time) == std::future_status::ready;
     };
     const auto late = waitWithin(wait, usualLimit);
-    if (!late) return request.answer.get();
+    if (!late) return answerOf(request);
     request.caller->declare();
     if (!wait(kFarewell)) throw *late;
     try {
@@ -54,6 +55,16 @@ class Patience {
       return request.answer.get();
     } catch (const NSError&) {
       throw *late;
+    }
+  }
+
+  /// Of a request that has ended.
+  template <typename T>
+  static T answerOf(Request<T>& request) {
+    try {
+      return request.answer.get();
+    } catch (const NSError& error) {
+      throw withAnswer(error, request.caller);
     }
   }
 

@@ -78,10 +78,13 @@ std::string transferText(const JSONValue& transfer) {
 
 /// `place` is the item's path on this machine.
 std::string failureText(const JSONValue& failure, const std::string& place, std::int64_t now) {
-  std::string reason = escapedForDisplay(text(failure, "text")) + " (" +
-                       escapedForDisplay(text(failure, "domain")) + " " +
-                       std::to_string(integer(failure, "code")) + "), for " +
-                       durationText(now - integer(failure, "since"));
+  std::string reason = escapedForDisplay(text(failure, "text"));
+  // The server's own answer says all.
+  if (integer(failure, "status") == 0) {
+    reason += " (" + escapedForDisplay(text(failure, "domain")) + " " +
+              std::to_string(integer(failure, "code")) + ")";
+  }
+  reason += ", for " + durationText(now - integer(failure, "since"));
   const auto kind = text(failure, "class");
   if (kind == "refused") {
     const auto word = shellWord(place);

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "host/FailureReason.h"
 #include "host/PathForm.h"
 #include "platform/foundation/NSString.h"
+#include "replica/remote/AnswerTable.h"
 
 namespace kestrowan::host {
 
@@ -28,6 +30,12 @@ const char* name(FailureClass failureClass) {
   return "";
 }
 
+/// What the server answered.
+std::optional<std::int64_t> statusOf(const replica::SyncFailure& failure) {
+  return failure.domain == replica::remote::kAnswerDomain ? std::optional(failure.code)
+                                                          : std::nullopt;
+}
+
 JSONValue failureForm(const replica::SyncFailure& failure) {
   return JSONValue::Object{{"class", name(failure.failureClass)},
                            {"domain", failure.domain},
@@ -35,7 +43,9 @@ JSONValue failureForm(const replica::SyncFailure& failure) {
                            {"text", failure.text},
                            {"since", failure.since},
                            {"next", failure.next},
-                           {"tries", static_cast<std::int64_t>(failure.tries)}};
+                           {"tries", static_cast<std::int64_t>(failure.tries)},
+                           {"status", statusOf(failure)},
+                           {"reason", reasonOf(failure.domain, failure.code)}};
 }
 
 /// The order in which a person wants to see pending items.

@@ -19,7 +19,8 @@ namespace kestrowan::host {
 JSONValue::Object statusForm(const replica::Status& status, std::size_t limit);
 
 /// {path, kind, state, changes, size, downloaded, pinned, failure}; the failure null or {class,
-/// domain, code, text, since, next, tries}.
+/// domain, code, text, since, next, tries, status, reason}: the status that the server answered, or
+/// null, and one of `reasonWords`.
 JSONValue::Object itemForm(const replica::ItemStatus& item);
 
 /// {method, path, sent, expectedToSend, received, expectedToReceive} of each transfer that carries

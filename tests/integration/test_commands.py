@@ -24,7 +24,7 @@ def report(result):
 def error(result):
     assert result.stderr == b""
     value = report(result)["error"]
-    assert set(value) == {"domain", "code", "localizedDescription", "userInfo"}
+    assert set(value) == {"domain", "code", "localizedDescription", "userInfo", "status", "reason"}
     return value["domain"], value["code"]
 
 
@@ -303,7 +303,7 @@ def test_mv_does_not_overwrite(scene):
     assert report(result)["path"] == "/Home/b.txt"
     scene.script(multistatus(FILE), status(412))
     result = scene.run("mv", "/Home/a.txt", "/Home/b.txt")
-    assert b"kestrowan: /Home/b.txt: the destination exists already" in result.stderr
+    assert b"kestrowan: /Home/b.txt: already there (412 to MOVE, " in result.stderr
 
 
 def test_rm_removes_a_file_and_asks_before_a_folder(scene):
@@ -361,6 +361,66 @@ def test_a_refused_request_is_told_in_words_or_json(scene, arguments, code, expe
     assert (result.returncode, result.stdout) == (FAILED, b"")
     assert f"{FILE_PROVIDER} {expected}".encode() in result.stderr
     assert b"/Home" in result.stderr
+
+
+HERE = multistatus(response("/Home/d/", folder=True))
+A_FILE = multistatus(response("/Home/d", size=3))
+ABOVE = multistatus(response("/Home/", folder=True))
+
+
+@pytest.mark.parametrize("arguments, answers, reason, text", [
+    (["ls", "/Home/d"], [status(404)], "missing", "not there (404 to PROPFIND, "),
+    (["stat", "/Home/d"], [status(404)], "missing", "not there (404 to PROPFIND, "),
+    (["rm", "/Home/d"], [status(404)], "missing", "not there (404 to PROPFIND, "),
+    (["get", "/Home/d", "-"], [status(404)], "missing", "not there (404 to GET, "),
+    (["get", "/Home/d", "-"], [status(403), HERE], "is-folder", "is a folder; list it with ls"),
+    (["get", "/Home/d", "-"], [status(403), A_FILE], "forbidden",
+     "the server forbids it (403 to GET, "),
+    (["put", __file__, "/Home/d"], [status(405), HERE], "is-folder", "is a folder; to put the file"),
+    (["put", __file__, "/Home/d"], [status(507), A_FILE], "full",
+     "no room at the server (507 to PUT, "),
+    (["put", __file__, "/Home/d"], [status(409), status(404), status(404)], "no-folder",
+     "its folder /Home is not there (409 to PUT, "),
+    (["mkdir", "/Home/d"], [status(405), HERE], "exists", "already there (405 to MKCOL, "),
+    (["mkdir", "/Home/d"], [status(405), A_FILE], "exists", "already there, and a file"),
+    (["mkdir", "/Home/d"], [status(409), status(404), A_FILE], "no-folder",
+     "/Home is a file, not a folder"),
+    (["mkdir", "/Home/d"], [status(403), status(404), ABOVE], "forbidden",
+     "the server forbids it (403 to MKCOL, "),
+    (["mv", "/Home/a", "/Home/d"], [A_FILE, status(412), HERE], "exists",
+     "already there, and a folder; to move into it, end the path in \"/\" (412 to MOVE, "),
+    (["rm", "/Home/d"], [A_FILE, status(423)], "locked", "locked at the server (423 to DELETE, "),
+    (["ls", "/Home/d"], [status(503)], "unavailable", "the server cannot do it at present"),
+])
+def test_what_the_server_answered_and_what_a_look_shows_explain_a_failure(scene, arguments, answers,
+                                                                         reason, text):
+    scene.script(*answers)
+    result = scene.run("--json", *arguments)
+    assert result.returncode == FAILED
+    error(result)
+    value = report(result)
+    no = next(one["status"] for one in answers if one.get("status", 200) >= 400)
+    assert (value["error"]["reason"], value["error"]["status"]) == (reason, no)
+    assert value["path"] == "/Home/d"
+    scene.script(*answers)
+    result = scene.run(*arguments)
+    assert f"kestrowan: /Home/d: {text}".encode() in result.stderr
+    assert b"remove" not in result.stderr
+
+
+def test_without_an_answer_there_is_no_status(scene):
+    scene.script({"cut": 0})
+    value = report(scene.run("--json", "ls", "/Home"))["error"]
+    assert (value["status"], value["reason"]) == (None, "connection-lost")
+    value = report(scene.run("--json", "ls", "--wrong"))["error"]
+    assert (value["status"], value["reason"]) == (None, "usage")
+
+
+def test_the_text_of_an_answer_is_not_shown(scene):
+    scene.script(status(403, body="\x1b[31mowned"))
+    result = scene.run("mkdir", "/Home/d")
+    assert b"403 to MKCOL" in result.stderr
+    assert b"owned" not in result.stderr + result.stdout
 
 
 def test_the_extensions_log_is_shown_on_demand(scene):

@@ -14,11 +14,16 @@ CommandContext::CommandContext(const GlobalOptions& options,
           std::make_shared<FileProviderExtension>(NSFileProviderDomain{"kestrowan", "Kestrowan"})) {
 }
 
-ExitCode CommandContext::fail(std::string_view path, const NSError& error) const {
-  const auto explanation = explain(path, error);
+ExitCode CommandContext::fail(const RequestFailure& failure) const {
+  const auto& known = failure.circumstance;
+  const auto explanation =
+      explain(failure.path, failure.error, known ? std::optional(known->text) : std::nullopt);
   if (json_) {
+    const auto reason = known ? known->reason : reasonOf(failure.error);
     Output::standard().write(
-        JSONValue(JSONValue::Object{{"path", path}, {"error", jsonForm(error)}}).serialized() +
+        JSONValue(JSONValue::Object{{"path", failure.path},
+                                    {"error", failureForm(failure.error, reason)}})
+            .serialized() +
         "\n");
   } else {
     Output::standard().flush();

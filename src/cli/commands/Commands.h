@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "cli/ExitCode.h"
 #include "cli/ItemText.h"
@@ -21,6 +22,25 @@ struct GlobalOptions {
   bool verbose = false;
 };
 
+/// What is known of why a request failed, from a look at the server.
+struct Circumstance {
+  /// One of `host::reasonWords`.
+  std::string_view reason;
+  /// What is so of the item, for a person: "already there".
+  std::string text;
+};
+
+/// What each command below throws when its request fails: the path that the failure is about, on
+/// the server unless it is the local file's, the error, and what explains it where that is known.
+/// It throws `UsageError` before anything is changed, and `OutputUnwritable` when standard output
+/// or a local file cannot be written. Paths are the server's, as `serverPath` takes them; each
+/// command blocks until it is done.
+struct RequestFailure {
+  std::string path;
+  NSError error;
+  std::optional<Circumstance> circumstance = std::nullopt;
+};
+
 /// One extension, made for one command: the way of every direct command to the server.
 class CommandContext {
  public:
@@ -32,23 +52,14 @@ class CommandContext {
   NSFileProviderReplicatedExtension& extension() { return *extension_; }
   const Patience& patience() const { return patience_; }
 
-  /// Reports the failure of a request about `path`, in JSON on standard output or in words on
-  /// standard error, and tells how the command ends.
-  ExitCode fail(std::string_view path, const NSError& error) const;
+  /// Reports a failure, in JSON on standard output or in words on standard error, and tells how the
+  /// command ends.
+  ExitCode fail(const RequestFailure& failure) const;
 
  private:
   const bool json_;
   const Patience patience_;
   const std::shared_ptr<NSFileProviderReplicatedExtension> extension_;
-};
-
-/// What each command below throws when its request fails: the path that the failure is about, on
-/// the server unless it is the local file's, and the error. It throws `UsageError` before anything
-/// is changed, and `OutputUnwritable` when standard output or a local file cannot be written. Paths
-/// are the server's, as `serverPath` takes them; each command blocks until it is done.
-struct RequestFailure {
-  std::string path;
-  NSError error;
 };
 
 struct ListOptions {

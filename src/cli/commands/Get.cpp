@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 
+#include "cli/Circumstance.h"
 #include "cli/Console.h"
 #include "cli/Explain.h"
 #include "cli/JSONForms.h"
@@ -66,7 +67,8 @@ FetchedContents fetched(CommandContext& context, const std::string& path,
     const TransferProgress progress(!context.json(), "GET", lastPathComponent(path));
     return context.patience().awaitTransfer(fetch(context.extension(), identifier(path)));
   } catch (const NSError& error) {
-    throw RequestFailure{isAboutLocalFile(error) ? local : path, error};
+    if (isAboutLocalFile(error)) throw RequestFailure{local, error};
+    throw RequestFailure{path, error, circumstanceOf(context, Attempt::fetch, path, error)};
   }
 }
 

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "cli/Circumstance.h"
 #include "cli/Console.h"
 #include "cli/ItemText.h"
 #include "cli/JSONForms.h"
@@ -17,16 +18,16 @@ namespace {
 
 /// The request's result, its failure marked with the path that it is about.
 template <typename T>
-T resultOf(const CommandContext& context, Request<T> request, const std::string& path) {
+T resultOf(CommandContext& context, Request<T> request, Attempt attempt, const std::string& path) {
   try {
     return context.patience().await(std::move(request));
   } catch (const NSError& error) {
-    throw RequestFailure{path, error};
+    throw RequestFailure{path, error, circumstanceOf(context, attempt, path, error)};
   }
 }
 
 NSFileProviderItemPtr itemAt(CommandContext& context, const std::string& path) {
-  return resultOf(context, lookUp(context.extension(), identifier(path)), path);
+  return resultOf(context, lookUp(context.extension(), identifier(path)), Attempt::read, path);
 }
 
 void printItem(CommandContext& context, const NSFileProviderItemPtr& item) {
@@ -62,7 +63,8 @@ ExitCode makeFolder(CommandContext& context, const std::string& path) {
                            .parentItemIdentifier = parentIdentifier(at),
                            .filename = lastPathComponent(at),
                            .contentType = UTType::folder()});
-  printItem(context, resultOf(context, create(context.extension(), folder, std::nullopt), at));
+  printItem(context, resultOf(context, create(context.extension(), folder, std::nullopt),
+                              Attempt::makeFolder, at));
   return ExitCode::done;
 }
 
@@ -87,8 +89,10 @@ ExitCode move(CommandContext& context, const std::string& from, const std::strin
                                               NSFileProviderItemField::filename |
                                                   NSFileProviderItemField::parentItemIdentifier)));
   } catch (const NSError& error) {
+    auto circumstance = circumstanceOf(context, Attempt::moveTo, target, error);
     const bool isTaken = error.is(NSCocoaErrorDomain, NSFileWriteFileExistsError);
-    throw RequestFailure{isTaken ? target : source, error};
+    const auto& path = isTaken || circumstance ? target : source;
+    throw RequestFailure{path, error, std::move(circumstance)};
   }
   return ExitCode::done;
 }
@@ -102,7 +106,7 @@ ExitCode remove(CommandContext& context, const std::string& path, bool recursive
     throw UsageError(escapedForDisplay(at) +
                      ": is a folder; remove it and all that is in it with -r");
   }
-  resultOf(context, remove(context.extension(), identifier(at), recursive), at);
+  resultOf(context, remove(context.extension(), identifier(at), recursive), Attempt::remove, at);
   if (context.json()) {
     Output::standard().write(JSONValue(JSONValue::Object{{"removed", at}}).serialized() + "\n");
   }

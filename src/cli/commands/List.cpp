@@ -3,6 +3,7 @@
 #include <optional>
 #include <utility>
 
+#include "cli/Circumstance.h"
 #include "cli/Console.h"
 #include "cli/ItemText.h"
 #include "cli/JSONForms.h"
@@ -66,9 +67,11 @@ class Listing {
         sort(items);
         print(folder.path, items);
       } catch (const NSError& error) {
-        if (folder.path == start) throw RequestFailure{start, error};
+        const RequestFailure failure{folder.path, error,
+                                     circumstanceOf(context_, Attempt::list, folder.path, error)};
+        if (folder.path == start) throw failure;
         progress_.clear();
-        context_.fail(folder.path, error);
+        context_.fail(failure);
         ++failures;
       }
     }

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "cli/Circumstance.h"
 #include "cli/Console.h"
 #include "cli/Explain.h"
 #include "cli/JSONForms.h"
@@ -27,7 +28,8 @@ ExitCode put(CommandContext& context, const std::string& file, const std::string
     item = context.patience().awaitTransfer(
         create(context.extension(), created, NSURL::fileURLWithPath(file)));
   } catch (const NSError& error) {
-    throw RequestFailure{isAboutLocalFile(error) ? file : at, error};
+    if (isAboutLocalFile(error)) throw RequestFailure{file, error};
+    throw RequestFailure{at, error, circumstanceOf(context, Attempt::makeFile, at, error)};
   }
   if (context.json()) {
     Output::standard().write(JSONValue(JSONValue::Object{{"item", jsonForm(item)}}).serialized() +

@@ -69,6 +69,10 @@ Time Refusals::now() const {
 }
 
 Refusals::Delay Refusals::take(ItemNumber item, const NSError& error) {
+  if (AnswerTable::httpStatus(error)) {
+    const View view(tree_);
+    logItem("the server said no", *view, item, error.localizedDescription());
+  }
   switch (remote::errorClass(error)) {
     case ErrorClass::ambiguous:
     case ErrorClass::transient:

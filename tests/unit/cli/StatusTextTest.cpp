@@ -50,6 +50,16 @@ TEST(StatusText, AFailureIsShownWithReasonAgeAndNextTry) {
   EXPECT_THAT(text, HasSubstr("  … and 1 more\n"));
 }
 
+TEST(StatusText, TheServersAnswerNeedsNoNumberOfAnError) {
+  const auto text = statusText(
+      status(R"x(,"pending":{"count":1,"bytes":0,"items":[{"path":"/a","kind":"file",)x"
+             R"x("state":"retrying","changes":"contents","size":5,"failure":{"class":"slow",)x"
+             R"x("domain":"D","code":507,"text":"no room (507 to PUT)","since":999970,)x"
+             R"x("next":1000012,"tries":1,"status":507,"reason":"full"}}]})x"),
+      kNow, 10);
+  EXPECT_THAT(text, HasSubstr("no room (507 to PUT), for 30 s; next try in 12 s\n"));
+}
+
 TEST(StatusText, OnlySoManyItemsAreShown) {
   const auto text = statusText(
       status(R"(,"pending":{"count":2,"bytes":0,"items":[{"path":"/a"},{"path":"/b"}]})"), kNow, 1);

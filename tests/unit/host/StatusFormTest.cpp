@@ -47,7 +47,8 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
       R"("pending":{"count":1,"bytes":12,"items":[{"path":"/Home/a.txt","kind":"file",)"
       R"("state":"retrying","changes":"contents","size":12,"downloaded":true,"pinned":false,)"
       R"("failure":{"class":"slow","domain":"D","code":-3,"text":"full","since":100,"next":200,)"
-      R"("tries":9}}]},"conflicts":[{"path":"/Home/b (conflict).txt",)"
+      R"("tries":9,"status":null,"reason":"other"}}]},)"
+      R"("conflicts":[{"path":"/Home/b (conflict).txt",)"
       R"("theirs":"/Home/b.txt"},{"path":"/c"}],)"
       R"("cache":{"files":3,"bytes":300},"history":{"files":2,"bytes":8,)"
       R"("unconfirmed":{"files":1,"bytes":5},"limit":4,"full":true}})");

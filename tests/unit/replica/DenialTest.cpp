@@ -6,6 +6,7 @@
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/NSError.h"
 #include "replica/remote/AnswerTable.h"
+#include "support/RecordingLog.h"
 #include "support/ReplicaWorld.h"
 
 namespace kestrowan::test {
@@ -90,6 +91,14 @@ TEST_F(DenialTest, RefusedRemovalOfAFolderBringsItBack) {
   deny(403);
   EXPECT_EQ(errorOf([&] { world.removeFolder("/docs/empty"); }), answered(403));
   EXPECT_THAT(world.list("/docs"), ElementsAre("a", "empty"));
+}
+
+TEST_F(DenialTest, TheLogSaysWhatTheServerAnswered) {
+  const RecordingLog log;
+  deny(403);
+  EXPECT_NE(errorOf([&] { world.makeFolder("/docs/new"); }), "");
+  EXPECT_THAT(log.lines(),
+              Contains(testing::HasSubstr("the server said no: /docs/new the server forbids it")));
 }
 
 TEST_F(DenialTest, OtherAnswersLeaveTheChangeHereAsBefore) {
