@@ -7,7 +7,7 @@ import os
 import re
 
 from patience import Interrupted, patience
-from server_side import UNIT, ServerSide
+from server_side import LARGE, UNIT, ServerSide
 from trees import differences, read_tree, shown
 
 # What a call may end with that had no effect.
@@ -44,6 +44,8 @@ class History:
         self.lost = []  # contents that the mount's side itself replaced or removed
         self.unsure = set()
         self.problems_seen = []
+        self.changes = 0  # how often files were changed through the mount
+        self.peeks = []  # (file, what it began with, how often files had been changed)
         for at, contents in OLD.items():
             self.tree[at] = contents
             if contents is None:
@@ -58,7 +60,7 @@ class History:
             with contextlib.suppress(OSError):
                 action(at, to)
             return
-        if step.kind in ("read", "look"):
+        if step.kind in ("read", "look", "peek", "finish"):
             with contextlib.suppress(OSError, Interrupted), patience():
                 action(at, to)
             return
@@ -112,6 +114,7 @@ class History:
 
     def fill(self, at, mode, change):
         """Opens a file, has its contents changed, and notes what they are then."""
+        self.changes += 1
         with open(self.at(at), mode, buffering=0) as file:
             with underway():
                 before = file.read()
@@ -190,6 +193,38 @@ class History:
             self.problems_seen.append(f"{at} had {shown(found)} when it was read, not "
                                       f"{shown(self.tree.get(at, b''))}")
 
+    def peek(self, at, _):
+        """Reads the beginning of a file, which stays open for now."""
+        file = open(self.at(at), "rb", buffering=0)
+        try:
+            self.peeks.append((file, file.read(UNIT), self.changes))
+        except BaseException:
+            file.close()
+            raise
+
+    def finish(self, *_):
+        """Reads on in what is open, to the end."""
+        peeks, self.peeks = self.peeks, []
+        for file, beginning, changes in peeks:
+            contents, is_whole = beginning, False
+            with file, contextlib.suppress(OSError):
+                while piece := file.read(64 * UNIT):
+                    contents += piece
+                is_whole = True
+            if changes == self.changes:
+                self.check_read(contents, is_whole)
+
+    def check_read(self, contents, is_whole):
+        """What a program got of a large file that nothing here changed meanwhile."""
+        for number in self.server.marks:
+            expected = self.server.contents(number) if number > LARGE else b""
+            if not expected or not contents.startswith(expected[:UNIT]):
+                continue
+            right = contents == expected if is_whole else expected.startswith(contents)
+            if not right:
+                self.problems_seen.append(f"{len(contents)} bytes were read of {len(expected)}, "
+                                          f"{'to the end' if is_whole else 'then an error'}")
+
     def look(self, at, _):
         os.listdir(os.path.dirname(self.at(at)))
 
@@ -200,6 +235,9 @@ class History:
 
     def server_remove(self, at, _):
         self.server.remove(at)
+
+    def server_film(self, at, _):
+        self.server.write(at, LARGE)
 
     server_remove_folder = server_remove
 

@@ -13,6 +13,8 @@ EXCHANGE = 2
 
 # Contents written here are so many bytes long times their number: the size tells which they are.
 UNIT = 1000
+# The numbers of large ones, of two megabytes, begin there.
+LARGE = 2000
 # New and removed files may be sent so long after the last look at their folder, and a request takes
 # a while.
 WINDOW = (-1, 4)
@@ -54,11 +56,17 @@ class ServerSide:
         self.moves += 1
         return self.aside / str(self.moves)
 
-    def write(self, path):
+    def contents(self, number):
+        return self._mark(number).ljust(UNIT * number, b".")
+
+    def _mark(self, number):
+        return b"<%s %d>" % (self.name.encode(), number)
+
+    def write(self, path, first=0):
         self.count += 1
-        mark = b"<%s %d>" % (self.name.encode(), self.count)
+        number = first + self.count
         new = self._away()
-        new.write_bytes(mark.ljust(UNIT * self.count, b"."))
+        new.write_bytes(self.contents(number))
         target = self.at(path)
         if target.is_dir():
             raise IsADirectoryError(errno.EISDIR, "a folder", str(target))
@@ -67,8 +75,8 @@ class ServerSide:
             self.known += contents_below(new)
         except FileNotFoundError:
             rename(new, target, NOREPLACE)
-        self.marks[self.count] = mark
-        self.places[self.count] = [(path, time.time())]
+        self.marks[number] = self._mark(number)
+        self.places[number] = [(path, time.time())]
 
     def remove(self, path):
         away = self._away()

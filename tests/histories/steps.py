@@ -19,6 +19,9 @@ HERE = {"write": 14, "append": 8, "truncate": 4, "mapped": 4, "replace": 9, "ren
 AT_SERVER = {"server_write": 22, "server_remove": 8, "server_remove_folder": 3, "server_rename": 9,
              "server_move_folder": 4, "server_make_folder": 5}
 
+# The same for large files, which are read while they arrive, beside the other steps.
+LARGE = {None: 8, "server_film": 5, "peek": 6, "finish": 3}
+
 UP = {None: 10, "pause": 5, "freeze": 2, "stop": 2, "kill": 2}
 FROZEN = {None: 4, "thaw": 6, "kill": 1}
 STOPPED = {None: 4, "start": 6, "kill": 2}
@@ -63,6 +66,15 @@ def steps_of(seed):
     return [step_by(rng, kinds) for _ in range(ROUNDS)]
 
 
+def large_steps_of(seed):
+    """A step with a large file, or None, beside each of the others."""
+    if not has_both_sides(seed):
+        return [None] * ROUNDS
+    rng = random.Random(f"large {seed}")
+    kinds = [chosen(rng, LARGE) for _ in range(ROUNDS)]
+    return [kind and Step(kind, rng.choice(FILES)) for kind in kinds]
+
+
 def events_of(group):
     """An event, or None, after each round."""
     rng = random.Random(f"events {group}")
@@ -80,10 +92,10 @@ def script_of(seeds):
     to all of them. A key is (seed, variant)."""
     [group] = {group_of(seed) for seed in seeds}
     events = events_of(group)
-    steps = {seed: steps_of(seed) for seed in seeds}
+    steps = {seed: list(zip(steps_of(seed), large_steps_of(seed))) for seed in seeds}
     script = []
     for number in range(ROUNDS):
-        script += [((seed, 0), steps[seed][number]) for seed in seeds]
+        script += [((seed, 0), step) for seed in seeds for step in steps[seed][number] if step]
         if events[number]:
             script.append((None, events[number]))
     return script

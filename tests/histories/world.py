@@ -39,6 +39,9 @@ class World:
                 histories[key].take(step)
         if self.state != "up":
             getattr(self, {"frozen": "thaw", "stopped": "start"}[self.state])()
+        for history in histories.values():
+            with contextlib.suppress(patience.Interrupted), patience.patience():
+                history.finish()
         played = time.monotonic()
         problems = self._end(histories)
         print(f"{len(script)} steps in {played - began:.1f} s; "
