@@ -5,6 +5,7 @@
 
 #include "cli/AnsweredError.h"
 #include "cli/Bridge.h"
+#include "host/BridgeProblem.h"
 #include "host/CommandAdvice.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
@@ -38,10 +39,6 @@ constexpr Advice kAdvice[] = {
     {NSCocoaErrorDomain, NSFileWriteFileExistsError, "already there", "choose another name"},
     {NSCocoaErrorDomain, NSFileWriteOutOfSpaceError, "the local disk is full",
      "make room, then try again"},
-    {NSURLErrorDomain, NSURLErrorCancelled,
-     "the server on this port does not present the expected certificate",
-     "another program may hold the port, or the host application made a new certificate: restart "
-     "it, so that it writes a fresh bridge file"},
     {NSURLErrorDomain, NSURLErrorBadURL, "the bridge file names an impossible port",
      "restart the host application, so that it writes a fresh bridge file"},
     {NSURLErrorDomain, NSURLErrorTimedOut, "the server did not answer in time",
@@ -92,6 +89,10 @@ std::optional<std::string> answerText(const NSError& error) {
 std::string inWords(std::string_view path, const NSError& error,
                     const std::optional<std::string>& known) {
   std::string text = escapedForDisplay(path) + ": ";
+  if (error.is(NSURLErrorDomain, NSURLErrorCancelled)) {
+    return text + host::distrustText(error) + " (" + sourceOf(error) + ")\n  " +
+           "restart the host application, so that it writes a fresh bridge file";
+  }
   const auto told = known ? known : answerText(error);
   if (told) return text + *told + " (" + sourceOf(error) + ")";
   for (const auto& advice : kAdvice) {

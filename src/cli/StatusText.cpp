@@ -43,6 +43,9 @@ std::string serverText(const JSONValue& status) {
   if (state == "offline") {
     return "not in reach; what is here can be used, and changes are sent when it is back";
   }
+  if (const auto silent = integer(status, "silent"); silent > 0) {
+    return "silent for " + durationText(silent) + "; what is here can be used meanwhile";
+  }
   if (state == "unanswered") {
     return "not reached yet: " + escapedForDisplay(text(status, "unanswered"));
   }

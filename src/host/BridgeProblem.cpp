@@ -4,8 +4,9 @@
 
 #include "bridge/FPBridge.h"
 #include "host/BridgeAccess.h"
+#include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
-#include "platform/foundation/NSError.h"
+#include "platform/linux/ContainerPath.h"
 
 namespace kestrowan::host {
 
@@ -25,6 +26,27 @@ std::string unreadable(const std::string& container, const NSError& error) {
          "\n  check that the host application is running and may write there";
 }
 
+/// Where a container would be, and why there.
+std::string lookedAt() {
+  const auto path = kestrowan::containerPath(FPBridge::kGroupIdentifier);
+  if (path.empty()) {
+    return "looked nowhere: none of $KESTROWAN_CONTAINER, $XDG_DATA_HOME and $HOME is set";
+  }
+  const auto text = "looked at " + escapedForDisplay(path);
+  return text + (path == standardContainerPath(FPBridge::kGroupIdentifier)
+                     ? "; neither --container nor $KESTROWAN_CONTAINER names another"
+                     : ", which --container or $KESTROWAN_CONTAINER names");
+}
+
+/// "on port 8443"; "there" when the bridge file does not tell.
+std::string onPort() {
+  try {
+    return "on port " + std::to_string(FPBridge::loadConfig().port);
+  } catch (const NSError&) {
+    return "there";
+  }
+}
+
 std::string onOneLine(std::string text) {
   for (auto at = text.find(kLineBreak); at != std::string::npos; at = text.find(kLineBreak, at)) {
     text.replace(at, kLineBreak.size(), "; ");
@@ -38,12 +60,8 @@ std::optional<std::string> bridgeProblem(NSFileManager& files) {
   const std::string what = "not configured: ";
   const auto container = containerPath(files);
   if (!container) {
-    return what +
-           "there is no container directory\n"
-           "  looked for $KESTROWAN_CONTAINER, else the directory " +
-           std::string(FPBridge::kGroupIdentifier) +
-           " in $XDG_DATA_HOME or ~/.local/share\n"
-           "  start the host application, or name the directory with --container";
+    return what + "there is no container directory\n  " + lookedAt() +
+           "\n  start the host application, or name the directory with --container";
   }
   if (const auto refusal = bridgeRefusal(*container)) return what + *refusal;
   try {
@@ -54,10 +72,27 @@ std::optional<std::string> bridgeProblem(NSFileManager& files) {
   }
 }
 
+std::string distrustText(const NSError& error) {
+  if (error.is(NSURLErrorDomain, NSURLErrorCancelled)) {
+    return "another program answers " + onPort() +
+           ": its certificate is not the one in the bridge file";
+  }
+  const auto notAuthenticated =
+      static_cast<std::int64_t>(NSFileProviderErrorCode::notAuthenticated);
+  if (error.is(NSFileProviderErrorDomain, notAuthenticated)) {
+    return "the server " + onPort() + " refuses the user and password in the bridge file";
+  }
+  return error.localizedDescription();
+}
+
 replica::Status statusWithBridge(const replica::Replica& replica, NSFileManager& files) {
   auto status = replica.commands().status();
   if (!status.held) return status;
-  if (auto problem = bridgeProblem(files)) status.held = onOneLine(*std::move(problem));
+  if (auto problem = bridgeProblem(files)) {
+    status.held = onOneLine(*std::move(problem));
+  } else if (status.heldBy) {
+    status.held = distrustText(*status.heldBy);
+  }
   return status;
 }
 

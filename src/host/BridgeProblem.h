@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileManager.h"
 #include "replica/Replica.h"
 
@@ -13,8 +14,12 @@ namespace kestrowan::host {
 /// thread.
 std::optional<std::string> bridgeProblem(NSFileManager& files);
 
+/// Why a server is not asked any more, in words that name its port: it refused the credentials of
+/// the bridge file, or does not have its certificate. The error's own words for another error.
+std::string distrustText(const NSError& error);
+
 /// The replica's status; while it is held for want of a usable bridge file, that is the reason, on
-/// one line.
+/// one line; else what `distrustText` says.
 replica::Status statusWithBridge(const replica::Replica& replica, NSFileManager& files);
 
 }  // namespace kestrowan::host

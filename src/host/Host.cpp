@@ -43,6 +43,7 @@
 #include "platform/base/Threads.h"
 #include "platform/foundation/CaughtError.h"
 #include "platform/foundation/Logger.h"
+#include "platform/network/TransferMonitor.h"
 #include "replica/Replica.h"
 
 namespace kestrowan::host {
@@ -57,6 +58,8 @@ using mount::Mount;
 constexpr std::chrono::milliseconds kHeldInterval = 30s;
 /// Between two looks at what is worth a line in the log.
 constexpr std::chrono::milliseconds kNewsInterval = 10s;
+/// A server that lets requests wait for so long without a byte is silent.
+constexpr std::chrono::seconds kSilence = 5s;
 /// How long readiness waits for a server that neither answers nor refuses.
 constexpr std::chrono::milliseconds kRootPatience = 5s;
 /// Between two looks whether waiting for changes to be sent still makes sense, and between two
@@ -355,6 +358,8 @@ void Host::Implementation::warn() {
 /// With a reason for being held that a person can act upon.
 replica::Status Host::Implementation::status() const {
   auto status = statusWithBridge(*replica_, *systemFiles_);
+  const auto silence = TransferMonitor::shared().silence();
+  if (silence >= kSilence && !status.held && !status.offline) status.silence = silence;
   if (status.held && withoutLinks(settings_.container) != settings_.container) {
     status.held = escapedForDisplay(settings_.container) +
                   " leads to another directory now, which the state was not made for";

@@ -133,11 +133,11 @@ JSONValue HostCommands::status(const JSONValue& request) const {
   addPath(form, "container", context_.host.container);
   form.emplace_back("process", static_cast<std::int64_t>(context_.host.process));
   form.emplace_back("started", context_.started);
-  form.emplace_back("state", context_.isStopping() ? "stopping"
-                             : status.held         ? "held"
-                             : status.offline      ? "offline"
-                             : status.unanswered   ? "unanswered"
-                                                   : "online");
+  form.emplace_back("state", context_.isStopping()                 ? "stopping"
+                             : status.held                         ? "held"
+                             : status.offline                      ? "offline"
+                             : status.unanswered || status.silence ? "unanswered"
+                                                                   : "online");
   JSONValue::Array warnings;
   for (auto& warning : context_.warnings()) warnings.emplace_back(std::move(warning));
   form.emplace_back("warnings", std::move(warnings));

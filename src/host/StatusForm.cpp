@@ -101,7 +101,11 @@ JSONValue::Object statusForm(const replica::Status& status, std::size_t limit) {
   JSONValue::Object form;
   form.emplace_back("offline", status.offline);
   form.emplace_back("unanswered", status.unanswered);
+  form.emplace_back(
+      "silent", status.silence ? JSONValue(std::int64_t{status.silence->count()}) : JSONValue());
   form.emplace_back("held", status.held);
+  form.emplace_back("heldReason",
+                    status.heldBy ? JSONValue(reasonOf(*status.heldBy)) : JSONValue());
   form.emplace_back("items", status.itemCount);
   form.emplace_back("fetching", status.fetching);
   form.emplace_back("refusedPrograms", JSONValue::Object{{"count", status.refusedPrograms},

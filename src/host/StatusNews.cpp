@@ -11,6 +11,11 @@ std::vector<std::string> StatusNews::of(const replica::Status& status) {
                           ? "the server cannot be reached; changes are kept and sent later"
                           : "the server can be reached again");
   }
+  if (std::exchange(silent_, status.silence.has_value()) != status.silence.has_value()) {
+    news.emplace_back(status.silence ? "the server is silent: no answer for " +
+                                           std::to_string(status.silence->count()) + " s"
+                                     : "the server is silent no more");
+  }
   if (held_ != status.held) {
     news.push_back(status.held ? "held until the bridge file changes: " + *status.held
                                : "the bridge file works again");

@@ -19,6 +19,7 @@ class StatusNews {
 
  private:
   bool offline_ = false;
+  bool silent_ = false;
   std::optional<std::string> held_;
   std::set<std::string> conflicts_;
   std::set<std::string> refused_;  // paths

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/NSError.h"
 #include "replica/Records.h"
 #include "replica/store/HistoryTrim.h"
 
@@ -51,6 +53,11 @@ struct Status {
   std::optional<std::string> unanswered;
   /// Nothing is asked of the provider until its configuration changes; the reason.
   std::optional<std::string> held;
+  /// The error that is the reason.
+  std::optional<NSError> heldBy;
+  /// For how long requests have waited without a byte from the server; absent while it answers. Not
+  /// the replica's to know: its owner may fill it in.
+  std::optional<std::chrono::seconds> silence;
   /// The items that are not synced, as many of them as were asked for.
   std::vector<ItemStatus> pending;
   std::int64_t pendingCount = 0;

@@ -8,6 +8,8 @@ import os
 
 import pytest
 
+from hosted import wait_for
+
 FILES = 40
 # At once, and in how many goes the number of connections has grown to that at the latest.
 AT_ONCE = 10
@@ -53,3 +55,18 @@ def test_small_files_are_fetched_at_once(home, dav):
 
 def test_connections_are_not_more_than_the_most(home, dav):
     assert read_all(home, dav, range(FILES))[1] <= MOST
+
+
+def test_a_server_that_lets_requests_wait_is_told_to_be_silent(home, dav, dav_place):
+    dav.fault("GET", None, answer={"holdFor": "go"})
+    assert dav_place.status()["silent"] is None
+    with concurrent.futures.ThreadPoolExecutor(1) as pool:
+        reading = pool.submit((home / "00" / "file").read_bytes)
+        wait_for(lambda: dav_place.status()["silent"], "silence")
+        assert dav_place.status()["state"] == "unanswered"
+        assert "silent for" in dav_place.run("status").stdout.decode()
+        dav.heal()
+        dav.release("go")
+        assert reading.result() == b"0"
+    wait_for(lambda: dav_place.status()["silent"] is None, "answers")
+    assert dav_place.status()["state"] == "online"

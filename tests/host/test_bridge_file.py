@@ -7,7 +7,7 @@ import socket
 
 import pytest
 
-from hosted import DONE, NOT_CONFIGURED, TIMED_OUT, wait_for
+from hosted import DONE, FAILED, NOT_CONFIGURED, TIMED_OUT, wait_for
 from real_server import RealServer
 
 
@@ -95,6 +95,30 @@ def test_a_wrong_bridge_file_holds_everything_until_a_right_one_comes(
     wait_for(lambda: place.status()["state"] == "online", "server")
     assert names(place.point) == ["Home"]
     assert config["pass"] not in "\n".join(mounted.lines)
+
+
+def test_another_program_on_the_port_is_told_of(make_place, server, tmp_path):
+    container = tmp_path / "container"
+    container.mkdir(mode=0o700)
+    config = json.loads((server.container / "fp-webdav.json").read_text(encoding="utf-8"))
+    with RealServer("apache", tmp_path / "other") as other:
+        config["certPEM"] = json.loads((other.container / "fp-webdav.json").read_text())["certPEM"]
+    bridge = container / "fp-webdav.json"
+    bridge.write_text(json.dumps(config), encoding="utf-8")
+    bridge.chmod(0o600)
+    place = make_place(container)
+    mounted = place.mount().ready()
+    words = f"another program answers on port {config['port']}: its certificate is not the one in " \
+            "the bridge file"
+    wait_for(lambda: place.status()["state"] == "held", "distrust")
+    status = place.status()
+    assert (status["held"], status["heldReason"]) == (words, "certificate")
+    assert words in place.run("status").stdout.decode()
+    mounted.wait_said(words)
+    assert words in place.run("doctor").stdout.decode()
+    result = place.run("ls")
+    assert words in result.stderr.decode()
+    assert place.ask("ls", code=FAILED)["error"]["reason"] == "certificate"
 
 
 def test_what_is_wrong_with_the_bridge_file_is_said_and_the_file_named(make_place, tmp_path):

@@ -140,7 +140,10 @@ void CurlTransfer::resume() {
 bool CurlTransfer::isIdle(Clock::time_point now) {
   const auto traffic = trafficOf(socket_);
   monitored_->moved(static_cast<std::int64_t>(traffic.bytesMoved - bytesMovedBefore_));
-  if (waitsForReader_) idleTimer_.restart(now);
+  if (waitsForReader_) {
+    idleTimer_.restart(now);
+    monitored_->stirred();
+  }
   return idleTimer_.note(traffic, now);
 }
 
@@ -168,6 +171,7 @@ bool CurlTransfer::maySend() {
 
 void CurlTransfer::takeHeaderLine(std::string_view line) {
   head_.add(line, status());
+  monitored_->stirred();
   if (head_.hasForeignCoding() && request_.httpMethod != "HEAD") {
     throw urlError(NSURLErrorCannotParseResponse, "a transfer coding other than chunked");
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -25,6 +26,8 @@ struct TransferStatus {
 /// The transfers in flight in this process, for whoever shows progress. Usable from every thread.
 class TransferMonitor {
  public:
+  using Clock = std::chrono::steady_clock;
+
   /// One transfer in flight: registered while it lives.
   class Entry {
    public:
@@ -39,6 +42,8 @@ class TransferMonitor {
     void expectToReceive(std::int64_t bytes);
     /// What the connection has moved for the request so far, in both directions, heads included.
     void moved(std::int64_t bytes);
+    /// Something came of the server, or need not come at present.
+    void stirred();
 
    private:
     friend class TransferMonitor;
@@ -46,6 +51,7 @@ class TransferMonitor {
     // Guarded by the monitor's mutex.
     TransferStatus status_;
     std::int64_t bytesMoved_ = 0;
+    const Clock::time_point begunAt_ = Clock::now();
   };
 
   static TransferMonitor& shared();
@@ -54,11 +60,15 @@ class TransferMonitor {
   /// Bytes that all transfers of this process have moved so far. Brought up to date about once a
   /// second; never shrinks.
   std::int64_t bytesMoved() const;
+  /// For how long requests have waited, and nothing has moved for any of them; 0 without requests.
+  /// Exact to about a second.
+  std::chrono::seconds silence() const;
 
  private:
   mutable std::mutex mutex_;
   std::set<const Entry*> entries_;
   std::int64_t bytesMoved_ = 0;
+  Clock::time_point stirredAt_ = Clock::time_point::min();
 };
 
 }  // namespace kestrowan

@@ -123,7 +123,8 @@ Status Commands::status(std::size_t limit) const {
   Status status;
   status.offline = rooms_.health.isOffline();
   status.unanswered = rooms_.health.unanswered();
-  status.held = rooms_.health.held();
+  status.heldBy = rooms_.health.held();
+  if (status.heldBy) status.held = status.heldBy->localizedDescription();
   status.history = rooms_.history.usage();
   status.historyLimit = rooms_.history.limit();
   status.pendingBytes = rooms_.tally.pendingBytes();

@@ -45,10 +45,10 @@ bool Health::isSlow() const {
   return slow_;
 }
 
-std::optional<std::string> Health::held() const {
+std::optional<NSError> Health::held() const {
   std::lock_guard lock(mutex_);
   if (state_ != State::held) return std::nullopt;
-  return error_->localizedDescription();
+  return error_;
 }
 
 std::optional<std::string> Health::unanswered() const {

@@ -34,7 +34,8 @@ class Health {
   /// Since a caller waited in vain for an answer: until one comes, no caller waits that can do
   /// without.
   bool isSlow() const;
-  std::optional<std::string> held() const;
+  /// Why nothing is asked of it.
+  std::optional<NSError> held() const;
   /// Why the provider, though it counts as up, has not answered: never so far, or not when it was
   /// asked last.
   std::optional<std::string> unanswered() const;

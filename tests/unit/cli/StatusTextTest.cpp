@@ -80,6 +80,8 @@ TEST(StatusText, TroubleIsSaidInWords) {
   EXPECT_THAT(statusText(status(R"(,"state":"offline")"), kNow, 10), HasSubstr("not in reach"));
   EXPECT_THAT(statusText(status(R"(,"state":"unanswered","unanswered":"no connection")"), kNow, 10),
               HasSubstr("not reached yet: no connection"));
+  EXPECT_THAT(statusText(status(R"(,"state":"unanswered","silent":7)"), kNow, 10),
+              HasSubstr("Server:    silent for 7 s; "));
   EXPECT_THAT(statusText(status(R"(,"state":"held","held":"wrong password")"), kNow, 10),
               HasSubstr("wrong password"));
   EXPECT_THAT(statusText(status(R"(,"warnings":["look out"])"), kNow, 10),

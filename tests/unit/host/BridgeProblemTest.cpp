@@ -8,6 +8,8 @@
 #include <fstream>
 
 #include "ScopedVariable.h"
+#include "bridge/FPBridge.h"
+#include "platform/fileprovider/NSFileProviderError.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrowan::host {
@@ -53,7 +55,27 @@ TEST_F(BridgeProblemTest, ARefusedContainerIsNamedWithTheReason) {
 TEST_F(BridgeProblemTest, AMissingContainerIsToldOfWithThePlacesWhereItWasLookedFor) {
   std::filesystem::remove_all(directory_.path());
   EXPECT_THAT(problem(), HasSubstr("there is no container directory"));
-  EXPECT_THAT(problem(), HasSubstr("$KESTROWAN_CONTAINER"));
+  EXPECT_THAT(problem(), HasSubstr("looked at " + directory_.path() + ", which"));
+}
+
+TEST_F(BridgeProblemTest, WithoutAChoiceTheStandardPlaceIsNamed) {
+  const ScopedVariable none("KESTROWAN_CONTAINER", "");
+  const ScopedVariable base("XDG_DATA_HOME", directory_.path());
+  EXPECT_THAT(problem(), HasSubstr("looked at " + directory_.path() + "/" +
+                                   std::string(FPBridge::kGroupIdentifier) + "; neither"));
+  const ScopedVariable noBase("XDG_DATA_HOME", "");
+  const ScopedVariable noHome("HOME", "");
+  EXPECT_THAT(problem(), HasSubstr("looked nowhere"));
+}
+
+TEST_F(BridgeProblemTest, AnotherProgramOnThePortIsToldOf) {
+  write(R"({"port": 8443, "user": "u", "pass": "p", "certPEM": "c"})");
+  EXPECT_EQ(distrustText(NSError(NSURLErrorDomain, NSURLErrorCancelled)),
+            "another program answers on port 8443: its certificate is not the one in the bridge "
+            "file");
+  EXPECT_EQ(distrustText(NSError(NSFileProviderErrorDomain, -1000)),
+            "the server on port 8443 refuses the user and password in the bridge file");
+  EXPECT_EQ(distrustText(NSError(NSURLErrorDomain, NSURLErrorTimedOut)), "The request timed out.");
 }
 
 }  // namespace

@@ -36,11 +36,14 @@ TEST(StatusForm, SaysEverythingOfAReplica) {
   status.lastRefusedProgram = "updatedb";
   status.watchedFolders = 5;
   status.refusedEntries = 2;
+  status.silence = std::chrono::seconds(7);
+  status.heldBy = NSError("NSFileProviderErrorDomain", -1000);
   status.partialListings = 3;
   status.partialFolders = {"/Home/cut"};
   EXPECT_EQ(
       JSONValue(statusForm(status, 10)).serialized(),
-      R"({"offline":true,"unanswered":null,"held":"no bridge file","items":20,"fetching":0,)"
+      R"({"offline":true,"unanswered":null,"silent":7,"held":"no bridge file",)"
+      R"("heldReason":"credentials","items":20,"fetching":0,)"
       R"("refusedPrograms":{"count":4,"last":"updatedb"},"watchedFolders":5,)"
       R"("refusedEntries":2,)"
       R"("partialListings":3,"partialFolders":[{"path":"/Home/cut"}],)"

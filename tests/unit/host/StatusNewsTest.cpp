@@ -25,6 +25,17 @@ TEST(StatusNews, TheServersGoingAndComingIsSaidOnce) {
   EXPECT_THAT(news.of(status), ElementsAre(HasSubstr("can be reached again")));
 }
 
+TEST(StatusNews, TheServersSilenceIsSaidOnce) {
+  StatusNews news;
+  replica::Status status;
+  status.silence = std::chrono::seconds(7);
+  EXPECT_THAT(news.of(status), ElementsAre("the server is silent: no answer for 7 s"));
+  status.silence = std::chrono::seconds(17);
+  EXPECT_THAT(news.of(status), IsEmpty());
+  status.silence.reset();
+  EXPECT_THAT(news.of(status), ElementsAre("the server is silent no more"));
+}
+
 TEST(StatusNews, WhatHoldsEverythingUpIsSaidWithItsReason) {
   StatusNews news;
   replica::Status status;

@@ -38,6 +38,30 @@ TEST(TransferMonitorTest, CountsAreThoseLastGiven) {
   EXPECT_EQ(status.bytesExpectedToReceive, 7);
 }
 
+TEST(TransferMonitorTest, TheServerIsSilentWhileARequestWaitsAndNothingMoves) {
+  TransferMonitor monitor;
+  EXPECT_EQ(monitor.silence().count(), 0);
+  TransferMonitor::Entry first(monitor, {"GET", "https://h/a", 0, 0, std::nullopt, std::nullopt});
+  while (monitor.silence().count() == 0) std::this_thread::yield();
+  first.moved(10);
+  // Until the next look at it a second may pass.
+  const auto before = TransferMonitor::Clock::now();
+  const auto silence = monitor.silence();
+  EXPECT_TRUE(silence.count() == 0 || TransferMonitor::Clock::now() - before >= silence);
+  while (monitor.silence().count() == 0) std::this_thread::yield();
+  first.moved(10);
+  EXPECT_GE(monitor.silence().count(), 1) << "nothing more has moved";
+}
+
+TEST(TransferMonitorTest, WithoutRequestsTheServerIsNotSilent) {
+  TransferMonitor monitor;
+  {
+    TransferMonitor::Entry first(monitor, {"GET", "https://h/a", 0, 0, std::nullopt, std::nullopt});
+    while (monitor.silence().count() == 0) std::this_thread::yield();
+  }
+  EXPECT_EQ(monitor.silence().count(), 0);
+}
+
 TEST(TransferMonitorTest, BytesOfAllTransfersAddUpAndStay) {
   TransferMonitor monitor;
   EXPECT_EQ(monitor.bytesMoved(), 0);
