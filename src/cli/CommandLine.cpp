@@ -24,6 +24,7 @@
 #include "cli/commands/Commands.h"
 #include "cli/drive/Driver.h"
 #include "extension/FileProviderExtension.h"
+#include "host/RequestTrace.h"
 #include "platform/foundation/Logger.h"
 
 namespace kestrowan::cli {
@@ -71,6 +72,13 @@ class CommandLine {
     app_.add_flag("--json", global_.json, "report in JSON, one object a line; failures too");
     app_.add_flag("--verbose", global_.verbose,
                   "show the extension's log on standard error, as drive always does");
+    app_.add_option("--trace", global_.trace,
+                    "write into the log, which is standard error but for a mount in the "
+                    "background: http, each request with its path, status, bytes and time")
+        ->type_name("WHAT")
+        ->check([](const std::string& what) {
+          return std::string(what == "http" ? "" : "\"" + what + "\" cannot be traced; http can");
+        });
     app_.footer(exitCodesText());
     addReadingCommands();
     addWritingCommands();
@@ -104,6 +112,7 @@ class CommandLine {
     std::string wrong;
     try {
       app_.parse(argc, argv);
+      if (!global_.trace.empty()) host::traceRequests();
       if (global_.container) ::setenv("KESTROWAN_CONTAINER", global_.container->c_str(), 1);
       return action_();
     } catch (const CLI::ParseError& problem) {

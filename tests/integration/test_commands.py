@@ -423,6 +423,16 @@ def test_the_text_of_an_answer_is_not_shown(scene):
     assert b"owned" not in result.stderr + result.stdout
 
 
+def test_requests_are_traced_on_demand(scene):
+    scene.script(multistatus(FILE, response("/Home/b\x1b", size=1)), status(403))
+    assert b"http: " not in scene.run("ls", "/Home").stderr
+    scene.script(multistatus(FILE), status(403))
+    lines = scene.run("--trace", "http", "rm", "/Home/a\x1b").stderr.decode().splitlines()
+    assert lines[0].startswith("kestrowan: http: PROPFIND /Home/a\\u001B: 207, 0 bytes sent, ")
+    assert lines[1].startswith("kestrowan: http: DELETE /Home/a\\u001B: 403, 0 bytes sent, ")
+    assert scene.run("--trace", "all", "ls").returncode == USAGE
+
+
 def test_the_extensions_log_is_shown_on_demand(scene):
     scene.script(status(500))
     log = b"[com.kestrowan.app.FileProvider:ext] error: enumerate /Home failed: "

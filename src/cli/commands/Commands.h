@@ -20,6 +20,8 @@ struct GlobalOptions {
   std::optional<std::string> container;
   bool json = false;
   bool verbose = false;
+  /// What is written into the log: empty, or "http".
+  std::string trace;
 };
 
 /// What is known of why a request failed, from a look at the server.

@@ -15,7 +15,19 @@ FinishedTransfers& FinishedTransfers::shared() {
   return *transfers;
 }
 
+void FinishedTransfers::setObserver(Observer observer) {
+  auto made = observer ? std::make_shared<const Observer>(std::move(observer)) : nullptr;
+  std::lock_guard lock(mutex_);
+  observer_ = std::move(made);
+}
+
 void FinishedTransfers::add(FinishedTransfer transfer) {
+  std::shared_ptr<const Observer> observer;
+  {
+    std::lock_guard lock(mutex_);
+    observer = observer_;
+  }
+  if (observer) (*observer)(transfer);
   std::lock_guard lock(mutex_);
   transfers_.push_back(std::move(transfer));
   if (transfers_.size() <= kMost) return;

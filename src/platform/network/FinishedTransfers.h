@@ -48,6 +48,12 @@ class FinishedTransfers {
 
   static FinishedTransfers& shared();
 
+  /// Told of each request that ends, on the thread that ends it, without a lock. Must neither block
+  /// nor throw.
+  using Observer = std::function<void(const FinishedTransfer& transfer)>;
+  /// Replaces the one before; an empty function ends it.
+  void setObserver(Observer observer);
+
   /// Drops the oldest one beyond the limit; those that are not doubtful go first.
   void add(FinishedTransfer transfer);
   /// The oldest first.
@@ -61,7 +67,8 @@ class FinishedTransfers {
                    const std::function<bool(const std::string& url)>& isMeant) const;
 
  private:
-  mutable std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;                  // guards what follows
+  std::shared_ptr<const Observer> observer_;  // null for none
   std::deque<FinishedTransfer> transfers_;
   Clock::time_point lastDropped_ = Clock::time_point::min();  // of the doubtful
 };

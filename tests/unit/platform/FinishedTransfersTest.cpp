@@ -106,6 +106,19 @@ TEST(FinishedTransfersTest, TheLatestRequestOfACallerIsFound) {
   EXPECT_FALSE(transfers.latestOf(nullptr));
 }
 
+TEST(FinishedTransfersTest, AnObserverIsToldOfEachRequest) {
+  FinishedTransfers transfers;
+  std::string seen;
+  transfers.add(listing("/before", kStart, true));
+  transfers.setObserver([&](const FinishedTransfer& one) { seen += one.url; });
+  transfers.add(listing("/a", kStart, true));
+  transfers.add(listing("/b", kStart, true));
+  transfers.setObserver({});
+  transfers.add(listing("/after", kStart, true));
+  EXPECT_EQ(seen, "/a/b");
+  EXPECT_EQ(transfers.transfers().size(), 4u);
+}
+
 class Nobody : public NSXMLParserDelegate {
  public:
   void didStartElement(std::string_view) override {}
