@@ -5,6 +5,7 @@
 #include "cli/ServerPath.h"
 #include "platform/fileprovider/NSFileProviderError.h"
 #include "platform/foundation/Logger.h"
+#include "platform/foundation/NSString.h"
 #include "platform/types/UTType.h"
 
 namespace kestrowan::cli {
@@ -25,11 +26,6 @@ Seen look(CommandContext& context, const std::string& path) {
   }
 }
 
-std::string folderOf(const std::string& path) {
-  const auto slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 bool isTaken(const NSError& error) {
   return error.is(NSCocoaErrorDomain, NSFileWriteFileExistsError);
 }
@@ -45,7 +41,7 @@ Circumstance missing() {
 }
 
 std::optional<Circumstance> ofFolder(CommandContext& context, const std::string& path) {
-  const auto folder = folderOf(path);
+  const auto folder = stringByDeletingLastPathComponent(path);
   switch (look(context, folder)) {
     case Seen::nothing:
       return Circumstance{"no-folder", "its folder " + escapedForDisplay(folder) + " is not there"};

@@ -223,9 +223,13 @@ class CommandLine {
                     "in a folder when it ends in \"/\"")
         ->required();
 
-    auto* mkdir = addDirect("mkdir", "make a folder", "  kestrowan mkdir /Home/New", kRequestEnd,
-                            [this](CommandContext& context) { return makeFolder(context, path_); });
-    mkdir->add_option("PATH", path_, "folder on the server")->required();
+    auto* mkdir = addDirect(
+        "mkdir", "make folders",
+        "  kestrowan mkdir /Home/New\n  kestrowan mkdir -p /Home/New/2026/January", kRequestEnd,
+        [this](CommandContext& context) { return makeFolders(context, makeOptions_); });
+    mkdir->add_flag("-p", makeOptions_.withParents,
+                    "make the folders above, too; one that is there is no failure");
+    mkdir->add_option("PATH", makeOptions_.paths, "folder on the server")->required();
 
     auto* mv = addDirect("mv", "rename or move an item; never replaces another",
                          "  kestrowan mv /Home/a.txt /Home/b.txt\n  kestrowan mv /Home/a.txt "
@@ -237,11 +241,12 @@ class CommandLine {
     mv->add_option("TO", path_, "its new path; a folder when it ends in \"/\"")->required();
 
     auto* rm = addDirect(
-        "rm", "remove an item", "  kestrowan rm /Home/a.txt\n  kestrowan rm -r /Home/New",
+        "rm", "remove items", "  kestrowan rm /Home/a.txt /Home/b.txt\n  kestrowan rm -r /Home/New",
         kRequestEnd,
-        [this](CommandContext& context) { return cli::remove(context, path_, recursive_); });
-    rm->add_flag("-r", recursive_, "also a folder, with all that is in it");
-    rm->add_option("PATH", path_, "item on the server")->required();
+        [this](CommandContext& context) { return cli::remove(context, removeOptions_); });
+    rm->add_flag("-r", removeOptions_.recursive, "also a folder, with all that is in it");
+    rm->add_flag("-f", removeOptions_.isForced, "what is not there is no failure");
+    rm->add_option("PATH", removeOptions_.paths, "item on the server")->required();
   }
 
   void addOtherCommands() {
@@ -300,12 +305,13 @@ class CommandLine {
   GlobalOptions global_;
   Action action_;
   ListOptions listOptions_;
+  MakeFolderOptions makeOptions_;
+  RemoveOptions removeOptions_;
   std::string command_;
   std::string path_;
   std::string source_;
   std::optional<std::string> file_;
   Zone zone_ = Zone::local;
-  bool recursive_ = false;
   bool follow_ = false;
   std::optional<std::uint32_t> seconds_;
 };

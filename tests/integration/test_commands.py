@@ -284,6 +284,40 @@ def test_mkdir_makes_a_folder(scene):
     assert scene.asked() == [("MKCOL", "/New"), ("PROPFIND", "/New")]
 
 
+def folder_at(path):
+    return multistatus(response(path + "/", folder=True))
+
+
+def test_mkdir_makes_each_of_several_folders(scene):
+    scene.routes({"MKCOL /a": status(201), "MKCOL /b": status(403), "MKCOL /c": status(201),
+                  **{f"PROPFIND /{name}": folder_at(f"/{name}") for name in "abc"}})
+    result = scene.run("mkdir", "/a", "/b", "/c")
+    assert result.returncode == PARTLY_FAILED
+    assert result.stderr.startswith(b"kestrowan: /b: ")
+    made = [target for method, target in scene.asked() if method == "MKCOL"]
+    assert made == ["/a", "/b", "/c"]
+
+
+def test_mkdir_makes_the_folders_above_too(scene):
+    gone = status(404)
+    scene.script(status(409), gone, gone,  # /a/b, nothing there, nor its folder
+                 status(201), folder_at("/a"), status(201), folder_at("/a/b"))
+    result = scene.run("--json", "mkdir", "-p", "/a/b")
+    assert result.returncode == DONE, result.stdout
+    assert report(result)["item"]["itemIdentifier"] == "/a/b"
+    assert [each for each in scene.asked() if each[0] == "MKCOL"] == [
+        ("MKCOL", "/a/b"), ("MKCOL", "/a"), ("MKCOL", "/a/b")]
+
+
+@pytest.mark.parametrize("there, code", [
+    (folder_at("/a"), DONE), (multistatus(response("/a")), FAILED)])
+def test_mkdir_with_parents_takes_a_folder_that_is_there(scene, there, code):
+    scene.script(status(405), there, there)
+    assert scene.run("mkdir", "-p", "/a").returncode == code
+    scene.script(status(405), there, there)
+    assert scene.run("mkdir", "/a").returncode == FAILED
+
+
 @pytest.mark.parametrize("to, target", [("/Home/b.txt", "/Home/b.txt"), ("/Docs/", "/Docs/a.txt"),
                                         ("/", "/a.txt")])
 def test_mv_moves(scene, to, target):
@@ -317,6 +351,27 @@ def test_rm_removes_a_file_and_asks_before_a_folder(scene):
     scene.script(multistatus(response("/Home/d/", folder=True)), status(204))
     assert scene.run("rm", "-r", "/Home/d").returncode == DONE
     assert [method for method, _ in scene.asked()].count("DELETE") == 2
+
+
+def test_rm_removes_each_of_several(scene):
+    scene.routes({"PROPFIND /Home/a": multistatus(response("/Home/a")), "DELETE /Home/a": status(204),
+                  "PROPFIND /Home/d": folder_at("/Home/d"), "PROPFIND /Home/gone": status(404),
+                  "PROPFIND /Home/z": multistatus(response("/Home/z")), "DELETE /Home/z": status(204)})
+    result = scene.run("rm", "/Home/a", "/Home/d", "/Home/gone", "/Home/z")
+    assert result.returncode == PARTLY_FAILED
+    assert b"/Home/d: is a folder" in result.stderr and b"/Home/gone: not there" in result.stderr
+    deleted = [target for method, target in scene.asked() if method == "DELETE"]
+    assert deleted == ["/Home/a", "/Home/z"]
+
+
+def test_rm_by_force_takes_what_is_not_there_as_removed(scene):
+    scene.script(status(404))
+    assert scene.run("rm", "/gone").returncode == FAILED
+    scene.script(status(404))
+    result = scene.run("rm", "-f", "/gone")
+    assert (result.returncode, result.stderr) == (DONE, b"")
+    scene.script(status(500))
+    assert scene.run("rm", "-f", "/gone").returncode == FAILED
 
 
 @pytest.mark.parametrize("arguments", [

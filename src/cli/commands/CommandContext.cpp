@@ -1,6 +1,8 @@
 #include "cli/Console.h"
 #include "cli/Explain.h"
+#include "cli/Failure.h"
 #include "cli/JSONForms.h"
+#include "cli/ServerPath.h"
 #include "cli/commands/Commands.h"
 #include "extension/FileProviderExtension.h"
 
@@ -30,6 +32,18 @@ ExitCode CommandContext::fail(const RequestFailure& failure) const {
     complain(explanation.text);
   }
   return explanation.exitCode;
+}
+
+ExitCode CommandContext::reportingFailure(const std::function<void()>& action) const {
+  try {
+    action();
+    return ExitCode::done;
+  } catch (const RequestFailure& failure) {
+    return fail(failure);
+  } catch (const UsageError& problem) {
+    reportFailure(json_, problem.what(), commandError(ExitCode::usage, problem.what()));
+    return ExitCode::usage;
+  }
 }
 
 }  // namespace kestrowan::cli

@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cli/ExitCode.h"
 #include "cli/ItemText.h"
@@ -57,6 +59,9 @@ class CommandContext {
   /// Reports a failure, in JSON on standard output or in words on standard error, and tells how the
   /// command ends.
   ExitCode fail(const RequestFailure& failure) const;
+  /// Does `action`, and reports the `RequestFailure` or `UsageError` that leaves it in the same
+  /// way.
+  ExitCode reportingFailure(const std::function<void()>& action) const;
 
  private:
   const bool json_;
@@ -89,16 +94,27 @@ ExitCode get(CommandContext& context, const std::string& path,
 /// name.
 ExitCode put(CommandContext& context, const std::string& file, const std::string& path);
 
-/// Fails when something is there.
-ExitCode makeFolder(CommandContext& context, const std::string& path);
+struct MakeFolderOptions {
+  std::vector<std::string> paths;
+  /// The folders above that are missing are made, too, and one that is there is no failure.
+  bool withParents = false;
+};
+/// Makes each folder, whatever becomes of the others; fails when something is there.
+ExitCode makeFolders(CommandContext& context, const MakeFolderOptions& options);
 
 /// Renames or moves, unless the item's capabilities forbid it; never replaces another item. A `to`
 /// that ends in "/" keeps the item's name.
 ExitCode move(CommandContext& context, const std::string& from, const std::string& to);
 
-/// Removes, unless the item's capabilities forbid it; a folder only when `recursive`, with all that
-/// is in it.
-ExitCode remove(CommandContext& context, const std::string& path, bool recursive);
+struct RemoveOptions {
+  std::vector<std::string> paths;
+  /// A folder, too, with all that is in it.
+  bool recursive = false;
+  /// What is not there is no failure.
+  bool isForced = false;
+};
+/// Removes each item, whatever becomes of the others, unless its capabilities forbid it.
+ExitCode remove(CommandContext& context, const RemoveOptions& options);
 
 /// Checks what the extension and a mount need, one line each. Throws `OutputUnwritable` alone.
 ExitCode doctor(const GlobalOptions& options);

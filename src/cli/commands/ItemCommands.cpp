@@ -1,9 +1,13 @@
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "cli/Circumstance.h"
 #include "cli/Console.h"
 #include "cli/ItemText.h"
 #include "cli/JSONForms.h"
+#include "cli/Operands.h"
 #include "cli/Requests.h"
 #include "cli/ServerPath.h"
 #include "cli/commands/Commands.h"
@@ -42,6 +46,64 @@ void demand(const NSFileProviderItem& item, NSFileProviderItemCapabilities neede
   if ((item.capabilities() & needed) != needed) throw RequestFailure{path, posixError(1)};
 }
 
+NSFileProviderItemPtr makeFolder(CommandContext& context, const std::string& at) {
+  auto folder = std::make_shared<const TemplateItem>(
+      TemplateItem::Values{.itemIdentifier = at,
+                           .parentItemIdentifier = parentIdentifier(at),
+                           .filename = lastPathComponent(at),
+                           .contentType = UTType::folder()});
+  return resultOf(context, create(context.extension(), folder, std::nullopt), Attempt::makeFolder,
+                  at);
+}
+
+/// Makes the folder and those above it that are missing; gives the one that is there as well.
+NSFileProviderItemPtr makeWithParents(CommandContext& context, const std::string& at) {
+  std::optional<RequestFailure> failure;
+  try {
+    return makeFolder(context, at);
+  } catch (const RequestFailure& refused) {
+    failure = refused;
+  }
+  const auto reason = failure->circumstance ? failure->circumstance->reason : "";
+  if (reason == "no-folder") {
+    makeWithParents(context, stringByDeletingLastPathComponent(at));
+    return makeFolder(context, at);
+  }
+  if (reason == "exists") {
+    auto item = itemAt(context, at);
+    if (item->contentType() == UTType::folder()) return item;
+  }
+  throw *failure;
+}
+
+void removeOne(CommandContext& context, const std::string& at, bool recursive) {
+  const auto item = itemAt(context, at);
+  demand(*item, NSFileProviderItemCapability::allowsDeleting, at);
+  if (item->contentType() == UTType::folder() && !recursive) {
+    throw UsageError(escapedForDisplay(at) +
+                     ": is a folder; remove it and all that is in it with -r");
+  }
+  resultOf(context, remove(context.extension(), identifier(at), recursive), Attempt::remove, at);
+  if (context.json()) {
+    Output::standard().write(JSONValue(JSONValue::Object{{"removed", at}}).serialized() + "\n");
+  }
+}
+
+bool isMissing(const RequestFailure& failure) {
+  return failure.circumstance && failure.circumstance->reason == "missing";
+}
+
+/// The paths as the server has them; throws `UsageError` with that text for the root.
+std::vector<std::string> serverPaths(const std::vector<std::string>& paths,
+                                     const std::string& ofRoot) {
+  std::vector<std::string> result;
+  for (const auto& path : paths) {
+    result.push_back(serverPath(path));
+    if (result.back() == "/") throw UsageError(ofRoot);
+  }
+  return result;
+}
+
 }  // namespace
 
 ExitCode stat(CommandContext& context, const std::string& path, Zone zone) {
@@ -55,17 +117,14 @@ ExitCode stat(CommandContext& context, const std::string& path, Zone zone) {
   return ExitCode::done;
 }
 
-ExitCode makeFolder(CommandContext& context, const std::string& path) {
-  const std::string at = serverPath(path);
-  if (at == "/") throw UsageError("the root is always there");
-  auto folder = std::make_shared<const TemplateItem>(
-      TemplateItem::Values{.itemIdentifier = at,
-                           .parentItemIdentifier = parentIdentifier(at),
-                           .filename = lastPathComponent(at),
-                           .contentType = UTType::folder()});
-  printItem(context, resultOf(context, create(context.extension(), folder, std::nullopt),
-                              Attempt::makeFolder, at));
-  return ExitCode::done;
+ExitCode makeFolders(CommandContext& context, const MakeFolderOptions& options) {
+  const auto paths = serverPaths(options.paths, "the root is always there");
+  return forEach(paths, [&](const std::string& at) {
+    return context.reportingFailure([&] {
+      printItem(context,
+                options.withParents ? makeWithParents(context, at) : makeFolder(context, at));
+    });
+  });
 }
 
 ExitCode move(CommandContext& context, const std::string& from, const std::string& to) {
@@ -97,20 +156,17 @@ ExitCode move(CommandContext& context, const std::string& from, const std::strin
   return ExitCode::done;
 }
 
-ExitCode remove(CommandContext& context, const std::string& path, bool recursive) {
-  const std::string at = serverPath(path);
-  if (at == "/") throw UsageError("the root cannot be removed");
-  const auto item = itemAt(context, at);
-  demand(*item, NSFileProviderItemCapability::allowsDeleting, at);
-  if (item->contentType() == UTType::folder() && !recursive) {
-    throw UsageError(escapedForDisplay(at) +
-                     ": is a folder; remove it and all that is in it with -r");
-  }
-  resultOf(context, remove(context.extension(), identifier(at), recursive), Attempt::remove, at);
-  if (context.json()) {
-    Output::standard().write(JSONValue(JSONValue::Object{{"removed", at}}).serialized() + "\n");
-  }
-  return ExitCode::done;
+ExitCode remove(CommandContext& context, const RemoveOptions& options) {
+  const auto paths = serverPaths(options.paths, "the root cannot be removed");
+  return forEach(paths, [&](const std::string& at) {
+    return context.reportingFailure([&] {
+      try {
+        removeOne(context, at, options.recursive);
+      } catch (const RequestFailure& failure) {
+        if (!options.isForced || !isMissing(failure)) throw;
+      }
+    });
+  });
 }
 
 }  // namespace kestrowan::cli
