@@ -214,8 +214,8 @@ def test_bash_completes_commands_options_values_and_files(unpacked, tmp_path, mo
     assert bash_completes(script, "kestrowan", "--con") == ["--container"]
     assert bash_completes(script, "kestrowan", "--container", "f") == ["folder"]
     assert bash_completes(script, "kestrowan", "--json", "moun") == ["mount"]
-    assert bash_completes(script, "kestrowan", "mount", "--no") == ["--no-index", "--no-local-names",
-                                                                   "--noexec"]
+    assert bash_completes(script, "kestrowan", "mount", "--no") == [
+        "--no-local-names", "--noexec", "--no-index"]
     assert bash_completes(script, "kestrowan", "mount", "--fsync", "s") == ["server"]
     assert bash_completes(script, "kestrowan", "mount", "--close", "=") == ["return", "wait"]
     assert bash_completes(script, "kestrowan", "mount", "--moves", "=", "r") == ["refuse"]
