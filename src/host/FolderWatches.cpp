@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kPause = 4s;
 /// With very many processes the looks take no more than so little of the time: one part of these.
-constexpr int kShare = 100;
+constexpr int kShare = 400;
 /// How often watched folders are listed, when a user may see them change and otherwise.
 constexpr milliseconds kDesktopInterval = 10s;
 constexpr milliseconds kUsualInterval = 30s;
