@@ -365,14 +365,14 @@ def test_a_name_with_a_nul_is_no_local_file(scene):
     assert scene.leftovers() == []
 
 
-def test_a_reader_that_goes_away_during_a_recursive_listing_is_an_error(scene):
+def test_a_reader_that_goes_away_ends_a_recursive_listing(scene):
     folders = [response(f"/{number}/", "<D:collection/>") for number in range(40)]
     scene.routes({"PROPFIND /": multistatus(*folders)},
                  responses=[multistatus(*[response(f"/x/{n}") for n in range(50)])])
     process = start("ls", "-R", container=scene.container, env=scene.environment())
     process.stdout.close()
     assert process.wait(60) == UNWRITABLE
-    assert b"Broken pipe" in process.stderr.read()
+    assert process.stderr.read() == b""
     process.stderr.close()
 
 
