@@ -42,6 +42,7 @@ class Host {
                                 .started = 0,
                                 .status = [this] { return replica_.commands().status(); },
                                 .warnings = [] { return std::vector<std::string>{}; },
+                                .events = [] { return std::string("off"); },
                                 .isStopping = [] { return false; },
                                 .unmount = [](bool) { return std::int64_t{0}; }}};
 };
