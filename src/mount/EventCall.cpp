@@ -20,6 +20,12 @@ EventCall comingOf(const NameChange& change, replica::Rid replaced) {
   return callOf(change, EventKind::placeFile, change.now->item, replaced);
 }
 
+/// The calls for a file in the place of `replaced`, which is 0 for the file itself. File managers
+/// take one that is moved over a name that they show for gone, until its attributes change.
+std::vector<EventCall> replacing(const NameChange& change, replica::Rid replaced) {
+  return {comingOf(change, replaced), callOf(change, EventKind::touch, change.now->item)};
+}
+
 }  // namespace
 
 std::vector<EventCall> callsFor(const NameChange& change) {
@@ -28,11 +34,11 @@ std::vector<EventCall> callsFor(const NameChange& change) {
   if (!before && !now) return {};
   if (!before) return {comingOf(change, 0)};
   if (before == now) {
-    const bool isReplaced = change.hasOtherContents && now->kind == ItemKind::file;
-    return {isReplaced ? comingOf(change, 0) : callOf(change, EventKind::touch, now->item)};
+    if (change.hasOtherContents && now->kind == ItemKind::file) return replacing(change, 0);
+    return {callOf(change, EventKind::touch, now->item)};
   }
   const bool isFile = before->kind == ItemKind::file;
-  if (now && isFile && now->kind == ItemKind::file) return {comingOf(change, before->item)};
+  if (now && isFile && now->kind == ItemKind::file) return replacing(change, before->item);
   std::vector<EventCall> calls = {callOf(change,
                                          isFile ? EventKind::removeFile : EventKind::removeFolder,
                                          before->item, now ? now->item : 0)};

@@ -43,8 +43,9 @@ TEST(EventCall, WhatGoesIsRemoved) {
   EXPECT_THAT(callsFor(change(kFolder1, {})), ElementsAre(call(EventKind::removeFolder, 21)));
 }
 
-TEST(EventCall, AFileIsReplacedByOneCall) {
-  EXPECT_THAT(callsFor(change(kFile1, kFile2)), ElementsAre(call(EventKind::placeFile, 12, 11)));
+TEST(EventCall, AFileThatReplacesAnotherIsPlacedAndTouched) {
+  EXPECT_THAT(callsFor(change(kFile1, kFile2)),
+              ElementsAre(call(EventKind::placeFile, 12, 11), call(EventKind::touch, 12)));
 }
 
 TEST(EventCall, OtherwiseWhatWasThereGoesFirst) {
@@ -57,7 +58,8 @@ TEST(EventCall, OtherwiseWhatWasThereGoesFirst) {
 }
 
 TEST(EventCall, OtherContentsOfTheSameFileAreAnotherFile) {
-  EXPECT_THAT(callsFor(change(kFile1, kFile1, true)), ElementsAre(call(EventKind::placeFile, 11)));
+  EXPECT_THAT(callsFor(change(kFile1, kFile1, true)),
+              ElementsAre(call(EventKind::placeFile, 11), call(EventKind::touch, 11)));
 }
 
 TEST(EventCall, OtherAttributesAreTouched) {

@@ -57,7 +57,8 @@ TEST_F(UntoldChangesTest, ChangesAreToldOneAfterAnotherAndFolderByFolder) {
 TEST_F(UntoldChangesTest, ChangesOfOneNameBecomeOne) {
   note(1, "a", file(11), file(12));
   note(1, "a", file(12), file(13));
-  EXPECT_THAT(next(), ElementsAre(EventCall{EventKind::placeFile, 1, "a", 13, 11}));
+  EXPECT_THAT(next(), ElementsAre(EventCall{EventKind::placeFile, 1, "a", 13, 11},
+                                  EventCall{EventKind::touch, 1, "a", 13, 0}));
   note(1, "b", {}, file(14));
   note(1, "b", file(14), {});
   EXPECT_THAT(next(), IsEmpty());
