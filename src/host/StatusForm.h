@@ -14,8 +14,8 @@ namespace kestrowan::host {
 /// What the answer to "status" says of a replica: {offline, unanswered, silent, held, heldReason,
 /// items, fetching, refusedPrograms {count, last}, watchedFolders, refusedEntries, partialListings,
 /// partialFolders, pending {count, bytes, items}, conflicts [{path, theirs?}], cache {files,
-/// bytes}, history {files, bytes, unconfirmed {files, bytes}, limit, full}}. Of the pending items at
-/// most `limit`, the failing ones first. Dates are seconds since 1970-01-01 UTC, sizes bytes;
+/// bytes}, history {files, bytes, unconfirmed {files, bytes}, limit, full}}. Of the pending items
+/// at most `limit`, the failing ones first. Dates are seconds since 1970-01-01 UTC, sizes bytes;
 /// `silent` is seconds.
 JSONValue::Object statusForm(const replica::Status& status, std::size_t limit);
 
