@@ -230,11 +230,13 @@ def is_alive(process):
 
 
 def resident(processes):
-    """The memory that processes have, in MiB."""
+    """The memory that processes have, in MiB: of the first one all that is resident, of each other
+    one what it shares with none, since the program and its libraries are there once."""
     kibibytes = 0
-    for process in processes:
-        for line in Path(f"/proc/{process}/status").read_text().splitlines():
-            if line.startswith("VmRSS:"):
+    for number, process in enumerate(processes):
+        wanted = ("Private_Clean:", "Private_Dirty:") if number else ("Rss:",)
+        for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
+            if line.startswith(wanted):
                 kibibytes += int(line.split()[1])
     return kibibytes / 1024
 
