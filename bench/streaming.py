@@ -53,7 +53,8 @@ def is_here(path):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--kestrowan", default=os.environ.get("KESTROWAN"))
+    parser.add_argument("--kestrowan",
+                        default=str(TESTS.parent / "build/release/src/cli/kestrowan"))
     parser.add_argument("--streaming", default="1M", help="the mount's option")
     arguments = parser.parse_args()
     os.environ["KESTROWAN"] = arguments.kestrowan
