@@ -58,6 +58,7 @@ class Run:
                                   random.Random(f"client {seed}"))
         self.logs = [place.directory / f"log{number}" for number in range(PROGRAMS)]
         self.ending = threading.Event()
+        self.stops = []  # (from when, to when) the host was stopped
 
     def begin(self):
         self.mount()
@@ -105,9 +106,11 @@ class Run:
         self.mount()
 
     def stop_host(self):
+        began = time.time()
         self.place.mounts[-1].send(signal.SIGSTOP)
         time.sleep(self.rng.choice((0.1, 0.5, 1.5)))
         self.place.mounts[-1].send(signal.SIGCONT)
+        self.stops.append((began, time.time()))
 
     def freeze(self):
         self.server.freeze()
@@ -179,7 +182,7 @@ def test_no_token_is_lost(apache, apache_place, seed):
         run.clean_up()
     told = Told(run.logs)
     requests = Requests(apache.directory, "/Home/Documents/together")
-    judgement = Judgement(told, run.client, requests, kept_in(apache_place.state),
+    judgement = Judgement(told, run.client, requests, run.stops, kept_in(apache_place.state),
                           *(tokens_in(contents) for tree in (here, there)
                             for contents in tree.values() if contents))
     print(f"KFP_SEED={seed}: {told.steps} steps, {len(run.place.mounts) - 2} hosts ended, "

@@ -14,6 +14,8 @@ REPLACED = {"rename": "to", "save": "at", "remove": "at"}
 SHOWN_WITHIN = 0.3
 # How long a request is on its way to the server, and cannot be called back, in seconds.
 SENT_WITHIN = 0.05
+# The same of one that was on its way when its host was stopped, once the host goes on.
+SENT_AFTER_STOP = 0.5
 
 
 class Change(NamedTuple):
@@ -140,10 +142,12 @@ def kept_in(state):
 
 
 class Judgement:
-    def __init__(self, told, client, requests, *places):
-        """`places` are sets of tokens that are there in the end."""
+    def __init__(self, told, client, requests, stops, *places):
+        """`stops` are the times from when to when the host was stopped; `places` are sets of tokens
+        that are there in the end."""
         self.told = told
         self.requests = requests
+        self.stops = stops
         found = set().union(client.known, *places)
         self.lost = []
         self.windows = []
@@ -163,7 +167,7 @@ class Judgement:
             fate = fate or self.requests.fate(place, before, after, until)
         if not fate:
             self.lost.append(self._told_of(token, came))
-        elif not fate.was_seen:
+        elif not fate.was_seen or self._was_sent_before(fate):
             self.windows.append(token.decode())
         elif self.told.has_raced(fate):
             self.raced.append(token.decode())
@@ -171,6 +175,11 @@ class Judgement:
             self.taken.append(f"by {fate.change.method} {fate.change.at} after "
                               f"{fate.change.began - came[0][1]:.3f} s\n"
                               + self._told_of(token, came))
+
+    def _was_sent_before(self, fate):
+        """Whether the request may have been on its way when its host was stopped, before the look."""
+        return any(began <= fate.was_seen and began <= fate.change.began <= ended + SENT_AFTER_STOP
+                   for began, ended in self.stops)
 
     def _told_of(self, token, came):
         """What happened at the places of a token after it came there."""
