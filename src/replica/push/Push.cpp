@@ -182,13 +182,13 @@ std::vector<ItemNumber> Push::foldersToList(const plan::Push& push,
   return result;
 }
 
-/// The folders in which the request changes something, or removes it.
+/// The folders in which the request changes something, or removes it; none when it is not to be
+/// made any more.
 std::vector<ItemNumber> Push::foldersOf(const plan::Push& push) const {
   const View view(tree_);
-  const Item* item = view->find(push.item);
-  if (!item) return {};
+  if (!isStillPlanned(*view, push)) return {};
   auto result = plan::foldersOf(*view, push);
-  if (push.change == Change::remove && item->isFolder()) {
+  if (push.change == Change::remove && view->item(push.item).isFolder()) {
     const auto inside = foldersInTree(*view, push.item);
     result.insert(result.end(), inside.begin(), inside.end());
   }
@@ -205,7 +205,8 @@ Task<Provider::Turn> Push::awaitTurn(const plan::Push& push, bool hasContents) {
     std::optional<Provider::Turn> turn(std::move(first));
     auto folders = foldersOf(push);
     const bool isLong = loop_.now() - asked > options_.freshTime;
-    if (turns == kTurns || (!isLong && !refresher_.isLooking(folders))) co_return std::move(*turn);
+    const bool isCertain = !isLong && !refresher_.isLooking(folders);
+    if (folders.empty() || isCertain || turns == kTurns) co_return std::move(*turn);
     // The looks may need turns of their own.
     turn.reset();
     co_await refresher_.endOfLooks(std::move(folders));
