@@ -19,18 +19,22 @@ struct Row {
   std::string_view reason;
 };
 
+constexpr std::int64_t code(NSFileProviderErrorCode value) {
+  return static_cast<std::int64_t>(value);
+}
+
 constexpr Row row(std::string_view domain, std::int64_t code, std::string_view reason) {
   return {domain, code, code, reason};
 }
 
 /// The first row that fits counts.
 constexpr Row kRows[] = {
-    row(NSFileProviderErrorDomain, -1000, "credentials"),
-    row(NSFileProviderErrorDomain, -1001, "exists"),
-    row(NSFileProviderErrorDomain, -1003, "full"),
-    row(NSFileProviderErrorDomain, -1004, "refused"),
-    row(NSFileProviderErrorDomain, -1005, "missing"),
-    row(NSFileProviderErrorDomain, -1007, "not-empty"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::notAuthenticated), "credentials"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::filenameCollision), "exists"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::insufficientQuota), "full"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::serverUnreachable), "refused"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::noSuchItem), "missing"),
+    row(NSFileProviderErrorDomain, code(NSFileProviderErrorCode::directoryNotEmpty), "not-empty"),
 
     row(NSPOSIXErrorDomain, EPERM, "not-permitted"),
     row(NSPOSIXErrorDomain, EACCES, "forbidden"),
