@@ -1,12 +1,12 @@
 """The disk under the replica is full."""
 
 import os
-import subprocess
 
 import pytest
 
 from hosted import wait_for
 from hosting import outcome
+from own_disk import state_on_a_disk
 from trees import read_tree
 
 OLD = b"old contents"
@@ -16,15 +16,8 @@ DISK = 24 << 20
 @pytest.fixture
 def small_disk(dav_place):
     """The state lies on a disk of its own, on which nothing fits beside what must stay free."""
-    state = dav_place.state_home
-    state.mkdir(mode=0o700)
-    mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={DISK},mode=0700", "small",
-                              state], capture_output=True, check=False)
-    if mounted.returncode:
-        pytest.skip("no disk can be mounted here")
-    yield dav_place
-    dav_place.clean_up()
-    subprocess.run(["umount", "-l", state], check=True)
+    with state_on_a_disk(dav_place, DISK) as place:
+        yield place
 
 
 def test_what_does_not_fit_is_refused_and_what_was_acknowledged_arrives(dav, small_disk):

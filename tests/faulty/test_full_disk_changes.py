@@ -7,12 +7,12 @@ A test that is expected to fail says what goes wrong; it fails the run as soon a
 import contextlib
 import os
 import resource
-import subprocess
 
 import pytest
 
 from hosted import wait_for
 from hosting import outcome
+from own_disk import state_on_a_disk
 from trees import read_tree
 
 DISK = 24 << 20
@@ -22,15 +22,8 @@ CONTENTS = bytes(range(256)) * 512
 @pytest.fixture
 def small_disk(dav_place):
     """The state lies on a disk of its own, of 24 MiB."""
-    state = dav_place.state_home
-    state.mkdir(mode=0o700)
-    mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={DISK},mode=0700", "small",
-                              state], capture_output=True, check=False)
-    if mounted.returncode:
-        pytest.skip("no disk can be mounted here")
-    yield dav_place
-    dav_place.clean_up()
-    subprocess.run(["umount", "-l", state], check=True)
+    with state_on_a_disk(dav_place, DISK) as place:
+        yield place
 
 
 def fill(place):

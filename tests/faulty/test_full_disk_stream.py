@@ -7,6 +7,7 @@ import pytest
 
 from hosted import wait_for
 from hosting import outcome
+from own_disk import state_on_a_disk
 from trees import read_tree
 
 MIB = 1 << 20
@@ -21,15 +22,8 @@ def resize(place, size):
 @pytest.fixture
 def shrinking_disk(dav_place):
     """The state lies on a disk of its own, which is large at first."""
-    state = dav_place.state_home
-    state.mkdir(mode=0o700)
-    mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4g,mode=0700", "shrinking",
-                              state], capture_output=True, check=False)
-    if mounted.returncode:
-        pytest.skip("no disk can be mounted here")
-    yield dav_place
-    dav_place.clean_up()
-    subprocess.run(["umount", "-l", state], check=True)
+    with state_on_a_disk(dav_place, "4g") as place:
+        yield place
 
 
 def leave_room(place, room):
